@@ -1,0 +1,42 @@
+# How every target of this project is compiled.
+
+# Language level, warnings and sanitizers of one of our targets.
+function(vorn_compile_options target)
+  target_compile_features(${target} PUBLIC cxx_std_17)
+  set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
+  # A log call whose values do not fit its text must not compile at all.
+  target_compile_options(${target} PRIVATE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror=format)
+  if(VORN_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+  if(VORN_SANITIZE)
+    target_compile_options(${target} PRIVATE
+      -fsanitize=${VORN_SANITIZE} -fno-sanitize-recover=all
+      -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=${VORN_SANITIZE})
+  endif()
+endfunction()
+
+# vorn_add_tests(name LIBRARIES lib... [WRAP symbol...])
+#
+# One test program of all *_test.cpp in the current folder, so that none can be
+# forgotten. CTest runs each test in a process of its own, because the
+# singletons live as long as the process. WRAP names the system calls that the
+# tests replace at link time.
+function(vorn_add_tests name)
+  cmake_parse_arguments(ARG "" "" "LIBRARIES;WRAP;SOURCES" ${ARGN})
+  if(NOT BUILD_TESTING OR NOT GTest_FOUND)
+    return()
+  endif()
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*_test.cpp)
+  add_executable(${name} ${sources} ${ARG_SOURCES})
+  vorn_compile_options(${name})
+  target_link_libraries(${name} PRIVATE
+    ${ARG_LIBRARIES} GTest::gmock GTest::gtest_main)
+  foreach(symbol IN LISTS ARG_WRAP)
+    target_link_options(${name} PRIVATE LINKER:--wrap=${symbol})
+  endforeach()
+  include(GoogleTest)
+  gtest_discover_tests(${name} PROPERTIES TIMEOUT 60 LABELS unit)
+endfunction()

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+
+namespace vorn::path {
+
+/// The installation root directory, without a trailing slash, so that the root
+/// directory "/" is the empty text. It is the environment variable VORN_ROOT if
+/// that is set and not empty, else the parent of the directory that holds the
+/// running executable. Settled at the first call and the same from then on; the
+/// reference stays valid for the life of the process. Never fails.
+///
+/// A VORN_ROOT that itself contains "install://" could be expanded without end;
+/// it is refused with one WARN line, and the executable's root is used.
+const std::string& root();
+
+}  // namespace vorn::path

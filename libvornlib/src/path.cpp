@@ -1,0 +1,47 @@
+#include "vornlib/path.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+
+#include "vornlib/trace.h"
+
+namespace vorn::path {
+namespace {
+
+constexpr std::string_view kInstallPrefix = "install://";
+
+std::string withoutTrailingSlashes(std::string path) {
+  while (!path.empty() && path.back() == '/') path.pop_back();
+  return path;
+}
+
+/// The parent of the directory that holds the running executable; the root
+/// directory where /proc cannot tell.
+std::string executableRoot() {
+  std::error_code error;
+  const auto executable =
+      std::filesystem::read_symlink("/proc/self/exe", error);
+  return withoutTrailingSlashes(executable.parent_path().parent_path());
+}
+
+}  // namespace
+
+const std::string& root() {
+  static const std::string kRoot = [] {
+    const char* const chosen = ::getenv("VORN_ROOT");
+    if (chosen == nullptr || *chosen == '\0') return executableRoot();
+    if (std::string_view(chosen).find(kInstallPrefix) ==
+        std::string_view::npos) {
+      return withoutTrailingSlashes(chosen);
+    }
+    vtrace(kWarn, __FILE__, __LINE__, "root", kPlain,
+           "VORN_ROOT '%s' contains install://, using the executable's root",
+           chosen);
+    return executableRoot();
+  }();
+  return kRoot;
+}
+
+}  // namespace vorn::path

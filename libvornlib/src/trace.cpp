@@ -1,0 +1,194 @@
+#include "vornlib/trace.h"
+
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <string_view>
+
+#include "vornlib/retry_on_eintr.h"
+
+namespace vorn {
+namespace {
+
+constexpr char kEventMark = '*';
+constexpr size_t kLevelWidth = 5;
+constexpr size_t kUsualTextSize = 512;  // longer texts take a second pass
+
+std::string& nodeName() {
+  static std::string name = "?";
+  return name;
+}
+
+/// What stands behind standard error.
+struct Sink {
+  bool journal;  // each line starts with a priority, the journal adds the time
+  bool colour;
+};
+
+/// Whether standard error is the very stream that `JOURNAL_STREAM` names; the
+/// variable is inherited by programs whose standard error is something else.
+bool isJournal() {
+  const char* const stream = ::getenv("JOURNAL_STREAM");
+  if (stream == nullptr) return false;
+  uintmax_t device = 0;
+  uintmax_t inode = 0;
+  if (std::sscanf(stream, "%" SCNuMAX ":%" SCNuMAX, &device, &inode) != 2) {
+    return false;
+  }
+  struct stat status {};
+  return ::fstat(STDERR_FILENO, &status) == 0 && status.st_dev == device &&
+         status.st_ino == inode;
+}
+
+const Sink& sink() {
+  static const Sink kSink{isJournal(), ::getenv("NO_COLOR") == nullptr &&
+                                           ::isatty(STDERR_FILENO) == 1};
+  return kSink;
+}
+
+struct LevelLook {
+  std::string word;
+  const char* colour;    // the terminal's sequence; nullptr for none
+  const char* priority;  // syslog's, as the journal reads it
+};
+
+LevelLook lookOf(int level) {
+  switch (level) {
+    case kInfo:
+      return {"INFO", "\x1b[32m", "<6>"};
+    case kWarn:
+      return {"WARN", "\x1b[33m", "<4>"};
+    case kError:
+      return {"ERROR", "\x1b[31m", "<3>"};
+    default:
+      return {std::to_string(level), nullptr, "<6>"};
+  }
+}
+
+/// UTC with microseconds, "2026-11-20T12:34:56.789012Z".
+std::string timeStamp() {
+  constexpr long kNanosecondsPerMicrosecond = 1000;
+  timespec now{};
+  (void)::clock_gettime(CLOCK_REALTIME, &now);  // cannot fail for this clock
+  tm utc{};
+  (void)::gmtime_r(&now.tv_sec, &utc);
+  std::array<char, 32> date{};
+  std::array<char, 32> fraction{};
+  (void)std::strftime(date.data(), date.size(), "%FT%T", &utc);
+  (void)std::snprintf(fraction.data(), fraction.size(), ".%06ldZ",
+                      now.tv_nsec / kNanosecondsPerMicrosecond);
+  return std::string(date.data()) + fraction.data();
+}
+
+/// As vsnprintf, but the text arrives whole whatever its length.
+std::string formatText(const char* fmt, va_list args) {
+  std::array<char, kUsualTextSize> usual{};
+  va_list again;
+  va_copy(again, args);
+  const int length = std::vsnprintf(usual.data(), usual.size(), fmt, args);
+  std::string text;
+  if (length < 0) {
+    text = fmt;  // better the bare format than no line
+  } else if (static_cast<size_t>(length) < usual.size()) {
+    text.assign(usual.data(), static_cast<size_t>(length));
+  } else {
+    text.resize(static_cast<size_t>(length));
+    (void)std::vsnprintf(text.data(), text.size() + 1, fmt, again);
+  }
+  va_end(again);
+  return text;
+}
+
+/// Appends `text` without what could forge a line or drive a terminal.
+void appendEscaped(std::string& line, std::string_view text) {
+  constexpr std::string_view kHexDigits = "0123456789abcdef";
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte != 0x7f) {
+      line += c;
+    } else if (c == '\n') {
+      line += "\\n";
+    } else if (c == '\r') {
+      line += "\\r";
+    } else if (c == '\t') {
+      line += "\\t";
+    } else {
+      line += "\\x";
+      line += kHexDigits[byte >> 4U];
+      line += kHexDigits[byte & 0x0fU];
+    }
+  }
+}
+
+/// The line's beginning, up to and with the name of the process and its pid.
+std::string linePrefix(int level, bool flag) {
+  const LevelLook look = lookOf(level);
+  std::string line = sink().journal ? look.priority : timeStamp() + ' ';
+  if (flag == kEvent) line += kEventMark;
+  const bool coloured = sink().colour && look.colour != nullptr;
+  if (coloured) line += look.colour;
+  line += look.word;
+  if (coloured) line += "\x1b[0m";
+  if (look.word.size() < kLevelWidth) {
+    line.append(kLevelWidth - look.word.size(), ' ');
+  }
+  line += ' ';
+  line += nodeName();
+  line += '[' + std::to_string(::getpid()) + ']';
+  return line;
+}
+
+/// One write(2) as long as standard error takes the line whole. The rest of one
+/// that was cut by a signal or a full pipe follows; what is refused is lost.
+void writeLine(std::string_view line) {
+  while (!line.empty()) {
+    const ssize_t written = retryOnEintr(
+        [&] { return ::write(STDERR_FILENO, line.data(), line.size()); });
+    if (written <= 0) return;
+    line.remove_prefix(static_cast<size_t>(written));
+  }
+}
+
+const char* baseName(const char* file) {
+  const char* const slash = std::strrchr(file, '/');
+  return slash == nullptr ? file : slash + 1;
+}
+
+}  // namespace
+
+void setNodeName(const std::string& name) { nodeName() = name; }
+
+void vtrace(int level, const char* file, int line, const char* func, bool flag,
+            const char* fmt, ...) {
+  const int kept_errno = errno;
+  va_list args;
+  va_start(args, fmt);
+  try {
+    std::string text = linePrefix(level, flag);
+    text += ' ';
+    text += baseName(file);
+    text += ':' + std::to_string(line) + ' ';
+    text += func;
+    text += ": ";
+    errno = kept_errno;  // for %m
+    appendEscaped(text, formatText(fmt, args));
+    text += '\n';
+    writeLine(text);
+  } catch (const std::exception&) {
+    // Out of memory: the line is lost, which must not end the launcher.
+  }
+  va_end(args);
+  errno = kept_errno;
+}
+
+}  // namespace vorn

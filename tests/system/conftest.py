@@ -1,0 +1,51 @@
+"""Fixtures of the whole-program tests."""
+
+import os
+import pathlib
+import subprocess
+import sys
+
+import pytest
+
+sys.path.insert(0, str(pathlib.Path(__file__).parent))
+
+from support.machine import Machine, unshare_command  # noqa: E402
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+
+
+def pytest_addoption(parser):
+    parser.addoption(
+        "--build",
+        default=os.environ.get("VORN_BUILD", str(ROOT / "build")),
+        help="the build folder whose bin/vornlaunch is tested",
+    )
+
+
+@pytest.fixture(scope="session", name="program")
+def fixture_program(request):
+    """The path of the launcher under test."""
+    program = pathlib.Path(request.config.getoption("--build")) / "bin/vornlaunch"
+    if not program.exists():
+        pytest.fail(f"{program} is missing; build it first")
+    return program.resolve()
+
+
+@pytest.fixture(scope="session", name="namespaces")
+def fixture_namespaces():
+    """Makes sure that namespaces can be made."""
+    probe = subprocess.run(
+        [*unshare_command(), "true"], capture_output=True, text=True, check=False
+    )
+    if probe.returncode != 0:
+        pytest.skip(
+            "no right to make a mount and pid namespace: " + probe.stderr.strip()
+        )
+
+
+@pytest.fixture(name="machine")
+def fixture_machine(tmp_path, program, namespaces):  # pylint: disable=unused-argument
+    """A machine that has not been started yet."""
+    machine = Machine(tmp_path, program)
+    yield machine
+    machine.shut_down()

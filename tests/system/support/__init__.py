@@ -1,0 +1,1 @@
+"""What the whole-program tests share."""

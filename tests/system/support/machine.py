@@ -1,0 +1,322 @@
+"""A small machine of its own for each test: mount, pid and network namespaces
+in which the launcher runs with a private /tmp."""
+
+import dataclasses
+import json
+import os
+import pathlib
+import shutil
+import signal
+import subprocess
+import sys
+
+from support import control
+from support.control import Cmd
+from support.log import parse_log
+from support.waiting import eventually
+
+INIT = pathlib.Path(__file__).with_name("namespace_init.py")
+PYTHON = "/usr/bin/python3" if os.path.exists("/usr/bin/python3") else sys.executable
+
+
+def unshare_command():
+    """The command that makes the namespaces; what follows runs as process 1."""
+    command = ["unshare", "--mount", "--pid", "--net", "--fork"]
+    command += ["--kill-child", "--mount-proc"]
+    if os.geteuid() != 0:
+        command += ["--user", "--map-root-user"]
+    return command
+
+
+@dataclasses.dataclass(frozen=True)
+class Process:
+    """A process of the machine; `pid` as the machine sees it, `host_pid` as the
+    test does."""
+
+    pid: int
+    host_pid: int
+    parent: int  # host pid
+    name: str
+    state: str  # one letter, "Z" for a zombie
+
+    @property
+    def is_alive(self):
+        return self.state not in "ZX"
+
+    def read(self, file):
+        """The bytes of a file of its /proc folder."""
+        return pathlib.Path(f"/proc/{self.host_pid}/{file}").read_bytes()
+
+    @property
+    def argv(self):
+        return [part.decode() for part in self.read("cmdline").split(b"\0")[:-1]]
+
+    @property
+    def environment(self):
+        pairs = (p.split(b"=", 1) for p in self.read("environ").split(b"\0") if p)
+        return {name.decode(): value.decode() for name, value in pairs}
+
+    @property
+    def descriptors(self):
+        """What its open descriptors are, by number."""
+        folder = f"/proc/{self.host_pid}/fd"
+        return {int(fd): os.readlink(f"{folder}/{fd}") for fd in os.listdir(folder)}
+
+    def signal(self, number):
+        os.kill(self.host_pid, number)
+
+
+def _status_fields(host_pid):
+    text = pathlib.Path(f"/proc/{host_pid}/status").read_text(encoding="utf-8")
+    return dict(line.split(":\t", 1) for line in text.splitlines() if ":\t" in line)
+
+
+class Machine:
+    """What a test puts into the machine, and the launcher that runs in it. The
+    folder `tmp` is the machine's /tmp; /tmp/install is the launcher's
+    installation root. Use start() once."""
+
+    def __init__(self, tmp, program):
+        self.tmp = tmp
+        self.unshare = None
+        (tmp / ".init").mkdir()
+        self.install = tmp / "install"
+        (self.install / "bin").mkdir(parents=True)
+        shutil.copy2(program, self.install / "bin" / "vornlaunch")
+        self.sanitized = b"__asan_init" in program.read_bytes()
+
+    # -- Before the start.
+
+    def script(self, name, body):
+        """Writes a node program in POSIX shell; returns its path in the
+        machine."""
+        return self.file(f"bin/{name}", f"#!/bin/sh\n{body}\n", mode=0o755)
+
+    def file(self, name, text, mode=0o644):
+        """Writes /tmp/`name`; returns that path."""
+        path = self.tmp / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        if isinstance(text, bytes):
+            path.write_bytes(text)
+        else:
+            path.write_text(text, encoding="utf-8")
+        path.chmod(mode)
+        return f"/tmp/{name}"
+
+    def launch_file(self, content):
+        """Writes /tmp/launch.yaml from YAML text or from a dictionary."""
+        text = content if isinstance(content, (str, bytes)) else json.dumps(content)
+        return self.file("launch.yaml", text)
+
+    def start(self, content=None, *, arguments=None, environment=None, strace=None,
+              wrapper=(), stderr=None, stdout=None, wait_until_up=True):
+        """Starts the launcher on a launch file of this `content`, or with the
+        given `arguments`, and waits until it has started the nodes.
+        `environment` adds to a bare one, None as a value removes. `strace` is
+        strace's options; its output goes to /tmp/strace.log. `wrapper` is a
+        command that runs the launcher. Standard output and error go to
+        /tmp/stdout and /tmp/stderr, or where the arguments say."""
+        if arguments is None:
+            arguments = [self.launch_file(content)]
+        command = list(wrapper)
+        if strace is not None:
+            # -D: the launcher, not strace, is the direct child.
+            command += ["strace", "-D", "-f", "-o", "/tmp/strace.log", *strace]
+        command += ["/tmp/install/bin/vornlaunch", *arguments]
+        with open(self.tmp / "stdout", "ab") as out, open(
+            self.tmp / "stderr", "ab"
+        ) as err:
+            self.unshare = subprocess.Popen(
+                [*unshare_command(), PYTHON, "-I", "-S", str(INIT), str(self.tmp),
+                 *command],
+                stdin=subprocess.DEVNULL,
+                stdout=stdout if stdout is not None else out,
+                stderr=stderr if stderr is not None else err,
+                env=self._environment(environment or {}, strace is not None),
+            )
+        eventually(
+            lambda: (self.tmp / ".init/pid").exists() or self.unshare.poll() is not None,
+            "the machine is up",
+        )
+        assert self.unshare.poll() is None, self.stderr()
+        if wait_until_up:
+            self.wait_until_up()
+        return self
+
+    def _environment(self, changes, is_traced):
+        environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8"}
+        if self.sanitized:
+            # The leak check cannot work under another tracer.
+            leaks = 0 if is_traced else 1
+            environment["ASAN_OPTIONS"] = f"detect_leaks={leaks}"
+            environment["UBSAN_OPTIONS"] = "print_stacktrace=1"
+        for name, value in changes.items():
+            if value is None:
+                environment.pop(name, None)
+            else:
+                environment[name] = value
+        return environment
+
+    def wait_until_up(self):
+        """Waits until the control socket answers, after the start of all
+        nodes."""
+        eventually(self._answers, "the launcher answers on its control socket")
+
+    def _answers(self):
+        if self.has_ended:
+            raise AssertionError("the launcher has ended:\n" + self.stderr())
+        try:
+            control.exchange(self.tmp / "vornlaunch", Cmd.STATUS, "no such node")
+            return True
+        except (FileNotFoundError, ConnectionError):
+            return False
+
+    # -- The launcher.
+
+    @property
+    def pid(self):
+        """The launcher's pid in the machine."""
+        return int((self.tmp / ".init/pid").read_text(encoding="ascii"))
+
+    @property
+    def process(self):
+        """The launcher's process; None once it has been collected."""
+        return self.find_process(self.pid)
+
+    @property
+    def has_ended(self):
+        return (self.tmp / ".init/status").exists()
+
+    def signal(self, number):
+        self.process.signal(number)
+
+    def wait(self, timeout=120.0):
+        """Waits for the launcher's end. Returns its exit status, a signal's
+        number negative."""
+        eventually(lambda: self.has_ended, "the launcher ends", timeout)
+        return int((self.tmp / ".init/status").read_text(encoding="ascii"))
+
+    def stdout(self):
+        return (self.tmp / "stdout").read_text(encoding="utf-8", errors="replace")
+
+    def stderr(self):
+        return (self.tmp / "stderr").read_text(encoding="utf-8", errors="replace")
+
+    def log(self):
+        """Every log line so far."""
+        return parse_log(self.stderr())
+
+    def heads(self):
+        """(level, event, function, text) of every log line so far."""
+        return [line.head for line in self.log()]
+
+    def log_lines(self, text):
+        """The log lines with this text."""
+        return [line for line in self.log() if line.text == text]
+
+    def wait_for_log(self, text, count=1):
+        """Waits for `count` log lines with exactly this text; returns them."""
+
+        def found():
+            lines = self.log_lines(text)
+            return lines if len(lines) >= count else None
+
+        try:
+            return eventually(found, f"{count} log line(s) '{text}'")
+        except AssertionError as error:
+            raise AssertionError(f"{error}\n{self.stderr()}") from None
+
+    def strace(self):
+        """The lines of the trace so far, without the pids."""
+        text = (self.tmp / "strace.log").read_text(encoding="utf-8", errors="replace")
+        return [line.split(maxsplit=1)[-1] for line in text.splitlines()]
+
+    # -- The control socket.
+
+    def connect(self):
+        return control.connect(self.tmp / "vornlaunch")
+
+    def request(self, cmd, name):
+        return control.exchange(self.tmp / "vornlaunch", cmd, name)
+
+    def status(self, name):
+        return self.request(Cmd.STATUS, name)
+
+    def wait_for_state(self, name, state):
+        """Waits until `name` is in `state`; returns the status."""
+
+        def reached():
+            status = self.status(name)
+            return status if status.state == state else None
+
+        return eventually(reached, f"{name} is {state.name}")
+
+    # -- The processes.
+
+    @property
+    def _init(self):
+        """The host's pid of process 1."""
+        children = f"/proc/{self.unshare.pid}/task/{self.unshare.pid}/children"
+        return int(pathlib.Path(children).read_text(encoding="ascii").split()[0])
+
+    def processes(self):
+        """Every process of the machine but process 1."""
+        namespace = os.readlink(f"/proc/{self._init}/ns/pid")
+        found = []
+        for entry in os.listdir("/proc"):
+            if not entry.isdigit():
+                continue
+            try:
+                fields = _status_fields(entry)
+                pids = fields["NSpid"].split()
+                # A zombie has no namespace left to look at; its pids tell.
+                own = len(pids) > 1 and (
+                    fields["State"][0] == "Z"
+                    or os.readlink(f"/proc/{entry}/ns/pid") == namespace
+                )
+            except (FileNotFoundError, ProcessLookupError, PermissionError):
+                continue
+            if own and pids[-1] != "1" and self._is_descendant(int(entry)):
+                found.append(
+                    Process(
+                        pid=int(pids[-1]),
+                        host_pid=int(entry),
+                        parent=int(fields["PPid"]),
+                        name=fields["Name"],
+                        state=fields["State"][0],
+                    )
+                )
+        return found
+
+    def _is_descendant(self, host_pid):
+        init = self._init
+        try:
+            while host_pid not in (0, 1):
+                if host_pid == init:
+                    return True
+                host_pid = int(_status_fields(host_pid)["PPid"])
+        except (FileNotFoundError, ProcessLookupError):
+            pass
+        return False
+
+    def find_process(self, pid):
+        """The process of this pid in the machine, or None."""
+        return next((p for p in self.processes() if p.pid == pid), None)
+
+    def is_alive(self, pid):
+        process = self.find_process(pid)
+        return process is not None and process.is_alive
+
+    def run(self, *command, timeout=60.0, check=True):
+        """Runs a command in the machine; returns its standard output."""
+        return subprocess.run(
+            ["nsenter", f"--target={self._init}", "--mount", "--pid", "--net", *command],
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, check=check,
+            timeout=timeout, encoding="utf-8", env=self._environment({}, False),
+        ).stdout
+
+    def shut_down(self):
+        """Kills everything that runs in the machine."""
+        if self.unshare is not None:
+            self.unshare.send_signal(signal.SIGKILL)
+            self.unshare.wait()

@@ -1,0 +1,127 @@
+#pragma once
+
+#include <signal.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "config.h"
+#include "vornlib/time.h"
+
+namespace vorn::launch {
+
+/// What the launcher wants of a node and knows of its child. The numbers travel
+/// in the reply to a STATUS request.
+///
+///                       start
+///             +----------------------------+
+///             |                            v
+///         STOPPED <-------- stop ------ RUNNING <---- start ----+
+///             ^                            |                    |
+///             |                         exited by               |
+///           stop                         itself                 |
+///             |                            v      5 s since     |
+///             +----------------------- RESTARTING -- start -----+
+///
+///   any state -- disable, a oneshot's exit, executable missing --> DISABLED
+///   DISABLED -- enable, then start --> RUNNING
+enum class NodeState : int32_t {
+  STOPPED = 0,     // no child wanted; after a stop `pid` stays until the reap
+  RUNNING = 1,     // forked, and neither a stop nor its exit handled yet
+  RESTARTING = 2,  // exited by itself, the registry will start it again
+  DISABLED = 3,    // not started until enabled
+};
+
+/// One supervised child process: what to execute, with which environment, and
+/// what to do when it exits. The parser fills it, NodeManager owns it for the
+/// life of the process, everybody else borrows plain pointers.
+///
+/// Main thread only. All operations that change the state block the launcher on
+/// purpose, for up to ten seconds in a stop. They lock `mutex` for their whole
+/// duration; a stop then locks the nodes in `required` as well, so locks nest
+/// along `required`, and a cycle of two or more nodes blocks for good.
+/// Operations report failure by one log line and `false`.
+class Node {
+ public:
+  explicit Node(std::string name);
+  Node(const Node&) = delete;
+  Node& operator=(const Node&) = delete;
+
+  /// Starts the child, after a delay of `sleep`. True when the node is running
+  /// afterwards, which includes one that was already running. False when it is
+  /// disabled (then DISABLED), when its one-time autostart skip applies, when
+  /// the executable is missing (then disabled), or when the fork failed.
+  bool start();
+
+  /// start() for callers that hold `mutex`.
+  bool startInternal();
+
+  /// Replaces the process by the program `arguments`, which are not empty and
+  /// whose first is also the file, not searched in PATH. Returns only on
+  /// failure, false.
+  bool execvInternal(const std::vector<std::string>& arguments);
+
+  /// Ends the child and restarts the running nodes in `required`. Returns when
+  /// the child is dead or was sent SIGKILL; its exit is handled by a later
+  /// reap(), until when `pid` keeps its id. True also when no child was wanted.
+  /// False only when SIGTERM could not be sent; the node is still RUNNING then.
+  bool stop();
+
+  /// stop() for callers that hold `mutex`.
+  bool stopInternal();
+
+  /// Restarts this node if it is RUNNING because one that requires it stops or
+  /// restarts. True when it was not running, or was stopped and started again.
+  /// A oneshot node ends DISABLED and false.
+  bool stopRequired();
+
+  /// Calls stopRequired() on every node that `required` names, in its order.
+  /// The node's own name and names of no node are passed over.
+  void restartRequired();
+
+  /// Stops a running child, then starts the node. True when it was started.
+  bool restart();
+
+  /// Takes note that the child has exited: the node becomes DISABLED, STOPPED
+  /// or RESTARTING as its flags say. `info`, as waitid() filled it, is unused.
+  void reap(const siginfo_t& info);
+
+  /// Stops the node and marks it disabled, whatever the stop returned. Returns
+  /// the stop's result.
+  bool disable();
+
+  /// Makes a disabled node startable. Always true.
+  // KEEP: takes no lock, leaves the state at DISABLED and starts nothing,
+  // unlike disable(); an operator decides when it runs again. Intended.
+  // Test: NodeTest.EnableLeavesTheStateDisabled
+  bool enable();
+
+  /// Whole seconds since the last successful fork, truncated; before the first
+  /// one the steady clock's own reading.
+  int64_t getStartInterval() const;
+
+  std::string name;                   // unique by convention only
+  std::vector<std::string> argv;      // [0] is the executable's path
+  std::vector<std::string> required;  // nodes restarted together with this one
+  Environment environment;            // set in the child after Config's
+  bool disabled = false;              // every start fails until enable()
+  bool oneshot = false;               // disabled by its exit, not restarted
+  bool stopped = false;   // a stop was requested since the last fork
+  bool autostart = true;  // false: the next start attempt is skipped
+  uint32_t sleep = 0;     // milliseconds before each fork
+  std::chrono::steady_clock::time_point startTime{};      // last fork, or zero
+  std::chrono::system_clock::time_point startWallTime{};  // last fork, or zero
+  std::mutex mutex;
+  pid_t pid = 0;  // 0: no child
+  NodeState state = NodeState::STOPPED;
+
+ private:
+  [[noreturn]] void runChild();
+  bool waitUntilGone() const;
+};
+
+}  // namespace vorn::launch

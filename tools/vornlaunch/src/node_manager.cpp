@@ -1,0 +1,67 @@
+#include "node_manager.h"
+
+#include <mutex>
+#include <new>
+#include <utility>
+
+#include "vornlib/time.h"
+#include "vornlib/trace.h"
+
+namespace vorn::launch {
+namespace {
+
+constexpr int kRestartIntervalSeconds = 5;
+
+}  // namespace
+
+NodeManager& NodeManager::getInstance() {
+  static NodeManager* instance = nullptr;
+  static std::once_flag once;
+  if (instance == nullptr) {
+    std::call_once(once, [] { instance = new (std::nothrow) NodeManager(); });
+  }
+  return *instance;
+}
+
+void NodeManager::addNode(const std::string& name, std::unique_ptr<Node> node) {
+  VTRACE(kInfo, kPlain, "name: %s", name.c_str());
+  nodes_.push_back(std::move(node));
+}
+
+Node* NodeManager::findNode(int pid) {
+  for (const auto& node : nodes_) {
+    if (node->pid == pid) return node.get();
+  }
+  return nullptr;
+}
+
+Node* NodeManager::findNode(const std::string& name) {
+  for (const auto& node : nodes_) {
+    if (node->name == name) return node.get();
+  }
+  return nullptr;
+}
+
+void NodeManager::startingUp() {
+  for (const auto& node : nodes_) {
+    if (!node->disabled) (void)node->start();
+  }
+}
+
+bool NodeManager::pollingRestart() {
+  bool pending = false;
+  for (const auto& node : nodes_) {
+    if (node->state != NodeState::RESTARTING) continue;
+    // From the last start, not from the exit: a node that ran long enough is
+    // back at once, one that dies at once cannot spin.
+    if (static_cast<int>(node->getStartInterval()) < kRestartIntervalSeconds) {
+      pending = true;
+      continue;
+    }
+    node->restartRequired();
+    (void)node->start();  // a failed one is no longer RESTARTING
+  }
+  return pending;
+}
+
+}  // namespace vorn::launch

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <yaml-cpp/yaml.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "node.h"
+#include "vornlib/time.h"
+
+namespace vorn::launch {
+
+/// Returns `value` with every "install://" replaced by the installation root
+/// and one slash: under the root /opt/x, "install://lib" is "/opt/x/lib".
+std::string expandInstallRoot(std::string value);
+
+/// Turns a launch file into nodes in the NodeManager and global settings in
+/// Config. Holds nothing between calls; a second Parse() would register every
+/// node again.
+///
+/// A wrong launch file throws yaml-cpp's exceptions (derived from
+/// YAML::Exception), which nobody catches: the launcher ends before it has
+/// started a node. What was read before the fault stays in the registry.
+class Parser {
+ public:
+  /// What a recognised key of a node does to it, by key.
+  using KeyHandlers =
+      std::map<std::string, std::function<void(const std::unique_ptr<Node>&,
+                                               const YAML::Node&)>>;
+
+  /// Reads the launch file at `path`. False, after one ERROR line, only when it
+  /// cannot be opened; true also when it holds no node.
+  bool Parse(const std::string& path);
+
+  /// Reads the value of the top-level key `configure`.
+  void parseConfigs(const YAML::Node& configure);
+
+  /// Exports the variables of `configure`'s `environment` into the launcher
+  /// itself, at once, and appends them to Config's.
+  void parseSetenv(const YAML::Node& environment);
+
+  /// Registers every node of the top-level key `vornnode`, in file order.
+  void parseNodes(const YAML::Node& nodes);
+
+  /// Registers the node `name` as `description` tells it. One without `path` is
+  /// dropped with a WARN line.
+  void parseNode(const std::string& name, const YAML::Node& description,
+                 const KeyHandlers& handlers);
+};
+
+}  // namespace vorn::launch

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "vornlib/time.h"
+
+// The signals that the launcher reads like any other input: SIGCHLD and
+// SIGTERM are blocked and arrive through a signalfd that the event loop
+// watches, so that their handling may use the whole program. The fatal and stop
+// signals have an asynchronous handler in vornlaunch.cpp.
+
+namespace vorn::launch {
+
+class Epoll;
+
+/// The signalfd, close-on-exec, open for the life of the process; -1 before
+/// installSignalHandler() and after its failure to create it.
+extern int signal_fd;
+
+/// Routes SIGCHLD and SIGTERM to `signal_fd` and registers that in `epoll`,
+/// which must be open. Every child forked from then on starts with the two
+/// signals unblocked and at their defaults. False, after one ERROR line, at the
+/// first step that fails; the earlier steps stay done.
+bool installSignalHandler(Epoll* epoll);
+
+/// Serves one record of `signal_fd`. SIGTERM stops every node in registry order
+/// and ends the process by exit(0). SIGCHLD collects every exited child, after
+/// its node has been told. Anything else, and a failed read, is one ERROR line.
+void handleSignalFd();
+
+/// The hook that runs in every forked child before it goes on to exec: gives
+/// SIGCHLD and SIGTERM their default dispositions and unblocks them.
+void unblockSignals();
+
+}  // namespace vorn::launch

@@ -1,0 +1,143 @@
+// The entry and the main loop. `vornlaunch launch.yaml` starts the nodes of the
+// launch file and supervises them until a signal ends it.
+
+#include "vornlaunch.h"
+
+#include <signal.h>
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <iterator>
+#include <mutex>
+#include <string>
+
+#include "control_node.h"
+#include "epoll.h"
+#include "node_manager.h"
+#include "parser.h"
+#include "signal_handler.h"
+#include "vornlib/time.h"
+#include "vornlib/trace.h"
+
+namespace {
+
+using vorn::kError;
+using vorn::kEvent;
+using vorn::kPlain;
+
+constexpr int kUsageStatus = 1;
+constexpr int kRestartPollMs = 1000;
+constexpr int kNoTimeout = -1;
+
+// KEEP: SIGABRT stands here twice and is installed twice, which does no harm.
+// SIGPIPE is here so that the handler can swallow it.
+// Test: test_startup.py, test_the_twelve_fatal_signals_are_armed_in_order
+constexpr int kFatalSignals[] = {SIGTERM, SIGQUIT, SIGHUP,  SIGSEGV,
+                                 SIGBUS,  SIGABRT, SIGILL,  SIGFPE,
+                                 SIGINT,  SIGABRT, SIGTRAP, SIGPIPE};
+
+bool exited = false;  // set by sig_seg_handler(), ends the main loop
+std::mutex signo_mutex_;
+
+void armFatalSignals() {
+  struct sigaction action {};
+  action.sa_handler = sig_seg_handler;
+  (void)::sigemptyset(&action.sa_mask);
+  action.sa_flags = 0;  // without SA_RESTART: a signal ends a blocking wait
+  for (size_t i = 0; i < std::size(kFatalSignals); ++i) {
+    if (::sigaction(kFatalSignals[i], &action, nullptr) != 0) {
+      // KEEP: describes signal number `i`, the place in the list, not the
+      // signal that was refused. Intended.
+      // Test: test_startup.py, test_a_refused_sigaction_is_reported_by_index
+      std::printf("Failed to setup fatal sigaction(%s)\n",
+                  ::strsignal(static_cast<int>(i)));
+    }
+  }
+}
+
+/// `path` with every run of slashes as one; two that begin a name such as
+/// "//host" stay.
+std::string withSingleSlashes(const std::string& path) {
+  const bool keeps_two =
+      path.size() > 2 && path[0] == '/' && path[1] == '/' && path[2] != '/';
+  std::string single = keeps_two ? path.substr(0, 2) : std::string();
+  for (size_t i = single.size(); i < path.size(); ++i) {
+    const bool repeats =
+        path[i] == '/' && !single.empty() && single.back() == '/';
+    if (!repeats) single += path[i];
+  }
+  return single;
+}
+
+/// Whether something stands at `path`, a directory included. Throws
+/// std::filesystem::filesystem_error when that cannot be told.
+bool launchFileExists(const std::string& path) {
+  return std::filesystem::exists(
+      std::filesystem::status(withSingleSlashes(path)));
+}
+
+/// Waits for events and serves them until a fatal or stop signal has come. The
+/// flag is looked at between batches, never inside one.
+void runMainLoop(vorn::launch::Epoll& epoll) {
+  auto& nodes = vorn::launch::NodeManager::getInstance();
+  while (!exited) {
+    const bool is_restart_pending = nodes.pollingRestart();
+    for (const auto* handler :
+         epoll.wait(is_restart_pending ? kRestartPollMs : kNoTimeout)) {
+      (*handler)();
+    }
+  }
+}
+
+}  // namespace
+
+// KEEP: locks and prints in a signal handler, where neither is safe. Another
+// signal inside the locked lines would wait for itself for good; known and
+// accepted. A real fault returns into its instruction and so spins silently;
+// known as well. Add nothing here.
+// Test: test_signals.py, test_only_the_first_fatal_signal_prints
+void sig_seg_handler(int sig) {
+  static bool sig_seg_handled = false;
+  if (sig == SIGPIPE) return;
+  {
+    const std::scoped_lock lock(signo_mutex_);
+    if (sig_seg_handled) return;
+    sig_seg_handled = true;
+  }
+  std::printf("vornlaunch handle with %s(%d)\n", ::strsignal(sig), sig);
+  exited = true;
+}
+
+int main(int argc, char* argv[]) {
+  vorn::setNodeName("vornlaunch");
+  armFatalSignals();
+  if (argc != 2) {
+    (void)std::puts("Usage: \n  vornlaunch launch.yaml\n\n");
+    return kUsageStatus;
+  }
+  const std::string launch_file = argv[1];
+  if (!launchFileExists(launch_file)) {
+    VTRACE(kError, kEvent, "No launch file exists: %s", launch_file.c_str());
+    return 0;
+  }
+  // KEEP: from here on every failure ends with status 0. Intended.
+  // Test: test_startup.py, test_an_unreadable_launch_file_ends_with_status_0
+  if (!vorn::launch::Parser().Parse(launch_file)) return 0;
+
+  vorn::launch::Epoll epoll;
+  if (!epoll.open()) {
+    VTRACE(kError, kPlain, "epoll open failed.");
+    return 0;
+  }
+  // KEEP: a launcher without supervision or without a control socket still
+  // starts its nodes. Intended.
+  // Test: test_startup.py, test_the_launcher_runs_on_without_a_control_socket
+  (void)vorn::launch::installSignalHandler(&epoll);
+  (void)vorn::launch::ControlNode::getInstance().init(&epoll);
+  vorn::launch::NodeManager::getInstance().startingUp();
+  runMainLoop(epoll);
+  // KEEP: the nodes run on as orphans; only SIGTERM stops them. Intended.
+  // Test: test_signals.py, test_sigint_ends_with_status_0_and_leaves_children
+  return 0;
+}
