@@ -6,7 +6,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -40,14 +39,10 @@ struct Sink {
 bool isJournal() {
   const char* const stream = ::getenv("JOURNAL_STREAM");
   if (stream == nullptr) return false;
-  uintmax_t device = 0;
-  uintmax_t inode = 0;
-  if (std::sscanf(stream, "%" SCNuMAX ":%" SCNuMAX, &device, &inode) != 2) {
-    return false;
-  }
   struct stat status {};
-  return ::fstat(STDERR_FILENO, &status) == 0 && status.st_dev == device &&
-         status.st_ino == inode;
+  return ::fstat(STDERR_FILENO, &status) == 0 &&
+         std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino) ==
+             stream;
 }
 
 const Sink& sink() {

@@ -98,9 +98,9 @@ void runMainLoop(vorn::launch::Epoll& epoll) {
 // known as well. Add nothing here.
 // Test: test_signals.py, test_only_the_first_fatal_signal_prints
 void sig_seg_handler(int sig) {
-  static bool sig_seg_handled = false;
   if (sig == SIGPIPE) return;
   {
+    static bool sig_seg_handled = false;
     const std::scoped_lock lock(signo_mutex_);
     if (sig_seg_handled) return;
     sig_seg_handled = true;
@@ -109,7 +109,7 @@ void sig_seg_handler(int sig) {
   exited = true;
 }
 
-int main(int argc, char* argv[]) {
+int main(int argc, char** argv) {
   vorn::setNodeName("vornlaunch");
   armFatalSignals();
   if (argc != 2) {

@@ -1,0 +1,90 @@
+# shellcheck shell=bash
+# What the scripts of this project share; to be sourced.
+
+set -euo pipefail
+
+# Debian's packages for each purpose.
+# shellcheck disable=SC2034  # used by the scripts that source this file
+{
+  BUILD_PACKAGES=(build-essential cmake libyaml-cpp-dev procps)
+  TEST_PACKAGES=(libgtest-dev libgmock-dev python3 python3-pytest
+    python3-pytest-xdist strace)
+  SERVER_PACKAGES=(redis-server nginx mosquitto mosquitto-clients curl)
+  CLANG_PACKAGES=(clang-14)
+  LINT_PACKAGES=(clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck
+    pyflakes3)
+}
+
+say() { printf '== %s\n' "$*" >&2; }
+
+die() {
+  printf '%s: %s\n' "$(basename -- "$0")" "$*" >&2
+  exit 2
+}
+
+# Runs a command as root, without ever asking for a password.
+as_root() {
+  if [[ $EUID -eq 0 ]]; then
+    "$@"
+  else
+    sudo -n "$@"
+  fi
+}
+
+# install_packages PACKAGE... installs those that are missing.
+install_packages() {
+  local package missing=()
+  for package in "$@"; do
+    dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null |
+      grep -qx installed || missing+=("$package")
+  done
+  [[ ${#missing[@]} -gt 0 ]] || return 0
+  command -v apt-get >/dev/null ||
+    die "no apt-get here; install what corresponds to Debian's ${missing[*]}"
+  if [[ $EUID -ne 0 ]] && ! sudo -n true 2>/dev/null; then
+    die "no right to install packages; run once as root: apt-get install ${missing[*]}"
+  fi
+  say "installing ${missing[*]}"
+  as_root apt-get -qq update ||
+    die "apt-get update failed; are Debian's package servers in reach?"
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq install -y \
+    --no-install-recommends -o DPkg::Lock::Timeout=300 "${missing[@]}" \
+    >/dev/null || die "could not install ${missing[*]}"
+}
+
+# As install_packages, for servers that shall not start on this machine now.
+install_servers() {
+  local policy=/usr/sbin/policy-rc.d
+  if [[ -e $policy ]]; then
+    install_packages "$@"
+    return
+  fi
+  # Nothing is touched when nothing has to be installed.
+  dpkg-query -W -f '${db:Status-Status}\n' "$@" 2>/dev/null |
+    grep -cx installed | grep -qx "$#" && return
+  # shellcheck disable=SC2064  # the path shall be the one of now
+  trap "as_root rm -f $policy" EXIT
+  printf '#!/bin/sh\nexit 101\n' | as_root install -m 755 /dev/stdin $policy ||
+    die "no right to install packages; run once as root: apt-get install $*"
+  install_packages "$@"
+  as_root rm -f $policy
+  trap - EXIT
+}
+
+# configure_build PRESET [CMAKE-OPTION...] configures quietly; what it said is
+# shown when it fails.
+configure_build() {
+  local preset=$1 said
+  shift
+  said=$(cmake --preset "$preset" "$@" 2>&1) ||
+    die "cmake could not configure the $preset build:"$'\n'"$said"
+}
+
+# build PRESET [BUILD-OPTION...]
+build() {
+  local preset=$1
+  shift
+  say "building ($preset)"
+  cmake --build --preset "$preset" --parallel "$(nproc)" "$@" >&2 ||
+    die "the $preset build failed"
+}

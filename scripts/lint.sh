@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Checks the form of everything; says what is wrong, changes nothing.
+
+# shellcheck source=scripts/common.sh
+source "$(dirname -- "${BASH_SOURCE[0]}")/common.sh"
+cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.."
+
+failed=false
+check() {
+  say "$1"
+  shift
+  "$@" || failed=true
+}
+
+run_clang_tidy() {
+  # The compile commands of Clang's own build; GCC's options would confuse it.
+  configure_build clang -DVORN_REQUIRE_TESTS=ON
+  printf '%s\0' "${sources[@]}" |
+    xargs -0 -P "$(nproc)" -n 1 clang-tidy-14 -p build-clang --quiet \
+      --warnings-as-errors='*' 2> >(grep -v 'warnings\? generated' >&2)
+}
+
+mapfile -t cpp < <(git ls-files '*.cpp' '*.h')
+mapfile -t sources < <(git ls-files '*.cpp')
+mapfile -t shell < <(git ls-files '*.sh' .ci/run examples/demo/bin)
+mapfile -t python < <(git ls-files '*.py')
+
+check clang-format clang-format-14 --dry-run -Werror "${cpp[@]}"
+check shellcheck shellcheck -x "${shell[@]}"
+check pyflakes pyflakes3 "${python[@]}"
+check cppcheck cppcheck --quiet --std=c++17 --language=c++ \
+  --enable=warning,performance,portability,style --inline-suppr \
+  --suppressions-list=.cppcheck-suppressions --error-exitcode=1 \
+  -I libvornlib/include -I tools/vornlaunch/src \
+  libvornlib/src libvornlib/include tools/vornlaunch/src
+check clang-tidy run_clang_tidy
+if $failed; then exit 1; fi

@@ -1,0 +1,147 @@
+#!/usr/bin/env bash
+# Builds the launcher and tests it.
+
+# shellcheck source=scripts/common.sh
+source "$(dirname -- "${BASH_SOURCE[0]}")/scripts/common.sh"
+cd -- "$(dirname -- "${BASH_SOURCE[0]}")"
+
+usage() {
+  cat <<TEXT
+Usage: ./test.sh [OPTION...]
+
+Installs the Debian packages that are missing, builds, runs every test, and
+closes with the counts. Exit status: 0 all passed, 1 something failed, 2 it
+could not be run.
+
+What is run (default: --unit --system):
+  --unit          the unit tests
+  --system        the whole-program tests; they need the right to make
+                  namespaces (root, or unprivileged user namespaces)
+  --lint          clang-format, clang-tidy, cppcheck, shellcheck, pyflakes
+  --all           all of these, with Clang's warnings and sanitizers: as CI
+
+Which of them, and how:
+  --filter TEXT   only tests with TEXT in their name
+  --repeat N      the tests N times, until one fails
+  --preset NAME   the build: release (default), dev, clang, asan, coverage
+  --asan          the same as --preset asan
+  -j N            N whole-program tests at a time (default: 4 per core; they
+                  mostly wait)
+  -h, --help      this text
+TEXT
+}
+
+preset=release
+suites=()
+filter=
+repeat=1
+jobs=$(($(nproc) * 4))
+all=false
+
+# The build folder of a preset.
+build_folder() {
+  if [[ $1 == release ]]; then echo build; else echo "build-$1"; fi
+}
+
+parse_options() {
+  while [[ $# -gt 0 ]]; do
+    case $1 in
+      --unit | --system | --lint) suites+=("${1#--}") ;;
+      --all) all=true ;;
+      --asan) preset=asan ;;
+      --filter | --repeat | --preset | -j)
+        [[ $# -ge 2 ]] || die "$1 needs a value; see ./test.sh --help"
+        case $1 in
+          --filter) filter=$2 ;;
+          --repeat) repeat=$2 ;;
+          --preset) preset=$2 ;;
+          -j) jobs=$2 ;;
+        esac
+        shift
+        ;;
+      -h | --help)
+        usage
+        exit 0
+        ;;
+      *) die "unknown option '$1'; see ./test.sh --help" ;;
+    esac
+    shift
+  done
+  [[ $repeat =~ ^[1-9][0-9]*$ ]] || die "--repeat takes a whole number from 1"
+  [[ $jobs =~ ^[1-9][0-9]*$ ]] || die "-j takes a whole number from 1"
+  [[ $preset =~ ^(release|dev|clang|asan|coverage)$ ]] ||
+    die "no preset '$preset'; see ./test.sh --help"
+  if [[ ${#suites[@]} -eq 0 ]]; then suites=(unit system); fi
+}
+
+# Results, one JUnit file a run, to be counted at the end.
+results=$(mktemp -d)
+trap 'rm -rf "$results"' EXIT
+runs=0
+failed=false
+
+build_preset() {
+  install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
+  if [[ $1 == clang ]]; then install_packages "${CLANG_PACKAGES[@]}"; fi
+  configure_build "$1" -DVORN_WERROR=ON -DVORN_REQUIRE_TESTS=ON
+  build "$1"
+}
+
+run_unit() {
+  say "unit tests ($1)"
+  runs=$((runs + 1))
+  ctest --test-dir "$(build_folder "$1")" --parallel "$(nproc)" --quiet \
+    --no-tests=ignore --output-on-failure \
+    ${filter:+-R "$filter"} --output-junit "$results/$runs.xml" || failed=true
+}
+
+run_system() {
+  install_servers "${SERVER_PACKAGES[@]}"
+  say "whole-program tests ($1)"
+  runs=$((runs + 1))
+  local status=0
+  /usr/bin/python3 -m pytest -q -p no:cacheprovider -n "$jobs" \
+    --build "$(build_folder "$1")" ${filter:+-k "$filter"} \
+    --junitxml "$results/$runs.xml" tests/system || status=$?
+  # 5: no test was selected, which the count at the end judges.
+  [[ $status -eq 0 || $status -eq 5 ]] || failed=true
+}
+
+run_lint() {
+  install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" \
+    "${LINT_PACKAGES[@]}"
+  say "lint"
+  scripts/lint.sh || failed=true
+}
+
+# run_suites PRESET SUITE...
+run_suites() {
+  local suite built=false
+  for suite in "${@:2}"; do
+    if [[ $suite == lint ]]; then
+      run_lint
+      continue
+    fi
+    $built || build_preset "$1"
+    built=true
+    "run_$suite" "$1"
+  done
+}
+
+parse_options "$@"
+for ((round = 1; round <= repeat; ++round)); do
+  if [[ $repeat -gt 1 ]]; then say "round $round of $repeat"; fi
+  if $all; then
+    build_preset clang
+    run_suites release lint unit system
+    run_suites asan unit system
+  else
+    run_suites "$preset" "${suites[@]}"
+  fi
+  if $failed; then break; fi
+done
+
+if [[ $runs -gt 0 ]]; then
+  /usr/bin/python3 scripts/count_tests.py "$results"/*.xml || failed=true
+fi
+if $failed; then exit 1; fi
