@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Builds the launcher and runs it on a launch file.
 
+root=$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")
 # shellcheck source=scripts/common.sh
-source "$(dirname -- "${BASH_SOURCE[0]}")/scripts/common.sh"
-root=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd)
+source "$root/scripts/common.sh"
 demo=$root/examples/demo
 
 usage() {
@@ -12,7 +12,8 @@ Usage: ./run.sh [launch.yaml]
 
 Installs the Debian packages that are missing, builds the launcher (Release, in
 build/) and runs it on the launch file, by default examples/demo/launch.yaml.
-Ctrl-C ends the launcher and leaves its nodes running; kill -TERM stops both.
+To stop the launcher and its nodes send it SIGTERM (pkill vornlaunch). Ctrl-C
+goes to the nodes as well, but nobody waits for them then.
 TEXT
 }
 

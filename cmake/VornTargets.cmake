@@ -6,7 +6,8 @@ function(vorn_compile_options target)
   set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
   # A log call whose values do not fit its text must not compile at all.
   target_compile_options(${target} PRIVATE
-    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror=format)
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+    -Wformat=2 -Werror=format)
   if(VORN_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
   endif()

@@ -11,7 +11,7 @@ set -euo pipefail
     python3-pytest-xdist strace)
   SERVER_PACKAGES=(redis-server nginx mosquitto mosquitto-clients curl)
   CLANG_PACKAGES=(clang-14)
-  LINT_PACKAGES=(clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck
+  LINT_PACKAGES=(git clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck
     pyflakes3)
 }
 
@@ -31,45 +31,42 @@ as_root() {
   fi
 }
 
-# install_packages PACKAGE... installs those that are missing.
-install_packages() {
-  local package missing=()
+# Prints which of the packages are missing.
+missing_packages() {
+  local package
   for package in "$@"; do
     dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null |
-      grep -qx installed || missing+=("$package")
+      grep -qx installed || printf '%s\n' "$package"
   done
+}
+
+# install_packages PACKAGE... installs those that are missing.
+install_packages() {
+  local missing
+  mapfile -t missing < <(missing_packages "$@")
   [[ ${#missing[@]} -gt 0 ]] || return 0
   command -v apt-get >/dev/null ||
-    die "no apt-get here; install what corresponds to Debian's ${missing[*]}"
-  if [[ $EUID -ne 0 ]] && ! sudo -n true 2>/dev/null; then
+    die "this is no Debian system; install what corresponds to: ${missing[*]}, and build with cmake as README.md says"
+  [[ $EUID -eq 0 ]] || sudo -n true 2>/dev/null ||
     die "no right to install packages; run once as root: apt-get install ${missing[*]}"
-  fi
   say "installing ${missing[*]}"
-  as_root apt-get -qq update ||
+  as_root apt-get -qq -o DPkg::Lock::Timeout=300 update ||
     die "apt-get update failed; are Debian's package servers in reach?"
   as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq install -y \
     --no-install-recommends -o DPkg::Lock::Timeout=300 "${missing[@]}" \
     >/dev/null || die "could not install ${missing[*]}"
 }
 
-# As install_packages, for servers that shall not start on this machine now.
-install_servers() {
-  local policy=/usr/sbin/policy-rc.d
-  if [[ -e $policy ]]; then
-    install_packages "$@"
-    return
+# As install_packages, for servers, which are kept from starting meanwhile.
+install_servers() (
+  policy=/usr/sbin/policy-rc.d
+  if [[ -n $(missing_packages "$@") && ! -e $policy ]] && as_root true 2>/dev/null
+  then
+    trap 'as_root rm -f $policy' EXIT
+    printf '#!/bin/sh\nexit 101\n' | as_root install -m 755 /dev/stdin $policy
   fi
-  # Nothing is touched when nothing has to be installed.
-  dpkg-query -W -f '${db:Status-Status}\n' "$@" 2>/dev/null |
-    grep -cx installed | grep -qx "$#" && return
-  # shellcheck disable=SC2064  # the path shall be the one of now
-  trap "as_root rm -f $policy" EXIT
-  printf '#!/bin/sh\nexit 101\n' | as_root install -m 755 /dev/stdin $policy ||
-    die "no right to install packages; run once as root: apt-get install $*"
   install_packages "$@"
-  as_root rm -f $policy
-  trap - EXIT
-}
+)
 
 # configure_build PRESET [CMAKE-OPTION...] configures quietly; what it said is
 # shown when it fails.

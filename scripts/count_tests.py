@@ -1,8 +1,13 @@
-"""Adds up JUnit result files and prints "N passed, N failed, N skipped".
+"""Adds up the JUnit result files of a folder and prints
+"N passed, N failed, N skipped".
 
-Exit status: 1 when a test failed or none ran.
+    count_tests.py [--no-skips] FOLDER
+
+Exit status: 1 when a test failed or none ran, or was skipped with --no-skips.
 """
 
+import argparse
+import pathlib
 import sys
 import xml.etree.ElementTree as ElementTree
 
@@ -22,9 +27,15 @@ def count(paths):
 
 
 def main():
-    passed, failed, skipped = count(sys.argv[1:])
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--no-skips", action="store_true")
+    parser.add_argument("folder", type=pathlib.Path)
+    arguments = parser.parse_args()
+    passed, failed, skipped = count(arguments.folder.glob("*.xml"))
     print(f"{passed} passed, {failed} failed, {skipped} skipped")
-    return 1 if failed or not passed else 0
+    if not passed:
+        print("no test was run; does the filter match any?", file=sys.stderr)
+    return 1 if failed or not passed or (arguments.no_skips and skipped) else 0
 
 
 if __name__ == "__main__":

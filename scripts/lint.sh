@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Checks the form of everything; says what is wrong, changes nothing.
 
+root=$(dirname -- "$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")")
 # shellcheck source=scripts/common.sh
-source "$(dirname -- "${BASH_SOURCE[0]}")/common.sh"
-cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.."
+source "$root/scripts/common.sh"
+cd -- "$root"
 
 failed=false
 check() {
@@ -20,6 +21,8 @@ run_clang_tidy() {
       --warnings-as-errors='*' 2> >(grep -v 'warnings\? generated' >&2)
 }
 
+git ls-files --error-unmatch README.md >/dev/null 2>&1 ||
+  die "the files to check are those that git tracks; this is no git checkout"
 mapfile -t cpp < <(git ls-files '*.cpp' '*.h')
 mapfile -t sources < <(git ls-files '*.cpp')
 mapfile -t shell < <(git ls-files '*.sh' .ci/run examples/demo/bin)

@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <string_view>
 #include <system_error>
 
 #include "vornlib/trace.h"
@@ -10,7 +9,10 @@
 namespace vorn::path {
 namespace {
 
-constexpr std::string_view kInstallPrefix = "install://";
+// Between two slashes this would be the prefix anew, so a root with less than
+// the whole prefix in it is refused.
+constexpr std::string_view kRefused = "install:";
+static_assert(kInstallPrefix.substr(0, kRefused.size()) == kRefused);
 
 std::string withoutTrailingSlashes(std::string path) {
   while (!path.empty() && path.back() == '/') path.pop_back();
@@ -32,12 +34,11 @@ const std::string& root() {
   static const std::string kRoot = [] {
     const char* const chosen = ::getenv("VORN_ROOT");
     if (chosen == nullptr || *chosen == '\0') return executableRoot();
-    if (std::string_view(chosen).find(kInstallPrefix) ==
-        std::string_view::npos) {
+    if (std::string_view(chosen).find(kRefused) == std::string_view::npos) {
       return withoutTrailingSlashes(chosen);
     }
     vtrace(kWarn, __FILE__, __LINE__, "root", kPlain,
-           "VORN_ROOT '%s' contains install://, using the executable's root",
+           "VORN_ROOT '%s' contains install:, using the executable's root",
            chosen);
     return executableRoot();
   }();

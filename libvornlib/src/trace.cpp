@@ -1,5 +1,8 @@
 #include "vornlib/trace.h"
 
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -12,7 +15,9 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <optional>
 #include <string_view>
+#include <utility>
 
 #include "vornlib/retry_on_eintr.h"
 
@@ -30,8 +35,10 @@ std::string& nodeName() {
 
 /// What stands behind standard error.
 struct Sink {
+  bool open;     // if not, the descriptor may come to be something else's
   bool journal;  // each line starts with a priority, the journal adds the time
   bool colour;
+  bool limited;  // a file's size limit would end the writer by SIGXFSZ
 };
 
 /// Whether standard error is the very stream that `JOURNAL_STREAM` names; the
@@ -45,9 +52,22 @@ bool isJournal() {
              stream;
 }
 
+bool hasSizeLimit() {
+  rlimit limit{};
+  return ::getrlimit(RLIMIT_FSIZE, &limit) == 0 &&
+         limit.rlim_cur != RLIM_INFINITY;
+}
+
 const Sink& sink() {
-  static const Sink kSink{isJournal(), ::getenv("NO_COLOR") == nullptr &&
-                                           ::isatty(STDERR_FILENO) == 1};
+  static const Sink kSink = [] {
+    Sink found{};
+    found.open = ::fcntl(STDERR_FILENO, F_GETFD) != -1;
+    found.journal = isJournal();
+    found.colour =
+        ::getenv("NO_COLOR") == nullptr && ::isatty(STDERR_FILENO) == 1;
+    found.limited = hasSizeLimit();
+    return found;
+  }();
   return kSink;
 }
 
@@ -86,7 +106,8 @@ std::string timeStamp() {
 }
 
 /// As vsnprintf, but the text arrives whole whatever its length.
-std::string formatText(const char* fmt, va_list args) {
+__attribute__((format(printf, 1, 0))) std::string formatText(const char* fmt,
+                                                             va_list args) {
   std::array<char, kUsualTextSize> usual{};
   va_list again;
   va_copy(again, args);
@@ -143,14 +164,42 @@ std::string linePrefix(int level, bool flag) {
   return line;
 }
 
+/// Holds SIGXFSZ off in its scope, and forgets one that came in it.
+class SizeLimitSignalBlocker {
+ public:
+  SizeLimitSignalBlocker() {
+    (void)::sigemptyset(&signals_);
+    (void)::sigaddset(&signals_, SIGXFSZ);
+    (void)::sigprocmask(SIG_BLOCK, &signals_, &former_);
+  }
+  ~SizeLimitSignalBlocker() {
+    const timespec at_once{};
+    (void)::sigtimedwait(&signals_, nullptr, &at_once);
+    (void)::sigprocmask(SIG_SETMASK, &former_, nullptr);
+  }
+  SizeLimitSignalBlocker(const SizeLimitSignalBlocker&) = delete;
+  SizeLimitSignalBlocker& operator=(const SizeLimitSignalBlocker&) = delete;
+
+ private:
+  sigset_t signals_{};
+  sigset_t former_{};
+};
+
 /// One write(2) as long as standard error takes the line whole. The rest of one
 /// that was cut by a signal or a full pipe follows; what is refused is lost.
-void writeLine(std::string_view line) {
-  while (!line.empty()) {
+void writeLine(std::string line) {
+  static bool is_torn = false;  // the last line lacks its end
+  if (!sink().open) return;
+  std::optional<SizeLimitSignalBlocker> blocker;
+  if (sink().limited) blocker.emplace();
+  if (is_torn) line.insert(0, 1, '\n');
+  std::string_view rest = line;
+  while (!rest.empty()) {
     const ssize_t written = retryOnEintr(
-        [&] { return ::write(STDERR_FILENO, line.data(), line.size()); });
+        [&] { return ::write(STDERR_FILENO, rest.data(), rest.size()); });
     if (written <= 0) return;
-    line.remove_prefix(static_cast<size_t>(written));
+    rest.remove_prefix(static_cast<size_t>(written));
+    is_torn = !rest.empty();
   }
 }
 
@@ -161,7 +210,10 @@ const char* baseName(const char* file) {
 
 }  // namespace
 
-void setNodeName(const std::string& name) { nodeName() = name; }
+void setNodeName(const std::string& name) {
+  (void)sink();
+  nodeName() = name;
+}
 
 void vtrace(int level, const char* file, int line, const char* func, bool flag,
             const char* fmt, ...) {
@@ -178,7 +230,7 @@ void vtrace(int level, const char* file, int line, const char* func, bool flag,
     errno = kept_errno;  // for %m
     appendEscaped(text, formatText(fmt, args));
     text += '\n';
-    writeLine(text);
+    writeLine(std::move(text));
   } catch (const std::exception&) {
     // Out of memory: the line is lost, which must not end the launcher.
   }

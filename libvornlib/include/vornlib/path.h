@@ -1,8 +1,13 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace vorn::path {
+
+/// What stands for the installation root in a launch file. All but its last
+/// slash is replaced by root().
+constexpr std::string_view kInstallPrefix = "install://";
 
 /// The installation root directory, without a trailing slash, so that the root
 /// directory "/" is the empty text. It is the environment variable VORN_ROOT if
@@ -10,8 +15,9 @@ namespace vorn::path {
 /// running executable. Settled at the first call and the same from then on; the
 /// reference stays valid for the life of the process. Never fails.
 ///
-/// A VORN_ROOT that itself contains "install://" could be expanded without end;
-/// it is refused with one WARN line, and the executable's root is used.
+/// A VORN_ROOT that itself contains "install:" could complete the prefix again
+/// and again and so be expanded without end; it is refused with one WARN line,
+/// and the executable's root is used.
 const std::string& root();
 
 }  // namespace vorn::path

@@ -23,21 +23,24 @@ constexpr bool kEvent = true;   // a turn in a node's life, a missing file
 constexpr bool kPlain = false;  // everything else
 
 /// Records the name under which this process logs; "?" until then. Control
-/// characters in it would reach the log as they are.
+/// characters in it would reach the log as they are. Like the first vtrace(),
+/// settles whether standard error is open, a terminal or the journal; the
+/// first action of main, so that nothing else decides that.
 void setNodeName(const std::string& name);
 
-/// Writes one log line to standard error by a single write(2). `level` is one
-/// of the levels above, any other is shown as its number. `file` (only its last
+/// Writes one log line to standard error by a single write(2), or by several
+/// where standard error takes only part of the line. `level` is one of the
+/// levels above, any other is shown as its number. `file` (only its last
 /// component is shown), `line` and `func` tell the call's place, `flag` marks
 /// an operator's event, `fmt` and what follows give the text as for printf.
 ///
-/// The text may have any length. Control characters in it are shown escaped
-/// ("\n", "\x1b"), so that it is always one line and cannot drive a terminal;
-/// UTF-8 passes untouched. Whether standard error is a terminal or the journal
-/// is settled at the first call.
+/// The text may have any length. Bytes below 0x20 and 0x7f in it are shown
+/// escaped ("\n", "\x1b"), so that it is always one line; UTF-8 passes
+/// untouched.
 ///
 /// Keeps errno. Works in a child forked by a single-threaded parent. Never
-/// fails: a line that standard error does not take is lost.
+/// fails: what standard error does not take is lost. Blocks as long as standard
+/// error does, such as a pipe that is full because its reader has stopped.
 void vtrace(int level, const char* file, int line, const char* func, bool flag,
             const char* fmt, ...) __attribute__((format(printf, 6, 7)));
 

@@ -115,7 +115,8 @@ int ControlNode::createSocket(const char* name, int type, unsigned int mode) {
   }
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  // A path that does not fit is cut without an error.
+  // KEEP: a path that does not fit is cut without an error. Intended.
+  // Test: ControlNodeTest.AnOverlongPathIsCutTo107Characters
   (void)std::snprintf(address.sun_path, sizeof(address.sun_path), "%s/%s",
                       kControlDirectory, name);
   if (::unlink(address.sun_path) == -1 && errno != ENOENT) {
@@ -187,7 +188,8 @@ void ControlNode::controlHandler() {
   const ssize_t received = retryOnEintr(
       [&] { return ::recv(connection.fd(), &request, sizeof(request), 0); });
   if (received != sizeof(request)) {
-    // After a short read errno is an old one; it is printed all the same.
+    // KEEP: after a short read errno is an old one; it is printed all the same.
+    // Test: ControlNodeTest.AShortRequestIsRefusedWithItsCountAndAnOldErrno
     VTRACE(kError, kPlain, "received: %d expected: %d errno: %d",
            static_cast<int>(received), static_cast<int>(sizeof(request)),
            errno);
@@ -196,6 +198,8 @@ void ControlNode::controlHandler() {
   VTRACE(kInfo, kPlain, "control cmd: %d", static_cast<int>(request.cmd));
   const auto handler = handlers_.find(request.cmd);
   if (handler == handlers_.end()) {
+    // KEEP: the log's readers know this spelling.
+    // Test: ControlNodeTest.AnUnknownCommandGetsNoReply
     VTRACE(kWarn, kPlain, "unknow cmd: %d", static_cast<int>(request.cmd));
     return;
   }

@@ -31,15 +31,17 @@ class ControlNode {
   ControlNode(const ControlNode&) = delete;
   ControlNode& operator=(const ControlNode&) = delete;
 
-  /// Opens the control socket and registers it in `epoll`, which must be open
-  /// and outlive the last wait. False, after one ERROR line, when that fails;
-  /// everything is as before then, but the socket file may be left.
+  /// Opens the control socket and registers it in `epoll`, which must be open;
+  /// this object must outlive the last wait of `epoll`. To be called once.
+  /// False, after one ERROR line, when that fails; everything is as before
+  /// then, but the socket file may be left.
   bool init(Epoll* epoll);
 
   /// Creates the UNIX-domain socket `name` of `type` in the control directory,
   /// in place of an old one, with the permissions `mode`. Returns its
-  /// descriptor, the caller's to close, or -1 after one ERROR line. A path
-  /// beyond 107 bytes is cut.
+  /// descriptor, the caller's to close, or -1 after one ERROR line. It is
+  /// blocking and not close-on-exec. A path beyond 107 bytes is cut; a mode
+  /// that cannot be set is one WARN line and no failure.
   int createSocket(const char* name, int type, unsigned int mode);
 
   /// Serves one pending connection: accept, one request, one reply, close.

@@ -67,7 +67,9 @@ std::vector<Epoll::Handler*> Epoll::wait(int timeout) {
   events_.resize(handlers_.size());
   const int reported = ::epoll_wait(epoll_fd_, events_.data(),
                                     static_cast<int>(events_.size()), timeout);
-  // Not retried: lets main see exited.
+  // KEEP: an interrupting signal is logged as a failure like any other and not
+  // retried, which lets main see exited. Intended.
+  // Test: EpollTest.AnInterruptedWaitIsAFailure
   if (reported == -1) {
     VTRACE(kError, kPlain, "epoll_wait failed.");
     return ready;

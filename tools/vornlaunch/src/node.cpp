@@ -66,8 +66,9 @@ bool Node::startInternal() {
     return false;
   }
   // KEEP: skips one start attempt of any kind and no more, so that the start-up
-  // pass leaves the node alone and an operator can start it. An operator's own
-  // first request after a skip that never came is refused too. Intended.
+  // pass leaves the node alone and an operator can start it. Where that pass
+  // did not reach it, being disabled, an operator's first request is the one
+  // that is refused. Intended.
   // Test: NodeStartTest.AutostartFalseSkipsExactlyOneAttempt
   if (!autostart) {
     VTRACE(kWarn, kEvent, "Node '%s' is not autostart", name.c_str());
@@ -78,6 +79,9 @@ bool Node::startInternal() {
     VTRACE(kInfo, kEvent, "Node '%s' already running", name.c_str());
     return true;
   }
+  // KEEP: only a failing call counts. A directory, or a file that may not be
+  // executed, fails in the child and is tried again every 5 s. Intended.
+  // Test: test_nodes.py
   struct stat executable {};
   if (::stat(argv.front().c_str(), &executable) != 0) {
     disabled = true;
@@ -112,7 +116,7 @@ bool Node::startInternal() {
 
 // ---- The child's side of the fork. Nothing here returns to the caller, and
 // ---- nothing touches `mutex`, which the child inherited locked.
-void Node::runChild() {
+void Node::runChild() noexcept {
   (void)::umask(kChildUmask);
   exportEnvironment(Config::getInstance().environment);
   exportEnvironment(environment);
@@ -199,6 +203,9 @@ bool Node::stopRequired() {
   return was_stopped && startInternal();
 }
 
+// KEEP: neither cycles nor repeated names are looked for. A node named twice
+// is restarted twice; a cycle blocks on a held lock for good. Intended.
+// Test: test_required.py
 void Node::restartRequired() {
   NodeManager& nodes = NodeManager::getInstance();
   for (const std::string& other : required) {

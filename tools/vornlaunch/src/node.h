@@ -27,10 +27,12 @@ namespace vorn::launch {
 ///             |                            v      5 s since     |
 ///             +----------------------- RESTARTING -- start -----+
 ///
-///   any state -- disable, a oneshot's exit, executable missing --> DISABLED
+///   any state -- disable, a oneshot's exit --> DISABLED
+///   all but RUNNING -- start without an executable --> DISABLED
 ///   DISABLED -- enable, then start --> RUNNING
 enum class NodeState : int32_t {
-  STOPPED = 0,     // no child wanted; after a stop `pid` stays until the reap
+  STOPPED = 0,     // no child wanted, or its fork failed; after a stop `pid`
+                   // stays until the reap
   RUNNING = 1,     // forked, and neither a stop nor its exit handled yet
   RESTARTING = 2,  // exited by itself, the registry will start it again
   DISABLED = 3,    // not started until enabled
@@ -41,10 +43,10 @@ enum class NodeState : int32_t {
 /// life of the process, everybody else borrows plain pointers.
 ///
 /// Main thread only. All operations that change the state block the launcher on
-/// purpose, for up to ten seconds in a stop. They lock `mutex` for their whole
-/// duration; a stop then locks the nodes in `required` as well, so locks nest
-/// along `required`, and a cycle of two or more nodes blocks for good.
-/// Operations report failure by one log line and `false`.
+/// purpose, a stop for about ten seconds per node at the most. They lock
+/// `mutex` for their whole duration; a stop then locks the nodes in `required`
+/// as well, so locks nest along `required`, and a cycle of two or more nodes
+/// blocks for good. Operations report failure by one log line and `false`.
 class Node {
  public:
   explicit Node(std::string name);
@@ -65,25 +67,29 @@ class Node {
   /// failure, false.
   bool execvInternal(const std::vector<std::string>& arguments);
 
-  /// Ends the child and restarts the running nodes in `required`. Returns when
-  /// the child is dead or was sent SIGKILL; its exit is handled by a later
-  /// reap(), until when `pid` keeps its id. True also when no child was wanted.
-  /// False only when SIGTERM could not be sent; the node is still RUNNING then.
+  /// Ends the child of a RUNNING node and restarts the running nodes in
+  /// `required`. Returns when the child is dead or was sent SIGKILL; its exit
+  /// is handled by a later reap(), until when `pid` keeps its id. A RESTARTING
+  /// node becomes STOPPED and stays so; any other is left as it is. False only
+  /// when SIGTERM could not be sent; the node is still RUNNING then, but its
+  /// exit will be taken as stopped.
   bool stop();
 
   /// stop() for callers that hold `mutex`.
   bool stopInternal();
 
-  /// Restarts this node if it is RUNNING because one that requires it stops or
-  /// restarts. True when it was not running, or was stopped and started again.
-  /// A oneshot node ends DISABLED and false.
+  /// Restarts this node if it is RUNNING, with a pause of 200 ms, because one
+  /// that requires it stops or restarts. True when it was not running, or was
+  /// stopped and started again. A running oneshot node is stopped and disabled,
+  /// which is false.
   bool stopRequired();
 
   /// Calls stopRequired() on every node that `required` names, in its order.
   /// The node's own name and names of no node are passed over.
   void restartRequired();
 
-  /// Stops a running child, then starts the node. True when it was started.
+  /// Stops a running child, then starts the node after a pause of 200 ms. True
+  /// when it was started.
   bool restart();
 
   /// Takes note that the child has exited: the node becomes DISABLED, STOPPED
@@ -120,7 +126,7 @@ class Node {
   NodeState state = NodeState::STOPPED;
 
  private:
-  [[noreturn]] void runChild();
+  [[noreturn]] void runChild() noexcept;
   bool waitUntilGone() const;
 };
 

@@ -24,6 +24,8 @@ NodeManager& NodeManager::getInstance() {
 }
 
 void NodeManager::addNode(const std::string& name, std::unique_ptr<Node> node) {
+  // KEEP: a second node of the same name is kept; look-ups find the first.
+  // Test: NodeManagerTest
   VTRACE(kInfo, kPlain, "name: %s", name.c_str());
   nodes_.push_back(std::move(node));
 }
@@ -44,6 +46,8 @@ Node* NodeManager::findNode(const std::string& name) {
 
 void NodeManager::startingUp() {
   for (const auto& node : nodes_) {
+    // KEEP: a disabled node stays STOPPED until something tries to start it.
+    // Test: NodeManagerTest
     if (!node->disabled) (void)node->start();
   }
 }

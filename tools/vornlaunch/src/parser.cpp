@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -15,8 +14,6 @@
 namespace vorn::launch {
 namespace {
 
-constexpr std::string_view kInstallPrefix = "install://";
-
 /// The text of a scalar. yaml-cpp's own conversion would read a null, such as
 /// a forgotten value, as the word "null"; it is as wrong as a list here.
 std::string asString(const YAML::Node& value) {
@@ -26,6 +23,7 @@ std::string asString(const YAML::Node& value) {
   return value.as<std::string>();
 }
 
+/// The texts of a sequence of scalars, a null among them as wrong as alone.
 std::vector<std::string> asStrings(const YAML::Node& value) {
   if (!value.IsSequence()) {
     throw YAML::TypedBadConversion<std::vector<std::string>>(value.Mark());
@@ -47,7 +45,8 @@ std::vector<std::string> splitAtSpaces(std::string text) {
 }
 
 /// `path`, below VORN_BIN_PATH if it is relative and the variable not empty.
-/// Joined as they stand, without normalisation.
+/// Joined as they stand, without normalisation, and without the expansion that
+/// the values of variables have.
 std::string resolvePath(const std::string& path) {
   const char* const directory = ::getenv("VORN_BIN_PATH");
   const bool is_absolute = !path.empty() && path.front() == '/';
@@ -93,16 +92,21 @@ void readRequired(const std::unique_ptr<Node>& node, const YAML::Node& value) {
 }  // namespace
 
 std::string expandInstallRoot(std::string value) {
-  // The prefix's last slash stays and separates the root from the rest.
-  constexpr size_t kReplaced = kInstallPrefix.size() - 1;
-  for (size_t found = value.find(kInstallPrefix); found != std::string::npos;
-       found = value.find(kInstallPrefix)) {
+  // KEEP: nine of the prefix's ten characters are replaced; its last slash
+  // stays and separates the root, which ends without one, from the rest.
+  // Test: ExpandInstallRootTest.ReplacesThePrefix
+  constexpr size_t kReplaced = path::kInstallPrefix.size() - 1;
+  for (size_t found = value.find(path::kInstallPrefix);
+       found != std::string::npos; found = value.find(path::kInstallPrefix)) {
     value.replace(found, kReplaced, path::root());
   }
   return value;
 }
 
 bool Parser::Parse(const std::string& path) {
+  // KEEP: no other exception is caught, here or in main: a malformed launch
+  // file ends the launcher at once, before any node runs. Intended.
+  // Test: test_launch_file.py
   YAML::Node root;
   try {
     root = YAML::LoadFile(path);
@@ -127,7 +131,9 @@ void Parser::parseSetenv(const YAML::Node& environment) {
     const std::string variable = asString(entry.first);
     const std::string value = expandInstallRoot(asString(entry.second));
     config.environment.emplace_back(variable, value);
-    // A name that setenv refuses stays in the list; the child refuses it too.
+    // KEEP: a name that setenv refuses stays in the list; the child refuses it
+    // in the same way. Intended.
+    // Test: ParserTest.ANameThatSetenvRefusesStaysInTheList
     (void)::setenv(variable.c_str(), value.c_str(), 1);
     VTRACE(kInfo, kPlain, "setenv %s: %s", variable.c_str(), value.c_str());
   }

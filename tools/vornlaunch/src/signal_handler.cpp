@@ -59,6 +59,9 @@ bool reapOneProcess() {
   siginfo_t info{};
   const int result = retryOnEintr(
       [&] { return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT); });
+  // KEEP: without any child left this fails with ECHILD, so that the exit of
+  // the last one is followed by this line. Intended.
+  // Test: ReapTest.WithoutAnyChildWaitidFails
   if (result != 0) {
     VTRACE(kError, kPlain, "waitid failed");
     return false;
@@ -81,7 +84,7 @@ bool reapOneProcess() {
     }
     node->reap(info);
   } else if (info.si_code == CLD_KILLED && info.si_status == SIGKILL) {
-    // A stop's escalation whose node has been started anew since.
+    // Such as a stop's escalation whose node has been started anew since.
     VTRACE(kInfo, kPlain, "node is killed.");
   }
   return true;
@@ -91,8 +94,9 @@ bool reapOneProcess() {
   for (const auto& node : NodeManager::getInstance().nodes()) {
     (void)node->stop();
   }
-  // KEEP: neither returns to the loop nor waits for the children; each stop has
-  // already waited for its own. Intended.
+  // KEEP: neither returns to the loop nor collects the children. Each stop has
+  // already waited for its own as long as it does; what is left of them is
+  // init's. Intended.
   // Test: test_signals.py, test_sigterm_stops_every_node_in_order_and_exits_0
   std::exit(0);
 }

@@ -16,14 +16,17 @@ class Epoll;
 extern int signal_fd;
 
 /// Routes SIGCHLD and SIGTERM to `signal_fd` and registers that in `epoll`,
-/// which must be open. Every child forked from then on starts with the two
-/// signals unblocked and at their defaults. False, after one ERROR line, at the
+/// which must be open. Every child that fork() makes from then on starts with
+/// the two signals unblocked and at their defaults; popen()'s shells are made
+/// otherwise and have them blocked. False, after one ERROR line, at the
 /// first step that fails; the earlier steps stay done.
 bool installSignalHandler(Epoll* epoll);
 
 /// Serves one record of `signal_fd`. SIGTERM stops every node in registry order
 /// and ends the process by exit(0). SIGCHLD collects every exited child, after
-/// its node has been told. Anything else, and a failed read, is one ERROR line.
+/// its node has been told; an exception of Node::reap() comes through after the
+/// collection. Anything else, and a failed read, is one ERROR line. Waits when
+/// there is no record.
 void handleSignalFd();
 
 /// The hook that runs in every forked child before it goes on to exec: gives

