@@ -1,0 +1,30 @@
+# shellcheck shell=sh disable=SC2034
+# What the demo's nodes share; each sources it first.
+
+# The launcher sets __VORN_NODE_NAME__ to the name followed by "(vornlaunch)".
+NAME=${__VORN_NODE_NAME__%"(vornlaunch)"}
+FOLDER=${TMPDIR:-/tmp}/$DEMO_FOLDER
+FRAMES=$FOLDER/frames
+RESULT=$FOLDER/result
+
+say() {
+  echo "$NAME: $*"
+}
+
+# A shell runs its traps during `wait`, but not while a foreground command runs:
+# so whatever takes time runs in the background and is waited for.
+pause() {
+  sleep "$1" &
+  wait "$!"
+}
+
+wait_for_frames() {
+  until [ -p "$FRAMES" ]; do pause 0.1; done
+}
+
+goodbye() {
+  say "stopping"
+  kill "$!" 2>/dev/null
+  exit 0
+}
+trap goodbye TERM INT
