@@ -1,0 +1,31 @@
+"""When processes were started, as the kernel keeps it."""
+
+import os
+
+from support.waiting import eventually
+
+_START_TIME = 22 - 3  # of /proc/PID/stat, counted from the third field on
+
+# A crashed node is started again when this long has passed since its start.
+RESTART_TICKS = 5 * os.sysconf("SC_CLK_TCK")
+
+
+def start_ticks(process):
+    """When the process was forked, in clock ticks since boot."""
+    fields = process.read("stat").decode().rpartition(")")[2].split()
+    return int(fields[_START_TIME])
+
+
+def wait_for_start(machine, node, other_than=0):
+    """Waits until `node` runs with another pid than `other_than`. Returns the
+    pid and when its process was forked, in clock ticks since boot."""
+
+    def running():
+        pid = machine.status(node).pid
+        process = machine.find_process(pid) if pid not in (0, other_than) else None
+        try:
+            return process and (pid, start_ticks(process))
+        except (FileNotFoundError, ProcessLookupError):
+            return None  # it crashed meanwhile
+
+    return eventually(running, f"{node} is started")
