@@ -1,7 +1,7 @@
 """Real servers under the launcher, asked by their own clients."""
 
 import dataclasses
-import pathlib
+import shutil
 import signal
 
 import pytest
@@ -53,10 +53,11 @@ class Server:
     """A server, its configuration, and how its client asks it."""
 
     name: str
-    package: str
+    packages: str
     program: str
     argv: str
     config: str
+    client: str
     ask: str  # a shell command
     answer: str
 
@@ -68,29 +69,32 @@ class Server:
 SERVERS = [
     Server(
         name="redis",
-        package="redis-server",
+        packages="redis-server",
         program="/usr/bin/redis-server",
         argv="/tmp/redis.conf",
         config=REDIS,
+        client="redis-cli",
         ask="redis-cli -h 127.0.0.1 set greeting hello"
         " && redis-cli -h 127.0.0.1 get greeting",
         answer="OK\nhello\n",
     ),
     Server(
         name="nginx",
-        package="nginx-light",
+        packages="nginx and curl",
         program="/usr/sbin/nginx",
         argv="-e stderr -p /tmp -c /tmp/nginx.conf",
         config=NGINX,
+        client="curl",
         ask="curl --silent --max-time 20 http://127.0.0.1/",
         answer="Hello from nginx\n",
     ),
     Server(
         name="mosquitto",
-        package="mosquitto",
+        packages="mosquitto and mosquitto-clients",
         program="/usr/sbin/mosquitto",
         argv="-c /tmp/mosquitto.conf",
         config=MOSQUITTO,
+        client="mosquitto_sub",
         ask="mosquitto_pub -h 127.0.0.1 -t greeting -m hello -r"
         " && mosquitto_sub -h 127.0.0.1 -t greeting -C 1 -W 20",
         answer="hello\n",
@@ -104,8 +108,9 @@ def launch(machine, *servers):
     waits until the servers answer."""
     nodes = {}
     for server in servers:
-        if not pathlib.Path(server.program).exists():
-            pytest.skip(f"{server.name} is missing; install {server.package}")
+        for program in (server.program, server.client):
+            if shutil.which(program) is None:
+                pytest.skip(f"{program} is missing; install {server.packages}")
         machine.file(f"{server.name}.conf", server.config)
         nodes[server.name] = server.node()
     nodes["crasher"] = {"path": machine.script("crasher", "exit 1")}
