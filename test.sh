@@ -118,7 +118,7 @@ run_system() {
   runs=$((runs + 1))
   local status=0
   /usr/bin/python3 -m pytest -q -p no:cacheprovider -n "$jobs" \
-    --build "$(build_folder "$1")" ${filter:+-k "$filter"} \
+    --build="$(build_folder "$1")" ${filter:+-k "$filter"} \
     --junitxml "$results/$runs.xml" tests/system || status=$?
   # 5: no test was selected, which the count at the end judges.
   [[ $status -eq 0 || $status -eq 5 ]] || failed=true
