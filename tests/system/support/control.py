@@ -11,7 +11,7 @@ RESPONSE = struct.Struct("=iIiiq")
 assert REQUEST.size == 132 and RESPONSE.size == 24
 
 # A stop may take ten seconds per node, and more on a machine under load.
-TIMEOUT = 120.0
+TIMEOUT = struct.pack("=qq", 120, 0)  # struct timeval
 
 
 class Cmd(enum.IntEnum):
@@ -61,7 +61,10 @@ def connect(directory):
     folder = os.open(directory, os.O_PATH)
     try:
         client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        client.settimeout(TIMEOUT)
+        # Not settimeout(): a non-blocking connect fails while the backlog is
+        # full instead of waiting.
+        for option in (socket.SO_SNDTIMEO, socket.SO_RCVTIMEO):
+            client.setsockopt(socket.SOL_SOCKET, option, TIMEOUT)
         client.connect(f"/proc/self/fd/{folder}/vornlaunch.sock")
         return client
     finally:

@@ -135,7 +135,8 @@ class Machine:
                 env=self._environment(environment or {}, strace is not None),
             )
         eventually(
-            lambda: (self.tmp / ".init/pid").exists() or self.unshare.poll() is not None,
+            lambda: (self.tmp / ".init/pid").exists()
+            or self.unshare.poll() is not None,
             "the machine is up",
         )
         assert self.unshare.poll() is None, self.stderr()
@@ -310,7 +311,8 @@ class Machine:
     def run(self, *command, timeout=60.0, check=True):
         """Runs a command in the machine; returns its standard output."""
         return subprocess.run(
-            ["nsenter", f"--target={self._init}", "--mount", "--pid", "--net", *command],
+            ["nsenter", f"--target={self._init}", "--mount", "--pid", "--net",
+             *command],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, check=check,
             timeout=timeout, encoding="utf-8", env=self._environment({}, False),
         ).stdout
