@@ -30,7 +30,7 @@ esac
 launch_file=${1:-$demo/launch.yaml}
 [[ -e $launch_file ]] || die "no launch file $launch_file"
 
-install_packages "${BUILD_PACKAGES[@]}"
+install_packages "${BUILD_PACKAGES[@]}" "${CONTROL_PACKAGES[@]}"
 (cd "$root" && configure_build release && build release --target vornlaunch)
 
 # The demo's programs stand beside its launch file.

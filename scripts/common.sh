@@ -7,6 +7,7 @@ set -euo pipefail
 # shellcheck disable=SC2034  # used by the scripts that source this file
 {
   BUILD_PACKAGES=(build-essential cmake libyaml-cpp-dev procps)
+  CONTROL_PACKAGES=(python3)  # for examples/control.py
   TEST_PACKAGES=(libgtest-dev libgmock-dev python3 python3-pytest
     python3-pytest-xdist strace)
   SERVER_PACKAGES=(redis-server nginx mosquitto mosquitto-clients curl)
