@@ -1,0 +1,729 @@
+#include "vornlib/trace.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "support/standard_error.h"
+#include "support/write_call.h"
+
+// What standard error is, and the process's name, are settled once per process;
+// CTest gives each test its own.
+
+namespace vorn {
+namespace {
+
+using test::logLine;
+using test::StandardErrorTo;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
+
+// What stands before the text in a line of write(), time stamp left out.
+constexpr const char* kHead = "INFO  ?[";
+
+/// One line with this text and the place "a.cpp:1 f".
+void logText(const std::string& text, int level = kInfo) {
+  vtrace(level, "a.cpp", 1, "f", kPlain, "%s", text.c_str());
+}
+
+/// The text of the only captured line.
+std::string onlyText(const test::LogCapture& log) {
+  const auto lines = log.lines();
+  return lines.size() == 1 ? lines.front().text : "not one line";
+}
+
+int64_t nowMicroseconds() {
+  timespec now{};
+  (void)::clock_gettime(CLOCK_REALTIME, &now);
+  return now.tv_sec * int64_t{1'000'000} + now.tv_nsec / 1000;
+}
+
+/// A time stamp such as 2026-11-20T12:34:56.789012Z as microseconds since 1970.
+int64_t microsecondsOf(const std::string& stamp) {
+  tm utc{};
+  const char* const rest = ::strptime(stamp.c_str(), "%Y-%m-%dT%H:%M:%S", &utc);
+  if (rest == nullptr) return -1;
+  return ::timegm(&utc) * int64_t{1'000'000} + std::atoi(rest + 1);
+}
+
+/// Everything that `fd` delivers until its end.
+std::string readToEnd(int fd) {
+  std::string all;
+  std::array<char, 4096> part{};
+  for (ssize_t got = 0; (got = ::read(fd, part.data(), part.size())) > 0;) {
+    all.append(part.data(), static_cast<size_t>(got));
+  }
+  return all;
+}
+
+template <typename Case>
+std::string nameOf(const ::testing::TestParamInfo<Case>& info) {
+  return info.param.name;
+}
+
+// --- The line
+
+TEST(TraceTest, ALineIsTimeLevelNamePidPlaceFunctionAndText) {
+  const test::LogCapture log;
+  setNodeName("vornlaunch");
+  vtrace(kInfo, "src/node.cpp", 88, "startInternal", kPlain,
+         "Node start '%s' ok", "planner");
+  const std::regex line(
+      R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z INFO  vornlaunch\[)" +
+      std::to_string(::getpid()) +
+      R"(\] node\.cpp:88 startInternal: Node start 'planner' ok\n)");
+  EXPECT_TRUE(std::regex_match(log.bytes(), line)) << log.bytes();
+}
+
+TEST(TraceTest, TheTimeStampIsNowInUtcWhateverTheTimeZone) {
+  ::setenv("TZ", "America/New_York", 1);
+  ::tzset();
+  const test::LogCapture log;
+  const int64_t before = nowMicroseconds();
+  logText("x");
+  const int64_t after = nowMicroseconds();
+  const std::string line = log.bytes();
+  const int64_t stamp = microsecondsOf(line.substr(0, line.find(' ')));
+  EXPECT_LE(before, stamp);
+  EXPECT_LE(stamp, after);
+}
+
+TEST(TraceTest, AProcessWithoutANameLogsAsAQuestionMark) {
+  const test::LogCapture log;
+  logText("x");
+  EXPECT_THAT(log.bytes(), HasSubstr(" ?[" + std::to_string(::getpid()) + "]"));
+}
+
+TEST(TraceTest, TheFileIsShownWithoutItsFolders) {
+  const test::LogCapture log;
+  vtrace(kInfo, "/a/b/deep.cpp", 7, "f", kPlain, "x");
+  vtrace(kInfo, "flat.cpp", 8, "f", kPlain, "x");
+  EXPECT_THAT(log.bytes(), HasSubstr("] deep.cpp:7 f: x\n"));
+  EXPECT_THAT(log.bytes(), HasSubstr("] flat.cpp:8 f: x\n"));
+}
+
+void logFromHere() { VTRACE(kWarn, kEvent, "value %d", 5); }
+constexpr int kLineOfLogFromHere = __LINE__ - 1;
+
+TEST(TraceTest, TheMacroAddsTheCallersFileLineAndFunction) {
+  const test::LogCapture log;
+  logFromHere();
+  EXPECT_THAT(log.bytes(), HasSubstr(" trace_test.cpp:" +
+                                     std::to_string(kLineOfLogFromHere) +
+                                     " logFromHere: value 5\n"));
+  EXPECT_THAT(log.lines(),
+              ElementsAre(logLine("WARN", true, "logFromHere", "value 5")));
+}
+
+TEST(TraceTest, EachCallIsOneLine) {
+  const test::LogCapture log;
+  logText("first");
+  logText("second", kError);
+  EXPECT_THAT(log.lines(), ElementsAre(logLine("INFO", false, "f", "first"),
+                                       logLine("ERROR", false, "f", "second")));
+}
+
+struct LevelCase {
+  const char* name;
+  int level;
+  const char* shown;     // with its padding
+  const char* priority;  // for the journal
+};
+
+const LevelCase kLevelCases[] = {
+    {"Info", 1, "INFO  ", "<6>"},
+    {"Warn", 4, "WARN  ", "<4>"},
+    {"Error", 8, "ERROR ", "<3>"},
+    {"UnknownShort", 2, "2     ", "<6>"},
+    {"UnknownNegative", -1, "-1    ", "<6>"},
+    {"UnknownLong", 1234567, "1234567 ", "<6>"},
+};
+
+class TraceLevel : public ::testing::TestWithParam<LevelCase> {};
+
+TEST_P(TraceLevel, IsShownAsAWordPaddedToFiveOrAsItsNumber) {
+  const test::LogCapture log;
+  logText("x", GetParam().level);
+  EXPECT_THAT(log.bytes(),
+              HasSubstr("Z " + std::string(GetParam().shown) + "?["));
+}
+
+INSTANTIATE_TEST_SUITE_P(Trace, TraceLevel, ::testing::ValuesIn(kLevelCases),
+                         nameOf<LevelCase>);
+
+TEST(TraceTest, OnlyAnOperatorsEventHasAStarBeforeItsLevel) {
+  const test::LogCapture log;
+  vtrace(kWarn, "a.cpp", 1, "f", kEvent, "turn");
+  vtrace(kWarn, "a.cpp", 1, "f", kPlain, "rest");
+  const std::regex lines(R"(\S+Z \*WARN  \S+ a\.cpp:1 f: turn\n)"
+                         R"(\S+Z WARN  \S+ a\.cpp:1 f: rest\n)");
+  EXPECT_TRUE(std::regex_match(log.bytes(), lines)) << log.bytes();
+}
+
+// --- The text
+
+struct EscapeCase {
+  int byte;
+  const char* shown;
+};
+
+std::string nameOfByte(const ::testing::TestParamInfo<EscapeCase>& info) {
+  return "Byte" + std::to_string(info.param.byte);
+}
+
+class TraceEscape : public ::testing::TestWithParam<EscapeCase> {};
+
+TEST_P(TraceEscape, ShowsAControlCharacterAsText) {
+  const test::LogCapture log;
+  vtrace(kInfo, "a.cpp", 1, "f", kPlain, "<%c>", GetParam().byte);
+  EXPECT_EQ("<" + std::string(GetParam().shown) + ">", onlyText(log));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Trace, TraceEscape,
+    ::testing::Values(EscapeCase{0x00, "\\x00"}, EscapeCase{0x01, "\\x01"},
+                      EscapeCase{0x02, "\\x02"}, EscapeCase{0x03, "\\x03"},
+                      EscapeCase{0x04, "\\x04"}, EscapeCase{0x05, "\\x05"},
+                      EscapeCase{0x06, "\\x06"}, EscapeCase{0x07, "\\x07"},
+                      EscapeCase{0x08, "\\x08"}, EscapeCase{0x09, "\\t"},
+                      EscapeCase{0x0a, "\\n"}, EscapeCase{0x0b, "\\x0b"},
+                      EscapeCase{0x0c, "\\x0c"}, EscapeCase{0x0d, "\\r"},
+                      EscapeCase{0x0e, "\\x0e"}, EscapeCase{0x0f, "\\x0f"},
+                      EscapeCase{0x10, "\\x10"}, EscapeCase{0x11, "\\x11"},
+                      EscapeCase{0x12, "\\x12"}, EscapeCase{0x13, "\\x13"},
+                      EscapeCase{0x14, "\\x14"}, EscapeCase{0x15, "\\x15"},
+                      EscapeCase{0x16, "\\x16"}, EscapeCase{0x17, "\\x17"},
+                      EscapeCase{0x18, "\\x18"}, EscapeCase{0x19, "\\x19"},
+                      EscapeCase{0x1a, "\\x1a"}, EscapeCase{0x1b, "\\x1b"},
+                      EscapeCase{0x1c, "\\x1c"}, EscapeCase{0x1d, "\\x1d"},
+                      EscapeCase{0x1e, "\\x1e"}, EscapeCase{0x1f, "\\x1f"},
+                      EscapeCase{0x7f, "\\x7f"}),
+    nameOfByte);
+
+TEST(TraceTest, EveryOtherByteOfATextPassesUntouched) {
+  const test::LogCapture log;
+  std::string others;
+  for (int byte = 0x20; byte <= 0xff; ++byte) {
+    if (byte != 0x7f) others += static_cast<char>(byte);
+  }
+  logText(others);
+  EXPECT_THAT(log.bytes(), EndsWith(" f: " + others + "\n"));
+}
+
+TEST(TraceTest, Utf8PassesUntouched) {
+  const test::LogCapture log;
+  logText("Größe, 計画, 🚀");
+  EXPECT_EQ("Größe, 計画, 🚀", onlyText(log));
+}
+
+TEST(TraceTest, ANameCannotForgeALine) {
+  const test::LogCapture log;
+  vtrace(kInfo, "a.cpp", 1, "f", kPlain, "name: %s",
+         "x\n2026-11-20T12:34:56.789012Z ERROR ?[1] b.cpp:1 g: forged");
+  EXPECT_THAT(log.lines(), SizeIs(1));
+}
+
+TEST(TraceTest, ControlCharactersOfTheFormatItselfAreEscapedAsWell) {
+  const test::LogCapture log;
+  vtrace(kInfo, "a.cpp", 1, "f", kPlain, "one\ntwo\n");
+  EXPECT_EQ("one\\ntwo\\n", onlyText(log));
+}
+
+TEST(TraceTest, ATextThatCannotBeFormattedIsShownAsItsFormat) {
+  const test::LogCapture log;
+  const wchar_t not_a_character[] = {static_cast<wchar_t>(0xdc00), 0};
+  vtrace(kInfo, "a.cpp", 1, "f", kPlain, "name: %ls", not_a_character);
+  EXPECT_EQ("name: %ls", onlyText(log));
+}
+
+TEST(TraceTest, ValuesAfterALongOneArrive) {
+  const test::LogCapture log;
+  const std::string longer(2000, 'x');
+  vtrace(kInfo, "a.cpp", 1, "f", kPlain, "%d %s %d %.1f %s", 1, longer.c_str(),
+         2, 3.5, "end");
+  EXPECT_EQ("1 " + longer + " 2 3.5 end", onlyText(log));
+}
+
+class TraceLength : public ::testing::TestWithParam<size_t> {};
+
+TEST_P(TraceLength, OfATextDoesNotMatterItArrivesWholeByOneWrite) {
+  const test::LogCapture log;
+  int writes = 0;
+  test::writeCall() = [&](int fd, const void* bytes, size_t size) {
+    ++writes;
+    return test::realWrite(fd, bytes, size);
+  };
+  std::string text(GetParam(), 'x');
+  if (!text.empty()) text.back() = 'E';
+  logText(text);
+  test::writeCall() = nullptr;
+  EXPECT_EQ(1, writes);
+  // Not by lines(), as the regular expression recurses for each byte.
+  const std::string bytes = log.bytes();
+  EXPECT_EQ(" f: " + text + "\n", bytes.substr(bytes.find(" f: ")));
+}
+
+INSTANTIATE_TEST_SUITE_P(Trace, TraceLength,
+                         ::testing::Values(0, 1, 510, 511, 512, 513, 1023, 4096,
+                                           65536, 1048576),
+                         ::testing::PrintToStringParamName());
+
+TEST(TraceTest, TheKernelSeesOneMessagePerCall) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(
+      0, ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()));
+  const std::vector<std::string> texts = {"short", std::string(10'000, 'x'),
+                                          ""};
+  {
+    const StandardErrorTo redirected(ends[1]);
+    for (const auto& text : texts) logText(text);
+  }
+  ::close(ends[1]);
+  std::vector<char> message(100'000);
+  for (const auto& text : texts) {
+    const ssize_t size = ::read(ends[0], message.data(), message.size());
+    ASSERT_GT(size, 0);
+    const std::string line(message.data(), static_cast<size_t>(size));
+    EXPECT_THAT(line, EndsWith("] a.cpp:1 f: " + text + "\n"));
+    EXPECT_THAT(line, HasSubstr(kHead));
+  }
+  EXPECT_EQ(0, ::read(ends[0], message.data(), message.size()));
+  ::close(ends[0]);
+}
+
+// --- errno
+
+TEST(TraceTest, ErrnoIsKept) {
+  const test::LogCapture log;
+  errno = EXDEV;
+  logText("x");
+  EXPECT_EQ(EXDEV, errno);
+}
+
+TEST(TraceTest, ErrnoIsKeptWhenTheWriteFails) {
+  test::writeCall() = [](int, const void*, size_t) -> ssize_t {
+    errno = EIO;
+    return -1;
+  };
+  errno = EXDEV;
+  logText("x");
+  EXPECT_EQ(EXDEV, errno);
+}
+
+/// Logs "<text>: <errno's text>", asking for the latter by a %m that is hidden
+/// from the compiler, which counts it as no part of the language.
+void logWithPercentM(const std::string& text, int error) {
+  const std::string format = "%s: %m";
+  errno = error;
+  vtrace(kError, "a.cpp", 1, "f", kPlain, format.c_str(), text.c_str());
+}
+
+TEST(TraceTest, PercentMIsTheCallersErrorEvenInTheFirstLine) {
+  const test::LogCapture log;
+  logWithPercentM("stat", ENOENT);
+  EXPECT_EQ("stat: No such file or directory", onlyText(log));
+}
+
+TEST(TraceTest, PercentMIsTheCallersErrorInALongText) {
+  const test::LogCapture log;
+  const std::string longer(1000, 'x');
+  logWithPercentM(longer, ENOENT);
+  EXPECT_EQ(longer + ": No such file or directory", onlyText(log));
+}
+
+// --- Writes that do not do all
+
+TEST(TraceTest, TheRestOfACutWriteFollows) {
+  const test::LogCapture log;
+  int writes = 0;
+  test::writeCall() = [&](int fd, const void* bytes, size_t size) {
+    ++writes;
+    return test::realWrite(fd, bytes, size < 16 ? size : 16);
+  };
+  logText("a text that needs more than one of these small writes");
+  test::writeCall() = nullptr;
+  EXPECT_GT(writes, 4);
+  EXPECT_EQ("a text that needs more than one of these small writes",
+            onlyText(log));
+}
+
+TEST(TraceTest, AnInterruptedWriteIsRepeated) {
+  const test::LogCapture log;
+  int interruptions = 3;
+  test::writeCall() = [&](int fd, const void* bytes, size_t size) -> ssize_t {
+    if (interruptions == 0) return test::realWrite(fd, bytes, size);
+    --interruptions;
+    errno = EINTR;
+    return -1;
+  };
+  logText("x");
+  test::writeCall() = nullptr;
+  EXPECT_EQ(0, interruptions);
+  EXPECT_THAT(log.lines(), ElementsAre(logLine("INFO", false, "f", "x")));
+}
+
+TEST(TraceTest, ALineThatIsRefusedIsNotTriedAgain) {
+  int writes = 0;
+  test::writeCall() = [&](int, const void*, size_t) -> ssize_t {
+    ++writes;
+    errno = EIO;
+    return -1;
+  };
+  logText("x");
+  test::writeCall() = nullptr;
+  EXPECT_EQ(1, writes);
+}
+
+TEST(TraceTest, ALineLongerThanAPipeArrivesWhole) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC));
+  ASSERT_LE(4096, ::fcntl(ends[1], F_SETPIPE_SZ, 4096));
+  std::string received;
+  std::thread reader([&] { received = readToEnd(ends[0]); });
+  const std::string text(100'000, 'x');
+  {
+    const StandardErrorTo redirected(ends[1]);
+    ::close(ends[1]);
+    logText(text);
+  }
+  reader.join();
+  ::close(ends[0]);
+  EXPECT_THAT(received, EndsWith(" f: " + text + "\n"));
+}
+
+// --- Processes
+
+TEST(TraceTest, AForkedChildLogsUnderItsOwnPid) {
+  const test::LogCapture log;
+  logText("parent");
+  const pid_t child = ::fork();
+  ASSERT_NE(-1, child);
+  if (child == 0) {
+    logText("child");
+    ::_exit(0);
+  }
+  int status = -1;
+  ASSERT_EQ(child, ::waitpid(child, &status, 0));
+  EXPECT_EQ(0, status);
+  EXPECT_THAT(log.bytes(), HasSubstr("[" + std::to_string(::getpid()) +
+                                     "] a.cpp:1 f: parent\n"));
+  EXPECT_THAT(log.bytes(),
+              HasSubstr("[" + std::to_string(child) + "] a.cpp:1 f: child\n"));
+}
+
+TEST(TraceTest, AForkedChildMayBeTheFirstToLog) {
+  const test::LogCapture log;
+  setNodeName("vornlaunch");
+  const pid_t child = ::fork();
+  ASSERT_NE(-1, child);
+  if (child == 0) {
+    logText("child");
+    ::_exit(0);
+  }
+  int status = -1;
+  ASSERT_EQ(child, ::waitpid(child, &status, 0));
+  EXPECT_EQ(0, status);
+  EXPECT_THAT(log.bytes(), HasSubstr(" vornlaunch[" + std::to_string(child) +
+                                     "] a.cpp:1 f: child\n"));
+}
+
+// --- Standard error that takes nothing
+
+TEST(TraceTest, WithStandardErrorClosedALineIsLostAndTheProcessLives) {
+  const int kept = ::dup(STDERR_FILENO);
+  ASSERT_EQ(0, ::close(STDERR_FILENO));
+  errno = EXDEV;
+  logText("lost");
+  const int error = errno;
+  ::dup2(kept, STDERR_FILENO);
+  ::close(kept);
+  EXPECT_EQ(EXDEV, error);
+}
+
+TEST(TraceTest, WithStandardErrorFullALineIsLostAndTheProcessLives) {
+  const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
+  if (full == -1) GTEST_SKIP() << "/dev/full is missing";
+  {
+    const StandardErrorTo redirected(full);
+    errno = EXDEV;
+    logText("lost");
+    EXPECT_EQ(EXDEV, errno);
+  }
+  ::close(full);
+}
+
+TEST(TraceTest, AFullPipeThatMustNotBlockLosesWhatItCannotHold) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK));
+  {
+    const StandardErrorTo redirected(ends[1]);
+    ::close(ends[1]);
+    logText(std::string(2'000'000, 'x'));
+  }
+  const std::string received = readToEnd(ends[0]);
+  ::close(ends[0]);
+  EXPECT_THAT(received, HasSubstr(kHead));
+  EXPECT_THAT(received, Not(EndsWith("\n")));
+}
+
+void swallow(int) {}
+
+TEST(TraceTest, WithTheReaderGoneALineIsLostAndTheProcessLives) {
+  struct sigaction action {};
+  action.sa_handler = swallow;  // the launcher swallows SIGPIPE as well
+  ASSERT_EQ(0, ::sigaction(SIGPIPE, &action, nullptr));
+  std::array<int, 2> ends{};
+  ASSERT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC));
+  ::close(ends[0]);
+  {
+    const StandardErrorTo redirected(ends[1]);
+    errno = EXDEV;
+    logText("lost");
+    EXPECT_EQ(EXDEV, errno);
+  }
+  ::close(ends[1]);
+}
+
+TEST(TraceTest, ALostLineDoesNotSilenceTheNext) {
+  const test::LogCapture log;
+  test::writeCall() = [](int, const void*, size_t) -> ssize_t {
+    errno = ENOSPC;
+    return -1;
+  };
+  logText("lost");
+  test::writeCall() = nullptr;
+  logText("next");
+  EXPECT_THAT(log.lines(), ElementsAre(logLine("INFO", false, "f", "next")));
+}
+
+// --- The journal
+
+/// "device:inode" of standard error, as JOURNAL_STREAM has it.
+std::string standardErrorsStream(ino_t inode_offset = 0) {
+  struct stat status {};
+  (void)::fstat(STDERR_FILENO, &status);
+  return std::to_string(status.st_dev) + ":" +
+         std::to_string(status.st_ino + inode_offset);
+}
+
+class TraceJournal : public ::testing::TestWithParam<LevelCase> {};
+
+TEST_P(TraceJournal, GetsThePriorityInPlaceOfTheTime) {
+  const test::LogCapture log;
+  ::setenv("JOURNAL_STREAM", standardErrorsStream().c_str(), 1);
+  logText("x", GetParam().level);
+  EXPECT_EQ(std::string(GetParam().priority) + GetParam().shown + "?[" +
+                std::to_string(::getpid()) + "] a.cpp:1 f: x\n",
+            log.bytes());
+}
+
+INSTANTIATE_TEST_SUITE_P(Trace, TraceJournal, ::testing::ValuesIn(kLevelCases),
+                         nameOf<LevelCase>);
+
+TEST(TraceJournalTest, TheStarStandsBetweenPriorityAndLevel) {
+  const test::LogCapture log;
+  ::setenv("JOURNAL_STREAM", standardErrorsStream().c_str(), 1);
+  vtrace(kWarn, "a.cpp", 1, "f", kEvent, "x");
+  EXPECT_THAT(log.bytes(), StartsWith("<4>*WARN  ?["));
+}
+
+TEST(TraceJournalTest, AnotherStreamsInodeIsNotTheJournal) {
+  const test::LogCapture log;
+  ::setenv("JOURNAL_STREAM", standardErrorsStream(1).c_str(), 1);
+  logText("x");
+  EXPECT_THAT(log.lines(), ElementsAre(logLine("INFO", false, "f", "x")));
+}
+
+TEST(TraceJournalTest, AnotherStreamsDeviceIsNotTheJournal) {
+  const test::LogCapture log;
+  ::setenv("JOURNAL_STREAM", ("9" + standardErrorsStream()).c_str(), 1);
+  logText("x");
+  EXPECT_THAT(log.lines(), ElementsAre(logLine("INFO", false, "f", "x")));
+}
+
+TEST(TraceJournalTest, WithStandardErrorClosedThereIsNoJournal) {
+  const int kept = ::dup(STDERR_FILENO);
+  ::setenv("JOURNAL_STREAM", "0:0", 1);
+  ASSERT_EQ(0, ::close(STDERR_FILENO));
+  std::string line;
+  test::writeCall() = [&](int, const void* bytes, size_t size) {
+    line.assign(static_cast<const char*>(bytes), size);
+    return static_cast<ssize_t>(size);
+  };
+  logText("x");
+  test::writeCall() = nullptr;
+  ::dup2(kept, STDERR_FILENO);
+  ::close(kept);
+  EXPECT_THAT(line, Not(StartsWith("<")));
+  EXPECT_THAT(line, EndsWith(" f: x\n"));
+}
+
+struct StreamCase {
+  const char* name;
+  const char* before;  // around "device:inode" of standard error
+  const char* after;
+};
+
+class TraceMalformedStream : public ::testing::TestWithParam<StreamCase> {};
+
+TEST_P(TraceMalformedStream, IsNotTheJournal) {
+  const test::LogCapture log;
+  const std::string stream =
+      GetParam().before + standardErrorsStream() + GetParam().after;
+  ::setenv("JOURNAL_STREAM", stream.c_str(), 1);
+  logText("x");
+  EXPECT_THAT(log.lines(), ElementsAre(logLine("INFO", false, "f", "x")));
+}
+
+INSTANTIATE_TEST_SUITE_P(Trace, TraceMalformedStream,
+                         ::testing::Values(StreamCase{"LettersBefore", "x", ""},
+                                           StreamCase{"LettersAfter", "", "x"},
+                                           StreamCase{"AThirdNumber", "",
+                                                      ":1"}),
+                         nameOf<StreamCase>);
+
+struct TextCase {
+  const char* name;
+  const char* text;
+};
+
+class TraceStreamText : public ::testing::TestWithParam<TextCase> {};
+
+TEST_P(TraceStreamText, ThatNamesNoStreamIsNotTheJournal) {
+  const test::LogCapture log;
+  ::setenv("JOURNAL_STREAM", GetParam().text, 1);
+  logText("x");
+  EXPECT_THAT(log.lines(), ElementsAre(logLine("INFO", false, "f", "x")));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Trace, TraceStreamText,
+    ::testing::Values(TextCase{"Empty", ""}, TextCase{"ColonOnly", ":"},
+                      TextCase{"DeviceOnly", "12"}, TextCase{"NoInode", "12:"},
+                      TextCase{"NoDevice", ":12"}, TextCase{"Words", "a:b"}),
+    nameOf<TextCase>);
+
+// --- The terminal
+
+/// A terminal as standard error, for one line.
+std::string lineOnATerminal(int level, bool flag = kPlain) {
+  int master = -1;
+  int slave = -1;
+  if (::openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) return "";
+  termios raw{};
+  (void)::tcgetattr(slave, &raw);
+  ::cfmakeraw(&raw);
+  (void)::tcsetattr(slave, TCSANOW, &raw);
+  {
+    const StandardErrorTo redirected(slave);
+    vtrace(level, "a.cpp", 1, "f", flag, "x");
+  }
+  std::array<char, 4096> bytes{};
+  const ssize_t size = ::read(master, bytes.data(), bytes.size());
+  ::close(slave);
+  ::close(master);
+  return {bytes.data(), size > 0 ? static_cast<size_t>(size) : 0};
+}
+
+struct ColourCase {
+  const char* name;
+  int level;
+  bool flag;
+  const char* shown;  // a regular expression
+};
+
+class TraceTerminal : public ::testing::TestWithParam<ColourCase> {};
+
+TEST_P(TraceTerminal, ShowsTheLevelWordAndNothingElseInColour) {
+  ::unsetenv("NO_COLOR");
+  const std::string line = lineOnATerminal(GetParam().level, GetParam().flag);
+  const std::regex expected(R"([0-9T:.-]+Z )" + std::string(GetParam().shown) +
+                            R"(\?\[\d+\] a\.cpp:1 f: x\n)");
+  EXPECT_TRUE(std::regex_match(line, expected)) << line;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Trace, TraceTerminal,
+    ::testing::Values(
+        ColourCase{"Info", kInfo, kPlain, "\x1b\\[32mINFO\x1b\\[0m  "},
+        ColourCase{"Warn", kWarn, kPlain, "\x1b\\[33mWARN\x1b\\[0m  "},
+        ColourCase{"Error", kError, kPlain, "\x1b\\[31mERROR\x1b\\[0m "},
+        ColourCase{"Event", kError, kEvent, "\\*\x1b\\[31mERROR\x1b\\[0m "},
+        ColourCase{"UnknownLevel", 2, kPlain, "2     "}),
+    nameOf<ColourCase>);
+
+class TraceNoColour : public ::testing::TestWithParam<TextCase> {};
+
+TEST_P(TraceNoColour, IsAskedForByTheVariableWhateverItsValue) {
+  ::setenv("NO_COLOR", GetParam().text, 1);
+  const std::string line = lineOnATerminal(kError);
+  EXPECT_THAT(line, HasSubstr("Z ERROR ?["));
+  EXPECT_THAT(line, Not(HasSubstr("\x1b")));
+}
+
+INSTANTIATE_TEST_SUITE_P(Trace, TraceNoColour,
+                         ::testing::Values(TextCase{"Empty", ""},
+                                           TextCase{"Zero", "0"},
+                                           TextCase{"One", "1"}),
+                         nameOf<TextCase>);
+
+TEST(TraceTerminalTest, ATextCannotDriveTheTerminal) {
+  ::setenv("NO_COLOR", "1", 1);
+  int master = -1;
+  int slave = -1;
+  ASSERT_EQ(0, ::openpty(&master, &slave, nullptr, nullptr, nullptr));
+  {
+    const StandardErrorTo redirected(slave);
+    logText("\x1b[2J\x1b[H");
+  }
+  std::array<char, 4096> bytes{};
+  const ssize_t size = ::read(master, bytes.data(), bytes.size());
+  ::close(slave);
+  ::close(master);
+  ASSERT_GT(size, 0);
+  const std::string line(bytes.data(), static_cast<size_t>(size));
+  EXPECT_THAT(line, HasSubstr(R"(f: \x1b[2J\x1b[H)"));
+  EXPECT_THAT(line, Not(HasSubstr("\x1b")));
+}
+
+TEST(TraceTerminalTest, APipeGetsNoColour) {
+  ::unsetenv("NO_COLOR");
+  std::array<int, 2> ends{};
+  ASSERT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC));
+  {
+    const StandardErrorTo redirected(ends[1]);
+    ::close(ends[1]);
+    logText("x", kError);
+  }
+  const std::string line = readToEnd(ends[0]);
+  ::close(ends[0]);
+  EXPECT_THAT(line, HasSubstr("Z ERROR ?["));
+  EXPECT_THAT(line, Not(HasSubstr("\x1b")));
+}
+
+}  // namespace
+}  // namespace vorn
