@@ -1,0 +1,90 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "parser.h"
+#include "support/log_capture.h"
+#include "vornlib/path.h"
+
+// The root is settled once per process; CTest gives each test its own.
+
+namespace vorn::launch {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::SizeIs;
+
+struct ExpansionCase {
+  const char* name;
+  const char* root;  // the value of VORN_ROOT
+  const char* value;
+  const char* expected;
+};
+
+class InstallRoot : public ::testing::TestWithParam<ExpansionCase> {};
+
+TEST_P(InstallRoot, ReplacesThePrefixUpToItsLastSlash) {
+  ::setenv("VORN_ROOT", GetParam().root, 1);
+  EXPECT_EQ(GetParam().expected, expandInstallRoot(GetParam().value));
+}
+
+std::string nameOf(const ::testing::TestParamInfo<ExpansionCase>& info) {
+  return info.param.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Values, InstallRoot,
+    ::testing::Values(
+        ExpansionCase{"AtTheBeginning", "/opt/x", "install://lib",
+                      "/opt/x/lib"},
+        ExpansionCase{"ThePrefixAlone", "/opt/x", "install://", "/opt/x/"},
+        ExpansionCase{"InTheMiddle", "/opt/x", "pre-install://x",
+                      "pre-/opt/x/x"},
+        ExpansionCase{"AtTheEnd", "/opt/x", "a:install://", "a:/opt/x/"},
+        ExpansionCase{"Several", "/opt/x",
+                      "install://lib:install://lib64:/usr/local/lib",
+                      "/opt/x/lib:/opt/x/lib64:/usr/local/lib"},
+        ExpansionCase{"SideBySide", "/opt/x", "install://install://",
+                      "/opt/x//opt/x/"},
+        ExpansionCase{"WithAThirdSlash", "/opt/x", "install:///lib",
+                      "/opt/x//lib"},
+        ExpansionCase{"NoPrefix", "/opt/x", "/usr/lib", "/usr/lib"},
+        ExpansionCase{"Empty", "/opt/x", "", ""},
+        ExpansionCase{"OneSlashIsNoPrefix", "/opt/x", "install:/lib",
+                      "install:/lib"},
+        ExpansionCase{"CapitalsAreNoPrefix", "/opt/x", "INSTALL://lib",
+                      "INSTALL://lib"}),
+    nameOf);
+
+INSTANTIATE_TEST_SUITE_P(
+    Roots, InstallRoot,
+    ::testing::Values(
+        ExpansionCase{"TrailingSlash", "/opt/x/", "install://lib",
+                      "/opt/x/lib"},
+        ExpansionCase{"RootDirectory", "/", "install://lib", "/lib"},
+        ExpansionCase{"TwoLeadingSlashes", "//host/x",
+                      "install://lib:install://bin",
+                      "//host/x/lib://host/x/bin"},
+        // The root's slashes complete a prefix that stands before it.
+        ExpansionCase{"TwoLeadingSlashesAfterAHalfPrefix", "//x",
+                      "install:install://lib", "//x/x/lib"},
+        // The prefix that the root's end begins is replaced in turn.
+        ExpansionCase{"PrefixAtItsEnd", "/opt/install:", "install://lib",
+                      "/opt/install:/lib"},
+        ExpansionCase{"PrefixAtItsEndAndAThirdSlash", "/opt/install:",
+                      "install:///lib", "/opt//opt/install:/lib"}),
+    nameOf);
+
+TEST(InstallRootTest, ExpansionEndsUnderARootThatContainsThePrefix) {
+  const test::LogCapture log;
+  ::setenv("VORN_ROOT", "/opt/install://x", 1);
+  EXPECT_EQ(path::root() + "/lib", expandInstallRoot("install://lib"));
+  EXPECT_THAT(path::root(), Not(HasSubstr("install://")));
+  EXPECT_THAT(log.lines(), SizeIs(1));
+}
+
+}  // namespace
+}  // namespace vorn::launch
