@@ -23,9 +23,9 @@
 #include <thread>
 #include <vector>
 
+#include "support/library_calls.h"
 #include "support/log_capture.h"
 #include "support/standard_error.h"
-#include "support/write_call.h"
 
 // What standard error is, and the process's name, are settled once per process;
 // CTest gives each test its own.
@@ -110,6 +110,18 @@ TEST(TraceTest, TheTimeStampIsNowInUtcWhateverTheTimeZone) {
   const int64_t stamp = microsecondsOf(line.substr(0, line.find(' ')));
   EXPECT_LE(before, stamp);
   EXPECT_LE(stamp, after);
+}
+
+TEST(TraceTest, TheTimeStampHasSixDigitsOfTheSecondCutNotRounded) {
+  const test::LogCapture log;
+  test::libraryCalls().clock_gettime = [](clockid_t clock, timespec* time) {
+    EXPECT_EQ(CLOCK_REALTIME, clock);
+    *time = {1'795'178'096, 12'999};
+    return 0;
+  };
+  logText("x");
+  test::libraryCalls().clock_gettime = nullptr;
+  EXPECT_THAT(log.bytes(), StartsWith("2026-11-20T12:34:56.000012Z INFO  "));
 }
 
 TEST(TraceTest, AProcessWithoutANameLogsAsAQuestionMark) {
@@ -273,14 +285,14 @@ class TraceLength : public ::testing::TestWithParam<size_t> {};
 TEST_P(TraceLength, OfATextDoesNotMatterItArrivesWholeByOneWrite) {
   const test::LogCapture log;
   int writes = 0;
-  test::writeCall() = [&](int fd, const void* bytes, size_t size) {
+  test::libraryCalls().write = [&](int fd, const void* bytes, size_t size) {
     ++writes;
     return test::realWrite(fd, bytes, size);
   };
   std::string text(GetParam(), 'x');
   if (!text.empty()) text.back() = 'E';
   logText(text);
-  test::writeCall() = nullptr;
+  test::libraryCalls().write = nullptr;
   EXPECT_EQ(1, writes);
   // Not by lines(), as the regular expression recurses for each byte.
   const std::string bytes = log.bytes();
@@ -325,7 +337,7 @@ TEST(TraceTest, ErrnoIsKept) {
 }
 
 TEST(TraceTest, ErrnoIsKeptWhenTheWriteFails) {
-  test::writeCall() = [](int, const void*, size_t) -> ssize_t {
+  test::libraryCalls().write = [](int, const void*, size_t) -> ssize_t {
     errno = EIO;
     return -1;
   };
@@ -360,12 +372,12 @@ TEST(TraceTest, PercentMIsTheCallersErrorInALongText) {
 TEST(TraceTest, TheRestOfACutWriteFollows) {
   const test::LogCapture log;
   int writes = 0;
-  test::writeCall() = [&](int fd, const void* bytes, size_t size) {
+  test::libraryCalls().write = [&](int fd, const void* bytes, size_t size) {
     ++writes;
     return test::realWrite(fd, bytes, size < 16 ? size : 16);
   };
   logText("a text that needs more than one of these small writes");
-  test::writeCall() = nullptr;
+  test::libraryCalls().write = nullptr;
   EXPECT_GT(writes, 4);
   EXPECT_EQ("a text that needs more than one of these small writes",
             onlyText(log));
@@ -374,27 +386,28 @@ TEST(TraceTest, TheRestOfACutWriteFollows) {
 TEST(TraceTest, AnInterruptedWriteIsRepeated) {
   const test::LogCapture log;
   int interruptions = 3;
-  test::writeCall() = [&](int fd, const void* bytes, size_t size) -> ssize_t {
+  test::libraryCalls().write = [&](int fd, const void* bytes,
+                                   size_t size) -> ssize_t {
     if (interruptions == 0) return test::realWrite(fd, bytes, size);
     --interruptions;
     errno = EINTR;
     return -1;
   };
   logText("x");
-  test::writeCall() = nullptr;
+  test::libraryCalls().write = nullptr;
   EXPECT_EQ(0, interruptions);
   EXPECT_THAT(log.lines(), ElementsAre(logLine("INFO", false, "f", "x")));
 }
 
 TEST(TraceTest, ALineThatIsRefusedIsNotTriedAgain) {
   int writes = 0;
-  test::writeCall() = [&](int, const void*, size_t) -> ssize_t {
+  test::libraryCalls().write = [&](int, const void*, size_t) -> ssize_t {
     ++writes;
     errno = EIO;
     return -1;
   };
   logText("x");
-  test::writeCall() = nullptr;
+  test::libraryCalls().write = nullptr;
   EXPECT_EQ(1, writes);
 }
 
@@ -510,12 +523,12 @@ TEST(TraceTest, WithTheReaderGoneALineIsLostAndTheProcessLives) {
 
 TEST(TraceTest, ALostLineDoesNotSilenceTheNext) {
   const test::LogCapture log;
-  test::writeCall() = [](int, const void*, size_t) -> ssize_t {
+  test::libraryCalls().write = [](int, const void*, size_t) -> ssize_t {
     errno = ENOSPC;
     return -1;
   };
   logText("lost");
-  test::writeCall() = nullptr;
+  test::libraryCalls().write = nullptr;
   logText("next");
   EXPECT_THAT(log.lines(), ElementsAre(logLine("INFO", false, "f", "next")));
 }
@@ -570,12 +583,12 @@ TEST(TraceJournalTest, WithStandardErrorClosedThereIsNoJournal) {
   ::setenv("JOURNAL_STREAM", "0:0", 1);
   ASSERT_EQ(0, ::close(STDERR_FILENO));
   std::string line;
-  test::writeCall() = [&](int, const void* bytes, size_t size) {
+  test::libraryCalls().write = [&](int, const void* bytes, size_t size) {
     line.assign(static_cast<const char*>(bytes), size);
     return static_cast<ssize_t>(size);
   };
   logText("x");
-  test::writeCall() = nullptr;
+  test::libraryCalls().write = nullptr;
   ::dup2(kept, STDERR_FILENO);
   ::close(kept);
   EXPECT_THAT(line, Not(StartsWith("<")));

@@ -1,0 +1,40 @@
+#include "support/library_calls.h"
+
+// The linker turns every call of X() into __wrap_X and offers the original as
+// __real_X; the names are its own.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl*)
+
+using vorn::test::libraryCalls;
+
+extern "C" {
+
+ssize_t __real_write(int fd, const void* bytes, size_t size);
+ssize_t __wrap_write(int fd, const void* bytes, size_t size) {
+  const auto& replacement = libraryCalls().write;
+  return replacement ? replacement(fd, bytes, size)
+                     : __real_write(fd, bytes, size);
+}
+
+int __real_clock_gettime(clockid_t clock, timespec* time);
+int __wrap_clock_gettime(clockid_t clock, timespec* time) {
+  const auto& replacement = libraryCalls().clock_gettime;
+  return replacement ? replacement(clock, time)
+                     : __real_clock_gettime(clock, time);
+}
+
+}  // extern "C"
+
+namespace vorn::test {
+
+LibraryCalls& libraryCalls() {
+  static LibraryCalls calls;
+  return calls;
+}
+
+ssize_t realWrite(int fd, const void* bytes, size_t size) {
+  return __real_write(fd, bytes, size);
+}
+
+}  // namespace vorn::test
+
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl*)
