@@ -1,0 +1,513 @@
+"""From the command line to the first wait."""
+
+import re
+import signal
+import subprocess
+
+import pytest
+
+from support.control import Result, State
+from support.machine import Machine
+from support.trace import launcher_calls, parse_trace
+from support.waiting import eventually
+
+USAGE = "Usage: \n  vornlaunch launch.yaml\n\n\n"
+FATAL_SIGNALS = [
+    "SIGTERM", "SIGQUIT", "SIGHUP", "SIGSEGV", "SIGBUS", "SIGABRT", "SIGILL",
+    "SIGFPE", "SIGINT", "SIGABRT", "SIGTRAP", "SIGPIPE",
+]
+# What strsignal() says to the numbers 0 to 11.
+DESCRIPTIONS = [
+    "Unknown signal 0", "Hangup", "Interrupt", "Quit", "Illegal instruction",
+    "Trace/breakpoint trap", "Aborted", "Bus error", "Floating point exception",
+    "Killed", "User defined signal 1", "Segmentation fault",
+]
+# Takes from root the right to pass permissions by.
+OBEYING_PERMISSIONS = ["setpriv", "--bounding-set=-dac_override,-dac_read_search"]
+
+
+@pytest.fixture(name="rehearsal")
+def fixture_rehearsal(tmp_path_factory, program, namespaces):
+    """A second machine, on which calls can be counted before one of them is made
+    to fail."""
+    del namespaces
+    machine = Machine(tmp_path_factory.mktemp("rehearsal"), program)
+    yield machine
+    machine.shut_down()
+
+
+def worker(machine):
+    """A launch file with one node that runs until it is stopped."""
+    machine.script("worker", "exec sleep 1000")
+    return {"vornnode": {"worker": {"path": "/tmp/bin/worker"}}}
+
+
+def run_to_the_end(machine, *arguments, **options):
+    """Runs the launcher with these arguments; returns its exit status."""
+    machine.start(arguments=list(arguments), wait_until_up=False, **options)
+    return machine.wait()
+
+
+def trace_at_the_end(machine):
+    """The launcher's calls, when it has ended and strace has written all."""
+
+    def whole():
+        calls = launcher_calls(machine)
+        return calls if calls and calls[-1].name == "end" else None
+
+    return eventually(whole, "strace has seen the end")
+
+
+# -- The command line.
+
+
+@pytest.mark.parametrize(
+    "arguments",
+    [[], ["launch.yaml", "launch.yaml"], ["--help", "a", "b"]],
+    ids=["none", "two", "three"],
+)
+def test_a_wrong_number_of_arguments_prints_the_usage_and_ends_with_1(
+    machine, arguments
+):
+    machine.launch_file(worker(machine))
+    assert run_to_the_end(machine, *arguments) == 1
+    assert machine.stdout() == USAGE
+    assert machine.stderr() == ""
+
+
+# -- The fatal signals.
+
+
+def count_before_arming(program, folder):
+    """How many rt_sigaction calls the process makes before the launcher's
+    first; a sanitizer has some of its own."""
+    output = folder / "arming.log"
+    subprocess.run(
+        ["strace", "-f", "-o", str(output), "-e", "trace=rt_sigaction", str(program)],
+        stdout=subprocess.DEVNULL, check=False, timeout=60,
+    )
+    calls = parse_trace(output.read_text(encoding="utf-8"))
+    return next(i for i, c in enumerate(calls) if c.arguments.startswith("SIGTERM"))
+
+
+def test_the_twelve_fatal_signals_are_armed_in_order(machine):
+    run_to_the_end(machine, strace=["-e", "trace=rt_sigaction"])
+    calls = [call for call in trace_at_the_end(machine) if call.name == "rt_sigaction"]
+    armed = [call.arguments for call in calls[-len(FATAL_SIGNALS) :]]
+    assert [arguments.split(",")[0] for arguments in armed] == FATAL_SIGNALS
+    actions = [
+        re.fullmatch(
+            r"SIG\w+, \{sa_handler=(0x[0-9a-f]+), sa_mask=\[\], "
+            r"sa_flags=SA_RESTORER, sa_restorer=0x[0-9a-f]+\}, NULL, 8",
+            arguments,
+        )
+        for arguments in armed
+    ]
+    assert all(actions), armed
+    assert len({action[1] for action in actions}) == 1, "one handler for all"
+
+
+@pytest.mark.parametrize("index", [0, 1, 5, 8, 9, 11])
+def test_a_refused_sigaction_is_reported_by_index(machine, program, tmp_path, index):
+    nth = count_before_arming(program, tmp_path) + 1 + index
+    status = run_to_the_end(
+        machine,
+        strace=[
+            "-e", "trace=rt_sigaction",
+            "-e", f"inject=rt_sigaction:error=EINVAL:when={nth}",
+        ],
+    )
+    refused = [c for c in trace_at_the_end(machine) if c.was_injected]
+    assert [c.arguments.split(",")[0] for c in refused] == [FATAL_SIGNALS[index]]
+    report = f"Failed to setup fatal sigaction({DESCRIPTIONS[index]})\n"
+    assert machine.stdout() == report + USAGE, "start-up goes on"
+    assert status == 1
+
+
+def test_a_launcher_without_any_fatal_signal_starts_its_nodes(
+    machine, program, tmp_path
+):
+    first = count_before_arming(program, tmp_path) + 1
+    # Of the SIGCHLD calls that follow, none is refused.
+    last = first + len(FATAL_SIGNALS) - 1
+    machine.start(
+        worker(machine),
+        strace=[
+            "-e", "trace=rt_sigaction",
+            "-e", f"inject=rt_sigaction:error=EINVAL:when={first}..{last}",
+        ],
+    )
+    assert machine.status("worker").state == State.RUNNING
+    machine.signal(signal.SIGTERM)
+    assert machine.wait() == 0
+    assert machine.stdout() == "".join(
+        f"Failed to setup fatal sigaction({text})\n" for text in DESCRIPTIONS
+    )
+
+
+# -- The launch file's existence.
+
+
+def prepare_missing_paths(machine):
+    machine.file("file", "")
+    (machine.tmp / "dangling").symlink_to("/tmp/nothing")
+
+
+@pytest.mark.parametrize(
+    "path",
+    [
+        "/tmp/missing.yaml",
+        "missing.yaml",
+        "/tmp/no/such//folder/launch.yaml",
+        "/tmp/dangling",
+        "/tmp/file/launch.yaml",
+        "",
+    ],
+    ids=["absolute", "relative", "as-typed", "dangling-link", "below-a-file", "empty"],
+)
+def test_a_missing_launch_file_is_one_event_line_and_status_0(machine, path):
+    prepare_missing_paths(machine)
+    assert run_to_the_end(machine, path) == 0
+    assert machine.heads() == [
+        ("ERROR", True, "main", f"No launch file exists: {path}")
+    ]
+    assert machine.stderr().count("\n") == 1
+    assert machine.stdout() == ""
+
+
+def prepare_unknowable_paths(machine):
+    machine.file("locked/launch.yaml", "")
+    (machine.tmp / "locked").chmod(0)
+    (machine.tmp / "loop").symlink_to("/tmp/loop")
+
+
+@pytest.mark.parametrize(
+    "path, error",
+    [
+        ("/tmp/locked/launch.yaml", "Permission denied"),
+        ("/tmp/loop", "Too many levels of symbolic links"),
+        ("/tmp/" + 300 * "x", "File name too long"),
+    ],
+    ids=["EACCES", "ELOOP", "ENAMETOOLONG"],
+)
+def test_a_path_that_cannot_be_looked_up_ends_the_launcher_abnormally(
+    machine, path, error
+):
+    prepare_unknowable_paths(machine)
+    status = run_to_the_end(machine, path, wrapper=OBEYING_PERMISSIONS)
+    assert status == -signal.SIGABRT
+    assert "filesystem_error" in machine.stderr()
+    assert error in machine.stderr()
+    assert machine.heads() == []
+
+
+def paths_looked_up(calls):
+    """The paths that the process has asked the status of."""
+    found = [
+        re.match(r'(?:AT_FDCWD, )?"([^"]+)"', call.arguments)
+        for call in calls
+        if "stat" in call.name
+    ]
+    return [match[1] for match in found if match]
+
+
+@pytest.mark.parametrize(
+    "typed, checked",
+    [
+        ("no//such///file", "no/such/file"),
+        ("///no//such", "/no/such"),
+        ("//no//such", "//no/such"),
+        ("//no/such//", "//no/such/"),
+        ("//n", "//n"),
+        ("/no/such", "/no/such"),
+    ],
+)
+def test_the_existence_check_reads_runs_of_slashes_as_one(machine, typed, checked):
+    run_to_the_end(machine, typed, strace=["-e", "trace=%%stat"])
+    looked_up = [p for p in paths_looked_up(trace_at_the_end(machine)) if "n" in p]
+    assert checked in looked_up
+    assert typed == checked or typed not in looked_up
+    assert machine.heads() == [
+        ("ERROR", True, "main", f"No launch file exists: {typed}")
+    ]
+
+
+def opened_to_read(calls, path):
+    return [c for c in calls if c.text == f'openat(AT_FDCWD, "{path}", O_RDONLY)']
+
+
+@pytest.mark.parametrize(
+    "typed, checked",
+    [
+        ("/tmp//dir///launch.yaml", "/tmp/dir/launch.yaml"),
+        ("///tmp/dir//launch.yaml", "/tmp/dir/launch.yaml"),
+        ("//tmp//dir/launch.yaml", "//tmp/dir/launch.yaml"),
+        ("dir//launch.yaml", "dir/launch.yaml"),
+    ],
+)
+def test_the_parser_receives_the_path_as_typed(machine, typed, checked):
+    machine.file("dir/launch.yaml", "vornnode: {first: {path: /tmp/nothing}}")
+    machine.start(arguments=[typed], strace=["-e", "trace=%%stat,openat"])
+    calls = launcher_calls(machine)
+    assert checked in paths_looked_up(calls)
+    assert typed not in paths_looked_up(calls)
+    assert len(opened_to_read(calls, typed)) == 1
+    assert machine.log_lines("name: first")
+
+
+@pytest.mark.parametrize(
+    "typed, checked", [("/tmp/folder", "/tmp/folder"), ("//", "/")]
+)
+def test_a_folder_is_handed_to_the_parser(machine, typed, checked):
+    (machine.tmp / "folder").mkdir()
+    run_to_the_end(machine, typed, strace=["-e", "trace=%%stat,openat"])
+    calls = trace_at_the_end(machine)
+    assert checked in paths_looked_up(calls)
+    assert [call.number >= 0 for call in opened_to_read(calls, typed)] == [True]
+    assert machine.heads() == []
+
+
+def test_an_unreadable_launch_file_ends_with_status_0(machine):
+    path = machine.launch_file(worker(machine))
+    (machine.tmp / "launch.yaml").chmod(0)
+    assert run_to_the_end(machine, path, wrapper=OBEYING_PERMISSIONS) == 0
+    assert machine.heads() == [
+        ("ERROR", False, "Parse", "Exception: bad file: /tmp/launch.yaml")
+    ]
+    assert machine.stdout() == ""
+
+
+# -- The order of the steps.
+
+
+def matching_positions(calls, patterns):
+    """Where each pattern is first found, each search beginning behind the match
+    before."""
+    texts = [call.text for call in calls]
+    positions, position = [], -1
+    for pattern in patterns:
+        position = next(
+            (
+                i
+                for i in range(position + 1, len(texts))
+                if re.search(pattern, texts[i])
+            ),
+            None,
+        )
+        assert position is not None, f"no {pattern} in this order:\n" + "\n".join(texts)
+        positions.append(position)
+    return positions
+
+
+def test_the_steps_of_start_up_come_in_their_order(machine):
+    machine.start(
+        worker(machine),
+        strace=["-s", "200", "-e", "trace=!mmap,mprotect,munmap,brk,clock_gettime"],
+    )
+    steps = [
+        *(f"^rt_sigaction\\({name}, {{sa_handler=0x" for name in FATAL_SIGNALS),
+        r'stat.*"/tmp/launch.yaml"',
+        r'^openat\(AT_FDCWD, "/tmp/launch.yaml"',
+        r"^write\(2, .*addNode: name: worker",
+        r"^epoll_create1\(",
+        r"^rt_sigaction\(SIGCHLD, {sa_handler=SIG_DFL",
+        r"^rt_sigprocmask\(SIG_BLOCK, \[TERM CHLD\]",
+        r"^signalfd4\(-1, ",
+        r"^epoll_ctl\(.*EPOLL_CTL_ADD",
+        r'^mkdir(at)?\(.*"/tmp/vornlaunch", 0777',
+        r"^socket\(AF_UNIX",
+        r"^unlink(at)?\(",
+        r"^bind\(",
+        r"^f?chmod(at)?\(",
+        r"^fcntl\(\d+, F_SETFD",
+        r"^fcntl\(\d+, F_SETFL",
+        r"^listen\(",
+        r"^epoll_ctl\(.*EPOLL_CTL_ADD",
+        r'stat.*"/tmp/bin/worker"',
+        r"^(clone|fork)",
+        r"^write\(2, .*Node start 'worker' ok",
+        r"^epoll_p?wait",
+    ]
+    calls = launcher_calls(machine)
+    positions = matching_positions(calls, steps)
+    # None of the decisive ones has come earlier as well.
+    for name in ("epoll_create1", "signalfd4", "socket", "listen"):
+        assert [call.name for call in calls].count(name) == 1
+    first_fork = next(
+        i for i, call in enumerate(calls) if re.match("clone|fork", call.name)
+    )
+    assert first_fork == positions[-3]
+
+
+def test_nodes_are_started_in_the_order_of_the_file(machine):
+    machine.script("worker", "exec sleep 1000")
+    names = ["zebra", "apple", "mango", "beech"]
+    machine.start({"vornnode": {name: {"path": "/tmp/bin/worker"} for name in names}})
+    started = [text for _, _, func, text in machine.heads() if func == "startInternal"]
+    assert started == [f"Node start '{name}' ok" for name in names]
+
+
+# -- Steps that fail.
+
+
+def test_without_an_event_loop_the_launcher_ends_with_status_0(machine):
+    path = machine.launch_file(worker(machine))
+    status = run_to_the_end(
+        machine, path, strace=["-e", "inject=epoll_create1:error=EMFILE"]
+    )
+    assert status == 0
+    assert machine.heads() == [
+        ("INFO", False, "addNode", "name: worker"),
+        ("ERROR", False, "open", "epoll create failed."),
+        ("ERROR", False, "main", "epoll open failed."),
+    ]
+    assert not (machine.tmp / "vornlaunch").exists()
+
+
+def number_of_call(rehearsal, name, arguments):
+    """Which call of `name`, counted from 1, the launcher makes with these
+    arguments."""
+    rehearsal.start({}, strace=["-e", f"trace={name}"])
+    calls = [call for call in launcher_calls(rehearsal) if call.name == name]
+    return [call.arguments for call in calls].index(arguments) + 1
+
+
+def assert_runs_without_supervision(machine, line):
+    """The worker runs, commands are served, but its end goes unnoticed."""
+    heads = machine.heads()
+    assert line in heads
+    started = ("INFO", True, "startInternal", "Node start 'worker' ok")
+    assert heads.index(line) < heads.index(started)
+    status = machine.status("worker")
+    child = machine.find_process(status.pid)
+    child.signal(signal.SIGKILL)
+    eventually(
+        lambda: machine.find_process(status.pid).state == "Z", "the child is a zombie"
+    )
+    assert machine.status("worker") == status
+    assert machine.find_process(status.pid).state == "Z"
+
+
+def test_the_launcher_runs_on_without_blocked_signals(machine, rehearsal):
+    nth = number_of_call(rehearsal, "rt_sigprocmask", "SIG_BLOCK, [TERM CHLD], NULL, 8")
+    machine.start(
+        worker(machine), strace=["-e", f"inject=rt_sigprocmask:error=EPERM:when={nth}"]
+    )
+    assert_runs_without_supervision(
+        machine, ("ERROR", False, "installSignalHandler", "Failed to block signals")
+    )
+
+
+def test_the_launcher_runs_on_without_a_signal_descriptor(machine):
+    machine.start(worker(machine), strace=["-e", "inject=signalfd4:error=EMFILE"])
+    assert_runs_without_supervision(
+        machine, ("ERROR", False, "installSignalHandler", "Failed to create signalfd")
+    )
+
+
+def test_the_launcher_runs_on_without_a_registered_signal_descriptor(machine):
+    machine.start(worker(machine), strace=["-e", "inject=epoll_ctl:error=ENOMEM:when=1"])
+    assert_runs_without_supervision(
+        machine, ("ERROR", False, "registerHandler", "epoll_ctl failed to add fd.")
+    )
+
+
+def prepare_socket_folder(machine):
+    (machine.tmp / "vornlaunch/vornlaunch.sock/in-the-way").mkdir(parents=True)
+
+
+@pytest.mark.parametrize(
+    "injected, func, text",
+    [
+        ("socket:error=EMFILE", "createSocket",
+         "Failed to open socket 'vornlaunch.sock': Too many open files"),
+        (None, "createSocket",
+         "Failed to unlink old socket 'vornlaunch.sock': Is a directory"),
+        ("bind:error=EACCES", "createSocket",
+         "Failed to bind socket 'vornlaunch.sock': Permission denied"),
+        ("listen:error=EADDRINUSE", "init", "listen failed"),
+        ("epoll_ctl:error=ENOMEM:when=2", "registerHandler",
+         "epoll_ctl failed to add fd."),
+    ],
+    ids=["socket", "unlink", "bind", "listen", "epoll_ctl"],
+)
+def test_the_launcher_runs_on_without_a_control_socket(machine, injected, func, text):
+    if injected is None:
+        prepare_socket_folder(machine)
+    machine.start(
+        worker(machine),
+        strace=None if injected is None else ["-e", f"inject={injected}"],
+        wait_until_up=False,
+    )
+    machine.wait_for_log("Node start 'worker' ok")
+    heads = [head for head in machine.heads() if head[0] != "INFO"]
+    assert heads == [("ERROR", False, func, text)]
+    with pytest.raises(OSError):
+        machine.connect()
+
+    # Its nodes are supervised all the same.
+    child = eventually(
+        lambda: next((p for p in machine.processes() if p.name == "sleep"), None),
+        "the worker runs",
+    )
+    child.signal(signal.SIGKILL)
+    machine.wait_for_log("Node 'worker' ready to restarting")
+    machine.signal(signal.SIGTERM)
+    assert machine.wait() == 0
+
+
+def test_a_control_folder_that_cannot_be_made_ends_the_launcher(machine):
+    machine.file("vornlaunch", "a file is in the way")
+    path = machine.launch_file(worker(machine))
+    assert run_to_the_end(machine, path) == -signal.SIGABRT
+    assert "filesystem_error" in machine.stderr()
+    assert "/tmp/vornlaunch" in machine.stderr()
+    assert machine.heads() == [("INFO", False, "addNode", "name: worker")]
+
+
+# -- The loop.
+
+
+def finished_waits(machine):
+    """The limits and results of the waits that have come back, the number of
+    events asked for among them."""
+    waits = []
+    for call in launcher_calls(machine):
+        if call.name == "epoll_wait" and call.result is not None:
+            maximum, limit = call.arguments.rsplit(", ", 2)[1:]
+            waits.append((int(maximum), int(limit), call.number))
+    return waits
+
+
+def test_an_idle_launcher_waits_without_a_limit_for_its_two_descriptors(machine):
+    machine.start(worker(machine), strace=["-e", "trace=epoll_wait"])
+    assert machine.status("worker").result == Result.SUCCESS
+    assert machine.status("worker").result == Result.SUCCESS
+    waits = eventually(
+        lambda: len(finished_waits(machine)) >= 3 and finished_waits(machine),
+        "three requests have been seen",
+    )
+    # No wake-up without an event.
+    assert set(waits) == {(2, -1, 1)}
+
+
+def test_a_launcher_with_a_waiting_node_looks_at_it_every_second(machine):
+    machine.script(
+        "second-try", "[ -e /tmp/tried ] && exec sleep 1000\n: > /tmp/tried\nexit 1"
+    )
+    machine.start(
+        {"vornnode": {"second-try": {"path": "/tmp/bin/second-try"}}},
+        strace=["-e", "trace=epoll_wait"],
+    )
+    machine.wait_for_log("Node 'second-try' ready to restarting")
+    machine.wait_for_log("Node start 'second-try' ok", count=2)
+    assert machine.status("second-try").state == State.RUNNING
+
+    def waits_again_without_a_limit():
+        waits = finished_waits(machine)
+        return waits if waits and waits[-1] == (2, -1, 1) else None
+
+    waits = eventually(waits_again_without_a_limit, "the last wait had no limit")
+    assert (2, 1000, 0) in waits
+    assert {limit for _, limit, events in waits if events == 0} == {1000}
+    assert {maximum for maximum, _, _ in waits} == {2}
