@@ -406,7 +406,9 @@ def test_the_launcher_runs_on_without_a_signal_descriptor(machine):
 
 
 def test_the_launcher_runs_on_without_a_registered_signal_descriptor(machine):
-    machine.start(worker(machine), strace=["-e", "inject=epoll_ctl:error=ENOMEM:when=1"])
+    machine.start(
+        worker(machine), strace=["-e", "inject=epoll_ctl:error=ENOMEM:when=1"]
+    )
     assert_runs_without_supervision(
         machine, ("ERROR", False, "registerHandler", "epoll_ctl failed to add fd.")
     )
