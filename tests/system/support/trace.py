@@ -69,3 +69,27 @@ def read_trace(machine):
 def launcher_calls(machine):
     """The launcher's own calls so far."""
     return [call for call in read_trace(machine) if call.pid == machine.pid]
+
+
+def calls(machine, *names):
+    """The calls that the launcher itself has completed, as "name(arguments) =
+    result"; of these names only, if any are given."""
+    return [
+        f"{call.text} = {call.result}"
+        for call in launcher_calls(machine)
+        if call.result and (not names or call.name in names)
+    ]
+
+
+# Fewer stops of the traced processes than without it.
+QUICK = "--seccomp-bpf"
+
+
+def injected(*faults, also=""):
+    """strace's options for these faults, each "call:what=...", and for tracing
+    their calls and the ones in `also`, a list with commas."""
+    names = [fault.split(":")[0] for fault in faults]
+    options = [QUICK, "-e", "trace=" + ",".join(names + [also] * bool(also))]
+    for fault in faults:
+        options += ["-e", f"inject={fault}"]
+    return options
