@@ -7,7 +7,7 @@ import pytest
 from support.control import Cmd, Result, State, pack_request, read_exactly
 from support.control import unpack_response
 from support.holding import held, wait_until_idle
-from support.trace import QUICK, calls
+from support.trace import QUICK, calls, injected
 from support.waiting import eventually
 
 
@@ -201,7 +201,7 @@ def test_sleep_blocks_the_whole_launcher(machine):
 
 def test_a_failed_fork_leaves_the_node_stopped_and_startable(machine):
     machine.start(worker(machine),
-                  strace=[QUICK, "-e", "inject=clone:error=EAGAIN:when=1"])
+                  strace=injected("clone:error=EAGAIN:when=1"))
     assert ("ERROR", True, "startInternal",
             "name: worker fork failed.") in machine.heads()
     status = machine.status("worker")
@@ -356,10 +356,11 @@ def test_between_stop_and_reap_the_status_shows_the_old_pid_and_state_0(machine)
     machine.start(worker(machine))
     pid = machine.status("worker").pid
     # Both wait in the backlog, so the second is served right after the first.
-    with machine.connect() as stop, machine.connect() as status:
-        with held(machine):
-            stop.sendall(pack_request(Cmd.STOP, "worker"))
-            status.sendall(pack_request(Cmd.STATUS, "worker"))
+    with held(machine):
+        stop, status = machine.connect(), machine.connect()
+        stop.sendall(pack_request(Cmd.STOP, "worker"))
+        status.sendall(pack_request(Cmd.STATUS, "worker"))
+    with stop, status:
         reply = unpack_response(read_exactly(status, 24))
     assert (reply.state, reply.pid) == (State.STOPPED, pid)
     machine.wait_for_log("Node 'worker' stoped")
@@ -367,7 +368,7 @@ def test_between_stop_and_reap_the_status_shows_the_old_pid_and_state_0(machine)
 
 
 def test_a_failed_kill_leaves_the_node_running_and_the_stop_failed(machine):
-    machine.start(worker(machine), strace=[QUICK, "-e", "inject=kill:error=EPERM"])
+    machine.start(worker(machine), strace=injected("kill:error=EPERM"))
     before = machine.status("worker")
     assert machine.request(Cmd.STOP, "worker").result == Result.FAILED
     assert machine.status("worker") == before
@@ -376,7 +377,7 @@ def test_a_failed_kill_leaves_the_node_running_and_the_stop_failed(machine):
 
 
 def test_a_failed_stop_still_keeps_the_exited_node_down(machine):
-    machine.start(worker(machine), strace=[QUICK, "-e", "inject=kill:error=EPERM"])
+    machine.start(worker(machine), strace=injected("kill:error=EPERM"))
     assert machine.request(Cmd.STOP, "worker").result == Result.FAILED
     machine.find_process(machine.status("worker").pid).signal(signal.SIGKILL)
     machine.wait_for_log("Node 'worker' stoped")
@@ -384,7 +385,7 @@ def test_a_failed_stop_still_keeps_the_exited_node_down(machine):
 
 
 def test_a_failed_stop_makes_a_restart_fail_without_a_start(machine):
-    machine.start(worker(machine), strace=[QUICK, "-e", "inject=kill:error=EPERM"])
+    machine.start(worker(machine), strace=injected("kill:error=EPERM"))
     before = machine.status("worker")
     assert machine.request(Cmd.RESTART, "worker").result == Result.FAILED
     assert machine.log_lines("Node 'worker' failed")[0].head[:3] == (
@@ -394,7 +395,7 @@ def test_a_failed_stop_makes_a_restart_fail_without_a_start(machine):
 
 
 def test_a_failed_stop_makes_a_disable_fail_but_disables(machine):
-    machine.start(worker(machine), strace=[QUICK, "-e", "inject=kill:error=EPERM"])
+    machine.start(worker(machine), strace=injected("kill:error=EPERM"))
     pid = machine.status("worker").pid
     assert machine.request(Cmd.DISABLE, "worker").result == Result.FAILED
     status = machine.status("worker")
@@ -404,8 +405,8 @@ def test_a_failed_stop_makes_a_disable_fail_but_disables(machine):
 
 def test_a_check_that_cannot_be_started_is_skipped_for_its_pass(machine):
     machine.start(worker(machine),
-                  strace=[QUICK, "-e", "trace=kill,clone3,clock_nanosleep",
-                          "-e", "inject=clone3:error=EAGAIN:when=1..2"])
+                  strace=injected("clone3:error=EAGAIN:when=1..2",
+                                  also="kill,clock_nanosleep"))
     pid = machine.status("worker").pid
     assert machine.request(Cmd.STOP, "worker").result == Result.SUCCESS
     machine.wait_for_log("'worker' receive signal: 15.")

@@ -4,6 +4,7 @@ import signal
 
 from support.control import Cmd, Result, State, pack_request
 from support.holding import wait_until_blocked, wait_until_idle
+from support.trace import injected
 from support.waiting import eventually
 
 
@@ -93,7 +94,7 @@ def test_a_required_oneshot_ends_disabled(machine):
 
 def test_a_failed_stop_of_a_required_node_does_not_start_it(machine):
     machine.start(launch(machine, a={"required": ["b"]}, b={}),
-                  strace=["--seccomp-bpf", "-e", "inject=kill:error=EPERM:when=3"])
+                  strace=injected("kill:error=EPERM:when=3"))
     pid = machine.status("b").pid
     # SIGTERM and SIGKILL for a's child, then SIGTERM for b's.
     assert machine.request(Cmd.STOP, "a").result == Result.SUCCESS

@@ -10,7 +10,7 @@ from support.control import Cmd, Result, State, pack_request, read_exactly
 from support.control import unpack_response
 from support.holding import held, wait_until_blocked, wait_until_idle
 from support.machine import Machine
-from support.trace import QUICK, calls
+from support.trace import QUICK, calls, injected
 from support.waiting import eventually
 
 FATAL = [signal.SIGQUIT, signal.SIGHUP, signal.SIGSEGV, signal.SIGBUS, signal.SIGABRT,
@@ -322,7 +322,7 @@ def test_a_stray_child_that_ends_otherwise_is_collected_silently(machine):
 
 def test_an_interrupted_waitid_is_repeated(machine):
     machine.start(workers(machine, "worker", "keeper"),
-                  strace=[QUICK, "-e", "inject=waitid:error=EINTR:when=1"])
+                  strace=injected("waitid:error=EINTR:when=1"))
     machine.find_process(machine.status("worker").pid).signal(signal.SIGKILL)
     machine.wait_for_log("Node 'worker' ready to restarting")
     assert machine.log_lines("waitid failed") == []
@@ -332,7 +332,7 @@ def test_an_interrupted_waitid_is_repeated(machine):
 
 def test_after_a_failed_waitid_the_next_exit_makes_good(machine):
     machine.start(workers(machine, "one", "two"),
-                  strace=[QUICK, "-e", "inject=waitid:error=ECHILD:when=1"])
+                  strace=injected("waitid:error=ECHILD:when=1"))
     children = [machine.find_process(machine.status(name).pid)
                 for name in ("one", "two")]
     children[0].signal(signal.SIGKILL)
@@ -346,12 +346,16 @@ def test_after_a_failed_waitid_the_next_exit_makes_good(machine):
 
 def test_an_interrupted_collection_is_repeated(machine):
     machine.start({}, wrapper=WITH_STRAY,
-                  strace=[QUICK, "-e", "inject=wait4:error=EINTR:when=1"])
+                  strace=injected("wait4:error=EINTR:when=1"))
     child = stray(machine)
     child.signal(signal.SIGKILL)
     machine.wait_for_log("node is killed.")
-    eventually(lambda: machine.find_process(child.pid) is None, "it is collected")
-    first, second = [x for x in calls(machine, "wait4") if f"wait4({child.pid}," in x]
+
+    def collections():
+        return [x for x in calls(machine, "wait4") if f"wait4({child.pid}," in x]
+
+    eventually(lambda: len(collections()) == 2, "it is collected")
+    first, second = collections()
     assert first.endswith("(INJECTED)") and second.endswith(f" = {child.pid}")
 
 
@@ -369,7 +373,7 @@ def test_a_failed_read_of_the_signal_descriptor_is_made_good(machine):
 
 def test_without_a_signal_descriptor_the_launcher_runs_without_supervision(machine):
     machine.start(workers(machine, "worker"),
-                  strace=[QUICK, "-e", "inject=signalfd4:error=EMFILE"])
+                  strace=injected("signalfd4:error=EMFILE"))
     assert ("ERROR", False, "installSignalHandler",
             "Failed to create signalfd") in machine.heads()
     child = machine.find_process(machine.status("worker").pid)
@@ -395,8 +399,8 @@ def fixture_blocking_call(tmp_path_factory, program, namespaces):
 
 def test_without_blocked_signals_sigterm_ends_the_launcher_alone(
         machine, blocking_call):
-    machine.start(workers(machine, "worker"), strace=[
-        QUICK, "-e", f"inject=rt_sigprocmask:error=EINVAL:when={blocking_call}"])
+    machine.start(workers(machine, "worker"), strace=injected(
+        f"rt_sigprocmask:error=EINVAL:when={blocking_call}"))
     assert ("ERROR", False, "installSignalHandler",
             "Failed to block signals") in machine.heads()
     child = machine.status("worker").pid
