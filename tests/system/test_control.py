@@ -350,10 +350,8 @@ def test_an_incomplete_send_is_logged_and_not_waited_for(machine, fault, size):
 
 def test_a_client_gone_before_its_reply_does_not_end_the_launcher(machine):
     machine.start(worker(machine))
-    with machine.connect() as client:
-        with held(machine):
-            client.sendall(pack_request(Cmd.STATUS, "worker"))
-            client.close()
+    with held(machine), machine.connect() as client:
+        client.sendall(pack_request(Cmd.STATUS, "worker"))
     [line] = machine.wait_for_log("send fail, size: -1")
     assert line.head[:3] == ("ERROR", False, "controlHandler")
     assert machine.status("worker").state == State.RUNNING
