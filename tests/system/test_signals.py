@@ -355,6 +355,8 @@ def test_an_interrupted_collection_is_repeated(machine):
         return [x for x in calls(machine, "wait4") if f"wait4({child.pid}," in x]
 
     eventually(lambda: len(collections()) == 2, "it is collected")
+    # At once, not after another look at the same exit.
+    assert len(machine.log_lines("node is killed.")) == 1
     first, second = collections()
     assert first.endswith("(INJECTED)") and second.endswith(f" = {child.pid}")
 
