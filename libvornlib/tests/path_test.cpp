@@ -56,8 +56,8 @@ INSTANTIATE_TEST_SUITE_P(
                       RootCase{"RootDirectory", "/", ""},
                       RootCase{"RootDirectoryTwice", "//", ""},
                       RootCase{"WithSpaces", "/opt/my root ", "/opt/my root "},
-                      RootCase{"LikeThePrefix", "/opt/install:/x",
-                               "/opt/install:/x"}),
+                      RootCase{"WithTheWordInstall", "/opt/install/x",
+                               "/opt/install/x"}),
     nameOf);
 
 TEST(PathTest, WithoutVornRootTheRootIsTheParentOfTheProgramsFolder) {
@@ -115,7 +115,7 @@ TEST_P(RefusedRoot, IsOneWarningAndTheProgramsRoot) {
   EXPECT_THAT(log.lines(),
               ElementsAre(logLine("WARN", false, "root",
                                   "VORN_ROOT '" + chosen +
-                                      "' contains install://, using the "
+                                      "' contains install:, using the "
                                       "executable's root")));
 }
 
@@ -124,7 +124,10 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(RootCase{"ThePrefixAlone", "install://", nullptr},
                       RootCase{"ThePrefixFirst", "install://x", nullptr},
                       RootCase{"ThePrefixInside", "/opt/install://x", nullptr},
-                      RootCase{"ThePrefixLast", "/opt/install://", nullptr}),
+                      RootCase{"ThePrefixLast", "/opt/install://", nullptr},
+                      // Slashes around it would complete it.
+                      RootCase{"LessThanThePrefix", "/opt/install:/x", nullptr},
+                      RootCase{"ItsWordAtTheEnd", "/opt/install:", nullptr}),
     nameOf);
 
 }  // namespace

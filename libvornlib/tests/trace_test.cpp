@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <pty.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -38,6 +40,7 @@ using test::StandardErrorTo;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
 using ::testing::Not;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
@@ -489,18 +492,69 @@ TEST(TraceTest, WithStandardErrorFullALineIsLostAndTheProcessLives) {
   ::close(full);
 }
 
-TEST(TraceTest, AFullPipeThatMustNotBlockLosesWhatItCannotHold) {
+TEST(TraceTest, ADescriptorThatTakesStandardErrorsPlaceLaterGetsNothing) {
+  const int kept = ::dup(STDERR_FILENO);
+  ASSERT_EQ(0, ::close(STDERR_FILENO));
+  setNodeName("launcher");
   std::array<int, 2> ends{};
   ASSERT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK));
+  ASSERT_TRUE(ends[0] == STDERR_FILENO || ends[1] == STDERR_FILENO ||
+              ::dup2(ends[1], STDERR_FILENO) == STDERR_FILENO);
+  bool wrote = false;
+  test::libraryCalls().write = [&](int, const void*, size_t size) {
+    wrote = true;
+    return static_cast<ssize_t>(size);
+  };
+  logText("lost");
+  ::dup2(kept, STDERR_FILENO);
+  EXPECT_FALSE(wrote);
+}
+
+TEST(TraceTest, ALineAfterOneThatWasCutStandsAlone) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK));
+  std::string cut;
+  std::string rest;
   {
     const StandardErrorTo redirected(ends[1]);
     ::close(ends[1]);
     logText(std::string(2'000'000, 'x'));
+    cut.resize(1'000'000);
+    const ssize_t size = ::read(ends[0], cut.data(), cut.size());
+    cut.resize(size > 0 ? static_cast<size_t>(size) : 0);
+    logText("second");
+    logText("third");
   }
-  const std::string received = readToEnd(ends[0]);
+  rest = readToEnd(ends[0]);
   ::close(ends[0]);
-  EXPECT_THAT(received, HasSubstr(kHead));
-  EXPECT_THAT(received, Not(EndsWith("\n")));
+  EXPECT_THAT(cut, HasSubstr(kHead));
+  EXPECT_THAT(cut, EndsWith("x"));
+  EXPECT_THAT(rest, MatchesRegex("\n[^\n]* f: second\n[^\n]* f: third\n"));
+}
+
+TEST(TraceTest, AFilesSizeLimitLosesLinesAndEndsNothing) {
+  const int file = ::memfd_create("log", MFD_CLOEXEC);
+  rlimit limit{};
+  ASSERT_EQ(0, ::getrlimit(RLIMIT_FSIZE, &limit));
+  limit.rlim_cur = 100;
+  sigset_t before{};
+  sigset_t after{};
+  sigset_t pending{};
+  {
+    const StandardErrorTo redirected(file);
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &limit));
+    ::pthread_sigmask(SIG_SETMASK, nullptr, &before);
+    for (int i = 0; i < 5; ++i) logText("a line of some length");
+    ::pthread_sigmask(SIG_SETMASK, nullptr, &after);
+    ::sigpending(&pending);
+  }
+  struct stat status {};
+  ASSERT_EQ(0, ::fstat(file, &status));
+  EXPECT_EQ(100, status.st_size);
+  EXPECT_EQ(0, ::sigismember(&pending, SIGXFSZ));
+  EXPECT_EQ(0, ::sigismember(&before, SIGXFSZ));
+  EXPECT_EQ(0, ::sigismember(&after, SIGXFSZ));
+  ::close(file);
 }
 
 void swallow(int) {}
@@ -576,23 +630,6 @@ TEST(TraceJournalTest, AnotherStreamsDeviceIsNotTheJournal) {
   ::setenv("JOURNAL_STREAM", ("9" + standardErrorsStream()).c_str(), 1);
   logText("x");
   EXPECT_THAT(log.lines(), ElementsAre(logLine("INFO", false, "f", "x")));
-}
-
-TEST(TraceJournalTest, WithStandardErrorClosedThereIsNoJournal) {
-  const int kept = ::dup(STDERR_FILENO);
-  ::setenv("JOURNAL_STREAM", "0:0", 1);
-  ASSERT_EQ(0, ::close(STDERR_FILENO));
-  std::string line;
-  test::libraryCalls().write = [&](int, const void* bytes, size_t size) {
-    line.assign(static_cast<const char*>(bytes), size);
-    return static_cast<ssize_t>(size);
-  };
-  logText("x");
-  test::libraryCalls().write = nullptr;
-  ::dup2(kept, STDERR_FILENO);
-  ::close(kept);
-  EXPECT_THAT(line, Not(StartsWith("<")));
-  EXPECT_THAT(line, EndsWith(" f: x\n"));
 }
 
 struct StreamCase {

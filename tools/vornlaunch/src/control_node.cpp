@@ -116,7 +116,7 @@ int ControlNode::createSocket(const char* name, int type, unsigned int mode) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   // KEEP: a path that does not fit is cut without an error. Intended.
-  // Test: ControlNodeTest.AnOverlongPathIsCutTo107Characters
+  // Test: ControlNodeTest.CreateSocketCutsAPathAfter107Characters
   (void)std::snprintf(address.sun_path, sizeof(address.sun_path), "%s/%s",
                       kControlDirectory, name);
   if (::unlink(address.sun_path) == -1 && errno != ENOENT) {
@@ -189,7 +189,7 @@ void ControlNode::controlHandler() {
       [&] { return ::recv(connection.fd(), &request, sizeof(request), 0); });
   if (received != sizeof(request)) {
     // KEEP: after a short read errno is an old one; it is printed all the same.
-    // Test: ControlNodeTest.AShortRequestIsRefusedWithItsCountAndAnOldErrno
+    // Test: ControlHandlerTest.RefusesARequestInTwoPieces
     VTRACE(kError, kPlain, "received: %d expected: %d errno: %d",
            static_cast<int>(received), static_cast<int>(sizeof(request)),
            errno);
@@ -199,7 +199,7 @@ void ControlNode::controlHandler() {
   const auto handler = handlers_.find(request.cmd);
   if (handler == handlers_.end()) {
     // KEEP: the log's readers know this spelling.
-    // Test: ControlNodeTest.AnUnknownCommandGetsNoReply
+    // Test: UnknownCommandTest.IsOneWarningAndNoReply
     VTRACE(kWarn, kPlain, "unknow cmd: %d", static_cast<int>(request.cmd));
     return;
   }

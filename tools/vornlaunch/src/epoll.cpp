@@ -69,7 +69,7 @@ std::vector<Epoll::Handler*> Epoll::wait(int timeout) {
                                     static_cast<int>(events_.size()), timeout);
   // KEEP: an interrupting signal is logged as a failure like any other and not
   // retried, which lets main see exited. Intended.
-  // Test: EpollTest.AnInterruptedWaitIsAFailure
+  // Test: OpenEpollTest.AnInterruptedWaitIsAFailureAndNotRepeated
   if (reported == -1) {
     VTRACE(kError, kPlain, "epoll_wait failed.");
     return ready;

@@ -81,7 +81,8 @@ bool Node::startInternal() {
   }
   // KEEP: only a failing call counts. A directory, or a file that may not be
   // executed, fails in the child and is tried again every 5 s. Intended.
-  // Test: test_nodes.py
+  // Test: test_nodes.py,
+  // test_what_cannot_be_executed_exits_with_127_and_is_tried_again
   struct stat executable {};
   if (::stat(argv.front().c_str(), &executable) != 0) {
     disabled = true;
@@ -205,7 +206,7 @@ bool Node::stopRequired() {
 
 // KEEP: neither cycles nor repeated names are looked for. A node named twice
 // is restarted twice; a cycle blocks on a held lock for good. Intended.
-// Test: test_required.py
+// Test: test_required.py, test_a_cycle_blocks_the_launcher_for_good
 void Node::restartRequired() {
   NodeManager& nodes = NodeManager::getInstance();
   for (const std::string& other : required) {

@@ -25,7 +25,7 @@ NodeManager& NodeManager::getInstance() {
 
 void NodeManager::addNode(const std::string& name, std::unique_ptr<Node> node) {
   // KEEP: a second node of the same name is kept; look-ups find the first.
-  // Test: NodeManagerTest
+  // Test: NodeManagerTest.ANameFindsTheFirstNodeThatHasIt
   VTRACE(kInfo, kPlain, "name: %s", name.c_str());
   nodes_.push_back(std::move(node));
 }
@@ -47,7 +47,7 @@ Node* NodeManager::findNode(const std::string& name) {
 void NodeManager::startingUp() {
   for (const auto& node : nodes_) {
     // KEEP: a disabled node stays STOPPED until something tries to start it.
-    // Test: NodeManagerTest
+    // Test: NodeManagerTest.ADisabledNodeIsPassedOverInSilence
     if (!node->disabled) (void)node->start();
   }
 }

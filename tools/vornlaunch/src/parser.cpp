@@ -94,7 +94,7 @@ void readRequired(const std::unique_ptr<Node>& node, const YAML::Node& value) {
 std::string expandInstallRoot(std::string value) {
   // KEEP: nine of the prefix's ten characters are replaced; its last slash
   // stays and separates the root, which ends without one, from the rest.
-  // Test: ExpandInstallRootTest.ReplacesThePrefix
+  // Test: InstallRoot.ReplacesThePrefixUpToItsLastSlash
   constexpr size_t kReplaced = path::kInstallPrefix.size() - 1;
   for (size_t found = value.find(path::kInstallPrefix);
        found != std::string::npos; found = value.find(path::kInstallPrefix)) {
@@ -106,7 +106,8 @@ std::string expandInstallRoot(std::string value) {
 bool Parser::Parse(const std::string& path) {
   // KEEP: no other exception is caught, here or in main: a malformed launch
   // file ends the launcher at once, before any node runs. Intended.
-  // Test: test_launch_file.py
+  // Test: test_launch_file.py,
+  // test_a_wrong_document_ends_the_launcher_before_any_node_is_read
   YAML::Node root;
   try {
     root = YAML::LoadFile(path);
@@ -133,7 +134,7 @@ void Parser::parseSetenv(const YAML::Node& environment) {
     config.environment.emplace_back(variable, value);
     // KEEP: a name that setenv refuses stays in the list; the child refuses it
     // in the same way. Intended.
-    // Test: ParserTest.ANameThatSetenvRefusesStaysInTheList
+    // Test: LaunchFileTest.ANameThatCannotBeExportedStaysInTheListAndTheLog
     (void)::setenv(variable.c_str(), value.c_str(), 1);
     VTRACE(kInfo, kPlain, "setenv %s: %s", variable.c_str(), value.c_str());
   }

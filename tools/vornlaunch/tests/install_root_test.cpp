@@ -51,6 +51,9 @@ INSTANTIATE_TEST_SUITE_P(
                       "/opt/x//opt/x/"},
         ExpansionCase{"WithAThirdSlash", "/opt/x", "install:///lib",
                       "/opt/x//lib"},
+        // The first replacement makes a prefix that begins before it.
+        ExpansionCase{"FromTheBeginningAgain", "/opt/x", "install:/install://y",
+                      "/opt/x/opt/x/y"},
         ExpansionCase{"NoPrefix", "/opt/x", "/usr/lib", "/usr/lib"},
         ExpansionCase{"Empty", "/opt/x", "", ""},
         ExpansionCase{"OneSlashIsNoPrefix", "/opt/x", "install:/lib",
@@ -70,21 +73,35 @@ INSTANTIATE_TEST_SUITE_P(
                       "//host/x/lib://host/x/bin"},
         // The root's slashes complete a prefix that stands before it.
         ExpansionCase{"TwoLeadingSlashesAfterAHalfPrefix", "//x",
-                      "install:install://lib", "//x/x/lib"},
-        // The prefix that the root's end begins is replaced in turn.
-        ExpansionCase{"PrefixAtItsEnd", "/opt/install:", "install://lib",
-                      "/opt/install:/lib"},
-        ExpansionCase{"PrefixAtItsEndAndAThirdSlash", "/opt/install:",
-                      "install:///lib", "/opt//opt/install:/lib"}),
+                      "install:install://lib", "//x/x/lib"}),
     nameOf);
 
-TEST(InstallRootTest, ExpansionEndsUnderARootThatContainsThePrefix) {
+struct EndlessCase {
+  const char* name;
+  const char* root;
+  const char* value;
+};
+
+class EndlessRoot : public ::testing::TestWithParam<EndlessCase> {};
+
+TEST_P(EndlessRoot, IsNotUsedSoExpansionEnds) {
   const test::LogCapture log;
-  ::setenv("VORN_ROOT", "/opt/install://x", 1);
-  EXPECT_EQ(path::root() + "/lib", expandInstallRoot("install://lib"));
-  EXPECT_THAT(path::root(), Not(HasSubstr("install://")));
+  ::setenv("VORN_ROOT", GetParam().root, 1);
+  EXPECT_THAT(expandInstallRoot(GetParam().value),
+              Not(HasSubstr("install://")));
+  EXPECT_THAT(path::root(), Not(HasSubstr("install:")));
   EXPECT_THAT(log.lines(), SizeIs(1));
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Roots, EndlessRoot,
+    ::testing::Values(
+        EndlessCase{"ThePrefixInside", "/opt/install://x", "install://lib"},
+        EndlessCase{"CompletedFromBothSides",
+                    "//install:/install:", "install:/install://x"},
+        EndlessCase{"CompletedByThePrefixItself",
+                    "nstall:///iinstall:", "iinstall://x"}),
+    [](const auto& test) { return test.param.name; });
 
 }  // namespace
 }  // namespace vorn::launch

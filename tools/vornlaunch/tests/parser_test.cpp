@@ -887,43 +887,6 @@ TEST_F(LaunchFileTest, NodeNamesAndRequiredNamesAreNotExpanded) {
   EXPECT_THAT(node(0).required, ElementsAre("install://b"));
 }
 
-// ---- Install-root expansion.
-
-struct Expansion {
-  const char* name;
-  const char* value;
-  const char* expanded;
-};
-
-class ExpandInstallRootTest : public ::testing::TestWithParam<Expansion> {};
-
-TEST_P(ExpandInstallRootTest, ReplacesThePrefix) {
-  (void)::setenv("VORN_ROOT", kRoot, 1);
-  EXPECT_EQ(expandInstallRoot(GetParam().value), GetParam().expanded);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Of, ExpandInstallRootTest,
-    Values(Expansion{"PrefixAndRest", "install://lib", "/opt/root/lib"},
-           Expansion{"BarePrefix", "install://", "/opt/root/"},
-           Expansion{"InTheMiddle", "pre-install://x", "pre-/opt/root/x"},
-           Expansion{"Twice", "install://lib:install://lib64",
-                     "/opt/root/lib:/opt/root/lib64"},
-           Expansion{"ThreeSlashes", "install:///x", "/opt/root//x"},
-           Expansion{"OneSlash", "install:/x", "install:/x"},
-           Expansion{"UpperCase", "INSTALL://x", "INSTALL://x"},
-           Expansion{"NoPrefix", "/usr/lib", "/usr/lib"},
-           Expansion{"Empty", "", ""},
-           // The first replacement makes a prefix that begins before it.
-           Expansion{"FromTheBeginningAgain", "install:/install://x",
-                     "/opt/root/opt/root/x"}),
-    [](const auto& test) { return test.param.name; });
-
-TEST(InstallRootTest, TheRootDirectoryLeavesOneSlash) {
-  (void)::setenv("VORN_ROOT", "/", 1);
-  EXPECT_EQ(expandInstallRoot("install://lib"), "/lib");
-}
-
 // ---- The steps by themselves.
 
 class ParserTest : public LaunchFileTest {
