@@ -89,10 +89,14 @@ TEST_F(ControlDirectoryTest, IsCreatedWithTheDefaultPermissions) {
 }
 
 TEST_F(ControlDirectoryTest, IsCreatedWithItsParents) {
+  const int root = ::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
   ASSERT_EQ(::chroot("/tmp"), 0);  // empty, so there is no /tmp in it
-  ASSERT_EQ(::chdir("/"), 0);
-  const ControlNode control;
-  EXPECT_TRUE(fs::is_directory(kDirectory));
+  { const ControlNode control; }
+  const bool is_created = fs::is_directory(kDirectory);
+  ASSERT_EQ(::fchdir(root), 0);
+  ASSERT_EQ(::chroot("."), 0);
+  (void)::close(root);
+  EXPECT_TRUE(is_created);
 }
 
 TEST_F(ControlDirectoryTest, IsLeftAsItIsWhenItExists) {
@@ -535,10 +539,11 @@ std::string bytesOf(const ControlResponse& response) {
   return {reinterpret_cast<const char*>(&response), sizeof(response)};
 }
 
+/// The reply of a command that fills in nothing but its result, byte for byte.
 std::string reply(Result result) {
-  ControlResponse response;
-  response.result = result;
-  return bytesOf(response);
+  std::string bytes(24, '\0');
+  bytes.front() = static_cast<char>(result);
+  return bytes;
 }
 
 /// Registers a stopped node.
