@@ -14,7 +14,9 @@ function(vorn_compile_options target)
   if(VORN_SANITIZE)
     target_compile_options(${target} PRIVATE
       -fsanitize=${VORN_SANITIZE} -fno-sanitize-recover=all
-      -fno-omit-frame-pointer)
+      -fno-omit-frame-pointer
+      # GCC 12 warns about its own <regex> when it sanitizes.
+      $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
     target_link_options(${target} PRIVATE -fsanitize=${VORN_SANITIZE})
   endif()
 endfunction()
