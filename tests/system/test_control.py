@@ -67,7 +67,7 @@ def test_status_right_after_a_start_shows_state_pid_and_time(machine):
     after = int(time.time())
     status = machine.status("worker")
     assert status.state == State.RUNNING
-    assert machine.find_process(status.pid).argv == ["sleep", "1000"]
+    assert machine.child("worker", ["sleep", "1000"]).pid == status.pid
     assert before <= status.start_seconds <= after
     assert status.padding == 0
 
@@ -291,7 +291,7 @@ def test_a_child_started_by_start_keeps_the_connection_open(machine):
         client.sendall(pack_request(Cmd.START, "worker"))
         assert read_exactly(client, 24) == bytes(24)
         # The next request is served after the launcher has closed its end.
-        child = machine.find_process(machine.status("worker").pid)
+        child = machine.child("worker", ["sleep", "1000"])
         opened = {fd: what for fd, what in child.descriptors.items() if fd > 2}
         assert [what.startswith("socket:") for what in opened.values()] == [True]
         client.setblocking(False)

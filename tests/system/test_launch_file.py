@@ -548,7 +548,7 @@ def test_install_prefixes_in_variable_names_stay(machine):
 
 
 REFUSED_ROOT = (
-    "VORN_ROOT '/a/install://b' contains install://, using the executable's root"
+    "VORN_ROOT '/a/install://b' contains install:, using the executable's root"
 )
 
 

@@ -16,6 +16,9 @@ def nodes(**descriptions):
     return {"vornnode": descriptions}
 
 
+WORKER_ARGV = ["sleep", "1000"]
+
+
 def worker(machine, **keys):
     """A launch file with a node that runs until it is told to end."""
     path = machine.script("worker", "exec sleep 1000")
@@ -51,25 +54,24 @@ def test_a_started_node_is_running_with_its_own_pid(machine):
     status = machine.status("worker")
     assert status.result == Result.SUCCESS
     assert status.state == State.RUNNING
-    assert machine.find_process(status.pid).argv == ["sleep", "1000"]
+    assert machine.child("worker", WORKER_ARGV).pid == status.pid
 
 
 def test_a_child_gets_its_path_and_words_as_arguments(machine):
     machine.start(nodes(worker={"path": "/bin/sleep", "argv": "900  100"}))
-    process = machine.find_process(machine.status("worker").pid)
-    assert process.argv == ["/bin/sleep", "900", "100"]
+    assert machine.child("worker", ["/bin/sleep", "900", "100"])
 
 
 def test_a_child_gets_no_descriptor_but_the_standard_ones(machine):
     machine.start(worker(machine))
-    process = machine.find_process(machine.status("worker").pid)
+    process = machine.child("worker", WORKER_ARGV)
     assert sorted(process.descriptors) == [0, 1, 2]
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGCHLD])
 def test_a_child_gets_the_routed_signals_unblocked_and_default(machine, number):
     machine.start(worker(machine))
-    process = machine.find_process(machine.status("worker").pid)
+    process = machine.child("worker", WORKER_ARGV)
     fields = dict(
         line.split(":\t") for line in process.read("status").decode().splitlines()
     )
@@ -80,7 +82,7 @@ def test_a_child_gets_the_routed_signals_unblocked_and_default(machine, number):
 
 def test_a_child_gets_the_file_creation_mask_077(machine):
     machine.start(worker(machine))
-    process = machine.find_process(machine.status("worker").pid)
+    process = machine.child("worker", WORKER_ARGV)
     assert b"\nUmask:\t0077\n" in process.read("status")
 
 
@@ -88,7 +90,7 @@ def test_a_child_gets_the_global_and_its_own_environment(machine):
     content = worker(machine, environment={"BOTH": "node", "OWN": "1"})
     content["configure"] = {"environment": {"BOTH": "global", "SHARED": "2"}}
     machine.start(content)
-    environment = machine.find_process(machine.status("worker").pid).environment
+    environment = machine.child("worker", WORKER_ARGV).environment
     assert environment["__VORN_NODE_NAME__"] == "worker(vornlaunch)"
     assert environment["BOTH"] == "node"
     assert environment["OWN"] == "1"

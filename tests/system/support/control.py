@@ -11,7 +11,7 @@ RESPONSE = struct.Struct("=iIiiq")
 assert REQUEST.size == 132 and RESPONSE.size == 24
 
 # A stop may take ten seconds per node, and more on a machine under load.
-TIMEOUT = struct.pack("=qq", 120, 0)  # struct timeval
+TIMEOUT = 120
 
 
 class Cmd(enum.IntEnum):
@@ -64,7 +64,8 @@ def connect(directory):
         # Not settimeout(): a non-blocking connect fails while the backlog is
         # full instead of waiting.
         for option in (socket.SO_SNDTIMEO, socket.SO_RCVTIMEO):
-            client.setsockopt(socket.SOL_SOCKET, option, TIMEOUT)
+            timeval = struct.pack("=qq", TIMEOUT, 0)
+            client.setsockopt(socket.SOL_SOCKET, option, timeval)
         client.connect(f"/proc/self/fd/{folder}/vornlaunch.sock")
         return client
     finally:

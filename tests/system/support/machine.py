@@ -304,6 +304,16 @@ class Machine:
         """The process of this pid in the machine, or None."""
         return next((p for p in self.processes() if p.pid == pid), None)
 
+    def child(self, name, argv):
+        """The node's process, once it runs the program with these arguments: a
+        start answers before that."""
+
+        def executed():
+            process = self.find_process(self.status(name).pid)
+            return process if process and process.argv == argv else None
+
+        return eventually(executed, f"{name} runs as {argv}")
+
     def is_alive(self, pid):
         process = self.find_process(pid)
         return process is not None and process.is_alive
