@@ -56,7 +56,7 @@ INSTANTIATE_TEST_SUITE_P(
                       RootCase{"RootDirectory", "/", ""},
                       RootCase{"RootDirectoryTwice", "//", ""},
                       RootCase{"WithSpaces", "/opt/my root ", "/opt/my root "},
-                      RootCase{"WithTheWordInstall", "/opt/install/x",
+                      RootCase{"LikeThePrefix", "/opt/install/x",
                                "/opt/install/x"}),
     nameOf);
 
@@ -125,9 +125,9 @@ INSTANTIATE_TEST_SUITE_P(
                       RootCase{"ThePrefixFirst", "install://x", nullptr},
                       RootCase{"ThePrefixInside", "/opt/install://x", nullptr},
                       RootCase{"ThePrefixLast", "/opt/install://", nullptr},
-                      // Slashes around it would complete it.
-                      RootCase{"LessThanThePrefix", "/opt/install:/x", nullptr},
-                      RootCase{"ItsWordAtTheEnd", "/opt/install:", nullptr}),
+                      RootCase{"ItsWordInside", "/opt/install:/x", nullptr},
+                      RootCase{"ItsWordLast", "/opt/install:", nullptr},
+                      RootCase{"ItsWordAlone", "install:", nullptr}),
     nameOf);
 
 }  // namespace
