@@ -31,6 +31,7 @@ mapfile -t python < <(git ls-files '*.py')
 check clang-format clang-format-14 --dry-run -Werror "${cpp[@]}"
 check shellcheck shellcheck -x "${shell[@]}"
 check pyflakes pyflakes3 "${python[@]}"
+check "tests named by KEEP comments" /usr/bin/python3 scripts/check_keep_tests.py
 check cppcheck cppcheck --quiet --std=c++17 --language=c++ \
   --enable=warning,performance,portability,style --inline-suppr \
   --suppressions-list=.cppcheck-suppressions --error-exitcode=1 \

@@ -93,7 +93,7 @@ TEST(PathTest, TheChosenRootIsFixedAtTheFirstUse) {
 
 TEST(PathTest, AVornRootSetAfterTheFirstUseComesTooLate) {
   ::unsetenv("VORN_ROOT");
-  const std::string first = path::root();
+  const std::string first = path::root() + "";
   ::setenv("VORN_ROOT", "/second", 1);
   EXPECT_EQ(first, path::root());
 }

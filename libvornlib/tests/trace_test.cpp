@@ -70,7 +70,8 @@ int64_t microsecondsOf(const std::string& stamp) {
   tm utc{};
   const char* const rest = ::strptime(stamp.c_str(), "%Y-%m-%dT%H:%M:%S", &utc);
   if (rest == nullptr) return -1;
-  return ::timegm(&utc) * int64_t{1'000'000} + std::atoi(rest + 1);
+  return ::timegm(&utc) * int64_t{1'000'000} +
+         std::strtol(rest + 1, nullptr, 10);
 }
 
 /// Everything that `fd` delivers until its end.
@@ -354,7 +355,10 @@ TEST(TraceTest, ErrnoIsKeptWhenTheWriteFails) {
 void logWithPercentM(const std::string& text, int error) {
   const std::string format = "%s: %m";
   errno = error;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
   vtrace(kError, "a.cpp", 1, "f", kPlain, format.c_str(), text.c_str());
+#pragma GCC diagnostic pop
 }
 
 TEST(TraceTest, PercentMIsTheCallersErrorEvenInTheFirstLine) {

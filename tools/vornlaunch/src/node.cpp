@@ -30,6 +30,15 @@ void exportEnvironment(const Environment& environment) {
   }
 }
 
+// KEEP: only a failing call counts. A directory, or a file that may not be
+// executed, fails in the child and is tried again every 5 s. Intended.
+// Test: test_nodes.py,
+// test_what_cannot_be_executed_exits_with_127_and_is_tried_again
+bool exists(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0;
+}
+
 /// Runs a shell command that prints a count and returns true as soon as one
 /// piece of its output, read as a number, is `wanted`. False as well when the
 /// command cannot be started.
@@ -79,12 +88,7 @@ bool Node::startInternal() {
     VTRACE(kInfo, kEvent, "Node '%s' already running", name.c_str());
     return true;
   }
-  // KEEP: only a failing call counts. A directory, or a file that may not be
-  // executed, fails in the child and is tried again every 5 s. Intended.
-  // Test: test_nodes.py,
-  // test_what_cannot_be_executed_exits_with_127_and_is_tried_again
-  struct stat executable {};
-  if (::stat(argv.front().c_str(), &executable) != 0) {
+  if (!exists(argv.front())) {
     disabled = true;
     state = NodeState::DISABLED;
     VTRACE(kError, kEvent, "Can't find file: %s", argv.front().c_str());

@@ -38,13 +38,9 @@ using test::logLine;
 using test::LogLine;
 using test::real;
 using test::systemCalls;
-using ::testing::Contains;
-using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::Field;
 using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 using Cmd = ControlRequest::Cmd;
 using Result = ControlResponse::Result;

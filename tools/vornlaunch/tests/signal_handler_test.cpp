@@ -376,8 +376,8 @@ TEST_F(SignalHandlerTest, AnExitWakesTheLoopWhoseHandlerCollectsTheChild) {
 }
 
 TEST_F(SignalHandlerTest, ExitsTogetherAreOneWakeUpAndAllAreReapedInOneCall) {
-  std::vector<pid_t> pids;
-  for (int i = 0; i < 5; ++i) pids.push_back(exitedChild(i));
+  std::array<pid_t, 5> pids{};
+  for (pid_t& pid : pids) pid = exitedChild(1);
   ASSERT_THAT(epoll_.wait(-1), SizeIs(1));
   handleSignalFd();
   for (const pid_t pid : pids) EXPECT_TRUE(isCollected(pid));
@@ -397,7 +397,7 @@ TEST_F(SignalHandlerTest, ASuspendedChildWakesNobody) {
 }
 
 TEST_F(SignalHandlerTest, SigtermArrivesThroughTheSignalfd) {
-  const int status = exitStatusOf([this] {
+  const int status = exitStatusOf([] {
     // The fork hook has unblocked it; the launcher has it blocked.
     sigset_t term;
     (void)::sigemptyset(&term);
@@ -424,13 +424,13 @@ class HandleSignalTest : public ::testing::Test {
   }
 
   /// Makes a record of `signal` the next one to be read.
-  void deliver(int signal) {
+  void deliver(int signal) const {
     signalfd_siginfo record{};
     record.ssi_signo = static_cast<uint32_t>(signal);
     deliverBytes(&record, sizeof(record));
   }
 
-  void deliverBytes(const void* bytes, size_t size) {
+  void deliverBytes(const void* bytes, size_t size) const {
     ASSERT_EQ(::write(pipe_, bytes, size), static_cast<ssize_t>(size));
   }
 
