@@ -32,6 +32,7 @@ bool Epoll::registerHandler(int fd, Handler handler, uint32_t events) {
     VTRACE(kError, kPlain, "not specify events.");
     return false;
   }
+  events_.resize(handlers_.size() + 1);  // here, so that wait() need not
   const auto [entry, inserted] = handlers_.emplace(fd, std::move(handler));
   if (!inserted) {
     VTRACE(kError, kPlain, "emplace fail");
@@ -64,9 +65,8 @@ std::vector<Epoll::Handler*> Epoll::wait(int timeout) {
   std::vector<Handler*> ready;
   // As many events as handlers, so that one call reports every ready descriptor
   // once. With no handler that is 0, which the kernel refuses.
-  events_.resize(handlers_.size());
-  const int reported = ::epoll_wait(epoll_fd_, events_.data(),
-                                    static_cast<int>(events_.size()), timeout);
+  const int reported = ::epoll_wait(
+      epoll_fd_, events_.data(), static_cast<int>(handlers_.size()), timeout);
   // KEEP: an interrupting signal is logged as a failure like any other and not
   // retried, which lets main see exited. Intended.
   // Test: OpenEpollTest.AnInterruptedWaitIsAFailureAndNotRepeated

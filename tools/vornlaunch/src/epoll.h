@@ -45,7 +45,7 @@ class Epoll {
  private:
   int epoll_fd_ = -1;                // -1 while closed
   std::map<int, Handler> handlers_;  // by descriptor; the values never move
-  std::vector<epoll_event> events_;  // wait()'s buffer, one per handler
+  std::vector<epoll_event> events_;  // wait()'s buffer, one per handler or more
 };
 
 }  // namespace vorn::launch
