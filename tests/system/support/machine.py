@@ -320,9 +320,11 @@ class Machine:
 
     def run(self, *command, timeout=60.0, check=True):
         """Runs a command in the machine; returns its standard output."""
+        enter = ["nsenter", f"--target={self._init}", "--mount", "--pid", "--net"]
+        if os.geteuid() != 0:
+            enter += ["--user", "--preserve-credentials"]
         return subprocess.run(
-            ["nsenter", f"--target={self._init}", "--mount", "--pid", "--net",
-             *command],
+            [*enter, *command],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, check=check,
             timeout=timeout, encoding="utf-8", env=self._environment({}, False),
         ).stdout
