@@ -185,6 +185,31 @@ def test_a_fatal_signal_is_heeded_after_the_whole_batch(machine):
     assert len(machine.log_lines("epoll_wait failed.")) == 1
 
 
+@pytest.mark.parametrize("first", ["exit", "connection"])
+def test_a_batch_is_served_in_the_order_of_its_events(machine, first):
+    machine.start(workers(machine, "worker"))
+    child = machine.find_process(machine.status("worker").pid)
+    wait_until_idle(machine)
+    machine.signal(signal.SIGSTOP)
+    eventually(lambda: machine.process.state == "T", "the launcher is stopped")
+
+    def end_child():
+        child.signal(signal.SIGKILL)
+        eventually(lambda: machine.find_process(child.pid).state == "Z", "it is dead")
+
+    if first == "exit":
+        end_child()
+    with machine.connect():
+        if first == "connection":
+            end_child()
+        machine.signal(signal.SIGCONT)
+        # The silent client holds what comes after it.
+        wait_until_blocked(machine, "unix_stream")
+        is_reaped = "'worker' receive signal: 9." in reaps(machine)
+        assert is_reaped == (first == "exit")
+    machine.wait_for_log("Node 'worker' ready to restarting")
+
+
 def test_sigint_during_the_sleep_of_a_node_cuts_it_short(machine):
     machine.start(workers(machine, "worker", sleep=600_000), wait_until_up=False)
     machine.wait_for_log("worker sleep 600000ms")

@@ -305,6 +305,7 @@ def test_the_steps_of_start_up_come_in_their_order(machine):
         strace=["-s", "200", "-e", "trace=!mmap,mprotect,munmap,brk,clock_gettime"],
     )
     steps = [
+        r"^fcntl\(2, F_GETFD",  # the process is named, which settles its log
         *(f"^rt_sigaction\\({name}, {{sa_handler=0x" for name in FATAL_SIGNALS),
         r'stat.*"/tmp/launch.yaml"',
         r'^openat\(AT_FDCWD, "/tmp/launch.yaml"',

@@ -366,3 +366,23 @@ def test_the_launcher_s_end_by_sigint_sends_no_signal(machine):
         "strace has seen the end",
     )
     assert not named(calls, "kill", "tkill", "tgkill")
+
+
+@pytest.mark.parametrize(
+    "number, closes", [(signal.SIGINT, 1), (signal.SIGTERM, 0)],
+    ids=["sigint", "sigterm"],
+)
+def test_the_event_loop_is_closed_by_the_loop_s_end_and_not_by_sigterm(
+    machine, number, closes
+):
+    run_node(machine, STAY, "epoll_create1", "close")
+    machine.signal(number)
+    assert machine.wait() == 0
+    calls = eventually(
+        lambda: named(launcher_calls(machine), "end") and launcher_calls(machine),
+        "strace has seen the end",
+    )
+    created = only(calls, r"epoll_create1\(.*\)")
+    later = calls[calls.index(created) :]
+    closed = [call for call in later if call.text == f"close({created.number})"]
+    assert len(closed) == closes

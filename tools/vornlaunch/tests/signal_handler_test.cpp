@@ -64,6 +64,10 @@ std::vector<int> blockedSignals() {
 
 const auto kExactlyRouted = ElementsAre(SIGTERM, SIGCHLD);
 
+TEST(SignalFdTest, IsMinusOneBeforeTheInstallation) {
+  EXPECT_EQ(signal_fd, -1);
+}
+
 // ---- installSignalHandler().
 
 /// Records the steps in place of taking them; every one succeeds but `failing`.
