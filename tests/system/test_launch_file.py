@@ -579,6 +579,14 @@ def test_the_installation_root_is_vorn_root_or_the_executable_s(
     assert [line.text for line in machine.log() if line.level != "INFO"] == warnings
 
 
+def test_the_root_above_a_folder_of_the_root_directory_is_empty(machine):
+    machine.start(
+        {"configure": {"environment": {"LIB": "install://lib"}}},
+        wrapper=["sh", "-c", 'cp "$1" /tmp/copy && shift && exec /tmp/copy "$@"', "sh"],
+    )
+    assert texts(machine, "parseSetenv") == ["setenv LIB: /lib"]
+
+
 def test_the_installation_root_is_fixed_at_its_first_use(machine):
     machine.start(
         "configure:\n"

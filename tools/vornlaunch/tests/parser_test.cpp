@@ -186,6 +186,10 @@ INSTANTIATE_TEST_SUITE_P(
            Text{"NullGlobalEnvironment", "configure: {environment: }\n"},
            Text{"ScalarGlobalEnvironment", "configure: {environment: A=1}\n"},
            Text{"EmptyGlobalEnvironment", "configure: {environment: {}}\n"},
+           // Without an element there is none that lacks its key.
+           Text{"EmptySequenceGlobalEnvironment",
+                "configure: {environment: []}\n"},
+           Text{"EmptySequenceVornnode", "vornnode: []\n"},
            Text{"ScalarVornnode", "vornnode: planner\n"}),
     nameOfText);
 
@@ -557,7 +561,7 @@ TEST_F(LaunchFileTest, NodeVariablesStayOutOfTheLaunchersEnvironment) {
 }
 
 TEST_F(LaunchFileTest, AnEnvironmentThatIsNoMappingGivesNoVariables) {
-  for (const char* const value : {"", "~", "text", "{}"}) {
+  for (const char* const value : {"", "~", "text", "{}", "[]"}) {
     EXPECT_TRUE(parse("vornnode:\n  n:\n    path: /n\n    environment: " +
                       std::string(value) + "\n"));
     const auto& nodes = NodeManager::getInstance().nodes();
