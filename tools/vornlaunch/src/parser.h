@@ -25,10 +25,11 @@ std::string expandInstallRoot(std::string value);
 /// Nobody catches them: the launcher ends before it has started a node. What
 /// was read before the fault stays in the registry.
 ///
-/// Where a mapping is expected, a null or a scalar holds nothing, but a scalar
-/// for the root, `configure` or a node throws YAML::BadSubscript; a sequence
-/// for `vornnode` or an `environment` throws YAML::InvalidNode. A value of the
-/// wrong kind throws YAML::BadConversion.
+/// Where a mapping is expected, a null, a scalar or an empty sequence holds
+/// nothing, but a scalar for the root, `configure` or a node throws
+/// YAML::BadSubscript; a sequence with an element for `vornnode` or an
+/// `environment` throws YAML::InvalidNode. A value of the wrong kind throws
+/// YAML::BadConversion.
 class Parser {
  public:
   /// What a recognised key of a node does to it, by key.
