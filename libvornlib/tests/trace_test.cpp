@@ -418,6 +418,18 @@ TEST(TraceTest, ALineThatIsRefusedIsNotTriedAgain) {
   EXPECT_EQ(1, writes);
 }
 
+TEST(TraceTest, AWriteThatTakesNothingIsNotTriedAgain) {
+  int writes = 0;
+  test::libraryCalls().write = [&](int, const void*, size_t) -> ssize_t {
+    ++writes;
+    errno = EIO;
+    return writes < 3 ? 0 : -1;
+  };
+  logText("x");
+  test::libraryCalls().write = nullptr;
+  EXPECT_EQ(1, writes);
+}
+
 TEST(TraceTest, ALineLongerThanAPipeArrivesWhole) {
   std::array<int, 2> ends{};
   ASSERT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC));
