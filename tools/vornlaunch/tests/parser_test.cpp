@@ -956,12 +956,6 @@ TEST_F(ParserTest, ReadingNodesLeavesTheDocumentAsItWas) {
 
 // ---- The settings' instance.
 
-TEST(ConfigTest, IsOneInstanceThatBeginsEmpty) {
-  Config& config = Config::getInstance();
-  EXPECT_THAT(config.environment, IsEmpty());
-  EXPECT_EQ(&Config::getInstance(), &config);
-}
-
 TEST(ConfigTest, AnEmptyEnvironmentMappingCreatesTheInstance) {
   const int before = nothrow_allocations;
   Parser().parseConfigs(YAML::Load("{environment: {}}"));
