@@ -44,9 +44,9 @@ enum class NodeState : int32_t {
 ///
 /// Main thread only. All operations that change the state block the launcher on
 /// purpose: a start for `sleep`, a stop for up to ten seconds and more, and
-/// again for each node in `required`. All but enable() lock `mutex` for their whole
-/// duration; a stop then locks the nodes in `required` as well, so locks nest
-/// along `required`, and a cycle of two or more nodes blocks for good.
+/// again for each node in `required`. All but enable() lock `mutex` for their
+/// whole duration; a stop then locks the nodes in `required` as well, so locks
+/// nest along `required`, and a cycle of two or more nodes blocks for good.
 /// Operations report failure by one log line and `false`.
 class Node {
  public:
