@@ -411,6 +411,17 @@ def test_a_listening_failure_is_logged_after_the_close(machine):
     assert trace[failed + 2].startswith("write(2, ")
 
 
+def test_flags_that_cannot_be_set_do_not_cost_the_control_socket(machine):
+    # No shell, whose own calls would fail as well, and no look at the log, which
+    # takes a refused fcntl(2) for a closed standard error.
+    machine.start({"vornnode": {"worker": {"path": "/bin/sleep", "argv": "1000"}}},
+                  strace=injected("fcntl:error=EPERM"))
+    assert machine.status("worker").state == State.RUNNING
+    refused = [x for x in calls(machine, "fcntl") if x.endswith("(INJECTED)")]
+    assert [x for x in refused if "F_SETFD, FD_CLOEXEC" in x]
+    assert [x for x in refused if "F_SETFL, O_RDONLY|O_NONBLOCK" in x]
+
+
 def test_a_failed_chmod_is_a_warning_only(machine):
     machine.start(worker(machine), strace=injected(
         "chmod,fchmodat:error=EPERM"))

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "node.h"
+#include "support/locked_node.h"
 #include "support/node_fixture.h"
 #include "support/steady_clock.h"
 
@@ -251,6 +252,12 @@ INSTANTIATE_TEST_SUITE_P(EveryOtherState, NodeManagerOtherStateTest,
                                            NodeState::RUNNING,
                                            NodeState::DISABLED),
                          test::stateParamName);
+
+TEST_F(NodeManagerTest, ThePollLocksNoNodeThatIsNotDue) {
+  test::lockSoThatLockingThrows(addNode("running", NodeState::RUNNING, 41));
+  test::lockSoThatLockingThrows(addRestarting("pending", 1s));
+  EXPECT_TRUE(nodes_.pollingRestart());
+}
 
 TEST_F(NodeManagerTest, APendingNodeDoesNotHoldUpADueOne) {
   const Node& pending = addRestarting("a", 1s);

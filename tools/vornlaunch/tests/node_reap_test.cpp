@@ -82,9 +82,11 @@ TEST_F(NodeReapTest, ANodeStartedAgainAfterAStopIsRestartingAfterItsExit) {
 }
 
 TEST_F(NodeReapTest, TouchesNoProcess) {
+  const Node& other = test::addNode("other", NodeState::RUNNING, 41);
   setState(NodeState::RUNNING);
-  node_.required = {"worker"};
+  node_.required = {"other"};
   node_.reap({});
+  EXPECT_EQ(other.pid, 41);
   EXPECT_THAT(processes_.calls(), IsEmpty());
 }
 

@@ -396,6 +396,17 @@ TEST_F(NodeStopTest, RequiredNodesAreRestartedInOrderAfterTheOwnSigkill) {
   EXPECT_THAT(events(log_), ElementsAre(started("b"), started("a")));
 }
 
+TEST_F(NodeStopTest, ARequiredNodeThatIsNamedTwiceIsRestartedTwice) {
+  const Node& other = addNode("other", NodeState::RUNNING, 41);
+  setState(NodeState::RUNNING);
+  node_.required = {"other", "other"};
+  EXPECT_TRUE(node_.stop());
+  EXPECT_EQ(processes_.calls(),
+            sequence({stopCalls(kPid), restartCalls("other", 41),
+                      restartCalls("other", 5001)}));
+  EXPECT_EQ(other.pid, 5002);
+}
+
 TEST_F(NodeStopTest, RequiredNodesAreRestartedWhenTheChildIsGoneToo) {
   addNode("a", NodeState::RUNNING, 41);
   setState(NodeState::RUNNING);
