@@ -149,7 +149,7 @@ bool ControlNode::init(Epoll* epoll) {
   // The listening socket alone: accepted connections stay blocking.
   (void)::fcntl(fd, F_SETFL, O_NONBLOCK);
   if (::listen(fd, kBacklog) == -1) {
-    (void)::close(fd);
+    (void)::close(fd);  // in this order: the line comes after the close
     VTRACE(kError, kPlain, "listen failed");
     return false;
   }

@@ -42,12 +42,13 @@ enum class NodeState : int32_t {
 /// what to do when it exits. The parser fills it, NodeManager owns it for the
 /// life of the process, everybody else borrows plain pointers.
 ///
-/// Main thread only. All operations that change the state block the launcher on
-/// purpose: a start for `sleep`, a stop for up to ten seconds and more, and
-/// again for each node in `required`. All but enable() lock `mutex` for their
-/// whole duration; a stop then locks the nodes in `required` as well, so locks
-/// nest along `required`, and a cycle of two or more nodes blocks for good.
-/// Operations report failure by one log line and `false`.
+/// Main thread only. Starts and stops block the launcher on purpose: a start
+/// for `sleep`, a stop for about ten seconds, and again for each node in
+/// `required`. Unless it says otherwise, an operation that changes the state
+/// locks `mutex` for its whole duration; a stop then locks the nodes in
+/// `required` as well, so locks nest along `required`, and a cycle of two or
+/// more nodes blocks for good. Operations report failure by a log line and
+/// `false`.
 class Node {
  public:
   explicit Node(std::string name);
@@ -86,7 +87,8 @@ class Node {
   bool stopRequired();
 
   /// Calls stopRequired() on every node that `required` names, in its order.
-  /// The node's own name and names of no node are passed over.
+  /// The node's own name and names of no node are passed over. Does not lock
+  /// this node's `mutex`.
   void restartRequired();
 
   /// Stops a running child, then starts the node after a pause of 200 ms. True
