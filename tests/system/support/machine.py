@@ -320,7 +320,8 @@ class Machine:
 
     def run(self, *command, timeout=60.0, check=True):
         """Runs a command in the machine; returns its standard output."""
-        enter = ["nsenter", f"--target={self._init}", "--mount", "--pid", "--net"]
+        enter = ["nsenter", f"--target={self._init}", "--mount", "--root"]
+        enter += ["--pid", "--net"]
         if os.geteuid() != 0:
             enter += ["--user", "--preserve-credentials"]
         return subprocess.run(
@@ -330,7 +331,9 @@ class Machine:
         ).stdout
 
     def shut_down(self):
-        """Kills everything that runs in the machine."""
+        """Kills everything that runs in the machine. Its files stay for a look,
+        but for the large ones."""
         if self.unshare is not None:
             self.unshare.send_signal(signal.SIGKILL)
             self.unshare.wait()
+        shutil.rmtree(self.install)
