@@ -449,18 +449,23 @@ TEST(TraceTest, ALineLongerThanAPipeArrivesWhole) {
 
 // --- Processes
 
-TEST(TraceTest, AForkedChildLogsUnderItsOwnPid) {
-  const test::LogCapture log;
-  logText("parent");
+/// Logs "child" in a forked child; returns its pid when it has ended.
+pid_t logInAChild() {
   const pid_t child = ::fork();
-  ASSERT_NE(-1, child);
   if (child == 0) {
     logText("child");
     ::_exit(0);
   }
   int status = -1;
-  ASSERT_EQ(child, ::waitpid(child, &status, 0));
+  EXPECT_EQ(child, ::waitpid(child, &status, 0));
   EXPECT_EQ(0, status);
+  return child;
+}
+
+TEST(TraceTest, AForkedChildLogsUnderItsOwnPid) {
+  const test::LogCapture log;
+  logText("parent");
+  const pid_t child = logInAChild();
   EXPECT_THAT(log.bytes(), HasSubstr("[" + std::to_string(::getpid()) +
                                      "] a.cpp:1 f: parent\n"));
   EXPECT_THAT(log.bytes(),
@@ -470,15 +475,7 @@ TEST(TraceTest, AForkedChildLogsUnderItsOwnPid) {
 TEST(TraceTest, AForkedChildMayBeTheFirstToLog) {
   const test::LogCapture log;
   setNodeName("vornlaunch");
-  const pid_t child = ::fork();
-  ASSERT_NE(-1, child);
-  if (child == 0) {
-    logText("child");
-    ::_exit(0);
-  }
-  int status = -1;
-  ASSERT_EQ(child, ::waitpid(child, &status, 0));
-  EXPECT_EQ(0, status);
+  const pid_t child = logInAChild();
   EXPECT_THAT(log.bytes(), HasSubstr(" vornlaunch[" + std::to_string(child) +
                                      "] a.cpp:1 f: child\n"));
 }
