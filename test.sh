@@ -14,10 +14,11 @@ Installs the Debian packages that are missing, builds, runs every test, and
 closes with the counts. Exit status: 0 all passed, 1 something failed, 2 it
 could not be run.
 
-What is run (default: --unit --system):
+What is run (default: --unit --system --reliability):
   --unit          the unit tests
   --system        the whole-program tests; they need the right to make
                   namespaces (root, or unprivileged user namespaces)
+  --reliability   the short forms of what ./reliability.sh proves
   --lint          clang-format, clang-tidy, cppcheck, shellcheck, pyflakes
   --all           what CI runs: all of these, by GCC and with sanitizers, and a
                   build by Clang; a skipped test counts as failed
@@ -52,7 +53,7 @@ build_folder() {
 parse_options() {
   while [[ $# -gt 0 ]]; do
     case $1 in
-      --unit | --system | --lint) suites+=("${1#--}") ;;
+      --unit | --system | --reliability | --lint) suites+=("${1#--}") ;;
       --all) all=true ;;
       --asan) preset=asan ;;
       -j[0-9]*) jobs=${1#-j} ;;
@@ -85,7 +86,7 @@ parse_options() {
       die "--all leaves nothing to choose; see ./test.sh --help"
     count_options=(--no-skips)
   fi
-  if [[ ${#suites[@]} -eq 0 ]]; then suites=(unit system); fi
+  if [[ ${#suites[@]} -eq 0 ]]; then suites=(unit system reliability); fi
   mapfile -t suites < <(printf '%s\n' "${suites[@]}" | awk '!seen[$0]++')
 }
 
@@ -115,11 +116,21 @@ run_unit() {
 run_system() {
   install_servers "${SERVER_PACKAGES[@]}"
   say "whole-program tests ($1)"
-  runs=$((runs + 1))
+  run_pytest "$1" tests/system
+}
+
+run_reliability() {
+  say "reliability tests, short forms ($1)"
+  run_pytest "$1" tests/reliability
+}
+
+# run_pytest PRESET FOLDER
+run_pytest() {
   local status=0
+  runs=$((runs + 1))
   /usr/bin/python3 -m pytest -q -p no:cacheprovider -n "$jobs" \
     --build="$(build_folder "$1")" ${filter:+-k "$filter"} \
-    --junitxml "$results/$runs.xml" tests/system || status=$?
+    --junitxml "$results/$runs.xml" "$2" || status=$?
   # 5: no test was selected, which the count at the end judges.
   [[ $status -eq 0 || $status -eq 5 ]] || failed=true
 }
@@ -150,8 +161,8 @@ for ((round = 1; round <= repeat; ++round)); do
   if [[ $repeat -gt 1 ]]; then say "round $round of $repeat"; fi
   if $all; then
     build_preset clang
-    run_suites release lint unit system
-    run_suites asan unit system
+    run_suites release lint unit system reliability
+    run_suites asan unit system reliability
   else
     run_suites "$preset" "${suites[@]}"
   fi

@@ -30,7 +30,7 @@ def existing_tests():
     tests = set()
     for path in files_below("*_test.cpp"):
         tests.update(UNIT_TEST.findall(path.read_text(encoding="utf-8")))
-    for path in (ROOT / "tests/system").glob("test_*.py"):
+    for path in (ROOT / "tests").rglob("test_*.py"):
         text = path.read_text(encoding="utf-8")
         tests.update((path.name, name) for name in SYSTEM_TEST.findall(text))
     return tests

@@ -9,9 +9,12 @@ set -euo pipefail
   BUILD_PACKAGES=(build-essential cmake libyaml-cpp-dev procps)
   CONTROL_PACKAGES=(python3)  # for examples/control.py
   TEST_PACKAGES=(libgtest-dev libgmock-dev python3 python3-pytest
-    python3-pytest-xdist strace)
+    python3-pytest-xdist python3-hypothesis strace)
   SERVER_PACKAGES=(redis-server nginx mosquitto mosquitto-clients curl)
   CLANG_PACKAGES=(clang-14)
+  FUZZ_PACKAGES=(clang-14 llvm-14 libclang-rt-14-dev)
+  COVERAGE_PACKAGES=(gcovr)
+  PLOT_PACKAGES=(python3-matplotlib)
   LINT_PACKAGES=(git clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck
     pyflakes3)
 }

@@ -11,7 +11,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).parent))
 
 from support.machine import Machine, unshare_command  # noqa: E402
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
+ROOT = pathlib.Path(__file__).resolve().parents[1]
 
 
 def pytest_addoption(parser):
@@ -20,6 +20,31 @@ def pytest_addoption(parser):
         default=os.environ.get("VORN_BUILD", str(ROOT / "build")),
         help="the build folder whose bin/vornlaunch is tested",
     )
+    parser.addoption(
+        "--long",
+        action="store_true",
+        help="the long form of the reliability tests, as ./reliability.sh runs it",
+    )
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "long: a part of the long form alone")
+
+
+def pytest_collection_modifyitems(config, items):
+    """Leaves the tests of the long form out of the short one. They are not
+    skipped: a skipped test is one that should have run."""
+    if config.getoption("--long"):
+        return
+    left_out = [item for item in items if item.get_closest_marker("long")]
+    items[:] = [item for item in items if item not in left_out]
+    config.hook.pytest_deselected(items=left_out)
+
+
+@pytest.fixture(scope="session", name="is_long")
+def fixture_is_long(request):
+    """Whether this is the long form of the reliability tests."""
+    return request.config.getoption("--long")
 
 
 @pytest.fixture(scope="session", name="program")

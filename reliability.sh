@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# Runs the long proofs of docs/reliability.md, one command each.
+
+root=$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")
+# shellcheck source=scripts/common.sh
+source "$root/scripts/common.sh"
+cd -- "$root"
+
+usage() {
+  cat <<TEXT
+Usage: ./reliability.sh PROOF [OPTION...]
+
+Installs the Debian packages that are missing, builds, and runs one long proof.
+The options go to it. Exit status: 0 nothing was found, 1 something failed, 2
+it could not be run. CI runs the short forms: ./test.sh --reliability.
+
+  faults      every system call of the launcher fails, each in turn
+  states      random machines and commands against a model of the node states
+  fuzz        launch files, requests, log text and roots by libFuzzer
+  clients     hostile and heavy clients
+  storms      deaths and signals by the thousand
+  soak        200 nodes for an hour, recorded
+  death       the launcher killed at every system call
+  coverage    branches of the sources that the tests take
+  mutants     faults put into the sources, to be caught by the tests
+TEXT
+}
+
+build_launcher() {
+  install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" "$@"
+  configure_build release -DVORN_REQUIRE_TESTS=ON
+  build release
+}
+
+# run_long TEST-FILE [PYTEST-OPTION...]
+run_long() {
+  build_launcher
+  /usr/bin/python3 -m pytest -p no:cacheprovider -ra -s --long \
+    "tests/reliability/$1" "${@:2}"
+}
+
+proof=${1-}
+shift || true
+case $proof in
+  faults) run_long test_fault_sweep.py -n "$(($(nproc) * 4))" "$@" ;;
+  states) run_long test_state_model.py "$@" ;;
+  fuzz) fuzz/run.sh "$@" ;;
+  clients) run_long test_hostile_clients.py "$@" ;;
+  storms) run_long test_storms.py "$@" ;;
+  soak)
+    build_launcher "${PLOT_PACKAGES[@]}"
+    /usr/bin/python3 tests/reliability/soak.py "$@"
+    ;;
+  death) run_long test_sudden_death.py -n "$(($(nproc) * 4))" "$@" ;;
+  coverage) scripts/coverage.sh "$@" ;;
+  mutants)
+    build_launcher
+    /usr/bin/python3 scripts/mutate.py "$@"
+    ;;
+  "" | -h | --help) usage ;;
+  *) die "no proof '$proof'; see ./reliability.sh --help" ;;
+esac
