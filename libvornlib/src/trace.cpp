@@ -188,7 +188,7 @@ class SizeLimitSignalBlocker {
 /// One write(2) as long as standard error takes the line whole. The rest of one
 /// that was cut by a signal or a full pipe follows; what is refused is lost.
 void writeLine(std::string line) {
-  static bool is_torn = false;  // the last line lacks its end
+  static bool is_torn = false;  // what was written last lacks its line's end
   if (!sink().open) return;
   std::optional<SizeLimitSignalBlocker> blocker;
   if (sink().limited) blocker.emplace();
@@ -198,8 +198,8 @@ void writeLine(std::string line) {
     const ssize_t written = retryOnEintr(
         [&] { return ::write(STDERR_FILENO, rest.data(), rest.size()); });
     if (written <= 0) return;
+    is_torn = rest[static_cast<size_t>(written) - 1] != '\n';
     rest.remove_prefix(static_cast<size_t>(written));
-    is_torn = !rest.empty();
   }
 }
 

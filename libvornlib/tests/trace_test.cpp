@@ -615,6 +615,18 @@ TEST(TraceTest, ALineThatWasCutIsEndedByTheNextAndOnlyByThat) {
   EXPECT_TRUE(std::regex_match(log.bytes(), lines)) << log.bytes();
 }
 
+TEST(TraceTest, ATornLineIsEndedOnceThoughTheNextIsCutBehindItsEnd) {
+  const test::LogCapture log;
+  test::libraryCalls() = takeOnly(5);
+  logText("cut");
+  test::libraryCalls() = takeOnly(1);
+  logText("lost but for the line end before it");
+  test::libraryCalls() = {};
+  logText("next");
+  const std::regex lines(R"(\d{4}-\n\d{4}-\S+Z INFO .* f: next\n)");
+  EXPECT_TRUE(std::regex_match(log.bytes(), lines)) << log.bytes();
+}
+
 /// Logs into a file that may take 10 bytes, SIGXFSZ being deadly. Returns an
 /// exit status: 0 if neither mask nor pending signals have changed.
 int logBeyondTheSizeLimit() {
