@@ -13,6 +13,9 @@ namespace {
 // the whole prefix in it is refused.
 constexpr std::string_view kRefused = "install:";
 static_assert(kInstallPrefix.substr(0, kRefused.size()) == kRefused);
+// The executable's root has no two slashes together. It needs this to complete
+// prefixes, and then their number doubles with each slash behind one.
+constexpr std::string_view kRefusedTwice = "install:/install:";
 
 std::string withoutTrailingSlashes(std::string path) {
   while (!path.empty() && path.back() == '/') path.pop_back();
@@ -20,28 +23,35 @@ std::string withoutTrailingSlashes(std::string path) {
 }
 
 /// The parent of the directory that holds the running executable; the root
-/// directory where /proc cannot tell.
+/// directory where /proc cannot tell or the expansion would not come to an end.
 std::string executableRoot() {
   std::error_code error;
   const auto executable =
       std::filesystem::read_symlink("/proc/self/exe", error);
-  return withoutTrailingSlashes(executable.parent_path().parent_path());
+  std::string root =
+      withoutTrailingSlashes(executable.parent_path().parent_path());
+  if (root.find(kRefusedTwice) == std::string::npos) return root;
+  vtrace(kWarn, __FILE__, __LINE__, "root", kPlain,
+         "The executable's root '%s' contains install:/install:, using /",
+         root.c_str());
+  return "";
 }
 
 }  // namespace
 
+std::string rootFor(const char* chosen) {
+  if (chosen == nullptr || *chosen == '\0') return executableRoot();
+  if (std::string_view(chosen).find(kRefused) == std::string_view::npos) {
+    return withoutTrailingSlashes(chosen);
+  }
+  vtrace(kWarn, __FILE__, __LINE__, "root", kPlain,
+         "VORN_ROOT '%s' contains install:, using the executable's root",
+         chosen);
+  return executableRoot();
+}
+
 const std::string& root() {
-  static const std::string kRoot = [] {
-    const char* const chosen = ::getenv("VORN_ROOT");
-    if (chosen == nullptr || *chosen == '\0') return executableRoot();
-    if (std::string_view(chosen).find(kRefused) == std::string_view::npos) {
-      return withoutTrailingSlashes(chosen);
-    }
-    vtrace(kWarn, __FILE__, __LINE__, "root", kPlain,
-           "VORN_ROOT '%s' contains install:, using the executable's root",
-           chosen);
-    return executableRoot();
-  }();
+  static const std::string kRoot = rootFor(::getenv("VORN_ROOT"));
   return kRoot;
 }
 

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <string>
 
+#include "support/library_calls.h"
 #include "support/log_capture.h"
 
 // The root is settled once per process; CTest gives each test its own.
@@ -129,6 +130,41 @@ INSTANTIATE_TEST_SUITE_P(
                       RootCase{"ItsWordLast", "/opt/install:", nullptr},
                       RootCase{"ItsWordAlone", "install:", nullptr}),
     nameOf);
+
+/// What root() is where this executable runs and VORN_ROOT is not set.
+const std::string& rootOfExecutable(const std::string& executable) {
+  ::unsetenv("VORN_ROOT");
+  test::libraryCalls().read_symlink = [&](const auto& link, auto&) {
+    EXPECT_EQ("/proc/self/exe", link);
+    return executable;
+  };
+  const std::string& root = path::root();
+  test::libraryCalls() = {};
+  return root;
+}
+
+TEST(ExecutableRootTest, WithDoubledInstallFoldersIsOneWarningAndRefused) {
+  const test::LogCapture log;
+  EXPECT_EQ("", rootOfExecutable("/opt/install:/install:/bin/vornlaunch"));
+  EXPECT_EQ("", path::root());
+  EXPECT_THAT(log.lines(),
+              ElementsAre(logLine("WARN", false, "root",
+                                  "The executable's root "
+                                  "'/opt/install:/install:' contains "
+                                  "install:/install:, using /")));
+}
+
+TEST(ExecutableRootTest, WithOneInstallFolderIsUsed) {
+  const test::LogCapture log;
+  EXPECT_EQ("/opt/install:", rootOfExecutable("/opt/install:/bin/vornlaunch"));
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST(ExecutableRootTest, OfWhatProcCannotTellIsTheRootDirectory) {
+  const test::LogCapture log;
+  EXPECT_EQ("", rootOfExecutable(""));
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
 
 }  // namespace
 }  // namespace vorn

@@ -20,4 +20,7 @@ constexpr std::string_view kInstallPrefix = "install://";
 /// and the executable's root is used.
 const std::string& root();
 
+/// What root() settles on when VORN_ROOT is `chosen`, nullptr for unset.
+std::string rootFor(const char* chosen);
+
 }  // namespace vorn::path

@@ -26,6 +26,20 @@ int __wrap_clock_gettime(clockid_t clock, timespec* time) {
 
 namespace vorn::test {
 
+namespace fs = std::filesystem;
+
+fs::path realReadSymlink(const fs::path& link, std::error_code& error) __asm__(
+    "__real__ZNSt10filesystem12read_symlinkERKNS_7__cxx114pathERSt10error_"
+    "code");
+fs::path
+wrappedReadSymlink(const fs::path& link, std::error_code& error) __asm__(
+    "__wrap__ZNSt10filesystem12read_symlink"
+    "ERKNS_7__cxx114pathERSt10error_code");
+fs::path wrappedReadSymlink(const fs::path& link, std::error_code& error) {
+  const auto& replacement = libraryCalls().read_symlink;
+  return replacement ? replacement(link, error) : realReadSymlink(link, error);
+}
+
 LibraryCalls& libraryCalls() {
   static LibraryCalls calls;
   return calls;
