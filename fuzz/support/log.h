@@ -1,0 +1,57 @@
+#pragma once
+
+#include <unistd.h>
+
+#include <string>
+#include <string_view>
+
+#include "support/check.h"
+#include "support/library_calls.h"
+#include "vornlib/trace.h"
+
+namespace vorn::fuzz {
+
+/// True for one whole line without a control character in it.
+inline bool isOneLine(std::string_view text) {
+  if (text.empty() || text.back() != '\n') return false;
+  text.remove_suffix(1);
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f) return false;
+  }
+  return true;
+}
+
+/// Takes the log of this process: counts its lines, each of which must be one
+/// whole line, and prints none. From construction to destruction.
+class LogSink {
+ public:
+  LogSink() {
+    // The log settles once what standard error is.
+    static const bool kIsNamed = [] {
+      (void)::setenv("NO_COLOR", "1", 1);
+      (void)::unsetenv("JOURNAL_STREAM");
+      setNodeName("fuzz");
+      return true;
+    }();
+    (void)kIsNamed;
+    test::libraryCalls().write = [this](int fd, const void* bytes,
+                                        size_t size) {
+      check(fd == STDERR_FILENO, "the log goes to standard error");
+      check(isOneLine({static_cast<const char*>(bytes), size}),
+            "a log call is one line without control characters");
+      ++lines_;
+      return static_cast<ssize_t>(size);
+    };
+  }
+  ~LogSink() { test::libraryCalls() = {}; }
+  LogSink(const LogSink&) = delete;
+  LogSink& operator=(const LogSink&) = delete;
+
+  int lines() const { return lines_; }
+
+ private:
+  int lines_ = 0;
+};
+
+}  // namespace vorn::fuzz
