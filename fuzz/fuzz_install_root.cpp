@@ -24,19 +24,14 @@ size_t most_replacements = 0;
 
 namespace vorn::fuzz {
 
-// The linker leads the calls of path::root(), which is settled once per
-// process, here.
+// The linker leads the calls of path::root() here; its own answer is settled
+// once per process.
 const std::string& wrappedRoot() __asm__("__wrap__ZN4vorn4path4rootB5cxx11Ev");
 const std::string& wrappedRoot() {
   check(++asked_for_root <= most_replacements, "the expansion comes to an end");
   return installed_root;
 }
 
-std::filesystem::path
-wrappedReadSymlink(const std::filesystem::path& link, std::error_code& error) __asm__(
-    "__wrap__ZNSt10filesystem12read_"
-    "symlinkERKNS_7__cxx114pathERSt10error_"
-    "code");
 namespace {
 
 bool contains(const std::string& text, const char* part) {
@@ -54,7 +49,7 @@ std::string rootFor(const std::string& chosen, const std::string& executable) {
   test::libraryCalls().read_symlink = [&](const auto&, auto&) {
     return executable;
   };
-  const std::string root = path::rootFor(chosen.c_str());
+  std::string root = path::rootFor(chosen.c_str());
   check(root.empty() || root.back() != '/', "a root has no slash at its end");
   const bool is_refused = contains(chosen, "install:");
   int refusals = is_refused ? 1 : 0;

@@ -90,12 +90,17 @@ void checkExpanded(const Environment& environment) {
   }
 }
 
+/// What the C library sees of `text`.
+std::string untilNul(const std::string& text) {
+  return text.substr(0, text.find('\0'));
+}
+
 void checkGlobal(const Environment& environment) {
   checkExpanded(environment);
   std::map<std::string, std::string> last;
   for (const auto& [name, value] : environment) {
-    // What the C library sees of both.
-    if (!isRefusedName(name.c_str())) last[name.c_str()] = value.c_str();
+    if (isRefusedName(untilNul(name))) continue;
+    last[untilNul(name)] = untilNul(value);
   }
   last.try_emplace("VORN_ROOT", kRoot);
   check(variables() == last, "the launcher's environment has the last values");

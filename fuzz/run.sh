@@ -19,8 +19,8 @@ them side by side, and closes with a table. Targets (default: all of them):
 ${all_targets[*]}.
 
   --minutes N   how long each is run (default: 60)
-  --merge       put what this and earlier runs have found that takes other ways
-                through the code into fuzz/seeds, as few inputs as possible
+  --merge       add to fuzz/seeds what this and earlier runs have come up with
+                that reaches code which no seed reaches, as few as possible
   -h, --help    this text
 
 What is found is kept in build-fuzz/findings/, by target. To see one again:
@@ -59,11 +59,11 @@ export ASAN_SYMBOLIZER_PATH
 # Freed memory kept for its checks, in MiB; the default would fill the limit.
 export ASAN_OPTIONS=quarantine_size_mb=32
 
-# run_target TARGET
+# run_target TARGET becomes the run, so that its process is the fuzzer's.
 run_target() {
   local corpus=build-fuzz/corpus/$1 findings=build-fuzz/findings/$1
   mkdir -p "$corpus" "$findings"
-  nice -n 19 "build-fuzz/bin/fuzz_$1" -max_total_time="$((minutes * 60))" \
+  exec nice -n 19 "build-fuzz/bin/fuzz_$1" -max_total_time="$((minutes * 60))" \
     -max_len="${longest[$1]}" -timeout=20 -rss_limit_mb=2048 \
     -dict="fuzz/$1.dict" -artifact_prefix="$findings/" -print_final_stats=1 \
     "$corpus" "fuzz/seeds/$1" >"build-fuzz/$1.log" 2>&1
@@ -82,9 +82,10 @@ report() {
     "$(find "build-fuzz/findings/$1" -type f | wc -l)"
 }
 
-# merge_seeds TARGET
+# merge_seeds TARGET adds an input for each edge that no seed reaches.
 merge_seeds() {
-  nice -n 19 "build-fuzz/bin/fuzz_$1" -merge=1 -max_len="${longest[$1]}" \
+  nice -n 19 "build-fuzz/bin/fuzz_$1" -set_cover_merge=1 -use_counters=0 \
+    -max_len="${longest[$1]}" \
     "fuzz/seeds/$1" "build-fuzz/corpus/$1" >"build-fuzz/$1.merge.log" 2>&1 ||
     die "could not merge; see build-fuzz/$1.merge.log"
 }
