@@ -1,6 +1,7 @@
 """The launcher's log lines."""
 
 import dataclasses
+import datetime
 import re
 
 _LINE = re.compile(
@@ -29,6 +30,11 @@ class LogLine:
     def head(self):
         """What a test usually compares: level, event, function, text."""
         return (self.level, self.event, self.func, self.text)
+
+    @property
+    def seconds(self):
+        """When it was written, in seconds since 1970."""
+        return datetime.datetime.fromisoformat(self.time[:-1] + "+00:00").timestamp()
 
 
 def parse_log(text):

@@ -1,0 +1,852 @@
+"""Storms: deaths and signals by the thousand, at the worst moments, and beside
+outputs and limits that leave the launcher nothing. Whatever comes, every child is
+accounted for, none stays a zombie and the next request is answered."""
+
+import collections
+import contextlib
+import ctypes
+import fcntl
+import os
+
+import re
+import select
+import signal
+import threading
+import time
+
+import pytest
+from support.control import Cmd, Result, State, pack_request, read_exactly
+from support.control import unpack_response
+from support.family import Family, children_of, has_ended, is_stopped
+from support.family import status_field, waits_in
+from support.holding import held, wait_until_blocked
+from support.log import parse_log
+from support.waiting import eventually
+
+SLEEPER = {"path": "/bin/sleep", "argv": "100000"}
+SLEEPER_ARGV = ["/bin/sleep", "100000"]
+FATAL = [signal.SIGQUIT, signal.SIGHUP, signal.SIGSEGV, signal.SIGBUS, signal.SIGABRT,
+         signal.SIGILL, signal.SIGFPE, signal.SIGINT, signal.SIGTRAP]
+# A node that notes a SIGTERM, and ends when it is allowed to.
+RELUCTANT = ("trap 'touch /tmp/asked; while [ ! -e /tmp/go ]; do sleep 0.05; done;"
+             " touch /tmp/ended; exit 0' TERM\ntouch /tmp/ready\nsleep 100000 & wait")
+
+
+def sleepers(*names):
+    return {"vornnode": {name: SLEEPER for name in names}}
+
+
+def figure(text):
+    """For docs/reliability.md; the long form shows what is printed."""
+    print("\n   " + text)
+
+
+class LogReader:
+    """What the launcher has logged since `restart()`, or since its start."""
+
+    def __init__(self, machine):
+        self.path = machine.tmp / "stderr"
+        self.begin = 0
+
+    def restart(self):
+        self.begin = self.path.stat().st_size
+
+    def raw(self):
+        with open(self.path, "rb") as file:
+            file.seek(self.begin)
+            return file.read()
+
+    def lines(self):
+        return parse_log(self.raw().decode(errors="replace"))
+
+    def texts(self):
+        """How often each text was logged."""
+        return collections.Counter(line.text for line in self.lines())
+
+    def wait_for_starts(self, count):
+        eventually(lambda: self.raw().count(b"' ok\n") >= count, f"{count} starts")
+
+    def collected(self):
+        """How often each pid was collected."""
+        pids = (re.match(r"si_pid: (\d+),", line.text) for line in self.lines())
+        return collections.Counter(int(match[1]) for match in pids if match)
+
+
+def printed_signals(machine):
+    """The lines about fatal signals on standard output."""
+    return re.findall(r"vornlaunch handle with .*\(\d+\)\n", machine.stdout())
+
+
+def handled_with(number):
+    return f"vornlaunch handle with {signal.strsignal(number)}({int(number)})\n"
+
+
+def all_end(host_pids):
+    eventually(lambda: all(has_ended(pid) for pid in host_pids), "the children end")
+
+
+def supervision_goes_on(machine, family, name):
+    """Makes sure that a death is followed by a restart, and that commands are
+    carried out. Needs no log."""
+    first = machine.status(name).pid
+    os.kill(family.by_machine_pid()[first], signal.SIGKILL)
+    eventually(lambda: machine.status(name).pid not in (0, first), f"{name} is back")
+    commands_are_obeyed(machine, family, name)
+
+
+def commands_are_obeyed(machine, family, name):
+    """Makes sure that they do what they say."""
+    assert machine.request(Cmd.RESTART, name).result == Result.SUCCESS
+    assert machine.request(Cmd.STOP, name).result == Result.SUCCESS
+    assert machine.status(name).state == State.STOPPED
+    family.wait_until_no_zombie_is_left()
+    assert machine.status(name).pid not in family.by_machine_pid()
+    assert machine.request(Cmd.START, name).result == Result.SUCCESS
+    assert machine.status(name).pid in family.by_machine_pid()
+
+
+def ends_on_sigterm(machine, family):
+    """Makes sure that SIGTERM stops all children and ends the launcher with 0."""
+    children = family.children()
+    family.signal(signal.SIGTERM)
+    assert machine.wait() == 0
+    all_end(children)
+
+
+# -- Many deaths.
+
+
+def open_gate(machine):
+    """Lets every node that reads the gate come to the end of it."""
+    os.close(os.open(machine.tmp / "gate", os.O_WRONLY))
+
+
+def kill_all(family):
+    for child in family.children():
+        os.kill(child, signal.SIGKILL)
+
+
+@pytest.mark.parametrize("how", ["exit", "killed", "killed-while-held"])
+def test_children_that_die_together_are_each_restarted_once(machine, is_long, how):
+    names = [f"node-{i}" for i in range(1000 if is_long else 200)]
+    os.mkfifo(machine.tmp / "gate")
+    node = {"path": "/bin/cat", "argv": "/tmp/gate"}
+    machine.start({"vornnode": {name: node for name in names}})
+    family, log = Family(machine), LogReader(machine)
+    descriptors, memory = family.descriptors(), None
+    for turn in range(3 if is_long else 1):
+        eventually(lambda: all(waits_in(child, "wait_for_partner") for child in family.children()), "all read the gate")
+        before = {name: machine.status(name).pid for name in names}
+        log.restart()
+        if how == "exit":
+            open_gate(machine)
+        elif how == "killed":
+            kill_all(family)
+        else:
+            family.hold()
+            kill_all(family)
+            eventually(lambda: len(family.zombies()) == len(names), "all are dead")
+            family.resume()
+        log.wait_for_starts(len(names))
+
+        texts = log.texts()
+        end = "exited with status: 0." if how == "exit" else "receive signal: 9."
+        for name in names:
+            assert texts[f"'{name}' {end}"] == 1
+            assert texts[f"Node '{name}' ready to restarting"] == 1
+            assert texts[f"Node start '{name}' ok"] == 1
+        assert log.collected() == collections.Counter(before.values())
+        family.wait_until_no_zombie_is_left()
+        statuses = [machine.status(name) for name in names]
+        assert {status.state for status in statuses} == {State.RUNNING}
+        assert sorted(status.pid for status in statuses) == sorted(family.by_machine_pid())
+        eventually(lambda: family.descriptors() == descriptors, "no descriptor more")
+        if turn == 0:
+            memory = family.memory()
+        elif not machine.sanitized:
+            assert family.memory() <= memory + 1024
+        collections_ = [line for line in log.lines() if line.func == "reapOneProcess"]
+        took = collections_[-1].seconds - collections_[0].seconds
+        figure(f"{len(names)} children, {how}: collected in {took:.2f} s, "
+               f"{family.memory()} KiB, {family.descriptors()} descriptors")
+
+
+# Each child costs its parent a fork; what it leaves behind is orphaned.
+BOMBS = {
+    "exiting": "while :; do (:) & (:) & (:) & (:) & wait; done",
+    "orphaning": "while :; do ( (:) & (:) & (:) & (:) & ); done",
+}
+QUITTERS = {
+    "quitter": "exit 1",
+    "suicide": "kill -9 $$",
+    "parent": "(sleep 0.2; exit 3) & (sleep 0.1) & exit 0",
+}
+
+
+def test_fork_bombs_cost_no_exit_no_restart_and_no_answer(machine, is_long):
+    seconds = 600 if is_long else 12
+    paths = {name: machine.script(name, "exec nice -n 10 sh -c '" + body + "'")
+             for name, body in BOMBS.items()}
+    quitters = []
+    for name, body in QUITTERS.items():
+        path = machine.script(name, body)
+        for i in range(5):
+            quitters.append(f"{name}-{i}")
+            paths[f"{name}-{i}"] = path
+    nodes = {name: {"path": path} for name, path in paths.items()}
+    machine.start({"vornnode": {"steady": SLEEPER, "pawn": SLEEPER, **nodes}})
+    family, log = Family(machine), LogReader(machine)
+    descriptors, memory = family.descriptors(), family.memory()
+    steady = machine.status("steady")
+
+    answers, slowest = 0, 0.0
+    names = ["steady", *nodes]
+    deadline = time.monotonic() + seconds
+    next_command = time.monotonic() + 3
+    while time.monotonic() < deadline:
+        asked = time.monotonic()
+        status = machine.status(names[answers % len(names)])
+        assert status.result == Result.SUCCESS
+        assert status.state in (State.RUNNING, State.RESTARTING)
+        answers, slowest = answers + 1, max(slowest, time.monotonic() - asked)
+        if asked > next_command:
+            assert machine.request(Cmd.RESTART, "pawn").result == Result.SUCCESS
+            next_command = asked + 10
+        time.sleep(0.02)  # the rate of the requests
+
+    assert machine.status("steady") == steady
+    eventually(lambda: family.descriptors() == descriptors, "no descriptor more")
+    growth = family.memory() - memory
+    for name in nodes:
+        assert machine.request(Cmd.STOP, name).result == Result.SUCCESS
+    family.wait_until_no_zombie_is_left()
+    texts = log.texts()
+    longest = 0.0
+    for name in quitters:
+        # Each start has had its one end, and each end its restart or the stop.
+        starts = [x for x in log.lines() if x.text == f"Node start '{name}' ok"]
+        ends = sum(count for text, count in texts.items()
+                   if text.startswith((f"'{name}' exited", f"'{name}' receive")))
+        assert ends == len(starts)
+        gaps = [b.seconds - a.seconds for a, b in zip(starts, starts[1:])]
+        assert len(starts) > seconds // 10
+        assert sum(gaps) > 5 * len(gaps) - 1
+        longest = max(longest, *gaps)
+    assert not any(text.startswith("'steady' ") for text in texts)
+    # The two that are left are the only ones whose end was not collected.
+    started = sum(line.text.startswith("Node start ") for line in log.lines())
+    exits = sum(log.collected().values())
+    assert exits == started - 2
+    if not machine.sanitized:
+        assert growth <= 1024
+    figure(f"fork bombs for {seconds} s: {answers} requests, the slowest took "
+           f"{slowest:.2f} s; {exits} exits; at most "
+           f"{longest:.2f} s from start to start; memory {growth:+} KiB")
+    assert family.by_machine_pid().keys() == {machine.status("steady").pid,
+                                      machine.status("pawn").pid}
+    ends_on_sigterm(machine, family)
+
+
+# -- Floods of signals.
+
+
+def flood(family, send, count):
+    """Sends `count` signals, faster than they can be taken, and now and then
+    lets the receiver run."""
+    for i in range(count):
+        send(family.pid)
+        if i % 50 == 0:
+            time.sleep(0.001)
+
+
+def test_a_flood_of_sigpipe_costs_nothing_but_log_lines(machine, is_long):
+    machine.start(sleepers("worker", "other"))
+    family, log = Family(machine), LogReader(machine)
+    first = machine.status("worker").pid
+    kept = machine.status("other")
+    rounds, answers = (2000 if is_long else 100), 0
+    for turn in range(rounds):
+        flood(family, lambda pid: os.kill(pid, signal.SIGPIPE), 50)
+        with machine.connect() as client:  # goes before it is answered
+            client.sendall(pack_request(Cmd.STATUS, "worker"))
+        if turn == rounds // 2:
+            os.kill(family.by_machine_pid()[first], signal.SIGKILL)
+        answers += machine.status("other") == kept
+    assert answers == rounds
+    log.wait_for_starts(3)
+    assert log.collected() == {first: 1}
+    assert log.texts()["epoll_wait failed."] > 0
+    figure(f"{50 * rounds} SIGPIPE: {log.texts()['epoll_wait failed.']} waits "
+           f"interrupted, {rounds} clients gone, {answers} requests answered")
+    commands_are_obeyed(machine, family, "worker")
+    ends_on_sigterm(machine, family)
+    assert machine.stdout() == ""
+
+
+def kill_sigchld(pid):
+    os.kill(pid, signal.SIGCHLD)
+
+
+def queue_sigchld(pid):
+    libc = ctypes.CDLL(None, use_errno=True)
+    assert libc.sigqueue(pid, int(signal.SIGCHLD), ctypes.c_void_p(1234)) == 0
+
+
+@pytest.mark.parametrize("send", [kill_sigchld, queue_sigchld])
+def test_sigchld_from_strangers_ends_no_node(machine, is_long, send):
+    machine.start(sleepers("worker", "other"))
+    family, log = Family(machine), LogReader(machine)
+    first, kept = machine.status("worker").pid, machine.status("other")
+    count = 100_000 if is_long else 5000
+    flood(family, send, count // 2)
+    os.kill(family.by_machine_pid()[first], signal.SIGKILL)
+    flood(family, send, count // 2)
+    log.wait_for_starts(3)
+    assert machine.status("other") == kept
+    assert log.collected() == {first: 1}
+    assert log.texts()["ssi_signo: 17"] > 1
+    commands_are_obeyed(machine, family, "worker")
+    ends_on_sigterm(machine, family)
+
+
+# -- As process 1, such as in a container.
+
+# Pids of five digits here, too.
+AS_PROCESS_1 = ["unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "sh", "-c",
+                'echo 10000 >/proc/sys/kernel/ns_last_pid; exec "$@"', "sh"]
+
+
+def process_1(machine):
+    """The family of a launcher started by AS_PROCESS_1."""
+    wrapper = machine.process.host_pid
+    return Family(machine, eventually(lambda: children_of(wrapper), "it runs")[0])
+
+
+@pytest.mark.parametrize("end", ["exit", "sigkill"])
+def test_as_process_1_it_collects_every_orphan_and_spares_the_nodes(
+        machine, is_long, end):
+    count = 20_000 if is_long else 2000
+    orphan = "(:)" if end == "exit" else "sh -c 'kill -9 $$'"
+    breeder = machine.script("breeder", "i=0\n"
+                             f"while [ $i -lt {count} ]; do ( {orphan} & )\n"
+                             "i=$((i + 1)); done; touch /tmp/done; exec sleep 100000")
+    content = sleepers("worker", "crasher")
+    content["vornnode"]["crasher"] = {"path": machine.script("crasher", "exit 1")}
+    content["vornnode"]["breeder"] = {"path": breeder}
+    machine.start(content, wrapper=AS_PROCESS_1)
+    family, log = process_1(machine), LogReader(machine)
+    worker = machine.status("worker")
+    eventually((machine.tmp / "done").exists, "all orphans were made", timeout=300)
+    family.wait_until_no_zombie_is_left()
+
+    def crashes():
+        return log.texts()["'crasher' exited with status: 1."]
+
+    eventually(lambda: sum(log.collected().values()) == count + crashes(),
+               "every exit was collected")
+    killed = log.texts()["node is killed."]
+    assert killed == (count if end == "sigkill" else 0)
+    assert machine.status("worker") == worker
+    assert machine.status("breeder").state == State.RUNNING
+    before = crashes()
+    eventually(lambda: crashes() > before, "the crasher is restarted")
+    supervision_goes_on(machine, family, "worker")
+    ends_on_sigterm(machine, family)
+
+
+# -- Signals that the launcher does not handle.
+
+
+def others_of(default):
+    """Signals with this default action that the launcher leaves alone."""
+    names = {"ends": ["SIGUSR1", "SIGALRM", "SIGRTMIN", "SIGRTMAX"],
+             "ignored": ["SIGWINCH", "SIGURG", "SIGCONT"]}
+    return [signal.Signals[name] for name in names[default]]
+
+
+@pytest.mark.parametrize("number", others_of("ends"), ids=lambda number: number.name)
+def test_a_signal_it_does_not_handle_ends_it_and_leaves_the_nodes(machine, number):
+    machine.start(sleepers("worker"))
+    family = Family(machine)
+    children = family.children()
+    family.signal(number)
+    assert machine.wait() == -number
+    assert machine.stdout() == ""
+    assert not any(has_ended(child) for child in children)
+
+
+def test_signals_that_the_system_ignores_are_not_even_logged(machine):
+    machine.start(sleepers("worker"))
+    family, log = Family(machine), LogReader(machine)
+    before = log.raw()
+    for number in others_of("ignored") * 100:
+        family.signal(number)
+    supervision_goes_on(machine, family, "worker")
+    assert log.raw().startswith(before)
+    assert "epoll_wait failed." not in log.texts()
+    ends_on_sigterm(machine, family)
+
+
+# -- The signals that end the launcher, at any moment.
+
+
+def is_pending(pid, number):
+    """Whether the process has not yet taken the signal."""
+    return int(status_field(pid, "ShdPnd"), 16) & 1 << (number - 1)
+
+
+def send_and_wait_until_taken(family, number):
+    family.signal(number)
+    eventually(lambda: not is_pending(family.pid, number), "the signal is taken")
+
+
+def test_all_fatal_signals_at_once_end_it_once_with_one_line(machine):
+    machine.start(sleepers("one", "two"))
+    family = Family(machine)
+    children = family.children()
+    family.hold()
+    for number in FATAL:
+        family.signal(number)
+    family.resume()
+    assert machine.wait() == 0
+    assert len(printed_signals(machine)) == 1
+    assert machine.stdout() == printed_signals(machine)[0]
+    assert not any(has_ended(child) for child in children)
+
+
+def test_a_storm_of_sigterm_stops_each_node_once(machine, is_long):
+    names = [f"node-{i}" for i in range(3)]
+    machine.script("node", 'trap \'echo "$__VORN_NODE_NAME__" >>/tmp/order\' TERM\n'
+                   'touch "/tmp/ready-$1"\nwhile [ ! -e /tmp/go ]; do sleep 0.05; done')
+    machine.start({"vornnode": {name: {"path": "/tmp/bin/node", "argv": name}
+                                for name in names}})
+    for name in names:
+        eventually((machine.tmp / f"ready-{name}").exists, f"{name} is ready")
+    family, log = Family(machine), LogReader(machine)
+    children = family.children()
+    family.signal(signal.SIGTERM)
+    eventually((machine.tmp / "order").exists, "the first stop has begun")
+    flood(family, lambda pid: os.kill(pid, signal.SIGTERM), 20_000 if is_long else 1000)
+    (machine.tmp / "go").touch()
+    assert machine.wait() == 0
+    all_end(children)
+    order = (machine.tmp / "order").read_text(encoding="ascii").split()
+    assert order == sorted(set(order)), "no node was asked twice, or out of turn"
+    assert log.texts()["ssi_signo: 15"] == 1
+
+
+@pytest.fixture(name="reluctant")
+def fixture_reluctant(machine):
+    """A launcher with a node that ends late after its SIGTERM, and another."""
+    content = sleepers("other")
+    content["vornnode"] = {"reluctant": {"path": machine.script("reluctant", RELUCTANT)},
+                           **content["vornnode"]}
+    machine.start(content)
+    eventually((machine.tmp / "ready").exists, "the node is ready")
+    return Family(machine)
+
+
+def test_a_stop_that_sigint_interrupts_is_finished_and_answered(machine, reluctant):
+    other = reluctant.by_machine_pid()[machine.status("other").pid]
+    with machine.connect() as client:
+        client.sendall(pack_request(Cmd.STOP, "reluctant"))
+        eventually((machine.tmp / "asked").exists, "the stop has begun")
+        send_and_wait_until_taken(reluctant, signal.SIGINT)
+        (machine.tmp / "go").touch()
+        reply = unpack_response(read_exactly(client, 24))
+    assert reply.result == Result.SUCCESS
+    assert machine.wait() == 0
+    # It had its time: SIGKILL did not come before its end.
+    assert (machine.tmp / "ended").exists()
+    assert machine.stdout() == handled_with(signal.SIGINT)
+    assert not has_ended(other)
+
+
+def test_a_stop_that_sigterm_meets_is_answered_and_the_others_follow(
+        machine, reluctant):
+    children = reluctant.children()
+    with machine.connect() as client:
+        client.sendall(pack_request(Cmd.STOP, "reluctant"))
+        eventually((machine.tmp / "asked").exists, "the stop has begun")
+        reluctant.signal(signal.SIGTERM)
+        (machine.tmp / "go").touch()
+        reply = unpack_response(read_exactly(client, 24))
+    assert reply.result == Result.SUCCESS
+    assert machine.wait() == 0
+    all_end(children)
+    assert machine.stdout() == ""
+
+
+def test_fatal_signals_after_sigterm_do_not_spare_the_nodes(machine, reluctant):
+    children = reluctant.children()
+    reluctant.signal(signal.SIGTERM)
+    eventually((machine.tmp / "asked").exists, "the stops have begun")
+    for number in (signal.SIGINT, signal.SIGHUP, signal.SIGQUIT, signal.SIGINT):
+        send_and_wait_until_taken(reluctant, number)
+    (machine.tmp / "go").touch()
+    assert machine.wait() == 0
+    all_end(children)
+    assert (machine.tmp / "ended").exists()
+    assert printed_signals(machine) == [handled_with(signal.SIGINT)]
+
+
+def test_sigterm_after_sigint_stops_no_node(machine):
+    machine.start(sleepers("worker"))
+    family, log = Family(machine), LogReader(machine)
+    children = family.children()
+    with held(machine):
+        send_and_wait_until_taken(family, signal.SIGINT)
+        family.signal(signal.SIGTERM)
+    assert machine.wait() == 0
+    assert machine.stdout() == handled_with(signal.SIGINT)
+    assert "ssi_signo: 15" not in log.texts()
+    assert not any(has_ended(child) for child in children)
+
+
+def test_sigint_while_the_launch_file_is_read_starts_and_leaves_the_nodes(machine):
+    pipe = machine.tmp / "launch.pipe"
+    os.mkfifo(pipe)
+    machine.start(arguments=["/tmp/launch.pipe"], wait_until_up=False)
+    with open(pipe, "w", encoding="ascii") as file:
+        wait_until_blocked(machine, "pipe_read")
+        machine.signal(signal.SIGINT)
+        file.write("vornnode: {worker: {path: /bin/sleep, argv: 100000}}\n")
+    assert machine.wait() == 0
+    assert machine.stdout() == handled_with(signal.SIGINT)
+    eventually(lambda: [p for p in machine.processes() if p.argv == SLEEPER_ARGV],
+               "the node runs on")
+
+
+def test_sigint_during_start_up_cuts_one_sleep_and_starts_every_node(machine):
+    machine.start({"vornnode": {"first": {**SLEEPER, "sleep": 600_000},
+                                "second": {**SLEEPER, "sleep": 500}}},
+                  wait_until_up=False)
+    log = LogReader(machine)
+    family = Family(machine)
+    machine.wait_for_log("first sleep 600000ms")
+    eventually(lambda: waits_in(family.pid, "nanosleep"), "it sleeps")
+    family.signal(signal.SIGINT)
+    assert machine.wait() == 0
+    lines = {line.text: line for line in log.lines()}
+    assert "Node start 'first' ok" in lines
+    nap, start = lines["second sleep 500ms"], lines["Node start 'second' ok"]
+    assert start.seconds - nap.seconds >= 0.499
+    eventually(lambda: len([p for p in machine.processes()
+                            if p.argv == SLEEPER_ARGV]) == 2, "both run on")
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM],
+                         ids=lambda number: number.name)
+def test_a_start_command_is_answered_when_its_sleep_meets_a_signal(machine, number):
+    nap = 600_000 if number == signal.SIGINT else 700
+    machine.start({"vornnode": {
+        "other": SLEEPER, "late": {**SLEEPER, "sleep": nap, "autostart": False}}})
+    family = Family(machine)
+    with machine.connect() as client:
+        client.sendall(pack_request(Cmd.START, "late"))
+        eventually(lambda: waits_in(family.pid, "nanosleep"), "it sleeps")
+        family.signal(number)
+        assert unpack_response(read_exactly(client, 24)).result == Result.SUCCESS
+    assert machine.wait() == 0
+    sleepers_left = [p for p in machine.processes() if p.argv == SLEEPER_ARGV]
+    if number == signal.SIGINT:
+        assert len(sleepers_left) == 2
+    else:
+        assert not [p for p in sleepers_left if p.is_alive]
+
+
+# -- SIGSTOP.
+
+
+def test_what_waited_while_the_launcher_was_stopped_is_served_afterwards(machine):
+    machine.start(sleepers("worker"))
+    family = Family(machine)
+    status = machine.status("worker")
+    with contextlib.ExitStack() as stack:
+        for _ in range(20):
+            family.hold()
+            clients = [stack.enter_context(machine.connect()) for _ in range(5)]
+            for client in clients:
+                client.sendall(pack_request(Cmd.STATUS, "worker"))
+            family.resume()
+            for client in clients:
+                assert unpack_response(read_exactly(client, 24)) == status
+                client.close()
+    ends_on_sigterm(machine, family)
+
+
+def test_stopped_and_continued_nodes_are_still_running_ones(machine, is_long):
+    names = [f"node-{i}" for i in range(1000 if is_long else 100)]
+    machine.start(sleepers(*names))
+    family, log = Family(machine), LogReader(machine)
+    before = [machine.status(name) for name in names]
+    children = family.children()
+    log.restart()
+    for number in (signal.SIGSTOP, signal.SIGCONT) * 3:
+        for child in children:
+            os.kill(child, number)
+        eventually(lambda: all(is_stopped(child) == (number == signal.SIGSTOP)
+                               for child in children), "all have followed")
+    assert log.raw() == b""
+    assert [machine.status(name) for name in names] == before
+    # Killed while it is stopped, each is back all the same.
+    for child in children:
+        os.kill(child, signal.SIGSTOP)
+    kill_all(family)
+    log.wait_for_starts(len(names))
+    assert log.collected() == collections.Counter(status.pid for status in before)
+
+
+def test_a_stopped_node_is_killed_after_its_stop_has_waited(machine):
+    machine.start(sleepers("worker"))
+    family, log = Family(machine), LogReader(machine)
+    [child] = family.children()
+    os.kill(child, signal.SIGSTOP)
+    assert machine.request(Cmd.STOP, "worker").result == Result.SUCCESS
+    eventually(lambda: log.texts()["Node 'worker' stoped"], "it is collected")
+    assert log.texts()["'worker' receive signal: 9."] == 1
+    assert family.children() == []
+
+
+# -- Standard input, output and error that are of no use.
+
+
+def pipe_without_reader():
+    reader, writer = os.pipe()
+    os.close(reader)
+    return writer
+
+
+def without(*redirections):
+    """A wrapper that starts the launcher without these of its streams."""
+    return ["sh", "-c", 'exec "$@" ' + " ".join(redirections), "sh"]
+
+
+USELESS_STREAMS = {
+    "no-input": lambda: {"wrapper": without("<&-")},
+    "no-output": lambda: {"wrapper": without(">&-")},
+    "nothing-open": lambda: {"wrapper": without("<&-", ">&-", "2>&-")},
+    "full": lambda: dict.fromkeys(["stdout", "stderr"], os.open("/dev/full", os.O_WRONLY)),
+    "no-reader": lambda: dict.fromkeys(["stdout", "stderr"], pipe_without_reader()),
+}
+
+
+@pytest.mark.parametrize("end", [signal.SIGTERM, signal.SIGINT], ids=lambda x: x.name)
+@pytest.mark.parametrize("streams", USELESS_STREAMS)
+def test_supervision_goes_on_when_streams_are_useless(machine, streams, end):
+    machine.start(sleepers("worker", "other"), **USELESS_STREAMS[streams]())
+    family = Family(machine)
+    supervision_goes_on(machine, family, "worker")
+    children = family.children()
+    assert len(children) == 2
+    family.signal(end)
+    assert machine.wait() == 0
+    if end == signal.SIGTERM:
+        all_end(children)
+    else:
+        assert not any(has_ended(child) for child in children)
+
+
+def lines_of(text):
+    """The log lines, after making sure that there is nothing else in the text."""
+    assert text.endswith("\n")
+    lines = parse_log(text)
+    assert len(lines) == text.count("\n"), "every line is a whole one"
+    return lines
+
+
+def count(lines, text):
+    return sum(line.text == text for line in lines)
+
+
+def test_a_slow_reader_gets_every_line_whole_though_signals_cut_the_writes(machine):
+    reader, writer = os.pipe()
+    fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
+    pieces, ended = [], threading.Event()
+
+    def read_slowly():
+        while True:
+            if select.select([reader], [], [], 0.05)[0]:
+                pieces.append(os.read(reader, 500))
+                time.sleep(0.002)  # makes it slow
+            elif ended.is_set():
+                return
+
+    reading = threading.Thread(target=read_slowly, daemon=True)
+    reading.start()
+    machine.start(sleepers("worker"), stderr=writer)
+    os.close(writer)
+    family = Family(machine)
+    done = threading.Event()
+
+    def signal_until_done():
+        while not done.wait(0.0002):
+            family.signal(signal.SIGPIPE)
+
+    signalling = threading.Thread(target=signal_until_done, daemon=True)
+    signalling.start()
+    try:
+        for _ in range(300):
+            assert machine.request(Cmd.ENABLE, "worker").result == Result.SUCCESS
+    finally:
+        done.set()
+        signalling.join()
+    supervision_goes_on(machine, family, "worker")
+    children = family.children()
+    family.signal(signal.SIGTERM)
+    assert machine.wait() == 0
+    all_end(children)
+    ended.set()
+    reading.join()
+    os.close(reader)
+    lines = lines_of(b"".join(pieces).decode())
+    assert count(lines, "control cmd: 5") == 300
+    assert count(lines, "epoll_wait failed.") > 0
+    assert lines[-1].text == "ssi_signo: 15"
+
+
+def test_a_reader_that_comes_back_gets_whole_lines_again(machine):
+    pipe = machine.tmp / "log.pipe"
+    os.mkfifo(pipe)
+    reader = os.open(pipe, os.O_RDONLY | os.O_NONBLOCK)
+    writer = os.open(pipe, os.O_WRONLY)
+    machine.start(sleepers("worker"), stderr=writer)
+    os.close(writer)
+    family = Family(machine)
+    assert "Node start 'worker' ok" in os.read(reader, 65536).decode()
+    os.close(reader)
+    supervision_goes_on(machine, family, "worker")
+    reader = os.open(pipe, os.O_RDONLY | os.O_NONBLOCK)
+    assert machine.request(Cmd.ENABLE, "worker").result == Result.SUCCESS
+    ends_on_sigterm(machine, family)
+    lines = lines_of(os.read(reader, 65536).decode())
+    assert [line.text for line in lines] == ["control cmd: 5", "ssi_signo: 15"]
+    os.close(reader)
+
+
+ON_SMALL_DISK = ["sh", "-c",
+                 "mkdir /tmp/disk && mount -t tmpfs -o size=64k tmpfs /tmp/disk &&"
+                 ' exec "$@" 2>>/tmp/disk/log', "sh"]
+
+
+def test_a_full_disk_costs_lines_only_and_the_next_one_is_whole(machine):
+    machine.start(sleepers("worker"), wrapper=ON_SMALL_DISK)
+    family = Family(machine)
+
+    def log():
+        return machine.run("cat", "/tmp/disk/log")
+
+    for _ in range(3 * 2):
+        machine.run("sh", "-c", "cat /dev/zero >/tmp/disk/fill", check=False)
+        for _ in range(200):  # more than what was left
+            assert machine.request(Cmd.ENABLE, "worker").result == Result.SUCCESS
+        full = log()
+        assert machine.status("worker").state == State.RUNNING
+        assert log() == full, "not a byte more"
+        machine.run("rm", "/tmp/disk/fill")
+        assert machine.request(Cmd.ENABLE, "worker").result == Result.SUCCESS
+        more = log().removeprefix(full)
+        # After a torn line the next begins on a line of its own.
+        assert more.startswith("\n") == (not full.endswith("\n"))
+        [line] = lines_of(more.removeprefix("\n"))
+        assert line.text == "control cmd: 5"
+    machine.run("sh", "-c", "cat /dev/zero >/tmp/disk/fill", check=False)
+    supervision_goes_on(machine, family, "worker")
+    machine.run("rm", "/tmp/disk/fill")
+    supervision_goes_on(machine, family, "worker")
+    assert log().endswith("Node start 'worker' ok\n") is False
+    ends_on_sigterm(machine, family)
+
+
+# -- Limits.
+
+
+def test_a_log_at_its_size_limit_ends_nothing(machine):
+    machine.start(sleepers("worker"), wrapper=["prlimit", "--fsize=2000"])
+    family, log = Family(machine), LogReader(machine)
+    for _ in range(100):
+        assert machine.request(Cmd.ENABLE, "worker").result == Result.SUCCESS
+    assert len(log.raw()) == 2000
+    supervision_goes_on(machine, family, "worker")
+    ends_on_sigterm(machine, family)
+    assert len(log.raw()) == 2000
+
+
+@contextlib.contextmanager
+def limited(machine, what, value, as_user=()):
+    """Within this context the launcher may have no more of something, an option of
+    prlimit; raising that again needs no right."""
+    target = f"--pid={machine.pid}"
+    former = machine.run(*as_user, "prlimit", target, f"--{what}", "--noheadings",
+                         "--output=SOFT")
+    machine.run(*as_user, "prlimit", target, f"--{what}={value}:")
+    try:
+        yield
+    finally:
+        machine.run(*as_user, "prlimit", target, f"--{what}={former.strip()}:")
+
+
+@pytest.fixture(name="as_user")
+def fixture_as_user(machine):
+    """A wrapper for a user of its own: root has no limit of processes."""
+    machine.tmp.chmod(0o777)
+    user = 100_000 + os.getpid()
+    if os.geteuid() != 0:
+        return []  # the machine has a user namespace, which counts for itself
+    return ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups"]
+
+
+def test_without_processes_starts_fail_and_stops_take_their_time(machine, as_user):
+    machine.start(sleepers("crashing", "stopping", "starting"), wrapper=as_user)
+    family, log = Family(machine), LogReader(machine)
+    assert machine.request(Cmd.STOP, "starting").result == Result.SUCCESS
+    log.restart()
+    stopping = family.by_machine_pid()[machine.status("stopping").pid]
+    with limited(machine, "nproc", 1, as_user):
+        assert machine.request(Cmd.START, "starting").result == Result.FAILED
+        assert machine.status("starting").state == State.STOPPED
+        crashing = machine.status("crashing").pid
+        os.kill(family.by_machine_pid()[crashing], signal.SIGKILL)
+        eventually(lambda: log.texts()["name: crashing fork failed."], "it was tried")
+        assert machine.status("crashing").state == State.STOPPED
+        # Neither look at the process table can be taken.
+        assert machine.request(Cmd.STOP, "stopping").result == Result.SUCCESS
+        assert has_ended(stopping)
+        assert machine.status("crashing").state == State.STOPPED
+    family.wait_until_no_zombie_is_left()
+    texts = log.texts()
+    assert texts["name: starting fork failed."] == 1
+    assert texts["name: crashing fork failed."] == 1
+    assert texts["Node 'stopping' stoped"] == 1
+    for name in ("crashing", "stopping", "starting"):
+        assert machine.request(Cmd.START, name).result == Result.SUCCESS
+        assert machine.status(name).state == State.RUNNING
+    ends_on_sigterm(machine, family)
+
+
+def test_with_one_descriptor_left_commands_and_restarts_work(machine):
+    machine.start(sleepers("worker", "other"))
+    family, log = Family(machine), LogReader(machine)
+    with limited(machine, "nofile", family.descriptors() + 1):
+        supervision_goes_on(machine, family, "worker")
+    assert log.texts()["Node 'worker' stoped"] == 1
+    ends_on_sigterm(machine, family)
+
+
+def test_without_a_descriptor_left_restarts_work_and_requests_wait(machine):
+    machine.start(sleepers("worker"))
+    family, log = Family(machine), LogReader(machine)
+    first = machine.status("worker").pid
+    [child] = family.children()
+    eventually(lambda: family.descriptors() == 6, "the connection is closed")
+    with limited(machine, "nofile", 6):
+        with machine.connect() as client:
+            client.sendall(pack_request(Cmd.STATUS, "worker"))
+            os.kill(child, signal.SIGKILL)
+            log.wait_for_starts(2)
+            with limited(machine, "nofile", 7):
+                reply = unpack_response(read_exactly(client, 24))
+    assert reply.state == State.RUNNING
+    assert reply.pid in family.by_machine_pid() and reply.pid != first
+    supervision_goes_on(machine, family, "worker")
+    ends_on_sigterm(machine, family)
