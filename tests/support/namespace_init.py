@@ -61,7 +61,9 @@ def main():
     pid = os.fork()
     if pid == 0:
         try:
+            # Python ignores these two.
             signal.signal(signal.SIGPIPE, signal.SIG_DFL)
+            signal.signal(signal.SIGXFSZ, signal.SIG_DFL)
             os.execvp(command[0], command)
         except OSError as error:
             print(f"{command[0]}: {error.strerror}", file=sys.stderr)

@@ -146,6 +146,19 @@ def test_a_fatal_signal_interrupts_the_wait_and_ends_the_loop(machine, number):
     assert machine.is_alive(child)
 
 
+def test_a_log_at_its_size_limit_makes_no_other_end_of_sigint(machine):
+    log = machine.tmp / "log"
+    with open(log, "ab") as file:
+        machine.start({}, stdout=file, stderr=file,
+                      wrapper=["prlimit", "--fsize=2000"])
+    while log.stat().st_size < 2000:
+        machine.status("nobody")
+    # What is printed now is written at the exit, and refused.
+    machine.signal(signal.SIGINT)
+    assert machine.wait() == 0
+    assert log.stat().st_size == 2000
+
+
 def test_only_the_first_fatal_signal_prints(machine):
     machine.start({})
     with held(machine):

@@ -6,6 +6,7 @@
 #include <signal.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
@@ -56,6 +57,16 @@ void armFatalSignals() {
                   ::strsignal(static_cast<int>(i)));
     }
   }
+}
+
+/// To be called at the exit, before what was printed is written: standard
+/// output may be a file at its size limit, which must not make a death by
+/// SIGXFSZ of a regular end.
+void holdSizeLimitSignalOff() {
+  sigset_t signals;
+  (void)::sigemptyset(&signals);
+  (void)::sigaddset(&signals, SIGXFSZ);
+  (void)::sigprocmask(SIG_BLOCK, &signals, nullptr);
 }
 
 /// `path` with every run of slashes as one; two that begin a name such as
@@ -115,6 +126,7 @@ void sig_seg_handler(int sig) {
 int main(int argc, char** argv) {
   vorn::setNodeName("vornlaunch");
   armFatalSignals();
+  (void)std::atexit(holdSizeLimitSignalOff);
   if (argc != 2) {
     (void)std::puts("Usage: \n  vornlaunch launch.yaml\n\n");
     return kUsageStatus;
