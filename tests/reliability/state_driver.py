@@ -1,0 +1,339 @@
+"""A real launcher that takes the steps of a story, and is compared with the
+model after each."""
+
+import errno
+import json
+import mmap
+import os
+import re
+import signal
+import struct
+import subprocess
+
+import state_model
+from support.control import RESPONSE, Cmd, Response, Result, State, pack_request
+from support.control import read_exactly, unpack_response
+from support.holding import held
+from support.log import parse_log
+from support.machine import Machine
+from support.waiting import PATIENCE, eventually
+
+# A node's program: does what it is told through a FIFO, which each process has
+# for itself, and says when it has done it.
+NODE = """
+orders=/tmp/orders/$$
+mkfifo "$orders"
+exec 3<>"$orders"
+while read -r order <&3; do
+  eval "$order"
+  : >"$orders.done"
+done"""
+OFFSPRING = ["sleep", "1000000"]
+
+SYSTEM = struct.Struct("=qqqq")  # struct System of fake_system.c
+EPOLL_WAIT = 232  # the system call's number on x86-64
+POLL_MS, NO_LIMIT = 1000, 0xFFFFFFFF
+
+
+def build_fake_system(folder):
+    """Compiles fake_system.c; returns the library."""
+    source = os.path.join(os.path.dirname(__file__), "fake_system.c")
+    library = folder / "fake_system.so"
+    subprocess.run(
+        ["cc", "-shared", "-fPIC", "-O1", "-Wall", "-Wextra", "-Werror",
+         "-o", library, source],
+        check=True,
+    )
+    return library
+
+
+class Driver:
+    """A launcher in a machine of its own. Its verbs are those of the model,
+    which it is given before each step, to know what is what."""
+
+    def __init__(self, tmp, program, library, nodes, patience=PATIENCE):
+        self.patience = patience
+        self.machine = Machine(tmp, program)
+        self.pids = {}  # of every process of the model so far
+        self.log_position = 0
+        self.refused = "nothing"
+        os.link(library, tmp / "fake_system.so")
+        (tmp / "orders").mkdir()
+        self.machine.file("system", bytes(mmap.PAGESIZE))
+        with open(tmp / "system", "r+b") as file:
+            self.system = mmap.mmap(file.fileno(), mmap.PAGESIZE)
+        for key in nodes:
+            self.machine.script(key, NODE)
+
+    def start(self, nodes, model):
+        self._set_system(model)
+        environment = ["LD_PRELOAD=/tmp/fake_system.so", "FAKE_SYSTEM=/tmp/system"]
+        if self.machine.sanitized:
+            environment.append(
+                "ASAN_OPTIONS=detect_leaks=0:verify_asan_link_order=0")
+        self.machine.start(launch_file(nodes), wrapper=["env", *environment])
+        # The machine's own view of its processes: it has few, the host many.
+        init = self.machine.find_process(self.machine.pid).parent
+        self.proc = f"/proc/{init}/root/proc"
+        self.launcher = self.machine.pid
+
+    def shut_down(self):
+        self.machine.shut_down()
+        self.system.close()
+
+    def _set_system(self, model):
+        values = (model.clock_ms, model.wall_clock_ms, model.refused == "fork",
+                  model.refused == "SIGTERM")
+        self.system[: SYSTEM.size] = SYSTEM.pack(*values)
+
+    # -- The verbs: `model` is as it was before the step.
+
+    def command(self, model, cmd, name, dying=()):
+        request = Cmd[cmd.upper()], name
+        if not dying:
+            return self.machine.request(*request).result.name
+        with held(self.machine) as client:
+            for key in dying:
+                process = model.oldest(key)
+                self._tell(process, "exit 1")
+                self._wait_until(lambda p=process: self._state(p) == "Z", "it exits")
+            client.sendall(pack_request(*request))
+            return unpack_response(read_exactly(client, RESPONSE.size)).result.name
+
+    def dies(self, model, key, how):
+        process = model.oldest(key)
+        self._tell(process, how)
+        self._wait_until(lambda: self._state(process) is None, f"{key} is collected")
+
+    def ignores(self, model, key):
+        self._tell_and_wait(model, key, "trap '' TERM")
+
+    def forks(self, model, key):
+        self._tell_and_wait(model, key, f"{' '.join(OFFSPRING)} 3<&- &")
+
+    def floods(self, model, key):
+        self._tell_and_wait(model, key, "head -c 300000 /dev/zero")
+
+    def program(self, _, key, what):
+        path = self.machine.tmp / "bin" / key
+        if what == "gone":
+            path.unlink(missing_ok=True)
+        else:
+            self.machine.script(key, NODE)
+            path.chmod(0o755 if what == "runs" else 0o644)
+
+    def passes(self, model, milliseconds):
+        """Nothing to do: compare() sets the clocks."""
+
+    def sets_wall_clock(self, model, milliseconds):
+        """Nothing to do: compare() sets the clocks."""
+
+    def refuses(self, model, what):
+        """Nothing to do: compare() sets it."""
+
+    def ends(self, _, name):
+        self.machine.signal(signal.Signals[name])
+        assert self.machine.wait() == 0
+
+    # -- Telling processes.
+
+    def _tell(self, process, order):
+        path = self.machine.tmp / "orders" / str(self.pids[process])
+
+        def opened():
+            try:
+                return os.open(path, os.O_WRONLY | os.O_NONBLOCK)
+            except OSError as error:
+                if error.errno in (errno.ENOENT, errno.ENXIO):
+                    return None  # it has not come so far
+                raise
+
+        fifo = self._wait_until(opened, f"{process.key} takes orders")
+        os.write(fifo, order.encode() + b"\n")
+        os.close(fifo)
+
+    def _tell_and_wait(self, model, key, order):
+        process = model.oldest(key)
+        self._tell(process, order)
+        done = self.machine.tmp / "orders" / f"{self.pids[process]}.done"
+        self._wait_until(done.exists, f"{key} has done what it was told")
+        done.unlink()
+
+    def _wait_until(self, condition, what):
+        return eventually(condition, what, self.patience)
+
+    # -- Looking.
+
+    def _read(self, pid, file):
+        with open(f"{self.proc}/{pid}/{file}", "rb") as opened:
+            return opened.read()
+
+    def _stat(self, pid):
+        """(state, parent) of a process, or None."""
+        try:
+            fields = self._read(pid, "stat").rpartition(b") ")[2].split()
+            return fields[0].decode(), int(fields[1])
+        except (FileNotFoundError, ProcessLookupError):
+            return None
+
+    def _state(self, process):
+        stat = self._stat(self.pids[process])
+        return stat and stat[0]
+
+    def _table(self):
+        """What runs in the machine, by pid, but process 1 and the launcher: the
+        key of a node, "offspring", or whatever else there is."""
+        table = {}
+        for pid in map(int, filter(str.isdigit, os.listdir(self.proc))):
+            try:
+                state, _ = self._stat(pid)
+                argv = self._read(pid, "cmdline").decode().split("\0")[:-1]
+            except (TypeError, FileNotFoundError, ProcessLookupError):
+                continue  # gone meanwhile
+            if pid in (1, self.launcher):
+                continue
+            if state in "ZX":
+                table[pid] = "zombie"
+            elif argv == OFFSPRING:
+                table[pid] = "offspring"
+            elif argv[:-1] == ["/bin/sh"] and argv[-1].startswith("/tmp/bin/"):
+                table[pid] = argv[-1].removeprefix("/tmp/bin/")
+            else:
+                table[pid] = " ".join(argv)
+        return table
+
+    def _limit_of_wait(self):
+        """With which limit the launcher waits for events, in milliseconds;
+        None while it does anything else."""
+        fields = self._read(self.launcher, "syscall").split()
+        if fields[0] != str(EPOLL_WAIT).encode():
+            return None
+        return int(fields[4], 16) & 0xFFFFFFFF
+
+    def _new_events(self):
+        """The starred log lines since the last call, those of exits apart."""
+        with open(self.machine.tmp / "stderr", "rb") as file:
+            file.seek(self.log_position)
+            text = file.read()
+        self.log_position += len(text)
+        events, exits = [], []
+        for line in parse_log(text.decode(errors="replace")):
+            if line.event and line.pid == self.launcher:
+                log = exits if line.func == "reap" else events
+                log.append((line.level, line.text))
+        return events, exits
+
+    # -- Comparing.
+
+    def compare(self, model):
+        """Checks that the launcher is as the model says. `model` is as it is
+        after the step."""
+        self._set_system(model)
+        if not model.has_ended:
+            # The answer to the second one comes a whole turn of the loop after
+            # the step, so that all there was to start has been started.
+            for _ in range(2):
+                nobody = self.machine.status("nobody")
+                assert nobody.result == Result.NOT_FOUND, nobody
+        self._compare_processes(model)
+        if not model.has_ended:
+            self._compare_statuses(model)
+            limit = POLL_MS if model.waits_for_restart else NO_LIMIT
+            self._wait_until(
+                lambda: self._limit_of_wait() == limit,
+                f"the launcher waits for events with the limit {limit}")
+        events, exits = self._new_events()
+        assert events == model.events
+        # Of those that exit together the kernel chooses who comes first.
+        assert sorted(exits) == sorted(model.exit_events)
+        model.events.clear()
+        model.exit_events.clear()
+
+    def _compare_processes(self, model):
+        """No zombie, and every process is one that the model knows. Learns the
+        pids of new ones."""
+        expected = sorted(["offspring"] * model.offspring
+                          + [process.key for process in model.processes])
+        old = {self.pids[p]: p.key for p in model.processes if p in self.pids}
+        dead = set(self.pids.values()) - set(old)
+        table = {}
+
+        def is_as_expected():
+            nonlocal table
+            table = self._table()
+            return (sorted(table.values()) == expected and not dead & set(table)
+                    and old.items() <= table.items())
+
+        try:
+            self._wait_until(is_as_expected, "the processes are those of the model")
+        except AssertionError as error:
+            raise AssertionError(
+                f"processes: {table}, not {expected}, of which {old} were there "
+                "before") from error
+        # A step starts at most one process of a node that is there at its end.
+        new = {key: pid for pid, key in table.items() if pid not in old}
+        for process in model.processes:
+            if process not in self.pids:
+                self.pids[process] = new.pop(process.key)
+
+    def _compare_statuses(self, model):
+        for name in dict.fromkeys(node.name for node in model.nodes):
+            node = model.find(name)
+            expected = Response(
+                result=Result.SUCCESS,
+                padding=0,
+                pid=self.pids[node.process] if node.process else 0,
+                state=State[node.state],
+                start_seconds=node.start_seconds,
+            )
+            status = self.machine.status(name)
+            assert (status.result, status.pid, status.state, status.start_seconds) == (
+                expected.result, expected.pid, expected.state, expected.start_seconds
+            ), f"{name}: {status}, not {expected}"
+
+
+def launch_file(nodes):
+    """The launch file of a story."""
+    entries = []
+    for key, keys in nodes.items():
+        description = {"path": f"/tmp/bin/{key}"} | {
+            k: v for k, v in keys.items() if k != "called"}
+        entries.append(f"{json.dumps(keys.get('called', key))}: "
+                       f"{json.dumps(description)}")
+    return '{"vornnode": {' + ", ".join(entries) + "}}"
+
+
+def play(folder, program, library, nodes, steps, patience=PATIENCE):
+    """Lets a launcher take the steps and compares it with the model after each.
+    Returns the model."""
+    model = state_model.Model(nodes)
+    folder.mkdir()
+    driver = Driver(folder, program, library, nodes, patience)
+    done = []
+    try:
+        driver.start(nodes, model)
+        driver.compare(model)
+        for step in steps:
+            done.append(step)
+            verb, *arguments = step
+            result = getattr(driver, verb)(model, *arguments)
+            expected = model.apply(step)
+            assert result == expected, f"{step} answers {result}, not {expected}"
+            driver.compare(model)
+        log = driver.machine.stderr()
+        assert not re.search("Sanitizer|runtime error:", log), log
+    except AssertionError as error:
+        raise AssertionError(f"{error}\n\n{as_kept(nodes, done)}") from error
+    finally:
+        driver.shut_down()
+    return model
+
+
+def as_kept(nodes, steps):
+    """The story as an entry of KEPT in test_state_model.py."""
+    lines = ["    'what it shows': ({"]
+    lines += [f"        {key!r}: {keys!r}," for key, keys in nodes.items()]
+    lines += ["    }, ["]
+    lines += [f"        {step!r}," for step in steps]
+    lines += ["    ]),"]
+    return "\n".join(lines).replace("'", '"')
