@@ -144,6 +144,21 @@ class Machine:
             self.wait_until_up()
         return self
 
+    def start_again(self, wait_until_up=True):
+        """Starts another launcher on the launch file of the first, which has
+        ended or is left alone. What this class calls the launcher is the new one
+        from now on; the log is that of both."""
+        init = self.tmp / ".init"
+        (init / "command").write_text(
+            "/tmp/install/bin/vornlaunch\0/tmp/launch.yaml", encoding="utf-8"
+        )
+        (init / "pid").unlink()
+        (init / "status").unlink(missing_ok=True)
+        os.kill(self._init, signal.SIGUSR1)
+        eventually((init / "pid").exists, "another launcher is started")
+        if wait_until_up:
+            self.wait_until_up()
+
     def _environment(self, changes, is_traced):
         environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8"}
         if self.sanitized:

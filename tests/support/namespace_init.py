@@ -4,7 +4,9 @@ collects orphans until it is killed.
     namespace_init.py TMP COMMAND [ARGUMENT...]
 
 The folder TMP becomes /tmp. The command's pid goes to /tmp/.init/pid, its exit
-status, as Popen.returncode gives it, to /tmp/.init/status.
+status, as Popen.returncode gives it, to /tmp/.init/status. SIGUSR1 makes it run
+another command, whose words stand in /tmp/.init/command, a NUL between them;
+from then on the two files are about that one.
 """
 
 import ctypes
@@ -46,6 +48,22 @@ def publish(name, value):
     os.rename(path + ".new", path)
 
 
+def run(command):
+    """Runs the command in a process of its own. Returns the pid."""
+    pid = os.fork()
+    if pid == 0:
+        try:
+            # Python ignores these two.
+            signal.signal(signal.SIGPIPE, signal.SIG_DFL)
+            signal.signal(signal.SIGXFSZ, signal.SIG_DFL)
+            os.execvp(command[0], command)
+        except OSError as error:
+            print(f"{command[0]}: {error.strerror}", file=sys.stderr)
+        os._exit(127)
+    publish("pid", pid)
+    return pid
+
+
 def main():
     tmp, command = sys.argv[1], sys.argv[2:]
     bind_mount(tmp, "/tmp")
@@ -58,17 +76,14 @@ def main():
     os.chdir("/tmp")
     os.makedirs("/tmp/.init", exist_ok=True)
 
-    pid = os.fork()
-    if pid == 0:
-        try:
-            # Python ignores these two.
-            signal.signal(signal.SIGPIPE, signal.SIG_DFL)
-            signal.signal(signal.SIGXFSZ, signal.SIG_DFL)
-            os.execvp(command[0], command)
-        except OSError as error:
-            print(f"{command[0]}: {error.strerror}", file=sys.stderr)
-        os._exit(127)
-    publish("pid", pid)
+    pid = run(command)
+
+    def run_another(*_):
+        nonlocal pid
+        with open("/tmp/.init/command", encoding="utf-8") as file:
+            pid = run(file.read().split("\0"))
+
+    signal.signal(signal.SIGUSR1, run_another)
     while True:
         try:
             collected, status = os.wait()

@@ -1,0 +1,13 @@
+"""A minute of the soak; soak.py tells what it is."""
+
+from soak import Soak
+
+SECONDS = 60
+NODES = 60
+
+
+def test_a_minute_of_everything_loses_no_restart_and_leaves_nothing_behind(machine):
+    soak = Soak(machine, NODES)
+    soak.run(SECONDS)
+    # How late the restarts were is no matter here: other tests load the machine.
+    assert soak.problems == [], soak.summary()
