@@ -54,7 +54,7 @@ case $proof in
   death) run_long test_sudden_death.py -n "$(($(nproc) * 4))" "$@" ;;
   coverage) scripts/coverage.sh "$@" ;;
   mutants)
-    build_launcher
+    install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
     /usr/bin/python3 scripts/mutate.py "$@"
     ;;
   "" | -h | --help) usage ;;

@@ -1,0 +1,820 @@
+"""Puts small faults into the launcher's sources, one at a time, and checks that
+the tests catch them.
+
+A mutant is one source file with one fault, such as a swapped comparison or a
+dropped call. It is built in a copy of the tree and tested in namespaces of its
+own: it runs as whoever runs this, and a fault may well be a kill(-1). Caught
+is what fails a test or a time limit. The unit tests of the mutant's area come
+first, then all unit tests, then the whole-program tests, until one fails.
+
+mutants_equivalent.txt, beside this file, names the mutants that no test can
+catch, and why. Exit status: 1 when fewer than 95 % of the others are caught.
+"""
+
+import argparse
+import collections
+import concurrent.futures
+import dataclasses
+import os
+import pathlib
+import queue
+import random
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+EQUIVALENT = ROOT / "scripts/mutants_equivalent.txt"
+SOURCES = (
+    "libvornlib/src/*.cpp",
+    "libvornlib/include/vornlib/*.h",
+    "tools/vornlaunch/src/*.cpp",
+    "tools/vornlaunch/src/*.h",
+)
+PYTEST = ["/usr/bin/python3", "-B", "-m", "pytest", "-p", "no:cacheprovider"]
+# In percent. What no test can catch does not count.
+WANTED = 95
+BUILD_LIMIT = 3600.0  # seconds
+
+
+# ---- The faults.
+
+
+@dataclasses.dataclass(frozen=True)
+class Token:
+    kind: str
+    text: str
+    start: int
+
+    @property
+    def end(self):
+        return self.start + len(self.text)
+
+
+@dataclasses.dataclass(frozen=True)
+class Mutant:
+    """A source file with one fault."""
+
+    path: str  # below ROOT
+    start: int  # of the fault
+    text: str  # the whole file
+    what: str  # the kind of fault
+    fault: str  # what exactly
+    place: str  # the source lines, spaces between words single
+    line: int
+    number: int = 1  # among equal faults of equal lines, from 1
+
+    @property
+    def key(self):
+        """What identifies it as long as the line stays as it is."""
+        return (self.path, self.place, self.fault, self.number)
+
+    def __str__(self):
+        number = f" #{self.number}" if self.number > 1 else ""
+        return f"{self.path}:{self.line}: {self.fault}{number}: {self.place}"
+
+
+TOKEN = re.compile(
+    r"""(?P<space>\s+)
+    |(?P<comment>//[^\n]*)
+    |(?P<directive>^[ ]*\#(?:[^\n]*\\\n)*[^\n]*)
+    |(?P<string>"(?:[^"\\]|\\.)*")
+    |(?P<char>'(?:[^'\\]|\\.)*')
+    |(?P<number>(?:0x[0-9a-fA-F']+|[0-9][0-9']*)[uUlL]*)
+    |(?P<name>[A-Za-z_]\w*)
+    |(?P<sign><<|>>|<=|>=|==|!=|&&|\|\||\+\+|--|\+=|-=|->|::|.)""",
+    re.VERBOSE | re.MULTILINE,
+)
+
+
+def tokens_of(text):
+    """The tokens of the text but for space, comments and directives."""
+    return [
+        Token(match.lastgroup, match[0], match.start())
+        for match in TOKEN.finditer(text)
+        if match.lastgroup not in ("space", "comment", "directive")
+    ]
+
+
+# Between spaces these compare; without them angle brackets hold types.
+COMPARISONS = {
+    "==": ["!="],
+    "!=": ["=="],
+    "<": ["<=", ">="],
+    "<=": ["<", ">"],
+    ">": [">=", "<="],
+    ">=": [">", "<"],
+}
+OPERATORS = {
+    "&&": "||",
+    "||": "&&",
+    "++": "--",
+    "--": "++",
+    "+=": "-=",
+    "-=": "+=",
+    "+": "-",
+    "-": "+",
+    "*": "/",
+    "/": "*",
+    "%": "/",
+    "&": "|",
+    ">>": "<<",
+}
+# Names that stand for a number or a choice, and what each becomes.
+NAMES = {
+    "true": "false",
+    "false": "true",
+    "kInfo": "kWarn",
+    "kWarn": "kError",
+    "kError": "kInfo",
+    "kEvent": "kPlain",
+    "kPlain": "kEvent",
+    "STOPPED": "DISABLED",
+    "RUNNING": "STOPPED",
+    "RESTARTING": "RUNNING",
+    "DISABLED": "STOPPED",
+    "SUCCESS": "FAILED",
+    "NOT_FOUND": "FAILED",
+    "FAILED": "NOT_FOUND",
+    "nodeStart": "nodeRestart",
+    "nodeStop": "nodeDisable",
+    "nodeRestart": "nodeStart",
+    "nodeStatus": "nodeEnable",
+    "nodeDisable": "nodeStop",
+    "nodeEnable": "nodeStatus",
+    "EPOLL_CLOEXEC": "0",
+    "SFD_CLOEXEC": "0",
+    "FD_CLOEXEC": "0",
+    "O_NONBLOCK": "0",
+    "SA_NOCLDSTOP": "0",
+    "WNOHANG": "0",
+    "WNOWAIT": "0",
+    "EPOLLIN": "EPOLLOUT",
+    "EPOLL_CTL_ADD": "EPOLL_CTL_MOD",
+    "EPOLL_CTL_DEL": "EPOLL_CTL_MOD",
+    "SOCK_STREAM": "SOCK_SEQPACKET",
+    "POLLHUP": "POLLIN",
+    "SIG_BLOCK": "SIG_UNBLOCK",
+    "SIG_UNBLOCK": "SIG_BLOCK",
+    "SIG_SETMASK": "SIG_BLOCK",
+    "SIG_DFL": "SIG_IGN",
+    "SIGTERM": "SIGHUP",
+    "SIGKILL": "SIGTERM",
+    "SIGCHLD": "SIGUSR1",
+    "SIGPIPE": "SIGUSR1",
+    "SIGQUIT": "SIGUSR1",
+    "SIGHUP": "SIGUSR1",
+    "SIGSEGV": "SIGUSR1",
+    "SIGBUS": "SIGUSR1",
+    "SIGABRT": "SIGUSR1",
+    "SIGILL": "SIGUSR1",
+    "SIGFPE": "SIGUSR1",
+    "SIGINT": "SIGUSR1",
+    "SIGTRAP": "SIGUSR1",
+    "SIGXFSZ": "SIGUSR1",
+    "CLD_EXITED": "CLD_KILLED",
+    "CLD_KILLED": "CLD_EXITED",
+    "ENOENT": "EACCES",
+    "EINTR": "EAGAIN",
+    "STDERR_FILENO": "STDOUT_FILENO",
+    "steady_clock": "system_clock",
+    "continue": "break",
+}
+# What a declaration may begin with, and what is no statement of its own.
+NO_STATEMENT = {
+    "const", "constexpr", "static", "static_assert", "auto", "using", "return",
+    "if", "else", "while", "for", "switch", "case", "default", "break",
+    "continue", "namespace", "class", "struct", "enum", "template", "public",
+    "private", "explicit", "inline", "throw", "try", "catch",
+}  # fmt: skip
+
+
+class File:
+    """The mutants of one source file."""
+
+    def __init__(self, path):
+        self.path = path
+        self.text = (ROOT / path).read_text(encoding="utf-8")
+        self.tokens = tokens_of(self.text)
+        self.mutants = []
+        self.partner = self._pair_brackets()
+        self.exempt = self._exempt_tokens()
+        self._collect()
+        self._number()
+
+    # -- The text.
+
+    def _pair_brackets(self):
+        """By index, for each bracket the other one."""
+        partner, open_ones = {}, []
+        for index, token in enumerate(self.tokens):
+            if token.kind != "sign":
+                continue
+            if token.text in "([{":
+                open_ones.append(index)
+            elif token.text in ")]}":
+                begin = open_ones.pop()
+                partner[begin], partner[index] = index, begin
+        return partner
+
+    def _exempt_tokens(self):
+        """The tokens whose change the compiler is there to refuse, or that are
+        only names: static_assert(), attributes, using declarations."""
+        exempt = set()
+        for index, token in enumerate(self.tokens):
+            if token.text in ("static_assert", "__attribute__"):
+                exempt.update(range(index, self.partner[index + 1] + 1))
+            elif token.text == "using":
+                end = index
+                while self.tokens[end].text != ";":
+                    end += 1
+                exempt.update(range(index, end))
+        return exempt
+
+    def _lines(self, start, end):
+        """The source lines from `start` to `end`, as one."""
+        begin = self.text.rfind("\n", 0, start) + 1
+        stop = self.text.find("\n", max(start, end - 1))
+        return " ".join(self.text[begin:stop].split())
+
+    def _add(self, what, fault, start, end, replacement):
+        line = self.text.count("\n", 0, start) + 1
+        place = self._lines(start, end)
+        text = self.text[:start] + replacement + self.text[end:]
+        self.mutants.append(Mutant(self.path, start, text, what, fault, place, line))
+
+    def _replace(self, what, token, text):
+        self._add(what, f"{token.text} -> {text}", token.start, token.end, text)
+
+    def _number(self):
+        self.mutants.sort(key=lambda mutant: mutant.start)
+        seen = collections.Counter()
+        for index, mutant in enumerate(self.mutants):
+            seen[mutant.key] += 1
+            self.mutants[index] = dataclasses.replace(
+                mutant, number=seen[mutant.key]
+            )
+
+    # -- The faults.
+
+    def _collect(self):
+        for index, token in enumerate(self.tokens):
+            if index in self.exempt:
+                continue
+            if token.kind == "sign":
+                self._change_sign(index, token)
+            elif token.kind == "name":
+                self._change_name(index, token)
+            elif token.kind == "number":
+                self._change_number(token)
+            elif token.kind in ("string", "char"):
+                self._change_text(token)
+        statements = list(self._statements())
+        for statement in statements:
+            self._drop(*statement)
+        for first, second in zip(statements, statements[1:]):
+            self._swap(first, second)
+
+    def _is_spaced(self, token):
+        return (
+            self.text[token.start - 1].isspace() and self.text[token.end].isspace()
+        )
+
+    def _change_sign(self, index, token):
+        if token.text in COMPARISONS and self._is_spaced(token):
+            for other in COMPARISONS[token.text]:
+                self._replace("comparison", token, other)
+        elif token.text in ("++", "--"):
+            self._replace("arithmetic", token, OPERATORS[token.text])
+        elif token.text in OPERATORS and self._is_spaced(token):
+            what = "logic" if token.text in ("&&", "||") else "arithmetic"
+            self._replace(what, token, OPERATORS[token.text])
+        elif token.text == "|" and self._is_spaced(token):
+            flag = self.tokens[index + 1]
+            self._add("flag", f"no {flag.text}", token.start, flag.end, "")
+        elif token.text == "!" and self.text[token.end] != "=":
+            self._add("negation", "no !", token.start, token.end, "")
+
+    def _change_name(self, index, token):
+        following = self.tokens[index + 1].text if index + 1 < len(self.tokens) else ""
+        declares = following == "=" and self.tokens[index - 1].text in (
+            "bool", "int", "{", ",")
+        is_member = token.text.startswith("node")
+        if is_member and self.tokens[index - 3].text != "&":
+            return  # not its use in the table of commands
+        if token.text in NAMES and not declares:
+            what = {"true": "constant", "false": "constant", "kInfo": "level",
+                    "kWarn": "level", "kError": "level"}  # fmt: skip
+            self._replace(what.get(token.text, "flag"), token, NAMES[token.text])
+        elif token.text in ("if", "while") and following == "(":
+            self._negate(index + 1)
+        elif token.text == "return":
+            self._drop_return(index)
+
+    def _negate(self, begin):
+        """Negates a condition that holds no comparison to swap."""
+        end = self.partner[begin]
+        inside = self.tokens[begin + 1 : end]
+        signs = {token.text for token in inside if token.kind == "sign"}
+        if signs & {"==", "!=", "="} or any(
+            token.text in COMPARISONS and self._is_spaced(token) for token in inside
+        ):
+            return
+        if inside[0].text == "!" and not signs & {"&&", "||"}:
+            return  # to drop the ! is the same
+        start, stop = inside[0].start, inside[-1].end
+        self._add("negation", "negated", start, stop, f"!({self.text[start:stop]})")
+
+    def _drop_return(self, index):
+        """Drops a return that has more of its function behind it."""
+        end = index
+        while self.tokens[end].text != ";":
+            end = self.partner.get(end, end) + 1
+        is_last = self.tokens[end + 1].text == "}" and self._is_function(
+            self.partner[end + 1]
+        )
+        if not is_last:
+            stop = self.tokens[end].end
+            self._add("return", "no return", self.tokens[index].start, stop, ";")
+
+    def _change_number(self, token):
+        digits = token.text.replace("'", "").rstrip("uUlL")
+        octal = len(digits) > 1 and digits.startswith("0") and digits[1] != "x"
+        number = int(digits, 8) if octal else int(digits, 0)
+        self._replace("constant", token, f"0{number + 1:o}" if octal else f"{number + 1}")
+
+    def _change_text(self, token):
+        quote = token.text[0]
+        if token.kind == "char":
+            self._replace("text", token, "'~'")
+        else:
+            self._replace("text", token, f"{quote}~{token.text[1:]}")
+
+    def _statements(self):
+        """Every simple statement, as the indexes of its first and last token,
+        and whether it declares something."""
+        begin = 0
+        index = 0
+        while index < len(self.tokens):
+            text = self.tokens[index].text
+            if text in "{}:" or text == "else":
+                begin = index + 1
+            elif text in ("if", "while", "for", "switch") and index == begin:
+                # Nothing in the brackets is a statement of its own.
+                index = self.partner[index + 1]
+                begin = index + 1
+            elif text == "(" or text == "[":
+                # Lambdas inside an argument list belong to it.
+                index = self.partner[index]
+            elif text == ";":
+                if index > begin and begin not in self.exempt:
+                    yield begin, index
+                begin = index + 1
+            index += 1
+
+    def _is_plain(self, begin, end):
+        """Whether the statement is a call or an assignment."""
+        first, second = self.tokens[begin : begin + 2]
+        if first.text in NO_STATEMENT or begin == 0:
+            return False
+        if self.tokens[end - 1].text in ("const", "override", "delete", "default"):
+            return False
+        if first.text == "(" and second.text == ")":
+            return False  # the end of a lambda that is called at once
+        index = begin
+        if first.text == "(":
+            index = self.partner[begin] + 1  # (void)
+        while index < end:
+            text = self.tokens[index].text
+            if text in ("(", "=", "++", "--", "+=", "-="):
+                return True
+            if text in "<&*" and index > begin:
+                return False  # a declaration, of a type of more than a name
+            if self.tokens[index].kind == self.tokens[index + 1].kind == "name":
+                return False  # a declaration
+            index += 1
+        return first.text == "("
+
+    def _is_function(self, brace):
+        """Whether this brace begins a function or a lambda."""
+        before = self.tokens[brace - 1]
+        if before.text == ")":
+            keyword = self.tokens[self.partner[brace - 1] - 1].text
+            return keyword not in ("if", "while", "for", "switch", "catch")
+        return before.text in ("const", "noexcept", "]", "Command")
+
+    def _is_in_code(self, index):
+        """In a function's body, not in a class or a namespace."""
+        while index >= 0:
+            text = self.tokens[index].text
+            if text in ")]}" and index in self.partner:
+                index = self.partner[index]
+            elif text == "{":
+                before = self.tokens[index - 1].text
+                return before in (")", "else", "try", "const", "noexcept", "]", "}")
+            index -= 1
+        return False
+
+    def _drop(self, begin, end):
+        start, stop = self.tokens[begin].start, self.tokens[end].end
+        texts = [token.text for token in self.tokens[begin:end]]
+        if "scoped_lock" in texts:
+            self._add("lock", "no lock", start, stop, "")
+        elif self._is_plain(begin, end) and self._is_in_code(begin - 1):
+            self._add("statement", "dropped", start, stop, ";")
+
+    def _swap(self, first, second):
+        """Exchanges two statements that follow each other in one block."""
+        if first[1] + 1 != second[0]:
+            return
+        if self.tokens[first[0] - 1].text == ")":
+            return  # the body of an if
+        if not all(self._is_plain(*s) and self._is_in_code(s[0] - 1) for s in (first, second)):
+            return
+        spans = [
+            (self.tokens[begin].start, self.tokens[end].end)
+            for begin, end in (first, second)
+        ]
+        if not any("(" in self.text[start:stop] for start, stop in spans):
+            return  # two assignments of values, in an order that nobody sees
+        (start, middle), (resume, stop) = spans
+        text = self.text
+        swapped = text[resume:stop] + text[middle:resume] + text[start:middle]
+        # A comment at a line's end must not swallow what comes behind it.
+        self._add("order", "swapped with the next", start, stop, swapped)
+
+
+def all_mutants():
+    paths = sorted(path for pattern in SOURCES for path in ROOT.glob(pattern))
+    return [
+        mutant
+        for path in paths
+        for mutant in File(str(path.relative_to(ROOT))).mutants
+    ]
+
+
+def read_equivalent():
+    """The reason of each mutant that no test can catch, by its key. An entry is
+    four lines: file, source line, fault (with " #2" for the second equal one on
+    equal lines), reason; a blank line ends it."""
+    reasons = {}
+    if not EQUIVALENT.exists():
+        return reasons
+    text = re.sub(r"^#.*\n", "", EQUIVALENT.read_text(encoding="utf-8"), flags=re.M)
+    for entry in filter(None, re.split(r"\n\s*\n", text.strip())):
+        lines = [line.strip() for line in entry.splitlines()]
+        if len(lines) < 4:
+            sys.exit(f"{EQUIVALENT.name}: an entry has four lines: {entry}")
+        path, place, fault = lines[:3]
+        match = re.fullmatch(r"(.*?)(?: #(\d+))?", fault)
+        key = (path, place, match[1], int(match[2] or 1))
+        reasons[key] = " ".join(lines[3:])
+    return reasons
+
+
+def sample(mutants, size, seed):
+    """`size` of the mutants, of every kind and file as far as possible."""
+    groups = collections.defaultdict(list)
+    for mutant in mutants:
+        groups[(mutant.path, mutant.what)].append(mutant)
+    chooser = random.Random(seed)
+    for group in groups.values():
+        chooser.shuffle(group)
+    chosen = []
+    while len(chosen) < size and any(groups.values()):
+        for group in groups.values():
+            if group and len(chosen) < size:
+                chosen.append(group.pop())
+    return sorted(chosen, key=lambda mutant: (mutant.path, mutant.start))
+
+
+# ---- Building and testing.
+
+# Process 1 of the namespaces. Only the mutant's own folder can be written to;
+# /tmp is empty, in memory, and goes with the namespaces.
+SANDBOX = """
+set -e
+mount --make-rprivate /
+mount --bind "$1" "$2"
+mount -o remount,bind,ro /
+mount -t tmpfs -o size=2g tmpfs /tmp
+ulimit -v 8000000
+cd "$2"
+shift 2
+"$@"
+"""
+
+
+class TimedOut(Exception):
+    """A command took longer than its limit."""
+
+
+class Workplace:
+    """A copy of the tree with a build of its own, and the namespaces in which
+    commands run there. Every copy sees itself at the same path, so that a
+    finished build can be copied."""
+
+    def __init__(self, folder, seen_as):
+        self.folder = folder
+        self.seen_as = seen_as
+        self.changed = None  # the path of the mutant and its text without fault
+
+    def run(self, *command, limit):
+        """The exit status of the command, and what it said."""
+        # What runs there ends with this program, even when that is killed.
+        unshare = ["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--pid",
+                   "--net", "--fork", "--kill-child", "--mount-proc"]  # fmt: skip
+        if os.geteuid() != 0:
+            unshare += ["--user", "--map-root-user"]
+        with tempfile.TemporaryFile() as output:
+            process = subprocess.Popen(
+                [*unshare, "sh", "-c", SANDBOX, "sandbox", self.folder, self.seen_as,
+                 *command],
+                stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
+            )
+            try:
+                process.wait(limit)
+            except subprocess.TimeoutExpired:
+                raise TimedOut from None
+            finally:
+                process.send_signal(signal.SIGKILL)
+                process.wait()
+            output.seek(0)
+            return process.returncode, output.read().decode(errors="replace")
+
+    def put(self, mutant):
+        """Makes the tree hold this mutant and no other."""
+        if self.changed is not None and self.changed[0] != mutant.path:
+            path, text = self.changed
+            (self.folder / path).write_text(text, encoding="utf-8")
+            self.changed = None
+        file = self.folder / mutant.path
+        if self.changed is None:
+            self.changed = (mutant.path, file.read_text(encoding="utf-8"))
+        file.write_text(mutant.text, encoding="utf-8")
+
+    def build(self, target):
+        status, said = self.run(
+            "make", "-s", "-C", "build", "-j2", target, limit=BUILD_LIMIT
+        )
+        return status == 0, said
+
+
+def suites_of(path):
+    """A pattern for the names of the unit tests of a source file's area."""
+    stem = pathlib.PurePath(path).stem
+    suites = {
+        suite
+        for folder in ("libvornlib", "tools/vornlaunch")
+        for file in (ROOT / folder / "tests").glob(f"{stem}*_test.cpp")
+        for suite in re.findall(
+            r"^TEST(?:_F|_P)?\((\w+),", file.read_text(encoding="utf-8"), re.M
+        )
+    }
+    return r"(^|/)(" + "|".join(sorted(suites)) + r")\." if suites else None
+
+
+# The whole-program tests to begin with, by source file.
+SYSTEM_FIRST = {
+    "config": "test_launch_file",
+    "control_node": "test_control",
+    "control_protocol": "test_control",
+    "epoll": "test_system_calls",
+    "node": "test_nodes",
+    "node_manager": "test_nodes",
+    "parser": "test_launch_file",
+    "signal_handler": "test_signals",
+    "vornlaunch": "test_startup",
+    "path": "test_launch_file",
+    "trace": "test_log",
+}
+
+
+# Whole-program tests that check other programs under the launcher.
+SYSTEM_LEFT_OUT = ("test_demo", "test_real_servers")
+
+
+def system_tests(path):
+    """The files of whole-program tests, the nearest to the source first."""
+    first = SYSTEM_FIRST.get(pathlib.PurePath(path).stem)
+    files = sorted((ROOT / "tests/system").glob("test_*.py"))
+    files = [file for file in files if file.stem not in SYSTEM_LEFT_OUT]
+    files.sort(key=lambda file: file.stem != first)
+    return [str(file.relative_to(ROOT)) for file in files]
+
+
+class Tester:
+    """Builds and tests mutants, several at a time."""
+
+    def __init__(self, work, jobs):
+        self.work = work
+        self.seen_as = work / "tree"
+        self.seen_as.mkdir()
+        self.free = queue.Queue()
+        first = self._new_workplace(0)
+        self._first_build(first)
+        self.limits = self._measure(first)
+        for number in range(1, jobs):
+            folder = work / str(number)
+            shutil.copytree(first.folder, folder, symlinks=True)
+            # copytree keeps the times, so nothing is built anew.
+            self.free.put(Workplace(folder, self.seen_as))
+        self.free.put(first)
+
+    def _new_workplace(self, number):
+        folder = self.work / str(number)
+        shutil.copytree(
+            ROOT, folder, symlinks=True,
+            ignore=shutil.ignore_patterns(".git", "build*", "__pycache__"),
+        )
+        return Workplace(folder, self.seen_as)
+
+    def _first_build(self, place):
+        status, said = place.run(
+            "cmake", "-S", ".", "-B", "build", "-DCMAKE_BUILD_TYPE=None",
+            "-DCMAKE_CXX_FLAGS=-O0 -w", "-DVORN_REQUIRE_TESTS=ON", limit=BUILD_LIMIT,
+        )
+        built = status == 0
+        if built:
+            built, said = place.build("all")
+        if not built:
+            sys.exit("the sources without a fault cannot be built:\n" + said)
+
+    def _measure(self, place):
+        """The time limits, from what the tests take without a fault."""
+        limits = {}
+        for suite, command in (
+            ("unit", self._unit()),
+            ("system", self._system("all")),
+        ):
+            begin = time.monotonic()
+            status, said = place.run(*command, limit=1800)
+            if status != 0:
+                sys.exit(f"the {suite} tests fail without a fault:\n{said}")
+            taken = time.monotonic() - begin
+            print(f"{suite} tests without a fault: {taken:.0f} s", flush=True)
+            limits[suite] = max(30.0, 4 * taken)
+        return limits
+
+    @staticmethod
+    def _unit(*options, folder="build"):
+        return [
+            "ctest", "--test-dir", folder, "--quiet", "--stop-on-failure", "-j4",
+            *options,
+        ]  # fmt: skip
+
+    @staticmethod
+    def _system(path):
+        return [
+            *PYTEST, "-q", "-x", "-n8", "--tb=no", "--build=build",
+            *system_tests(path),
+        ]  # fmt: skip
+
+    def _suites(self, mutant):
+        """What to build and to run, in this order: name, target, command."""
+        path = pathlib.PurePath(mutant.path)
+        area = self._unit("-R", suites_of(path) or "-")
+        system = ("system", "vornlaunch", self._system(path))
+        if path.suffix == ".h":
+            # It takes every unit test's source to build anew.
+            return [system, ("unit", "all", self._unit())]
+        if path.name == "vornlaunch.cpp":
+            return [system]  # the entry is in no unit test
+        if path.parts[0] == "libvornlib":
+            return [("area", "vornlib_tests", area), ("unit", "all", self._unit()),
+                    system]  # fmt: skip
+        others = self._unit(folder="build/tools/vornlaunch")
+        return [("area", "vornlaunch_tests", area),
+                ("unit", "vornlaunch_tests", others), system]  # fmt: skip
+
+    def test(self, mutant):
+        """Where the mutant was caught: a suite's name, "build" when it does not
+        compile, None when it survived."""
+        place = self.free.get()
+        try:
+            place.put(mutant)
+            for suite, target, command in self._suites(mutant):
+                try:
+                    if not place.build(target)[0]:
+                        return "build"
+                    limit = self.limits["system" if suite == "system" else "unit"]
+                    if place.run(*command, limit=limit)[0] != 0:
+                        return suite
+                except TimedOut:
+                    return suite + ", time"
+            return None
+        finally:
+            self.free.put(place)
+
+
+# ---- The report.
+
+
+def print_table(title, results, key):
+    """Counts by `key` of the mutant."""
+    columns = ["area", "unit", "system", "time", "survived"]
+    counts = collections.defaultdict(collections.Counter)
+    for mutant, caught in results:
+        column = "survived" if caught is None else caught.split(", ")[-1]
+        for name in (key(mutant), "all"):
+            counts[name][column] += 1
+    print(f"\n{title:40}" + "".join(f"{column:>10}" for column in columns))
+    names = sorted(name for name in counts if name != "all") + ["all"]
+    for name in names:
+        row = "".join(f"{counts[name][column]:10}" for column in columns)
+        print(f"{name:40}{row}")
+
+
+def report(results, reasons):
+    """Prints the outcome; returns whether enough were caught."""
+    refused = [mutant for mutant, caught in results if caught == "build"]
+    results = [result for result in results if result[1] != "build"]
+    known = [m for m, caught in results if caught is None and m.key in reasons]
+    survivors = [m for m, caught in results if caught is None and m.key not in reasons]
+    counted = [result for result in results if result[0] not in known]
+    if counted:
+        print_table("fault", counted, lambda mutant: mutant.what)
+        print_table("file", counted, lambda mutant: mutant.path)
+    for mutant in survivors:
+        print(f"SURVIVED {mutant}")
+    for mutant, caught in results:
+        if caught is not None and mutant.key in reasons:
+            print(f"CAUGHT, although listed as equivalent: {mutant}")
+    caught = len(counted) - len(survivors)
+    percentage = 100 * caught / len(counted) if counted else 100.0
+    print(
+        f"\n{caught} of {len(counted)} mutants caught, {percentage:.1f} %; "
+        f"{len(refused)} more do not compile; "
+        f"{len(reasons)} are listed as equivalent"
+    )
+    return percentage >= WANTED
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n", 1)[0])
+    parser.add_argument("--list", action="store_true", help="only list the mutants")
+    parser.add_argument(
+        "--only", metavar="PATTERN", type=re.compile,
+        help="only the mutants in whose line in --list this expression is found",
+    )
+    parser.add_argument(
+        "--sample", metavar="N", type=int, help="N mutants, of every kind and file"
+    )
+    parser.add_argument("--seed", metavar="S", type=int, default=1, help="for --sample")
+    parser.add_argument(
+        "--equivalent", action="store_true",
+        help="also those that are listed as equivalent, which are left out else",
+    )
+    parser.add_argument("--jobs", type=int, default=os.cpu_count(), help="at a time")
+    parser.add_argument(
+        "--work", type=pathlib.Path, default="/var/tmp",
+        help="where to put the copies of the tree; not below /tmp",
+    )
+    return parser.parse_args()
+
+
+def main():
+    arguments = parse_arguments()
+    reasons = read_equivalent()
+    mutants = all_mutants()
+    keys = {mutant.key for mutant in mutants}
+    for key in reasons:
+        if key not in keys:
+            sys.exit(f"{EQUIVALENT.name}: no such mutant: {key}")
+    if not arguments.equivalent:
+        mutants = [mutant for mutant in mutants if mutant.key not in reasons]
+    if arguments.only:
+        mutants = [m for m in mutants if arguments.only.search(str(m))]
+    if arguments.sample:
+        mutants = sample(mutants, arguments.sample, arguments.seed)
+    if arguments.list:
+        for mutant in mutants:
+            print(mutant)
+        print(f"{len(mutants)} mutants")
+        return 0
+
+    with tempfile.TemporaryDirectory(prefix="mutants-", dir=arguments.work) as work:
+        tester = Tester(pathlib.Path(work), arguments.jobs)
+        printing = threading.Lock()
+        done = []
+
+        def run(mutant):
+            caught = tester.test(mutant)
+            with printing:
+                done.append(mutant)
+                where = caught or "SURVIVED"
+                print(f"{len(done)}/{len(mutants)} {where}: {mutant}", flush=True)
+            return mutant, caught
+
+        with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
+            results = list(pool.map(run, mutants))
+    return 0 if report(results, reasons) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
