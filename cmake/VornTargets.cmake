@@ -1,6 +1,6 @@
 # How every target of this project is compiled.
 
-# Language level, warnings and sanitizers of one of our targets.
+# Language level, warnings, sanitizers and counters of one of our targets.
 function(vorn_compile_options target)
   target_compile_features(${target} PUBLIC cxx_std_17)
   set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
@@ -18,6 +18,19 @@ function(vorn_compile_options target)
       # GCC 12 warns about its own <regex> when it sanitizes.
       $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
     target_link_options(${target} PRIVATE -fsanitize=${VORN_SANITIZE})
+  endif()
+  if(VORN_COVERAGE)
+    # Without the branches by which threads would wait for a static object.
+    target_compile_options(${target} PRIVATE
+      --coverage -fno-threadsafe-statics)
+    target_link_options(${target} PRIVATE --coverage)
+    get_target_property(type ${target} TYPE)
+    if(type STREQUAL EXECUTABLE)
+      target_sources(${target} PRIVATE
+        ${PROJECT_SOURCE_DIR}/tests/support/coverage_end.cpp)
+      target_link_options(${target} PRIVATE
+        LINKER:--wrap=_exit LINKER:--wrap=execv)
+    endif()
   endif()
 endfunction()
 

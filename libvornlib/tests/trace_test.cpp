@@ -20,6 +20,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <new>
 #include <regex>
 #include <string>
 #include <thread>
@@ -630,7 +631,7 @@ TEST(TraceTest, ATornLineIsEndedOnceThoughTheNextIsCutBehindItsEnd) {
 /// Logs into a file that may take 10 bytes, SIGXFSZ being deadly. Returns an
 /// exit status: 0 if neither mask nor pending signals have changed.
 int logBeyondTheSizeLimit() {
-  const rlimit ten_bytes{10, 10};
+  const rlimit ten_bytes{10, RLIM_INFINITY};
   sigset_t signals;
   if (::signal(SIGXFSZ, SIG_DFL) == SIG_ERR ||
       ::setrlimit(RLIMIT_FSIZE, &ten_bytes) != 0) {
@@ -653,6 +654,35 @@ TEST(TraceTest, AFilesSizeLimitDoesNotEndTheProcess) {
   ASSERT_EQ(child, ::waitpid(child, &status, 0));
   EXPECT_EQ(0, status);
   EXPECT_THAT(log.bytes(), SizeIs(10));
+}
+
+TEST(TraceTest, ASizeLimitThatCannotBeReadIsNone) {
+  test::libraryCalls().getrlimit = [](int, rlimit*) { return -1; };
+  int is_blocked = -1;
+  test::libraryCalls().write = [&](int, const void*, size_t size) {
+    sigset_t signals;
+    (void)::sigprocmask(SIG_BLOCK, nullptr, &signals);
+    is_blocked = ::sigismember(&signals, SIGXFSZ);
+    return static_cast<ssize_t>(size);
+  };
+  logText("x");
+  test::libraryCalls() = {};
+  EXPECT_EQ(0, is_blocked);
+}
+
+// --- Out of memory
+
+TEST(TraceTest, ALineForWhichMemoryIsShortIsLostAndTheProcessLives) {
+  const test::LogCapture log;
+  test::libraryCalls().write = [](int, const void*, size_t) -> ssize_t {
+    throw std::bad_alloc();
+  };
+  errno = EXDEV;
+  logText("lost");
+  EXPECT_EQ(EXDEV, errno);
+  test::libraryCalls() = {};
+  logText("next");
+  EXPECT_EQ("next", onlyText(log));
 }
 
 // --- The journal
@@ -697,6 +727,15 @@ TEST(TraceJournalTest, AnotherStreamsDeviceIsNotTheJournal) {
   const test::LogCapture log;
   ::setenv("JOURNAL_STREAM", ("9" + standardErrorsStream()).c_str(), 1);
   logText("x");
+  EXPECT_THAT(log.lines(), ElementsAre(logLine("INFO", false, "f", "x")));
+}
+
+TEST(TraceJournalTest, AStandardErrorThatCannotBeLookedAtIsNotTheJournal) {
+  const test::LogCapture log;
+  test::libraryCalls().fstat = [](int, struct stat*) { return -1; };
+  ::setenv("JOURNAL_STREAM", "0:0", 1);
+  logText("x");
+  test::libraryCalls() = {};
   EXPECT_THAT(log.lines(), ElementsAre(logLine("INFO", false, "f", "x")));
 }
 

@@ -84,6 +84,7 @@ class Machine:
         (self.install / "bin").mkdir(parents=True)
         shutil.copy2(program, self.install / "bin" / "vornlaunch")
         self.sanitized = b"__asan_init" in program.read_bytes()
+        self.counted = b"__gcov_dump" in program.read_bytes()
 
     # -- Before the start.
 
@@ -349,6 +350,16 @@ class Machine:
         """Kills everything that runs in the machine. Its files stay for a look,
         but for the large ones."""
         if self.unshare is not None:
+            if self.counted:
+                self._end_with_counters()
             self.unshare.send_signal(signal.SIGKILL)
             self.unshare.wait()
         shutil.rmtree(self.install)
+
+    def _end_with_counters(self):
+        """Lets a launcher of the coverage build write its counters down."""
+        try:
+            self.signal(signal.SIGINT)
+            self.wait(timeout=5.0)
+        except (AssertionError, AttributeError, OSError):
+            pass  # it has ended or is held up

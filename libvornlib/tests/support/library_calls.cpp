@@ -22,6 +22,19 @@ int __wrap_clock_gettime(clockid_t clock, timespec* time) {
                      : __real_clock_gettime(clock, time);
 }
 
+int __real_fstat(int fd, struct stat* status);
+int __wrap_fstat(int fd, struct stat* status) {
+  const auto& replacement = libraryCalls().fstat;
+  return replacement ? replacement(fd, status) : __real_fstat(fd, status);
+}
+
+int __real_getrlimit(int resource, rlimit* limit);
+int __wrap_getrlimit(int resource, rlimit* limit) {
+  const auto& replacement = libraryCalls().getrlimit;
+  return replacement ? replacement(resource, limit)
+                     : __real_getrlimit(resource, limit);
+}
+
 }  // extern "C"
 
 namespace vorn::test {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <ctime>
@@ -18,6 +20,8 @@ struct LibraryCalls {
   std::function<std::filesystem::path(const std::filesystem::path&,
                                       std::error_code&)>
       read_symlink;
+  std::function<int(int, struct stat*)> fstat;
+  std::function<int(int, rlimit*)> getrlimit;
 };
 
 /// The replacements in force; one set per process.

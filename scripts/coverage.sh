@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# Counts the branches of the sources that the unit tests and the whole-program
+# tests take. Exit status: 1 when they are too few, when docs/reliability.md
+# does not say of each one that is left why no test takes it, or when a test
+# fails.
+
+root=$(dirname -- "$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")")
+# shellcheck source=scripts/common.sh
+source "$root/scripts/common.sh"
+cd -- "$root"
+
+wanted=95  # per cent
+folder=build-coverage
+
+# The programs write their counters into the build folder.
+[[ $root/ != /tmp/* ]] ||
+  die "not with a checkout below /tmp, which the tests replace by one of their own"
+
+install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" \
+  "${COVERAGE_PACKAGES[@]}"
+install_servers "${SERVER_PACKAGES[@]}"
+configure_build coverage -DVORN_REQUIRE_TESTS=ON
+build coverage
+find "$folder" -name '*.gcda' -delete
+
+failed=false
+say "unit tests"
+ctest --test-dir "$folder" --parallel "$(nproc)" --quiet --output-on-failure ||
+  failed=true
+say "whole-program tests"
+# The one left out counts close() calls, to which those of the counters' files
+# add.
+/usr/bin/python3 -m pytest -q -p no:cacheprovider -n "$(($(nproc) * 4))" \
+  --build="$folder" tests/system --deselect \
+  tests/system/test_system_calls.py::test_the_event_loop_is_closed_by_the_loop_s_end_and_not_by_sigterm ||
+  failed=true
+
+say "branches"
+# The branches that a compiler adds for exceptions are not ours.
+gcovr --root . --object-directory "$folder" \
+  --filter tools/vornlaunch/src/ --filter libvornlib/ \
+  --exclude libvornlib/tests/ \
+  --exclude-throw-branches --exclude-unreachable-branches \
+  --branches --txt - --json "$folder/coverage.json" \
+  --html-details "$folder/coverage.html" --fail-under-branch "$wanted" ||
+  failed=true
+/usr/bin/python3 scripts/check_uncovered.py "$folder/coverage.json" ||
+  failed=true
+say "line by line: $folder/coverage.html"
+if $failed; then exit 1; fi
