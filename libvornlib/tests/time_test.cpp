@@ -1,5 +1,6 @@
 #include "vornlib/time.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -9,6 +10,9 @@
 
 namespace vorn {
 namespace {
+
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 constexpr uint32_t kMaxSec = std::numeric_limits<uint32_t>::max();
 constexpr uint64_t kMaxInput = std::numeric_limits<uint64_t>::max();
@@ -63,8 +67,9 @@ struct TimeInput {
 class TimeOutOfRange : public ::testing::TestWithParam<TimeInput> {};
 
 TEST_P(TimeOutOfRange, IsARuntimeError) {
-  EXPECT_THROW(normalizeSecNSec(GetParam().sec, GetParam().nsec),
-               std::runtime_error);
+  EXPECT_THAT([] { normalizeSecNSec(GetParam().sec, GetParam().nsec); },
+              ThrowsMessage<std::runtime_error>(
+                  StrEq("Time is out of its 32-bit range")));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -144,8 +149,9 @@ struct DurationInput {
 class DurationOutOfRange : public ::testing::TestWithParam<DurationInput> {};
 
 TEST_P(DurationOutOfRange, IsARuntimeError) {
-  EXPECT_THROW(normalizeSecNSecSigned(GetParam().sec, GetParam().nsec),
-               std::runtime_error);
+  EXPECT_THAT([] { normalizeSecNSecSigned(GetParam().sec, GetParam().nsec); },
+              ThrowsMessage<std::runtime_error>(
+                  StrEq("Duration is out of its 32-bit range")));
 }
 
 INSTANTIATE_TEST_SUITE_P(

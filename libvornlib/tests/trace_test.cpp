@@ -129,6 +129,17 @@ TEST(TraceTest, TheTimeStampHasSixDigitsOfTheSecondCutNotRounded) {
   EXPECT_THAT(log.bytes(), StartsWith("2026-11-20T12:34:56.000012Z INFO  "));
 }
 
+TEST(TraceTest, TheLastNanosecondIsInTheLastMicrosecondOfItsSecond) {
+  const test::LogCapture log;
+  test::libraryCalls().clock_gettime = [](clockid_t, timespec* time) {
+    *time = {1'795'178'096, 999'999'999};
+    return 0;
+  };
+  logText("x");
+  test::libraryCalls().clock_gettime = nullptr;
+  EXPECT_THAT(log.bytes(), StartsWith("2026-11-20T12:34:56.999999Z INFO  "));
+}
+
 TEST(TraceTest, AProcessWithoutANameLogsAsAQuestionMark) {
   const test::LogCapture log;
   logText("x");

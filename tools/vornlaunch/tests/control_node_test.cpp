@@ -473,6 +473,15 @@ TEST_F(ControlNodeTest, TheDestructorClosesTheSocketAndLeavesTheFile) {
   EXPECT_TRUE(fs::is_socket(kSocket));
 }
 
+TEST_F(ControlNodeTest, TheDestructorClosesASocketThatIsDescriptorZero) {
+  ASSERT_EQ(real.close(STDIN_FILENO), 0);
+  watchSocket();
+  EXPECT_TRUE(control_->init(&epoll_));
+  ASSERT_EQ(fd_, STDIN_FILENO);
+  control_.reset();
+  EXPECT_FALSE(isOpen(fd_));
+}
+
 // ---- controlHandler(), with real clients.
 
 /// A client of the socket; it has connected when it is constructed.
@@ -926,6 +935,13 @@ TEST_F(ControlHandlerTest, EachConnectionIsClosedOnce) {
   };
   exchange(request(Cmd::ENABLE, "planner"));
   EXPECT_THAT(closed, ElementsAre(connection));
+}
+
+TEST_F(ControlHandlerTest, ServesAndClosesAConnectionThatIsDescriptorZero) {
+  ASSERT_EQ(real.close(STDIN_FILENO), 0);
+  const auto& closed = watchCloses();
+  EXPECT_EQ(exchange(request(Cmd::ENABLE, "planner")), reply(Result::SUCCESS));
+  EXPECT_THAT(closed, ElementsAre(STDIN_FILENO));
 }
 
 TEST_F(ControlHandlerTest, TheReplyCarriesNoOldMemory) {
