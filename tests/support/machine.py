@@ -110,19 +110,22 @@ class Machine:
         return self.file("launch.yaml", text)
 
     def start(self, content=None, *, arguments=None, environment=None, strace=None,
-              wrapper=(), stderr=None, stdout=None, wait_until_up=True):
+              traces_children=True, wrapper=(), stderr=None, stdout=None,
+              wait_until_up=True):
         """Starts the launcher on a launch file of this `content`, or with the
         given `arguments`, and waits until it has started the nodes.
         `environment` adds to a bare one, None as a value removes. `strace` is
-        strace's options; its output goes to /tmp/strace.log. `wrapper` is a
-        command that runs the launcher. Standard output and error go to
-        /tmp/stdout and /tmp/stderr, or where the arguments say."""
+        strace's options; its output goes to /tmp/strace.log, without pids if
+        the children are not traced. `wrapper` is a command that runs the
+        launcher. Standard output and error go to /tmp/stdout and /tmp/stderr,
+        or where the arguments say."""
         if arguments is None:
             arguments = [self.launch_file(content)]
         command = list(wrapper)
         if strace is not None:
             # -D: the launcher, not strace, is the direct child.
-            command += ["strace", "-D", "-f", "-o", "/tmp/strace.log", *strace]
+            command += ["strace", "-D", "-o", "/tmp/strace.log", *strace]
+            command += ["-f"] * traces_children
         command += ["/tmp/install/bin/vornlaunch", *arguments]
         with open(self.tmp / "stdout", "ab") as out, open(
             self.tmp / "stderr", "ab"

@@ -1,0 +1,381 @@
+"""Every system call of the launcher fails, one after the other, by strace on the
+real program. What must come of each failure is in fault_table.py."""
+
+import collections
+import os
+import re
+import signal
+import subprocess
+import time
+
+import fault_table
+import pytest
+from fault_table import CASES, SCENARIOS, AwaitRestart, Ask, Die, Exit, Halt, Signal
+from support.control import RESPONSE, State, pack_request, read_exactly
+from support.control import unpack_response
+from support.machine import PYTHON, Machine
+from support.outside import Outside, node_of
+from support.trace import parse_trace
+from support.waiting import eventually
+
+# Shows the real process table when the node that is stopped is dead, so that a
+# stop makes the same calls each time; two looks at one that has halted itself
+# still show it alive.
+PS = """\
+pid=$(tr -dc 0-9 </proc/$PPID/cmdline)
+state() { read -r _ _ state _ </proc/$pid/stat && echo $state; }
+echo >>/tmp/looks
+if [ "$(state)" != T ] || [ $(wc -l </tmp/looks) -gt 2 ]; then
+  kill -CONT $pid
+  while [ "$(state)" != Z ]; do sleep 0.01; done
+fi
+exec /usr/bin/ps "$@"
+"""
+# Exits when it is told to go on.
+HALTING = "kill -STOP $$\nexit 3"
+# Makes the first calls of the launcher's process in its place, so that a fault
+# in the first ones of every process hits its children alone.
+SPEND = """\
+import os, signal, sys
+def attempt(call, *arguments):
+    try:
+        call(*arguments)
+    except OSError:
+        pass
+attempt(signal.pthread_sigmask, signal.SIG_BLOCK, [])
+attempt(signal.signal, signal.SIGPIPE, signal.SIG_DFL)
+attempt(signal.signal, signal.SIGXFSZ, signal.SIG_DFL)
+os.execv(sys.argv[1], sys.argv[1:])
+"""
+# A node is restarted five seconds after its start. What takes nearly as long in
+# a scenario without a restart says nothing and is done again.
+QUICK_ENOUGH = 4.0
+ATTEMPTS = 5
+OWN_FIRST_CALL = "fcntl(2, F_GETFD)"
+
+AS_USUAL = fault_table.Outcome("as usual")
+
+
+@pytest.fixture(scope="session", name="before_main")
+def fixture_before_main(program, tmp_path_factory):
+    """How many calls of each name come before the launcher's own first one: the
+    loader's and a sanitizer's."""
+    output = tmp_path_factory.mktemp("before_main") / "strace.log"
+    subprocess.run(
+        ["strace", "-f", "-o", str(output), str(program)], stdout=subprocess.DEVNULL,
+        check=False, timeout=60,
+        env={"LC_ALL": "C.UTF-8", "ASAN_OPTIONS": "detect_leaks=0"},
+    )
+    counts = collections.Counter()
+    for call in parse_trace(output.read_text(encoding="utf-8")):
+        if call.text == OWN_FIRST_CALL:
+            return counts
+        counts[call.name] += 1
+    raise AssertionError("the launcher's first call is another one")
+
+
+@pytest.fixture(name="new_machine")
+def fixture_new_machine(tmp_path, program, namespaces):
+    """Makes machines, each for one run."""
+    del namespaces
+    made = []
+
+    def make():
+        folder = tmp_path / f"machine{len(made)}"
+        folder.mkdir()
+        made.append(Machine(folder, program))
+        return made[-1]
+
+    yield make
+    for machine in made:
+        machine.shut_down()
+
+
+class Run:
+    """A scenario on a machine, with what is expected to come of it."""
+
+    def __init__(self, machine, scenario, outcome):
+        self.machine = machine
+        self.scenario = scenario
+        self.outcome = outcome
+        self.outside = None
+        self.replies = []
+        self.trace = self.lines = self.children = self.descriptors = self.status = None
+
+    # -- The way through the scenario.
+
+    def go(self, strace):
+        """Starts the launcher under strace, takes the steps and looks at what
+        has come of them. Returns whether that was quick enough."""
+        begin = time.monotonic()
+        self.start(strace)
+        if self.outcome.ends is None and self.scenario.arguments is None:
+            self.outside = Outside(self.machine)
+            self.settle()
+            for step in self.scenario.steps:
+                self.take(step)
+            if self.outcome.next_exit:
+                self.take(Die(self.outcome.next_exit))
+        if self.ends:
+            self.machine.wait()
+            self.trace = self.read_trace()
+            self.lines = self.read_lines()
+        else:
+            self.look_around()
+        return self.scenario.is_slow or time.monotonic() - begin < QUICK_ENOUGH
+
+    @property
+    def ends(self):
+        """Whether the launcher is to end on the way."""
+        return self.scenario.ends is not None or self.outcome.ends is not None
+
+    def start(self, strace):
+        machine, scenario = self.machine, self.scenario
+        machine.script("ps", PS)
+        machine.script("halting", HALTING)
+        machine.script("worker", "exec sleep 1000")
+        content = {"vornnode": scenario.nodes}
+        if scenario.environment:
+            content["configure"] = {"environment": scenario.environment}
+        options = {"strace": strace, "traces_children": False}
+        if scenario.traces_children:
+            spend = machine.file("spend.py", SPEND)
+            options = {"wrapper": ["strace", "-D", "-f", "-o", "/tmp/strace.log",
+                                   *strace, PYTHON, "-I", "-S", spend]}
+        machine.start(
+            content, arguments=scenario.arguments, wait_until_up=False, **options,
+            environment={"TZ": "UTC0", "PATH": "/tmp/bin:/usr/bin:/bin",
+                         "ASAN_OPTIONS": "detect_leaks=0"},
+        )
+
+    def settle(self, **options):
+        self.outside.wait_until_quiet(
+            notices_exits=self.outcome.is_supervising, **options)
+
+    def take(self, step):
+        if isinstance(step, Ask):
+            self.replies.append(self.ask(step))
+            if self.outcome.is_asked_again and self.replies[-1] != step.result:
+                self.replies.append(self.ask(step))
+        elif isinstance(step, Halt):
+            self.halted(step.node)
+        elif isinstance(step, Exit):
+            self.end(self.halted(step.node), signal.SIGCONT)
+        elif isinstance(step, Die):
+            self.end(self.executed(step.node), signal.SIGKILL)
+        elif isinstance(step, AwaitRestart):
+            self.settle(without_limit=True)
+        elif isinstance(step, Signal):
+            os.kill(self.outside.host_pid, step.number)
+            return
+        self.settle()
+
+    def executed(self, node):
+        return eventually(lambda: self.outside.node(node), f"{node} is executed")
+
+    def halted(self, node):
+        def halted():
+            child = self.outside.node(node)
+            return child if child and child.state == "T" else None
+
+        return eventually(halted, f"{node} halts")
+
+    def end(self, child, number):
+        os.kill(child.host_pid, number)
+        eventually(
+            lambda: child.host_pid not in
+            (c.host_pid for c in self.outside.children() if not c.is_zombie),
+            "the node is dead",
+        )
+
+    def ask(self, step):
+        """The result in the reply; None without one."""
+        with self.machine.connect() as client:
+            try:
+                client.sendall(pack_request(step.cmd, step.node))
+                data = read_exactly(client, RESPONSE.size)
+            except (BrokenPipeError, ConnectionResetError):
+                data = b""
+        return unpack_response(data).result if data else None
+
+    def look_around(self):
+        """Notes what is there, of which a restart may change something soon."""
+        eventually(
+            lambda: all(child.node or child.is_zombie for child in
+                        self.outside.children()),
+            "its children are nodes that have been executed",
+        )
+        self.settle()
+        self.trace = self.read_trace()
+        self.lines = self.read_lines()
+        self.children = self.outside.children()
+        self.descriptors = self.outside.descriptors()
+        if self.outcome.has_socket:
+            self.status = {n: self.machine.status(n) for n in self.scenario.states}
+
+    def read_lines(self):
+        """The log lines, without times and places, pids as PID."""
+        return [
+            ("*" if line.event else "")
+            + f"{line.level} {line.func}: "
+            + re.sub(r"(?<=si_pid: )\d+|(?<=^Child )\d+", "PID", line.text)
+            for line in self.machine.log()
+        ]
+
+    def read_trace(self):
+        """What strace has seen so far, each line with its pid."""
+        file = self.machine.tmp / "strace.log"
+        text = file.read_text(encoding="utf-8", errors="replace")
+        if self.scenario.traces_children:
+            return text
+        return re.sub("^", f"{self.machine.pid} ", text, flags=re.MULTILINE)
+
+    # -- What must have come of it.
+
+    def check(self, lines, replies):
+        """These log lines, in any order, these replies, and what is true of every
+        run."""
+        more = collections.Counter(self.lines) - collections.Counter(lines)
+        assert set(more) <= {fault_table.POLL_TIMEOUT, *self.outcome.may_add}
+        assert sorted((collections.Counter(self.lines) - more).elements()) == sorted(lines)
+        assert self.replies == replies
+        if not self.ends:
+            self.check_descriptors()
+            self.check_nodes()
+            os.kill(self.outside.host_pid, self.outcome.end)
+        self.check_end()
+
+    def check_descriptors(self):
+        """None is left open, none is lost."""
+        usual = ["/dev/null", "stderr", "stdout", "anon_inode:[eventpoll]"]
+        if self.outcome.has_socket:
+            usual.append("socket")
+        if self.outcome.has_signal_descriptor:
+            usual.append("anon_inode:[signalfd]")
+        found = [re.sub(".*/(?=std)", "", name) for name in self.descriptors]
+        assert sorted(found) == sorted(usual)
+
+    def check_nodes(self):
+        """No zombie is left, the states are right, and every node that is alive
+        is known to the launcher."""
+        states = self.scenario.states | dict(self.outcome.states)
+        assert not any(child.is_zombie for child in self.children)
+        alive = {child.node: child.pid for child in self.children}
+        assert len(alive) == len(self.children)
+        running = {node for node, state in states.items() if state == State.RUNNING}
+        assert set(alive) == running | set(self.outcome.still_runs)
+        if self.outcome.has_socket:
+            assert {node: s.state for node, s in self.status.items()} == states
+            assert {node: self.status[node].pid for node in alive} == alive
+
+    def check_end(self):
+        """The launcher ends as it should, and so do the nodes."""
+        status = 0
+        if self.ends:
+            own = self.outcome.ends
+            status = own if own is not None else self.scenario.ends
+        assert self.machine.wait() == status
+        assert self.outcome.says in self.machine.stderr()
+        stdout = "" if self.outcome.is_mute else self.scenario.stdout
+        assert self.machine.stdout() == self.outcome.stdout + stdout
+        found = [node_of(p.host_pid) for p in self.machine.processes() if p.is_alive]
+        expected = self.outcome.survivors or self.scenario.survivors
+        assert sorted(node for node in found if node) == sorted(expected)
+
+
+# -- Without a fault.
+
+
+def is_launcher_s_own(call):
+    """Whether a call may be in the table: a sanitizer makes pipes of its own, to
+    look at memory."""
+    return not (
+        call.name == "pipe2" and not call.arguments.endswith("O_CLOEXEC")
+        or call.name == "write" and not re.match("[12], ", call.arguments)
+    )
+
+
+def own_calls(trace):
+    """The launcher's calls from its own first one on."""
+    calls = parse_trace(trace)
+    first = next(i for i, c in enumerate(calls) if c.text == OWN_FIRST_CALL)
+    return [c for c in calls[first:] if is_launcher_s_own(c) and c.name != "end"]
+
+
+def matches(call, expected):
+    return call.name == expected.name and re.match(expected.arguments, call.arguments)
+
+
+def compare(calls, expected):
+    """Asserts that the calls are the expected ones, in their order, the last of
+    which may still last."""
+    expected = list(expected)
+    for call in calls:
+        assert expected, f"one too many: {call.text}"
+        if expected[0].repeats and not matches(call, expected[0]):
+            expected.pop(0)
+        assert matches(call, expected[0]), f"{call.text} is not {expected[0]}"
+        if not expected[0].repeats:
+            expected.pop(0)
+    assert [c.name for c in expected] in ([], ["epoll_wait"]), "these have not come"
+
+
+def run(new_machine, scenario, strace_options, outcome=AS_USUAL):
+    """A run that was quick enough. strace gets its options for a machine's
+    folder."""
+    for _ in range(ATTEMPTS):
+        a_run = Run(new_machine(), scenario, outcome)
+        if a_run.go(strace_options(a_run.machine.tmp)):
+            return a_run
+    raise AssertionError("the machine is too slow for this scenario")
+
+
+@pytest.mark.parametrize(
+    "scenario", [s for s in SCENARIOS if not s.traces_children], ids=lambda s: s.name
+)
+def test_the_table_names_every_call_of_a_run_without_a_fault(scenario, new_machine):
+    names = ",".join({call.name for s in SCENARIOS for call in s.calls})
+    a_run = run(new_machine, scenario, lambda _: ["-s", "400", "-e", f"trace={names}"])
+    compare(own_calls(a_run.trace), scenario.calls)
+    a_run.check(scenario.lines, [step.result for step in scenario.asks])
+
+
+# -- With one.
+
+
+def injection(case, folder, before_main):
+    """strace's options for the fault of a case, on the machine in `folder`."""
+    call = case.call
+    options = ["-s", "400", "-e", f"trace={call.name}"]
+    before = 0
+    if call.path:
+        # As the file is called in the machine and out of it.
+        options += ["-P", call.path, "-P", call.path.replace("/tmp", str(folder), 1)]
+    elif not case.scenario.traces_children:
+        before = before_main[call.name]
+    when = before + case.n
+    return options + ["-e", f"inject={call.name}:error={case.error}:when={when}"]
+
+
+@pytest.mark.parametrize(
+    "case",
+    [pytest.param(case, marks=[] if case.is_short else pytest.mark.long, id=case.id)
+     for case in CASES],
+)
+def test_a_failed_call_has_its_outcome_and_no_other(case, new_machine, before_main):
+    a_run = run(
+        new_machine, case.scenario,
+        lambda folder: injection(case, folder, before_main), case.outcome)
+    failed = [call for call in parse_trace(a_run.trace) if call.was_injected
+              and (call.pid != a_run.machine.pid) == case.call.of_child]
+    assert failed and all(matches(call, case.call) for call in failed)
+    assert case.call.of_child or len(failed) == 1
+    a_run.check(case.expected_lines(), case.expected_replies())
+
+
+# -- The table in the documentation.
+
+
+def test_the_documentation_holds_this_table():
+    assert fault_table.kept_table() == fault_table.table(), (
+        "run /usr/bin/python3 tests/reliability/fault_table.py")
