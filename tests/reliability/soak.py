@@ -297,8 +297,8 @@ class LauncherProcess:
 
     def waited(self):
         """How many seconds it has been ready to run and was not let to."""
-        nanoseconds = (self._folder / "schedstat").read_text(encoding="ascii").split()[1]
-        return int(nanoseconds) / 1e9
+        schedstat = (self._folder / "schedstat").read_text(encoding="ascii")
+        return int(schedstat.split()[1]) / 1e9
 
     def _open_descriptors(self):
         return len(os.listdir(self._folder / "fd"))
