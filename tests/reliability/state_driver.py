@@ -11,9 +11,9 @@ import struct
 import subprocess
 
 import state_model
-from support.control import RESPONSE, Cmd, Response, Result, State, pack_request
+from support.control import RESPONSE, Cmd, Result, State, pack_request
 from support.control import read_exactly, unpack_response
-from support.holding import held
+from support.holding import NO_LIMIT, held, limit_of_wait
 from support.log import parse_log
 from support.machine import Machine
 from support.waiting import PATIENCE, eventually
@@ -31,8 +31,7 @@ done"""
 OFFSPRING = ["sleep", "1000000"]
 
 SYSTEM = struct.Struct("=qqqq")  # struct System of fake_system.c
-EPOLL_WAIT = 232  # the system call's number on x86-64
-POLL_MS, NO_LIMIT = 1000, 0xFFFFFFFF
+POLL_MS = 1000  # how often the launcher looks at nodes that wait for a restart
 
 
 def build_fake_system(folder):
@@ -133,19 +132,21 @@ class Driver:
 
     def ends(self, _, name):
         self.machine.signal(signal.Signals[name])
-        assert self.machine.wait() == 0
+        status = self.machine.wait()
+        assert status == 0, f"the launcher has ended with status {status}"
 
     # -- Telling processes.
 
-    def _tell(self, process, order):
-        path = self.machine.tmp / "orders" / str(self.pids[process])
+    def _orders(self, process):
+        return self.machine.tmp / "orders" / str(self.pids[process])
 
+    def _tell(self, process, order):
         def opened():
             try:
-                return os.open(path, os.O_WRONLY | os.O_NONBLOCK)
+                return os.open(self._orders(process), os.O_WRONLY | os.O_NONBLOCK)
             except OSError as error:
-                if error.errno in (errno.ENOENT, errno.ENXIO):
-                    return None  # it has not come so far
+                if error.errno == errno.ENXIO:
+                    return None  # it has not opened it yet
                 raise
 
         fifo = self._wait_until(opened, f"{process.key} takes orders")
@@ -155,7 +156,7 @@ class Driver:
     def _tell_and_wait(self, model, key, order):
         process = model.oldest(key)
         self._tell(process, order)
-        done = self.machine.tmp / "orders" / f"{self.pids[process]}.done"
+        done = self._orders(process).with_suffix(".done")
         self._wait_until(done.exists, f"{key} has done what it was told")
         done.unlink()
 
@@ -167,6 +168,9 @@ class Driver:
     def _read(self, pid, file):
         with open(f"{self.proc}/{pid}/{file}", "rb") as opened:
             return opened.read()
+
+    def _read_launcher(self, file):
+        return self._read(self.launcher, file)
 
     def _stat(self, pid):
         """(state, parent) of a process, or None."""
@@ -202,14 +206,6 @@ class Driver:
                 table[pid] = " ".join(argv)
         return table
 
-    def _limit_of_wait(self):
-        """With which limit the launcher waits for events, in milliseconds;
-        None while it does anything else."""
-        fields = self._read(self.launcher, "syscall").split()
-        if fields[0] != str(EPOLL_WAIT).encode():
-            return None
-        return int(fields[4], 16) & 0xFFFFFFFF
-
     def _new_events(self):
         """The starred log lines since the last call, those of exits apart."""
         with open(self.machine.tmp / "stderr", "rb") as file:
@@ -240,12 +236,13 @@ class Driver:
             self._compare_statuses(model)
             limit = POLL_MS if model.waits_for_restart else NO_LIMIT
             self._wait_until(
-                lambda: self._limit_of_wait() == limit,
+                lambda: limit_of_wait(self._read_launcher) == limit,
                 f"the launcher waits for events with the limit {limit}")
         events, exits = self._new_events()
-        assert events == model.events
+        assert events == model.events, f"log: {events}, not {model.events}"
         # Of those that exit together the kernel chooses who comes first.
-        assert sorted(exits) == sorted(model.exit_events)
+        assert sorted(exits) == sorted(model.exit_events), (
+            f"log of exits: {exits}, not {model.exit_events}")
         model.events.clear()
         model.exit_events.clear()
 
@@ -275,21 +272,22 @@ class Driver:
         for process in model.processes:
             if process not in self.pids:
                 self.pids[process] = new.pop(process.key)
+                # Only then has it read its program, which may change now.
+                self._wait_until(self._orders(process).exists,
+                                 f"{process.key} has begun")
 
     def _compare_statuses(self, model):
         for name in dict.fromkeys(node.name for node in model.nodes):
             node = model.find(name)
-            expected = Response(
-                result=Result.SUCCESS,
-                padding=0,
-                pid=self.pids[node.process] if node.process else 0,
-                state=State[node.state],
-                start_seconds=node.start_seconds,
+            expected = (
+                Result.SUCCESS,
+                self.pids[node.process] if node.process else 0,
+                State[node.state],
+                node.start_seconds,
             )
-            status = self.machine.status(name)
-            assert (status.result, status.pid, status.state, status.start_seconds) == (
-                expected.result, expected.pid, expected.state, expected.start_seconds
-            ), f"{name}: {status}, not {expected}"
+            reply = self.machine.status(name)
+            status = reply.result, reply.pid, reply.state, reply.start_seconds
+            assert status == expected, f"status of {name}: {status}, not {expected}"
 
 
 def launch_file(nodes):

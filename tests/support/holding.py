@@ -5,6 +5,8 @@ import re
 
 from support.waiting import eventually
 
+NO_LIMIT = 0xFFFFFFFF  # -1, as the kernel shows it
+
 
 def wait_until_blocked(machine, kernel_function):
     """Waits until the launcher sleeps in a kernel function of this kind, such as
@@ -25,15 +27,20 @@ def held(machine):
         yield client
 
 
+def limit_of_wait(read):
+    """The limit with which the launcher waits for events, in milliseconds, or
+    NO_LIMIT; None while it does something else. `read` returns the bytes of a
+    file of its /proc folder."""
+    if not re.search(b"epoll|ep_poll", read("wchan")):
+        return None
+    # The number of the call, then its arguments; "running" while awake.
+    fields = read("syscall").split()
+    return int(fields[4], 16) & 0xFFFFFFFF if len(fields) > 4 else None
+
+
 def wait_until_idle(machine):
     """Waits until the launcher waits for events without a limit, which it does
     while no node is about to be restarted."""
-
-    def has_no_limit():
-        if not re.search(b"epoll|ep_poll", machine.process.read("wchan")):
-            return False
-        # The number of the call, then its arguments; "running" while awake.
-        fields = machine.process.read("syscall").split()
-        return len(fields) > 4 and int(fields[4], 16) & 0xFFFFFFFF == 0xFFFFFFFF
-
-    eventually(has_no_limit, "the launcher waits without a limit")
+    eventually(
+        lambda: limit_of_wait(machine.process.read) == NO_LIMIT,
+        "the launcher waits without a limit")
