@@ -11,7 +11,8 @@ import time
 
 import fault_table
 import pytest
-from fault_table import CASES, SCENARIOS, AwaitRestart, Ask, Die, Exit, Halt, Signal
+from fault_table import CASES, POLL_TIMEOUT, SCENARIOS
+from fault_table import AwaitRestart, Ask, Die, Exit, Halt, Signal
 from support.control import RESPONSE, State, pack_request, read_exactly
 from support.control import unpack_response
 from support.machine import PYTHON, Machine
@@ -48,10 +49,11 @@ attempt(signal.signal, signal.SIGPIPE, signal.SIG_DFL)
 attempt(signal.signal, signal.SIGXFSZ, signal.SIG_DFL)
 os.execv(sys.argv[1], sys.argv[1:])
 """
-# A node is restarted five seconds after its start. What takes nearly as long in
-# a scenario without a restart says nothing and is done again.
+# On a busy machine a run may not be what the table tells of, and is done again: a
+# node that waits for its restart has that five seconds after its start, and a
+# client that takes long to hang up costs a line more.
 QUICK_ENOUGH = 4.0
-ATTEMPTS = 5
+ATTEMPTS = 10
 OWN_FIRST_CALL = "fcntl(2, F_GETFD)"
 
 AS_USUAL = fault_table.Outcome("as usual")
@@ -105,13 +107,15 @@ class Run:
         self.outcome = outcome
         self.outside = None
         self.replies = []
-        self.trace = self.lines = self.children = self.descriptors = self.status = None
+        self.trace = self.lines = self.status = None
+        self.children = self.alive = self.inherits = self.blocks = None
+        self.descriptors = None
 
     # -- The way through the scenario.
 
     def go(self, strace):
         """Starts the launcher under strace, takes the steps and looks at what
-        has come of them. Returns whether that was quick enough."""
+        has come of them. Returns whether all was quick enough for that."""
         begin = time.monotonic()
         self.start(strace)
         if self.outcome.ends is None and self.scenario.arguments is None:
@@ -127,7 +131,15 @@ class Run:
             self.lines = self.read_lines()
         else:
             self.look_around()
-        return self.scenario.is_slow or time.monotonic() - begin < QUICK_ENOUGH
+        if self.lines.count(POLL_TIMEOUT) > self.outcome.adds.count(POLL_TIMEOUT):
+            return False
+        return (State.RESTARTING not in self.states.values()
+                or time.monotonic() - begin < QUICK_ENOUGH)
+
+    @property
+    def states(self):
+        """The states that the nodes are to end in."""
+        return self.scenario.states | dict(self.outcome.states)
 
     @property
     def ends(self):
@@ -221,6 +233,9 @@ class Run:
         self.trace = self.read_trace()
         self.lines = self.read_lines()
         self.children = self.outside.children()
+        self.alive = {c.node: c.pid for c in self.children if not c.is_zombie}
+        self.inherits = {c.node for c in self.children if c.has_socket}
+        self.blocks = {c.node for c in self.children if c.blocks_signals}
         self.descriptors = self.outside.descriptors()
         if self.outcome.has_socket:
             self.status = {n: self.machine.status(n) for n in self.scenario.states}
@@ -248,12 +263,14 @@ class Run:
         """These log lines, in any order, these replies, and what is true of every
         run."""
         more = collections.Counter(self.lines) - collections.Counter(lines)
-        assert set(more) <= {fault_table.POLL_TIMEOUT, *self.outcome.may_add}
-        assert sorted((collections.Counter(self.lines) - more).elements()) == sorted(lines)
+        assert set(more) <= set(self.outcome.may_add)
+        usual = collections.Counter(self.lines) - more
+        assert sorted(usual.elements()) == sorted(lines)
         assert self.replies == replies
         if not self.ends:
             self.check_descriptors()
             self.check_nodes()
+            self.check_inheritance()
             os.kill(self.outside.host_pid, self.outcome.end)
         self.check_end()
 
@@ -270,15 +287,20 @@ class Run:
     def check_nodes(self):
         """No zombie is left, the states are right, and every node that is alive
         is known to the launcher."""
-        states = self.scenario.states | dict(self.outcome.states)
         assert not any(child.is_zombie for child in self.children)
-        alive = {child.node: child.pid for child in self.children}
-        assert len(alive) == len(self.children)
-        running = {node for node, state in states.items() if state == State.RUNNING}
-        assert set(alive) == running | set(self.outcome.still_runs)
+        assert len(self.alive) == len(self.children)
+        running = {n for n, state in self.states.items() if state == State.RUNNING}
+        assert set(self.alive) == running | set(self.outcome.still_runs)
         if self.outcome.has_socket:
-            assert {node: s.state for node, s in self.status.items()} == states
-            assert {node: self.status[node].pid for node in alive} == alive
+            assert {node: s.state for node, s in self.status.items()} == self.states
+            assert {n: self.status[n].pid for n in self.alive} == self.alive
+
+    def check_inheritance(self):
+        """The nodes have no descriptors and blocked signals of the launcher's."""
+        usual = set(self.scenario.inherited_by)
+        unusual = set(self.outcome.inherited_by)
+        assert unusual <= self.inherits <= usual | unusual
+        assert self.blocks == set(self.outcome.blocked)
 
     def check_end(self):
         """The launcher ends as it should, and so do the nodes."""
@@ -299,8 +321,7 @@ class Run:
 
 
 def is_launcher_s_own(call):
-    """Whether a call may be in the table: a sanitizer makes pipes of its own, to
-    look at memory."""
+    """Not a sanitizer's, which makes pipes to look at memory."""
     return not (
         call.name == "pipe2" and not call.arguments.endswith("O_CLOEXEC")
         or call.name == "write" and not re.match("[12], ", call.arguments)
@@ -346,9 +367,10 @@ def run(new_machine, scenario, strace_options, outcome=AS_USUAL):
     "scenario", [s for s in SCENARIOS if not s.traces_children], ids=lambda s: s.name
 )
 def test_the_table_names_every_call_of_a_run_without_a_fault(scenario, new_machine):
-    names = ",".join({call.name for s in SCENARIOS for call in s.calls})
-    a_run = run(new_machine, scenario, lambda _: ["-s", "400", "-e", f"trace={names}"])
-    compare(own_calls(a_run.trace), scenario.calls)
+    a_run = run(new_machine, scenario, lambda _: ["-s", "400"])
+    left_out = set().union(*fault_table.LEFT_OUT.values())
+    calls = [c for c in own_calls(a_run.trace) if c.name not in left_out]
+    compare(calls, scenario.calls)
     a_run.check(scenario.lines, [step.result for step in scenario.asks])
 
 
@@ -380,8 +402,8 @@ def test_a_failed_call_has_its_outcome_and_no_other(case, new_machine, before_ma
         lambda folder: injection(case, folder, before_main), case.outcome)
     failed = [call for call in parse_trace(a_run.trace) if call.was_injected
               and (call.pid != a_run.machine.pid) == case.call.of_child]
-    assert failed and all(matches(call, case.call) for call in failed)
-    assert case.call.of_child or len(failed) == 1
+    assert all(matches(call, case.call) for call in failed)
+    assert len(failed) == case.outcome.failures
     a_run.check(case.expected_lines(), case.expected_replies())
 
 

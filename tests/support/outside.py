@@ -5,17 +5,11 @@ import pathlib
 import re
 import signal
 
+from support.family import children_of, status_field, waits_in
 from support.waiting import eventually
 
-
-def _status(host_pid):
-    text = pathlib.Path(f"/proc/{host_pid}/status").read_text(encoding="utf-8")
-    return dict(line.split(":\t", 1) for line in text.splitlines() if ":\t" in line)
-
-
-def _children(host_pid):
-    path = pathlib.Path(f"/proc/{host_pid}/task/{host_pid}/children")
-    return [int(pid) for pid in path.read_text(encoding="ascii").split()]
+# What the launcher blocks for its signal descriptor, as a mask.
+_ROUTED = 1 << (signal.SIGCHLD - 1) | 1 << (signal.SIGTERM - 1)
 
 
 def node_of(host_pid):
@@ -29,19 +23,43 @@ def node_of(host_pid):
     return match[1].decode() if match else None
 
 
+def descriptors_of(host_pid):
+    """What a process's open descriptors are, in order, without their numbers."""
+    folder = f"/proc/{host_pid}/fd"
+    links = []
+    for fd in os.listdir(folder):
+        try:
+            links.append(os.readlink(f"{folder}/{fd}"))
+        except FileNotFoundError:
+            pass  # closed meanwhile
+    return sorted(re.sub(r":\[\d+\]$", "", link) for link in links)
+
+
 class Child:
-    """A child of the launcher."""
+    """A child of the launcher; its `state` is "" once it has been collected."""
 
     def __init__(self, host_pid):
-        fields = _status(host_pid)
         self.host_pid = host_pid
-        self.pid = int(fields["NSpid"].split()[-1])
-        self.state = fields["State"][0]
         self.node = node_of(host_pid)
+        self.state = status_field(host_pid, "State")[:1]
 
     @property
     def is_zombie(self):
-        return self.state in "ZX"
+        return self.state in ("Z", "X")
+
+    @property
+    def pid(self):
+        """As the machine sees it."""
+        return int(status_field(self.host_pid, "NSpid").split()[-1])
+
+    @property
+    def has_socket(self):
+        return "socket" in descriptors_of(self.host_pid)
+
+    @property
+    def blocks_signals(self):
+        """Those that the launcher blocks for its signal descriptor."""
+        return bool(int(status_field(self.host_pid, "SigBlk"), 16) & _ROUTED)
 
 
 class Outside:
@@ -49,30 +67,27 @@ class Outside:
     the machine's own looks, which go through all processes."""
 
     def __init__(self, machine):
-        [init] = _children(machine.unshare.pid)
-        self.host_pid = next(
-            pid for pid in _children(init)
-            if _status(pid)["NSpid"].split()[-1] == str(machine.pid)
-        )
+        [init] = children_of(machine.unshare.pid)
+        found = [pid for pid in children_of(init)
+                 if status_field(pid, "NSpid").split()[-1] == str(machine.pid)]
+        assert found, "the launcher has ended:\n" + machine.stderr()
+        self.host_pid = found[0]
         self._machine = machine
-
-    def _read(self, file):
-        return pathlib.Path(f"/proc/{self.host_pid}/{file}").read_text(encoding="ascii")
 
     def is_quiet(self, notices_exits=True, without_limit=False):
         """Whether it waits for events and has served all there were. Without
         `notices_exits` those of children do not count; `without_limit`: no
         restart is due either."""
         if notices_exits:
-            fields = _status(self.host_pid)
-            pending = int(fields["SigPnd"], 16) | int(fields["ShdPnd"], 16)
+            pending = int(status_field(self.host_pid, "ShdPnd") or "0", 16)
             if pending >> (signal.SIGCHLD - 1) & 1:
                 return False
-        if not re.search("epoll|ep_poll", self._read("wchan")):
+        if not (waits_in(self.host_pid, "epoll") or waits_in(self.host_pid, "ep_poll")):
             return False
         if without_limit:
             # The number of the call, then its arguments; "running" while awake.
-            fields = self._read("syscall").split()
+            path = pathlib.Path(f"/proc/{self.host_pid}/syscall")
+            fields = path.read_text(encoding="ascii").split()
             return len(fields) > 4 and int(fields[4], 16) & 0xFFFFFFFF == 0xFFFFFFFF
         return True
 
@@ -89,20 +104,13 @@ class Outside:
 
     def children(self):
         """Its children, zombies included."""
-        found = []
-        for host_pid in _children(self.host_pid):
-            try:
-                found.append(Child(host_pid))
-            except (FileNotFoundError, ProcessLookupError):
-                pass  # collected meanwhile
-        return found
+        children = [Child(host_pid) for host_pid in children_of(self.host_pid)]
+        return [child for child in children if child.state]
 
     def node(self, name):
         """The process of a node, or None."""
         return next((child for child in self.children() if child.node == name), None)
 
     def descriptors(self):
-        """What its open descriptors are, in order, without their numbers."""
-        folder = f"/proc/{self.host_pid}/fd"
-        links = [os.readlink(f"{folder}/{fd}") for fd in os.listdir(folder)]
-        return sorted(re.sub(r":\[\d+\]$", "", link) for link in links)
+        """What its open descriptors are."""
+        return descriptors_of(self.host_pid)
