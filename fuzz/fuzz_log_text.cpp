@@ -46,10 +46,7 @@ struct Call {
 
 /// As a compiler gives the name of a file or a function.
 std::string withoutControlCharacters(std::string text) {
-  for (char& c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) c = '_';
-  }
+  std::replace_if(text.begin(), text.end(), isControlCharacter, '_');
   return text;
 }
 
@@ -108,10 +105,10 @@ std::string formatted(const Call& call) {
 std::string escaped(const std::string& text) {
   std::string result;
   for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
     std::array<char, 8> shown{c, '\0'};
-    if (byte < 0x20 || byte == 0x7f) {
-      (void)std::snprintf(shown.data(), shown.size(), "\\x%02x", byte);
+    if (isControlCharacter(c)) {
+      (void)std::snprintf(shown.data(), shown.size(), "\\x%02x",
+                          static_cast<unsigned int>(c));
     }
     if (c == '\n') shown = {'\\', 'n'};
     if (c == '\r') shown = {'\\', 'r'};

@@ -1,8 +1,9 @@
 #pragma once
 
+#include <stdlib.h>
 #include <unistd.h>
 
-#include <string>
+#include <algorithm>
 #include <string_view>
 
 #include "support/check.h"
@@ -11,15 +12,15 @@
 
 namespace vorn::fuzz {
 
+inline bool isControlCharacter(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return byte < 0x20 || byte == 0x7f;
+}
+
 /// True for one whole line without a control character in it.
 inline bool isOneLine(std::string_view text) {
-  if (text.empty() || text.back() != '\n') return false;
-  text.remove_suffix(1);
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) return false;
-  }
-  return true;
+  return !text.empty() && text.back() == '\n' &&
+         std::none_of(text.begin(), text.end() - 1, isControlCharacter);
 }
 
 /// Takes the log of this process: counts its lines, each of which must be one

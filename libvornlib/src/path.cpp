@@ -28,12 +28,12 @@ std::string executableRoot() {
   std::error_code error;
   const auto executable =
       std::filesystem::read_symlink("/proc/self/exe", error);
-  std::string root =
+  std::string folder =
       withoutTrailingSlashes(executable.parent_path().parent_path());
-  if (root.find(kRefusedTwice) == std::string::npos) return root;
+  if (folder.find(kRefusedTwice) == std::string::npos) return folder;
   vtrace(kWarn, __FILE__, __LINE__, "root", kPlain,
          "The executable's root '%s' contains install:/install:, using /",
-         root.c_str());
+         folder.c_str());
   return "";
 }
 
