@@ -27,6 +27,13 @@ std::string nameOf(const ::testing::TestParamInfo<Case>& info) {
   return info.param.name;
 }
 
+TEST(TimeTest, APointInTimeAndASpanAreZeroUntilTheyAreSet) {
+  EXPECT_EQ(0U, Time().sec);
+  EXPECT_EQ(0U, Time().nsec);
+  EXPECT_EQ(0, Duration().sec);
+  EXPECT_EQ(0, Duration().nsec);
+}
+
 struct TimeCase {
   const char* name;
   uint64_t sec;
