@@ -138,9 +138,14 @@ def test_the_recorder_starts_on_request_with_its_own_interval(demo):
     wait_for_line(
         demo, "recorder: recording every 4 s to /tmp/vornlaunch-demo/record"
     )
-    wait_for_line(demo, "recorder: recorded: frame 3: 4 parts, fine")
+    said = "recorder: recorded: "
+    # Which frame it meets depends on how busy the machine is.
+    line = eventually(
+        lambda: next((x for x in demo.stdout().splitlines() if x.startswith(said)), None),
+        "the recorder has recorded a frame",
+    )
     record = (demo.tmp / "vornlaunch-demo/record").read_text(encoding="utf-8")
-    assert "frame 3: 4 parts, fine\n" in record
+    assert line.removeprefix(said) + "\n" in record
 
 
 def test_diagnostics_starts_only_after_it_has_been_enabled(demo):
