@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "node_state.h"
+
 // The records of the control socket, sent as they lie in memory: host byte
 // order, one request and one reply per connection. docs/control-protocol.md
 // tells how to use them.

@@ -10,33 +10,10 @@
 #include <vector>
 
 #include "config.h"
+#include "node_state.h"
 #include "vornlib/time.h"
 
 namespace vorn::launch {
-
-/// What the launcher wants of a node and knows of its child. The numbers travel
-/// in the reply to a STATUS request.
-///
-///                       start
-///             +----------------------------+
-///             |                            v
-///         STOPPED <-------- stop ------ RUNNING <---- start ----+
-///             ^                            |                    |
-///             |                         exited by               |
-///           stop                         itself                 |
-///             |                            v      5 s since     |
-///             +----------------------- RESTARTING -- start -----+
-///
-///   any state -- disable, a oneshot's exit --> DISABLED
-///   all but RUNNING -- start without an executable --> DISABLED
-///   DISABLED -- enable, then start --> RUNNING
-enum class NodeState : int32_t {
-  STOPPED = 0,     // no child wanted, or its fork failed; after a stop `pid`
-                   // stays until the reap
-  RUNNING = 1,     // forked, and neither a stop nor its exit handled yet
-  RESTARTING = 2,  // exited by itself, the registry will start it again
-  DISABLED = 3,    // not started until enabled
-};
 
 /// One supervised child process: what to execute, with which environment, and
 /// what to do when it exits. The parser fills it, NodeManager owns it for the

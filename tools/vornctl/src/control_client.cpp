@@ -1,0 +1,342 @@
+#include "control_client.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace vorn::launch {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+constexpr milliseconds kTick{100};      // between two calls of onWait
+constexpr milliseconds kFirstPause{1};  // before a second try to connect
+constexpr milliseconds kLongestPause{100};
+
+constexpr char kMayTakeEffect[] =
+    "; the request was delivered and may still take effect";
+
+/// Closes its descriptor, if it is one, at the end of the scope.
+class Socket {
+ public:
+  explicit Socket(int fd) : fd_(fd) {}
+  ~Socket() {
+    if (fd_ >= 0) (void)::close(fd_);
+  }
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+
+  int fd() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+/// Blocks every signal that can be blocked in this thread, until the end of the
+/// scope.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    sigset_t all;
+    (void)::sigfillset(&all);
+    (void)::pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  ~SignalsBlocked() { (void)::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+ private:
+  sigset_t before_{};
+};
+
+std::string inSeconds(milliseconds span) {
+  std::string text = std::to_string(span.count() / 1000);
+  if (span.count() % 1000 != 0) {
+    const std::string digits = std::to_string(1000 + span.count() % 1000);
+    text += "." + digits.substr(1, digits.find_last_not_of('0'));
+  }
+  return text + " s";
+}
+
+/// One request on its way to the launcher and back.
+class Exchange {
+ public:
+  Exchange(const ControlOptions& options, const ControlRequest& request)
+      : options_(options), request_(request) {}
+
+  /// Runs it. `reply` tells how far it got; true when `response` holds 24 bytes
+  /// from the launcher.
+  bool run(ControlReply& reply, ControlResponse& response) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (options_.socketPath.size() >= sizeof(address.sun_path)) {
+      return end(reply, Outcome::NO_LAUNCHER,
+                 "the path of the socket is longer than 107 bytes: " +
+                     options_.socketPath);
+    }
+    // At least one NUL stays behind it.
+    options_.socketPath.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const Socket socket(
+        ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (socket.fd() < 0) {
+      return end(reply, Outcome::NOT_SENT,
+                 std::string("cannot make a socket: ") + std::strerror(errno));
+    }
+    return deliver(socket.fd(), address, reply) &&
+           receive(socket.fd(), reply, response);
+  }
+
+ private:
+  enum class Wait { READY, TIMED_OUT, CANCELLED };
+  enum class Try { SENT, BUSY, FAILED };
+
+  /// Always false.
+  static bool end(ControlReply& reply, Outcome outcome, std::string message) {
+    reply.outcome = outcome;
+    reply.message = std::move(message);
+    return false;
+  }
+
+  /// Waits until `fd` (-1: nothing) is readable or `deadline` has come.
+  Wait wait(int fd, Clock::time_point deadline) const {
+    for (;;) {
+      const Clock::time_point now = Clock::now();
+      if (now >= deadline) return Wait::TIMED_OUT;
+      // Rounded up, so that the last turn does not spin.
+      const auto left = std::chrono::ceil<milliseconds>(deadline - now);
+      pollfd watched[] = {{options_.cancelFd, POLLIN, 0}, {fd, POLLIN, 0}};
+      const int ready =
+          ::poll(watched, 2, static_cast<int>(std::min(left, kTick).count()));
+      if (ready > 0 && watched[0].revents != 0) return Wait::CANCELLED;
+      if (ready > 0) return Wait::READY;
+      if (options_.onWait) {
+        options_.onWait(
+            std::chrono::duration_cast<milliseconds>(Clock::now() - begin_));
+      }
+    }
+  }
+
+  /// Connects and sends the request.
+  bool deliver(int fd, const sockaddr_un& address, ControlReply& reply) const {
+    const Clock::time_point deadline = begin_ + options_.connectLimit;
+    milliseconds pause = kFirstPause;
+    for (;;) {
+      const Try result = connectAndSend(fd, address, reply);
+      if (result != Try::BUSY) return result == Try::SENT;
+      // Others wait before us, as many as the launcher lets wait.
+      const Clock::time_point next = Clock::now() + pause;
+      const Wait waited = wait(-1, std::min(next, deadline));
+      if (waited == Wait::CANCELLED) {
+        return end(reply, Outcome::NOT_SENT,
+                   "given up before the request was sent");
+      }
+      if (Clock::now() >= deadline) {
+        return end(reply, Outcome::NOT_SENT,
+                   "the launcher is busy: it took no connection within " +
+                       inSeconds(options_.connectLimit) + "; nothing was sent");
+      }
+      pause = std::min(pause * 2, kLongestPause);
+    }
+  }
+
+  Try connectAndSend(int fd, const sockaddr_un& address,
+                     ControlReply& reply) const {
+    // The launcher accepts a connection and reads, without a time limit. Were
+    // we stopped here, it would do nothing else until we go on.
+    const SignalsBlocked blocked;
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address),
+                  sizeof(address)) != 0) {
+      if (errno == EAGAIN) return Try::BUSY;
+      end(reply, Outcome::NO_LAUNCHER, whyNot(errno));
+      return Try::FAILED;
+    }
+    if (!isTrusted(fd, reply)) return Try::FAILED;
+    const ssize_t sent = ::send(fd, &request_, sizeof(request_), MSG_NOSIGNAL);
+    if (sent == sizeof(request_)) return Try::SENT;
+    end(reply, Outcome::NO_LAUNCHER,
+        sent < 0 ? std::string("the launcher has gone: ") + std::strerror(errno)
+                 : std::string("the request could not be sent in one piece"));
+    return Try::FAILED;
+  }
+
+  /// The text for a failed connect().
+  std::string whyNot(int error) const {
+    const std::string& path = options_.socketPath;
+    if (error == ENOENT) {
+      return "no launcher is running: there is no socket " + path;
+    }
+    if (error == ECONNREFUSED) {
+      return "no launcher is running: nobody listens on " + path +
+             ", which one that has ended left behind";
+    }
+    if (error == EACCES || error == EPERM) {
+      return "no permission to connect to " + path;
+    }
+    return "cannot connect to " + path + ": " + std::strerror(error);
+  }
+
+  /// Whether the listener's user is root or our own; fills that part of
+  /// `reply`.
+  bool isTrusted(int fd, ControlReply& reply) const {
+    ucred peer{};
+    socklen_t size = sizeof(peer);
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+      return end(reply, Outcome::UNTRUSTED,
+                 std::string("cannot tell whose launcher it is: ") +
+                     std::strerror(errno));
+    }
+    reply.launcherPid = peer.pid;
+    reply.launcherUid = peer.uid;
+    if (options_.trustAnyUser || peer.uid == 0 || peer.uid == ::geteuid()) {
+      return true;
+    }
+    return end(reply, Outcome::UNTRUSTED,
+               "the launcher on " + options_.socketPath + " belongs to user " +
+                   std::to_string(peer.uid) + ", neither root nor you");
+  }
+
+  /// Reads the 24 bytes, and not one more: processes that the launcher starts
+  /// meanwhile keep the connection open for as long as they live.
+  bool receive(int fd, ControlReply& reply, ControlResponse& response) const {
+    const Clock::time_point deadline = Clock::now() + options_.replyLimit;
+    char* const bytes = reinterpret_cast<char*>(&response);
+    size_t count = 0;
+    while (count < sizeof(response)) {
+      const Wait waited = wait(fd, deadline);
+      if (waited == Wait::TIMED_OUT) {
+        return end(reply, Outcome::UNKNOWN,
+                   "no reply within " + inSeconds(options_.replyLimit) +
+                       kMayTakeEffect);
+      }
+      if (waited == Wait::CANCELLED) {
+        return end(
+            reply, Outcome::UNKNOWN,
+            std::string("given up waiting for the reply") + kMayTakeEffect);
+      }
+      const ssize_t got =
+          ::recv(fd, bytes + count, sizeof(response) - count, 0);
+      if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+      if (got <= 0) return endOfStream(got, count, reply);
+      count += static_cast<size_t>(got);
+    }
+    return true;
+  }
+
+  static bool endOfStream(ssize_t result, size_t count, ControlReply& reply) {
+    if (count > 0) {
+      return end(reply, Outcome::PROTOCOL_ERROR,
+                 "the reply ended after " + std::to_string(count) +
+                     " of 24 bytes" + kMayTakeEffect);
+    }
+    return end(
+        reply, Outcome::UNKNOWN,
+        (result < 0 ? std::string("no reply: ") + std::strerror(errno)
+                    : std::string("the launcher hung up without a reply")) +
+            kMayTakeEffect);
+  }
+
+  const ControlOptions& options_;
+  const ControlRequest& request_;
+  const Clock::time_point begin_ = Clock::now();
+};
+
+/// Sends `cmd` for the node `name`. `response` holds data when the outcome is
+/// the launcher's own.
+void exchange(const ControlOptions& options, ControlRequest::Cmd cmd,
+              std::string_view name, ControlReply& reply,
+              ControlResponse& response) {
+  using Result = ControlResponse::Result;
+  ControlRequest request;
+  request.cmd = cmd;
+  if (name.size() >= sizeof(request.name)) {
+    reply.outcome = Outcome::INVALID_NAME;
+    reply.message = "a node's name has at most 127 bytes; this one has " +
+                    std::to_string(name.size());
+    return;
+  }
+  if (name.find('\0') != std::string_view::npos) {
+    reply.outcome = Outcome::INVALID_NAME;
+    reply.message = "a node's name has no NUL byte";
+    return;
+  }
+  name.copy(request.name, sizeof(request.name) - 1);
+  if (!Exchange(options, request).run(reply, response)) return;
+  switch (response.result) {
+    case Result::SUCCESS:
+      reply.outcome = Outcome::DONE;
+      return;
+    case Result::NOT_FOUND:
+      reply.outcome = Outcome::NOT_FOUND;
+      return;
+    case Result::FAILED:
+      reply.outcome = Outcome::FAILED;
+      return;
+  }
+  reply.outcome = Outcome::PROTOCOL_ERROR;
+  reply.message = "the reply has the unknown result " +
+                  std::to_string(static_cast<int32_t>(response.result)) +
+                  kMayTakeEffect;
+}
+
+}  // namespace
+
+ControlClient::ControlClient(ControlOptions options)
+    : options_(std::move(options)) {}
+
+ControlReply ControlClient::command(ControlRequest::Cmd cmd,
+                                    std::string_view name) {
+  ControlReply reply;
+  ControlResponse response;
+  exchange(options_, cmd, name, reply, response);
+  return reply;
+}
+
+ControlReply ControlClient::start(std::string_view name) {
+  return command(ControlRequest::Cmd::START, name);
+}
+
+ControlReply ControlClient::stop(std::string_view name) {
+  return command(ControlRequest::Cmd::STOP, name);
+}
+
+ControlReply ControlClient::restart(std::string_view name) {
+  return command(ControlRequest::Cmd::RESTART, name);
+}
+
+ControlReply ControlClient::disable(std::string_view name) {
+  return command(ControlRequest::Cmd::DISABLE, name);
+}
+
+ControlReply ControlClient::enable(std::string_view name) {
+  return command(ControlRequest::Cmd::ENABLE, name);
+}
+
+StatusReply ControlClient::status(std::string_view name) {
+  StatusReply reply;
+  ControlResponse response;
+  exchange(options_, ControlRequest::Cmd::STATUS, name, reply, response);
+  if (!reply.isDone()) return reply;
+  if (response.state < 0 ||
+      response.state > static_cast<int32_t>(NodeState::DISABLED) ||
+      response.pid < 0) {
+    reply.outcome = Outcome::PROTOCOL_ERROR;
+    reply.message = "the reply has the state " +
+                    std::to_string(response.state) + " and the pid " +
+                    std::to_string(response.pid);
+    return reply;
+  }
+  reply.state = static_cast<NodeState>(response.state);
+  reply.pid = response.pid;
+  reply.startSeconds = response.startSeconds;
+  return reply;
+}
+
+}  // namespace vorn::launch
