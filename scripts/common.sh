@@ -6,10 +6,12 @@ set -euo pipefail
 # Debian's packages for each purpose.
 # shellcheck disable=SC2034  # used by the scripts that source this file
 {
-  BUILD_PACKAGES=(build-essential cmake libyaml-cpp-dev procps)
+  BUILD_PACKAGES=(build-essential cmake libyaml-cpp-dev procps libcli11-dev
+    nlohmann-json3-dev libncurses-dev)
   CONTROL_PACKAGES=(python3)  # for examples/control.py
   TEST_PACKAGES=(libgtest-dev libgmock-dev python3 python3-pytest
     python3-pytest-xdist python3-hypothesis strace)
+  SHELL_PACKAGES=(tmux zsh fish)  # for the tests of vornctl
   SERVER_PACKAGES=(redis-server nginx mosquitto mosquitto-clients curl)
   CLANG_PACKAGES=(clang-14)
   FUZZ_PACKAGES=(clang-14 llvm-14 libclang-rt-14-dev)

@@ -82,7 +82,8 @@ class Machine:
         (tmp / ".init").mkdir()
         self.install = tmp / "install"
         (self.install / "bin").mkdir(parents=True)
-        shutil.copy2(program, self.install / "bin" / "vornlaunch")
+        for name in ("vornlaunch", "vornctl"):
+            shutil.copy2(program.with_name(name), self.install / "bin" / name)
         self.sanitized = b"__asan_init" in program.read_bytes()
         self.counted = b"__gcov_dump" in program.read_bytes()
 
@@ -337,17 +338,35 @@ class Machine:
         process = self.find_process(pid)
         return process is not None and process.is_alive
 
+    def vornctl(self, *arguments, **options):
+        """Runs vornctl in the machine; returns what subprocess.run() does."""
+        return self.execute("/tmp/install/bin/vornctl", *arguments, **options)
+
     def run(self, *command, timeout=60.0, check=True):
         """Runs a command in the machine; returns its standard output."""
+        finished = self.execute(
+            *command, timeout=timeout, check=check, stderr=None
+        )
+        return finished.stdout
+
+    def enter(self, *command):
+        """The command that runs a command in the machine."""
         enter = ["nsenter", f"--target={self._init}", "--mount", "--root"]
         enter += ["--pid", "--net"]
         if os.geteuid() != 0:
             enter += ["--user", "--preserve-credentials"]
+        return [*enter, *command]
+
+    def execute(self, *command, environment=None, timeout=60.0, check=False,
+                stdin="", stderr=subprocess.PIPE):
+        """Runs a command in the machine, with the text `stdin` as its standard
+        input; returns what subprocess.run() does. `environment` as for
+        start()."""
         return subprocess.run(
-            [*enter, *command],
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, check=check,
-            timeout=timeout, encoding="utf-8", env=self._environment({}, False),
-        ).stdout
+            self.enter(*command), input=stdin, stdout=subprocess.PIPE,
+            stderr=stderr, check=check, timeout=timeout, encoding="utf-8",
+            env=self._environment(environment or {}, False),
+        )
 
     def shut_down(self):
         """Kills everything that runs in the machine. Its files stay for a look,

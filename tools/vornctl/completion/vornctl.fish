@@ -1,0 +1,53 @@
+# Tab completion of vornctl for fish.
+
+# The names of the running launcher's nodes. A busy launcher is not waited for.
+function __vornctl_nodes
+    set -l options
+    set -l words (commandline -opc)
+    if set -l index (contains -i -- --launch-file $words)
+        set options --launch-file $words[(math $index + 1)]
+    end
+    vornctl --connect-timeout 1s --timeout 1s $options names --null 2>/dev/null | string split0
+end
+
+function __vornctl_needs_command
+    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top ping names completion help
+end
+
+complete -c vornctl -f
+complete -c vornctl -n __vornctl_needs_command -a status -d 'Show how nodes are'
+complete -c vornctl -n __vornctl_needs_command -a start -d 'Start nodes'
+complete -c vornctl -n __vornctl_needs_command -a stop -d 'Stop nodes'
+complete -c vornctl -n __vornctl_needs_command -a restart -d 'Restart nodes'
+complete -c vornctl -n __vornctl_needs_command -a enable -d 'Allow nodes to be started'
+complete -c vornctl -n __vornctl_needs_command -a disable -d 'Stop nodes and refuse their starts'
+complete -c vornctl -n __vornctl_needs_command -a wait -d 'Wait until nodes are as wanted'
+complete -c vornctl -n __vornctl_needs_command -a monitor -d 'Print a line for each change of a node'
+complete -c vornctl -n __vornctl_needs_command -a top -d 'Show all nodes on the whole screen'
+complete -c vornctl -n __vornctl_needs_command -a ping -d 'Tell whether a launcher answers'
+complete -c vornctl -n __vornctl_needs_command -a names -d 'Print the names of the nodes'
+complete -c vornctl -n __vornctl_needs_command -a completion -d 'Print a script for tab completion'
+complete -c vornctl -n __vornctl_needs_command -a help -d 'Show the help'
+
+complete -c vornctl -l launch-file -r -F -d 'Read the names of the nodes here'
+complete -c vornctl -l timeout -x -d 'How long to wait for each reply'
+complete -c vornctl -l connect-timeout -x -d 'How long to try to reach a busy launcher'
+complete -c vornctl -l socket -r -F -d 'The control socket of the launcher'
+complete -c vornctl -l trust-any-user -d 'Talk to a launcher that is neither of root nor yours'
+complete -c vornctl -l color -x -a 'auto always never' -d Colours
+complete -c vornctl -s q -l quiet -d 'Say nothing but what goes wrong'
+complete -c vornctl -s h -l help -d 'Show the help'
+complete -c vornctl -n __vornctl_needs_command -l version -d 'Show the version'
+
+complete -c vornctl -n '__fish_seen_subcommand_from status start stop restart enable disable wait monitor top' -a '(__vornctl_nodes)' -d Node
+complete -c vornctl -n '__fish_seen_subcommand_from status monitor' -l json -d 'Print JSON'
+complete -c vornctl -n '__fish_seen_subcommand_from status' -l plain -d 'Tabs between columns'
+complete -c vornctl -n '__fish_seen_subcommand_from status' -l no-header -d 'No titles'
+complete -c vornctl -n '__fish_seen_subcommand_from status' -s o -l columns -x -a 'node state pid uptime started policy required executable' -d Columns
+complete -c vornctl -n '__fish_seen_subcommand_from start stop restart enable disable' -l all -d 'Every node'
+complete -c vornctl -n '__fish_seen_subcommand_from stop disable' -s y -l yes -d 'Do not ask'
+complete -c vornctl -n '__fish_seen_subcommand_from enable' -l now -d 'Start them as well'
+complete -c vornctl -n '__fish_seen_subcommand_from wait' -l state -x -a 'running stopped disabled restarted' -d 'What to wait for'
+complete -c vornctl -n '__fish_seen_subcommand_from wait' -l for -x -d 'How long it must last'
+complete -c vornctl -n '__fish_seen_subcommand_from names' -s 0 -l null -d 'A NUL after each name'
+complete -c vornctl -n '__fish_seen_subcommand_from completion' -a 'bash zsh fish' -d Shell

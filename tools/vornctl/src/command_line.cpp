@@ -1,0 +1,299 @@
+#include "command_line.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "act_command.h"
+#include "completion.h"
+#include "duration.h"
+#include "status_command.h"
+#include "top.h"
+#include "vornctl_version.h"
+#include "wait_command.h"
+
+namespace vorn::launch {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr char kExitStatuses[] =
+    "Exit status:\n"
+    "  0  done, or the condition is true\n"
+    "  1  an operation failed\n"
+    "  2  wrong usage, or the nodes cannot be known\n"
+    "  3  a named node does not run (status); it did not hold (wait)\n"
+    "  4  no such node\n"
+    "  5  no launcher\n"
+    "  6  given up before the request was sent; the wait timed out\n"
+    "  7  sent, but the outcome is unknown\n"
+    "  8  the launcher's reply makes no sense\n"
+    "  9  the launcher belongs to somebody else";
+
+enum class ColourMode { AUTO, ALWAYS, NEVER };
+
+/// What the command line says.
+struct Arguments {
+  Settings settings;
+  ColourMode colour = ColourMode::AUTO;
+  std::vector<std::string> nodes;
+  ActOptions act;
+  StatusOptions status;
+  WaitOptions wait;
+  bool isJson = false;
+  bool isNulSeparated = false;
+  std::string shell;
+};
+
+/// A value of type `Target` that parseDuration() reads.
+template <typename Target>
+CLI::callback_t readDuration(Target& target) {
+  return [&target](const CLI::results_t& texts) {
+    const auto span = parseDuration(texts.back());
+    if (!span)
+      throw CLI::ValidationError("'" + texts.back() +
+                                 "' is no duration; write 10s, 500ms, "
+                                 "1.5m or 2h");
+    target = *span;
+    return true;
+  };
+}
+
+bool mayColour(ColourMode mode) {
+  if (mode != ColourMode::AUTO) return mode == ColourMode::ALWAYS;
+  const char* const terminal = std::getenv("TERM");
+  return ::isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr &&
+         terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
+}
+
+/// The command line of vornctl.
+class CommandLine {
+ public:
+  explicit CommandLine(int cancel_fd) {
+    arguments_.settings.cancelFd = cancel_fd;
+    app_.require_subcommand(1);
+    app_.set_version_flag("--version", "vornctl " VORNCTL_VERSION);
+    app_.set_help_flag("-h,--help", "Show this text");
+    app_.fallthrough();
+    app_.footer(kExitStatuses);
+    addCommonOptions();
+    addStatus();
+    addAction(ControlRequest::Cmd::START, "start", "Start nodes");
+    addAction(ControlRequest::Cmd::STOP, "stop",
+              "Stop nodes; the running nodes that they require restart");
+    addAction(ControlRequest::Cmd::RESTART, "restart",
+              "Stop nodes if they run, and start them");
+    addAction(ControlRequest::Cmd::ENABLE, "enable",
+              "Allow nodes to be started; starts nothing without --now");
+    addAction(ControlRequest::Cmd::DISABLE, "disable",
+              "Stop nodes and refuse their starts");
+    addWait();
+    addWatching();
+    addHelpers();
+  }
+
+  int run(int argc, char** argv) {
+    try {
+      app_.parse(argc, argv);
+    } catch (const CLI::Success& wish) {
+      return app_.exit(wish);  // help or version
+    } catch (const CLI::ParseError& error) {
+      std::cerr << "vornctl: " << error.what() << "\nTry 'vornctl --help'.\n";
+      return kUsage;
+    }
+    Settings& settings = arguments_.settings;
+    settings.hasColours = mayColour(arguments_.colour);
+    settings.isInteractive =
+        ::isatty(STDIN_FILENO) == 1 && ::isatty(STDERR_FILENO) == 1;
+    const int status = command_();
+    std::cout.flush();
+    return status;
+  }
+
+ private:
+  void addCommonOptions() {
+    Settings& settings = arguments_.settings;
+    app_.add_option("--launch-file", settings.launchFile,
+                    "Read the names of the nodes here, not in the file that "
+                    "the launcher was started with")
+        ->envname("VORNCTL_LAUNCH_FILE")
+        ->type_name("FILE");
+    app_.add_option("--timeout", readDuration(settings.replyLimit),
+                    "How long to wait for each reply; by default twice what "
+                    "the launch file makes possible, and 30 s")
+        ->type_name("TIME");
+    app_.add_option("--connect-timeout", readDuration(settings.connectLimit),
+                    "How long to try to reach a busy launcher; by default as "
+                    "--timeout")
+        ->type_name("TIME");
+    app_.add_option("--socket", settings.socketPath,
+                    "The launcher's control socket")
+        ->type_name("PATH");
+    app_.add_flag("--trust-any-user", settings.trustAnyUser,
+                  "Talk to a launcher that is neither root's nor yours");
+    app_.add_option("--color", arguments_.colour,
+                    "Colours: auto (default), always or never")
+        ->transform(CLI::CheckedTransformer(
+            std::map<std::string, ColourMode>{{"auto", ColourMode::AUTO},
+                                              {"always", ColourMode::ALWAYS},
+                                              {"never", ColourMode::NEVER}}))
+        ->type_name("WHEN");
+    app_.add_flag("-q,--quiet", settings.isQuiet,
+                  "Say nothing but what goes wrong");
+  }
+
+  CLI::App* addCommand(const std::string& name, const std::string& what,
+                       std::function<ExitStatus(Session&)> command) {
+    CLI::App* const app = app_.add_subcommand(name, what);
+    app->callback([this, command = std::move(command)] {
+      command_ = [this, command] {
+        Session session(arguments_.settings);
+        return command(session);
+      };
+    });
+    return app;
+  }
+
+  CLI::Option* addNodes(CLI::App* app, const std::string& what) {
+    return app->add_option("NODE", arguments_.nodes, what)
+        ->type_name("NAME|PATTERN");
+  }
+
+  void addStatus() {
+    CLI::App* const app =
+        addCommand("status", "Show how nodes are", [this](Session& session) {
+          arguments_.status.nodes = arguments_.nodes;
+          arguments_.status.isJson = arguments_.isJson;
+          return showStatus(session, arguments_.status);
+        });
+    StatusOptions& options = arguments_.status;
+    addNodes(app, "Names or quoted patterns; all nodes if none are given");
+    auto* const json = app->add_flag("--json", arguments_.isJson, "Print JSON");
+    app->add_flag("--plain", options.isPlain,
+                  "Tabs between columns, bare words and numbers")
+        ->excludes(json);
+    app->add_flag("!--no-header", options.hasHeader, "No line of titles");
+    app->add_option("-o,--columns", options.columns,
+                    "Columns, with commas between: node, state, pid, uptime, "
+                    "started, policy, required, executable")
+        ->delimiter(',')
+        ->check(CLI::IsMember(statusColumns()))
+        ->type_name("COLUMNS")
+        ->excludes(json);
+  }
+
+  void addAction(ControlRequest::Cmd cmd, const std::string& name,
+                 const std::string& what) {
+    ActOptions& options = arguments_.act;
+    CLI::App* const app = addCommand(name, what, [this, cmd](Session& session) {
+      arguments_.act.cmd = cmd;
+      arguments_.act.nodes = arguments_.nodes;
+      if (arguments_.nodes.empty() != arguments_.act.isAll) {
+        session.complain(arguments_.act.isAll ? "--all leaves no nodes to name"
+                                              : "name a node, or say --all");
+        return kUsage;
+      }
+      return act(session, arguments_.act);
+    });
+    addNodes(app, "Names or quoted patterns");
+    app->add_flag("--all", options.isAll, "Every node of the launch file");
+    if (cmd == ControlRequest::Cmd::STOP ||
+        cmd == ControlRequest::Cmd::DISABLE) {
+      app->add_flag("-y,--yes", options.isConfirmed,
+                    "Do not ask before acting on all");
+    }
+    if (cmd == ControlRequest::Cmd::ENABLE) {
+      app->add_flag("--now", options.isStartedToo, "Start them as well");
+    }
+  }
+
+  void addWait() {
+    WaitOptions& options = arguments_.wait;
+    CLI::App* const app = addCommand(
+        "wait", "Wait until nodes are as wanted", [this](Session& session) {
+          arguments_.wait.nodes = arguments_.nodes;
+          arguments_.wait.limit = arguments_.settings.replyLimit;
+          return waitForNodes(session, arguments_.wait);
+        });
+    addNodes(app, "Names or quoted patterns")->required();
+    app->add_option("--state", options.goal,
+                    "running, stopped, disabled, or restarted: running with "
+                    "another start than now")
+        ->required()
+        ->transform(
+            CLI::CheckedTransformer(std::map<std::string, WaitOptions::Goal>{
+                {"running", WaitOptions::Goal::RUNNING},
+                {"stopped", WaitOptions::Goal::STOPPED},
+                {"disabled", WaitOptions::Goal::DISABLED},
+                {"restarted", WaitOptions::Goal::RESTARTED}}))
+        ->type_name("STATE");
+    app->add_option("--for", readDuration(options.heldFor),
+                    "How long it must last")
+        ->type_name("TIME");
+  }
+
+  void addWatching() {
+    CLI::App* const watch = addCommand(
+        "monitor", "Print a line for each change of a node",
+        [this](Session& session) {
+          return monitor(session, arguments_.nodes, arguments_.isJson);
+        });
+    addNodes(watch, "Names or quoted patterns; all nodes if none are given");
+    watch->add_flag("--json", arguments_.isJson, "A JSON document a line");
+    CLI::App* const screen =
+        addCommand("top", "Show all nodes on the whole screen, and act on them",
+                   [this](Session& session) {
+                     return showTop(session, arguments_.nodes);
+                   });
+    addNodes(screen, "Names or quoted patterns; all nodes if none are given");
+  }
+
+  void addHelpers() {
+    addCommand("ping", "Tell whether a launcher answers",
+               [](Session& session) { return ping(session); });
+    CLI::App* const names = addCommand(
+        "names", "Print the names of the nodes in the launch file",
+        [this](Session& session) {
+          return showNames(session, arguments_.isNulSeparated ? '\0' : '\n');
+        });
+    names->add_flag("-0,--null", arguments_.isNulSeparated,
+                    "A NUL after each name, not a new line");
+    CLI::App* const completion = addCommand(
+        "completion", "Print a script for tab completion", [this](Session&) {
+          std::cout << completionScript(arguments_.shell);
+          return kDone;
+        });
+    completion->add_option("SHELL", arguments_.shell, "bash, zsh or fish")
+        ->required()
+        ->check(CLI::IsMember({"bash", "zsh", "fish"}))
+        ->type_name("SHELL");
+    app_.add_subcommand("help", "Show this text")->callback([this] {
+      command_ = [this] {
+        std::cout << app_.help();
+        return kDone;
+      };
+    });
+  }
+
+  CLI::App app_{"Controls a running vornlaunch", "vornctl"};
+  Arguments arguments_;
+  std::function<ExitStatus()> command_;
+};
+
+}  // namespace
+
+int runCommandLine(int argc, char** argv, int cancel_fd) {
+  return CommandLine(cancel_fd).run(argc, argv);
+}
+
+}  // namespace vorn::launch

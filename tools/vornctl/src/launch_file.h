@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vorn::launch {
+
+/// A node as its launch file describes it.
+struct LaunchNode {
+  std::string name;
+  std::string executable;  // as the launcher runs it; may be relative to the
+                           // launcher's working folder
+  bool disabled = false;
+  bool oneshot = false;
+  bool autostart = true;
+  uint32_t sleepMs = 0;  // before each start
+  std::vector<std::string> required;
+};
+
+/// The nodes of one launch file that can be controlled, in file order: of
+/// several with one name the first alone is within reach.
+struct LaunchFile {
+  std::vector<LaunchNode> nodes;
+
+  /// The node of this name; null if there is none. Borrowed.
+  const LaunchNode* find(const std::string& name) const;
+};
+
+/// What the reading of a launch file depends on besides the file.
+struct LauncherSurroundings {
+  std::string binPath;      // VORN_BIN_PATH when the launcher started, or empty
+  std::string installRoot;  // what "install://" stands for, no slash at its end
+};
+
+/// Reads the launch file at `path` as a launcher in these surroundings does.
+/// Nothing if it cannot be read; `error` is then one sentence that tells why.
+std::optional<LaunchFile> readLaunchFile(
+    const std::string& path, const LauncherSurroundings& surroundings,
+    std::string& error);
+
+}  // namespace vorn::launch

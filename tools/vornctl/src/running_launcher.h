@@ -1,0 +1,56 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "launch_file.h"
+
+// What /proc tells of a running launcher. Everything here reads, and may fail
+// for want of permission: a launcher of another user shows its arguments only.
+
+namespace vorn::launch {
+
+/// A launcher and the nodes in its launch file.
+struct RunningLauncher {
+  pid_t pid = 0;           // 0: out of our sight
+  std::string launchFile;  // as it was given, for people
+  LaunchFile file;
+  bool hasChanged = false;  // the file is younger than the launcher
+  std::string root;         // the launcher's root folder as we reach it; empty
+                            // when it is our own
+  std::string folder;       // its working folder as we reach it
+};
+
+/// Finds out about the launcher `pid` and reads its launch file, or
+/// `launch_file` if that is not empty. Nothing if the nodes cannot be known;
+/// `error` is then a sentence that tells why and how to give them.
+std::optional<RunningLauncher> inspectLauncher(pid_t pid,
+                                               const std::string& launch_file,
+                                               std::string& error);
+
+/// Whether the executable of `node` is there, as the launcher sees it. Nothing
+/// if that cannot be known.
+std::optional<bool> executableExists(const RunningLauncher& launcher,
+                                     const LaunchNode& node);
+
+/// The launcher's children, zombies included, in no particular order. Nothing
+/// if they cannot be known.
+std::optional<std::vector<pid_t>> childrenOf(pid_t launcher);
+
+/// The name of the node that the process was started for, by its environment.
+/// Nothing if it has not executed its program yet, is no node's, or may not be
+/// asked.
+std::optional<std::string> nodeOf(pid_t process);
+
+/// Whether the pids that the launcher tells are ours as well: it is in our pid
+/// namespace.
+bool sharesPids(const RunningLauncher& launcher);
+
+/// Whether a process of this pid exists and is no zombie. True when the pids of
+/// the launcher mean nothing to us, being of another pid namespace.
+bool isProcessAlive(const RunningLauncher& launcher, pid_t pid);
+
+}  // namespace vorn::launch

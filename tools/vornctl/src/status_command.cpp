@@ -1,0 +1,245 @@
+#include "status_command.h"
+
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <iostream>
+#include <map>
+
+#include <nlohmann/json.hpp>
+
+#include "subjects.h"
+#include "text.h"
+
+namespace vorn::launch {
+namespace {
+
+// Grows when a member changes its meaning or goes; not when one is added.
+constexpr int kSchemaVersion = 1;
+constexpr std::chrono::minutes kReplyLimit{5};
+constexpr size_t kUsualColumns = 7;
+
+Colour colourOf(Condition condition) {
+  switch (condition) {
+    case Condition::RUNNING:
+      return Colour::GREEN;
+    case Condition::EXITING:
+    case Condition::STOPPING:
+    case Condition::RESTARTING:
+      return Colour::YELLOW;
+    case Condition::DISABLED:
+    case Condition::UNKNOWN_NODE:
+      return Colour::RED;
+    case Condition::STOPPED:
+    case Condition::NEVER_STARTED:
+      break;
+  }
+  return Colour::FAINT;
+}
+
+std::string orDash(const std::string& text) {
+  return text.empty() ? "-" : printable(text);
+}
+
+std::string orDash(int64_t number) {
+  return number == 0 ? "-" : std::to_string(number);
+}
+
+/// The cell of a column for a script: one word or number, "-" for none.
+Cell plainCellFor(const NodeView& view, const std::string& column) {
+  const bool runs = view.condition == Condition::RUNNING;
+  if (column == "uptime") {
+    return {runs ? std::to_string(view.uptimeSeconds) : "-"};
+  }
+  if (column == "started") return {orDash(view.startSeconds)};
+  if (column == "state") {
+    std::string word = wordFor(view.condition);
+    for (char& letter : word) {
+      if (letter == ' ') letter = '-';
+    }
+    return {word};
+  }
+  return {cellFor(view, column).text};
+}
+
+nlohmann::ordered_json jsonOf(const NodeView& view, const LaunchNode* node) {
+  const auto or_null = [](int64_t number) {
+    return number == 0 ? nlohmann::ordered_json()
+                       : nlohmann::ordered_json(number);
+  };
+  nlohmann::ordered_json json = {
+      {"name", view.name},
+      {"state", wordFor(view.state)},
+      {"condition", wordFor(view.condition)},
+      {"pid", or_null(view.pid)},
+      {"startSeconds", or_null(view.startSeconds)},
+      {"uptimeSeconds", view.condition == Condition::RUNNING
+                            ? nlohmann::ordered_json(view.uptimeSeconds)
+                            : nlohmann::ordered_json()},
+      {"restartInSeconds", view.condition == Condition::RESTARTING
+                               ? nlohmann::ordered_json(view.restartInSeconds)
+                               : nlohmann::ordered_json()},
+  };
+  if (node != nullptr) {
+    json["policy"] = {{"oneshot", node->oneshot},
+                      {"autostart", node->autostart},
+                      {"disabled", node->disabled}};
+    json["required"] = node->required;
+    json["executable"] = node->executable;
+  }
+  return json;
+}
+
+void printJson(const RunningLauncher& launcher,
+               const std::vector<NodeView>& views) {
+  nlohmann::ordered_json nodes = nlohmann::ordered_json::array();
+  for (const NodeView& view : views) {
+    nodes.push_back(jsonOf(view, launcher.file.find(view.name)));
+  }
+  const nlohmann::ordered_json document = {
+      {"schema", kSchemaVersion},
+      {"launcher",
+       {{"pid", launcher.pid},
+        {"launchFile", launcher.launchFile.empty()
+                           ? nlohmann::ordered_json()
+                           : nlohmann::ordered_json(launcher.launchFile)},
+        {"launchFileChanged", launcher.hasChanged}}},
+      {"nodes", nodes},
+  };
+  constexpr int kIndent = 2;
+  std::cout << document.dump(kIndent, ' ', false,
+                             nlohmann::json::error_handler_t::replace)
+            << '\n';
+}
+
+void printTable(const StatusOptions& options, bool has_colours,
+                const std::vector<NodeView>& views) {
+  std::vector<std::string> columns = options.columns;
+  if (columns.empty()) {
+    columns.assign(statusColumns().begin(),
+                   statusColumns().begin() + kUsualColumns);
+  }
+  Table table;
+  if (options.hasHeader) {
+    for (const std::string& title : columns) {
+      table.header.push_back(upperCase(title));
+    }
+  }
+  for (const NodeView& view : views) {
+    std::vector<Cell> row;
+    for (const std::string& column : columns) {
+      row.push_back(options.isPlain ? plainCellFor(view, column)
+                                    : cellFor(view, column));
+    }
+    table.rows.push_back(std::move(row));
+  }
+  if (options.isPlain) {
+    printPlain(std::cout, table);
+  } else {
+    printAligned(std::cout, table, has_colours);
+  }
+}
+
+}  // namespace
+
+const std::vector<std::string>& statusColumns() {
+  static const std::vector<std::string> columns = {
+      "node",    "state",  "pid",      "uptime",
+      "started", "policy", "required", "executable"};
+  return columns;
+}
+
+Cell cellFor(const NodeView& view, const std::string& column) {
+  if (column == "node") return {printable(view.name)};
+  if (column == "state") {
+    std::string word = wordFor(view.condition);
+    if (view.condition == Condition::RESTARTING) {
+      word += " in " + formatSpan(view.restartInSeconds);
+    }
+    return {word, colourOf(view.condition)};
+  }
+  if (column == "pid") return {orDash(view.pid)};
+  if (column == "uptime") {
+    return {view.condition == Condition::RUNNING
+                ? formatSpan(view.uptimeSeconds)
+                : "-"};
+  }
+  if (column == "started") return {formatTime(view.startSeconds)};
+  if (column == "policy") return {orDash(view.policy)};
+  if (column == "required") return {orDash(view.required)};
+  return {orDash(view.executable)};
+}
+
+ExitStatus showStatus(Session& session, const StatusOptions& options) {
+  const Subjects subjects = findSubjects(session, options.nodes);
+  if (subjects.status != kDone) return subjects.status;
+  const RunningLauncher& launcher = subjects.launcher;
+  ControlClient client = session.client(kReplyLimit, "asking the launcher");
+  std::vector<NodeView> views;
+  ExitStatus result = kDone;
+  for (const std::string& name : subjects.names) {
+    const StatusReply reply = client.status(name);
+    if (!reply.isDone()) {
+      session.complainAbout(name, reply, launcher.file);
+      result = exitStatusOf(reply.outcome);
+      if (reply.outcome != Outcome::NOT_FOUND &&
+          reply.outcome != Outcome::INVALID_NAME) {
+        return result;
+      }
+      continue;
+    }
+    views.push_back(viewOf(launcher, name, reply, std::time(nullptr)));
+    const bool runs = views.back().condition == Condition::RUNNING;
+    if (!runs && !options.nodes.empty() && result == kDone) {
+      result = kNotRunning;
+    }
+  }
+  session.clearActivity();
+  if (session.settings().isQuiet) return result;
+  if (options.isJson) {
+    printJson(launcher, views);
+  } else {
+    printTable(options, session.settings().hasColours, views);
+  }
+  return result;
+}
+
+ExitStatus showNames(Session& session, char separator) {
+  // With a launch file given no launcher is needed.
+  if (session.settings().launchFile.empty()) {
+    if (const ExitStatus status = session.findLauncher(); status != kDone) {
+      return status;
+    }
+  }
+  std::string error;
+  const RunningLauncher* const launcher = session.launcher(error);
+  if (launcher == nullptr) {
+    session.complain(error);
+    return kUsage;
+  }
+  for (const LaunchNode& node : launcher->file.nodes) {
+    std::cout << (separator == '\0' ? node.name : printable(node.name))
+              << separator;
+  }
+  return kDone;
+}
+
+ExitStatus ping(Session& session) {
+  const auto begin = std::chrono::steady_clock::now();
+  if (const ExitStatus status = session.findLauncher(); status != kDone) {
+    return status;
+  }
+  const std::chrono::duration<double, std::milli> elapsed =
+      std::chrono::steady_clock::now() - begin;
+  if (session.settings().isQuiet) return kDone;
+  char text[64];
+  (void)std::snprintf(text, sizeof(text), " answers in %.1f ms",
+                      elapsed.count());
+  const pid_t pid = session.launcherPid();
+  std::cout << (pid == 0 ? std::string("the launcher")
+                         : "launcher " + std::to_string(pid))
+            << text << '\n';
+  return kDone;
+}
+
+}  // namespace vorn::launch

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "exit_status.h"
+#include "node_view.h"
+#include "session.h"
+#include "table.h"
+
+namespace vorn::launch {
+
+struct StatusOptions {
+  std::vector<std::string> nodes;    // names and patterns; all if empty
+  std::vector<std::string> columns;  // of statusColumns(); empty: the usual
+  bool isJson = false;
+  bool isPlain = false;  // tabs, bare numbers
+  bool hasHeader = true;
+};
+
+/// The names of all columns, the usual ones first.
+const std::vector<std::string>& statusColumns();
+
+/// Shows how nodes are. kNotRunning when nodes were named and one of them does
+/// not run.
+ExitStatus showStatus(Session& session, const StatusOptions& options);
+
+/// The cell of a column for a person; `now` in seconds since the epoch.
+Cell cellFor(const NodeView& view, const std::string& column);
+
+/// Prints the names in the launch file, each followed by `separator`.
+ExitStatus showNames(Session& session, char separator);
+
+/// Tells which launcher answers, and how fast.
+ExitStatus ping(Session& session);
+
+}  // namespace vorn::launch

@@ -1,0 +1,349 @@
+#include "top.h"
+
+#include <ncurses.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <map>
+
+#include "deadline.h"
+#include "node_view.h"
+#include "operation.h"
+#include "status_command.h"
+#include "subjects.h"
+#include "text.h"
+#include "watcher.h"
+
+namespace vorn::launch {
+namespace {
+
+using Cmd = ControlRequest::Cmd;
+using std::chrono::milliseconds;
+
+constexpr milliseconds kRedraw{1000};  // what counts seconds
+constexpr int kFirstRow = 2;           // of the nodes, below summary and titles
+constexpr int kBelow = 2;              // message and keys
+constexpr char kKeys[] =
+    "Up/Down choose  s start  t stop  r restart  e enable  d disable  u update"
+    "  q quit";
+const char* const kColumns[] = {"node",   "state",  "pid",
+                                "uptime", "policy", "required"};
+
+/// The terminal in ncurses' hands, from its construction to its destruction.
+class Screen {
+ public:
+  explicit Screen(bool has_colours) {
+    screen_ = ::newterm(nullptr, stdout, stdin);
+    if (screen_ == nullptr) return;
+    (void)::cbreak();
+    (void)::noecho();
+    (void)nodelay(stdscr, true);
+    (void)::keypad(stdscr, true);
+    (void)::curs_set(0);
+    has_colours_ = has_colours && ::has_colors();
+    if (!has_colours_) return;
+    (void)::start_color();
+    (void)::use_default_colors();
+    for (const int colour : {COLOR_GREEN, COLOR_YELLOW, COLOR_RED}) {
+      const auto number = static_cast<short>(colour);
+      (void)::init_pair(number, number, -1);
+    }
+  }
+  ~Screen() {
+    if (screen_ == nullptr) return;
+    (void)::endwin();
+    ::delscreen(screen_);
+  }
+  Screen(const Screen&) = delete;
+  Screen& operator=(const Screen&) = delete;
+
+  bool isOpen() const { return screen_ != nullptr; }
+
+  attr_t attributeFor(Colour colour) const {
+    switch (colour) {
+      case Colour::GREEN:
+        return has_colours_ ? COLOR_PAIR(COLOR_GREEN) : A_NORMAL;
+      case Colour::YELLOW:
+        return has_colours_ ? COLOR_PAIR(COLOR_YELLOW) : A_NORMAL;
+      case Colour::RED:
+        return has_colours_ ? COLOR_PAIR(COLOR_RED) : A_NORMAL;
+      case Colour::FAINT:
+        return A_DIM;
+      case Colour::BOLD:
+        return A_BOLD;
+      case Colour::NONE:
+        break;
+    }
+    return A_NORMAL;
+  }
+
+ private:
+  SCREEN* screen_ = nullptr;
+  bool has_colours_ = false;
+};
+
+class Top {
+ public:
+  Top(Session& session, const Subjects& subjects, const Screen& screen)
+      : session_(session),
+        launcher_(subjects.launcher),
+        screen_(screen),
+        watcher_(session, subjects.launcher, subjects.names) {}
+
+  /// Until the end; `message` is what to say after the screen has been closed.
+  ExitStatus run(std::string& message) {
+    draw();
+    while (!is_done_) {
+      (void)watcher_.wait(kRedraw, STDIN_FILENO);
+      if (!watcher_.failure().isDone()) {
+        message = watcher_.failure().message;
+        return exitStatusOf(watcher_.failure().outcome);
+      }
+      is_known_ = true;
+      handleKeys();
+      if (lost_) {
+        message = lost_->message;
+        return exitStatusOf(lost_->outcome);
+      }
+      if (isCancelled()) return kDone;
+      draw();
+    }
+    return kDone;
+  }
+
+ private:
+  bool isCancelled() const {
+    pollfd watched{session_.settings().cancelFd, POLLIN, 0};
+    return ::poll(&watched, 1, 0) > 0;
+  }
+
+  size_t count() const { return watcher_.names().size(); }
+
+  size_t rowsOfNodes() const {
+    return static_cast<size_t>(std::max(1, LINES - kFirstRow - kBelow));
+  }
+
+  void handleKeys() {
+    for (int key = getch(); key != ERR && !is_done_ && !lost_; key = getch()) {
+      handleKey(key);
+    }
+  }
+
+  void handleKey(int key) {
+    message_.clear();
+    switch (key) {
+      case 'q':
+        is_done_ = true;
+        break;
+      case KEY_UP:
+      case 'k':
+        choose(-1);
+        break;
+      case KEY_DOWN:
+      case 'j':
+        choose(1);
+        break;
+      case KEY_PPAGE:
+        choose(-static_cast<long>(rowsOfNodes()));
+        break;
+      case KEY_NPAGE:
+        choose(static_cast<long>(rowsOfNodes()));
+        break;
+      case KEY_HOME:
+        choose(-static_cast<long>(count()));
+        break;
+      case KEY_END:
+        choose(static_cast<long>(count()));
+        break;
+      case 's':
+        act(Cmd::START);
+        break;
+      case 't':
+        act(Cmd::STOP);
+        break;
+      case 'r':
+        act(Cmd::RESTART);
+        break;
+      case 'e':
+        act(Cmd::ENABLE);
+        break;
+      case 'd':
+        act(Cmd::DISABLE);
+        break;
+      case 'u':
+        watcher_.suspectAll();
+        break;
+      default:
+        break;
+    }
+  }
+
+  void choose(long step) {
+    if (count() == 0) return;
+    const long last = static_cast<long>(count()) - 1;
+    chosen_ = static_cast<size_t>(
+        std::clamp(static_cast<long>(chosen_) + step, 0L, last));
+  }
+
+  void act(Cmd cmd) {
+    if (count() == 0) return;
+    const std::string& name = watcher_.names()[chosen_];
+    const OperationWords words = wordsFor(cmd);
+    ControlOptions options =
+        session_.client(defaultReplyLimit(launcher_.file, cmd, name)).options();
+    options.onWait = [&](milliseconds elapsed) {
+      message_ = std::string(words.doing) + ' ' + name + ' ' +
+                 std::to_string(elapsed.count() / 1000) +
+                 "s (Ctrl-C gives up waiting)";
+      draw();
+    };
+    ControlClient client(options);
+    const ControlReply reply = perform(client, cmd, name);
+    message_ = name + ": ";
+    if (reply.isDone()) {
+      message_ += words.done;
+    } else if (reply.outcome == Outcome::FAILED) {
+      message_ += std::string(words.command) +
+                  " failed: " + explainFailure(client, launcher_, name, cmd);
+    } else if (reply.outcome == Outcome::NOT_FOUND) {
+      message_ += "no such node";
+    } else {
+      lost_ = reply;
+    }
+    // The nodes that it requires may have been restarted with it.
+    watcher_.suspectAll();
+  }
+
+  std::vector<NodeView> views() const {
+    std::vector<NodeView> views;
+    const int64_t now = std::time(nullptr);
+    for (const std::string& name : watcher_.names()) {
+      views.push_back(viewOf(launcher_, name, watcher_.status(name), now));
+    }
+    return views;
+  }
+
+  void draw() {
+    (void)erase();
+    if (!is_known_) {
+      write(0, "asking the launcher ...", A_NORMAL);
+    } else {
+      const auto all = views();
+      write(0, summary(all), A_NORMAL);
+      drawNodes(all);
+    }
+    write(LINES - 2, printable(message_), A_BOLD);
+    write(LINES - 1, kKeys, A_DIM);
+    (void)refresh();
+  }
+
+  std::string summary(const std::vector<NodeView>& all) const {
+    std::map<std::string, size_t> counts;
+    for (const NodeView& view : all) ++counts[wordFor(view.condition)];
+    std::string text = "launcher ";
+    text += launcher_.pid == 0 ? "?" : std::to_string(launcher_.pid);
+    if (!launcher_.launchFile.empty()) {
+      text += "  " + printable(launcher_.launchFile);
+    }
+    text += "  " + std::to_string(all.size()) + " nodes";
+    for (const auto& [word, number] : counts) {
+      text += (word == counts.begin()->first ? ": " : ", ") +
+              std::to_string(number) + ' ' + word;
+    }
+    return text;
+  }
+
+  void drawNodes(const std::vector<NodeView>& all) {
+    const size_t rows = rowsOfNodes();
+    first_ =
+        std::clamp(first_, chosen_ < rows ? 0 : chosen_ - rows + 1, chosen_);
+    std::vector<std::vector<Cell>> lines;
+    std::vector<size_t> widths;
+    for (const char* const column : kColumns) {
+      widths.push_back(displayWidth(column));
+    }
+    for (const NodeView& view : all) {
+      std::vector<Cell> line;
+      for (size_t i = 0; i < widths.size(); ++i) {
+        line.push_back(cellFor(view, kColumns[i]));
+        widths[i] = std::max(widths[i], displayWidth(line.back().text));
+      }
+      lines.push_back(std::move(line));
+    }
+    std::vector<Cell> titles;
+    for (const char* const title : kColumns) {
+      titles.push_back({upperCase(title), Colour::BOLD});
+    }
+    drawLine(kFirstRow - 1, titles, widths, A_NORMAL);
+    for (size_t i = first_; i < lines.size() && i < first_ + rows; ++i) {
+      drawLine(kFirstRow + static_cast<int>(i - first_), lines[i], widths,
+               i == chosen_ ? A_REVERSE : A_NORMAL);
+    }
+  }
+
+  void drawLine(int row, const std::vector<Cell>& cells,
+                const std::vector<size_t>& widths, attr_t attribute) const {
+    int column = 0;
+    for (size_t i = 0; i < cells.size() && column < COLS; ++i) {
+      const auto room = static_cast<size_t>(COLS - column);
+      const std::string text = fitted(cells[i].text, std::min(room, widths[i]));
+      const auto kind = attribute | screen_.attributeFor(cells[i].colour);
+      (void)attrset(static_cast<int>(kind));
+      (void)mvaddstr(row, column, text.c_str());
+      (void)attrset(static_cast<int>(attribute));
+      column += static_cast<int>(displayWidth(text));
+      const int next =
+          column + static_cast<int>(widths[i] - displayWidth(text)) + 2;
+      for (; column < next && column < COLS; ++column) (void)addch(' ');
+    }
+    (void)attrset(A_NORMAL);
+  }
+
+  void write(int row, const std::string& text, attr_t attribute) const {
+    if (row < 0 || COLS <= 0) return;
+    (void)attrset(static_cast<int>(attribute));
+    (void)mvaddstr(row, 0, fitted(text, static_cast<size_t>(COLS)).c_str());
+    (void)attrset(A_NORMAL);
+  }
+
+  Session& session_;
+  const RunningLauncher& launcher_;
+  const Screen& screen_;
+  Watcher watcher_;
+  bool is_known_ = false;  // the launcher has answered for every node
+  bool is_done_ = false;
+  size_t chosen_ = 0;
+  size_t first_ = 0;  // the topmost node on the screen
+  std::string message_;
+  std::optional<ControlReply> lost_;  // the request after which to end
+};
+
+}  // namespace
+
+ExitStatus showTop(Session& session, const std::vector<std::string>& nodes) {
+  if (::isatty(STDIN_FILENO) != 1 || ::isatty(STDOUT_FILENO) != 1) {
+    session.complain("top needs a terminal; 'vornctl monitor' does without");
+    return kUsage;
+  }
+  const Subjects subjects = findSubjects(session, nodes);
+  if (subjects.status != kDone) return subjects.status;
+  std::string message;
+  ExitStatus status = kDone;
+  {
+    const Screen screen(session.settings().hasColours);
+    if (!screen.isOpen()) {
+      session.complain("this terminal is unknown; is TERM right?");
+      return kUsage;
+    }
+    status = Top(session, subjects, screen).run(message);
+  }
+  if (!message.empty()) session.complain(message);
+  return status;
+}
+
+}  // namespace vorn::launch

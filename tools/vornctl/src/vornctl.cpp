@@ -1,0 +1,48 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <clocale>
+#include <exception>
+#include <iostream>
+
+#include "command_line.h"
+#include "exit_status.h"
+
+namespace {
+
+int cancel_pipe[2] = {-1, -1};
+
+extern "C" void onStopSignal(int /*signal*/) {
+  // Never read: from the first signal on every wait ends at once. A full pipe
+  // is readable just as well.
+  (void)!::write(cancel_pipe[1], "", 1);
+}
+
+/// Lets SIGINT, SIGTERM and SIGHUP end what waits, in order: a client that is
+/// killed cannot say what became of its request. A second signal kills.
+bool armStopSignals() {
+  if (::pipe2(cancel_pipe, O_CLOEXEC | O_NONBLOCK) != 0) return false;
+  struct sigaction action {};
+  action.sa_handler = onStopSignal;
+  action.sa_flags = static_cast<int>(SA_RESETHAND);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    (void)::sigaction(signal, &action, nullptr);
+  }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  (void)std::setlocale(LC_CTYPE, "");
+  (void)::signal(SIGPIPE, SIG_DFL);  // a reader that has gone ends us silently
+  (void)armStopSignals();
+  try {
+    return vorn::launch::runCommandLine(argc, argv, cancel_pipe[0]);
+  } catch (const std::exception& failure) {
+    std::cerr << "vornctl: " << failure.what() << '\n';
+    return vorn::launch::kFailed;
+  }
+}
