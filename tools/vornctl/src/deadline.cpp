@@ -21,15 +21,14 @@ class Estimate {
   milliseconds ofStop(const std::string& name) {
     const LaunchNode* const node = file_.find(name);
     milliseconds sum = kStop;
-    // A node on the way here is no new stop; and once the sum is out of all
-    // bounds, the rest of the paths, which multiply, need not be walked.
+    // The paths multiply: what is out of all bounds need not be walked.
+    if (++stops_ > kLongest / kStop) return kLongest;
+    // A node on the way here is no new stop.
     if (node == nullptr || !on_path_.insert(name).second) return sum;
     for (const std::string& other : node->required) {
-      if (total_ > kLongest) break;
       if (other == name || file_.find(other) == nullptr) continue;
-      const milliseconds part = ofStop(other) + kPause + sleepOf(other);
-      total_ += part;
-      sum += part;
+      sum += ofStop(other) + kPause + sleepOf(other);
+      if (sum > kLongest) break;
     }
     on_path_.erase(name);
     return std::min(sum, kLongest);
@@ -43,7 +42,7 @@ class Estimate {
  private:
   const LaunchFile& file_;
   std::set<std::string> on_path_;
-  milliseconds total_{0};
+  int64_t stops_ = 0;
 };
 
 }  // namespace

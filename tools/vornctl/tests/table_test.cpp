@@ -1,0 +1,50 @@
+#include "table.h"
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <sstream>
+
+namespace vorn::launch {
+namespace {
+
+std::string aligned(const Table& table, bool has_colours) {
+  std::ostringstream out;
+  printAligned(out, table, has_colours);
+  return out.str();
+}
+
+TEST(TableTest, ColumnsAreAlignedAndLinesEndWithTheirLastText) {
+  EXPECT_NE(std::setlocale(LC_CTYPE, "C.UTF-8"), nullptr);
+  const Table table = {{"NODE", "PID"},
+                       {{{"camera"}, {"1"}}, {{"é"}, {""}}, {{""}, {"22"}}}};
+  EXPECT_EQ(aligned(table, false),
+            "NODE    PID\n"
+            "camera  1\n"
+            "é\n"
+            "        22\n");
+}
+
+TEST(TableTest, ColoursDoNotDisturbTheAlignment) {
+  const Table table = {{}, {{{"on", Colour::GREEN}, {"x"}}, {{"off"}, {"y"}}}};
+  EXPECT_EQ(aligned(table, true), "\x1b[32mon\x1b[0m   x\noff  y\n");
+  EXPECT_EQ(aligned(table, false), "on   x\noff  y\n");
+}
+
+TEST(TableTest, APlainOneHasTabsAndNothingElse) {
+  std::ostringstream out;
+  printPlain(out, {{"NODE", "PID"}, {{{"camera", Colour::RED}, {"1"}}}});
+  EXPECT_EQ(out.str(), "NODE\tPID\ncamera\t1\n");
+}
+
+TEST(TableTest, EveryColourHasItsSequenceAndEnds) {
+  EXPECT_EQ(coloured("x", Colour::NONE), "x");
+  EXPECT_EQ(coloured("", Colour::RED), "");
+  EXPECT_EQ(coloured("x", Colour::RED), "\x1b[31mx\x1b[0m");
+  EXPECT_EQ(coloured("x", Colour::YELLOW), "\x1b[33mx\x1b[0m");
+  EXPECT_EQ(coloured("x", Colour::FAINT), "\x1b[2mx\x1b[0m");
+  EXPECT_EQ(coloured("x", Colour::BOLD), "\x1b[1mx\x1b[0m");
+}
+
+}  // namespace
+}  // namespace vorn::launch
