@@ -10,7 +10,7 @@ set -euo pipefail
     nlohmann-json3-dev libncurses-dev)
   CONTROL_PACKAGES=(python3)  # for examples/control.py
   TEST_PACKAGES=(libgtest-dev libgmock-dev python3 python3-pytest
-    python3-pytest-xdist python3-hypothesis strace)
+    python3-pytest-xdist python3-hypothesis pkgconf strace)
   SHELL_PACKAGES=(tmux zsh fish)  # for the tests of vornctl
   SERVER_PACKAGES=(redis-server nginx mosquitto mosquitto-clients curl)
   CLANG_PACKAGES=(clang-14)

@@ -1,0 +1,241 @@
+"""python/vornctl.py against the real launcher, and against others in its place."""
+
+import importlib.util
+import os
+import pathlib
+import signal
+import socket
+import struct
+import threading
+
+import pytest
+
+from support.control import REQUEST, RESPONSE, Cmd, State
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2] / "python/vornctl.py"
+STAY = "sleep 1000 &\nwait"
+
+
+def load_module():
+    spec = importlib.util.spec_from_file_location("vornctl", SOURCE)
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    return module
+
+
+vornctl = load_module()
+
+
+@pytest.fixture(name="launcher")
+def fixture_launcher(machine):
+    """A client of a launcher with one node "worker" that runs."""
+    machine.script("worker", STAY)
+    machine.start({"vornnode": {"worker": {"path": "/tmp/bin/worker"}}})
+    # The path from here is too long for a socket; a link in /proc is not.
+    folder = os.open(machine.tmp / "vornlaunch", os.O_PATH)
+    yield vornctl.Launcher(f"/proc/self/fd/{folder}/vornlaunch.sock")
+    os.close(folder)
+
+
+@pytest.fixture(name="server")
+def fixture_server():
+    """A listening socket in the launcher's place; address in the abstract
+    namespace."""
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listening:
+        listening.bind(f"\0vornctl-test-{os.getpid()}-{id(listening)}")
+        listening.listen(1)
+        yield listening
+
+
+def answering(server, *replies):
+    """A client of `server`, which answers each request with these bytes; None
+    leaves the connection open without an answer."""
+    kept = []
+
+    def serve():
+        for reply in replies:
+            connection, _ = server.accept()
+            connection.recv(REQUEST.size)
+            if reply is None:
+                kept.append(connection)
+            else:
+                with connection:
+                    connection.sendall(reply)
+
+    threading.Thread(target=serve, daemon=True).start()
+    return vornctl.Launcher(server.getsockname(), reply_limit=60)
+
+
+def reply(result=0, pid=0, state=0, start=0):
+    return RESPONSE.pack(result, 0, pid, state, start)
+
+
+# -- The six commands.
+
+
+def test_status_tells_state_pid_and_last_start(machine, launcher):
+    expected = machine.status("worker")
+    assert launcher.status("worker") == vornctl.Status(
+        vornctl.State.RUNNING, expected.pid, expected.start_seconds
+    )
+
+
+def test_stop_and_start_act_on_the_node(machine, launcher):
+    launcher.stop("worker")
+    machine.wait_for_state("worker", State.STOPPED)
+    launcher.start("worker")
+    machine.wait_for_state("worker", State.RUNNING)
+
+
+def test_restart_gives_the_node_a_new_process(machine, launcher):
+    before = machine.status("worker").pid
+    launcher.restart("worker")
+    assert machine.status("worker").pid not in (0, before)
+
+
+def test_disable_refuses_starts_until_enable(machine, launcher):
+    launcher.disable("worker")
+    with pytest.raises(vornctl.Failed):
+        launcher.start("worker")
+    launcher.enable("worker")
+    launcher.start("worker")
+    assert machine.status("worker").state == State.RUNNING
+
+
+def test_an_unknown_node_is_an_exception(launcher):
+    with pytest.raises(vornctl.NotFound, match="ghost"):
+        launcher.status("ghost")
+
+
+def test_the_launcher_sees_a_client_that_closes_at_once(machine, launcher):
+    for _ in range(50):
+        launcher.status("worker")
+    assert machine.log_lines("poll timeout") == []
+
+
+def test_many_calls_leave_no_descriptor_open(launcher):
+    before = os.listdir("/proc/self/fd")
+    for _ in range(1000):
+        launcher.status("worker")
+    assert len(os.listdir("/proc/self/fd")) == len(before)
+
+
+# -- What is sent.
+
+
+def test_the_request_is_the_command_and_the_name(server):
+    received = []
+
+    def serve():
+        connection, _ = server.accept()
+        with connection:
+            received.append(connection.recv(4096))
+            connection.sendall(reply())
+
+    thread = threading.Thread(target=serve)
+    thread.start()
+    vornctl.Launcher(server.getsockname()).enable("plänner")
+    thread.join()
+    assert received == [REQUEST.pack(Cmd.ENABLE, "plänner".encode())]
+
+
+def test_a_name_of_127_bytes_is_sent_and_one_of_128_is_not(server):
+    client = answering(server, reply())
+    client.start("n" * 127)
+    with pytest.raises(vornctl.InvalidName, match="127 bytes; this one has 128"):
+        client.start("n" * 128)
+
+
+def test_a_name_with_a_nul_is_not_sent():
+    with pytest.raises(vornctl.InvalidName, match="no NUL byte"):
+        vornctl.Launcher("/nonexistent").start("a\0b")
+
+
+def test_signals_are_held_off_while_connected_and_not_sent(server, monkeypatch):
+    masks = []
+    original = vornctl.Launcher._check_user
+
+    def check(self, client):
+        masks.append(signal.pthread_sigmask(signal.SIG_BLOCK, []))
+        original(self, client)
+
+    monkeypatch.setattr(vornctl.Launcher, "_check_user", check)
+    before = signal.pthread_sigmask(signal.SIG_BLOCK, [])
+    answering(server, reply()).start("worker")
+    assert masks[0] >= {signal.SIGTSTP, signal.SIGTERM, signal.SIGINT}
+    assert signal.pthread_sigmask(signal.SIG_BLOCK, []) == before
+
+
+# -- What can go wrong.
+
+
+def test_no_socket_is_no_launcher():
+    with pytest.raises(vornctl.NoLauncher, match="No such file"):
+        vornctl.Launcher("/nonexistent").status("worker")
+
+
+def test_a_socket_that_nobody_listens_on_is_no_launcher(tmp_path):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as left:
+        folder = os.open(tmp_path, os.O_PATH)
+        path = f"/proc/self/fd/{folder}/left"
+        left.bind(path)
+    with pytest.raises(vornctl.NoLauncher, match="refused"):
+        vornctl.Launcher(path).status("worker")
+    os.close(folder)
+
+
+def test_a_full_queue_is_given_up_after_the_limit(server):
+    server.listen(0)
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as waiting:
+        waiting.connect(server.getsockname())
+        client = vornctl.Launcher(server.getsockname(), connect_limit=0.2)
+        with pytest.raises(vornctl.NotSent, match="nothing was sent"):
+            client.start("worker")
+
+
+def test_a_listener_of_another_user_is_refused(server, monkeypatch):
+    monkeypatch.setattr(vornctl, "_CREDENTIALS", OtherUser)
+    client = vornctl.Launcher(server.getsockname())
+    with pytest.raises(vornctl.Untrusted, match="user 4242, neither root nor you"):
+        client.start("worker")
+    connection, _ = server.accept()
+    with connection:
+        assert connection.recv(1) == b""
+
+
+class OtherUser:
+    """Unpacks credentials as those of another user."""
+
+    size = struct.calcsize("=iII")
+
+    @staticmethod
+    def unpack(_):
+        return (1, 4242, 4242)
+
+
+@pytest.mark.parametrize(
+    "bytes_, error, text",
+    [
+        (b"", "UnknownOutcome", "hung up without a reply; the request was"),
+        (reply()[:23], "ProtocolError", "after 23 of 24 bytes; the request was"),
+        (reply(result=3), "ProtocolError", "unknown result 3; the request was"),
+        (reply(state=4), "ProtocolError", "the state 4"),
+        (reply(result=1), "NotFound", "worker"),
+        (reply(result=2), "Failed", "worker"),
+    ],
+)
+def test_a_bad_reply_is_an_exception(server, bytes_, error, text):
+    with pytest.raises(getattr(vornctl, error), match=text):
+        answering(server, bytes_).status("worker")
+
+
+def test_a_reply_is_24_bytes_whatever_follows(server):
+    client = answering(server, reply(pid=7, state=1) + b"more")
+    assert client.status("worker").pid == 7
+
+
+def test_no_reply_in_time_leaves_the_outcome_unknown(server):
+    client = answering(server, None)
+    client.reply_limit = 0.2
+    with pytest.raises(vornctl.UnknownOutcome, match="may still take effect"):
+        client.stop("worker")
