@@ -30,8 +30,8 @@ esac
 launch_file=${1:-$demo/launch.yaml}
 [[ -e $launch_file ]] || die "no launch file $launch_file"
 
-install_packages "${BUILD_PACKAGES[@]}" "${CONTROL_PACKAGES[@]}"
-(cd "$root" && configure_build release && build release --target vornlaunch)
+install_packages "${BUILD_PACKAGES[@]}"
+(cd "$root" && configure_build release && build release --target vornlaunch vornctl)
 
 # The demo's programs stand beside its launch file.
 if [[ $launch_file -ef $demo/launch.yaml ]]; then

@@ -8,7 +8,6 @@ set -euo pipefail
 {
   BUILD_PACKAGES=(build-essential cmake libyaml-cpp-dev procps libcli11-dev
     nlohmann-json3-dev libncurses-dev)
-  CONTROL_PACKAGES=(python3)  # for examples/control.py
   TEST_PACKAGES=(libgtest-dev libgmock-dev python3 python3-pytest
     python3-pytest-xdist python3-hypothesis pkgconf strace)
   SHELL_PACKAGES=(tmux zsh fish)  # for the tests of vornctl
