@@ -279,7 +279,9 @@ class CommandLine {
         ->type_name("SHELL");
     app_.add_subcommand("help", "Show this text")->callback([this] {
       command_ = [this] {
-        std::cout << app_.help();
+        // Not app_.help(), which is that of the command "help".
+        std::cout << app_.get_formatter()->make_help(
+            &app_, app_.get_name(), CLI::AppFormatMode::Normal);
         return kDone;
       };
     });

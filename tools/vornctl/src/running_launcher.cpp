@@ -1,6 +1,7 @@
 #include "running_launcher.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -233,7 +234,8 @@ bool sharesPids(const RunningLauncher& launcher) {
 bool isProcessAlive(const RunningLauncher& launcher, pid_t pid) {
   if (!sharesPids(launcher)) return true;
   const auto text = readAll(procFile(pid, "stat"));
-  if (!text) return false;
+  // A /proc that hides the processes of others tells nothing of a living one.
+  if (!text) return ::kill(pid, 0) == 0 || errno == EPERM;
   const size_t name_end = text->rfind(')');
   return name_end == std::string::npos || name_end + 2 >= text->size() ||
          (*text)[name_end + 2] != 'Z';
