@@ -178,6 +178,11 @@ class Machine:
                 environment[name] = value
         return environment
 
+    def environment(self, changes):
+        """The environment of a command in the machine, for `changes` as for
+        start()."""
+        return self._environment(changes, False)
+
     def wait_until_up(self):
         """Waits until the control socket answers, after the start of all
         nodes."""
@@ -365,7 +370,7 @@ class Machine:
         return subprocess.run(
             self.enter(*command), input=stdin, stdout=subprocess.PIPE,
             stderr=stderr, check=check, timeout=timeout, encoding="utf-8",
-            env=self._environment(environment or {}, False),
+            env=self.environment(environment or {}),
         )
 
     def shut_down(self):

@@ -1,0 +1,108 @@
+"""Running vornctl in other ways than to its end on pipes."""
+
+import contextlib
+import os
+import pathlib
+import pty
+import select
+import signal
+import subprocess
+import time
+
+from support.waiting import PATIENCE, eventually
+
+VORNCTL = "/tmp/install/bin/vornctl"
+
+
+def read_terminal(terminal, until=None):
+    """What is written to the terminal until this text, or to the end."""
+    text = b""
+    deadline = time.monotonic() + PATIENCE
+    while until is None or until not in text.decode(errors="replace"):
+        ready, _, _ = select.select([terminal], [], [], PATIENCE)
+        assert ready and time.monotonic() < deadline, f"only {text!r} came"
+        try:
+            piece = os.read(terminal, 4096)
+        except OSError:  # EIO: nobody has the other end open
+            break
+        if not piece:
+            break
+        text += piece
+    return text.decode(errors="replace")
+
+
+def on_terminal(machine, *arguments, question=None, answer=None, environment=None):
+    """Runs vornctl on a terminal, answers the `question`, and returns the exit
+    status and all that was shown."""
+    terminal, other_end = pty.openpty()
+    environment = {"TERM": "xterm", **(environment or {})}
+    process = subprocess.Popen(
+        machine.enter(VORNCTL, *arguments),
+        stdin=other_end, stdout=other_end, stderr=other_end,
+        env=machine.environment(environment),
+    )
+    os.close(other_end)
+    shown = ""
+    if question is not None:
+        shown = read_terminal(terminal, until=question)
+        os.write(terminal, answer.encode())
+    shown += read_terminal(terminal)
+    os.close(terminal)
+    return process.wait(timeout=PATIENCE), shown
+
+
+class Running:
+    """A vornctl that runs in the machine, with pipes for its output."""
+
+    def __init__(self, machine, arguments, environment, wrapper):
+        self.popen = subprocess.Popen(
+            machine.enter(*wrapper, VORNCTL, *arguments),
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE, encoding="utf-8",
+            env=machine.environment(environment),
+        )
+        self.host_pid = eventually(self._find, "vornctl runs")
+
+    def _find(self):
+        """nsenter's child, once it is vornctl."""
+        own = self.popen.pid
+        children = pathlib.Path(f"/proc/{own}/task/{own}/children")
+        try:
+            for pid in children.read_text(encoding="ascii").split():
+                name = pathlib.Path(f"/proc/{pid}/comm").read_text(encoding="ascii")
+                if name == "vornctl\n":
+                    return int(pid)
+        except (FileNotFoundError, ProcessLookupError):
+            pass
+        assert self.popen.poll() is None, self.popen.communicate()
+        return None
+
+    def line(self):
+        """The next line of its output, without the line's end."""
+        ready, _, _ = select.select([self.popen.stdout], [], [], PATIENCE)
+        assert ready, "no line came"
+        return self.popen.stdout.readline().rstrip("\n")
+
+    def signal(self, number):
+        os.kill(self.host_pid, number)
+
+    def end(self):
+        """Waits for its end; returns its exit status, a signal's number
+        negative, and the rest of its output and errors."""
+        out, err = self.popen.communicate(timeout=PATIENCE)
+        return self.popen.returncode, out, err
+
+
+@contextlib.contextmanager
+def running(machine, *arguments, environment=None, wrapper=()):
+    """A vornctl that has been started and is killed in the end."""
+    client = Running(machine, arguments, environment or {}, wrapper)
+    try:
+        yield client
+    finally:
+        if client.popen.poll() is None:
+            with contextlib.suppress(ProcessLookupError):
+                client.signal(signal.SIGKILL)
+        client.popen.stdout.close()
+        client.popen.stderr.close()
+        client.popen.wait()

@@ -1,0 +1,451 @@
+"""vornctl tells how the nodes are, whose names it finds by itself."""
+
+import json
+import os
+import signal
+import time
+
+import pytest
+
+from support.control import Cmd, State
+from support.trace import injected
+from support.vornctl import VORNCTL, on_terminal
+from support.waiting import eventually
+
+NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
+AS_A_COMMAND = ["unshare", "--mount", "sh", "-c"]
+
+
+def stay(machine, **nodes):
+    """A launch file with these nodes, whose program runs until it is stopped."""
+    path = machine.script("stay", "exec sleep 1000")
+    return {"vornnode": {name: {"path": path, **keys}
+                         for name, keys in nodes.items()}}
+
+
+@pytest.fixture(name="robot")
+def fixture_robot(machine):
+    """A machine with three running nodes."""
+    return machine.start(stay(
+        machine, camera={"required": ["lidar"]}, lidar={}, planner={}))
+
+
+def rows(text):
+    """The words of each line."""
+    return [line.split() for line in text.splitlines()]
+
+
+def plain(machine, *arguments, **options):
+    """The lines of `status --plain`, each as a list of its columns."""
+    text = machine.vornctl("status", "--plain", *arguments, **options).stdout
+    return [line.split("\t") for line in text.splitlines()]
+
+
+def condition(machine, name):
+    """The word for the state of a node."""
+    done = machine.vornctl("status", name, "--plain", "-o", "state",
+                           "--no-header")
+    assert done.stderr == ""
+    return done.stdout.rstrip("\n")
+
+
+def test_without_names_all_nodes_are_shown_in_the_order_of_the_file(robot):
+    shown = robot.vornctl("status")
+    assert (shown.returncode, shown.stderr) == (0, "")
+    header, *lines = rows(shown.stdout)
+    assert header == [
+        "NODE", "STATE", "PID", "UPTIME", "STARTED", "POLICY", "REQUIRED"]
+    assert [line[:3] for line in lines] == [
+        [name, "running", str(robot.status(name).pid)]
+        for name in ("camera", "lidar", "planner")]
+    assert [line[-2:] for line in lines] == [
+        ["restart", "lidar"], ["restart", "-"], ["restart", "-"]]
+
+
+def test_names_and_patterns_select_each_node_once_in_file_order(robot):
+    shown = plain(robot, "planner", "*a*", "camera", "--no-header", "-o", "node")
+    assert shown == [["camera"], ["lidar"], ["planner"]]
+    assert plain(robot, "[lp]*", "--no-header", "-o", "node") == [
+        ["lidar"], ["planner"]]
+
+
+def test_json_holds_the_launcher_and_every_node(robot):
+    document = json.loads(robot.vornctl("status", "camera", "--json").stdout)
+    camera = robot.status("camera")
+    [node] = document["nodes"]
+    assert 0 <= node.pop("uptimeSeconds") <= time.time() - camera.start_seconds + 1
+    assert document == {
+        "schema": 1,
+        "launcher": {"pid": robot.pid, "launchFile": "/tmp/launch.yaml",
+                     "launchFileChanged": False},
+        "nodes": [{
+            "name": "camera", "state": "running", "condition": "running",
+            "pid": camera.pid, "startSeconds": camera.start_seconds,
+            "restartInSeconds": None,
+            "policy": {"oneshot": False, "autostart": True, "disabled": False},
+            "required": ["lidar"], "executable": "/tmp/bin/stay"}],
+    }
+
+
+def test_plain_has_tabs_and_bare_numbers(robot):
+    header, camera = plain(robot, "camera")
+    status = robot.status("camera")
+    assert header == [
+        "NODE", "STATE", "PID", "UPTIME", "STARTED", "POLICY", "REQUIRED"]
+    assert camera[:3] == ["camera", "running", str(status.pid)]
+    assert camera[3].isdigit()
+    assert camera[4:] == [str(status.start_seconds), "restart", "lidar"]
+
+
+def test_columns_are_shown_as_they_are_asked_for(robot):
+    shown = robot.vornctl("status", "lidar", "-o", "executable,node,pid")
+    assert rows(shown.stdout) == [
+        ["EXECUTABLE", "NODE", "PID"],
+        ["/tmp/bin/stay", "lidar", str(robot.status("lidar").pid)]]
+    unknown = robot.vornctl("status", "-o", "node,colour")
+    assert (unknown.returncode, unknown.stdout) == (2, "")
+    assert "colour" in unknown.stderr
+
+
+def test_quiet_leaves_the_answer_to_the_exit_status(robot):
+    robot.request(Cmd.STOP, "lidar")
+    for names, status in [(["camera"], 0), (["lidar"], 3), ([], 0)]:
+        done = robot.vornctl("status", "-q", *names)
+        assert (done.returncode, done.stdout, done.stderr) == (status, "", "")
+
+
+def test_a_named_node_that_does_not_run_makes_the_exit_status_3(robot):
+    robot.request(Cmd.STOP, "lidar")
+    assert robot.vornctl("status", "camera", "lidar").returncode == 3
+    assert robot.vornctl("status", "camera", "planner").returncode == 0
+    assert robot.vornctl("status").returncode == 0
+
+
+def test_an_unknown_name_is_told_with_the_nearest_and_the_others_are_shown(robot):
+    done = robot.vornctl("status", "camrea", "lidar", "-o", "node", "--no-header")
+    assert (done.returncode, done.stdout) == (4, "lidar\n")
+    assert done.stderr == (
+        "vornctl: camrea: no such node; did you mean 'camera'?\n")
+    done = robot.vornctl("status", "something else")
+    assert done.returncode == 4
+    assert done.stderr == "vornctl: something else: no such node\n"
+
+
+def test_a_pattern_that_matches_nothing_is_an_error_that_says_to_quote(robot):
+    for command in ["status", "stop", "enable", "monitor"]:
+        done = robot.vornctl(command, "camera", "x*")
+        assert (done.returncode, done.stdout) == (4, "")
+        assert done.stderr == (
+            "vornctl: no node matches 'x*'; quote patterns, so that the shell "
+            "leaves them alone\n")
+    assert robot.status("camera").state == State.RUNNING
+
+
+# -- The states, and what follows from the other values.
+
+
+def test_the_states_without_a_process_have_a_word_each(machine):
+    machine.start(stay(machine, manual={"autostart": False}, stopped={},
+                       disabled={}, refused={"disabled": True}))
+    machine.request(Cmd.STOP, "stopped")
+    machine.request(Cmd.DISABLE, "disabled")
+    # Both are collected right after the replies.
+    eventually(lambda: machine.status("stopped").pid == 0, "it is collected")
+    eventually(lambda: machine.status("disabled").pid == 0, "it is collected")
+    shown = plain(machine, "--no-header", "-o", "node,state,pid,uptime,policy")
+    assert shown == [
+        ["manual", "never-started", "-", "-", "manual"],
+        ["stopped", "stopped", "-", "-", "restart"],
+        ["disabled", "disabled", "-", "-", "restart"],
+        ["refused", "never-started", "-", "-", "restart"]]
+    lines = machine.vornctl("status", "manual", "-o", "state,started,node")
+    assert lines.stdout.splitlines()[1] == "never started  never    manual"
+
+
+def test_a_restarting_node_shows_the_seconds_until_its_restart(machine):
+    path = machine.script("crasher", "exit 1")
+    machine.start({"vornnode": {"crasher": {"path": path}}})
+
+    def shown():
+        status = machine.status("crasher")
+        done = machine.vornctl("status", "--json", "crasher")
+        now = time.time()
+        [node] = json.loads(done.stdout)["nodes"]
+        text = machine.vornctl("status", "crasher", "-o", "state").stdout
+        same = machine.status("crasher") == status
+        if not same or status.state != State.RESTARTING:
+            return None  # it was started meanwhile
+        return status.start_seconds, node, now, text
+
+    start, node, now, text = eventually(shown, "the node waits for its restart")
+    assert (node["state"], node["condition"]) == ("restarting", "restarting")
+    assert 0 <= node["restartInSeconds"] <= 5
+    assert start + 5 - now - 1 <= node["restartInSeconds"]
+    assert text.splitlines()[1].rstrip() in [
+        f"restarting in {left}s" for left in range(6)]
+
+
+def test_a_stopped_node_whose_process_is_not_collected_is_stopping(machine):
+    machine.start(stay(machine, camera={}),
+                  strace=injected("waitid:error=ECHILD:when=1+"))
+    machine.request(Cmd.STOP, "camera")
+    assert machine.status("camera").pid != 0
+    assert condition(machine, "camera") == "stopping"
+
+
+def test_a_running_node_whose_process_is_dead_is_exiting(machine):
+    machine.start(stay(machine, camera={}),
+                  strace=injected("waitid:error=ECHILD:when=1+"))
+    assert condition(machine, "camera") == "running"
+    machine.child("camera", ["sleep", "1000"]).signal(signal.SIGKILL)
+    eventually(lambda: condition(machine, "camera") == "exiting",
+               "the dead node is exiting")
+    assert machine.status("camera").state == State.RUNNING
+
+
+# -- Colours.
+
+
+def is_coloured(text):
+    return "\x1b[32mrunning\x1b[0m" in text
+
+
+def test_colours_are_for_terminals(robot):
+    assert is_coloured(on_terminal(robot, "status")[1])
+    assert "\x1b" not in robot.vornctl("status").stdout
+
+
+@pytest.mark.parametrize("environment", [
+    {"NO_COLOR": "1"}, {"TERM": "dumb"}, {"TERM": None}], ids=str)
+def test_a_terminal_without_colours_gets_none(robot, environment):
+    status, shown = on_terminal(robot, "status", environment=environment)
+    assert status == 0 and "running" in shown
+    assert "\x1b" not in shown
+
+
+def test_colours_can_be_demanded_and_refused(robot):
+    assert is_coloured(robot.vornctl("status", "--color=always").stdout)
+    shown = on_terminal(robot, "status", "--color=never")[1]
+    assert "running" in shown and "\x1b" not in shown
+
+
+def test_a_name_cannot_speak_to_the_terminal(machine):
+    name = "bell\x07\nline"
+    machine.start(stay(machine, **{name: {}}))
+    assert plain(machine, "-o", "node", "--no-header") == [["bell\\x07\\x0aline"]]
+    assert machine.vornctl("stop", name + "x").stderr == (
+        "vornctl: bell\\x07\\x0alinex: no such node; did you mean "
+        "'bell\\x07\\x0aline'?\n")
+    assert machine.vornctl("names", "-0").stdout == name + "\0"
+
+
+# -- Where the names come from.
+
+
+def names(machine, *arguments, **options):
+    done = machine.vornctl("names", *arguments, **options)
+    assert (done.returncode, done.stderr) == (0, "")
+    return done.stdout.split()
+
+
+def test_names_come_from_the_file_that_the_launcher_was_started_with(machine):
+    # A name given twice is one that can be reached; one without a path is none.
+    machine.start(
+        "vornnode:\n  b: {path: /bin/true}\n  a: {path: /bin/true}\n"
+        "  none: {argv: x}\n  b: {path: /bin/false}\n")
+    assert names(machine) == ["b", "a"]
+    assert machine.vornctl("names", "--null").stdout == "b\0a\0"
+
+
+def test_a_relative_launch_file_is_found_in_the_launchers_folder(machine):
+    machine.launch_file(stay(machine, camera={}))
+    machine.start(arguments=["./bin/../launch.yaml"])
+    assert names(machine) == ["camera"]
+
+
+def test_a_relative_executable_is_looked_for_in_the_launchers_folder(machine):
+    machine.script("stay", "exec sleep 1000")
+    machine.start({"vornnode": {"there": {"path": "bin/stay"},
+                                "missing": {"path": "bin/none"}}})
+    done = machine.vornctl("start", "missing")
+    assert done.returncode == 1
+    assert "its executable bin/none is missing" in done.stderr
+    machine.request(Cmd.DISABLE, "there")
+    assert "it is disabled" in machine.vornctl("start", "there").stderr
+
+
+def test_another_launch_file_can_be_named(robot):
+    other = robot.file("other.yaml", "vornnode: {lidar: {path: /bin/x}}")
+    third = robot.file("third.yaml", "vornnode: {planner: {path: /bin/x}}")
+    environment = {"VORNCTL_LAUNCH_FILE": other}
+    assert names(robot, "--launch-file", other) == ["lidar"]
+    assert names(robot, environment=environment) == ["lidar"]
+    assert names(robot, "--launch-file", third, environment=environment) == [
+        "planner"]
+    assert plain(robot, "-o", "node,state", "--no-header",
+                 environment=environment) == [["lidar", "running"]]
+
+
+def test_names_of_a_named_launch_file_need_no_launcher(machine):
+    # A launcher that has ended at once, so that there is the machine alone.
+    machine.start(arguments=[], wait_until_up=False)
+    machine.wait()
+    other = machine.file("other.yaml", "vornnode: {lidar: {path: /bin/x}}")
+    assert names(machine, "--launch-file", other) == ["lidar"]
+
+
+def test_a_file_changed_after_the_start_is_told_once(robot):
+    path = robot.tmp / "launch.yaml"
+    os.utime(path, (time.time() + 5, time.time() + 5))
+    for command in [["status", "camera", "lidar"], ["stop", "*a*"]]:
+        done = robot.vornctl(*command)
+        assert done.returncode == 0
+        assert done.stderr == (
+            "vornctl: the launch file /tmp/launch.yaml was changed after the "
+            "launcher started; what is shown of it may not be what runs\n")
+    shown = robot.vornctl("status", "--json").stdout
+    assert json.loads(shown)["launcher"]["launchFileChanged"] is True
+
+
+def test_without_the_launch_file_it_says_how_to_give_it(robot):
+    (robot.tmp / "launch.yaml").unlink()
+    for command in [["status"], ["names"], ["stop", "cam*"], ["start", "--all"],
+                    ["monitor"]]:
+        done = robot.vornctl(*command)
+        assert (done.returncode, done.stdout) == (2, "")
+        assert done.stderr == (
+            "vornctl: cannot read the launch file /tmp/launch.yaml; name it by "
+            "--launch-file or VORNCTL_LAUNCH_FILE\n")
+
+
+def test_without_the_launch_file_nodes_can_be_named(robot):
+    (robot.tmp / "launch.yaml").unlink()
+    assert condition(robot, "camera") == "running"
+    done = robot.vornctl("stop", "lidar")
+    assert (done.returncode, done.stdout, done.stderr) == (
+        0, "lidar: stopped\n", "")
+    assert robot.vornctl("stop", "lidra").stderr == (
+        "vornctl: lidra: no such node\n")
+
+
+def test_a_wrong_launch_file_is_told_with_its_line(robot):
+    other = robot.file("other.yaml", "vornnode: {\n")
+    done = robot.vornctl("names", "--launch-file", other)
+    assert done.returncode == 2
+    assert "the launch file /tmp/other.yaml is wrong: " in done.stderr
+    assert "line 2" in done.stderr
+
+
+def test_a_launcher_in_another_mount_namespace_shows_its_own_files(machine):
+    machine.script("inner/stay", "exec sleep 1000")
+    machine.file("inner/launch.yaml", json.dumps({"vornnode": {
+        "camera": {"path": "/mnt/stay"}, "gone": {"path": "/mnt/none"}}}))
+    mount = "mount --bind /tmp/inner /mnt && exec \"$@\""
+    (machine.tmp / "bin/inner/stay").rename(machine.tmp / "inner/stay")
+    machine.start(arguments=["/mnt/launch.yaml"],
+                  wrapper=[*AS_A_COMMAND, mount, "sh"])
+    assert machine.execute("test", "-e", "/mnt/launch.yaml").returncode == 1
+    assert names(machine) == ["camera", "gone"]
+    assert "/mnt/none is missing" in machine.vornctl("start", "gone").stderr
+    machine.request(Cmd.DISABLE, "camera")
+    assert "it is disabled" in machine.vornctl("start", "camera").stderr
+
+
+def test_a_relative_file_in_another_mount_namespace_is_found(machine):
+    machine.file("inner/launch.yaml", json.dumps(stay(machine, camera={})))
+    mount = "mount --bind /tmp/inner /mnt && cd /mnt && exec \"$@\""
+    machine.start(arguments=["launch.yaml"],
+                  wrapper=[*AS_A_COMMAND, mount, "sh"])
+    assert names(machine) == ["camera"]
+
+
+@pytest.mark.parametrize("configure, environment, expected", [
+    ({}, {"VORN_BIN_PATH": "/opt/a"}, "/opt/a/prog"),
+    ({"VORN_BIN_PATH": "/opt/b"}, {"VORN_BIN_PATH": "/opt/a"}, "/opt/b/prog"),
+    ({"VORN_BIN_PATH": "install://bin"}, {}, "/tmp/install/bin/prog"),
+    ({"VORN_BIN_PATH": "install://x"}, {"VORN_ROOT": "/opt/r/"}, "/opt/r/x/prog"),
+    ({"VORN_BIN_PATH": ""}, {"VORN_BIN_PATH": "/opt/a"}, "prog"),
+], ids=["environment", "file", "install", "root", "empty"])
+def test_executables_are_resolved_as_the_launcher_does(
+        machine, configure, environment, expected):
+    machine.start({"configure": {"environment": configure},
+                   "vornnode": {"relative": {"path": "prog"},
+                                "absolute": {"path": "/opt/prog"}}},
+                  environment=environment)
+    # The launcher names what it looks for.
+    machine.wait_for_log(f"Can't find file: {expected}")
+    assert plain(machine, "-o", "executable", "--no-header") == [
+        [expected], ["/opt/prog"]]
+
+
+def test_a_launcher_out_of_sight_needs_the_launch_file(robot):
+    """In a pid namespace of its own, vornctl is told no pid."""
+    inner = ["unshare", "--pid", "--fork", "--mount-proc", VORNCTL]
+    done = robot.execute(*inner, "status")
+    assert done.returncode == 2
+    assert done.stderr == (
+        "vornctl: cannot tell the launch file: the launcher is in another pid "
+        "namespace; name it by --launch-file or VORNCTL_LAUNCH_FILE\n")
+    done = robot.execute(*inner, "--launch-file", "/tmp/launch.yaml", "status",
+                         "-o", "node,state", "--no-header")
+    assert (done.returncode, done.stderr) == (0, "")
+    assert rows(done.stdout) == [
+        [name, "running"] for name in ("camera", "lidar", "planner")]
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="no right to become another user")
+class TestAnotherUser:
+    """Somebody who may not look into the launcher's process."""
+
+    @staticmethod
+    def vornctl(machine, *arguments):
+        machine.tmp.chmod(0o1777)
+        return machine.execute(*NOBODY, VORNCTL, *arguments)
+
+    def test_sees_the_nodes_of_roots_launcher(self, robot):
+        done = self.vornctl(robot, "status", "-o", "node,state", "--no-header")
+        assert (done.returncode, done.stderr) == (0, "")
+        assert rows(done.stdout) == [
+            [name, "running"] for name in ("camera", "lidar", "planner")]
+
+    def test_is_told_why_a_relative_launch_file_is_not_found(self, machine):
+        machine.launch_file(stay(machine, camera={}))
+        machine.start(arguments=["launch.yaml"])
+        done = self.vornctl(machine, "names")
+        assert done.returncode == 2
+        assert done.stderr == (
+            "vornctl: cannot look into the working folder of the launcher, "
+            f"process {machine.pid}, where its launch file launch.yaml is; name "
+            "it by --launch-file or VORNCTL_LAUNCH_FILE\n")
+
+    def test_sees_living_nodes_where_proc_hides_them(self, robot):
+        robot.run("mount", "-o", "remount,hidepid=2", "/proc")
+        done = self.vornctl(robot, "status", "camera", "-o", "state",
+                            "--no-header")
+        assert (done.returncode, done.stdout) == (0, "running\n")
+
+
+# -- The small commands.
+
+
+def test_ping_tells_the_launchers_pid(robot):
+    done = robot.vornctl("ping")
+    assert (done.returncode, done.stderr) == (0, "")
+    pid = robot.pid
+    assert rows(done.stdout)[0][:4] == ["launcher", str(pid), "answers", "in"]
+    assert robot.vornctl("ping", "-q").stdout == ""
+
+
+def test_version_and_help_need_no_launcher(machine):
+    machine.start(arguments=[], wait_until_up=False)
+    machine.wait()
+    version = machine.vornctl("--version")
+    assert (version.returncode, version.stderr) == (0, "")
+    assert version.stdout.startswith("vornctl ")
+    texts = [machine.vornctl(word) for word in ("help", "--help", "-h")]
+    assert [text.returncode for text in texts] == [0, 0, 0]
+    assert texts[0].stdout == texts[1].stdout == texts[2].stdout
+    for command in ["status", "start", "stop", "restart", "enable", "disable",
+                    "wait", "monitor", "ping", "names"]:
+        assert f"  {command} " in texts[0].stdout
+        assert machine.vornctl(command, "--help").returncode == 0
