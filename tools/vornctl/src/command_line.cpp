@@ -117,6 +117,10 @@ class CommandLine {
         ::isatty(STDIN_FILENO) == 1 && ::isatty(STDERR_FILENO) == 1;
     const int status = command_();
     std::cout.flush();
+    if (!std::cout) {
+      std::cerr << "vornctl: cannot write to standard output\n";
+      return status == kDone ? kFailed : status;
+    }
     return status;
   }
 

@@ -22,8 +22,8 @@ ControlClient Session::client(milliseconds reply_limit,
   ControlOptions options;
   if (!settings_.socketPath.empty()) options.socketPath = settings_.socketPath;
   options.trustAnyUser = settings_.trustAnyUser;
-  options.connectLimit = settings_.connectLimit.value_or(reply_limit);
   options.replyLimit = settings_.replyLimit.value_or(reply_limit);
+  options.connectLimit = settings_.connectLimit.value_or(options.replyLimit);
   options.cancelFd = settings_.cancelFd;
   if (settings_.isInteractive && !settings_.isQuiet && !activity.empty()) {
     options.onWait = [this, activity](milliseconds elapsed) {

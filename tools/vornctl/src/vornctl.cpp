@@ -20,14 +20,26 @@ extern "C" void onStopSignal(int /*signal*/) {
   (void)!::write(cancel_pipe[1], "", 1);
 }
 
+/// Puts something in the place of standard descriptors that are closed. Else
+/// another would get the number, and what is printed would go there.
+void fillStandardDescriptors() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(fd, F_GETFD) < 0) (void)!::open("/dev/null", O_RDWR);
+  }
+}
+
 /// Lets SIGINT, SIGTERM and SIGHUP end what waits, in order: a client that is
-/// killed cannot say what became of its request. A second signal kills.
+/// killed cannot say what became of its request. A second signal kills. One
+/// that the caller has ignored, as nohup does, stays ignored.
 bool armStopSignals() {
   if (::pipe2(cancel_pipe, O_CLOEXEC | O_NONBLOCK) != 0) return false;
   struct sigaction action {};
   action.sa_handler = onStopSignal;
   action.sa_flags = static_cast<int>(SA_RESETHAND);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction before {};
+    (void)::sigaction(signal, nullptr, &before);
+    if (before.sa_handler == SIG_IGN) continue;
     (void)::sigaction(signal, &action, nullptr);
   }
   return true;
@@ -38,6 +50,7 @@ bool armStopSignals() {
 int main(int argc, char** argv) {
   (void)std::setlocale(LC_CTYPE, "");
   (void)::signal(SIGPIPE, SIG_DFL);  // a reader that has gone ends us silently
+  fillStandardDescriptors();
   (void)armStopSignals();
   try {
     return vorn::launch::runCommandLine(argc, argv, cancel_pipe[0]);

@@ -40,13 +40,13 @@ class Wait {
   ExitStatus run() {
     const Clock::time_point begin = Clock::now();
     const Clock::time_point deadline =
-        begin + options_.limit.value_or(kNoLimit);
+        options_.limit ? begin + *options_.limit : Clock::time_point::max();
     std::optional<Clock::time_point> reached;
     for (;;) {
       const Clock::time_point next =
           reached ? std::min(deadline, *reached + options_.heldFor) : deadline;
-      const auto changes =
-          watcher_.wait(std::chrono::ceil<milliseconds>(next - Clock::now()));
+      const auto changes = watcher_.wait(std::min(
+          kNoLimit, std::chrono::ceil<milliseconds>(next - Clock::now())));
       if (!watcher_.failure().isDone()) {
         session_.complain(watcher_.failure().message);
         return exitStatusOf(watcher_.failure().outcome);

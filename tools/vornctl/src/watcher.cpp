@@ -74,6 +74,12 @@ std::vector<Watcher::Change> Watcher::askSuspects() {
       failure_ = status;
       return changes;
     }
+    if (status.launcherPid != launcher_.pid &&
+        status.outcome != Outcome::INVALID_NAME) {
+      failure_.outcome = Outcome::NO_LAUNCHER;
+      failure_.message = "the launcher has ended, and another one is running";
+      return changes;
+    }
     Watched& node = nodes_[name];
     const bool is_change = !node.isKnown || !isSame(node.status, status);
     learn(node, status);
@@ -159,7 +165,11 @@ void Watcher::suspectByTime() {
 
 void Watcher::suspectByChildren() {
   const auto children = childrenOf(launcher_.pid);
-  if (!children) return;  // the launcher has ended; the next question tells
+  if (!children) {
+    // The launcher has ended; a question tells.
+    suspects_.insert(names_.begin(), names_.end());
+    return;
+  }
   std::set<pid_t> present(children->begin(), children->end());
   for (const auto& [name, node] : nodes_) {
     if (!node.isKnown || node.status.pid == 0) continue;
