@@ -61,6 +61,7 @@ class Running:
             stderr=subprocess.PIPE, encoding="utf-8",
             env=machine.environment(environment),
         )
+        self._read = b""  # and not asked for yet
         self.host_pid = eventually(self._find, "vornctl runs")
 
     def _find(self):
@@ -79,18 +80,34 @@ class Running:
 
     def line(self):
         """The next line of its output, without the line's end."""
-        ready, _, _ = select.select([self.popen.stdout], [], [], PATIENCE)
-        assert ready, "no line came"
-        return self.popen.stdout.readline().rstrip("\n")
+        while b"\n" not in self._read:
+            ready, _, _ = select.select([self.popen.stdout], [], [], PATIENCE)
+            assert ready, "no line came"
+            piece = os.read(self.popen.stdout.fileno(), 4096)
+            assert piece, self.popen.communicate()
+            self._read += piece
+        line, _, self._read = self._read.partition(b"\n")
+        return line.decode()
 
     def signal(self, number):
         os.kill(self.host_pid, number)
+
+    @contextlib.contextmanager
+    def stopped(self):
+        """Within this context it is stopped."""
+        self.signal(signal.SIGSTOP)
+        # nsenter stops when its child does, and wakes it as it is woken.
+        stat = pathlib.Path(f"/proc/{self.popen.pid}/stat")
+        eventually(lambda: stat.read_text(encoding="ascii").split()[2] == "T",
+                   "vornctl is stopped")
+        yield
+        self.popen.send_signal(signal.SIGCONT)
 
     def end(self):
         """Waits for its end; returns its exit status, a signal's number
         negative, and the rest of its output and errors."""
         out, err = self.popen.communicate(timeout=PATIENCE)
-        return self.popen.returncode, out, err
+        return self.popen.returncode, self._read.decode() + out, err
 
 
 @contextlib.contextmanager
@@ -103,6 +120,7 @@ def running(machine, *arguments, environment=None, wrapper=()):
         if client.popen.poll() is None:
             with contextlib.suppress(ProcessLookupError):
                 client.signal(signal.SIGKILL)
+            client.popen.kill()
         client.popen.stdout.close()
         client.popen.stderr.close()
         client.popen.wait()

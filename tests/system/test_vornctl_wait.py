@@ -1,0 +1,215 @@
+"""vornctl waits for states and follows changes."""
+
+import json
+import signal
+import time
+
+import pytest
+
+from support.control import Cmd, State
+from support.vornctl import running
+from support.waiting import eventually
+
+
+@pytest.fixture(name="robot")
+def fixture_robot(machine):
+    """A machine with two running nodes, and one that must be started."""
+    path = machine.script("stay", "exec sleep 1000")
+    return machine.start({"vornnode": {
+        "camera": {"path": path}, "lidar": {"path": path},
+        "manual": {"path": path, "autostart": False}}})
+
+
+def crash(machine, name):
+    """Kills the node; returns the pid that it had."""
+    process = machine.child(name, ["sleep", "1000"])
+    process.signal(signal.SIGKILL)
+    return process.pid
+
+
+def questions(machine):
+    """How many times the launcher was asked how a node is."""
+    return len(machine.log_lines("control cmd: 3"))
+
+
+def wait_for_question(machine, before):
+    eventually(lambda: questions(machine) > before, "vornctl asks")
+
+
+# -- wait.
+
+
+@pytest.mark.parametrize("arguments", [
+    ["camera", "lidar", "--state", "running"], ["manual", "--state", "stopped"]],
+    ids=" ".join)
+def test_what_is_so_is_not_waited_for(robot, arguments):
+    done = robot.vornctl("wait", *arguments)
+    assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+
+
+@pytest.mark.parametrize("state, cmd, name", [
+    ("running", Cmd.START, "manual"), ("stopped", Cmd.STOP, "camera"),
+    ("disabled", Cmd.DISABLE, "camera"), ("restarted", Cmd.RESTART, "camera"),
+], ids=["running", "stopped", "disabled", "restarted"])
+def test_the_state_is_waited_for(robot, state, cmd, name):
+    with running(robot, "wait", name, "--state", state) as client:
+        # The one that finds the launcher, and the one about the node.
+        eventually(lambda: questions(robot) >= 3, "vornctl asks")
+        assert client.popen.poll() is None
+        robot.request(cmd, name)
+        assert client.end() == (0, "", "")
+
+
+def test_all_of_several_nodes_are_waited_for(robot):
+    with running(robot, "wait", "*", "--state", "running") as client:
+        eventually(lambda: questions(robot) >= 5, "vornctl asks")
+        assert client.popen.poll() is None
+        robot.request(Cmd.START, "manual")
+        assert client.end() == (0, "", "")
+
+
+def test_a_state_must_last_as_long_as_it_is_told(robot):
+    begin = time.monotonic()
+    done = robot.vornctl("wait", "camera", "--state", "running", "--for", "700ms")
+    assert (done.returncode, done.stderr) == (0, "")
+    assert time.monotonic() - begin >= 0.7
+
+
+def test_a_state_that_does_not_last_is_exit_status_3(robot):
+    before = questions(robot)
+    with running(robot, "wait", "camera", "--state", "running",
+                 "--for", "1h") as client:
+        wait_for_question(robot, before + 1)
+        crash(robot, "camera")
+        status, _, errors = client.end()
+    assert status == 3
+    assert errors.startswith("vornctl: it did not last: camera is ")
+
+
+def test_a_wait_that_is_too_long_is_exit_status_6(robot):
+    done = robot.vornctl("wait", "camera", "manual", "--state", "running",
+                         "--timeout", "300ms")
+    assert (done.returncode, done.stdout, done.stderr) == (
+        6, "", "vornctl: gave up after the time limit: manual is stopped\n")
+
+
+def test_an_unknown_node_is_not_waited_for(robot):
+    done = robot.vornctl("wait", "camrea", "--state", "running")
+    assert (done.returncode, done.stderr) == (
+        4, "vornctl: camrea: no such node; did you mean 'camera'?\n")
+
+
+# -- monitor.
+
+
+def change(line):
+    """The node and its state of a line of `monitor`."""
+    words = line.split()
+    assert len(words[0]) == len("2026-11-20") and words[1].count(":") == 2
+    return words[2:]
+
+
+def test_monitor_prints_a_line_for_each_change(robot):
+    with running(robot, "monitor", "camera", "manual") as client:
+        pid = robot.status("camera").pid
+        assert change(client.line()) == ["camera", "running", "pid", str(pid)]
+        assert change(client.line()) == ["manual", "never", "started"]
+        robot.request(Cmd.START, "manual")
+        pid = robot.status("manual").pid
+        assert change(client.line()) == ["manual", "running", "pid", str(pid)]
+        robot.request(Cmd.DISABLE, "camera")
+        while (now := change(client.line()))[1] != "disabled" or len(now) > 2:
+            assert now[0] == "camera"
+        client.signal(signal.SIGINT)
+        assert client.end() == (0, "", "")
+
+
+def test_monitor_prints_a_document_a_line(robot):
+    with running(robot, "monitor", "--json", "camera") as client:
+        first = json.loads(client.line())
+        status = robot.status("camera")
+        assert abs(first.pop("time") - time.time()) < 3600
+        assert first == {
+            "schema": 1, "name": "camera", "state": "running",
+            "condition": "running", "pid": status.pid,
+            "startSeconds": status.start_seconds}
+        crash(robot, "camera")
+        while (line := json.loads(client.line()))["state"] != "restarting":
+            assert line["condition"] == "exiting"
+        assert (line["pid"], line["startSeconds"]) == (None, status.start_seconds)
+
+
+def test_monitor_asks_only_when_something_has_changed(robot):
+    with running(robot, "monitor", "camera", "lidar", "manual") as client:
+        for _ in range(3):
+            client.line()
+        before = questions(robot)
+        old = crash(robot, "camera")
+        # Its crash, its five seconds until it is started again, and that.
+        while (now := change(client.line()))[1] != "running":
+            assert now[0] == "camera"
+        assert now[3] != str(old)
+        assert 2 <= questions(robot) - before <= 12
+
+
+@pytest.mark.parametrize("command", [
+    ["monitor"], ["wait", "camera", "--state", "stopped"]], ids=" ".join)
+def test_the_launchers_sudden_end_is_noticed(robot, command):
+    before = questions(robot)
+    with running(robot, *command) as client:
+        wait_for_question(robot, before + 1)
+        # The nodes live on, so that nothing else tells.
+        robot.signal(signal.SIGKILL)
+        status, _, errors = client.end()
+    assert status == 5
+    assert errors == (
+        "vornctl: no launcher is running: nobody listens on "
+        "/tmp/vornlaunch/vornlaunch.sock, which one that has ended left behind\n")
+
+
+def test_another_launcher_is_not_taken_for_the_watched_one(robot):
+    before = questions(robot)
+    with running(robot, "wait", "camera", "--state", "stopped") as client:
+        wait_for_question(robot, before + 1)
+        with client.stopped():
+            robot.signal(signal.SIGKILL)
+            robot.wait()
+            robot.run("sh", "-c", "/tmp/install/bin/vornlaunch /tmp/launch.yaml "
+                      ">/tmp/second 2>&1 &")
+            eventually(lambda: robot.vornctl("ping").returncode == 0,
+                       "the second launcher answers")
+        status, _, errors = client.end()
+    assert (status, errors) == (
+        5, "vornctl: the launcher has ended, and another one is running\n")
+
+
+@pytest.mark.parametrize("number, status", [
+    (signal.SIGINT, 6), (signal.SIGTERM, 6), (signal.SIGHUP, 6)],
+    ids=["SIGINT", "SIGTERM", "SIGHUP"])
+def test_a_wait_can_be_broken_off(robot, number, status):
+    before = questions(robot)
+    with running(robot, "wait", "manual", "--state", "running") as client:
+        wait_for_question(robot, before + 1)
+        client.signal(number)
+        assert client.end() == (status, "", "")
+
+
+def test_a_hangup_that_the_caller_ignores_is_ignored(robot):
+    before = questions(robot)
+    with running(robot, "wait", "manual", "--state", "running",
+                 wrapper=["nohup"]) as client:
+        wait_for_question(robot, before + 1)
+        client.signal(signal.SIGHUP)
+        robot.request(Cmd.START, "manual")
+        assert client.end()[0] == 0
+    assert robot.status("manual").state == State.RUNNING
+
+
+def test_monitor_ends_with_its_reader(robot):
+    with running(robot, "monitor", "camera") as client:
+        client.line()
+        client.popen.stdout.close()
+        robot.request(Cmd.STOP, "camera")
+        client.popen.wait(timeout=60)
+        # By SIGPIPE, which nsenter hands on.
+        assert client.popen.returncode in (-signal.SIGPIPE, 128 + signal.SIGPIPE)
