@@ -1,0 +1,148 @@
+"""Runs vornctl in a machine and signals it at every system call.
+
+    interrupted.py stop SIGNAL LAUNCHER COMMAND [ARGUMENT...]
+    interrupted.py end SIGNAL STEP COMMAND [ARGUMENT...]
+
+With "stop" the signal comes with each call of one run; each time that this has
+stopped it, the launcher must answer another client, and then the run goes on.
+SIGSTOP, which cannot be held off, stops it between connecting and sending as
+well; there the launcher must be found waiting.
+
+With "end" the signal comes once in each run, with each STEP-th call from the
+first socket() on. When the run has ended, the launcher must answer.
+
+Prints a JSON document of what was found.
+"""
+
+import collections
+import json
+import os
+import re
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import time
+
+SOCKET = "/tmp/vornlaunch/vornlaunch.sock"
+TRACE = "/tmp/interrupted.trace"
+PATIENCE = 60
+
+
+def ask():
+    """Asks the launcher for a node. A launcher that is held answers never."""
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as client:
+        client.settimeout(PATIENCE)
+        client.connect(SOCKET)
+        client.sendall(struct.pack("=I128s", 3, b"another client"))
+        assert len(client.recv(24, socket.MSG_WAITALL)) == 24
+
+
+def wait_for(condition):
+    deadline = time.monotonic() + PATIENCE
+    while not condition():
+        assert time.monotonic() < deadline, "it does not come"
+        time.sleep(0.001)
+
+
+def traced(command, options):
+    """The command under strace, with a process group of its own: not one that
+    is orphaned, in which SIGTSTP would do nothing."""
+    with open(TRACE, "w", encoding="ascii"):
+        pass  # strace makes it a little later
+    return subprocess.Popen(
+        ["strace", "-o", TRACE, *options, *command], process_group=0,
+        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+        encoding="utf-8")
+
+
+def read_trace():
+    with open(TRACE, encoding="utf-8", errors="replace") as file:
+        return file.read().splitlines()
+
+
+def name_of(line):
+    """The name of the call in a line of the trace, or None."""
+    match = re.match(r"(\w+)\(", line)
+    return match and match[1]
+
+
+def is_in_window(lines):
+    """Whether the last call is one between connecting and sending."""
+    for line in reversed(lines):
+        if name_of(line) in ("sendto", "close", "socket"):
+            return None
+        if name_of(line) == "connect":
+            return line.endswith(" = 0") or " = 0 " in line
+    return False
+
+
+def stop_everywhere(number, launcher, command):
+    name = signal.Signals(number).name
+    process = traced(command, ["-e", f"inject=all:signal={name}"])
+    children = f"/proc/{process.pid}/task/{process.pid}/children"
+    stops = 0
+    blocked = []  # the calls at which the launcher waited
+    mark = f"--- stopped by {name} ---"
+    while True:
+        wait_for(lambda: process.poll() is not None
+                 or sum(mark in line for line in read_trace()) > stops)
+        if process.poll() is not None:
+            break
+        stops += 1
+        calls = [line for line in read_trace() if name_of(line)]
+        if number == signal.SIGSTOP and is_in_window(calls):
+            def is_held():
+                with open(f"/proc/{launcher}/wchan", encoding="ascii") as wchan:
+                    return "unix_stream" in wchan.read()
+            wait_for(is_held)
+            blocked.append(name_of(calls[-1]))
+        else:
+            ask()
+        with open(children, encoding="ascii") as file:
+            os.kill(int(file.read().split()[0]), signal.SIGCONT)
+    out, errors = process.communicate()
+    return {"status": process.returncode, "out": out, "errors": errors,
+            "stops": stops, "blocked": blocked}
+
+
+def end_everywhere(number, step, command):
+    name = signal.Signals(number).name
+    # Once without a signal, for the calls that there are.
+    traced(command, []).communicate(timeout=PATIENCE)
+    counts = collections.Counter()
+    points = []
+    for line in read_trace():
+        call = name_of(line)
+        if call is None or call.startswith("exit"):
+            continue
+        counts[call] += 1
+        if counts["socket"]:
+            points.append((call, counts[call]))
+    statuses = collections.Counter()
+    for call, count in points[::step]:
+        process = traced(command, [
+            "-e", f"trace={call}", "-e", f"inject={call}:signal={name}:when={count}"])
+        _, errors = process.communicate(timeout=PATIENCE)
+        ask()
+        statuses[process.returncode] += 1
+        if process.returncode in (6, 7):
+            expected = {6: "before the request was sent",
+                        7: "the request was delivered and may still take effect"}
+            assert expected[process.returncode] in errors, errors
+    return {"points": len(points[::step]), "statuses": statuses}
+
+
+def main():
+    how, signal_name, argument, *command = sys.argv[1:]
+    number = signal.Signals[signal_name]
+    if how == "stop":
+        found = stop_everywhere(number, int(argument), command)
+    else:
+        found = end_everywhere(number, int(argument), command)
+    print(json.dumps(found))
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,371 @@
+"""How vornctl ends when there is no launcher, or one that misbehaves."""
+
+import contextlib
+import itertools
+import json
+import os
+import pathlib
+import signal
+import socket
+import struct
+
+import pytest
+
+import support
+from support.control import Cmd, State
+from support.holding import held
+from support.machine import PYTHON
+from support.vornctl import VORNCTL, running
+from support.waiting import eventually
+
+SOCKET = "/tmp/vornlaunch/vornlaunch.sock"
+MAY_TAKE_EFFECT = "; the request was delivered and may still take effect\n"
+AS_NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
+needs_root = pytest.mark.skipif(
+    os.geteuid() != 0, reason="no right to become another user")
+
+# Every command that asks the launcher something about a node.
+COMMANDS = [
+    ["status", "camera"], ["start", "camera"], ["stop", "camera"],
+    ["restart", "camera"], ["enable", "camera"], ["enable", "--now", "camera"],
+    ["disable", "camera"], ["wait", "camera", "--state", "running"],
+    ["monitor", "camera"],
+]
+# And those that only look for the launcher.
+LOOKERS = [["ping"], ["names"], ["status"]]
+
+
+def reply(result, pid=0, state=0, start=0):
+    return struct.pack("=iIiiq", result, 0, pid, state, start).hex()
+
+
+def answer(send="", read=132, end="close"):
+    return {"read": read, "send": send, "end": end}
+
+
+NOT_FOUND = answer(reply(1))
+# What a launcher may do wrong, and the exit statuses that may come of it.
+WRONGS = {
+    "no request is read": (answer(read=0), {5, 7}),
+    "a part of the request is read": (answer(read=10), {7}),
+    "the request is read": (answer(), {7}),
+    "a reset": (answer(end="reset"), {7}),
+    "1 byte": (answer("00"), {8}),
+    "23 bytes": (answer("00" * 23), {8}),
+    "23 bytes and a reset": (answer("00" * 23, end="reset"), {7, 8}),
+    "result 3": (answer(reply(3)), {8}),
+    "result -1": (answer(reply(-1)), {8}),
+    "all bits": (answer("ff" * 24), {8}),
+    "nothing": (answer(end="hold"), {7}),
+    "23 bytes and no end": (answer("00" * 23, end="hold"), {7}),
+}
+WRONG_STATES = {
+    "state 4": answer(reply(0, state=4)),
+    "state -1": answer(reply(0, state=-1)),
+    "pid -1": answer(reply(0, pid=-1)),
+}
+
+
+def limit_for(what):
+    """What never ends is not waited for as long as a person would."""
+    return "200ms" if what["end"] == "hold" else "60s"
+
+
+class FalseLauncher:
+    """Another program in the launcher's place."""
+
+    def __init__(self, machine, user=()):
+        self._machine = machine
+        self._counter = itertools.count()
+        script = pathlib.Path(support.__file__).with_name("false_launcher.py")
+        path = machine.file("false_launcher.py", script.read_bytes())
+        machine.launch_file({"vornnode": {"camera": {"path": "/bin/true"}}})
+        self.answers([NOT_FOUND])
+        machine.start(arguments=["/tmp/launch.yaml"], wait_until_up=False,
+                      wrapper=[*user, PYTHON, "-I", path])
+        eventually(lambda: self._machine.execute(
+            VORNCTL, "--trust-any-user", "ping").returncode == 0,
+            "the false launcher listens")
+
+    def answers(self, answers):
+        """What it does with the next connections, and with all after them."""
+        # A file of its own each time, that the old one's number is not reused.
+        name = f"answers.{next(self._counter)}"
+        self._machine.file(name, json.dumps(answers))
+        os.link(self._machine.tmp / name, self._machine.tmp / "answers.new")
+        os.rename(self._machine.tmp / "answers.new", self._machine.tmp / "answers")
+
+    @property
+    def pid(self):
+        return self._machine.pid
+
+    def requests(self):
+        """Every request that was read, as bytes."""
+        text = (self._machine.tmp / "requests").read_text(encoding="ascii")
+        return [bytes.fromhex(json.loads(line)) for line in text.splitlines()]
+
+    def vornctl(self, *arguments, limit="60s"):
+        """Runs vornctl, which waits for a reply so long."""
+        options = [] if arguments == ("names",) else [
+            "--launch-file", "/tmp/launch.yaml"]
+        done = self._machine.vornctl(*options, *arguments, "--timeout", limit)
+        assert done.returncode == 0 or done.stderr.startswith("vornctl: ")
+        return done
+
+
+@pytest.fixture(name="false_launcher")
+def fixture_false_launcher(machine):
+    return FalseLauncher(machine)
+
+
+def name_of(command):
+    return " ".join(command)
+
+
+@pytest.mark.parametrize("command", COMMANDS + LOOKERS, ids=name_of)
+def test_a_launcher_that_misbehaves_at_once_is_survived(false_launcher, command):
+    for wrong, (what, statuses) in WRONGS.items():
+        false_launcher.answers([what])
+        done = false_launcher.vornctl(*command, limit=limit_for(what))
+        assert done.returncode in statuses, wrong
+
+
+@pytest.mark.parametrize("command", COMMANDS, ids=name_of)
+def test_a_launcher_that_misbehaves_when_asked_is_survived(false_launcher, command):
+    wrongs = dict(WRONGS)
+    if command[0] in ("status", "wait", "monitor"):
+        wrongs |= {key: (what, {8}) for key, what in WRONG_STATES.items()}
+    for wrong, (what, statuses) in wrongs.items():
+        false_launcher.answers([NOT_FOUND, what])
+        done = false_launcher.vornctl(*command, limit=limit_for(what))
+        assert done.returncode in statuses, wrong
+        if statuses == {7}:
+            assert done.stderr.endswith(MAY_TAKE_EFFECT), wrong
+
+
+@pytest.mark.parametrize("command", [["start", "camera"], ["restart", "camera"]],
+                         ids=name_of)
+def test_a_failure_that_cannot_be_explained_refers_to_the_log(
+        false_launcher, command):
+    for wrong, (what, _) in WRONGS.items():
+        if what["end"] == "hold":
+            continue  # the answers before it might come too late as well
+        false_launcher.answers([NOT_FOUND, answer(reply(2)), what])
+        done = false_launcher.vornctl(*command)
+        assert (done.returncode, done.stderr) == (
+            1, f"vornctl: camera: {command[0]} failed: see the launcher's log\n"
+        ), wrong
+
+
+def test_a_stop_or_disable_that_fails_tells_of_the_signal(false_launcher):
+    for command in ["stop", "disable"]:
+        false_launcher.answers([NOT_FOUND, answer(reply(2))])
+        done = false_launcher.vornctl(command, "camera")
+        assert done.returncode == 1
+        assert "the launcher could not signal its process" in done.stderr
+
+
+@pytest.mark.parametrize("command", COMMANDS[:-1], ids=name_of)
+def test_bytes_after_the_reply_are_left_alone(false_launcher, command):
+    # Its own pid, as that of a process which exists.
+    running_reply = reply(0, pid=false_launcher.pid, state=1)
+    false_launcher.answers([NOT_FOUND, answer(running_reply + "ff")])
+    assert false_launcher.vornctl(*command).returncode == 0
+
+
+def test_a_request_is_132_bytes_with_the_name_and_nuls(false_launcher):
+    false_launcher.answers([NOT_FOUND, answer(reply(0))])
+    assert false_launcher.vornctl("stop", "camera").returncode == 0
+    assert false_launcher.requests()[-1] == (
+        struct.pack("=I", Cmd.STOP) + b"camera".ljust(128, b"\0"))
+
+
+def test_after_an_unknown_outcome_no_other_node_is_tried(false_launcher):
+    false_launcher.answers([NOT_FOUND, answer()])
+    done = false_launcher.vornctl("stop", "one", "two", "three")
+    assert done.returncode == 7
+    assert done.stderr.splitlines()[1] == "vornctl: 2 more not tried"
+
+
+# -- Whose launcher it is.
+
+
+@needs_root
+@pytest.mark.parametrize("command", COMMANDS + LOOKERS, ids=name_of)
+def test_a_launcher_of_another_user_gets_nothing(machine, command):
+    machine.tmp.chmod(0o1777)
+    false_launcher = FalseLauncher(machine, user=AS_NOBODY)
+    before = len(false_launcher.requests())
+    done = false_launcher.vornctl(*command)
+    assert (done.returncode, done.stdout) == (9, "")
+    assert done.stderr == (
+        f"vornctl: the launcher on {SOCKET} belongs to user 65534, neither root "
+        "nor you\n")
+    assert false_launcher.vornctl("--trust-any-user", "ping").returncode == 0
+    # The refused one was read as well, before: it held nothing.
+    received = false_launcher.requests()[before:]
+    assert [len(request) for request in received] == [0, 132]
+
+
+@needs_root
+def test_ones_own_launcher_is_trusted(machine):
+    machine.tmp.chmod(0o1777)
+    FalseLauncher(machine, user=AS_NOBODY)
+    assert machine.execute(*AS_NOBODY, VORNCTL, "ping").returncode == 0
+
+
+# -- No launcher.
+
+
+@pytest.mark.parametrize("command", COMMANDS + LOOKERS, ids=name_of)
+def test_no_launcher_is_exit_status_5(machine, command):
+    machine.start(arguments=[], wait_until_up=False)
+    machine.wait()
+    done = machine.vornctl(*command)
+    assert (done.returncode, done.stdout) == (5, "")
+    assert done.stderr == (
+        f"vornctl: no launcher is running: there is no socket {SOCKET}\n")
+
+
+def test_a_launcher_that_has_ended_is_exit_status_5(machine):
+    machine.start({})
+    machine.signal(signal.SIGKILL)
+    machine.wait()
+    done = machine.vornctl("status")
+    assert (done.returncode, done.stderr) == (
+        5, f"vornctl: no launcher is running: nobody listens on {SOCKET}, which "
+        "one that has ended left behind\n")
+
+
+@needs_root
+def test_a_socket_that_is_closed_to_us_is_exit_status_5(machine):
+    machine.start({})
+    machine.tmp.chmod(0o1777)
+    (machine.tmp / "vornlaunch/vornlaunch.sock").chmod(0o600)
+    done = machine.execute(*AS_NOBODY, VORNCTL, "ping")
+    assert (done.returncode, done.stderr) == (
+        5, f"vornctl: no permission to connect to {SOCKET}\n")
+
+
+def test_another_socket_can_be_named(machine):
+    machine.start({})
+    (machine.tmp / "vornlaunch").rename(machine.tmp / "elsewhere")
+    assert machine.vornctl("ping").returncode == 5
+    assert machine.vornctl(
+        "ping", "--socket", "/tmp/elsewhere/vornlaunch.sock").returncode == 0
+
+
+# -- A launcher that is busy.
+
+
+@contextlib.contextmanager
+def no_room(machine):
+    """Within this context the launcher is held, and no connection can wait."""
+    folder = os.open(machine.tmp / "vornlaunch", os.O_PATH)
+    with contextlib.ExitStack() as stack, held(machine):
+        stack.callback(os.close, folder)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                client = stack.enter_context(
+                    socket.socket(socket.AF_UNIX, socket.SOCK_STREAM))
+                client.setblocking(False)
+                client.connect(f"/proc/self/fd/{folder}/vornlaunch.sock")
+        yield
+
+
+@pytest.mark.parametrize("option", ["--connect-timeout", "--timeout"])
+@pytest.mark.parametrize("command", COMMANDS[:3] + LOOKERS, ids=name_of)
+def test_a_launcher_without_room_is_exit_status_6(machine, command, option):
+    machine.start({"vornnode": {"camera": {"path": "/bin/true"}}})
+    before = len(machine.log())
+    with no_room(machine):
+        done = machine.vornctl(*command, option, "0.2s")
+    assert (done.returncode, done.stdout, done.stderr) == (
+        6, "", "vornctl: the launcher is busy: it took no connection within 0.2 "
+        "s; nothing was sent\n")
+    assert machine.vornctl("ping").returncode == 0
+    # Of all these connections one was a request: the last.
+    texts = [line.text for line in machine.log()[before:]]
+    assert sum(text.startswith("control cmd:") for text in texts) == 1
+
+
+def test_the_queue_is_waited_for(machine):
+    machine.start({})
+    with contextlib.ExitStack() as stack:
+        with no_room(machine):
+            client = stack.enter_context(running(machine, "ping"))
+        status, out, errors = client.end()
+    assert (status, out.split()[0], errors) == (0, "launcher", "")
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
+def test_giving_up_before_the_request_is_exit_status_6(machine, number):
+    machine.start({})
+    with no_room(machine), running(machine, "ping") as client:
+        wait_until_polling(client)
+        client.signal(number)
+        assert client.end() == (
+            6, "", "vornctl: given up before the request was sent\n")
+
+
+def wait_until_polling(client):
+    """Waits until vornctl waits for something."""
+    wchan = pathlib.Path(f"/proc/{client.host_pid}/wchan")
+    eventually(lambda: b"poll" in wchan.read_bytes(), "vornctl waits")
+
+
+@pytest.fixture(name="slow")
+def fixture_slow(machine):
+    """A launcher with nodes that end only when /tmp/go is there."""
+    path = machine.script(
+        "slow", "trap 'while [ ! -e /tmp/go ]; do sleep 0.1; done; exit 0' TERM\n"
+        "echo ready\nwhile :; do sleep 0.1; done")
+    machine.start({"vornnode": {name: {"path": path}
+                                for name in ("camera", "lidar")}})
+    eventually(lambda: machine.stdout().count("ready") == 2, "they are ready")
+    return machine
+
+
+def is_stopped_all_the_same(machine):
+    machine.file("go", "")
+    machine.wait_for_state("lidar", State.STOPPED)
+    # The other one was never asked for.
+    return machine.status("camera").state == State.RUNNING
+
+
+def test_no_reply_in_time_is_exit_status_7(slow):
+    done = slow.vornctl("stop", "--timeout", "300ms", "lidar")
+    assert (done.returncode, done.stdout, done.stderr) == (
+        7, "", "vornctl: lidar: no reply within 0.3 s" + MAY_TAKE_EFFECT)
+    assert is_stopped_all_the_same(slow)
+
+
+def test_giving_up_after_the_request_is_exit_status_7(slow):
+    with running(slow, "stop", "lidar", "camera") as client:
+        slow.wait_for_log("control cmd: 1")
+        client.signal(signal.SIGINT)
+        assert client.end() == (
+            7, "", "vornctl: lidar: given up waiting for the reply" +
+            MAY_TAKE_EFFECT + "vornctl: 1 more not tried\n")
+    assert is_stopped_all_the_same(slow)
+
+
+# -- Its own surroundings.
+
+
+def test_closed_standard_descriptors_change_nothing_of_what_is_done(machine):
+    path = machine.script("stay", "exec sleep 1000")
+    machine.start({"vornnode": {x: {"path": path} for x in ("camera", "lidar")}})
+    done = machine.execute(
+        "sh", "-c", VORNCTL + " stop --all --yes <&- >&- 2>&-")
+    assert done.returncode == 0
+    assert {machine.status(x).state for x in ("camera", "lidar")} == {
+        State.STOPPED}
+
+
+@pytest.mark.parametrize("command", ["status", "names", "ping", "stop camera"])
+def test_output_that_cannot_be_written_is_an_error(machine, command):
+    machine.start({"vornnode": {"camera": {"path": "/bin/true"}}})
+    done = machine.execute("sh", "-c", f"{VORNCTL} {command} >/dev/full")
+    assert (done.returncode, done.stderr) == (
+        1, "vornctl: cannot write to standard output\n")
