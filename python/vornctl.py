@@ -7,7 +7,10 @@
         launcher.start("camera")
 
 Every call makes a connection of its own. What goes wrong is an exception below
-vornctl.Error; its class tells whether the request can have had an effect.
+vornctl.Error; its class tells whether the request can have had an effect. A
+program with several threads blocks SIGTSTP itself: a client that is stopped
+between connecting and sending holds the launcher, and a call can hold off the
+signals of its own thread only.
 
 Python 3.9 or later, Linux. The file can be copied beside a program that uses it.
 """
@@ -128,10 +131,12 @@ class Launcher:
     def status(self, name):
         """The Status of the node."""
         pid, state, start_seconds = self._request(_STATUS, name)
-        try:
-            return Status(State(state), pid, start_seconds)
-        except ValueError:
-            raise ProtocolError(f"the reply has the state {state}") from None
+        if state not in list(State) or pid < 0 or start_seconds < 0:
+            raise ProtocolError(
+                f"the reply has the state {state}, the pid {pid} and the start "
+                f"{start_seconds}"
+            )
+        return Status(State(state), pid, start_seconds)
 
     def _request(self, command, name):
         raw = os.fsencode(name)
@@ -145,7 +150,12 @@ class Launcher:
         with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as client:
             client.setblocking(False)
             self._deliver(client, request)
-            reply = self._read_reply(client)
+            try:
+                reply = self._read_reply(client)
+            except KeyboardInterrupt:
+                raise KeyboardInterrupt(
+                    "given up waiting for the reply" + _MAY_TAKE_EFFECT
+                ) from None
         result, pid, state, start_seconds = _REPLY.unpack(reply)
         if result == _NOT_FOUND:
             raise NotFound(f"no node {name!r}")
@@ -172,10 +182,10 @@ class Launcher:
         """One try; false if others wait before us, as many as may wait."""
         # The launcher accepts a connection and reads, without a time limit.
         # Were we stopped here, it would do nothing else until we go on.
-        blocked = signal.pthread_sigmask(
-            signal.SIG_BLOCK, set(signal.Signals) - {signal.SIGKILL, signal.SIGSTOP}
-        )
+        before = signal.pthread_sigmask(signal.SIG_BLOCK, ())
         try:
+            # It may raise what a handler raises, and has blocked all the same.
+            signal.pthread_sigmask(signal.SIG_BLOCK, signal.valid_signals())
             client.connect(self.path)
             self._check_user(client)
             if client.send(request, socket.MSG_NOSIGNAL) != len(request):
@@ -186,7 +196,7 @@ class Launcher:
         except OSError as error:
             raise NoLauncher(f"{self.path}: {error.strerror or error}") from error
         finally:
-            signal.pthread_sigmask(signal.SIG_SETMASK, blocked)
+            signal.pthread_sigmask(signal.SIG_SETMASK, before)
 
     def _check_user(self, client):
         credentials = client.getsockopt(

@@ -128,9 +128,11 @@ def end_everywhere(number, step, command):
         ask()
         statuses[process.returncode] += 1
         if process.returncode in (6, 7):
-            expected = {6: "before the request was sent",
-                        7: "the request was delivered and may still take effect"}
-            assert expected[process.returncode] in errors, errors
+            asked = "to a first question; nothing was changed"
+            expected = {
+                6: ("before the request was sent", asked),
+                7: ("the request was delivered and may still take effect", asked)}
+            assert any(text in errors for text in expected[process.returncode])
     return {"points": len(points[::step]), "statuses": statuses}
 
 

@@ -92,6 +92,11 @@ class Running:
     def signal(self, number):
         os.kill(self.host_pid, number)
 
+    def wait_until_polling(self):
+        """Waits until it waits for something."""
+        wchan = pathlib.Path(f"/proc/{self.host_pid}/wchan")
+        eventually(lambda: b"poll" in wchan.read_bytes(), "vornctl waits")
+
     @contextlib.contextmanager
     def stopped(self):
         """Within this context it is stopped."""

@@ -5,7 +5,7 @@ import re
 import pytest
 
 from support.control import Cmd, State
-from support.vornctl import on_terminal
+from support.vornctl import VORNCTL, on_terminal
 from support.waiting import eventually
 
 NAMES = ["camera", "lidar", "planner"]
@@ -134,6 +134,14 @@ def test_a_failure_is_the_exit_status_and_the_others_are_done(robot):
         "camera", "unknown"]
     assert robot.vornctl("stop", "unknown", "lidar").returncode == 4
     assert robot.status("lidar").state == State.STOPPED
+
+
+def test_a_reader_that_has_gone_leaves_no_node_out(robot):
+    done = robot.execute("bash", "-c", f"{VORNCTL} stop --all --yes | true; "
+                         "exit ${PIPESTATUS[0]}")
+    assert (done.returncode, done.stderr) == (
+        1, "vornctl: cannot write to standard output\n")
+    assert states(robot) == [State.STOPPED] * 3
 
 
 @pytest.mark.parametrize("command", ["stop", "disable"])

@@ -13,6 +13,7 @@ import pytest
 
 import support
 from support.control import Cmd, State
+from support.family import Family
 from support.holding import held
 from support.machine import PYTHON
 from support.vornctl import VORNCTL, running
@@ -63,6 +64,8 @@ WRONG_STATES = {
     "state 4": answer(reply(0, state=4)),
     "state -1": answer(reply(0, state=-1)),
     "pid -1": answer(reply(0, pid=-1)),
+    "start -1": answer(reply(0, start=-1)),
+    "the least start": answer(reply(0, start=-2 ** 63)),
 }
 
 
@@ -109,7 +112,7 @@ class FalseLauncher:
         options = [] if arguments == ("names",) else [
             "--launch-file", "/tmp/launch.yaml"]
         done = self._machine.vornctl(*options, *arguments, "--timeout", limit)
-        assert done.returncode == 0 or done.stderr.startswith("vornctl: ")
+        assert done.stderr == "" or done.stderr.startswith("vornctl: ")
         return done
 
 
@@ -122,12 +125,25 @@ def name_of(command):
     return " ".join(command)
 
 
+def is_before_the_request(command, what):
+    """Whether no answer to the first question means that there was no request,
+    or that there was no time left."""
+    if command[0] == "wait":
+        return what["end"] == "hold"
+    return command[0] in ("start", "stop", "restart", "enable", "disable")
+
+
 @pytest.mark.parametrize("command", COMMANDS + LOOKERS, ids=name_of)
 def test_a_launcher_that_misbehaves_at_once_is_survived(false_launcher, command):
     for wrong, (what, statuses) in WRONGS.items():
+        if is_before_the_request(command, what):
+            statuses = {6 if status == 7 else status for status in statuses}
         false_launcher.answers([what])
         done = false_launcher.vornctl(*command, limit=limit_for(what))
         assert done.returncode in statuses, wrong
+        if done.returncode in (6, 7):
+            assert done.stderr.endswith(
+                " to a first question; nothing was changed\n"), wrong
 
 
 @pytest.mark.parametrize("command", COMMANDS, ids=name_of)
@@ -136,10 +152,12 @@ def test_a_launcher_that_misbehaves_when_asked_is_survived(false_launcher, comma
     if command[0] in ("status", "wait", "monitor"):
         wrongs |= {key: (what, {8}) for key, what in WRONG_STATES.items()}
     for wrong, (what, statuses) in wrongs.items():
+        if command[0] == "wait" and what["end"] == "hold":
+            statuses = {6}
         false_launcher.answers([NOT_FOUND, what])
         done = false_launcher.vornctl(*command, limit=limit_for(what))
         assert done.returncode in statuses, wrong
-        if statuses == {7}:
+        if statuses <= {6, 7}:
             assert done.stderr.endswith(MAY_TAKE_EFFECT), wrong
 
 
@@ -171,6 +189,22 @@ def test_bytes_after_the_reply_are_left_alone(false_launcher, command):
     running_reply = reply(0, pid=false_launcher.pid, state=1)
     false_launcher.answers([NOT_FOUND, answer(running_reply + "ff")])
     assert false_launcher.vornctl(*command).returncode == 0
+
+
+@pytest.mark.parametrize("state", [0, 1, 2, 3])
+def test_a_start_out_of_all_bounds_is_shown(false_launcher, state):
+    latest = 2 ** 63 - 1
+    false_launcher.answers([NOT_FOUND, answer(
+        reply(0, pid=false_launcher.pid, state=state, start=latest))])
+    done = false_launcher.vornctl("status", "camera", "-o", "started", "--no-header")
+    assert (done.returncode, done.stdout) == (0 if state == 1 else 3, f"{latest}\n")
+
+
+def test_the_padding_of_a_reply_means_nothing(false_launcher):
+    noise = struct.pack("=iIiiq", 0, 0xdeadbeef, 0, 3, 0).hex()
+    false_launcher.answers([NOT_FOUND, answer(noise)])
+    done = false_launcher.vornctl("status", "camera", "-o", "state", "--no-header")
+    assert (done.returncode, done.stdout) == (3, "disabled\n")
 
 
 def test_a_request_is_132_bytes_with_the_name_and_nuls(false_launcher):
@@ -235,6 +269,29 @@ def test_a_launcher_that_has_ended_is_exit_status_5(machine):
     assert (done.returncode, done.stderr) == (
         5, f"vornctl: no launcher is running: nobody listens on {SOCKET}, which "
         "one that has ended left behind\n")
+
+
+@pytest.mark.parametrize("command, status", [
+    ("ping", 7), ("stop", 6)])
+def test_a_launcher_that_ends_before_it_accepts_is_noticed(machine, command, status):
+    machine.start({"vornnode": {"camera": {"path": "/bin/true"}}})
+    family = Family(machine)
+    family.hold()
+    with running(machine, command, *["camera"] * (command == "stop")) as client:
+        client.wait_until_polling()
+        family.signal(signal.SIGKILL)
+        assert client.end() == (
+            status, "", "vornctl: no reply: Connection reset by peer to a first "
+            "question; nothing was changed\n")
+
+
+def test_a_launcher_that_ends_while_it_works_is_noticed(slow):
+    with running(slow, "stop", "lidar", "camera") as client:
+        slow.wait_for_log("control cmd: 1")
+        slow.signal(signal.SIGKILL)
+        status, out, errors = client.end()
+    assert (status, out) == (7, "")
+    assert errors.endswith(MAY_TAKE_EFFECT + "vornctl: 1 more not tried\n")
 
 
 @needs_root
@@ -302,16 +359,10 @@ def test_the_queue_is_waited_for(machine):
 def test_giving_up_before_the_request_is_exit_status_6(machine, number):
     machine.start({})
     with no_room(machine), running(machine, "ping") as client:
-        wait_until_polling(client)
+        client.wait_until_polling()
         client.signal(number)
         assert client.end() == (
             6, "", "vornctl: given up before the request was sent\n")
-
-
-def wait_until_polling(client):
-    """Waits until vornctl waits for something."""
-    wchan = pathlib.Path(f"/proc/{client.host_pid}/wchan")
-    eventually(lambda: b"poll" in wchan.read_bytes(), "vornctl waits")
 
 
 @pytest.fixture(name="slow")
@@ -338,6 +389,16 @@ def test_no_reply_in_time_is_exit_status_7(slow):
     assert (done.returncode, done.stdout, done.stderr) == (
         7, "", "vornctl: lidar: no reply within 0.3 s" + MAY_TAKE_EFFECT)
     assert is_stopped_all_the_same(slow)
+
+
+def test_no_answer_to_the_first_question_leaves_an_action_undone(machine):
+    machine.start({"vornnode": {"camera": {"path": "/bin/true"}}})
+    with held(machine):
+        done = machine.vornctl("disable", "camera", "--timeout", "300ms")
+    assert (done.returncode, done.stdout, done.stderr) == (
+        6, "", "vornctl: no reply within 0.3 s to a first question; nothing was "
+        "changed\n")
+    assert machine.status("camera").state != State.DISABLED
 
 
 def test_giving_up_after_the_request_is_exit_status_7(slow):

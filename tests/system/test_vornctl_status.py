@@ -2,6 +2,7 @@
 
 import json
 import os
+import pathlib
 import signal
 import time
 
@@ -69,6 +70,42 @@ def test_names_and_patterns_select_each_node_once_in_file_order(robot):
         ["lidar"], ["planner"]]
 
 
+def test_a_pattern_may_be_brackets_alone(machine):
+    machine.start(stay(machine, a={}, b={}, c={}, ab={}))
+    assert plain(machine, "[ab]", "--no-header", "-o", "node") == [["a"], ["b"]]
+    done = machine.vornctl("status", "[x,y]")
+    assert (done.returncode, done.stdout) == (4, "")
+    assert machine.vornctl("stop", "[]").returncode == 4
+    assert machine.vornctl("stop", "[c]").stdout == "c: stopped\n"
+
+
+@pytest.mark.parametrize("name", [
+    "status", "stop", "a,b", "[x]", "{}", " lead", "trail ", "a b", "%%", "null",
+    "'q'", '"dq"', "x=y", "*", "näme", ""])
+def test_any_name_is_a_name(machine, name):
+    machine.start(stay(machine, first={}, **{name: {}}))
+    assert machine.vornctl("stop", name).stdout == f"{name}: stopped\n"
+    assert machine.status(name).state == State.STOPPED
+    assert machine.status("first").state == State.RUNNING
+    shown = machine.vornctl("status", "--json", name).stdout
+    assert [node["name"] for node in json.loads(shown)["nodes"]] == [name]
+
+
+@pytest.mark.parametrize("name", ["-q", "--all", "--"])
+def test_a_name_like_an_option_stands_behind_two_dashes(machine, name):
+    machine.start(stay(machine, first={}, **{name: {}}))
+    done = machine.vornctl("stop", "--", name)
+    assert (done.returncode, done.stdout) == (0, f"{name}: stopped\n")
+    assert machine.status("first").state == State.RUNNING
+
+
+def test_a_name_that_is_no_text_is_shown_escaped(robot):
+    for option in [[], ["--json"]]:
+        done = robot.vornctl("status", *option, b"\xff\xfe")
+        assert (done.returncode, done.stderr) == (
+            4, "vornctl: \\xff\\xfe: no such node\n")
+
+
 def test_json_holds_the_launcher_and_every_node(robot):
     document = json.loads(robot.vornctl("status", "camera", "--json").stdout)
     camera = robot.status("camera")
@@ -102,6 +139,9 @@ def test_columns_are_shown_as_they_are_asked_for(robot):
     assert rows(shown.stdout) == [
         ["EXECUTABLE", "NODE", "PID"],
         ["/tmp/bin/stay", "lidar", str(robot.status("lidar").pid)]]
+    # What follows the columns is a node.
+    shown = robot.vornctl("status", "-o", "node", "lidar")
+    assert shown.stdout == "NODE\nlidar\n"
     unknown = robot.vornctl("status", "-o", "node,colour")
     assert (unknown.returncode, unknown.stdout) == (2, "")
     assert "colour" in unknown.stderr
@@ -328,6 +368,32 @@ def test_without_the_launch_file_nodes_can_be_named(robot):
         "vornctl: lidra: no such node\n")
 
 
+def test_a_folder_is_no_launch_file(robot):
+    (robot.tmp / "[folder]").mkdir()
+    done = robot.vornctl("names", "--launch-file", "/tmp/[folder]")
+    assert (done.returncode, done.stderr) == (
+        2, "vornctl: cannot read the launch file /tmp/[folder]\n")
+
+
+def test_the_launch_file_is_the_launchers_last_argument(machine):
+    machine.launch_file(stay(machine, camera={}))
+    [loader] = pathlib.Path("/").glob("lib64/ld-linux*.so.*")
+    machine.start(arguments=["/tmp/launch.yaml"], wrapper=[str(loader)])
+    assert names(machine) == ["camera"]
+
+
+def test_thousands_of_nodes_are_shown(machine):
+    count = 3000
+    machine.start({"vornnode": {
+        f"n{i}": {"path": "/bin/none", "required": [f"n{i + 1}"]}
+        for i in range(count)}})
+    done = machine.vornctl("status")
+    assert (done.returncode, done.stderr) == (0, "")
+    assert [line[0] for line in rows(done.stdout)[1:]] == [
+        f"n{i}" for i in range(count)]
+    assert machine.vornctl("stop", "n0").stdout == "n0: stopped\n"
+
+
 def test_a_wrong_launch_file_is_told_with_its_line(robot):
     other = robot.file("other.yaml", "vornnode: {\n")
     done = robot.vornctl("names", "--launch-file", other)
@@ -448,4 +514,9 @@ def test_version_and_help_need_no_launcher(machine):
     for command in ["status", "start", "stop", "restart", "enable", "disable",
                     "wait", "monitor", "ping", "names"]:
         assert f"  {command} " in texts[0].stdout
-        assert machine.vornctl(command, "--help").returncode == 0
+        text = machine.vornctl(command, "--help")
+        assert text.returncode == 0
+        assert machine.vornctl("help", command).stdout == text.stdout
+    done = machine.vornctl("help", "fly")
+    assert (done.returncode, done.stderr) == (
+        2, "vornctl: there is no command 'fly'\n")

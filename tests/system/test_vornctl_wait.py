@@ -7,6 +7,7 @@ import time
 import pytest
 
 from support.control import Cmd, State
+from support.holding import held
 from support.vornctl import running
 from support.waiting import eventually
 
@@ -18,6 +19,10 @@ def fixture_robot(machine):
     return machine.start({"vornnode": {
         "camera": {"path": path}, "lidar": {"path": path},
         "manual": {"path": path, "autostart": False}}})
+
+
+def name_of(command):
+    return command[0]
 
 
 def crash(machine, name):
@@ -93,10 +98,51 @@ def test_a_wait_that_is_too_long_is_exit_status_6(robot):
         6, "", "vornctl: gave up after the time limit: manual is stopped\n")
 
 
-def test_an_unknown_node_is_not_waited_for(robot):
-    done = robot.vornctl("wait", "camrea", "--state", "running")
+@pytest.mark.parametrize("arguments", [["--timeout", "300ms"], ["--timeout", "0"]],
+                         ids=" ".join)
+def test_a_wait_for_a_busy_launcher_is_not_longer(robot, arguments):
+    with held(robot):
+        done = robot.vornctl("wait", "camera", "--state", "running", *arguments)
+    assert (done.returncode, done.stdout) == (6, "")
+
+
+def test_a_wait_for_a_busy_launcher_can_be_broken_off(robot):
+    with held(robot), running(
+            robot, "wait", "camera", "--state", "running") as client:
+        client.wait_until_polling()
+        client.signal(signal.SIGINT)
+        assert client.end()[:2] == (6, "")
+
+
+@pytest.mark.parametrize("command", [
+    ["wait", "camera", "camrea", "--state", "running"],
+    ["monitor", "camrea", "camera"]], ids=name_of)
+def test_an_unknown_node_is_not_waited_for(robot, command):
+    done = robot.vornctl(*command)
     assert (done.returncode, done.stderr) == (
         4, "vornctl: camrea: no such node; did you mean 'camera'?\n")
+
+
+def test_a_node_that_is_newer_than_the_launcher_is_no_reason_to_end(robot):
+    other = robot.file("other.yaml", "vornnode: {new: {path: /bin/x}, "
+                       "camera: {path: /bin/x}}")
+    with running(robot, "--launch-file", other, "monitor") as client:
+        assert change(client.line()) == ["new", "unknown"]
+        assert change(client.line())[:2] == ["camera", "running"]
+
+
+def test_more_nodes_than_descriptors_are_watched(machine):
+    count = 300
+    machine.start({"vornnode": {
+        f"n{i}": {"path": "/bin/sleep", "argv": "1000"} for i in range(count)}})
+    with running(machine, "monitor", wrapper=["prlimit", "--nofile=290"]) as client:
+        for i in range(count):
+            assert change(client.line())[:2] == [f"n{i}", "running"]
+        machine.request(Cmd.STOP, f"n{count - 1}")
+        while (now := change(client.line())) != [f"n{count - 1}", "stopped"]:
+            assert now[0] == f"n{count - 1}"
+        client.signal(signal.SIGINT)
+        assert client.end() == (0, "", "")
 
 
 # -- monitor.

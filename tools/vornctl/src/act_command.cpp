@@ -1,5 +1,7 @@
 #include "act_command.h"
 
+#include <signal.h>
+
 #include <algorithm>
 #include <iostream>
 
@@ -26,7 +28,10 @@ class Action {
       : session_(session), options_(options) {}
 
   ExitStatus run() {
+    // A reader that has gone is no reason to leave half of the nodes.
+    (void)::signal(SIGPIPE, SIG_IGN);
     subjects_ = findSubjects(session_, options_.nodes);
+    if (subjects_.status == kUnknown) return kTimedOut;  // before the command
     if (subjects_.status != kDone) return subjects_.status;
     names_ = subjects_.names;
     if (options_.isAll && !mayActOnAll()) return kUsage;

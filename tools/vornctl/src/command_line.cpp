@@ -53,7 +53,29 @@ struct Arguments {
   bool isJson = false;
   bool isNulSeparated = false;
   std::string shell;
+  std::string topic;  // of help
 };
+
+/// CLI11 takes "[a,b]" for a list of two. With this in front it does not.
+constexpr char kNoList = '\x01';
+
+/// The arguments, those that need it with kNoList, in CLI11's order: the last
+/// one first.
+std::vector<std::string> protectedArguments(int argc, char** argv) {
+  std::vector<std::string> arguments;
+  for (int i = argc - 1; i > 0; --i) {
+    std::string argument = argv[i];
+    if (argument[0] == '[' || argument[0] == kNoList) {
+      argument.insert(argument.begin(), kNoList);
+    }
+    arguments.push_back(std::move(argument));
+  }
+  return arguments;
+}
+
+void unprotect(std::string& argument) {
+  if (!argument.empty() && argument[0] == kNoList) argument.erase(0, 1);
+}
 
 /// A value of type `Target` that parseDuration() reads.
 template <typename Target>
@@ -104,7 +126,7 @@ class CommandLine {
 
   int run(int argc, char** argv) {
     try {
-      app_.parse(argc, argv);
+      app_.parse(protectedArguments(argc, argv));
     } catch (const CLI::Success& wish) {
       return app_.exit(wish);  // help or version
     } catch (const CLI::ParseError& error) {
@@ -112,6 +134,9 @@ class CommandLine {
       return kUsage;
     }
     Settings& settings = arguments_.settings;
+    unprotect(settings.launchFile);
+    unprotect(settings.socketPath);
+    for (std::string& node : arguments_.nodes) unprotect(node);
     settings.hasColours = mayColour(arguments_.colour);
     settings.isInteractive =
         ::isatty(STDIN_FILENO) == 1 && ::isatty(STDERR_FILENO) == 1;
@@ -191,6 +216,7 @@ class CommandLine {
                     "Columns, with commas between: node, state, pid, uptime, "
                     "started, policy, required, executable")
         ->delimiter(',')
+        ->allow_extra_args(false)  // what follows is a node
         ->check(CLI::IsMember(statusColumns()))
         ->type_name("COLUMNS")
         ->excludes(json);
@@ -281,14 +307,27 @@ class CommandLine {
         ->required()
         ->check(CLI::IsMember({"bash", "zsh", "fish"}))
         ->type_name("SHELL");
-    app_.add_subcommand("help", "Show this text")->callback([this] {
-      command_ = [this] {
-        // Not app_.help(), which is that of the command "help".
-        std::cout << app_.get_formatter()->make_help(
-            &app_, app_.get_name(), CLI::AppFormatMode::Normal);
-        return kDone;
-      };
-    });
+    CLI::App* const help =
+        addCommand("help", "Show this text, or that of a command",
+                   [this](Session& session) { return showHelp(session); });
+    help->add_option("COMMAND", arguments_.topic, "A command")
+        ->type_name("COMMAND");
+  }
+
+  ExitStatus showHelp(const Session& session) {
+    const std::string& topic = arguments_.topic;
+    const auto found = app_.get_subcommands(
+        [&](const CLI::App* each) { return each->get_name() == topic; });
+    if (found.empty() && !topic.empty()) {
+      session.complain("there is no command '" + topic + "'");
+      return kUsage;
+    }
+    const CLI::App* const app = found.empty() ? &app_ : found.front();
+    // Not app->help(), which is that of the command "help".
+    std::cout << app->get_formatter()->make_help(
+        app, found.empty() ? "vornctl" : "vornctl " + topic,
+        CLI::AppFormatMode::Normal);
+    return kDone;
   }
 
   CLI::App app_{"Controls a running vornlaunch", "vornctl"};

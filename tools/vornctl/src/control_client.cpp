@@ -124,20 +124,25 @@ class Exchange {
     }
   }
 
+  bool isCancelled() const {
+    pollfd watched{options_.cancelFd, POLLIN, 0};
+    return options_.cancelFd >= 0 && ::poll(&watched, 1, 0) > 0;
+  }
+
   /// Connects and sends the request.
   bool deliver(int fd, const sockaddr_un& address, ControlReply& reply) const {
     const Clock::time_point deadline = begin_ + options_.connectLimit;
     milliseconds pause = kFirstPause;
     for (;;) {
+      if (isCancelled()) {
+        return end(reply, Outcome::NOT_SENT,
+                   "given up before the request was sent");
+      }
       const Try result = connectAndSend(fd, address, reply);
       if (result != Try::BUSY) return result == Try::SENT;
       // Others wait before us, as many as the launcher lets wait.
       const Clock::time_point next = Clock::now() + pause;
-      const Wait waited = wait(-1, std::min(next, deadline));
-      if (waited == Wait::CANCELLED) {
-        return end(reply, Outcome::NOT_SENT,
-                   "given up before the request was sent");
-      }
+      if (wait(-1, std::min(next, deadline)) == Wait::CANCELLED) continue;
       if (Clock::now() >= deadline) {
         return end(reply, Outcome::NOT_SENT,
                    "the launcher is busy: it took no connection within " +
@@ -326,11 +331,12 @@ StatusReply ControlClient::status(std::string_view name) {
   if (!reply.isDone()) return reply;
   if (response.state < 0 ||
       response.state > static_cast<int32_t>(NodeState::DISABLED) ||
-      response.pid < 0) {
+      response.pid < 0 || response.startSeconds < 0) {
     reply.outcome = Outcome::PROTOCOL_ERROR;
     reply.message = "the reply has the state " +
-                    std::to_string(response.state) + " and the pid " +
-                    std::to_string(response.pid);
+                    std::to_string(response.state) + ", the pid " +
+                    std::to_string(response.pid) + " and the start " +
+                    std::to_string(response.startSeconds);
     return reply;
   }
   reply.state = static_cast<NodeState>(response.state);

@@ -76,8 +76,8 @@ struct ControlOptions {
   /// can make the folder of the socket before the launcher does.
   bool trustAnyUser = false;
 
-  /// A descriptor, borrowed; a call gives up as soon as it is readable. -1:
-  /// none.
+  /// A descriptor, borrowed; a call gives up as soon as it is readable, and
+  /// sends nothing if it is so from the beginning. -1: none.
   int cancelFd = -1;
 
   /// Called about ten times a second while a call waits, with the time since it

@@ -3,6 +3,7 @@
 #include <yaml-cpp/yaml.h>
 
 #include <algorithm>
+#include <ios>
 #include <utility>
 
 namespace vorn::launch {
@@ -89,6 +90,8 @@ std::optional<LaunchFile> readLaunchFile(
     error = "cannot read the launch file " + path;
   } catch (const YAML::Exception& failure) {
     error = "the launch file " + path + " is wrong: " + failure.what();
+  } catch (const std::ios_base::failure&) {  // as of a folder
+    error = "cannot read the launch file " + path;
   }
   return std::nullopt;
 }

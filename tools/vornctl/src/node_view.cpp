@@ -62,7 +62,7 @@ NodeView viewOf(const RunningLauncher& launcher, const std::string& name,
   }
   if (view.condition == Condition::RESTARTING) {
     view.restartInSeconds = std::clamp<int64_t>(
-        status.startSeconds + kRestartInterval - now, 0, kRestartInterval);
+        status.startSeconds - now + kRestartInterval, 0, kRestartInterval);
   }
   return view;
 }

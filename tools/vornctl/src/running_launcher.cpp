@@ -149,7 +149,8 @@ std::optional<RunningLauncher> inspectLauncher(pid_t pid,
     launcher.folder = procFile(pid, "cwd");
     const auto text = readAll(procFile(pid, "cmdline"));
     const auto arguments = splitAtNuls(text.value_or(""));
-    if (arguments.size() >= 2) launcher.launchFile = arguments[1];
+    // It has one argument; before it may stand more, as when ld.so runs it.
+    if (arguments.size() >= 2) launcher.launchFile = arguments.back();
   }
   if (path.empty()) {
     if (pid == 0) {

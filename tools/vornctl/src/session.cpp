@@ -1,5 +1,6 @@
 #include "session.h"
 
+#include <algorithm>
 #include <iostream>
 #include <utility>
 
@@ -39,7 +40,12 @@ ExitStatus Session::findLauncher() {
       client(kStatusReplyLimit, "waiting for the launcher").status("");
   clearActivity();
   if (!reply.isDone() && reply.outcome != Outcome::NOT_FOUND) {
-    complain(reply.message);
+    std::string text = reply.message;
+    if (reply.outcome == Outcome::UNKNOWN) {
+      text.resize(std::min(text.size(), text.find(';')));
+      text += " to a first question; nothing was changed";
+    }
+    complain(text);
     return exitStatusOf(reply.outcome);
   }
   pid_ = reply.launcherPid;

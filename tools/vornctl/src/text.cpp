@@ -40,7 +40,9 @@ bool isControl(char32_t code) {
   constexpr char32_t kLineSeparator = 0x2028;
   constexpr char32_t kParagraphSeparator = 0x2029;
   return code < 0x20 || (code >= 0x7f && code < 0xa0) ||
-         code == kLineSeparator || code == kParagraphSeparator;
+         code == kLineSeparator || code == kParagraphSeparator ||
+         (code >= 0x202a && code <= 0x202e) ||  // turn the text's direction,
+         (code >= 0x2066 && code <= 0x2069);    // beyond the name's end
 }
 
 size_t widthOf(char32_t code) {

@@ -4,7 +4,8 @@
 
 namespace vorn::launch {
 
-/// The text with every control character and every byte that is no UTF-8 as
+/// The text with every control character, those of direction included, and
+/// every byte that is no UTF-8 as
 /// "\x1b": a name must not move the cursor of a terminal or begin a new line.
 std::string printable(const std::string& text);
 

@@ -30,21 +30,21 @@ bool isCancelled(const Session& session) {
 
 class Wait {
  public:
+  /// Gives up at `deadline`.
   Wait(const Session& session, const WaitOptions& options,
-       const Subjects& subjects)
+       const Subjects& subjects, Clock::time_point deadline)
       : session_(session),
         options_(options),
+        deadline_(deadline),
         watcher_(session, subjects.launcher, subjects.names),
         file_(subjects.launcher.file) {}
 
   ExitStatus run() {
-    const Clock::time_point begin = Clock::now();
-    const Clock::time_point deadline =
-        options_.limit ? begin + *options_.limit : Clock::time_point::max();
     std::optional<Clock::time_point> reached;
     for (;;) {
       const Clock::time_point next =
-          reached ? std::min(deadline, *reached + options_.heldFor) : deadline;
+          reached ? std::min(deadline_, *reached + options_.heldFor)
+                  : deadline_;
       const auto changes = watcher_.wait(std::min(
           kNoLimit, std::chrono::ceil<milliseconds>(next - Clock::now())));
       if (!watcher_.failure().isDone()) {
@@ -69,7 +69,7 @@ class Wait {
       }
       if (is_reached && !reached) reached = now;
       if (reached && now >= *reached + options_.heldFor) return kDone;
-      if (options_.limit && now >= deadline) {
+      if (now >= deadline_) {
         session_.complain("gave up after the time limit: " +
                           describeMissing({}));
         return kTimedOut;
@@ -122,6 +122,7 @@ class Wait {
 
   const Session& session_;
   const WaitOptions& options_;
+  const Clock::time_point deadline_;
   Watcher watcher_;
   const LaunchFile& file_;
   std::map<std::string, StatusReply> first_;  // how each was at the beginning
@@ -162,9 +163,16 @@ void printChange(const RunningLauncher& launcher, const Watcher::Change& change,
 }  // namespace
 
 ExitStatus waitForNodes(Session& session, const WaitOptions& options) {
+  const Clock::time_point deadline =
+      options.limit ? Clock::now() + *options.limit : Clock::time_point::max();
   const Subjects subjects = findSubjects(session, options.nodes);
-  if (subjects.status != kDone) return subjects.status;
-  return Wait(session, options, subjects).run();
+  const ExitStatus status =
+      subjects.status == kDone
+          ? Wait(session, options, subjects, deadline).run()
+          : subjects.status;
+  // A question without an answer has no outcome that anyone could want to know.
+  const bool is_given_up = Clock::now() >= deadline || isCancelled(session);
+  return status == kUnknown && is_given_up ? kTimedOut : status;
 }
 
 ExitStatus monitor(Session& session, const std::vector<std::string>& nodes,
@@ -174,6 +182,14 @@ ExitStatus monitor(Session& session, const std::vector<std::string>& nodes,
   Watcher watcher(session, subjects.launcher, subjects.names);
   for (;;) {
     for (const auto& change : watcher.wait(kNoLimit)) {
+      // One in the file that the launcher does not know is newer than it.
+      const bool is_stranger =
+          subjects.launcher.file.find(change.name) == nullptr;
+      if (is_stranger && !change.status.isDone()) {
+        session.complainAbout(change.name, change.status,
+                              subjects.launcher.file);
+        return exitStatusOf(change.status.outcome);
+      }
       printChange(subjects.launcher, change, is_json,
                   session.settings().hasColours);
     }

@@ -15,6 +15,7 @@ using std::chrono::milliseconds;
 constexpr std::chrono::minutes kReplyLimit{5};
 constexpr std::chrono::minutes kFullRound{1};
 constexpr milliseconds kLook{250};  // between two looks at the children
+constexpr int kMostPidFds = 256;    // a process has 1024 descriptors, usually
 constexpr milliseconds kShortestPause{100};
 constexpr milliseconds kLongestPause{1000};
 // A child that has not executed its program, or one of the launcher's own
@@ -118,6 +119,10 @@ void Watcher::watchProcess(Watched& node) {
   if (node.pidFd >= 0) (void)::close(node.pidFd);
   node.pidFd = -1;
   if (!sees_processes_ || !node.status.isDone() || node.status.pid == 0) return;
+  const auto count =
+      std::count_if(nodes_.begin(), nodes_.end(),
+                    [](const auto& entry) { return entry.second.pidFd >= 0; });
+  if (count >= kMostPidFds) return;
   // Without one, its absence among the children tells, a little later.
   // Not by glibc 2.36's wrapper, whose declaration is none for C++.
   node.pidFd = static_cast<int>(::syscall(SYS_pidfd_open, node.status.pid, 0));

@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <future>
 #include <iterator>
+#include <limits>
 #include <string>
 #include <thread>
 #include <vector>
@@ -249,13 +250,23 @@ TEST(ControlClientReplyTest, WithAnUnknownStateIsAProtocolError) {
     const StatusReply reply = clientOf(launcher).status("planner");
     EXPECT_EQ(reply.outcome, Outcome::PROTOCOL_ERROR);
     EXPECT_EQ(reply.message, "the reply has the state " +
-                                 std::to_string(state) + " and the pid 0");
+                                 std::to_string(state) +
+                                 ", the pid 0 and the start 0");
   }
 }
 
 TEST(ControlClientReplyTest, WithANegativePidIsAProtocolError) {
   ControlResponse response;
   response.pid = -1;
+  const FakeLauncher launcher(
+      FakeLauncher::replyWith(FakeLauncher::bytesOf(response)));
+  EXPECT_EQ(clientOf(launcher).status("planner").outcome,
+            Outcome::PROTOCOL_ERROR);
+}
+
+TEST(ControlClientReplyTest, WithANegativeStartIsAProtocolError) {
+  ControlResponse response;
+  response.startSeconds = std::numeric_limits<int64_t>::min();
   const FakeLauncher launcher(
       FakeLauncher::replyWith(FakeLauncher::bytesOf(response)));
   EXPECT_EQ(clientOf(launcher).status("planner").outcome,
@@ -564,6 +575,19 @@ TEST(BusyLauncherTest, IsLeftAtOnceWhenCancelled) {
   const ControlReply reply = ControlClient(options).start("planner");
   EXPECT_EQ(reply.outcome, Outcome::NOT_SENT);
   EXPECT_EQ(reply.message, "given up before the request was sent");
+}
+
+TEST(NotSentTest, NobodyIsAskedAfterACancel) {
+  const FakeLauncher launcher(
+      FakeLauncher::replyWith(replyOf(ControlResponse::Result::SUCCESS)));
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  ASSERT_EQ(::write(ends[1], "x", 1), 1);
+  ControlOptions options;
+  options.socketPath = launcher.path();
+  options.cancelFd = ends[0];
+  EXPECT_EQ(ControlClient(options).stop("planner").outcome, Outcome::NOT_SENT);
+  EXPECT_THAT(callsSince("socket"), ElementsAre("close"));
 }
 
 // -- While the launcher works.

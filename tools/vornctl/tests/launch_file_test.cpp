@@ -139,6 +139,11 @@ TEST_F(ReadLaunchFileTest, ThatIsMissingIsAnErrorThatNamesIt) {
   EXPECT_EQ(error_, "cannot read the launch file /nonexistent.yaml");
 }
 
+TEST_F(ReadLaunchFileTest, ThatIsAFolderIsAnErrorThatNamesIt) {
+  EXPECT_FALSE(readLaunchFile("/", surroundings_, error_));
+  EXPECT_EQ(error_, "cannot read the launch file /");
+}
+
 TEST_F(ReadLaunchFileTest, WithBrokenSyntaxIsAnErrorThatTellsThePlace) {
   EXPECT_THAT(errorOf("vornnode: {a: {path: /a}"), HasSubstr("line 1"));
 }

@@ -6,6 +6,8 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <limits>
+#include <string>
 
 namespace vorn::launch {
 namespace {
@@ -85,6 +87,15 @@ TEST(NodeViewTest, ARestartingNodeShowsTheSecondsLeft) {
   EXPECT_EQ(left(105), 0);
   EXPECT_EQ(left(200), 0);
   EXPECT_EQ(left(50), 5);
+}
+
+TEST(NodeViewTest, AStartOutOfAllBoundsIsBorne) {
+  constexpr int64_t kLatest = std::numeric_limits<int64_t>::max();
+  EXPECT_EQ(viewOf(launcherOf(), "a",
+                   statusOf(NodeState::RESTARTING, 0, kLatest), 100)
+                .restartInSeconds,
+            5);
+  EXPECT_EQ(formatTime(kLatest), std::to_string(kLatest));
 }
 
 TEST(NodeViewTest, AnUnknownNodeIsUnknown) {

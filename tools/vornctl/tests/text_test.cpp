@@ -19,6 +19,11 @@ TEST(PrintableTest, EscapesControlCharacters) {
             "\\xc2\\x85\\xc2\\x9b\\xe2\\x80\\xa8");
 }
 
+TEST(PrintableTest, EscapesWhatTurnsTheDirectionOfText) {
+  EXPECT_EQ(printable("a\u202eb"), "a\\xe2\\x80\\xaeb");
+  EXPECT_EQ(printable("a\u2066b"), "a\\xe2\\x81\\xa6b");
+}
+
 TEST(PrintableTest, EscapesWhatIsNoUtf8) {
   EXPECT_EQ(printable("\xff"), "\\xff");
   EXPECT_EQ(printable("\xc3"), "\\xc3");           // cut
