@@ -80,7 +80,9 @@ def is_in_window(lines):
 
 def stop_everywhere(number, launcher, command):
     name = signal.Signals(number).name
-    process = traced(command, ["-e", f"inject=all:signal={name}"])
+    # A poll() that a signal stops goes on as restart_syscall(), which may not be
+    # stopped again, and again.
+    process = traced(command, ["-e", f"inject=!restart_syscall:signal={name}"])
     children = f"/proc/{process.pid}/task/{process.pid}/children"
     stops = 0
     blocked = []  # the calls at which the launcher waited

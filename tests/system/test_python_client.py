@@ -139,6 +139,26 @@ def test_the_request_is_the_command_and_the_name(server):
     assert received == [REQUEST.pack(Cmd.ENABLE, "plänner".encode())]
 
 
+def test_a_signal_just_before_leaves_none_blocked(server, monkeypatch):
+    class Interrupt(Exception):
+        pass
+
+    original = signal.pthread_sigmask
+
+    def mask(how, signals):
+        if how == signal.SIG_BLOCK and signals:
+            # A handler runs at the end of the call that blocks the signal.
+            original(how, signals)
+            raise Interrupt
+        return original(how, signals)
+
+    monkeypatch.setattr(signal, "pthread_sigmask", mask)
+    before = original(signal.SIG_BLOCK, ())
+    with pytest.raises(Interrupt):
+        vornctl.Launcher(server.getsockname()).start("worker")
+    assert original(signal.SIG_BLOCK, ()) == before
+
+
 def test_a_name_of_127_bytes_is_sent_and_one_of_128_is_not(server):
     client = answering(server, reply())
     client.start("n" * 127)
@@ -220,6 +240,8 @@ class OtherUser:
         (reply()[:23], "ProtocolError", "after 23 of 24 bytes; the request was"),
         (reply(result=3), "ProtocolError", "unknown result 3; the request was"),
         (reply(state=4), "ProtocolError", "the state 4"),
+        (reply(pid=-1), "ProtocolError", "the pid -1"),
+        (reply(start=-1), "ProtocolError", "the start -1"),
         (reply(result=1), "NotFound", "worker"),
         (reply(result=2), "Failed", "worker"),
     ],
@@ -239,3 +261,18 @@ def test_no_reply_in_time_leaves_the_outcome_unknown(server):
     client.reply_limit = 0.2
     with pytest.raises(vornctl.UnknownOutcome, match="may still take effect"):
         client.stop("worker")
+
+
+def test_ctrl_c_after_the_request_says_that_it_was_delivered(server):
+    def interrupt():
+        connection, _ = server.accept()
+        with connection:
+            connection.recv(REQUEST.size)
+            signal.pthread_kill(threading.main_thread().ident, signal.SIGINT)
+            connection.recv(1)
+
+    thread = threading.Thread(target=interrupt)
+    thread.start()
+    with pytest.raises(KeyboardInterrupt, match="delivered and may still take effect"):
+        vornctl.Launcher(server.getsockname(), reply_limit=60).stop("worker")
+    thread.join()

@@ -125,8 +125,13 @@ class Exchange {
   }
 
   bool isCancelled() const {
+    if (options_.cancelFd < 0) return false;
     pollfd watched{options_.cancelFd, POLLIN, 0};
-    return options_.cancelFd >= 0 && ::poll(&watched, 1, 0) > 0;
+    int ready = 0;
+    do {  // the signal that interrupts may be the one that cancels
+      ready = ::poll(&watched, 1, 0);
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0;
   }
 
   /// Connects and sends the request.
