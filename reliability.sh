@@ -18,6 +18,7 @@ it could not be run. CI runs the short forms: ./test.sh --reliability.
   states      random machines and commands against a model of the node states
   fuzz        launch files, requests, log text and roots by libFuzzer
   clients     hostile and heavy clients
+  questions   ten thousand of them, by as many clients and by one
   storms      deaths and signals by the thousand
   soak        200 nodes for an hour, recorded
   death       the launcher killed at every system call
@@ -46,6 +47,7 @@ case $proof in
   states) run_long test_state_model.py "$@" ;;
   fuzz) fuzz/run.sh "$@" ;;
   clients) run_long test_hostile_clients.py "$@" ;;
+  questions) run_long ../system/test_vornctl_signals.py -k thousand "$@" ;;
   storms) run_long test_storms.py "$@" ;;
   soak)
     build_launcher "${PLOT_PACKAGES[@]}"

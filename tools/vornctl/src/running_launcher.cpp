@@ -59,7 +59,7 @@ std::optional<std::string> readLink(const std::string& path) {
 std::string rootAsWeReachIt(pid_t pid) {
   struct stat own {};
   struct stat its {};
-  const std::string root = procFile(pid, "root");
+  std::string root = procFile(pid, "root");
   // The slash at the end follows the link.
   if (::stat("/", &own) != 0 || ::stat((root + '/').c_str(), &its) != 0) {
     return "";

@@ -72,7 +72,7 @@ std::vector<Watcher::Change> Watcher::askSuspects() {
     const StatusReply status = client_.status(name);
     if (!status.isDone() && status.outcome != Outcome::NOT_FOUND &&
         status.outcome != Outcome::INVALID_NAME) {
-      failure_ = status;
+      failure_ = static_cast<const ControlReply&>(status);
       return changes;
     }
     if (status.launcherPid != launcher_.pid &&
