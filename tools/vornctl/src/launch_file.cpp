@@ -3,7 +3,8 @@
 #include <yaml-cpp/yaml.h>
 
 #include <algorithm>
-#include <ios>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
 namespace vorn::launch {
@@ -83,15 +84,16 @@ const LaunchNode* LaunchFile::find(const std::string& name) const {
 std::optional<LaunchFile> readLaunchFile(
     const std::string& path, const LauncherSurroundings& surroundings,
     std::string& error) {
+  std::error_code ignored;
   try {
+    // yaml-cpp throws something else at a folder, and leaks.
+    if (std::filesystem::is_directory(path, ignored)) throw YAML::BadFile(path);
     const YAML::Node root = YAML::LoadFile(path);
     return readNodes(root, binPath(root, surroundings));
   } catch (const YAML::BadFile&) {
     error = "cannot read the launch file " + path;
   } catch (const YAML::Exception& failure) {
     error = "the launch file " + path + " is wrong: " + failure.what();
-  } catch (const std::ios_base::failure&) {  // as of a folder
-    error = "cannot read the launch file " + path;
   }
   return std::nullopt;
 }
