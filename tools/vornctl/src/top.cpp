@@ -2,6 +2,7 @@
 
 #include <ncurses.h>
 #include <poll.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,11 +27,12 @@ using Cmd = ControlRequest::Cmd;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kRedraw{1000};  // what counts seconds
-constexpr int kFirstRow = 2;           // of the nodes, below summary and titles
+constexpr int kAbove = 2;              // summary and titles, above the nodes
 constexpr int kBelow = 2;              // message and keys
+// Fits into 80 columns.
 constexpr char kKeys[] =
-    "Up/Down choose  s start  t stop  r restart  e enable  d disable  u update"
-    "  q quit";
+    "Up/Down  s start  t stop  r restart  e enable  d disable  u update  q "
+    "quit";
 const char* const kColumns[] = {"node",   "state",  "pid",
                                 "uptime", "policy", "required"};
 
@@ -39,7 +41,8 @@ class Screen {
  public:
   explicit Screen(bool has_colours) {
     screen_ = ::newterm(nullptr, stdout, stdin);
-    if (screen_ == nullptr) return;
+    if (!isOpen()) return;
+    keepStopSignals();
     (void)::cbreak();
     (void)::noecho();
     (void)nodelay(stdscr, true);
@@ -62,7 +65,10 @@ class Screen {
   Screen(const Screen&) = delete;
   Screen& operator=(const Screen&) = delete;
 
-  bool isOpen() const { return screen_ != nullptr; }
+  /// Whether it is one that can be drawn on.
+  bool isOpen() const {
+    return screen_ != nullptr && ::tigetstr("cup") != nullptr;
+  }
 
   attr_t attributeFor(Colour colour) const {
     switch (colour) {
@@ -83,6 +89,17 @@ class Screen {
   }
 
  private:
+  /// Makes a second stop signal no worse than the first: one that killed would
+  /// leave the terminal as it is now.
+  static void keepStopSignals() {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+      struct sigaction action {};
+      (void)::sigaction(signal, nullptr, &action);
+      action.sa_flags &= ~static_cast<int>(SA_RESETHAND);
+      (void)::sigaction(signal, &action, nullptr);
+    }
+  }
+
   SCREEN* screen_ = nullptr;
   bool has_colours_ = false;
 };
@@ -100,6 +117,7 @@ class Top {
     draw();
     while (!is_done_) {
       (void)watcher_.wait(kRedraw, STDIN_FILENO);
+      if (isOver()) return kDone;
       if (!watcher_.failure().isDone()) {
         message = watcher_.failure().message;
         return exitStatusOf(watcher_.failure().outcome);
@@ -110,22 +128,28 @@ class Top {
         message = lost_->message;
         return exitStatusOf(lost_->outcome);
       }
-      if (isCancelled()) return kDone;
       draw();
     }
     return kDone;
   }
 
  private:
-  bool isCancelled() const {
-    pollfd watched{session_.settings().cancelFd, POLLIN, 0};
-    return ::poll(&watched, 1, 0) > 0;
+  /// Whether a stop signal has come, or the terminal has gone.
+  bool isOver() const {
+    pollfd watched[] = {{session_.settings().cancelFd, POLLIN, 0},
+                        {STDIN_FILENO, 0, 0}};
+    return ::poll(watched, 2, 0) > 0;
   }
 
   size_t count() const { return watcher_.names().size(); }
 
+  /// Whether the screen is high enough for more than nodes and a message.
+  static bool hasFrame() { return LINES > kAbove + kBelow; }
+
   size_t rowsOfNodes() const {
-    return static_cast<size_t>(std::max(1, LINES - kFirstRow - kBelow));
+    const int frame =
+        hasFrame() ? kAbove + kBelow : static_cast<int>(!message_.empty());
+    return static_cast<size_t>(std::max(1, LINES - frame));
   }
 
   void handleKeys() {
@@ -135,6 +159,7 @@ class Top {
   }
 
   void handleKey(int key) {
+    if (key == KEY_RESIZE) return;  // drawn anew in any case
     message_.clear();
     switch (key) {
       case 'q':
@@ -215,8 +240,8 @@ class Top {
     } else {
       lost_ = reply;
     }
-    // The nodes that it requires may have been restarted with it.
-    watcher_.suspectAll();
+    // That the nodes which it requires have been restarted shows by itself.
+    watcher_.suspect(name);
   }
 
   std::vector<NodeView> views() const {
@@ -234,11 +259,13 @@ class Top {
       write(0, "asking the launcher ...", A_NORMAL);
     } else {
       const auto all = views();
-      write(0, summary(all), A_NORMAL);
+      if (hasFrame()) write(0, summary(all), A_NORMAL);
       drawNodes(all);
     }
-    write(LINES - 2, printable(message_), A_BOLD);
-    write(LINES - 1, kKeys, A_DIM);
+    if (hasFrame()) write(LINES - 1, kKeys, A_DIM);
+    if (!message_.empty()) {
+      write(LINES - (hasFrame() ? 2 : 1), printable(message_), A_BOLD);
+    }
     (void)refresh();
   }
 
@@ -247,13 +274,14 @@ class Top {
     for (const NodeView& view : all) ++counts[wordFor(view.condition)];
     std::string text = "launcher ";
     text += launcher_.pid == 0 ? "?" : std::to_string(launcher_.pid);
-    if (!launcher_.launchFile.empty()) {
-      text += "  " + printable(launcher_.launchFile);
-    }
     text += "  " + std::to_string(all.size()) + " nodes";
     for (const auto& [word, number] : counts) {
       text += (word == counts.begin()->first ? ": " : ", ") +
               std::to_string(number) + ' ' + word;
+    }
+    // Last, since it may be long.
+    if (!launcher_.launchFile.empty()) {
+      text += "  " + printable(launcher_.launchFile);
     }
     return text;
   }
@@ -262,6 +290,8 @@ class Top {
     const size_t rows = rowsOfNodes();
     first_ =
         std::clamp(first_, chosen_ < rows ? 0 : chosen_ - rows + 1, chosen_);
+    // No row is left empty while there are nodes above.
+    first_ = std::min(first_, all.size() < rows ? 0 : all.size() - rows);
     std::vector<std::vector<Cell>> lines;
     std::vector<size_t> widths;
     for (const char* const column : kColumns) {
@@ -275,15 +305,22 @@ class Top {
       }
       lines.push_back(std::move(line));
     }
+    // A long name leaves room for the rest.
+    widths[0] = std::min(widths[0], static_cast<size_t>(COLS / 2));
+    if (hasFrame()) drawTitles(widths);
+    const int above = hasFrame() ? kAbove : 0;
+    for (size_t i = first_; i < lines.size() && i < first_ + rows; ++i) {
+      drawLine(above + static_cast<int>(i - first_), lines[i], widths,
+               i == chosen_ ? A_REVERSE : A_NORMAL);
+    }
+  }
+
+  void drawTitles(const std::vector<size_t>& widths) const {
     std::vector<Cell> titles;
     for (const char* const title : kColumns) {
       titles.push_back({upperCase(title), Colour::BOLD});
     }
-    drawLine(kFirstRow - 1, titles, widths, A_NORMAL);
-    for (size_t i = first_; i < lines.size() && i < first_ + rows; ++i) {
-      drawLine(kFirstRow + static_cast<int>(i - first_), lines[i], widths,
-               i == chosen_ ? A_REVERSE : A_NORMAL);
-    }
+    drawLine(kAbove - 1, titles, widths, A_NORMAL);
   }
 
   void drawLine(int row, const std::vector<Cell>& cells,
@@ -304,8 +341,10 @@ class Top {
     (void)attrset(A_NORMAL);
   }
 
-  void write(int row, const std::string& text, attr_t attribute) const {
-    if (row < 0 || COLS <= 0) return;
+  /// Writes this text in the place of all that stands in the row.
+  static void write(int row, const std::string& text, attr_t attribute) {
+    (void)::move(row, 0);
+    (void)clrtoeol();
     (void)attrset(static_cast<int>(attribute));
     (void)mvaddstr(row, 0, fitted(text, static_cast<size_t>(COLS)).c_str());
     (void)attrset(A_NORMAL);
@@ -337,7 +376,8 @@ ExitStatus showTop(Session& session, const std::vector<std::string>& nodes) {
   {
     const Screen screen(session.settings().hasColours);
     if (!screen.isOpen()) {
-      session.complain("this terminal is unknown; is TERM right?");
+      session.complain(
+          "this terminal is unknown or too simple; is TERM right?");
       return kUsage;
     }
     status = Top(session, subjects, screen).run(message);

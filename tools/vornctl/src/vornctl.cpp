@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <clocale>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 
@@ -49,6 +50,9 @@ bool armStopSignals() {
 
 int main(int argc, char** argv) {
   (void)std::setlocale(LC_CTYPE, "");
+  // What is shown is UTF-8, as the launch file is, where nobody has set a
+  // locale too.
+  if (MB_CUR_MAX == 1) (void)std::setlocale(LC_CTYPE, "C.UTF-8");
   (void)::signal(SIGPIPE, SIG_DFL);  // a reader that has gone ends us silently
   fillStandardDescriptors();
   (void)armStopSignals();

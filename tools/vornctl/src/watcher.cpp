@@ -59,7 +59,7 @@ std::vector<Watcher::Change> Watcher::wait(milliseconds limit, int wake_fd) {
     if (!changes.empty() || !failure_.isDone() || left.count() <= 0) {
       return changes;
     }
-    waitForEnds(std::min(left, kLook), wake_fd);
+    if (!waitForEnds(std::min(left, kLook), wake_fd)) return {};
     pollfd woken[] = {{wake_fd, POLLIN, 0}, {cancel_fd_, POLLIN, 0}};
     if (::poll(woken, 2, 0) > 0) return {};
   }
@@ -69,7 +69,10 @@ std::vector<Watcher::Change> Watcher::askSuspects() {
   std::vector<Change> changes;
   for (const std::string& name : names_) {
     if (suspects_.erase(name) == 0) continue;
-    const StatusReply status = client_.status(name);
+    StatusReply status = client_.status(name);
+    // As when the launcher ends just then; another question tells, and changes
+    // nothing.
+    if (status.outcome == Outcome::UNKNOWN) status = client_.status(name);
     if (!status.isDone() && status.outcome != Outcome::NOT_FOUND &&
         status.outcome != Outcome::INVALID_NAME) {
       failure_ = static_cast<const ControlReply&>(status);
@@ -115,7 +118,7 @@ void Watcher::learn(Watched& node, const StatusReply& status) {
   node.next = Clock::now() + node.pause;
 }
 
-void Watcher::watchProcess(Watched& node) {
+void Watcher::watchProcess(Watched& node) const {
   if (node.pidFd >= 0) (void)::close(node.pidFd);
   node.pidFd = -1;
   if (!sees_processes_ || !node.status.isDone() || node.status.pid == 0) return;
@@ -128,7 +131,7 @@ void Watcher::watchProcess(Watched& node) {
   node.pidFd = static_cast<int>(::syscall(SYS_pidfd_open, node.status.pid, 0));
 }
 
-void Watcher::waitForEnds(milliseconds limit, int wake_fd) {
+bool Watcher::waitForEnds(milliseconds limit, int wake_fd) {
   std::vector<pollfd> watched = {{wake_fd, POLLIN, 0}, {cancel_fd_, POLLIN, 0}};
   std::vector<const std::string*> owners;
   for (const auto& [name, node] : nodes_) {
@@ -141,10 +144,9 @@ void Watcher::waitForEnds(milliseconds limit, int wake_fd) {
     const auto left = std::chrono::ceil<milliseconds>(node.next - Clock::now());
     limit = std::clamp(left, milliseconds(0), limit);
   }
-  if (::poll(watched.data(), watched.size(), static_cast<int>(limit.count())) <=
-      0) {
-    return;
-  }
+  const int ready =
+      ::poll(watched.data(), watched.size(), static_cast<int>(limit.count()));
+  if (ready <= 0) return ready == 0;
   for (size_t i = 0; i < owners.size(); ++i) {
     if (watched[i + 2].revents == 0) continue;
     Watched& node = nodes_[*owners[i]];
@@ -153,6 +155,7 @@ void Watcher::waitForEnds(milliseconds limit, int wake_fd) {
     node.pidFd = -1;
     suspects_.insert(*owners[i]);
   }
+  return true;
 }
 
 void Watcher::suspectByTime() {

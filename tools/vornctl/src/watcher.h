@@ -33,8 +33,8 @@ class Watcher {
 
   /// Waits until something has changed, but not longer than `limit`, and
   /// returns the changes, the first time every node. `wake_fd` ends the wait
-  /// too as soon as it is readable; -1: none. When the launcher cannot be
-  /// asked, failure() tells.
+  /// too as soon as it is readable; -1: none. So does a signal, such as that of
+  /// a resized terminal. When the launcher cannot be asked, failure() tells.
   std::vector<Change> wait(std::chrono::milliseconds limit, int wake_fd = -1);
 
   /// Asks for this node at the next wait().
@@ -68,8 +68,9 @@ class Watcher {
 
   std::vector<Change> askSuspects();
   void learn(Watched& node, const StatusReply& status);
-  void watchProcess(Watched& node);
-  void waitForEnds(std::chrono::milliseconds limit, int wake_fd);
+  void watchProcess(Watched& node) const;
+  // False if a signal has ended it.
+  bool waitForEnds(std::chrono::milliseconds limit, int wake_fd);
   void suspectByTime();
   void suspectByChildren();
   void suspectAllWithoutProcess();
