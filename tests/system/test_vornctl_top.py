@@ -1,0 +1,530 @@
+"""vornctl top: what is on the screen, what its keys do, and how it leaves the
+terminal."""
+
+import re
+import signal
+
+import pytest
+
+from support.control import Cmd, State
+from support.holding import held
+from support.terminal import Terminal
+from support.vornctl import VORNCTL
+from support.waiting import eventually
+
+# Runs top, then tells its exit status. The shell survives a Ctrl-C. What the
+# terminal was and is, but for its size, stands in two files.
+SCRIPT = f"""trap : INT
+echo before
+stty -a | tail -n +2 >/tmp/before
+{VORNCTL} top "$@"
+status=$?
+stty -a | tail -n +2 >/tmp/after
+echo "ended $status"
+exec sleep 1000
+"""
+KEYS = ("Up/Down  s start  t stop  r restart  e enable  d disable  u update"
+        "  q quit")
+SELECTED = re.compile(r"\x1b\[(0;)?7m")
+
+
+def stay(machine):
+    return machine.script("stay", "exec sleep 1000")
+
+
+@pytest.fixture(name="robot")
+def fixture_robot(machine):
+    """A machine with a node of each kind."""
+    path = stay(machine)
+    return machine.start({"vornnode": {
+        "camera": {"path": path, "required": ["lidar"]},
+        "lidar": {"path": path},
+        "manual": {"path": path, "autostart": False},
+        "off": {"path": path, "disabled": True}}})
+
+
+def top(machine, *arguments, **options):
+    """A terminal in which top runs."""
+    return Terminal(machine, "sh", "-c", SCRIPT, "sh", *arguments, **options)
+
+
+def shown(machine, *arguments, **options):
+    """The same, once the nodes are shown."""
+    terminal = top(machine, *arguments, **options)
+    terminal.wait_for_text("POLICY")
+    return terminal
+
+
+def selected(terminal):
+    """The name of the selected node."""
+    lines = [line for line in terminal.screen("-e") if SELECTED.search(line)]
+    assert len(lines) <= 1
+    if not lines:
+        return None
+    return re.sub(r"\x1b\[[0-9;]*m", "", lines[0]).split()[0]
+
+
+def wait_for_selected(terminal, name):
+    eventually(lambda: selected(terminal) == name, f"{name} is selected")
+
+
+def questions(machine):
+    """How many times the launcher was asked how a node is."""
+    return len(machine.log_lines("control cmd: 3"))
+
+
+def has_row(name, state):
+    """Whether a screen has this node in this state."""
+    return lambda screen: any(
+        re.match(rf"{name} +{state}", line) for line in screen)
+
+
+def wait_for_row(terminal, name, state):
+    return terminal.wait_for(has_row(name, state), f"{name} is {state}")
+
+
+def pid_of_row(screen, name):
+    """The pid shown for a running node."""
+    line = next(line for line in screen if line.startswith(name + " "))
+    return int(line.split()[2])
+
+
+def process_of(machine, name="vornctl"):
+    return next(p for p in machine.processes() if p.name == name)
+
+
+def wait_for_end(terminal, status):
+    """Waits until top has ended and checks what it leaves behind. Returns what
+    it has said."""
+    screen = terminal.wait_for_text("ended ")
+    before, after = ((terminal.machine.tmp / name).read_text()
+                     for name in ("before", "after"))
+    assert before == after and " echo " in after
+    assert (terminal.get("alternate_on"), terminal.get("cursor_flag")) == ("0", "1")
+    text = "\n".join(screen).strip()
+    begin, said, end = re.fullmatch(r"(before)\n(.*?)(ended \d+)", text, re.S).groups()
+    assert (begin, end) == ("before", f"ended {status}")
+    return said
+
+
+# -- What is shown.
+
+
+def test_the_screen_shows_every_node_in_the_order_of_the_file(robot):
+    camera, lidar = (robot.status(name).pid for name in ("camera", "lidar"))
+    screen = shown(robot).screen()
+    # Only the seconds are not known before.
+    screen = [re.sub(r" \d+s {4,5}", " 0s     ", line) for line in screen]
+    assert screen == [
+        f"launcher {robot.pid}  4 nodes: 2 never started, 2 running"
+        "  /tmp/launch.yaml",
+        "NODE    STATE          PID    UPTIME  POLICY   REQUIRED",
+        f"camera  running        {camera}  0s      restart  lidar",
+        f"lidar   running        {lidar}  0s      restart  -",
+        "manual  never started  -      -       manual   -",
+        "off     never started  -      -       restart  -",
+        *[""] * 17,
+        KEYS,
+    ]
+
+
+def test_the_named_nodes_are_shown_alone(robot):
+    screen = shown(robot, "lidar", "o*").screen()
+    assert [line.split(" ")[0] for line in screen if line] == [
+        "launcher", "NODE", "lidar", "off", "Up/Down"]
+
+
+def test_a_name_that_the_launcher_does_not_know_is_unknown(robot):
+    assert has_row("radar", "unknown")(shown(robot, "radar").screen())
+
+
+def test_a_launch_file_without_nodes_leaves_the_table_empty(machine):
+    terminal = shown(machine.start({"vornnode": {}}))
+    terminal.press("Down", "s")
+    screen = terminal.screen()
+    assert [line for line in screen if line] == [
+        f"launcher {machine.pid}  0 nodes  /tmp/launch.yaml",
+        "NODE  STATE  PID  UPTIME  POLICY  REQUIRED", KEYS]
+    terminal.press("q")
+    assert wait_for_end(terminal, 0) == ""
+
+
+def test_the_uptime_grows_without_a_question(robot):
+    terminal = shown(robot)
+    before = questions(robot)
+    terminal.wait_for(
+        lambda screen: any(re.search(r"^lidar .* [4-9]s ", line) for line in screen),
+        "four seconds of uptime")
+    # One that finds the launcher, one for each node, and that of the fixture.
+    assert questions(robot) == before == 1 + 4 + 1
+
+
+def test_wide_and_control_characters_keep_the_columns_straight(machine):
+    path = stay(machine)
+    machine.start({"vornnode": {
+        "日本語": {"path": path}, "tab\tescape\x1b": {"path": path},
+        "accent\u0301": {"path": path}, "n": {"path": path}}})
+    screen = shown(machine).screen()
+    assert [line.split("  running  ")[0] for line in screen[2:6]] == [
+        "日本語           ", r"tab\x09escape\x1b", "accent\u0301           ",
+        "n                "]
+
+
+def test_names_are_shown_as_they_are_where_no_locale_is_set(machine):
+    machine.start({"vornnode": {"日本語": {"path": stay(machine)}}})
+    environment = {"LC_ALL": "C.UTF-8"}  # for tmux
+    terminal = Terminal(machine, "env", "-u", "LC_ALL", VORNCTL, "top",
+                        environment=environment)
+    assert terminal.wait_for_text("POLICY")[2].startswith("日本語  running")
+
+
+def test_a_long_name_leaves_room_for_the_state(machine):
+    machine.start({"vornnode": {"n" * 120: {"path": stay(machine)}}})
+    assert shown(machine).screen()[2].startswith("n" * 39 + "…  running  ")
+
+
+# -- Colours.
+
+
+def test_states_are_coloured(robot):
+    lines = shown(robot).screen("-e")
+    assert "\x1b[32mrunning" in lines[3].replace("\x1b[39m", "")
+
+
+@pytest.mark.parametrize("arguments, environment", [
+    ([], {"NO_COLOR": "1"}), (["--color", "never"], {}),
+    ([], {"TERM": "xterm-mono"}),
+], ids=["NO_COLOR", "never", "a terminal without colours"])
+def test_no_colours_are_used_where_none_are_wanted(robot, arguments, environment):
+    # tmux itself needs another TERM than the program.
+    words = [f"{name}={value}" for name, value in environment.items()]
+    terminal = Terminal(robot, "env", *words, VORNCTL, "top", *arguments)
+    terminal.wait_for_text("POLICY")
+    text = "\n".join(terminal.screen("-e"))
+    assert SELECTED.search(text)
+    assert not re.search(r"\x1b\[[0-9;]*\b[34][0-7]m", text)
+
+
+@pytest.mark.parametrize("name", ["dumb", "no-such-terminal", ""])
+def test_a_terminal_that_cannot_be_drawn_on_is_refused(robot, name):
+    # ncurses frees not all that it has taken for a terminal unknown to it.
+    environment = ["ASAN_OPTIONS=detect_leaks=0", f"TERM={name}"]
+    terminal = Terminal(robot, "env", *environment, "sh", "-c", SCRIPT)
+    assert wait_for_end(terminal, 2) == (
+        "vornctl: this terminal is unknown or too simple; is TERM right?\n")
+
+
+# -- Keys.
+
+
+@pytest.mark.parametrize("keys, name", [
+    ([], "camera"), (["Down"], "lidar"), (["j"], "lidar"),
+    (["Down", "Down", "Up"], "lidar"), (["j", "j", "k"], "lidar"),
+    (["Up"], "camera"), (["End"], "off"), (["End", "Down"], "off"),
+    (["NPage"], "off"), (["End", "Home"], "camera"), (["NPage", "PPage"], "camera"),
+], ids=lambda value: "-".join(value) or "none" if isinstance(value, list) else value)
+def test_a_node_is_selected(robot, keys, name):
+    terminal = shown(robot)
+    if keys:
+        terminal.press(*keys)
+    wait_for_selected(terminal, name)
+
+
+@pytest.mark.parametrize("keys, name, message, state", [
+    (["NPage", "Up", "s", "s"], "manual", "manual: started", State.RUNNING),
+    (["j", "t"], "lidar", "lidar: stopped", State.STOPPED),
+    (["r"], "camera", "camera: restarted", State.RUNNING),
+    (["j", "d"], "lidar", "lidar: disabled", State.DISABLED),
+    (["End", "e", "s"], "off", "off: started", State.RUNNING),
+], ids=["start", "stop", "restart", "disable", "enable"])
+def test_a_key_acts_on_the_selected_node(robot, keys, name, message, state):
+    before = robot.status(name).pid
+    terminal = shown(robot)
+    terminal.press(*keys)
+    screen = terminal.wait_for_text(message)
+    assert screen[-2] == message
+    wait_for_row(terminal, name, state.name.lower())
+    status = robot.wait_for_state(name, state)
+    assert status.state is state and status.pid != before
+
+
+def test_a_failure_is_explained(robot):
+    terminal = shown(robot)
+    terminal.press("End", "s")
+    screen = terminal.wait_for_text("failed")
+    assert screen[-2] == (
+        "off: start failed: it is disabled; 'vornctl enable --now off' starts it")
+
+
+def test_the_message_goes_with_the_next_key(robot):
+    terminal = shown(robot)
+    terminal.press("e")
+    terminal.wait_for_text("camera: enabled")
+    terminal.press("Down")
+    terminal.wait_for(lambda screen: not screen[-2], "no message")
+
+
+def test_an_act_asks_only_for_its_node(robot):
+    terminal = shown(robot)
+    before = questions(robot)
+    terminal.press("NPage", "Up", "s", "s")
+    wait_for_row(terminal, "manual", "running")
+    # The first start is skipped: asked why, then how it is; and once again
+    # after the second.
+    assert questions(robot) - before <= 3
+    # Nor later.
+    before = questions(robot)
+    terminal.wait_for(
+        lambda screen: any(re.search(r"^manual .* [2-9]s ", line) for line in screen),
+        "two seconds of uptime")
+    assert questions(robot) == before
+
+
+def test_a_required_node_that_restarts_too_is_seen(robot):
+    terminal = shown(robot)
+    before = pid_of_row(terminal.screen(), "lidar")
+    terminal.press("r")
+    terminal.wait_for(
+        lambda screen: has_row("lidar", "running")(screen)
+        and pid_of_row(screen, "lidar") != before, "lidar has another process")
+
+
+def test_u_asks_for_what_no_process_shows(robot):
+    terminal = shown(robot)
+    robot.request(Cmd.DISABLE, "manual")
+    before = questions(robot)
+    terminal.press("u")
+    wait_for_row(terminal, "manual", "disabled")
+    assert questions(robot) - before == 4
+
+
+def test_keys_without_a_meaning_do_nothing(robot):
+    terminal = shown(robot)
+    before = len(robot.log())
+    terminal.press("x", "F5", "Escape", "Left", "Enter")
+    terminal.press("Down")
+    wait_for_selected(terminal, "lidar")
+    assert len(robot.log()) == before
+
+
+# -- What happens meanwhile.
+
+
+def test_a_death_is_seen_and_asked_about_a_few_times(robot):
+    terminal = shown(robot)
+    lidar = robot.child("lidar", ["sleep", "1000"])
+    before = questions(robot)
+    lidar.signal(signal.SIGKILL)
+    screen = terminal.wait_for(has_row("lidar", "restarting in [1-5]s"),
+                               "lidar waits for its restart")
+    assert "1 restarting, 1 running" in screen[0]
+    screen = wait_for_row(terminal, "lidar", "running")
+    assert pid_of_row(screen, "lidar") == robot.status("lidar").pid != lidar.pid
+    # Of them one is this test's own. A death is asked about at once, and again
+    # until it has been collected; the restart once.
+    assert questions(robot) - before <= 6
+
+
+def test_a_start_by_another_client_is_seen(robot):
+    terminal = shown(robot)
+    before = questions(robot)
+    robot.request(Cmd.START, "manual")
+    robot.request(Cmd.START, "manual")
+    wait_for_row(terminal, "manual", "running")
+    assert questions(robot) - before <= 2
+
+
+def test_a_stop_by_another_client_is_seen(robot):
+    terminal = shown(robot)
+    robot.request(Cmd.STOP, "lidar")
+    wait_for_row(terminal, "lidar", "stopped")
+
+
+# -- The size of the screen.
+
+
+@pytest.fixture(name="fleet")
+def fixture_fleet(machine):
+    """A machine with thirty nodes that do not run."""
+    path = stay(machine)
+    return machine.start({"vornnode": {
+        f"node{i:02}": {"path": path, "disabled": True} for i in range(30)}})
+
+
+def rows(screen):
+    """The names of the nodes on a screen."""
+    return [line.split()[0] for line in screen if line.startswith("node")]
+
+
+def names(first, last):
+    return [f"node{i:02}" for i in range(first, last + 1)]
+
+
+def wait_for_rows(terminal, first, last):
+    return terminal.wait_for(lambda screen: rows(screen) == names(first, last),
+                             f"node{first:02} to node{last:02}")
+
+
+def test_the_rows_follow_the_selection(fleet):
+    terminal = shown(fleet, rows=14)  # ten for nodes
+    wait_for_rows(terminal, 0, 9)
+    for keys, first, last, name in [
+        (["Down"] * 9, 0, 9, "node09"), (["Down"], 1, 10, "node10"),
+        (["NPage"], 11, 20, "node20"), (["Up"] * 10, 10, 19, "node10"),
+        (["End"], 20, 29, "node29"), (["PPage"], 19, 28, "node19"),
+        (["Home"], 0, 9, "node00"),
+    ]:
+        terminal.press(*keys)
+        wait_for_rows(terminal, first, last)
+        wait_for_selected(terminal, name)
+
+
+def test_a_key_acts_on_a_node_that_had_to_be_scrolled_to(fleet):
+    terminal = shown(fleet, rows=14)
+    terminal.press("End", "e", "s")
+    terminal.wait_for_text("node29: started")
+    assert fleet.status("node29").state is State.RUNNING
+
+
+def test_another_size_of_the_screen_is_filled_at_once(fleet):
+    terminal = shown(fleet, rows=14)
+    terminal.press("End")
+    wait_for_rows(terminal, 20, 29)
+    terminal.resize(80, 9)
+    wait_for_rows(terminal, 25, 29)
+    terminal.resize(100, 24)
+    wait_for_rows(terminal, 10, 29)
+    terminal.resize(80, 60)
+    screen = wait_for_rows(terminal, 0, 29)
+    assert screen[-1] == KEYS
+    wait_for_selected(terminal, "node29")
+
+
+@pytest.mark.parametrize("height", [1, 2, 3, 4])
+def test_a_screen_with_too_few_rows_shows_nodes_alone(fleet, height):
+    terminal = shown(fleet)
+    terminal.resize(40, height)
+    screen = wait_for_rows(terminal, 0, height - 1)
+    assert len(rows(screen)) == len(screen)
+    # Above a message, if there is room.
+    terminal.press("Down", "e")
+    screen = terminal.wait_for_text("node01: enabled")
+    assert rows(screen[:-1]) == (names(0, height - 2) if height > 2
+                                 else names(1, height - 1))
+    terminal.resize(80, 24)
+    terminal.wait_for(lambda screen: screen[-1] == KEYS, "all is back")
+
+
+@pytest.mark.parametrize("width", [2, 7, 20])
+def test_lines_are_cut_where_the_screen_ends(robot, width):
+    terminal = shown(robot)
+    terminal.resize(width, 10)
+    terminal.wait_for(lambda screen: screen[-1] == KEYS[:width - 1] + "…",
+                      "a cut line of keys")
+    terminal.resize(80, 24)
+    terminal.wait_for(lambda screen: screen[-1] == KEYS, "all is back")
+
+
+# -- The end.
+
+
+@pytest.mark.parametrize("key", ["q", "C-c"])
+def test_a_key_ends_it_and_the_terminal_is_as_before(robot, key):
+    terminal = shown(robot)
+    terminal.press(key)
+    assert wait_for_end(terminal, 0).strip("^C\n") == ""
+
+
+@pytest.mark.parametrize("name", ["SIGTERM", "SIGHUP", "SIGINT"])
+def test_a_signal_ends_it_and_the_terminal_is_as_before(robot, name):
+    terminal = shown(robot)
+    process_of(robot).signal(getattr(signal, name))
+    assert wait_for_end(terminal, 0) == ""
+
+
+def test_a_second_signal_does_not_end_it_before_the_terminal_is_as_before(robot):
+    terminal = shown(robot)
+    client = process_of(robot)
+    # Nothing more can be written, so that the end has to wait.
+    terminal.press("C-s")
+    eventually(lambda: client.read("syscall").startswith(b"1 "), "top writes")
+    for _ in range(2):
+        client.signal(signal.SIGINT)
+        eventually(lambda: b"ShdPnd:\t0000000000000000" in client.read("status"),
+                   "the signal has come")
+    terminal.press("C-q")
+    assert wait_for_end(terminal, 0) == ""
+
+
+def test_the_end_of_the_launcher_ends_it(robot):
+    terminal = shown(robot)
+    robot.signal(signal.SIGTERM)
+    assert wait_for_end(terminal, 5).startswith("vornctl: ")
+
+
+def test_another_launcher_in_its_place_ends_it(robot):
+    terminal = shown(robot)
+    client = process_of(robot)
+    client.signal(signal.SIGSTOP)
+    robot.signal(signal.SIGTERM)
+    robot.wait()
+    robot.start_again()
+    client.signal(signal.SIGCONT)
+    assert wait_for_end(terminal, 5) == (
+        "vornctl: the launcher has ended, and another one is running\n")
+
+
+def test_it_is_stopped_and_goes_on(robot):
+    terminal = Terminal(robot, "bash", "--norc", "--noprofile", "-i",
+                        environment={"PS1": "$ "})
+    terminal.wait_for_text("$")
+    terminal.run(f"{VORNCTL} top")
+    terminal.wait_for_text("POLICY")
+    terminal.press("C-z")
+    screen = terminal.wait_for_text("Stopped")
+    assert not any("POLICY" in line for line in screen)
+    assert (terminal.get("alternate_on"), terminal.get("cursor_flag")) == ("0", "1")
+    # The launcher is not held up meanwhile, and what happens is seen after.
+    robot.request(Cmd.STOP, "lidar")
+    terminal.resize(80, 12)
+    terminal.run("fg")
+    screen = wait_for_row(terminal, "lidar", "stopped")
+    assert screen[-1] == KEYS
+    terminal.press("q")
+    terminal.wait_for_text("fg")
+    assert terminal.get("alternate_on") == "0"
+
+
+def test_it_does_not_outlive_its_terminal(robot):
+    # As SIGHUP is ignored, nothing but the terminal's end tells.
+    terminal = Terminal(robot, "sh", "-c", f"trap '' HUP; {VORNCTL} top")
+    terminal.wait_for_text("POLICY")
+    terminal.tmux("kill-server")
+    eventually(lambda: all(p.name != "vornctl" for p in robot.processes()),
+               "top ends")
+
+
+def test_a_long_stop_is_shown_and_can_be_given_up(machine):
+    path = machine.script("stubborn", "trap : TERM; while :; do sleep 1000; done")
+    machine.start({"vornnode": {"stubborn": {"path": path}}})
+    terminal = shown(machine, columns=120)
+    terminal.press("t")
+    terminal.wait_for_text("stopping stubborn 1s (Ctrl-C gives up waiting)")
+    terminal.press("C-c")
+    assert "may still take effect" in wait_for_end(terminal, 7)
+
+
+def test_a_busy_launcher_can_be_given_up(robot):
+    terminal = shown(robot)
+    with held(robot):
+        terminal.press("u", "C-c")
+        assert wait_for_end(terminal, 0).strip("^C\n") == ""
+
+
+def test_an_act_that_meets_a_busy_launcher_can_be_given_up(robot):
+    terminal = shown(robot)
+    with held(robot):
+        terminal.press("r")
+        terminal.wait_for_text("restarting camera")
+        terminal.press("C-c")
+        assert "the request was delivered" in wait_for_end(terminal, 7)
