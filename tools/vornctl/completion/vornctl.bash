@@ -1,90 +1,162 @@
 # Tab completion of vornctl for bash.
 
-# The names of the running launcher's nodes, one a line, quoted for the shell.
-# A busy launcher is not waited for.
+# Prints the names of the running launcher's nodes, a NUL after each, for the
+# words of a command line up to the one to complete. A busy launcher is not
+# waited for.
 _vornctl_nodes() {
-  local name
+  local program=$1 options=() word i
+  shift
+  local words=("$@")
+  for ((i = 0; i < ${#words[@]}; i++)); do
+    case ${words[i]} in
+      --launch-file=* | --socket=* | --trust-any-user)
+        options+=("${words[i]}")
+        ;;
+      --launch-file | --socket) options+=("${words[i]}=${words[++i]}") ;;
+    esac
+  done
+  for ((i = 0; i < ${#options[@]}; i++)); do
+    word=${options[i]}
+    # As far as quotes go that people write around names of files.
+    word=${word//[\"\']/}
+    word=${word//\\/}
+    options[i]=${word/=\~\//=$HOME/}
+  done
+  "${program/#\~\//$HOME/}" --connect-timeout 1s --timeout 1s "${options[@]}" \
+    names --null 2>/dev/null
+}
+
+# _vornctl_offer_nodes CURRENT KEPT PROGRAM WORD... offers the nodes that begin
+# with CURRENT, quoted as that is, and are not among the words. KEPT is the part
+# of CURRENT that bash does not replace.
+_vornctl_offer_nodes() {
+  local current=$1 kept=$2 name quoted
+  shift 2
   while IFS= read -r -d '' name; do
-    printf '%q\n' "$name"
-  done < <("$1" --connect-timeout 1s --timeout 1s "${@:2}" names --null \
-    2>/dev/null)
+    case $current in
+      \'*)
+        [[ $name != *\'* ]] || continue
+        quoted="'$name"
+        ;;
+      \"*)
+        quoted=${name//\\/\\\\}
+        quoted=${quoted//\"/\\\"}
+        quoted=${quoted//\$/\\\$}
+        quoted="\"${quoted//\`/\\\`}"
+        ;;
+      *) printf -v quoted %q "$name" ;;
+    esac
+    [[ $quoted == "$current"* ]] || continue
+    _vornctl_has_word "$name" "$@" || COMPREPLY+=("${quoted#"$kept"}")
+  done < <(_vornctl_nodes "$@")
+}
+
+# _vornctl_has_word NAME WORD... tells whether one of the words is this name,
+# in any of the usual quotes.
+_vornctl_has_word() {
+  local name=$1 quoted word
+  printf -v quoted %q "$name"
+  for word in "${@:2}"; do
+    case $word in
+      "$quoted" | "'$name'" | "\"$name\"") return 0 ;;
+    esac
+  done
+  return 1
+}
+
+# _vornctl_offer CURRENT KEPT WORD... offers the words that begin with CURRENT.
+_vornctl_offer() {
+  local word
+  for word in "${@:3}"; do
+    [[ $word != "$1"* ]] || COMPREPLY+=("${word#"$2"}")
+  done
+}
+
+# Offers values for an option; false if it takes none.
+_vornctl_offer_value() {
+  local option=$1 current=$2 kept=$3
+  case $option in
+    --launch-file | --socket) compopt -o default ;;  # bash's own, for files
+    --color) _vornctl_offer "$current" "$kept" auto always never ;;
+    --state)
+      _vornctl_offer "$current" "$kept" running stopped disabled restarted
+      ;;
+    --timeout | --connect-timeout | --for) ;;
+    -o | --columns)
+      local columns=(node state pid uptime started policy required executable)
+      local before=${current%"${current##*,}"}
+      _vornctl_offer "$current" "$kept" "${columns[@]/#/"$before"}"
+      compopt -o nospace
+      ;;
+    *) return 1 ;;
+  esac
+}
+
+# Prints the command among these words, if there is one.
+_vornctl_command() {
+  while [[ $# -gt 0 ]]; do
+    case $1 in
+      --launch-file | --timeout | --connect-timeout | --socket | --color) shift ;;
+      -*) ;;
+      *)
+        printf %s "$1"
+        return
+        ;;
+    esac
+    shift
+  done
 }
 
 _vornctl() {
-  local program=$1 current=$2 previous=$3
-  local options="--launch-file --timeout --connect-timeout --socket
-    --trust-any-user --color --quiet --help"
-  local commands="status start stop restart enable disable wait monitor top
-    ping names completion help"
-  local command="" word launch_file=() i
-  for ((i = 1; i < COMP_CWORD; i++)); do
-    word=${COMP_WORDS[i]}
-    case $word in
-      --launch-file)
-        launch_file=(--launch-file "${COMP_WORDS[++i]}")
-        ;;
-      --timeout | --connect-timeout | --socket | --color) ((i++)) ;;
-      -*) ;;
-      *)
-        command=$word
-        break
-        ;;
-    esac
+  local options=(--launch-file --timeout --connect-timeout --socket
+    --trust-any-user --color --quiet --help)
+  # bash breaks words at characters such as : and =, too; here they are whole.
+  local words=() rest=${COMP_LINE:0:COMP_POINT} i
+  for ((i = 0; i <= COMP_CWORD; i++)); do
+    local word=${COMP_WORDS[i]} blanks=${rest%%[![:space:]]*}
+    rest=${rest#"$blanks"}
+    [[ $i -lt $COMP_CWORD ]] || word=$rest
+    if [[ $i -eq 0 || -n $blanks ]]; then
+      words+=("$word")
+    else
+      words[-1]+=$word
+    fi
+    rest=${rest#"$word"}
   done
+  local current=${words[-1]}
+  unset 'words[-1]'
+  local previous=${words[-1]} kept=${current%"$2"} command
+  command=$(_vornctl_command "${words[@]:1}")
+
   COMPREPLY=()
-  case $previous in
-    --launch-file | --socket)
-      compopt -o filenames 2>/dev/null
-      mapfile -t COMPREPLY < <(compgen -f -- "$current")
-      return
-      ;;
-    --color)
-      mapfile -t COMPREPLY < <(compgen -W "auto always never" -- "$current")
-      return
-      ;;
-    --state)
-      mapfile -t COMPREPLY < <(compgen -W "running stopped disabled restarted" \
-        -- "$current")
-      return
-      ;;
-    --timeout | --connect-timeout | --for) return ;;
-    -o | --columns)
-      local begin=${current%"${current##*,}"}
-      mapfile -t COMPREPLY < <(compgen -P "$begin" -W "node state pid uptime
-        started policy required executable" -- "${current##*,}")
-      compopt -o nospace 2>/dev/null
-      return
-      ;;
-  esac
+  if [[ $current == --*=* ]]; then
+    _vornctl_offer_value "${current%%=*}" "${current#*=}" \
+      "${kept#"${current%%=*}="}"
+    return
+  fi
+  ! _vornctl_offer_value "$previous" "$current" "$kept" || return
   case $command in
-    "") options+=" --version" ;;
-    status) options+=" --json --plain --no-header --columns" ;;
-    start | restart) options+=" --all" ;;
-    stop | disable) options+=" --all --yes" ;;
-    enable) options+=" --all --now" ;;
-    wait) options+=" --state --for" ;;
-    monitor) options+=" --json" ;;
-    names) options+=" --null" ;;
+    "") options+=(--version) ;;
+    status) options+=(--json --plain --no-header --columns) ;;
+    start | restart) options+=(--all) ;;
+    stop | disable) options+=(--all --yes) ;;
+    enable) options+=(--all --now) ;;
+    wait) options+=(--state --for) ;;
+    monitor) options+=(--json) ;;
+    names) options+=(--null) ;;
   esac
   if [[ $current == -* ]]; then
-    mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
+    _vornctl_offer "$current" "$kept" "${options[@]}"
     return
   fi
   case $command in
-    "") mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$current") ;;
-    completion)
-      mapfile -t COMPREPLY < <(compgen -W "bash zsh fish" -- "$current")
+    "")
+      _vornctl_offer "$current" "$kept" status start stop restart enable \
+        disable wait monitor top ping names completion help
       ;;
+    completion) _vornctl_offer "$current" "$kept" bash zsh fish ;;
     status | start | stop | restart | enable | disable | wait | monitor | top)
-      local name
-      while IFS= read -r name; do
-        [[ $name == "$current"* ]] && COMPREPLY+=("$name")
-      done < <(_vornctl_nodes "$program" "${launch_file[@]}")
-      # bash puts back only what stands behind the last colon.
-      if [[ $current == *:* && $COMP_WORDBREAKS == *:* ]]; then
-        local colons=${current%"${current##*:}"}
-        COMPREPLY=("${COMPREPLY[@]#"$colons"}")
-      fi
+      _vornctl_offer_nodes "$current" "$kept" "${words[@]}"
       ;;
   esac
 }

@@ -1,13 +1,24 @@
 # Tab completion of vornctl for fish.
 
-# The names of the running launcher's nodes. A busy launcher is not waited for.
+# The names of the running launcher's nodes, without those given already. A busy
+# launcher is not waited for.
 function __vornctl_nodes
     set -l options
     set -l words (commandline -opc)
-    if set -l index (contains -i -- --launch-file $words)
-        set options --launch-file $words[(math $index + 1)]
+    set -l program (string replace -r '^~/' "$HOME/" -- $words[1])
+    for option in --launch-file --socket
+        if set -l index (contains -i -- $option $words)
+            set -a options $option=$words[(math $index + 1)]
+        end
+        set -a options (string match -- "$option=*" $words)
     end
-    vornctl --connect-timeout 1s --timeout 1s $options names --null 2>/dev/null | string split0
+    set options (string replace -r '=~/' "=$HOME/" -- $options)
+    set -a options (string match -- --trust-any-user $words)
+    for name in ($program --connect-timeout 1s --timeout 1s $options names --null 2>/dev/null | string split0)
+        # fish takes what stands behind a tab for a description.
+        string match -qr '[\t\n]' -- $name; and continue
+        contains -- $name $words[2..]; or printf '%s\n' $name
+    end
 end
 
 function __vornctl_needs_command
@@ -43,7 +54,7 @@ complete -c vornctl -n '__fish_seen_subcommand_from status start stop restart en
 complete -c vornctl -n '__fish_seen_subcommand_from status monitor' -l json -d 'Print JSON'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l plain -d 'Tabs between columns'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l no-header -d 'No titles'
-complete -c vornctl -n '__fish_seen_subcommand_from status' -s o -l columns -x -a 'node state pid uptime started policy required executable' -d Columns
+complete -c vornctl -n '__fish_seen_subcommand_from status' -s o -l columns -x -a '(__fish_append , node state pid uptime started policy required executable)' -d Columns
 complete -c vornctl -n '__fish_seen_subcommand_from start stop restart enable disable' -l all -d 'Every node'
 complete -c vornctl -n '__fish_seen_subcommand_from stop disable' -s y -l yes -d 'Do not ask'
 complete -c vornctl -n '__fish_seen_subcommand_from enable' -l now -d 'Start them as well'
