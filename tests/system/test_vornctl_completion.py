@@ -1,0 +1,258 @@
+"""Tab completion of vornctl, in the shells themselves."""
+
+import pathlib
+import re
+import shutil
+import signal
+
+import pytest
+
+from support.control import State
+from support.holding import held
+from support.terminal import Terminal
+from support.vornctl import VORNCTL
+
+SCRIPTS = pathlib.Path(__file__).resolve().parents[2] / "tools/vornctl/completion"
+BASH_COMPLETION = "/usr/share/bash-completion/bash_completion"
+PROMPT = "ready> "
+# How each shell is told to complete, and where it looks by itself.
+BASH = f"PS1='{PROMPT}'; PATH=/tmp/install/bin:$PATH; bind 'set bell-style none'\n"
+ZSH = (f"PS1='{PROMPT}'; PATH=/tmp/install/bin:$PATH; setopt no_beep\n"
+       "fpath=(/tmp/functions $fpath); autoload -U compinit; compinit -u -D\n")
+FISH = (f"function fish_prompt; echo -n '{PROMPT}'; end; set fish_greeting\n"
+        "set -g fish_autosuggestion_enabled 0; fish_add_path -P /tmp/install/bin\n")
+WAYS = {
+    "bash": BASH + "source <(vornctl completion bash)\n",
+    "bash-completion": f". {BASH_COMPLETION}\n" + BASH,
+    "zsh": ZSH + "source <(vornctl completion zsh)\n",
+    "zsh-fpath": ZSH,
+    "fish": FISH + "vornctl completion fish | source\n",
+    "fish-autoload": FISH,
+}
+SHELLS = ["bash", "zsh", "fish"]
+# Names with all that means something to a shell, each with a first letter of
+# its own.
+NAMES = [
+    "a space", "b'quote", 'c"quotes"', "d$HOME", "e*", "f?[x]", "g;h", "i\\j",
+    "k:l", "m@n", "o=p", "q&r|s", "t{u,v}", "w!x", "y(z)", "A~", "B#",
+    "E<F>", "G--h", "日本語", "J^K", "Lé", "M%", "N:O:P", "Q=R@S:T",
+    "C`D`",  # the last: bash itself completes no word behind it
+]
+
+
+class Shell(Terminal):
+    """A terminal with a shell in it, which completes vornctl this way."""
+
+    def __init__(self, machine, way):
+        self.name = way.split("-")[0]
+        if shutil.which(self.name) is None:
+            pytest.skip(f"{self.name} is missing")
+        if way == "bash-completion" and not pathlib.Path(BASH_COMPLETION).exists():
+            pytest.skip("bash-completion is missing")
+        machine.file("completions/completions/vornctl",
+                     (SCRIPTS / "vornctl.bash").read_bytes())
+        machine.file("functions/_vornctl", (SCRIPTS / "_vornctl").read_bytes())
+        machine.file(".config/fish/completions/vornctl.fish",
+                     (SCRIPTS / "vornctl.fish").read_bytes())
+        for file in "bashrc", ".zshrc", ".config/fish/config.fish":
+            machine.file(file, WAYS[way])
+        command = {"bash": ["bash", "--rcfile", "/tmp/bashrc"],
+                   "zsh": ["zsh", "-o", "no_global_rcs"], "fish": ["fish"]}[self.name]
+        super().__init__(
+            machine, *command, "-i", columns=120, rows=50,
+            environment={"ZDOTDIR": "/tmp", "INPUTRC": "/dev/null",
+                         "BASH_COMPLETION_USER_DIR": "/tmp/completions"})
+        self.wait_for(lambda screen: screen[0] == PROMPT.rstrip(), "a prompt")
+
+    def complete(self, line, completed):
+        """Types this, presses the tab key, and waits until this stands there.
+        zsh may put a = or a comma behind it."""
+        self.type(line + "\t")
+        possible = [completed, *[completed + mark for mark in "=,"]]
+        self.wait_for(lambda screen: self.line(screen) in possible, completed)
+
+    def completes_to_nothing(self, line):
+        """Whether the tab key adds nothing to this line, nor shows anything."""
+        self.type(line)
+        # What is typed behind is read after the completion.
+        self.press("Tab", "X")
+        screen = self.wait_for(lambda screen: self.line(screen).endswith("X"), "an X")
+        return [text for text in screen if text] == [PROMPT + line + "X"]
+
+    def offers(self, line):
+        """The words shown below this line after the tab key."""
+        self.type(line)
+        # bash lists at the second.
+        self.press(*["Tab"] * (2 if self.name == "bash" else 1))
+        screen = self.wait_for(lambda screen: any(screen[1:]), "a list")
+        # fish shows descriptions too, in parentheses.
+        text = re.sub(r"\([^)]*\)", "", "\n".join(screen[1:]))
+        text = text.partition(PROMPT)[0]
+        return set(text.split())
+
+    @staticmethod
+    def line(screen):
+        """What stands in the line with the last prompt, without the prompt."""
+        lines = [line for line in screen if line.startswith(PROMPT.rstrip())]
+        return lines[-1][len(PROMPT):] if lines else ""
+
+
+@pytest.fixture(name="robot")
+def fixture_robot(machine):
+    """A machine with four nodes that do not run."""
+    node = {"path": machine.script("stay", "exec sleep 1000"), "disabled": True}
+    return machine.start(
+        {"vornnode": dict.fromkeys(["lidar", "camera1", "camera2", "radar"], node)})
+
+
+@pytest.fixture(name="shell", params=SHELLS)
+def fixture_shell(request, robot):
+    return Shell(robot, request.param)
+
+
+# -- Loading.
+
+
+@pytest.mark.parametrize("way", WAYS)
+def test_a_name_is_completed_however_the_script_is_loaded(robot, way):
+    Shell(robot, way).complete("vornctl restart li", "vornctl restart lidar")
+
+
+@pytest.mark.parametrize("shell_name, file", [
+    ("bash", "vornctl.bash"), ("zsh", "_vornctl"), ("fish", "vornctl.fish")])
+def test_the_script_is_printed(robot, shell_name, file):
+    done = robot.vornctl("completion", shell_name)
+    assert done.stdout == (SCRIPTS / file).read_text(encoding="utf-8")
+
+
+# -- What is not a name.
+
+
+BEGUN = [
+    ("vornctl mon", "vornctl monitor"),
+    ("vornctl --vers", "vornctl --version"),
+    ("vornctl wait --st", "vornctl wait --state"),
+    ("vornctl enable --n", "vornctl enable --now"),
+    ("vornctl stop --y", "vornctl stop --yes"),
+    ("vornctl start lidar --launch", "vornctl start lidar --launch-file"),
+    ("vornctl wait lidar --state dis", "vornctl wait lidar --state disabled"),
+    ("vornctl --color ne", "vornctl --color never"),
+    ("vornctl --color=ne", "vornctl --color=never"),
+    ("vornctl completion f", "vornctl completion fish"),
+    ("vornctl --color never stat", "vornctl --color never status"),
+    ("vornctl --color=never stat", "vornctl --color=never status"),
+    ("vornctl status -o pol", "vornctl status -o policy"),
+    ("vornctl status -o node,pol", "vornctl status -o node,policy"),
+]
+
+
+def test_what_is_begun_is_completed(shell):
+    for line, completed in BEGUN:
+        shell.complete(line, completed)
+        shell.press("C-u")
+
+
+@pytest.mark.parametrize("line, offered", [
+    ("vornctl ", {"status", "start", "stop", "restart", "enable", "disable", "wait",
+                  "monitor", "top", "ping", "names", "completion", "help"}),
+    ("vornctl wait --state ", {"running", "stopped", "disabled", "restarted"}),
+    ("vornctl completion ", {"bash", "zsh", "fish"}),
+    ("vornctl --color ", {"auto", "always", "never"}),
+    ("vornctl status ", {"lidar", "camera1", "camera2", "radar"}),
+    ("vornctl stop camera1 lidar ", {"camera2", "radar"}),
+])
+def test_what_is_possible_is_offered(shell, line, offered):
+    possible = shell.offers(line)
+    everything = {"status", "lidar", "camera1", "camera2", "radar", "running", "bash",
+                  "never", "launch.yaml", "bin/"}
+    assert offered <= possible
+    assert not (everything - offered) & possible
+
+
+# -- Names.
+
+
+def test_every_command_about_nodes_completes_their_names(shell):
+    for command in ("status", "start", "stop", "restart", "enable", "disable", "wait",
+                    "monitor", "top"):
+        shell.complete(f"vornctl {command} rad", f"vornctl {command} radar")
+        shell.press("C-u")
+
+
+def test_a_name_that_was_given_is_not_offered_again(shell):
+    shell.complete("vornctl stop camera1 cam", "vornctl stop camera1 camera2")
+
+
+@pytest.mark.parametrize("shell_name", SHELLS)
+def test_every_name_arrives_as_it_is(machine, shell_name):
+    node = {"path": "/bin/true", "disabled": True}
+    machine.start({"vornnode": dict.fromkeys(NAMES, node)})
+    shell = Shell(machine, shell_name)
+    shell.type("vornctl disable ")
+    for name in NAMES:
+        shell.type(name[0] + "\t")
+    shell.type("; echo done")
+    shell.press("Enter")
+    screen = shell.wait_for(lambda screen: "done" in screen, "the end")
+    # It stops in the reverse order.
+    end = screen.index("done")
+    assert screen[end - len(NAMES):end] == [
+        f"{name}: disabled" for name in reversed(NAMES)]
+
+
+@pytest.mark.parametrize("shell_name", SHELLS)
+def test_a_name_is_completed_behind_what_breaks_words(machine, shell_name):
+    node = {"path": "/bin/true", "disabled": True}
+    machine.start({"vornnode": dict.fromkeys(NAMES, node)})
+    shell = Shell(machine, shell_name)
+    for begun, name in [
+        ("k:", "k:l"), ("k", "k:l"), ("N:O", "N:O:P"), ("m@", "m@n"), ("o=", "o=p"),
+        ("Q=R@", "Q=R@S:T"), ("a\\ s", "a\\ space"),
+    ]:
+        shell.complete(f"vornctl stop {begun}", f"vornctl stop {name}")
+        shell.press("C-u")
+
+
+@pytest.mark.parametrize("quote", ['"', "'"])
+@pytest.mark.parametrize("name", ["one two", "$x `y` \\z", "a\"b"])
+@pytest.mark.parametrize("shell_name", SHELLS)
+def test_a_name_in_quotes_is_completed(machine, shell_name, quote, name):
+    machine.start({"vornnode": {name: {"path": "/bin/true", "disabled": True}}})
+    shell = Shell(machine, shell_name)
+    shell.type(f"vornctl disable {quote}")
+    shell.press("Tab", "Enter")
+    shell.wait_for_text(f"{name}: disabled")
+
+
+def test_the_names_are_those_of_the_file_that_is_named(shell):
+    shell.machine.file("my other.yaml", "vornnode: {other: {path: x}}\n")
+    shell.complete("vornctl --launch-file /tmp/my\\ other.yaml start o",
+                   "vornctl --launch-file /tmp/my\\ other.yaml start other")
+
+
+@pytest.mark.parametrize("option", ["--launch-file ", "--launch-file="])
+def test_files_are_completed_where_one_is_wanted(shell, option):
+    shell.machine.file("some folder/file.yaml", "")
+    shell.complete(f"vornctl {option}/tmp/some",
+                   f"vornctl {option}/tmp/some\\ folder/")
+    shell.complete("fi", f"vornctl {option}/tmp/some\\ folder/file.yaml")
+
+
+def test_the_program_that_is_named_is_asked(robot, shell):
+    shell.run("PATH=/usr/bin:/bin" if shell.name != "fish" else "set PATH /usr/bin")
+    shell.complete(f"{VORNCTL} start li", f"{VORNCTL} start lidar")
+
+
+# -- Without an answer.
+
+
+def test_nothing_happens_where_no_launcher_runs(shell):
+    shell.machine.signal(signal.SIGKILL)
+    shell.machine.wait()
+    assert shell.completes_to_nothing("vornctl start li")
+
+
+def test_a_busy_launcher_is_not_waited_for(shell):
+    with held(shell.machine):
+        assert shell.completes_to_nothing("vornctl start li")
+    assert shell.machine.status("lidar").state is State.STOPPED
