@@ -29,9 +29,11 @@ std::string procFile(pid_t pid, const char* file) {
 std::optional<std::string> readAll(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) return std::nullopt;
-  std::string text((std::istreambuf_iterator<char>(file)), {});
-  if (file.bad()) return std::nullopt;
-  return text;
+  try {
+    return std::string((std::istreambuf_iterator<char>(file)), {});
+  } catch (const std::ios_base::failure&) {
+    return std::nullopt;  // the process has ended since the file was opened
+  }
 }
 
 /// The strings of a file such as cmdline, each of which ends with a NUL.
