@@ -55,7 +55,8 @@ ControlReply perform(ControlClient& client, Cmd cmd, const std::string& name) {
     case Cmd::STATUS:
       break;
   }
-  return client.status(name);
+  const StatusReply reply = client.status(name);
+  return static_cast<const ControlReply&>(reply);
 }
 
 std::string explainFailure(ControlClient& client,

@@ -127,6 +127,7 @@ void printTable(const StatusOptions& options, bool has_colours,
   }
   for (const NodeView& view : views) {
     std::vector<Cell> row;
+    row.reserve(columns.size());
     for (const std::string& column : columns) {
       row.push_back(options.isPlain ? plainCellFor(view, column)
                                     : cellFor(view, column));
