@@ -91,6 +91,26 @@ CLI::callback_t readDuration(Target& target) {
   };
 }
 
+/// A value that is one of these words.
+template <typename Value>
+CLI::callback_t readWord(const std::string& option, Value& target,
+                         std::map<std::string, Value> words) {
+  return
+      [option, &target, words = std::move(words)](const CLI::results_t& texts) {
+        const auto word = words.find(texts.back());
+        if (word == words.end()) {
+          std::string choice;
+          for (const auto& entry : words) {
+            choice += (choice.empty() ? "" : ", ") + entry.first;
+          }
+          throw CLI::ValidationError(
+              option, "'" + texts.back() + "' is none of " + choice);
+        }
+        target = word->second;
+        return true;
+      };
+}
+
 bool mayColour(ColourMode mode) {
   if (mode != ColourMode::AUTO) return mode == ColourMode::ALWAYS;
   const char* const terminal = std::getenv("TERM");
@@ -170,12 +190,12 @@ class CommandLine {
         ->type_name("PATH");
     app_.add_flag("--trust-any-user", settings.trustAnyUser,
                   "Talk to a launcher that is neither root's nor yours");
-    app_.add_option("--color", arguments_.colour,
+    app_.add_option("--color",
+                    readWord<ColourMode>("--color", arguments_.colour,
+                                         {{"auto", ColourMode::AUTO},
+                                          {"always", ColourMode::ALWAYS},
+                                          {"never", ColourMode::NEVER}}),
                     "Colours: auto (default), always or never")
-        ->transform(CLI::CheckedTransformer(
-            std::map<std::string, ColourMode>{{"auto", ColourMode::AUTO},
-                                              {"always", ColourMode::ALWAYS},
-                                              {"never", ColourMode::NEVER}}))
         ->type_name("WHEN");
     app_.add_flag("-q,--quiet", settings.isQuiet,
                   "Say nothing but what goes wrong");
@@ -211,13 +231,15 @@ class CommandLine {
     app->add_flag("--plain", options.isPlain,
                   "Tabs between columns, bare words and numbers")
         ->excludes(json);
-    app->add_flag("!--no-header", options.hasHeader, "No line of titles");
+    app->add_flag_callback(
+        "--no-header", [&options] { options.hasHeader = false; },
+        "No line of titles");
     app->add_option("-o,--columns", options.columns,
                     "Columns, with commas between: node, state, pid, uptime, "
                     "started, policy, required, executable")
         ->delimiter(',')
         ->allow_extra_args(false)  // what follows is a node
-        ->check(CLI::IsMember(statusColumns()))
+        ->check(CLI::IsMember(statusColumns()).description(""))
         ->type_name("COLUMNS")
         ->excludes(json);
   }
@@ -256,16 +278,16 @@ class CommandLine {
           return waitForNodes(session, arguments_.wait);
         });
     addNodes(app, "Names or quoted patterns")->required();
-    app->add_option("--state", options.goal,
+    app->add_option("--state",
+                    readWord<WaitOptions::Goal>(
+                        "--state", options.goal,
+                        {{"running", WaitOptions::Goal::RUNNING},
+                         {"stopped", WaitOptions::Goal::STOPPED},
+                         {"disabled", WaitOptions::Goal::DISABLED},
+                         {"restarted", WaitOptions::Goal::RESTARTED}}),
                     "running, stopped, disabled, or restarted: running with "
                     "another start than now")
         ->required()
-        ->transform(
-            CLI::CheckedTransformer(std::map<std::string, WaitOptions::Goal>{
-                {"running", WaitOptions::Goal::RUNNING},
-                {"stopped", WaitOptions::Goal::STOPPED},
-                {"disabled", WaitOptions::Goal::DISABLED},
-                {"restarted", WaitOptions::Goal::RESTARTED}}))
         ->type_name("STATE");
     app->add_option("--for", readDuration(options.heldFor),
                     "How long it must last")
@@ -305,7 +327,7 @@ class CommandLine {
         });
     completion->add_option("SHELL", arguments_.shell, "bash, zsh or fish")
         ->required()
-        ->check(CLI::IsMember({"bash", "zsh", "fish"}))
+        ->check(CLI::IsMember({"bash", "zsh", "fish"}).description(""))
         ->type_name("SHELL");
     CLI::App* const help =
         addCommand("help", "Show this text, or that of a command",
