@@ -65,8 +65,10 @@ ControlReply call(ControlClient& client, ControlRequest::Cmd cmd,
       return client.stop(name);
     case ControlRequest::Cmd::RESTART:
       return client.restart(name);
-    case ControlRequest::Cmd::STATUS:
-      return client.status(name);
+    case ControlRequest::Cmd::STATUS: {
+      const StatusReply reply = client.status(name);
+      return static_cast<const ControlReply&>(reply);
+    }
     case ControlRequest::Cmd::DISABLE:
       return client.disable(name);
     case ControlRequest::Cmd::ENABLE:

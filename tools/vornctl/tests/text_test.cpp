@@ -20,8 +20,10 @@ TEST(PrintableTest, EscapesControlCharacters) {
 }
 
 TEST(PrintableTest, EscapesWhatTurnsTheDirectionOfText) {
-  EXPECT_EQ(printable("a\u202eb"), "a\\xe2\\x80\\xaeb");
-  EXPECT_EQ(printable("a\u2066b"), "a\\xe2\\x81\\xa6b");
+  EXPECT_EQ(printable(std::string("a\xe2\x80") + '\xae' + 'b'),
+            "a\\xe2\\x80\\xaeb");
+  EXPECT_EQ(printable(std::string("a\xe2\x81") + '\xa6' + 'b'),
+            "a\\xe2\\x81\\xa6b");
 }
 
 TEST(PrintableTest, EscapesWhatIsNoUtf8) {
