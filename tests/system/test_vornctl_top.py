@@ -96,7 +96,9 @@ def process_of(machine, name="vornctl"):
 def wait_for_end(terminal, status):
     """Waits until top has ended and checks what it leaves behind. Returns what
     it has said."""
-    screen = terminal.wait_for_text("ended ")
+    # Not "the launcher has ended", which comes before.
+    screen = terminal.wait_for(
+        lambda lines: any(re.match(r"ended \d", line) for line in lines), "its end")
     before, after = ((terminal.machine.tmp / name).read_text()
                      for name in ("before", "after"))
     assert before == after and " echo " in after
