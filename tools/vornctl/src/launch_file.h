@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "reading.h"
+
 namespace vorn::launch {
 
 /// A node as its launch file describes it.
@@ -26,12 +28,6 @@ struct LaunchFile {
 
   /// The node of this name; null if there is none. Borrowed.
   const LaunchNode* find(const std::string& name) const;
-};
-
-/// What the reading of a launch file depends on besides the file.
-struct LauncherSurroundings {
-  std::string binPath;      // VORN_BIN_PATH when the launcher started, or empty
-  std::string installRoot;  // what "install://" stands for, no slash at its end
 };
 
 /// Reads the launch file at `path` as a launcher in these surroundings does.

@@ -78,7 +78,6 @@ std::string rootAsWeReachIt(pid_t pid) {
 
 LauncherSurroundings surroundingsOf(pid_t pid) {
   LauncherSurroundings surroundings;
-  std::string root;
   if (const auto text = readAll(procFile(pid, "environ"))) {
     for (const std::string& entry : splitAtNuls(*text)) {
       const size_t sign = entry.find('=');
@@ -87,16 +86,13 @@ LauncherSurroundings surroundingsOf(pid_t pid) {
       if (entry.compare(0, sign, "VORN_BIN_PATH") == 0) {
         surroundings.binPath = value;
       }
-      if (entry.compare(0, sign, "VORN_ROOT") == 0) root = value;
+      if (entry.compare(0, sign, "VORN_ROOT") == 0) surroundings.root = value;
     }
   }
-  if (root.empty()) {
-    if (const auto executable = readLink(procFile(pid, "exe"))) {
-      root = fs::path(*executable).parent_path().parent_path().string();
-    }
+  if (const auto executable = readLink(procFile(pid, "exe"))) {
+    surroundings.executableRoot =
+        fs::path(*executable).parent_path().parent_path().string();
   }
-  while (!root.empty() && root.back() == '/') root.pop_back();
-  surroundings.installRoot = root;
   return surroundings;
 }
 

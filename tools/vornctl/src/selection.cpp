@@ -70,18 +70,25 @@ std::vector<std::string> selectNodes(const LaunchFile& file,
   return selected;
 }
 
-std::string nearestName(const LaunchFile& file, const std::string& name) {
-  // A third of the letters wrong is a typing error, more is another name.
-  size_t best = std::max<size_t>(1, name.size() / 3) + 1;
+std::string nearestOf(const std::vector<std::string>& words,
+                      const std::string& word) {
+  // A third of the letters wrong is a typing error, more is another word.
+  size_t best = std::max<size_t>(1, word.size() / 3) + 1;
   std::string nearest;
-  for (const LaunchNode& node : file.nodes) {
-    const size_t distance = editDistance(name, node.name);
+  for (const std::string& each : words) {
+    const size_t distance = editDistance(word, each);
     if (distance < best) {
       best = distance;
-      nearest = node.name;
+      nearest = each;
     }
   }
   return nearest;
+}
+
+std::string nearestName(const LaunchFile& file, const std::string& name) {
+  std::vector<std::string> names;
+  for (const LaunchNode& node : file.nodes) names.push_back(node.name);
+  return nearestOf(names, name);
 }
 
 }  // namespace vorn::launch

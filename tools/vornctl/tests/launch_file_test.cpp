@@ -127,7 +127,7 @@ TEST_F(ReadLaunchFileTest, PrefersTheBinPathThatTheFileSetsLast) {
 }
 
 TEST_F(ReadLaunchFileTest, ExpandsTheInstallRootInTheBinPath) {
-  surroundings_.installRoot = "/opt/v";
+  surroundings_.root = "/opt/v";
   const LaunchFile file = read(
       "vornnode: {a: {path: x}}\n"
       "configure: {environment: {VORN_BIN_PATH: 'install://bin'}}");

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vorn::launch {
+
+/// A place in a file, counted from 1; the column in bytes. Line 0 is the file
+/// as a whole.
+struct Place {
+  int line = 0;
+  int column = 0;
+
+  bool operator==(const Place& other) const {
+    return line == other.line && column == other.column;
+  }
+  bool operator<(const Place& other) const {
+    return line != other.line ? line < other.line : column < other.column;
+  }
+};
+
+/// The text of a launch file and its lines.
+class Document {
+ public:
+  /// `name` is what messages call the file.
+  Document(std::string name, std::string text, bool is_standard_input = false);
+
+  const std::string& name() const { return name_; }
+  const std::string& text() const { return text_; }
+  bool isStandardInput() const { return is_standard_input_; }
+
+  /// The line of this number, without its end; empty if there is none.
+  std::string line(int number) const;
+
+  /// The names in a comment "# vornctl: ignore=NAME,NAME" on this line.
+  std::vector<std::string> ignoredAt(int number) const;
+
+  /// The numbers of the lines that have such a comment.
+  std::vector<int> linesWithIgnores() const;
+
+ private:
+  std::string name_;
+  std::string text_;
+  bool is_standard_input_;
+  std::vector<size_t> line_starts_;
+};
+
+/// The file at `path`, standard input for "-". Nothing if it cannot be read;
+/// `error` is then one sentence that tells why.
+std::optional<Document> readDocument(const std::string& path,
+                                     std::string& error);
+
+}  // namespace vorn::launch

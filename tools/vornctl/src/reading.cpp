@@ -1,0 +1,458 @@
+#include "reading.h"
+
+#include <yaml-cpp/eventhandler.h>
+#include <yaml-cpp/yaml.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <sstream>
+
+namespace vorn::launch {
+namespace {
+
+constexpr char kBinPath[] = "VORN_BIN_PATH";
+constexpr char kRoot[] = "VORN_ROOT";
+constexpr char kInstallPrefix[] = "install://";
+constexpr size_t kReplaced = sizeof("install:/") - 1;  // one slash stays
+
+Place placeOf(const YAML::Mark& mark) {
+  return mark.is_null() ? Place{} : Place{mark.line + 1, mark.column + 1};
+}
+
+std::string untilNul(const std::string& text) { return text.c_str(); }
+
+/// The variable that the root of an installation comes from, if it is a good
+/// one; else the folder of the executable.
+std::string installRoot(const std::string& chosen,
+                        const std::string& executable_root) {
+  std::string root = chosen;
+  if (root.empty() || root.find("install:") != std::string::npos) {
+    root = executable_root;
+    if (root.find("install:/install:") != std::string::npos) return "";
+  }
+  while (!root.empty() && root.back() == '/') root.pop_back();
+  return root;
+}
+
+/// What a person calls the kind of a value.
+std::string kindOf(const YAML::Node& value) {
+  if (value.IsNull()) return "nothing";
+  if (value.IsSequence()) return "a list";
+  if (value.IsMap()) return "a mapping";
+  return "'" + value.Scalar() + "'";
+}
+
+/// Notes where each document begins.
+class DocumentStarts : public YAML::EventHandler {
+ public:
+  std::vector<Place> places;
+
+  void OnDocumentStart(const YAML::Mark& mark) override {
+    places.push_back(placeOf(mark));
+  }
+  void OnDocumentEnd() override {}
+  void OnNull(const YAML::Mark&, YAML::anchor_t) override {}
+  void OnAlias(const YAML::Mark&, YAML::anchor_t) override {}
+  void OnScalar(const YAML::Mark&, const std::string&, YAML::anchor_t,
+                const std::string&) override {}
+  void OnSequenceStart(const YAML::Mark&, const std::string&, YAML::anchor_t,
+                       YAML::EmitterStyle::value) override {}
+  void OnSequenceEnd() override {}
+  void OnMapStart(const YAML::Mark&, const std::string&, YAML::anchor_t,
+                  YAML::EmitterStyle::value) override {}
+  void OnMapEnd() override {}
+};
+
+/// Where a second document begins, which the launcher does not read. `text`
+/// has a good first one.
+Place secondDocumentIn(const std::string& text) {
+  std::istringstream stream(text);
+  YAML::Parser parser(stream);
+  DocumentStarts starts;
+  try {
+    if (!parser.HandleNextDocument(starts)) return {};
+    if (!parser.HandleNextDocument(starts)) return {};
+  } catch (const YAML::Exception& failure) {
+    if (starts.places.size() < 2) return placeOf(failure.mark);
+  }
+  return starts.places.size() < 2 ? Place{} : starts.places[1];
+}
+
+/// Reads one document. The calls of yaml-cpp are those of the launcher, in its
+/// order, so that the same ones fail.
+class Reader {
+ public:
+  Reader(const Document& document, const LauncherSurroundings& surroundings)
+      : document_(document), surroundings_(surroundings) {
+    variables_[kBinPath] = surroundings.binPath;
+    variables_[kRoot] = surroundings.root;
+  }
+
+  Reading read() {
+    YAML::Node root;
+    try {
+      root = YAML::Load(document_.text());
+    } catch (const YAML::Exception& failure) {
+      addFault("syntax", placeOf(failure.mark), failure.msg, failure);
+      return std::move(reading_);
+    }
+    reading_.secondDocument = secondDocumentIn(document_.text());
+    try {
+      if (const YAML::Node configure = root["configure"]) {
+        readConfigure(configure);
+      }
+      reading_.binPath = variables_[kBinPath];
+      if (const YAML::Node nodes = root["vornnode"]) readNodes(nodes);
+    } catch (const YAML::BadSubscript& failure) {
+      addFault("scalar-for-mapping", placeOf(root.Mark()),
+               kindOf(root) + " where a mapping with 'vornnode' must be",
+               failure);
+    }
+    if (root.IsSequence()) ignore("the file", placeOf(root.Mark()));
+    reading_.keys = keysOf(root);
+    return std::move(reading_);
+  }
+
+ private:
+  void addFault(const std::string& check, const Place& place,
+                const std::string& message, const YAML::Exception& exception) {
+    reading_.faults.push_back({check, place, message, exception.what()});
+  }
+
+  void ignore(const std::string& what, const Place& place) {
+    reading_.ignored.push_back({what, place});
+  }
+
+  /// Where a value stands. A null and an alias are behind their key's colon:
+  /// yaml-cpp places them at the next token and at the anchor.
+  Place valuePlace(const YAML::Node& key, const YAML::Node& value) const {
+    const YAML::Mark key_mark = key.Mark();
+    const YAML::Mark mark = value.Mark();
+    const bool is_alias = mark.pos <= key_mark.pos;
+    const bool is_elsewhere = value.IsNull() && mark.line != key_mark.line;
+    if (!is_alias && !is_elsewhere) return placeOf(mark);
+    const Place place = placeOf(key_mark);
+    const std::string line = document_.line(place.line);
+    const std::string text = key.IsScalar() ? key.Scalar() : "";
+    size_t colon =
+        line.find(':', static_cast<size_t>(key_mark.column) + text.size());
+    while (colon + 1 < line.size() && line[colon + 1] != ' ') {
+      colon = line.find(':', colon + 1);
+    }
+    if (colon != std::string::npos) {
+      return {place.line, static_cast<int>(colon) + 3};
+    }
+    return place;
+  }
+
+  /// The keys of a mapping; none of anything else.
+  static std::vector<Text> keysOf(const YAML::Node& mapping) {
+    std::vector<Text> keys;
+    if (!mapping.IsMap()) return keys;
+    for (const auto& entry : mapping) {
+      const YAML::Node& key = entry.first;
+      keys.push_back({key.IsScalar() ? key.Scalar() : "", placeOf(key.Mark())});
+    }
+    return keys;
+  }
+
+  /// The launcher's reading of a text. `what` is what a person calls it.
+  std::optional<std::string> readText(const YAML::Node& value,
+                                      const Place& place,
+                                      const std::string& what) {
+    if (value.IsScalar()) return value.Scalar();
+    const YAML::TypedBadConversion<std::string> exception(value.Mark());
+    if (value.IsNull()) {
+      addFault("null-value", place,
+               "null value for " + what + "; write \"\" for an empty value",
+               exception);
+    } else {
+      addFault("not-a-text", place,
+               kindOf(value) + " for " + what + ", which takes one value",
+               exception);
+    }
+    return std::nullopt;
+  }
+
+  /// The launcher's reading of a key; nothing after a fault.
+  std::optional<Text> readKey(const YAML::Node& key, const std::string& what) {
+    const Place place = placeOf(key.Mark());
+    if (key.IsScalar()) return Text{key.Scalar(), place};
+    const YAML::TypedBadConversion<std::string> exception(key.Mark());
+    addFault("not-a-key", place, kindOf(key) + " as " + what, exception);
+    return std::nullopt;
+  }
+
+  /// Goes through a mapping as the launcher does: it takes a single value for
+  /// an empty mapping, and fails at the first element of a list.
+  template <typename Function>
+  void forEachEntry(const YAML::Node& mapping, const Place& place,
+                    const std::string& what, Function function) {
+    if (mapping.IsScalar() || (mapping.IsSequence() && mapping.size() == 0)) {
+      ignore(what, place);
+      return;
+    }
+    for (const auto& entry : mapping) {
+      try {
+        (void)entry.first.IsNull();
+      } catch (const YAML::InvalidNode& exception) {
+        addFault("list-for-mapping", place,
+                 "a list for " + what + "; write 'name: ...' without a dash",
+                 exception);
+        return;
+      }
+      function(entry.first, entry.second);
+    }
+  }
+
+  void readConfigure(const YAML::Node& configure) {
+    const Place place = placeOf(configure.Mark());
+    try {
+      const YAML::Node environment = configure["environment"];
+      if (environment) readGlobalEnvironment(environment);
+    } catch (const YAML::BadSubscript& exception) {
+      addFault("scalar-for-mapping", place,
+               kindOf(configure) + " for 'configure', which is a mapping",
+               exception);
+    }
+    if (configure.IsSequence()) ignore("'configure'", place);
+    reading_.configureKeys = keysOf(configure);
+  }
+
+  void readGlobalEnvironment(const YAML::Node& environment) {
+    forEachEntry(environment, placeOf(environment.Mark()), "'environment'",
+                 [this](const YAML::Node& key, const YAML::Node& value) {
+                   auto variable = readVariable(key, value);
+                   if (!variable) return;
+                   const std::string name = exportedName(variable->name.value);
+                   if (!name.empty()) {
+                     variables_[name] = untilNul(variable->value.value);
+                   }
+                   reading_.environment.push_back(std::move(*variable));
+                 });
+  }
+
+  std::optional<Variable> readVariable(const YAML::Node& key,
+                                       const YAML::Node& value) {
+    auto name = readKey(key, "the name of a variable");
+    const std::string what =
+        name ? "variable '" + name->value + "'" : "a variable";
+    const Place place = valuePlace(key, value);
+    const auto text = readText(value, place, what);
+    if (!name || !text) return std::nullopt;
+    return Variable{std::move(*name), {expand(*text), place}, *text};
+  }
+
+  /// The root is settled at the first use of the prefix, and then stays.
+  std::string expand(std::string value) {
+    for (size_t found = value.find(kInstallPrefix); found != std::string::npos;
+         found = value.find(kInstallPrefix)) {
+      if (!install_root_) {
+        install_root_ =
+            installRoot(variables_[kRoot], surroundings_.executableRoot);
+      }
+      value.replace(found, kReplaced, *install_root_);
+    }
+    return value;
+  }
+
+  void readNodes(const YAML::Node& nodes) {
+    forEachEntry(nodes, placeOf(nodes.Mark()), "'vornnode'",
+                 [this](const YAML::Node& key, const YAML::Node& value) {
+                   auto name = readKey(key, "the name of a node");
+                   if (!name) name = Text{"", placeOf(key.Mark())};
+                   readNode(std::move(*name), key, value);
+                 });
+  }
+
+  void readNode(Text name, const YAML::Node& key,
+                const YAML::Node& description) {
+    NodeReading node;
+    node.name = std::move(name);
+    node.keys = keysOf(description);
+    try {
+      const YAML::Node path = description["path"];
+      if (!path) {
+        reading_.dropped.push_back(std::move(node));
+        return;
+      }
+      readPath(node, description, path);
+    } catch (const YAML::BadSubscript& exception) {
+      addFault("scalar-for-mapping", valuePlace(key, description),
+               kindOf(description) + " for node '" + node.name.value +
+                   "', which is a mapping with 'path'",
+               exception);
+      return;
+    }
+    for (const auto& entry : description) {
+      const auto text =
+          readKey(entry.first, "a key of node '" + node.name.value + "'");
+      if (!text) continue;
+      const auto reader = kReaders.find(text->value);
+      if (reader == kReaders.end()) continue;
+      (this->*reader->second)(node, entry.second,
+                              valuePlace(entry.first, entry.second));
+    }
+    reading_.nodes.push_back(std::move(node));
+  }
+
+  void readPath(NodeReading& node, const YAML::Node& description,
+                const YAML::Node& path) {
+    Place place = placeOf(path.Mark());
+    for (const auto& entry : description) {
+      if (!entry.first.IsScalar() || entry.first.Scalar() != "path") continue;
+      place = valuePlace(entry.first, entry.second);
+      break;
+    }
+    const auto text = readText(path, place, "'path'");
+    node.path = {text.value_or(""), place};
+    node.hasPath = text.has_value();
+    const bool is_absolute = text && text->rfind('/', 0) == 0;
+    const std::string& folder = reading_.binPath;
+    node.executable = is_absolute || folder.empty()
+                          ? node.path.value
+                          : folder + '/' + node.path.value;
+  }
+
+  void readArgv(NodeReading& node, const YAML::Node& value,
+                const Place& place) {
+    const auto text = readText(value, place, "'argv'");
+    if (!text) return;
+    node.argvs.push_back({*text, place});
+    std::istringstream pieces(untilNul(*text));
+    for (std::string piece; std::getline(pieces, piece, ' ');) {
+      if (!piece.empty()) node.arguments.push_back({piece, place});
+    }
+  }
+
+  void readDisabled(NodeReading& node, const YAML::Node& value,
+                    const Place& place) {
+    readBool(node.disabled, value, place, "disabled");
+  }
+
+  void readOneshot(NodeReading& node, const YAML::Node& value,
+                   const Place& place) {
+    readBool(node.oneshot, value, place, "oneshot");
+  }
+
+  void readAutostart(NodeReading& node, const YAML::Node& value,
+                     const Place& place) {
+    readBool(node.autostart, value, place, "autostart");
+  }
+
+  void readBool(Setting<bool>& setting, const YAML::Node& value,
+                const Place& place, const std::string& key) {
+    try {
+      setting = {value.as<bool>(), place};
+    } catch (const YAML::BadConversion& exception) {
+      addFault(value.IsNull() ? "null-value" : "not-a-bool", place,
+               value.IsNull()
+                   ? "null value for '" + key + "'; write true or false"
+                   : kindOf(value) + " for '" + key +
+                         "' is no bool; write true or false",
+               exception);
+    }
+  }
+
+  void readSleep(NodeReading& node, const YAML::Node& value,
+                 const Place& place) {
+    try {
+      node.sleepMs = {value.as<unsigned int>(), place};
+    } catch (const YAML::BadConversion& exception) {
+      addFault(value.IsNull() ? "null-value" : "not-a-number", place,
+               value.IsNull()
+                   ? "null value for 'sleep'; write a number of milliseconds"
+                   : kindOf(value) +
+                         " for 'sleep' is no whole number of milliseconds "
+                         "from 0 to 4294967295",
+               exception);
+    }
+  }
+
+  void readEnvironment(NodeReading& node, const YAML::Node& value,
+                       const Place& place) {
+    forEachEntry(value, place, "'environment'",
+                 [&](const YAML::Node& name, const YAML::Node& text) {
+                   auto variable = readVariable(name, text);
+                   if (!variable) return;
+                   node.environment.push_back(std::move(*variable));
+                 });
+  }
+
+  void readRequired(NodeReading& node, const YAML::Node& value,
+                    const Place& place) {
+    node.required.clear();
+    if (!value.IsSequence()) {
+      const YAML::TypedBadConversion<std::vector<std::string>> exception(
+          value.Mark());
+      addFault(value.IsNull() ? "null-value" : "not-a-list", place,
+               value.IsNull()
+                   ? "null value for 'required'; write [] for an empty list"
+                   : kindOf(value) +
+                         " for 'required', which is a list; write [NAME]",
+               exception);
+      return;
+    }
+    for (const auto& element : value) {
+      const Place element_place = placeOf(element.Mark());
+      const auto text =
+          readText(element, element_place, "an element of 'required'");
+      if (text) node.required.push_back({*text, element_place});
+    }
+  }
+
+  using KeyReader = void (Reader::*)(NodeReading&, const YAML::Node&,
+                                     const Place&);
+  static const std::map<std::string, KeyReader> kReaders;
+
+  const Document& document_;
+  const LauncherSurroundings& surroundings_;
+  Reading reading_;
+  std::map<std::string, std::string> variables_;  // of the launcher
+  std::optional<std::string> install_root_;
+};
+
+const std::map<std::string, Reader::KeyReader> Reader::kReaders = {
+    {"argv", &Reader::readArgv},
+    {"disabled", &Reader::readDisabled},
+    {"oneshot", &Reader::readOneshot},
+    {"sleep", &Reader::readSleep},
+    {"environment", &Reader::readEnvironment},
+    {"autostart", &Reader::readAutostart},
+    {"required", &Reader::readRequired},
+};
+
+std::string ownVariable(const char* name) {
+  const char* const value = std::getenv(name);
+  return value == nullptr ? "" : value;
+}
+
+}  // namespace
+
+std::string nodeNameValue(const std::string& name) {
+  return name + "(vornlaunch)";
+}
+
+std::string exportedName(const std::string& name) {
+  std::string exported = untilNul(name);
+  return exported.find('=') == std::string::npos ? exported : "";
+}
+
+LauncherSurroundings ownSurroundings() {
+  std::error_code error;
+  const auto executable =
+      std::filesystem::read_symlink("/proc/self/exe", error);
+  return {ownVariable(kBinPath), ownVariable(kRoot),
+          executable.parent_path().parent_path().string()};
+}
+
+Reading readAsLauncher(const Document& document,
+                       const LauncherSurroundings& surroundings) {
+  return Reader(document, surroundings).read();
+}
+
+}  // namespace vorn::launch
