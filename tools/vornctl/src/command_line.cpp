@@ -15,6 +15,7 @@
 #include <CLI/CLI.hpp>
 
 #include "act_command.h"
+#include "check_command.h"
 #include "completion.h"
 #include "duration.h"
 #include "status_command.h"
@@ -50,6 +51,8 @@ struct Arguments {
   ActOptions act;
   StatusOptions status;
   WaitOptions wait;
+  CheckOptions check;
+  bool isCheckList = false;
   bool isJson = false;
   bool isNulSeparated = false;
   std::string shell;
@@ -141,6 +144,7 @@ class CommandLine {
               "Stop nodes and refuse their starts");
     addWait();
     addWatching();
+    addCheck();
     addHelpers();
   }
 
@@ -308,6 +312,61 @@ class CommandLine {
                      return showTop(session, arguments_.nodes);
                    });
     addNodes(screen, "Names or quoted patterns; all nodes if none are given");
+  }
+
+  void addCheck() {
+    using Options = CheckOptions;
+    Options& options = arguments_.check;
+    CLI::App* const app = addCommand(
+        "check", "Say what is wrong with launch files; needs no launcher",
+        [this](Session& session) {
+          if (arguments_.isCheckList) return listChecks();
+          if (!arguments_.check.files.empty()) {
+            return check(session, arguments_.check);
+          }
+          session.complain("name a launch file, or - for standard input");
+          return kUsage;
+        });
+    app->add_option("FILE", options.files, "Launch files; - is standard input")
+        ->type_name("FILE");
+    addChoice(app, "--format", options.format,
+              "How to print it: text (default)",
+              {{"text", Options::Format::TEXT},
+               {"json", Options::Format::JSON},
+               {"sarif", Options::Format::SARIF},
+               {"github", Options::Format::GITHUB}});
+    addChoice(app, "--fail-on", options.failOn,
+              "What makes the exit status 1: error (default)",
+              {{"error", Severity::ERROR},
+               {"warning", Severity::WARNING},
+               {"note", Severity::NOTE}});
+    addChoice(app, "--print", options.print,
+              "Print another thing; what is wrong goes to standard error",
+              {{"resolved", Options::Print::RESOLVED},
+               {"timeline", Options::Print::TIMELINE},
+               {"stop-timeout", Options::Print::STOP_TIMEOUT}});
+    app->add_option("--ignore", options.ignored, "Findings to leave out")
+        ->allow_extra_args(false)
+        ->delimiter(',')
+        ->type_name("NAME");
+    app->add_flag_callback(
+        "--host", [&options] { options.host = Options::Host::YES; },
+        "Look at this machine, too; the default for files");
+    app->add_flag_callback(
+        "--no-host", [&options] { options.host = Options::Host::NO; },
+        "Look at the file alone");
+    app->add_flag("--list", arguments_.isCheckList,
+                  "Print what can be found: name, severity, summary");
+  }
+
+  /// An option with words for the values of an enumeration.
+  template <typename Enum>
+  static void addChoice(CLI::App* app, const std::string& name, Enum& target,
+                        const std::string& what,
+                        const std::map<std::string, Enum>& words) {
+    app->add_option(name, target, what)
+        ->transform(CLI::CheckedTransformer(words))
+        ->type_name("WORD");
   }
 
   void addHelpers() {

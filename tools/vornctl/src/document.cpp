@@ -40,18 +40,16 @@ std::string Document::line(int number) const {
 
 std::vector<std::string> Document::ignoredAt(int number) const {
   const std::string content = line(number);
-  const size_t comment = content.find(kIgnore);
-  if (comment == std::string::npos) return {};
-  std::istringstream names(content.substr(comment + std::strlen(kIgnore)));
   std::vector<std::string> ignored;
-  for (std::string name; std::getline(names, name, ',');) {
-    const size_t begin = name.find_first_not_of(' ');
-    if (begin == std::string::npos) continue;
-    const size_t end = name.find_first_of(" \t", begin);
-    ignored.push_back(name.substr(begin, end - begin));
-    // What follows a space, other than another name, explains.
-    const bool has_more = name.find_first_not_of(' ', end) != std::string::npos;
-    if (end != std::string::npos && has_more) break;
+  for (size_t found = content.find(kIgnore); found != std::string::npos;
+       found = content.find(kIgnore, found + 1)) {
+    // The names end at a space; what follows is for people.
+    const size_t begin = found + std::strlen(kIgnore);
+    const size_t end = content.find_first_of(" \t", begin);
+    std::istringstream names(content.substr(begin, end - begin));
+    for (std::string name; std::getline(names, name, ',');) {
+      if (!name.empty()) ignored.push_back(name);
+    }
   }
   return ignored;
 }

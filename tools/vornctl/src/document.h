@@ -33,7 +33,7 @@ class Document {
   /// The line of this number, without its end; empty if there is none.
   std::string line(int number) const;
 
-  /// The names in a comment "# vornctl: ignore=NAME,NAME" on this line.
+  /// The names in comments "# vornctl: ignore=NAME,NAME" on this line.
   std::vector<std::string> ignoredAt(int number) const;
 
   /// The numbers of the lines that have such a comment.

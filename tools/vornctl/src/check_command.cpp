@@ -1,0 +1,145 @@
+#include "check_command.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+#include <optional>
+
+#include "check_format.h"
+#include "check_print.h"
+#include "checks.h"
+
+namespace vorn::launch {
+namespace {
+
+using Format = CheckOptions::Format;
+using Host = CheckOptions::Host;
+using Print = CheckOptions::Print;
+
+struct Results {
+  std::vector<CheckedFile> checked;
+  std::vector<ResolvedFile> resolved;
+  bool isUnreadable = false;  // one of the files
+};
+
+Findings findingsIn(const Document& document, const Reading& reading,
+                    const CheckOptions& options) {
+  Findings findings;
+  checkDocument(reading, findings);
+  checkNodes(reading, findings);
+  checkEnvironment(reading, findings);
+  checkRequired(reading, findings);
+  const bool is_file = !document.isStandardInput();
+  if (options.host == Host::YES || (options.host == Host::AUTO && is_file)) {
+    checkHost(document, reading, findings);
+  }
+  findings.settle(document, options.ignored);
+  return findings;
+}
+
+Results checkFiles(const Session& session, const CheckOptions& options) {
+  Results results;
+  const LauncherSurroundings surroundings = ownSurroundings();
+  for (const std::string& path : options.files) {
+    std::string error;
+    auto document = readDocument(path, error);
+    if (!document) {
+      session.complain(error);
+      results.isUnreadable = true;
+      continue;
+    }
+    Reading reading = readAsLauncher(*document, surroundings);
+    Findings findings = findingsIn(*document, reading, options);
+    results.checked.push_back(
+        {std::move(*document), reading.faults.empty(), std::move(findings)});
+    results.resolved.push_back(
+        {results.checked.back().document.name(), std::move(reading)});
+  }
+  return results;
+}
+
+void printFindings(std::ostream& out, const Settings& settings, Format format,
+                   const std::vector<CheckedFile>& files) {
+  switch (format) {
+    case Format::JSON:
+      printAsJson(out, files);
+      return;
+    case Format::SARIF:
+      printAsSarif(out, files);
+      return;
+    case Format::GITHUB:
+      printAsGithub(out, files);
+      return;
+    case Format::TEXT:
+      break;
+  }
+  const bool is_terminal = ::isatty(STDOUT_FILENO) == 1;
+  for (const CheckedFile& file : files) {
+    printAsText(out, file, is_terminal || settings.hasColours,
+                settings.hasColours);
+  }
+}
+
+void printWish(const CheckOptions& options,
+               const std::vector<ResolvedFile>& files) {
+  if (options.print == Print::RESOLVED && options.format == Format::JSON) {
+    printResolvedAsJson(std::cout, files);
+    return;
+  }
+  for (const ResolvedFile& file : files) {
+    if (files.size() > 1) std::cout << "# " << file.name << '\n';
+    // What the launcher does not load it does not start.
+    if (!file.reading.faults.empty()) continue;
+    if (options.print == Print::RESOLVED) printResolved(std::cout, file);
+    if (options.print == Print::TIMELINE) printTimeline(std::cout, file);
+    if (options.print == Print::STOP_TIMEOUT) {
+      printStopTimeout(std::cout, file);
+    }
+  }
+}
+
+bool hasFailed(const std::vector<CheckedFile>& files, Severity fail_on) {
+  return std::any_of(files.begin(), files.end(), [&](const CheckedFile& file) {
+    const auto& findings = file.findings.all();
+    return std::any_of(findings.begin(), findings.end(),
+                       [&](const Finding& finding) {
+                         return finding.check->severity >= fail_on;
+                       });
+  });
+}
+
+}  // namespace
+
+ExitStatus check(const Session& session, const CheckOptions& options) {
+  for (const std::string& name : options.ignored) {
+    if (findCheck(name) != nullptr) continue;
+    session.complain("there is no finding '" + name +
+                     "' to ignore; see 'vornctl check --list'");
+    return kUsage;
+  }
+  const Results results = checkFiles(session, options);
+  const Settings& settings = session.settings();
+  if (options.print == Print::FINDINGS) {
+    if (!settings.isQuiet) {
+      printFindings(std::cout, settings, options.format, results.checked);
+    }
+  } else {
+    for (const CheckedFile& file : results.checked) {
+      if (!settings.isQuiet) printAsText(std::cerr, file, false, false);
+    }
+    printWish(options, results.resolved);
+  }
+  if (results.isUnreadable) return kUsage;
+  return hasFailed(results.checked, options.failOn) ? kFailed : kDone;
+}
+
+ExitStatus listChecks() {
+  for (const CheckInfo& info : allChecks()) {
+    std::cout << info.name << '\t' << wordFor(info.severity) << '\t'
+              << info.summary << '\n';
+  }
+  return kDone;
+}
+
+}  // namespace vorn::launch

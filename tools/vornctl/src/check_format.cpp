@@ -1,0 +1,235 @@
+#include "check_format.h"
+
+#include <ostream>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "table.h"
+#include "text.h"
+#include "vornctl_version.h"
+
+namespace vorn::launch {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// Grows when a member changes its meaning or goes; not when one is added.
+constexpr int kSchemaVersion = 1;
+constexpr char kDocumentation[] = "docs/checks.md#";
+
+Colour colourOf(Severity severity) {
+  switch (severity) {
+    case Severity::ERROR:
+      return Colour::RED;
+    case Severity::WARNING:
+      return Colour::YELLOW;
+    case Severity::NOTE:
+      break;
+  }
+  return Colour::FAINT;
+}
+
+void printSource(std::ostream& out, const Document& document,
+                 const Place& place) {
+  std::string line = document.line(place.line);
+  for (char& letter : line) {
+    if (letter == '\t') letter = ' ';
+  }
+  if (line.empty()) return;
+  const auto before = static_cast<size_t>(place.column) - 1;
+  const std::string prefix = printable(line.substr(0, before));
+  const size_t missing = before > line.size() ? before - line.size() : 0;
+  out << "  " << printable(line) << "\n  "
+      << std::string(displayWidth(prefix) + missing, ' ') << "^\n";
+}
+
+/// Writes the document of a program.
+void print(std::ostream& out, const Json& document) {
+  constexpr int kIndent = 2;
+  out << document.dump(kIndent, ' ', false,
+                       nlohmann::json::error_handler_t::replace)
+      << '\n';
+}
+
+Json placeOf(const Place& place) {
+  return {{"line", place.line}, {"column", place.column}};
+}
+
+/// The characters of UTF-8 in a column of bytes.
+int codePointColumn(const Document& document, const Place& place) {
+  const std::string line = document.line(place.line);
+  int column = 1;
+  for (int i = 0; i < place.column - 1; ++i) {
+    const auto index = static_cast<size_t>(i);
+    const bool is_inside =
+        index < line.size() &&
+        (static_cast<unsigned char>(line[index]) & 0xc0U) == 0x80U;
+    if (!is_inside) ++column;
+  }
+  return column;
+}
+
+/// A path as a URI reference.
+std::string uriOf(const std::string& path) {
+  static const std::string plain =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~/";
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  std::string uri = path.rfind('/', 0) == 0 ? "file://" : "";
+  for (const char letter : path) {
+    if (plain.find(letter) != std::string::npos) {
+      uri += letter;
+      continue;
+    }
+    const auto byte = static_cast<unsigned char>(letter);
+    uri += '%';
+    uri += kDigits[byte >> 4U];
+    uri += kDigits[byte & 0xfU];
+  }
+  return uri;
+}
+
+Json sarifLocation(const Document& document, const Place& place) {
+  Json physical = {{"artifactLocation", {{"uri", uriOf(document.name())}}}};
+  if (place.line > 0) {
+    physical["region"] = {{"startLine", place.line},
+                          {"startColumn", codePointColumn(document, place)}};
+  }
+  return {{"physicalLocation", physical}};
+}
+
+Json sarifResult(const Document& document, const Finding& finding) {
+  Json result = {
+      {"ruleId", finding.check->name},
+      {"level", wordFor(finding.check->severity)},
+      {"message", {{"text", finding.message}}},
+      {"locations", Json::array({sarifLocation(document, finding.place)})},
+  };
+  Json related = Json::array();
+  for (const Note& note : finding.notes) {
+    Json location = sarifLocation(document, note.place);
+    location["message"] = {{"text", note.message}};
+    related.push_back(std::move(location));
+  }
+  if (!related.empty()) result["relatedLocations"] = std::move(related);
+  return result;
+}
+
+Json sarifRules() {
+  Json rules = Json::array();
+  for (const CheckInfo& check : allChecks()) {
+    rules.push_back(
+        {{"id", check.name},
+         {"shortDescription", {{"text", check.summary}}},
+         {"helpUri", std::string(kDocumentation) + check.name},
+         {"defaultConfiguration", {{"level", wordFor(check.severity)}}}});
+  }
+  return rules;
+}
+
+/// A value in a workflow command; `is_property` of one between commas.
+std::string githubValue(const std::string& text, bool is_property) {
+  std::string escaped;
+  for (const char letter : text) {
+    if (letter == '%') {
+      escaped += "%25";
+    } else if (letter == '\n') {
+      escaped += "%0A";
+    } else if (letter == '\r') {
+      escaped += "%0D";
+    } else if (is_property && letter == ':') {
+      escaped += "%3A";
+    } else if (is_property && letter == ',') {
+      escaped += "%2C";
+    } else {
+      escaped += letter;
+    }
+  }
+  return escaped;
+}
+
+}  // namespace
+
+void printAsText(std::ostream& out, const CheckedFile& file, bool has_source,
+                 bool has_colours) {
+  const std::string name = printable(file.document.name());
+  const auto print_line = [&](const Place& place, const std::string& word,
+                              Colour colour, const std::string& text) {
+    const std::string place_text = name + ':' + std::to_string(place.line) +
+                                   ':' + std::to_string(place.column) + ":";
+    out << (has_colours ? coloured(place_text, Colour::BOLD) : place_text)
+        << ' ' << (has_colours ? coloured(word + ':', colour) : word + ':')
+        << ' ' << text << '\n';
+    if (has_source) printSource(out, file.document, place);
+  };
+  for (const Finding& finding : file.findings.all()) {
+    const Severity severity = finding.check->severity;
+    print_line(finding.place, wordFor(severity), colourOf(severity),
+               finding.message + " [" + finding.check->name + ']');
+    for (const Note& note : finding.notes) {
+      print_line(note.place, "note", Colour::FAINT, note.message);
+    }
+  }
+}
+
+void printAsJson(std::ostream& out, const std::vector<CheckedFile>& files) {
+  Json list = Json::array();
+  for (const CheckedFile& file : files) {
+    Json findings = Json::array();
+    for (const Finding& finding : file.findings.all()) {
+      Json each = placeOf(finding.place);
+      each["severity"] = wordFor(finding.check->severity);
+      each["name"] = finding.check->name;
+      each["message"] = finding.message;
+      each["notes"] = Json::array();
+      for (const Note& note : finding.notes) {
+        Json place = placeOf(note.place);
+        place["message"] = note.message;
+        each["notes"].push_back(std::move(place));
+      }
+      findings.push_back(std::move(each));
+    }
+    list.push_back({{"file", file.document.name()},
+                    {"loads", file.isLoaded},
+                    {"findings", std::move(findings)}});
+  }
+  print(out, {{"schema", kSchemaVersion}, {"files", std::move(list)}});
+}
+
+void printAsSarif(std::ostream& out, const std::vector<CheckedFile>& files) {
+  Json results = Json::array();
+  for (const CheckedFile& file : files) {
+    for (const Finding& finding : file.findings.all()) {
+      results.push_back(sarifResult(file.document, finding));
+    }
+  }
+  const Json driver = {{"name", "vornctl"},
+                       {"version", VORNCTL_VERSION},
+                       {"rules", sarifRules()}};
+  const Json run = {{"tool", {{"driver", driver}}},
+                    {"columnKind", "unicodeCodePoints"},
+                    {"results", std::move(results)}};
+  print(out, {{"$schema", "https://json.schemastore.org/sarif-2.1.0.json"},
+              {"version", "2.1.0"},
+              {"runs", Json::array({run})}});
+}
+
+void printAsGithub(std::ostream& out, const std::vector<CheckedFile>& files) {
+  for (const CheckedFile& file : files) {
+    for (const Finding& finding : file.findings.all()) {
+      const Severity severity = finding.check->severity;
+      std::string text = finding.message;
+      for (const Note& note : finding.notes) {
+        text +=
+            "\nline " + std::to_string(note.place.line) + ": " + note.message;
+      }
+      out << "::" << (severity == Severity::NOTE ? "notice" : wordFor(severity))
+          << " file=" << githubValue(file.document.name(), true)
+          << ",line=" << finding.place.line << ",col=" << finding.place.column
+          << ",title=" << githubValue(finding.check->name, true)
+          << "::" << githubValue(text, false) << '\n';
+    }
+  }
+}
+
+}  // namespace vorn::launch

@@ -1,0 +1,172 @@
+#include <cstdio>
+#include <map>
+#include <string>
+
+#include "checks.h"
+#include "required_graph.h"
+
+namespace vorn::launch {
+namespace {
+
+constexpr size_t kLongestName = 127;  // what a request of the socket holds
+constexpr uint32_t kLongestSleepMs = 4'294'967;  // its microseconds fit
+constexpr uint32_t kLongSleepMs = 10'000;
+
+std::string named(const NodeReading& node) {
+  return "node '" + node.name.value + "'";
+}
+
+void checkName(const NodeReading& node, Findings& findings) {
+  const std::string& name = node.name.value;
+  if (name.size() > kLongestName) {
+    findings.add("name-too-long", node.name.place,
+                 "the name of this node has " + std::to_string(name.size()) +
+                     " bytes; with more than 127 it cannot be controlled");
+  }
+  if (name.find('\0') != std::string::npos) {
+    findings.add("nul-in-name", node.name.place,
+                 named(node) +
+                     " has a NUL in its name and cannot be "
+                     "controlled");
+  }
+}
+
+void checkDuplicates(const Reading& reading, Findings& findings) {
+  std::map<std::string, Place> first;
+  for (const NodeReading& node : reading.nodes) {
+    const auto [before, is_new] =
+        first.emplace(node.name.value, node.name.place);
+    if (is_new) continue;
+    findings.add("duplicate-node", node.name.place,
+                 "a second " + named(node) +
+                     ": both run, but only the first can be controlled and "
+                     "required",
+                 {{before->second, "the first one is here"}});
+  }
+}
+
+void checkSleep(const NodeReading& node, Findings& findings) {
+  const uint32_t sleep = node.sleepMs.value;
+  const uint32_t effective = effectiveSleepMs(sleep);
+  const std::string written = std::to_string(sleep) + " ms";
+  if (sleep > kLongestSleepMs) {
+    findings.add("sleep-wraps", node.sleepMs.place,
+                 "a sleep of " + written + " wraps around and is " +
+                     std::to_string(effective) +
+                     " ms; 4294967 ms is the longest");
+  }
+  if (effective > kLongSleepMs) {
+    findings.add("long-sleep", node.sleepMs.place,
+                 "before each start of " + named(node) +
+                     " the launcher sleeps for " +
+                     std::to_string(effective / 1000) +
+                     " s: it starts nothing else, notices no exit and answers "
+                     "no command");
+  }
+}
+
+/// Characters of which a shell would make something, as people write them.
+std::string shellPartOf(const std::string& argument) {
+  for (const char* const sign : {"&&", "||", "$(", "`"}) {
+    if (argument.find(sign) != std::string::npos) return sign;
+  }
+  for (const char* const sign : {"|", ">", ">>", "<", "&", ";", "2>&1"}) {
+    if (argument == sign) return sign;
+  }
+  if (argument[0] == '~' && (argument.size() == 1 || argument[1] == '/')) {
+    return "~";
+  }
+  if (argument[0] == '>') return ">";
+  for (size_t i = argument.find('$'); i != std::string::npos;
+       i = argument.find('$', i + 1)) {
+    const char next = i + 1 < argument.size() ? argument[i + 1] : ' ';
+    const bool is_letter = (next >= 'a' && next <= 'z') ||
+                           (next >= 'A' && next <= 'Z') || next == '_';
+    if (is_letter || next == '{') return "$";
+  }
+  const size_t glob = argument.find_first_of("*?");
+  // An address may well have a question mark.
+  const bool is_glob =
+      glob != std::string::npos && argument.find("://") == std::string::npos;
+  return is_glob ? argument.substr(glob, 1) : "";
+}
+
+void checkArguments(const NodeReading& node, Findings& findings) {
+  for (const Text& argument : node.arguments) {
+    const std::string quoted = "argument '" + argument.value + "'";
+    const char first = argument.value.front();
+    const char last = argument.value.back();
+    if (first == '"' || first == '\'' || last == '"' || last == '\'') {
+      findings.add("quote-in-argv", argument.place,
+                   quoted + " of " + named(node) +
+                       " keeps its quotes; arguments are cut at every space, "
+                       "and nothing takes quotes away");
+    }
+    if (const std::string part = shellPartOf(argument.value); !part.empty()) {
+      findings.add("shell-in-argv", argument.place,
+                   quoted + " of " + named(node) +
+                       " is handed over as it "
+                       "stands; no shell sees its '" +
+                       part + "'");
+    }
+    if (argument.value.find_first_of("\t\n\r") != std::string::npos) {
+      findings.add("space-in-argument", argument.place,
+                   quoted + " of " + named(node) +
+                       " has a tab or new line in it; only spaces separate "
+                       "arguments");
+    }
+  }
+}
+
+void checkNul(const Text& text, const std::string& what, Findings& findings) {
+  if (text.value.find('\0') == std::string::npos) return;
+  findings.add("nul-in-text", text.place, what + " ends at its first NUL");
+}
+
+void checkTexts(const NodeReading& node, Findings& findings) {
+  checkNul(node.path, "the path of " + named(node), findings);
+  for (const Text& argv : node.argvs) {
+    checkNul(argv, "the argv of " + named(node), findings);
+  }
+}
+
+void checkPath(const Reading& reading, const NodeReading& node,
+               Findings& findings) {
+  if (!node.hasPath || reading.hasBinPath()) return;
+  if (node.path.value.rfind('/', 0) == 0) return;
+  // A better word for these is elsewhere.
+  if (node.path.value.rfind("install:", 0) == 0) return;
+  findings.add("relative-path", node.path.place,
+               "path '" + node.path.value + "' of " + named(node) +
+                   " is relative to the launcher's working folder; set "
+                   "VORN_BIN_PATH in 'configure', or write it in full");
+}
+
+void checkFlags(const NodeReading& node, Findings& findings) {
+  if (!node.disabled.value || node.autostart.value) return;
+  findings.add("disabled-autostart", node.autostart.place,
+               named(node) +
+                   " is disabled and not started automatically: once enabled, "
+                   "its first start is refused and only the second works",
+               {{node.disabled.place, "it is disabled here"}});
+}
+
+}  // namespace
+
+void checkNodes(const Reading& reading, Findings& findings) {
+  checkDuplicates(reading, findings);
+  for (const NodeReading& node : reading.dropped) {
+    findings.add("node-dropped", node.name.place,
+                 named(node) + " has no 'path' and is left out");
+  }
+  for (const NodeReading& node : reading.nodes) {
+    checkName(node, findings);
+    checkPath(reading, node, findings);
+    checkArguments(node, findings);
+    checkTexts(node, findings);
+    checkSleep(node, findings);
+    checkFlags(node, findings);
+  }
+}
+
+}  // namespace vorn::launch
