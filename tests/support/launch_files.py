@@ -79,8 +79,10 @@ DOCUMENTS = [
     "vornnode: {a: {path: /tmp/bin/worker}}\nvornnode: {b: {path: /tmp/bin/worker}}\n",
     "configure: {environment: {A: a}}\nconfigure: {environment: {B: b}}\n",
     "configure: {environment: {A: a}, environment: {B: b}}\n",
-    "vornnode: {a: {path: worker}}\nconfigure: {environment: {VORN_BIN_PATH: /tmp/bin}}\n",
-    "vornnode: {a: {path: /tmp/bin/worker}}\n---\nvornnode: {b: {path: /tmp/bin/worker}}\n",
+    "vornnode: {a: {path: worker}}\n"
+    "configure: {environment: {VORN_BIN_PATH: /tmp/bin}}\n",
+    "vornnode: {a: {path: /tmp/bin/worker}}\n"
+    "---\nvornnode: {b: {path: /tmp/bin/worker}}\n",
     "vornnode: {a: {path: /tmp/bin/worker}}\n...\nnonsense: [\n",
     "vornnode: {a: {path: /tmp/bin/worker}}\n---\n[\n",
     "---\n---\nvornnode: {a: {path: /tmp/bin/worker}}\n",
@@ -88,12 +90,16 @@ DOCUMENTS = [
     "%YAML 2.0\n---\nvornnode: {}\n", "%YAML 1.2\n%YAML 1.2\n---\n{}\n",
     "vornnode: {a: {path: [\n", "vornnode:\n  a: x\n b: y\n", "\tvornnode:\n",
     "vornnode:\n\ta: {path: /tmp/bin/worker}\n", "vornnode: {}}\n", "{}\n}\n", "{} x\n",
-    "a: 1\n]\n", "'a' 'b'\n", "vornnode: *x\n", "vornnode: &a &b {}\n", "&a {vornnode: *a}\n",
+    "a: 1\n]\n", "'a' 'b'\n", "vornnode: *x\n", "vornnode: &a &b {}\n",
+    "&a {vornnode: *a}\n",
     "&r {configure: *r, vornnode: {a: *r}}\n", "{a, b}\n", "? vornnode\n",
-    "? [vornnode]\n: {}\n", "~: {}\n", "vornnode: &n {a: {path: /tmp/bin/worker}, b: *n}\n",
+    "? [vornnode]\n: {}\n", "~: {}\n",
+    "vornnode: &n {a: {path: /tmp/bin/worker}, b: *n}\n",
     "x-n: &n {path: /tmp/bin/worker}\nvornnode: {a: *n, b: *n}\n",
-    "vornnode: {~: {path: /tmp/bin/worker}}\n", "vornnode: {[a]: {path: /tmp/bin/worker}}\n",
-    "vornnode: {'': {path: /tmp/bin/worker}}\n", "vornnode: {1: {path: /tmp/bin/worker}}\n",
+    "vornnode: {~: {path: /tmp/bin/worker}}\n",
+    "vornnode: {[a]: {path: /tmp/bin/worker}}\n",
+    "vornnode: {'': {path: /tmp/bin/worker}}\n",
+    "vornnode: {1: {path: /tmp/bin/worker}}\n",
     'vornnode: {"a\\0b": {path: /tmp/bin/worker}}\n',
     'vornnode: {"a\\nb": {path: /tmp/bin/worker}}\n',
     "vornnode: {a: {path: /tmp/bin/worker}, a: {path: /tmp/bin/worker, argv: -2}}\n",
@@ -231,7 +237,8 @@ class Generator:
         if style in (1, 2):
             return '"' + text.replace("\\", "\\\\").replace('"', '\\"') + '"'
         if style == 3 and text:
-            return f"{self._pick('|>')}{self._pick(['', '-', '+'])}\n{' ' * (indent + 2)}{text}"
+            sign = self._pick("|>") + self._pick(["", "-", "+"])
+            return f"{sign}\n{' ' * (indent + 2)}{text}"
         if style == 4:
             return f"!!str {text}"
         return text if text else "''"
@@ -239,7 +246,8 @@ class Generator:
     def _nodes(self, indent):
         if self._chance(0.03):
             return self._wrong()
-        names = ["camera", "lamp", "recorder", "'quoted'", '"d"', "7", "no", "ü", "a b"]
+        names = ["camera", "lamp", "recorder", "'quoted'", '"d"', "7", "no", "ü",
+                 "a b"]
         return self._block(
             self._entry(indent + 2, self._key(self._pick(names)), self._node)
             for _ in range(self._random.randint(0, 5)))
@@ -282,7 +290,8 @@ class Generator:
         if self._chance(0.05):
             return self._wrong()
         return " " + self._scalar(self._pick(
-            ["-a", "-a -b", "  --rate  30 ", "3", "-a 'x y'", "ä", "", "true"]), indent)
+            ["-a", "-a -b", "  --rate  30 ", "3", "-a 'x y'", "ä", "", "true"]),
+            indent)
 
     def _flag(self, _):
         if self._chance(0.05):

@@ -18,6 +18,7 @@
 #include "check_command.h"
 #include "completion.h"
 #include "duration.h"
+#include "graph_command.h"
 #include "status_command.h"
 #include "top.h"
 #include "vornctl_version.h"
@@ -53,6 +54,7 @@ struct Arguments {
   WaitOptions wait;
   CheckOptions check;
   bool isCheckList = false;
+  GraphOptions graph;
   bool isJson = false;
   bool isNulSeparated = false;
   std::string shell;
@@ -145,6 +147,7 @@ class CommandLine {
     addWait();
     addWatching();
     addCheck();
+    addGraph();
     addHelpers();
   }
 
@@ -357,6 +360,22 @@ class CommandLine {
         "Look at the file alone");
     app->add_flag("--list", arguments_.isCheckList,
                   "Print what can be found: name, severity, summary");
+  }
+
+  void addGraph() {
+    GraphOptions& options = arguments_.graph;
+    CLI::App* const app = addCommand(
+        "graph", "Draw the nodes of a launch file; needs no launcher",
+        [this](Session& session) {
+          return printGraph(session, arguments_.graph);
+        });
+    app->add_option("FILE", options.file, "A launch file; - is standard input")
+        ->required()
+        ->type_name("FILE");
+    addChoice(app, "--format", options.format, "dot (default), mermaid or svg",
+              {{"dot", GraphOptions::Format::DOT},
+               {"mermaid", GraphOptions::Format::MERMAID},
+               {"svg", GraphOptions::Format::SVG}});
   }
 
   /// An option with words for the values of an enumeration.

@@ -1,0 +1,442 @@
+"""vornctl check: its options, forms of output and exit statuses. What it finds
+is in test_check_examples.py."""
+
+import json
+import os
+import pty
+import subprocess
+
+import pytest
+
+CLEAN = "vornnode:\n  shell:\n    path: /bin/sh\n"
+ERROR = "vornnode:\n  shell:\n    path:\n"
+WARNING = "vornnode:\n  shell:\n    path: /bin/sh\n    args: -x\n"
+NOTE = "configure: {}\n"
+ERROR_LINE = (
+    "3:11: error: null value for 'path'; write \"\" for an empty value [null-value]\n"
+)
+
+
+@pytest.fixture(name="vornctl")
+def fixture_vornctl(program, tmp_path):
+    """Runs vornctl in a folder of its own."""
+
+    def run(*arguments, text=None, environment=None, command="check"):
+        bare = {name: value for name, value in os.environ.items()
+                if not name.startswith("VORN")}
+        return subprocess.run(
+            [program.with_name("vornctl"), command, *arguments], cwd=tmp_path,
+            env={**bare, **(environment or {})}, input=text, capture_output=True,
+            check=False, encoding="utf-8", timeout=60,
+        )
+
+    run.folder = tmp_path
+    return run
+
+
+def write(vornctl, text, name="launch.yaml"):
+    path = vornctl.folder / name
+    path.write_text(text, encoding="utf-8")
+    return name
+
+
+def names_in(finished):
+    """The findings in JSON, as (line, name)."""
+    files = json.loads(finished.stdout)["files"]
+    return [(each["line"], each["name"]) for file in files
+            for each in file["findings"]]
+
+
+def test_a_good_file_is_passed_in_silence(vornctl):
+    finished = vornctl(write(vornctl, CLEAN), "--ignore=writable-by-others")
+    assert (finished.returncode, finished.stdout, finished.stderr) == (0, "", "")
+
+
+@pytest.mark.parametrize("text, severity, fails_on", [
+    (ERROR, "error", ["error", "warning", "note"]),
+    (WARNING, "warning", ["warning", "note"]),
+    (NOTE, "note", ["note"]),
+], ids=["error", "warning", "note"])
+def test_the_exit_status_is_1_from_the_chosen_severity_on(
+    vornctl, text, severity, fails_on
+):
+    for limit in ("error", "warning", "note"):
+        finished = vornctl("-", f"--fail-on={limit}", text=text)
+        assert finished.returncode == (1 if limit in fails_on else 0)
+        assert f": {severity}: " in finished.stdout
+    assert vornctl("-", text=text).returncode == (1 if severity == "error" else 0)
+
+
+def test_a_finding_is_a_line_that_editors_know(vornctl):
+    finished = vornctl(write(vornctl, ERROR), "--no-host")
+    assert finished.stdout == "launch.yaml:" + ERROR_LINE
+
+
+def test_standard_input_is_called_so(vornctl):
+    assert vornctl("-", text=ERROR).stdout == "<stdin>:" + ERROR_LINE
+
+
+def test_what_cannot_be_read_ends_with_2_and_the_rest_is_checked(vornctl):
+    (vornctl.folder / "folder").mkdir()
+    finished = vornctl("missing.yaml", "folder", write(vornctl, ERROR))
+    assert finished.returncode == 2
+    assert finished.stdout == "launch.yaml:" + ERROR_LINE
+    assert finished.stderr == (
+        "vornctl: cannot read missing.yaml: No such file or directory\n"
+        "vornctl: cannot read folder: it is a folder\n"
+    )
+
+
+@pytest.mark.parametrize("arguments", [
+    [], ["--format=xml", "-"], ["--fail-on=never", "-"], ["--print=all", "-"],
+    ["--ignore=nonsense", "-"],
+])
+def test_wrong_usage_ends_with_2(vornctl, arguments):
+    finished = vornctl(*arguments, text=CLEAN)
+    assert finished.returncode == 2
+    assert finished.stdout == ""
+    assert finished.stderr.startswith("vornctl: ")
+
+
+def test_several_findings_are_ignored_with_commas_between_them(vornctl):
+    text = WARNING + "    argv: \"'a'\"\n    sleep: 20000\n"
+    finished = vornctl("--ignore=unknown-key,long-sleep", "-", text=text)
+    assert finished.stdout.count("\n") == 1
+    assert "[quote-in-argv]" in finished.stdout
+
+
+def test_the_machine_is_looked_at_for_a_file_alone_unless_it_is_said(vornctl):
+    text = "vornnode:\n  a:\n    path: /nonexistent/a\n"
+    name = write(vornctl, text)
+    finding = (3, "missing-executable")
+    options = ["--format=json", "--ignore=writable-by-others"]
+    assert finding in names_in(vornctl(*options, name))
+    assert finding not in names_in(vornctl(*options, "--no-host", name))
+    assert finding not in names_in(vornctl(*options, "-", text=text))
+    assert finding in names_in(vornctl(*options, "--host", "-", text=text))
+
+
+def test_the_programs_are_those_of_the_variables_that_the_launcher_would_have(
+    vornctl,
+):
+    text = "vornnode:\n  a:\n    path: sh\n"
+    options = ["--format=json", "--host", "--ignore=writable-by-others", "-"]
+    assert names_in(vornctl(*options, text=text)) == [
+        (3, "missing-executable"), (3, "relative-path")]
+    found = vornctl(*options, text=text, environment={"VORN_BIN_PATH": "/bin"})
+    assert names_in(found) == []
+    text += "configure: {environment: {VORN_BIN_PATH: 'install://bin'}}\n"
+    found = vornctl(*options, text=text, environment={"VORN_ROOT": "/usr"})
+    assert names_in(found) == []
+    found = vornctl(*options, text=text, environment={"VORN_ROOT": "/nonexistent"})
+    assert names_in(found) == [(3, "missing-executable")]
+
+
+def test_control_characters_do_not_reach_the_terminal(vornctl):
+    finished = vornctl("-", text='vornnode: {"a\\e[2J": {path: x}}\n')
+    assert "\x1b" not in finished.stdout
+    assert "'a\\x1b[2J'" in finished.stdout
+
+
+def test_quiet_leaves_the_exit_status_alone(vornctl):
+    finished = vornctl("-q", "-", text=ERROR)
+    assert (finished.returncode, finished.stdout, finished.stderr) == (1, "", "")
+
+
+def test_a_file_of_5000_nodes_is_checked(vornctl):
+    nodes = "".join(f"  n{i}:\n    path: /bin/sh\n    required: [n{i + 1}]\n"
+                    for i in range(5000))
+    finished = vornctl("--format=json", "-", text=f"vornnode:\n{nodes}")
+    assert names_in(finished) == [
+        (4, "long-stop"), (15001, "required-unknown")]
+
+
+def on_terminal(program, path, *options):
+    """What check shows on a terminal."""
+    terminal, other_end = pty.openpty()
+    process = subprocess.Popen(
+        [program.with_name("vornctl"), "check", "--no-host", *options, path.name],
+        cwd=path.parent, stdin=subprocess.DEVNULL, stdout=other_end,
+        stderr=other_end, env={**os.environ, "TERM": "xterm"},
+    )
+    os.close(other_end)
+    shown = b""
+    try:
+        while piece := os.read(terminal, 4096):
+            shown += piece
+    except OSError:
+        pass  # EIO: the other end is closed
+    os.close(terminal)
+    assert process.wait(timeout=60) == 1
+    return shown.decode().replace("\r\n", "\n")
+
+
+def test_a_terminal_is_shown_the_source_and_a_caret(vornctl, program):
+    text = "vornnode:\n  größe: {\tsleep: x, path: /bin/sh}\n"
+    path = vornctl.folder / write(vornctl, text)
+    assert on_terminal(program, path, "--color=never") == (
+        "launch.yaml:2:21: error: 'x' for 'sleep' is no whole number of "
+        "milliseconds from 0 to 4294967295 [not-a-number]\n"
+        "    größe: { sleep: x, path: /bin/sh}\n"
+        "                    ^\n"
+    )
+
+
+def test_a_terminal_is_shown_colours(vornctl, program):
+    path = vornctl.folder / write(vornctl, ERROR)
+    shown = on_terminal(program, path)
+    assert shown.startswith("\x1b[1mlaunch.yaml:3:11:\x1b[0m \x1b[31merror:\x1b[0m ")
+
+
+# -- Forms for programs.
+
+CYCLE = (
+    "vornnode:\n"
+    "  ä: {path: /bin/sh, required: [b]}\n"
+    "  b: {path: /bin/sh, required: [ä]}\n"
+)
+
+
+def test_json_has_all_of_a_finding(vornctl):
+    name = write(vornctl, CYCLE)
+    finished = vornctl("--format=json", "--no-host", name)
+    assert finished.returncode == 1
+    message = "cycle of 'required': ä -> b -> ä; stopping any of them hangs the "
+    assert json.loads(finished.stdout) == {
+        "schema": 1,
+        "files": [{
+            "file": name,
+            "loads": True,
+            "findings": [{
+                "line": 2, "column": 34, "severity": "error",
+                "name": "required-cycle", "message": message + "launcher for good",
+                "notes": [{"line": 3, "column": 33,
+                           "message": "'b' requires 'ä' here"}],
+            }],
+        }],
+    }
+
+
+def test_json_tells_which_files_the_launcher_loads(vornctl):
+    names = [write(vornctl, CLEAN, "a"), write(vornctl, ERROR, "b"),
+             write(vornctl, "[", "c")]
+    files = json.loads(vornctl("--format=json", *names).stdout)["files"]
+    assert [(each["file"], each["loads"]) for each in files] == [
+        ("a", True), ("b", False), ("c", False)]
+
+
+def test_sarif_has_rules_results_and_related_places(vornctl):
+    name = write(vornctl, CYCLE, "a b.yaml")
+    printed = vornctl("--format=sarif", "--no-host", name).stdout
+    log = json.loads(printed)
+    assert log["version"] == "2.1.0"
+    (run,) = log["runs"]
+    rules = {rule["id"]: rule for rule in run["tool"]["driver"]["rules"]}
+    listed = vornctl("--list").stdout.splitlines()
+    assert list(rules) == [line.split("\t")[0] for line in listed]
+    (result,) = run["results"]
+    assert result["ruleId"] == "required-cycle" and result["level"] == "error"
+    (place,) = result["locations"]
+    assert place["physicalLocation"] == {
+        "artifactLocation": {"uri": "a%20b.yaml"},
+        "region": {"startLine": 2, "startColumn": 33},  # in characters
+    }
+    assert run["columnKind"] == "unicodeCodePoints"
+    (related,) = result["relatedLocations"]
+    assert related["physicalLocation"]["region"]["startLine"] == 3
+    assert related["message"]["text"] == "'b' requires 'ä' here"
+
+
+def test_github_is_given_a_command_a_finding(vornctl):
+    name = write(vornctl, CYCLE + "  100%: {path: x, pid: 1}\n", "a,b.yaml")
+    lines = vornctl("--format=github", "--no-host", name).stdout.splitlines()
+    assert lines[0] == (
+        "::error file=a%2Cb.yaml,line=2,col=34,title=required-cycle::cycle of "
+        "'required': ä -> b -> ä; stopping any of them hangs the launcher for good"
+        "%0Aline 3: 'b' requires 'ä' here"
+    )
+    assert lines[-1].startswith("::warning file=a%2Cb.yaml,line=4,col=19,title=")
+    assert "'100%25'" in lines[-1]
+    noted = vornctl("--format=github", "-", text=NOTE).stdout
+    assert noted.startswith("::notice file=<stdin>,line=1,col=1,title=no-nodes::")
+
+
+# -- What else it prints.
+
+SEVERAL = """\
+configure:
+  environment:
+    LIMIT: "7"
+    VORN_BIN_PATH: install://bin
+vornnode:
+  prepare:
+    path: prepare
+    oneshot: true
+  camera:
+    path: /opt/camera
+    argv: --rate 30
+    sleep: 1500
+    environment:
+      LIMIT: "8"
+    required: [detector]
+  detector:
+    path: detector
+    sleep: 300
+  spare:
+    path: spare
+    disabled: true
+    sleep: 4294968
+  lamp:
+    path: lamp
+    autostart: false
+    sleep: 50
+"""
+ROOT = {"VORN_ROOT": "/opt/v"}
+
+
+def test_resolved_tells_where_everything_comes_from(vornctl):
+    finished = vornctl("--print=resolved", "-", text=SEVERAL, environment=ROOT)
+    blocks = finished.stdout.split("camera  # line 9\n")
+    assert blocks[1].splitlines()[:9] == [
+        "  argv         /opt/camera                            path, line 10",
+        "               --rate                                 argv, line 11",
+        "               30                                     argv, line 11",
+        "  environment  LIMIT=7                                configure, line 3, "
+        "overwritten below",
+        "               VORN_BIN_PATH=/opt/v/bin               configure, line 4",
+        "               __VORN_NODE_NAME__=camera(vornlaunch)  launcher",
+        "               LIMIT=8                                node, line 14",
+        "  required     detector                               line 15",
+        "  flags        sleep 1500 (line 12)",
+    ]
+    assert ("  argv         /opt/v/bin/prepare                      path, line 7, "
+            "below VORN_BIN_PATH, line 4\n") in blocks[0]
+
+
+def test_resolved_names_the_environment_where_the_folder_comes_from_it(vornctl):
+    finished = vornctl("--print=resolved", "-", text="vornnode: {a: {path: x}}\n",
+                       environment={"VORN_BIN_PATH": "/b"})
+    assert ("/b/x                              path, line 1, below VORN_BIN_PATH of "
+            "the environment") in finished.stdout
+
+
+def test_the_timeline_sums_the_delays_of_what_is_started(vornctl):
+    finished = vornctl("--print=timeline", "-", text=SEVERAL)
+    assert finished.stdout.splitlines() == [
+        "START    NODE      SLEEP",
+        "0.000 s  prepare   -",
+        "1.500 s  camera    1.500 s",
+        "1.800 s  detector  0.300 s",
+        "-        spare     -        disabled",
+        "-        lamp      0.050 s  not started automatically",
+    ]
+
+
+def test_the_stop_timeout_has_all_stops_and_the_restarts_before_a_nodes_own(vornctl):
+    # Five stops of 11 s; with camera, the detector's stop, 0.2 s and its 0.3 s.
+    finished = vornctl("--print=stop-timeout", "-", text=SEVERAL)
+    assert finished.stdout == "67\n"
+
+
+def test_a_node_that_was_stopped_before_is_not_restarted(vornctl):
+    text = "vornnode:\n  b: {path: /b}\n  a: {path: /a, required: [b]}\n"
+    assert vornctl("--print=stop-timeout", "-", text=text).stdout == "22\n"
+
+
+def test_a_stop_that_may_hang_has_no_timeout(vornctl):
+    finished = vornctl("--print=stop-timeout", "-", text=CYCLE)
+    assert finished.stdout == "never\n"
+    assert finished.returncode == 1
+
+
+def test_what_is_printed_leaves_findings_to_standard_error(vornctl):
+    finished = vornctl("--print=timeline", "-", text=ERROR)
+    assert finished.stdout == ""
+    assert finished.stderr == "<stdin>:" + ERROR_LINE
+    assert finished.returncode == 1
+
+
+# -- The graph.
+
+DOT = """\
+digraph launch {
+  rankdir=LR;
+  node [shape=box];
+  n0 [label="ä \\"x\\"\\noneshot\\nsleep 5 ms"];
+  n1 [label="b\\ndisabled", style=dashed];
+  n2 [label="c"];
+  n0 -> n1;
+  n1 -> n2 [color=red];
+  n2 -> n1 [color=red];
+}
+"""
+GRAPH = """\
+vornnode:
+  ä "x": {path: /a, oneshot: true, sleep: 5, required: [b, nobody]}
+  b: {path: /b, disabled: true, required: [c, b]}
+  c: {path: /c, required: [b]}
+"""
+
+
+def test_the_graph_has_policies_arrows_and_red_cycles(vornctl):
+    finished = vornctl("-", text=GRAPH, command="graph")
+    assert (finished.returncode, finished.stdout) == (0, DOT)
+
+
+def test_the_graph_is_drawn_for_documents(vornctl):
+    finished = vornctl("--format=mermaid", "-", text=GRAPH, command="graph")
+    assert finished.stdout == (
+        "flowchart LR\n"
+        '  n0["ä #quot;x#quot;<br>oneshot<br>sleep 5 ms"]\n'
+        '  n1["b<br>disabled"]\n'
+        '  n2["c"]\n'
+        "  n0 --> n1\n"
+        "  n1 --> n2\n"
+        "  n2 --> n1\n"
+        "  linkStyle 1 stroke:red\n"
+        "  linkStyle 2 stroke:red\n"
+    )
+
+
+def false_dot(vornctl, body):
+    """A folder with another program in the place of Graphviz."""
+    folder = vornctl.folder / "bin"
+    folder.mkdir()
+    (folder / "dot").write_text(f"#!/bin/sh\n{body}\n", encoding="ascii")
+    (folder / "dot").chmod(0o755)
+    return {"PATH": f"{folder}:/usr/bin:/bin"}
+
+
+def test_svg_is_drawn_by_graphviz(vornctl):
+    path = false_dot(vornctl, 'echo "$@"; cat')
+    finished = vornctl("--format=svg", "-", text=GRAPH, command="graph",
+                       environment=path)
+    assert (finished.returncode, finished.stdout) == (0, "-Tsvg\n" + DOT)
+
+
+def test_a_graph_that_cannot_be_drawn_is_a_failure(vornctl):
+    path = false_dot(vornctl, "cat >/dev/null; exit 3")
+    finished = vornctl("--format=svg", "-", text=GRAPH, command="graph",
+                       environment=path)
+    assert finished.returncode == 1
+    assert finished.stderr == "vornctl: Graphviz could not draw the graph\n"
+
+
+def test_svg_without_graphviz_is_a_clear_word(vornctl):
+    finished = vornctl("--format=svg", "-", text=GRAPH, command="graph",
+                       environment={"PATH": "/nonexistent"})
+    assert finished.returncode == 1
+    assert finished.stderr == (
+        "vornctl: cannot draw SVG without Graphviz; install it (Debian: graphviz), "
+        "or take --format mermaid or dot\n"
+    )
+
+
+def test_there_is_no_graph_of_what_the_launcher_does_not_load(vornctl):
+    finished = vornctl("-", text=ERROR, command="graph")
+    assert (finished.returncode, finished.stdout) == (2, "")
+    assert finished.stderr == (
+        "vornctl: the launcher would not load -: yaml-cpp: error at line 4, column "
+        "1: bad conversion; 'vornctl check' tells more\n"
+    )
+    assert vornctl("missing.yaml", command="graph").returncode == 2

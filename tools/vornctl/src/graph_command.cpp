@@ -1,0 +1,178 @@
+#include "graph_command.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <set>
+#include <sstream>
+#include <utility>
+#include <vector>
+
+#include "reading.h"
+#include "required_graph.h"
+#include "text.h"
+
+namespace vorn::launch {
+namespace {
+
+constexpr char kNoDot[] =
+    "cannot draw SVG without Graphviz; install it (Debian: graphviz), or take "
+    "--format mermaid or dot";
+
+/// The policies of a node in a few words, a line each.
+std::vector<std::string> policiesOf(const NodeReading& node) {
+  std::vector<std::string> policies;
+  if (node.disabled.value) policies.emplace_back("disabled");
+  if (!node.autostart.value) policies.emplace_back("not started automatically");
+  if (node.oneshot.value) policies.emplace_back("oneshot");
+  if (node.sleepMs.value != 0) {
+    policies.push_back("sleep " +
+                       std::to_string(effectiveSleepMs(node.sleepMs.value)) +
+                       " ms");
+  }
+  return policies;
+}
+
+/// The arrows of all cycles: from a node to another.
+std::set<std::pair<size_t, size_t>> arrowsInCycles(const RequiredGraph& graph) {
+  std::set<std::pair<size_t, size_t>> arrows;
+  for (const auto& cycle : graph.cycles()) {
+    for (const auto& [from, edge] : cycle) arrows.insert({from, edge.to});
+  }
+  return arrows;
+}
+
+std::string dotText(const std::string& text) {
+  std::string escaped;
+  for (const char letter : printable(text)) {
+    if (letter == '"' || letter == '\\') escaped += '\\';
+    escaped += letter;
+  }
+  return escaped;
+}
+
+std::string dotGraph(const Reading& reading, const RequiredGraph& graph) {
+  const auto red = arrowsInCycles(graph);
+  std::ostringstream out;
+  out << "digraph launch {\n  rankdir=LR;\n  node [shape=box];\n";
+  for (size_t i = 0; i < reading.nodes.size(); ++i) {
+    const NodeReading& node = reading.nodes[i];
+    out << "  n" << i << " [label=\"" << dotText(node.name.value);
+    for (const std::string& policy : policiesOf(node)) out << "\\n" << policy;
+    out << '"';
+    if (node.disabled.value || !node.autostart.value) out << ", style=dashed";
+    out << "];\n";
+  }
+  for (size_t i = 0; i < reading.nodes.size(); ++i) {
+    for (const auto& edge : graph.edgesFrom(i)) {
+      out << "  n" << i << " -> n" << edge.to;
+      if (red.count({i, edge.to}) > 0) out << " [color=red]";
+      out << ";\n";
+    }
+  }
+  out << "}\n";
+  return out.str();
+}
+
+/// A text between quotes in Mermaid, which knows the entities of HTML.
+std::string mermaidText(const std::string& text) {
+  std::string escaped;
+  for (const char letter : printable(text)) {
+    switch (letter) {
+      case '"':
+        escaped += "#quot;";
+        break;
+      case '<':
+        escaped += "#lt;";
+        break;
+      case '>':
+        escaped += "#gt;";
+        break;
+      case '#':
+        escaped += "#35;";
+        break;
+      default:
+        escaped += letter;
+    }
+  }
+  return escaped;
+}
+
+std::string mermaidGraph(const Reading& reading, const RequiredGraph& graph) {
+  const auto red = arrowsInCycles(graph);
+  std::ostringstream out;
+  std::vector<size_t> red_links;
+  out << "flowchart LR\n";
+  for (size_t i = 0; i < reading.nodes.size(); ++i) {
+    const NodeReading& node = reading.nodes[i];
+    out << "  n" << i << "[\"" << mermaidText(node.name.value);
+    for (const std::string& policy : policiesOf(node)) {
+      out << "<br>" << policy;
+    }
+    out << "\"]\n";
+  }
+  size_t link = 0;
+  for (size_t i = 0; i < reading.nodes.size(); ++i) {
+    for (const auto& edge : graph.edgesFrom(i)) {
+      out << "  n" << i << " --> n" << edge.to << '\n';
+      if (red.count({i, edge.to}) > 0) red_links.push_back(link);
+      ++link;
+    }
+  }
+  for (const size_t each : red_links) {
+    out << "  linkStyle " << each << " stroke:red\n";
+  }
+  return out.str();
+}
+
+/// Has Graphviz draw the graph on our standard output.
+ExitStatus drawSvg(const Session& session, const std::string& graph) {
+  if (std::system("command -v dot >/dev/null 2>&1") != 0) {
+    session.complain(kNoDot);
+    return kFailed;
+  }
+  std::cout.flush();
+  FILE* const dot = ::popen("dot -Tsvg", "w");
+  if (dot == nullptr) {
+    session.complain(kNoDot);
+    return kFailed;
+  }
+  const bool is_written =
+      std::fwrite(graph.data(), 1, graph.size(), dot) == graph.size();
+  const int status = ::pclose(dot);
+  if (is_written && status == 0) return kDone;
+  session.complain("Graphviz could not draw the graph");
+  return kFailed;
+}
+
+}  // namespace
+
+ExitStatus printGraph(const Session& session, const GraphOptions& options) {
+  std::string error;
+  const auto document = readDocument(options.file, error);
+  if (!document) {
+    session.complain(error);
+    return kUsage;
+  }
+  const Reading reading = readAsLauncher(*document, ownSurroundings());
+  if (!reading.faults.empty()) {
+    session.complain("the launcher would not load " + options.file + ": " +
+                     reading.faults[0].exception +
+                     "; 'vornctl check' tells more");
+    return kUsage;
+  }
+  const RequiredGraph graph(reading);
+  switch (options.format) {
+    case GraphOptions::Format::MERMAID:
+      std::cout << mermaidGraph(reading, graph);
+      return kDone;
+    case GraphOptions::Format::SVG:
+      return drawSvg(session, dotGraph(reading, graph));
+    case GraphOptions::Format::DOT:
+      break;
+  }
+  std::cout << dotGraph(reading, graph);
+  return kDone;
+}
+
+}  // namespace vorn::launch
