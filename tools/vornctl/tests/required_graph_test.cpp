@@ -1,0 +1,167 @@
+#include "required_graph.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+
+namespace vorn::launch {
+namespace {
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+NodeReading nodeOf(const std::string& name,
+                   const std::vector<std::string>& required,
+                   uint32_t sleep_ms = 0, bool oneshot = false) {
+  NodeReading node;
+  node.name.value = name;
+  node.sleepMs.value = sleep_ms;
+  node.oneshot.value = oneshot;
+  for (const std::string& other : required)
+    node.required.push_back({other, {}});
+  return node;
+}
+
+Reading readingOf(std::vector<NodeReading> nodes) {
+  Reading reading;
+  reading.nodes = std::move(nodes);
+  return reading;
+}
+
+/// The cycles, by the indices of their nodes.
+std::vector<std::vector<size_t>> cyclesIn(const Reading& reading) {
+  const RequiredGraph graph(reading);
+  std::vector<std::vector<size_t>> cycles;
+  for (const auto& cycle : graph.cycles()) {
+    std::vector<size_t> nodes;
+    for (const auto& step : cycle) nodes.push_back(step.from);
+    EXPECT_EQ(cycle.back().edge.to, nodes.front());
+    cycles.push_back(std::move(nodes));
+  }
+  return cycles;
+}
+
+std::optional<RequiredGraph::Cascade> cascadeOfFirst(const Reading& reading) {
+  return RequiredGraph(reading).cascades().at(0);
+}
+
+TEST(EffectiveSleepTest, WrapsAround32BitsOfMicroseconds) {
+  EXPECT_EQ(effectiveSleepMs(0), 0U);
+  EXPECT_EQ(effectiveSleepMs(4'294'967), 4'294'967U);
+  EXPECT_EQ(effectiveSleepMs(4'294'968), 0U);
+  EXPECT_EQ(effectiveSleepMs(4'295'968), 1000U);
+}
+
+TEST(RequiredGraphTest, HasNoEdgeToTheNodeItselfOrToNobody) {
+  const Reading reading =
+      readingOf({nodeOf("a", {"a", "x", "b", "b"}), nodeOf("b", {})});
+  const RequiredGraph graph(reading);
+  EXPECT_EQ(graph.edgesFrom(0).size(), 2U);
+  EXPECT_EQ(graph.edgesFrom(0)[0].to, 1U);
+  EXPECT_THAT(graph.edgesFrom(1), IsEmpty());
+}
+
+TEST(RequiredGraphTest, FindsTheFirstOfTwoNodesOfOneName) {
+  const Reading reading =
+      readingOf({nodeOf("b", {}), nodeOf("a", {"b"}), nodeOf("b", {"a"})});
+  EXPECT_EQ(RequiredGraph(reading).edgesFrom(1)[0].to, 0U);
+  EXPECT_THAT(cyclesIn(reading), IsEmpty());
+}
+
+TEST(RequiredGraphTest, FindsNoCycleWherePathsOnlyMeet) {
+  EXPECT_THAT(cyclesIn(readingOf({nodeOf("a", {"b", "c"}), nodeOf("b", {"d"}),
+                                  nodeOf("c", {"d"}), nodeOf("d", {})})),
+              IsEmpty());
+}
+
+TEST(RequiredGraphTest, FindsACycleWithoutTheWayToIt) {
+  EXPECT_THAT(cyclesIn(readingOf({nodeOf("a", {"b"}), nodeOf("b", {"c"}),
+                                  nodeOf("c", {"d"}), nodeOf("d", {"b"})})),
+              ElementsAre(ElementsAre(1, 2, 3)));
+}
+
+TEST(RequiredGraphTest, FindsACycleThroughEachNodeThatIsInOne) {
+  EXPECT_THAT(
+      cyclesIn(readingOf({nodeOf("a", {"b", "c"}), nodeOf("b", {"a"}),
+                          nodeOf("c", {"a"}), nodeOf("d", {"e"}),
+                          nodeOf("e", {"d"})})),
+      ElementsAre(ElementsAre(0, 1), ElementsAre(0, 2), ElementsAre(3, 4)));
+}
+
+TEST(RequiredGraphTest, FollowsAChainHoweverLong) {
+  std::vector<NodeReading> nodes;
+  constexpr int kNodes = 100'000;
+  for (int i = 0; i < kNodes; ++i) {
+    nodes.push_back(nodeOf(std::to_string(i), {std::to_string(i + 1)}));
+  }
+  const Reading reading = readingOf(std::move(nodes));
+  EXPECT_THAT(cyclesIn(reading), IsEmpty());
+  EXPECT_EQ(cascadeOfFirst(reading)->stops, kNodes);
+}
+
+TEST(CascadeTest, IsOneStopForANodeThatRequiresNone) {
+  const auto cascade = cascadeOfFirst(readingOf({nodeOf("a", {}, 700)}));
+  EXPECT_EQ(cascade->stops, 1);
+  EXPECT_EQ(cascade->duration, seconds(10));
+}
+
+TEST(CascadeTest, CountsEveryPathWithPausesAndDelays) {
+  const auto cascade =
+      cascadeOfFirst(readingOf({nodeOf("a", {"b", "c"}), nodeOf("b", {"d"}),
+                                nodeOf("c", {"d"}), nodeOf("d", {}, 300)}));
+  EXPECT_EQ(cascade->stops, 5);
+  EXPECT_EQ(cascade->duration,
+            seconds(50) + 4 * milliseconds(200) + 2 * milliseconds(300));
+}
+
+TEST(CascadeTest, DoesNotStartAOneshotAgain) {
+  const auto cascade = cascadeOfFirst(
+      readingOf({nodeOf("a", {"b"}), nodeOf("b", {}, 300, true)}));
+  EXPECT_EQ(cascade->duration, milliseconds(20'200));
+}
+
+TEST(CascadeTest, IsUnknownForANodeThatReachesACycleAlone) {
+  const Reading reading = readingOf({nodeOf("a", {"b"}), nodeOf("b", {"c"}),
+                                     nodeOf("c", {"b"}), nodeOf("d", {})});
+  const auto cascades = RequiredGraph(reading).cascades();
+  EXPECT_FALSE(cascades[0]);
+  EXPECT_FALSE(cascades[1]);
+  EXPECT_FALSE(cascades[2]);
+  EXPECT_TRUE(cascades[3]);
+}
+
+TEST(CascadeTest, IsAYearAtMostHoweverThePathsMultiply) {
+  std::vector<NodeReading> nodes;
+  for (int i = 0; i < 200; ++i) {
+    const std::string next = std::to_string(i + 1);
+    nodes.push_back(nodeOf(std::to_string(i), {next, next}));
+  }
+  EXPECT_EQ(cascadeOfFirst(readingOf(std::move(nodes)))->duration,
+            hours(24 * 365));
+}
+
+TEST(StopOfAllTest, AddsTheStopsOfAllNodes) {
+  const Reading reading = readingOf({nodeOf("a", {}, 5), nodeOf("b", {})});
+  EXPECT_EQ(RequiredGraph(reading).stopOfAll(seconds(11)), seconds(22));
+}
+
+TEST(StopOfAllTest, RestartsRequiredNodesThatAreNotStoppedYet) {
+  const Reading reading = readingOf(
+      {nodeOf("b", {}), nodeOf("a", {"b", "c"}), nodeOf("c", {}, 100)});
+  // b, a, c for a with its pause and delay, c.
+  EXPECT_EQ(RequiredGraph(reading).stopOfAll(seconds(10)),
+            seconds(40) + milliseconds(300));
+}
+
+TEST(StopOfAllTest, NeverEndsWithACycle) {
+  const Reading reading = readingOf({nodeOf("a", {"b"}), nodeOf("b", {"a"})});
+  EXPECT_FALSE(RequiredGraph(reading).stopOfAll(seconds(10)));
+}
+
+}  // namespace
+}  // namespace vorn::launch
