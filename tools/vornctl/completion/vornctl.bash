@@ -72,16 +72,24 @@ _vornctl_offer() {
   done
 }
 
-# Offers values for an option; false if it takes none.
+# _vornctl_offer_value OPTION CURRENT KEPT COMMAND offers values for an option of
+# the command; false if it takes none.
 _vornctl_offer_value() {
-  local option=$1 current=$2 kept=$3
+  local option=$1 current=$2 kept=$3 command=$4
   case $option in
     --launch-file | --socket) compopt -o default ;;  # bash's own, for files
     --color) _vornctl_offer "$current" "$kept" auto always never ;;
     --state)
       _vornctl_offer "$current" "$kept" running stopped disabled restarted
       ;;
-    --timeout | --connect-timeout | --for) ;;
+    --fail-on) _vornctl_offer "$current" "$kept" error warning note ;;
+    --print) _vornctl_offer "$current" "$kept" resolved timeline stop-timeout ;;
+    --format)
+      local formats=(text json sarif github)
+      [[ $command != graph ]] || formats=(dot mermaid svg)
+      _vornctl_offer "$current" "$kept" "${formats[@]}"
+      ;;
+    --timeout | --connect-timeout | --for | --ignore) ;;
     -o | --columns)
       local columns=(node state pid uptime started policy required executable)
       local before=${current%"${current##*,}"}
@@ -131,10 +139,10 @@ _vornctl() {
   COMPREPLY=()
   if [[ $current == --*=* ]]; then
     _vornctl_offer_value "${current%%=*}" "${current#*=}" \
-      "${kept#"${current%%=*}="}"
+      "${kept#"${current%%=*}="}" "$command"
     return
   fi
-  ! _vornctl_offer_value "$previous" "$current" "$kept" || return
+  ! _vornctl_offer_value "$previous" "$current" "$kept" "$command" || return
   case $command in
     "") options+=(--version) ;;
     status) options+=(--json --plain --no-header --columns) ;;
@@ -144,6 +152,10 @@ _vornctl() {
     wait) options+=(--state --for) ;;
     monitor) options+=(--json) ;;
     names) options+=(--null) ;;
+    check)
+      options+=(--format --fail-on --print --ignore --host --no-host --list)
+      ;;
+    graph) options+=(--format) ;;
   esac
   if [[ $current == -* ]]; then
     _vornctl_offer "$current" "$kept" "${options[@]}"
@@ -152,8 +164,9 @@ _vornctl() {
   case $command in
     "")
       _vornctl_offer "$current" "$kept" status start stop restart enable \
-        disable wait monitor top ping names completion help
+        disable wait monitor top ping names check graph completion help
       ;;
+    check | graph) compopt -o default ;;
     completion) _vornctl_offer "$current" "$kept" bash zsh fish ;;
     status | start | stop | restart | enable | disable | wait | monitor | top)
       _vornctl_offer_nodes "$current" "$kept" "${words[@]}"

@@ -22,7 +22,7 @@ function __vornctl_nodes
 end
 
 function __vornctl_needs_command
-    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top ping names completion help
+    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top ping names check graph completion help
 end
 
 complete -c vornctl -f
@@ -37,6 +37,8 @@ complete -c vornctl -n __vornctl_needs_command -a monitor -d 'Print a line for e
 complete -c vornctl -n __vornctl_needs_command -a top -d 'Show all nodes on the whole screen'
 complete -c vornctl -n __vornctl_needs_command -a ping -d 'Tell whether a launcher answers'
 complete -c vornctl -n __vornctl_needs_command -a names -d 'Print the names of the nodes'
+complete -c vornctl -n __vornctl_needs_command -a check -d 'Say what is wrong with launch files'
+complete -c vornctl -n __vornctl_needs_command -a graph -d 'Draw the nodes of a launch file'
 complete -c vornctl -n __vornctl_needs_command -a completion -d 'Print a script for tab completion'
 complete -c vornctl -n __vornctl_needs_command -a help -d 'Show the help'
 
@@ -62,3 +64,12 @@ complete -c vornctl -n '__fish_seen_subcommand_from wait' -l state -x -a 'runnin
 complete -c vornctl -n '__fish_seen_subcommand_from wait' -l for -x -d 'How long it must last'
 complete -c vornctl -n '__fish_seen_subcommand_from names' -s 0 -l null -d 'A NUL after each name'
 complete -c vornctl -n '__fish_seen_subcommand_from completion' -a 'bash zsh fish' -d Shell
+complete -c vornctl -n '__fish_seen_subcommand_from check graph' -F
+complete -c vornctl -n '__fish_seen_subcommand_from check' -l format -x -a 'text json sarif github' -d 'How to print it'
+complete -c vornctl -n '__fish_seen_subcommand_from graph' -l format -x -a 'dot mermaid svg' -d 'How to draw it'
+complete -c vornctl -n '__fish_seen_subcommand_from check' -l fail-on -x -a 'error warning note' -d 'What makes the exit status 1'
+complete -c vornctl -n '__fish_seen_subcommand_from check' -l print -x -a 'resolved timeline stop-timeout' -d 'Print another thing'
+complete -c vornctl -n '__fish_seen_subcommand_from check' -l ignore -x -d 'Findings to leave out'
+complete -c vornctl -n '__fish_seen_subcommand_from check' -l host -d 'Look at this machine, too'
+complete -c vornctl -n '__fish_seen_subcommand_from check' -l no-host -d 'Look at the file alone'
+complete -c vornctl -n '__fish_seen_subcommand_from check' -l list -d 'Print what can be found'

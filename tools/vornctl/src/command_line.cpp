@@ -32,7 +32,7 @@ using std::chrono::milliseconds;
 constexpr char kExitStatuses[] =
     "Exit status:\n"
     "  0  done, or the condition is true\n"
-    "  1  an operation failed\n"
+    "  1  an operation failed; check has found something\n"
     "  2  wrong usage, or the nodes cannot be known\n"
     "  3  a named node does not run (status); it did not hold (wait)\n"
     "  4  no such node\n"

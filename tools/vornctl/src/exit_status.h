@@ -7,7 +7,7 @@ namespace vorn::launch {
 /// How vornctl ends; scripts rely on the numbers.
 enum ExitStatus : int {
   kDone = 0,           // done, or the condition is true
-  kFailed = 1,         // an operation FAILED
+  kFailed = 1,         // an operation FAILED, or check has found something
   kUsage = 2,          // wrong usage; nothing was asked of the launcher
   kNotRunning = 3,     // status: a named node does not run; wait: the
                        // condition did not hold
