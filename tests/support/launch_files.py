@@ -94,6 +94,8 @@ DOCUMENTS = [
     "&a {vornnode: *a}\n",
     "&r {configure: *r, vornnode: {a: *r}}\n", "{a, b}\n", "? vornnode\n",
     "? [vornnode]\n: {}\n", "~: {}\n",
+    "x: &v ~\nvornnode:\n  a:\n    ? path\n    : *v\n",
+    "x: &v a:b\nvornnode:\n  a:\n    ? path\n    : *v\n    sleep: *v\n",
     "vornnode: &n {a: {path: /tmp/bin/worker}, b: *n}\n",
     "x-n: &n {path: /tmp/bin/worker}\nvornnode: {a: *n, b: *n}\n",
     "vornnode: {~: {path: /tmp/bin/worker}}\n",

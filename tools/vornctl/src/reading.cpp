@@ -138,12 +138,10 @@ class Reader {
     const Place place = placeOf(key_mark);
     const std::string line = document_.line(place.line);
     const std::string text = key.IsScalar() ? key.Scalar() : "";
-    size_t colon =
-        line.find(':', static_cast<size_t>(key_mark.column) + text.size());
-    while (colon + 1 < line.size() && line[colon + 1] != ' ') {
-      colon = line.find(':', colon + 1);
-    }
-    if (colon != std::string::npos) {
+    const size_t behind = static_cast<size_t>(key_mark.column) + text.size();
+    for (size_t colon = line.find(':', behind); colon != std::string::npos;
+         colon = line.find(':', colon + 1)) {
+      if (colon + 1 < line.size() && line[colon + 1] != ' ') continue;
       return {place.line, static_cast<int>(colon) + 3};
     }
     return place;
