@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "checks.h"
+#include "text.h"
 
 namespace vorn::launch {
 namespace {
@@ -105,7 +106,7 @@ std::string loaderOf(const std::string& path) {
     std::string loader(part->p_filesz, '\0');
     file.seekg(static_cast<std::streamoff>(part->p_offset));
     file.read(loader.data(), static_cast<std::streamsize>(loader.size()));
-    return loader.c_str();  // up to its NUL
+    return untilNul(loader);
   }
   return "";
 }
@@ -134,8 +135,9 @@ bool isInPath(const std::string& program, const std::string& path) {
   std::istringstream folders(path);
   for (std::string folder; std::getline(folders, folder, ':');) {
     if (folder.empty()) folder = ".";
-    const std::string file = folder + '/' + program;
-    if (mayExecute(file) && !fs::is_directory(file)) return true;
+    folder.append("/").append(program);
+    std::error_code error;
+    if (mayExecute(folder) && !fs::is_directory(folder, error)) return true;
   }
   return false;
 }
@@ -205,7 +207,7 @@ std::string pathFrom(const std::vector<Variable>& variables,
                      std::string value) {
   for (const Variable& variable : variables) {
     if (exportedName(variable.name.value) == "PATH") {
-      value = variable.value.value.c_str();
+      value = untilNul(variable.value.value);
     }
   }
   return value;
@@ -216,7 +218,7 @@ void checkPrograms(const Reading& reading, const std::string& path,
   std::map<std::pair<std::string, std::string>, std::optional<Defect>> known;
   for (const NodeReading& node : reading.nodes) {
     if (!node.hasPath) continue;
-    const std::string program = node.executable.c_str();
+    const std::string program = untilNul(node.executable);
     const std::string node_path = pathFrom(node.environment, path);
     const auto [entry, is_new] = known.try_emplace({program, node_path});
     if (is_new) entry->second = defectOf(program, node_path);

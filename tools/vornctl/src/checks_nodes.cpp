@@ -91,30 +91,28 @@ std::string shellPartOf(const std::string& argument) {
   return is_glob ? argument.substr(glob, 1) : "";
 }
 
-void checkArguments(const NodeReading& node, Findings& findings) {
-  for (const Text& argument : node.arguments) {
-    const std::string quoted = "argument '" + argument.value + "'";
-    const char first = argument.value.front();
-    const char last = argument.value.back();
-    if (first == '"' || first == '\'' || last == '"' || last == '\'') {
-      findings.add("quote-in-argv", argument.place,
-                   quoted + " of " + named(node) +
-                       " keeps its quotes; arguments are cut at every space, "
-                       "and nothing takes quotes away");
-    }
-    if (const std::string part = shellPartOf(argument.value); !part.empty()) {
-      findings.add("shell-in-argv", argument.place,
-                   quoted + " of " + named(node) +
-                       " is handed over as it "
-                       "stands; no shell sees its '" +
-                       part + "'");
-    }
-    if (argument.value.find_first_of("\t\n\r") != std::string::npos) {
-      findings.add("space-in-argument", argument.place,
-                   quoted + " of " + named(node) +
-                       " has a tab or new line in it; only spaces separate "
-                       "arguments");
-    }
+void checkArgument(const NodeReading& node, const Text& argument,
+                   Findings& findings) {
+  const std::string subject =
+      "argument '" + argument.value + "' of " + named(node);
+  const char first = argument.value.front();
+  const char last = argument.value.back();
+  if (first == '"' || first == '\'' || last == '"' || last == '\'') {
+    findings.add("quote-in-argv", argument.place,
+                 subject +
+                     " keeps its quotes; arguments are cut at every space, "
+                     "and nothing takes quotes away");
+  }
+  if (const std::string part = shellPartOf(argument.value); !part.empty()) {
+    findings.add("shell-in-argv", argument.place,
+                 subject + " is handed over as it stands; no shell sees its '" +
+                     part + "'");
+  }
+  if (argument.value.find_first_of("\t\n\r") != std::string::npos) {
+    findings.add("space-in-argument", argument.place,
+                 subject +
+                     " has a tab or new line in it; only spaces separate "
+                     "arguments");
   }
 }
 
@@ -162,7 +160,9 @@ void checkNodes(const Reading& reading, Findings& findings) {
   for (const NodeReading& node : reading.nodes) {
     checkName(node, findings);
     checkPath(reading, node, findings);
-    checkArguments(node, findings);
+    for (const Text& argument : node.arguments) {
+      checkArgument(node, argument, findings);
+    }
     checkTexts(node, findings);
     checkSleep(node, findings);
     checkFlags(node, findings);

@@ -11,6 +11,8 @@
 #include <optional>
 #include <sstream>
 
+#include "text.h"
+
 namespace vorn::launch {
 namespace {
 
@@ -22,8 +24,6 @@ constexpr size_t kReplaced = sizeof("install:/") - 1;  // one slash stays
 Place placeOf(const YAML::Mark& mark) {
   return mark.is_null() ? Place{} : Place{mark.line + 1, mark.column + 1};
 }
-
-std::string untilNul(const std::string& text) { return text.c_str(); }
 
 /// The variable that the root of an installation comes from, if it is a good
 /// one; else the folder of the executable.

@@ -96,6 +96,10 @@ std::string fitted(const std::string& text, size_t width) {
   return result + "…";
 }
 
+std::string untilNul(const std::string& text) {
+  return text.substr(0, text.find('\0'));
+}
+
 std::string upperCase(std::string text) {
   for (char& letter : text) {
     if (letter >= 'a' && letter <= 'z') {

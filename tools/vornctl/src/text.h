@@ -16,6 +16,9 @@ size_t displayWidth(const std::string& text);
 /// its last one an ellipsis if something is left out.
 std::string fitted(const std::string& text, size_t width);
 
+/// The text up to its first NUL, which is where the C library sees it end.
+std::string untilNul(const std::string& text);
+
 /// The text with its lower-case ASCII letters as capitals.
 std::string upperCase(std::string text);
 

@@ -39,6 +39,7 @@ std::vector<std::vector<size_t>> cyclesIn(const Reading& reading) {
   std::vector<std::vector<size_t>> cycles;
   for (const auto& cycle : graph.cycles()) {
     std::vector<size_t> nodes;
+    nodes.reserve(cycle.size());
     for (const auto& step : cycle) nodes.push_back(step.from);
     EXPECT_EQ(cycle.back().edge.to, nodes.front());
     cycles.push_back(std::move(nodes));
@@ -96,6 +97,7 @@ TEST(RequiredGraphTest, FindsACycleThroughEachNodeThatIsInOne) {
 TEST(RequiredGraphTest, FollowsAChainHoweverLong) {
   std::vector<NodeReading> nodes;
   constexpr int kNodes = 100'000;
+  nodes.reserve(kNodes);
   for (int i = 0; i < kNodes; ++i) {
     nodes.push_back(nodeOf(std::to_string(i), {std::to_string(i + 1)}));
   }
@@ -137,6 +139,7 @@ TEST(CascadeTest, IsUnknownForANodeThatReachesACycleAlone) {
 
 TEST(CascadeTest, IsAYearAtMostHoweverThePathsMultiply) {
   std::vector<NodeReading> nodes;
+  nodes.reserve(200);
   for (int i = 0; i < 200; ++i) {
     const std::string next = std::to_string(i + 1);
     nodes.push_back(nodeOf(std::to_string(i), {next, next}));

@@ -55,20 +55,29 @@ void parse(const std::string& path) {
             << std::endl;
 }
 
+/// Whether the file was parsed, whatever came of it.
+bool parseApart(const std::string& path) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    parse(path);
+    ::_exit(0);
+  }
+  int status = 0;
+  return child > 0 && ::waitpid(child, &status, 0) == child && status == 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  for (int i = 1; i < argc; ++i) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-      parse(argv[i]);
-      ::_exit(0);
-    }
-    int status = 0;
-    if (child < 0 || ::waitpid(child, &status, 0) != child || status != 0) {
-      std::cerr << "cannot parse " << argv[i] << ": status " << status << '\n';
+  try {
+    for (int i = 1; i < argc; ++i) {
+      if (parseApart(argv[i])) continue;
+      std::cerr << "cannot parse " << argv[i] << '\n';
       return 1;
     }
+  } catch (const std::exception& failure) {
+    std::cerr << failure.what() << '\n';
+    return 1;
   }
   return 0;
 }
