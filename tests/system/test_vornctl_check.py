@@ -132,6 +132,19 @@ def test_the_programs_are_those_of_the_variables_that_the_launcher_would_have(
     assert names_in(found) == [(3, "missing-executable")]
 
 
+@pytest.mark.parametrize("text, line", [
+    (" vornnode: {a: {path: /a}}\nconfigure: {}\n", 2),
+    ("{vornnode: {a: {path: /a}}}\nconfigure: {}\n", 2),
+    ("vornnode: {a: {path: /a}}\n...\n[\n", 3),
+    ("# why\n---\nvornnode: {a: {path: /a}}\n--- # another\n", 4),
+    ("# why\n---\nvornnode: {a: {path: /a}}\n...\n# the end\n", None),
+    ("%YAML 1.2\n---\nvornnode: {a: {path: /a, argv: a --- b ...}}\n", None),
+], ids=["indented", "flow", "wrong", "second", "end", "directive"])
+def test_whatever_follows_the_first_document_is_found(vornctl, text, line):
+    expected = [] if line is None else [(line, "second-document")]
+    assert names_in(vornctl("--format=json", "-", text=text)) == expected
+
+
 def test_control_characters_do_not_reach_the_terminal(vornctl):
     finished = vornctl("-", text='vornnode: {"a\\e[2J": {path: x}}\n')
     assert "\x1b" not in finished.stdout

@@ -67,9 +67,24 @@ class DocumentStarts : public YAML::EventHandler {
   void OnMapEnd() override {}
 };
 
-/// Where a second document begins, which the launcher does not read. `text`
-/// has a good first one.
-Place secondDocumentIn(const std::string& text) {
+/// Whether the text can go on behind its first document, whose root this is. A
+/// mapping in block style that is not indented goes on to the end of the text
+/// or to such a line.
+bool canGoOn(const YAML::Node& root, const std::string& text) {
+  const bool is_block =
+      root.IsMap() && root.Style() == YAML::EmitterStyle::Block;
+  if (!is_block || root.Mark().column != 0) return true;
+  if (text.find('\0') != std::string::npos) return true;  // not in UTF-8
+  for (const char* const line : {"\n---", "\n...", "\n%"}) {
+    if (text.find(line) != std::string::npos) return true;
+  }
+  return false;
+}
+
+/// Where a second document begins, which the launcher does not read.
+Place secondDocumentIn(const YAML::Node& root, const std::string& text) {
+  // Most files are spared the work of being taken apart twice.
+  if (!canGoOn(root, text)) return {};
   std::istringstream stream(text);
   YAML::Parser parser(stream);
   DocumentStarts starts;
@@ -100,7 +115,7 @@ class Reader {
       addFault("syntax", placeOf(failure.mark), failure.msg, failure);
       return std::move(reading_);
     }
-    reading_.secondDocument = secondDocumentIn(document_.text());
+    reading_.secondDocument = secondDocumentIn(root, document_.text());
     try {
       if (const YAML::Node configure = root["configure"]) {
         readConfigure(configure);
