@@ -55,18 +55,19 @@ def children_of(pid):
 
 
 def describe(pid, launcher):
-    """A child that has executed its program; None while it has not, and an
-    empty dictionary if it has ended."""
+    """A child that has executed its program and waits; None while it does not,
+    and an empty dictionary if it has ended. A worker that is stopped has been
+    executed for sure: in the middle of that its arguments may be missing."""
     folder = pathlib.Path(f"/proc/{pid}")
     try:
-        state = (folder / "stat").read_text(encoding="ascii", errors="replace")
-        if state.rsplit(")", 1)[1].split()[0] in "ZX":
+        stat = (folder / "stat").read_text(encoding="ascii", errors="replace")
+        state = stat.rsplit(")", 1)[1].split()[0]
+        if state in "ZX":
             return {}
-        argv = words(folder / "cmdline")
-        # Amid execve() it has no arguments.
-        if os.readlink(folder / "exe") == launcher or not argv:
+        if state not in "TS" or os.readlink(folder / "exe") == launcher:
             return None
-        return {"argv": argv, "environment": words(folder / "environ")}
+        return {"argv": words(folder / "cmdline"),
+                "environment": words(folder / "environ")}
     except (FileNotFoundError, ProcessLookupError):
         return {}
 
