@@ -383,8 +383,7 @@ class CommandLine {
   static void addChoice(CLI::App* app, const std::string& name, Enum& target,
                         const std::string& what,
                         const std::map<std::string, Enum>& words) {
-    app->add_option(name, target, what)
-        ->transform(CLI::CheckedTransformer(words))
+    app->add_option(name, readWord(name, target, words), what)
         ->type_name("WORD");
   }
 
