@@ -8,7 +8,7 @@ set -euo pipefail
 {
   BUILD_PACKAGES=(build-essential cmake libyaml-cpp-dev procps libcli11-dev
     nlohmann-json3-dev libncurses-dev)
-  TEST_PACKAGES=(libgtest-dev libgmock-dev python3 python3-pytest
+  TEST_PACKAGES=(mandoc systemd libgtest-dev libgmock-dev python3 python3-pytest
     python3-pytest-xdist python3-hypothesis python3-jsonschema python3-yaml
     pkgconf strace)
   SHELL_PACKAGES=(tmux bash-completion zsh fish)  # for the tests of vornctl

@@ -1,0 +1,83 @@
+"""The units of the service manager, as they are installed."""
+
+import os
+import re
+import shutil
+import subprocess
+
+import pytest
+
+UNITS = ["vornlaunch.service", "vornlaunch@.service"]
+
+
+def run(*command):
+    finished = subprocess.run(command, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, encoding="utf-8", check=False)
+    return finished.returncode, finished.stdout
+
+
+@pytest.fixture(name="root", scope="module")
+def fixture_root(tmp_path_factory, program):
+    """The root of a machine with an installation in it, and with the units of
+    this machine's service manager."""
+    root = tmp_path_factory.mktemp("root")
+    build = program.parent.parent
+    subprocess.run(["cmake", "--install", str(build)], check=True,
+                   env={**os.environ, "DESTDIR": str(root)}, stdout=subprocess.DEVNULL)
+    shutil.copytree("/lib/systemd/system", root / "lib/systemd/system", symlinks=True)
+    return root
+
+
+def installed(root, name):
+    [path] = root.rglob(name)
+    return path
+
+
+@pytest.mark.parametrize("unit", UNITS)
+def test_a_unit_is_as_the_service_manager_wants_it(root, unit):
+    instance = unit.replace("@", "@robot")
+    if instance != unit:
+        installed(root, unit).with_name(instance).symlink_to(unit)
+    assert run("systemd-analyze", "verify", f"--root={root}", "--man=no",
+               instance) == (0, "")
+
+
+@pytest.mark.parametrize("unit", UNITS)
+def test_a_unit_stops_the_launcher_first_and_checks_its_file_before(root, unit):
+    text = installed(root, unit).read_text(encoding="utf-8")
+    setting = dict(re.findall(r"^(\w+)=(.*)$", text, re.M))
+    file = "/etc/vornlaunch/" + ("%i" if "@" in unit else "launch") + ".yaml"
+    assert re.fullmatch(f"/.*/bin/vornctl check {file}", setting["ExecStartPre"])
+    assert re.fullmatch(f"/.*/bin/vornlaunch {file}", setting["ExecStart"])
+    assert setting["KillMode"] == "mixed"
+    assert int(setting["TimeoutStopSec"]) >= 300
+    assert (setting["Restart"], setting["StartLimitBurst"]) == ("always", "5")
+    assert (setting["PrivateTmp"], setting["SyslogLevelPrefix"]) == ("no", "yes")
+
+
+@pytest.mark.parametrize("unit", UNITS)
+def test_a_unit_keeps_nothing_from_the_nodes(root, unit):
+    """What the service manager's review finds set is not about them."""
+    status, said = run("systemd-analyze", "security", "--offline=true", "--no-pager",
+                       f"--root={root}", unit.replace("@", "@robot"))
+    assert status == 0, said
+    found = {line.split()[1].rstrip("=") for line in said.splitlines()
+             if line.startswith("✓")}
+    # These are found set where nothing is said.
+    by_default = {"AmbientCapabilities", "Delegate", "NotifyAccess",
+                  "SupplementaryGroups"}
+    assert found - by_default == {"KeyringMode"}
+
+
+def test_the_cleaning_of_tmp_leaves_the_control_socket_alone(root):
+    rules = root / "etc/tmpfiles.d"
+    rules.mkdir(parents=True)
+    (rules / "all.conf").write_text("d /tmp 1777 - - 0\n", encoding="utf-8")
+    folder = root / "tmp/vornlaunch"
+    folder.mkdir(parents=True)
+    (folder / "vornlaunch.sock").touch()
+    (root / "tmp/other").touch()
+    # Where rules are looked for; the one of an installation below /usr/local is.
+    run("systemd-tmpfiles", f"--root={root}", "--clean")
+    assert not (root / "tmp/other").exists()
+    assert (folder / "vornlaunch.sock").exists()
