@@ -75,10 +75,10 @@ bool canGoOn(const YAML::Node& root, const std::string& text) {
       root.IsMap() && root.Style() == YAML::EmitterStyle::Block;
   if (!is_block || root.Mark().column != 0) return true;
   if (text.find('\0') != std::string::npos) return true;  // not in UTF-8
-  for (const char* const line : {"\n---", "\n...", "\n%"}) {
-    if (text.find(line) != std::string::npos) return true;
-  }
-  return false;
+  const auto lines = {"\n---", "\n...", "\n%"};
+  return std::any_of(lines.begin(), lines.end(), [&](const char* line) {
+    return text.find(line) != std::string::npos;
+  });
 }
 
 /// Where a second document begins, which the launcher does not read.
