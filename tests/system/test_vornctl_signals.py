@@ -72,7 +72,9 @@ def test_a_client_that_is_ended_holds_no_launcher(robot, name, command):
         assert statuses == {-signal.SIGKILL}
     else:
         # Given up at one of the points where it would have waited, or done.
-        assert {7} < statuses <= {expected(command)[0], 6, 7}
+        assert statuses <= {expected(command)[0], 6, 7} and len(statuses) > 1
+        # With a step the few points behind the send may be passed over.
+        assert 7 in statuses or step > 1
     assert robot.vornctl("ping").returncode == 0
     assert not robot.has_ended
 
