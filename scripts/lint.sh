@@ -35,7 +35,7 @@ check "tests named by KEEP comments" /usr/bin/python3 scripts/check_keep_tests.p
 check cppcheck cppcheck --quiet --std=c++17 --language=c++ \
   --enable=warning,performance,portability,style --inline-suppr \
   --suppressions-list=.cppcheck-suppressions --error-exitcode=1 \
-  -I libvornlib/include -I tools/vornlaunch/src \
-  libvornlib/src libvornlib/include tools/vornlaunch/src
+  -I libvornlib/include -I tools/vornlaunch/src -I tools/vornctl/src \
+  libvornlib/src libvornlib/include tools/vornlaunch/src tools/vornctl/src
 check clang-tidy run_clang_tidy
 if $failed; then exit 1; fi
