@@ -19,7 +19,7 @@ from support.control import Cmd, Result, State, pack_request, read_exactly
 from support.control import unpack_response
 from support.family import Family, children_of, has_ended, is_stopped
 from support.family import status_field, waits_in
-from support.holding import held, wait_until_blocked
+from support.holding import held, start_signalled_while_reading
 from support.log import parse_log
 from support.waiting import eventually
 
@@ -509,13 +509,9 @@ def test_sigterm_after_sigint_stops_no_node(machine):
 
 
 def test_sigint_while_the_launch_file_is_read_starts_and_leaves_the_nodes(machine):
-    pipe = machine.tmp / "launch.pipe"
-    os.mkfifo(pipe)
-    machine.start(arguments=["/tmp/launch.pipe"], wait_until_up=False)
-    with open(pipe, "w", encoding="ascii") as file:
-        wait_until_blocked(machine, "pipe_read")
-        machine.signal(signal.SIGINT)
-        file.write("vornnode: {worker: {path: /bin/sleep, argv: 100000}}\n")
+    start_signalled_while_reading(
+        machine, "vornnode: {worker: {path: /bin/sleep, argv: 100000}}\n",
+        signal.SIGINT)
     assert machine.wait() == 0
     assert machine.stdout() == handled_with(signal.SIGINT)
     eventually(lambda: [p for p in machine.processes() if p.argv == SLEEPER_ARGV],

@@ -1,6 +1,7 @@
 """Holding the launcher still, so that what happens meanwhile meets it at once."""
 
 import contextlib
+import os
 import re
 
 from support.waiting import eventually
@@ -16,6 +17,18 @@ def wait_until_blocked(machine, kernel_function):
         return kernel_function.encode() in machine.process.read("wchan")
 
     eventually(is_there, f"the launcher waits in {kernel_function}")
+
+
+def start_signalled_while_reading(machine, launch_file, number):
+    """Starts the launcher on the text of a launch file, and sends it this signal
+    while it waits for that text."""
+    pipe = machine.tmp / "launch.pipe"
+    os.mkfifo(pipe)
+    machine.start(arguments=["/tmp/launch.pipe"], wait_until_up=False)
+    with open(pipe, "w", encoding="ascii") as file:
+        wait_until_blocked(machine, "pipe_read")
+        machine.signal(number)
+        file.write(launch_file)
 
 
 @contextlib.contextmanager

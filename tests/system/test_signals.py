@@ -8,7 +8,8 @@ import signal
 import pytest
 from support.control import Cmd, Result, State, pack_request, read_exactly
 from support.control import unpack_response
-from support.holding import held, wait_until_blocked, wait_until_idle
+from support.holding import held, start_signalled_while_reading
+from support.holding import wait_until_blocked, wait_until_idle
 from support.machine import Machine
 from support.trace import QUICK, calls, injected
 from support.waiting import eventually
@@ -106,13 +107,8 @@ def test_sigterm_during_start_up_waits_for_its_end(machine):
 
 def test_sigterm_before_the_signals_are_routed_leaves_the_children(machine):
     workers(machine, "worker")
-    pipe = machine.tmp / "launch.pipe"
-    os.mkfifo(pipe)
-    machine.start(arguments=["/tmp/launch.pipe"], wait_until_up=False)
-    with open(pipe, "w", encoding="ascii") as file:
-        wait_until_blocked(machine, "pipe_read")
-        machine.signal(signal.SIGTERM)
-        file.write("vornnode: {worker: {path: /tmp/bin/worker}}\n")
+    start_signalled_while_reading(
+        machine, "vornnode: {worker: {path: /tmp/bin/worker}}\n", signal.SIGTERM)
     assert machine.wait() == 0
     # The nodes are started, then the loop is not entered.
     assert machine.heads()[-1] == (
