@@ -1,12 +1,15 @@
-"""The client library as other projects find it once it is installed."""
+"""The libraries as other projects find them once they are installed."""
 
 import os
 import pathlib
+import re
 import subprocess
 
 import pytest
 
-PROGRAM = """
+# For each library what a program does with it, and what that prints.
+PROGRAMS = {
+    "vornctl_client": ("""
 #include <control_client.h>
 #include <iostream>
 
@@ -16,15 +19,24 @@ int main() {
   const auto reply = vorn::launch::ControlClient(options).status("camera");
   std::cout << reply.message;
 }
-"""
-OUTPUT = "no launcher is running: there is no socket /nonexistent/socket"
+""", "no launcher is running: there is no socket /nonexistent/socket"),
+    "vornlib": ("""
+#include <vornlib/path.h>
+#include <vornlib/trace.h>
+
+int main() {
+  vorn::setNodeName("user");
+  VTRACE(vorn::kInfo, vorn::kPlain, "the root is %s", vorn::path::root().c_str());
+}
+""", r".* INFO  user\[\d+\] user.cpp:7 main: the root is /opt/robot\n"),
+}
 
 CMAKE_PROJECT = """
 cmake_minimum_required(VERSION 3.25)
 project(user CXX)
-find_package(vornctl_client 0.1 REQUIRED)
+find_package({library} 0.1 REQUIRED)
 add_executable(user user.cpp)
-target_link_libraries(user PRIVATE vorn::vornctl_client)
+target_link_libraries(user PRIVATE vorn::{library})
 """
 
 
@@ -37,12 +49,24 @@ def run(*command, **environment):
     return finished.stdout
 
 
+@pytest.fixture(name="library", params=PROGRAMS)
+def fixture_library(request):
+    return request.param
+
+
 @pytest.fixture(name="project")
-def fixture_project(tmp_path):
+def fixture_project(tmp_path, library):
     """The folder of a project that uses the library."""
-    (tmp_path / "user.cpp").write_text(PROGRAM, encoding="utf-8")
-    (tmp_path / "CMakeLists.txt").write_text(CMAKE_PROJECT, encoding="utf-8")
+    (tmp_path / "user.cpp").write_text(PROGRAMS[library][0], encoding="utf-8")
+    (tmp_path / "CMakeLists.txt").write_text(
+        CMAKE_PROJECT.format(library=library), encoding="utf-8")
     return tmp_path
+
+
+def does_its_work(user, library):
+    """Whether the program of the library's user prints what it should."""
+    said = run(str(user), VORN_ROOT="/opt/robot")
+    return re.fullmatch(PROGRAMS[library][1], said)
 
 
 @pytest.fixture(name="prefix", params=["lib", "lib/x86_64-linux-gnu"])
@@ -58,9 +82,10 @@ def fixture_prefix(request, tmp_path, program):
     other = tmp_path / "build"
     run("cmake", "-S", str(source), "-B", str(other), "-DBUILD_TESTING=OFF",
         "-DVORN_VORNCTL=OFF", f"-DCMAKE_INSTALL_LIBDIR={request.param}")
-    run("cmake", "--build", str(other), "--target", "vornctl_client")
+    run("cmake", "--build", str(other), "--target", *PROGRAMS)
     made = tmp_path / "made"
-    run("cmake", "--install", str(other / "tools/vornctl"), "--prefix", str(made))
+    for folder in ("tools/vornctl", "libvornlib"):
+        run("cmake", "--install", str(other / folder), "--prefix", str(made))
     return made.rename(tmp_path / "moved")
 
 
@@ -71,19 +96,19 @@ def sanitizers(program):
     return ""
 
 
-def test_a_cmake_project_finds_the_library(project, prefix, program):
+def test_a_cmake_project_finds_the_library(project, prefix, library, program):
     build = str(project / "user-build")
     run("cmake", "-S", str(project), "-B", build, f"-DCMAKE_PREFIX_PATH={prefix}",
         f"-DCMAKE_EXE_LINKER_FLAGS={sanitizers(program)}")
     run("cmake", "--build", build)
-    assert run(f"{build}/user") == OUTPUT
+    assert does_its_work(f"{build}/user", library)
 
 
-def test_pkg_config_finds_the_library(project, prefix, program):
-    folder = next(prefix.rglob("vornctl_client.pc")).parent
-    flags = run("pkg-config", "--cflags", "--libs", "vornctl_client",
+def test_pkg_config_finds_the_library(project, prefix, library, program):
+    folder = next(prefix.rglob(f"{library}.pc")).parent
+    flags = run("pkg-config", "--cflags", "--libs", library,
                 PKG_CONFIG_PATH=str(folder)).split()
     user = str(project / "user")
     run("c++", "-std=c++17", str(project / "user.cpp"), *flags,
         *sanitizers(program).split(), "-o", user)
-    assert run(user) == OUTPUT
+    assert does_its_work(user, library)

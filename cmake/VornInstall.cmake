@@ -1,0 +1,33 @@
+# How a library of this project is installed for other projects.
+
+include(CMakePackageConfigHelpers)
+
+# vorn_install_library(target DESCRIPTION text FOLDER folder [INCLUDED folder]
+#   HEADERS file...)
+#
+# Installs the library; its headers in this folder below the include folder; and a
+# package of the target's name for CMake (vorn::target) and pkg-config. INCLUDED
+# is the folder on the path of users, if it is not the include folder itself.
+function(vorn_install_library target)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "DESCRIPTION;FOLDER;INCLUDED" "HEADERS")
+  install(TARGETS ${target} EXPORT ${target})
+  install(FILES ${arg_HEADERS}
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${arg_FOLDER})
+  set(package ${CMAKE_INSTALL_LIBDIR}/cmake/${target})
+  install(EXPORT ${target}
+    NAMESPACE vorn::
+    FILE ${target}-config.cmake
+    DESTINATION ${package})
+  set(version ${CMAKE_CURRENT_BINARY_DIR}/${target}-config-version.cmake)
+  write_basic_package_version_file(${version} COMPATIBILITY SameMajorVersion)
+  install(FILES ${version} DESTINATION ${package})
+
+  set(VORN_PC_NAME ${target})
+  set(VORN_PC_DESCRIPTION ${arg_DESCRIPTION})
+  set(VORN_PC_INCLUDED ${CMAKE_INSTALL_INCLUDEDIR}/${arg_INCLUDED})
+  file(RELATIVE_PATH VORN_PREFIX_FROM_PC
+    /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/library.pc.in ${target}.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${target}.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endfunction()
