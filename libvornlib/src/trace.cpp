@@ -15,9 +15,10 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <memory_resource>
 #include <optional>
+#include <string>
 #include <string_view>
-#include <utility>
 
 #include "vornlib/retry_on_eintr.h"
 
@@ -26,7 +27,8 @@ namespace {
 
 constexpr char kEventMark = '*';
 constexpr size_t kLevelWidth = 5;
-constexpr size_t kUsualTextSize = 512;  // longer texts take a second pass
+constexpr size_t kUsualTextSize = 256;   // longer texts take a second pass
+constexpr size_t kUsualLineSize = 512;  // longer lines are put on the heap
 
 std::string& nodeName() {
   static std::string name = "?";
@@ -71,6 +73,23 @@ const Sink& sink() {
   return kSink;
 }
 
+/// A line on its way, on the stack as far as its length is usual. After a fork
+/// each page of the heap that is touched must be copied first, and a launcher
+/// logs between two forks.
+class Line {
+ public:
+  Line() { text_.reserve(kUsualLineSize - 1); }
+  Line(const Line&) = delete;
+  Line& operator=(const Line&) = delete;
+
+  std::pmr::string& text() { return text_; }
+
+ private:
+  std::array<char, kUsualLineSize> buffer_;  // NOLINT: filled by the resource
+  std::pmr::monotonic_buffer_resource memory_{buffer_.data(), buffer_.size()};
+  std::pmr::string text_{&memory_};
+};
+
 struct LevelLook {
   std::string word;
   const char* colour;    // the terminal's sequence; nullptr for none
@@ -90,43 +109,35 @@ LevelLook lookOf(int level) {
   }
 }
 
-/// UTC with microseconds, "2026-11-20T12:34:56.789012Z".
-std::string timeStamp() {
+/// Appends the UTC time with microseconds, "2026-11-20T12:34:56.789012Z".
+void appendTimeStamp(std::pmr::string& line) {
   constexpr long kNanosecondsPerMicrosecond = 1000;
+  constexpr size_t kFractionDigits = 6;
+  // Of the second in which the last line was written: most come in bursts.
+  static time_t second = -1;
+  static std::array<char, 32> date{};
+  static size_t date_length = 0;
   timespec now{};
   (void)::clock_gettime(CLOCK_REALTIME, &now);  // cannot fail for this clock
-  tm utc{};
-  (void)::gmtime_r(&now.tv_sec, &utc);
-  std::array<char, 32> date{};
-  std::array<char, 32> fraction{};
-  (void)std::strftime(date.data(), date.size(), "%FT%T", &utc);
-  (void)std::snprintf(fraction.data(), fraction.size(), ".%06ldZ",
-                      now.tv_nsec / kNanosecondsPerMicrosecond);
-  return std::string(date.data()) + fraction.data();
-}
-
-/// As vsnprintf, but the text arrives whole whatever its length.
-__attribute__((format(printf, 1, 0))) std::string formatText(const char* fmt,
-                                                             va_list args) {
-  std::array<char, kUsualTextSize> usual{};
-  va_list again;
-  va_copy(again, args);
-  const int length = std::vsnprintf(usual.data(), usual.size(), fmt, args);
-  std::string text;
-  if (length < 0) {
-    text = fmt;  // better the bare format than no line
-  } else if (static_cast<size_t>(length) < usual.size()) {
-    text.assign(usual.data(), static_cast<size_t>(length));
-  } else {
-    text.resize(static_cast<size_t>(length));
-    (void)std::vsnprintf(text.data(), text.size() + 1, fmt, again);
+  if (now.tv_sec != second) {
+    tm utc{};
+    (void)::gmtime_r(&now.tv_sec, &utc);
+    date_length = std::strftime(date.data(), date.size(), "%FT%T.", &utc);
+    second = now.tv_sec;
   }
-  va_end(again);
-  return text;
+  std::array<char, kFractionDigits> fraction{};
+  long microseconds = now.tv_nsec / kNanosecondsPerMicrosecond;
+  for (auto digit = fraction.rbegin(); digit != fraction.rend(); ++digit) {
+    *digit = static_cast<char>('0' + microseconds % 10);
+    microseconds /= 10;
+  }
+  line.append(date.data(), date_length);
+  line.append(fraction.data(), fraction.size());
+  line += 'Z';
 }
 
 /// Appends `text` without what could forge a line or drive a terminal.
-void appendEscaped(std::string& line, std::string_view text) {
+void appendEscaped(std::pmr::string& line, std::string_view text) {
   constexpr std::string_view kHexDigits = "0123456789abcdef";
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
@@ -146,10 +157,35 @@ void appendEscaped(std::string& line, std::string_view text) {
   }
 }
 
-/// The line's beginning, up to and with the name of the process and its pid.
-std::string linePrefix(int level, bool flag) {
+/// Appends as vsnprintf formats, escaped and whole whatever its length.
+__attribute__((format(printf, 2, 0))) void appendFormatted(
+    std::pmr::string& line, const char* fmt, va_list args) {
+  std::array<char, kUsualTextSize> usual;  // NOLINT: filled by vsnprintf()
+  va_list again;
+  va_copy(again, args);
+  const int length = std::vsnprintf(usual.data(), usual.size(), fmt, args);
+  if (length < 0) {
+    appendEscaped(line, fmt);  // better the bare format than no line
+  } else if (static_cast<size_t>(length) < usual.size()) {
+    appendEscaped(line, {usual.data(), static_cast<size_t>(length)});
+  } else {
+    std::string text(static_cast<size_t>(length), '\0');
+    (void)std::vsnprintf(text.data(), text.size() + 1, fmt, again);
+    appendEscaped(line, text);
+  }
+  va_end(again);
+}
+
+/// Appends the line's beginning, up to and with the name of the process and its
+/// pid.
+void appendPrefix(std::pmr::string& line, int level, bool flag) {
   const LevelLook look = lookOf(level);
-  std::string line = sink().journal ? look.priority : timeStamp() + ' ';
+  if (sink().journal) {
+    line += look.priority;
+  } else {
+    appendTimeStamp(line);
+    line += ' ';
+  }
   if (flag == kEvent) line += kEventMark;
   const bool coloured = sink().colour && look.colour != nullptr;
   if (coloured) line += look.colour;
@@ -160,8 +196,9 @@ std::string linePrefix(int level, bool flag) {
   }
   line += ' ';
   line += nodeName();
-  line += '[' + std::to_string(::getpid()) + ']';
-  return line;
+  line += '[';
+  line += std::to_string(::getpid());
+  line += ']';
 }
 
 /// Holds SIGXFSZ off in its scope, and forgets one that came in it.
@@ -187,7 +224,7 @@ class SizeLimitSignalBlocker {
 
 /// One write(2) as long as standard error takes the line whole. The rest of one
 /// that was cut by a signal or a full pipe follows; what is refused is lost.
-void writeLine(std::string line) {
+void writeLine(std::pmr::string& line) {
   static bool is_torn = false;  // what was written last lacks its line's end
   if (!sink().open) return;
   std::optional<SizeLimitSignalBlocker> blocker;
@@ -198,7 +235,8 @@ void writeLine(std::string line) {
     const ssize_t written = retryOnEintr(
         [&] { return ::write(STDERR_FILENO, rest.data(), rest.size()); });
     if (written <= 0) return;
-    is_torn = rest[static_cast<size_t>(written) - 1] != '\n';
+    const bool tears = rest[static_cast<size_t>(written) - 1] != '\n';
+    if (tears != is_torn) is_torn = tears;  // else no page to copy, see Line
     rest.remove_prefix(static_cast<size_t>(written));
   }
 }
@@ -215,22 +253,26 @@ void setNodeName(const std::string& name) {
   nodeName() = name;
 }
 
-void vtrace(int level, const char* file, int line, const char* func, bool flag,
-            const char* fmt, ...) {
+void vtrace(int level, const char* file, int line_number, const char* func,
+            bool flag, const char* fmt, ...) {
   const int kept_errno = errno;
   va_list args;
   va_start(args, fmt);
   try {
-    std::string text = linePrefix(level, flag);
-    text += ' ';
-    text += baseName(file);
-    text += ':' + std::to_string(line) + ' ';
-    text += func;
-    text += ": ";
+    Line whole;
+    std::pmr::string& line = whole.text();
+    appendPrefix(line, level, flag);
+    line += ' ';
+    line += baseName(file);
+    line += ':';
+    line += std::to_string(line_number);
+    line += ' ';
+    line += func;
+    line += ": ";
     errno = kept_errno;  // for %m
-    appendEscaped(text, formatText(fmt, args));
-    text += '\n';
-    writeLine(std::move(text));
+    appendFormatted(line, fmt, args);
+    line += '\n';
+    writeLine(line);
   } catch (const std::exception&) {
     // Out of memory: the line is lost, which must not end the launcher.
   }

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "node_manager.h"
+#include "node_memory.h"
 #include "vornlib/time.h"
 #include "vornlib/trace.h"
 
@@ -62,6 +63,10 @@ bool commandPrints(const std::string& command, Predicate wanted) {
 }  // namespace
 
 Node::Node(std::string node_name) : name(std::move(node_name)) {}
+
+void* Node::operator new(size_t /*size*/) { return allocateNode(); }
+
+void Node::operator delete(void* memory) noexcept { deallocateNode(memory); }
 
 bool Node::start() {
   const std::scoped_lock lock(mutex);

@@ -32,6 +32,10 @@ class Node {
   Node(const Node&) = delete;
   Node& operator=(const Node&) = delete;
 
+  // Next to the other nodes, see node_memory.h.
+  static void* operator new(size_t size);
+  static void operator delete(void* memory) noexcept;
+
   /// Starts the child, after a delay of `sleep`. True when the node is running
   /// afterwards, which includes one that was already running. False when it is
   /// disabled (then DISABLED), when its one-time autostart skip applies, when

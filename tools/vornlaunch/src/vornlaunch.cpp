@@ -16,6 +16,7 @@
 #include "control_node.h"
 #include "epoll.h"
 #include "node_manager.h"
+#include "node_memory.h"
 #include "parser.h"
 #include "signal_handler.h"
 #include "vornlib/time.h"
@@ -142,6 +143,7 @@ int main(int argc, char** argv) {
   // after every other failure. Intended.
   // Test: test_startup.py, test_an_unreadable_launch_file_ends_with_status_0
   if (!vorn::launch::Parser().Parse(launch_file)) return 0;
+  vorn::launch::packNodes(vorn::launch::NodeManager::getInstance().nodes());
 
   vorn::launch::Epoll epoll;
   if (!epoll.open()) {
