@@ -219,6 +219,14 @@ def fixture_library(tmp_path_factory):
     return build_fake_system(tmp_path_factory.mktemp("fake_system"))
 
 
+@pytest.fixture(name="program")
+def fixture_program(program):
+    """The launcher in which calls can be replaced: the one without shared
+    libraries takes no preloaded ones either."""
+    dynamic = program.with_name("vornlaunch-dynamic")
+    return dynamic if dynamic.exists() else program
+
+
 @pytest.fixture(name="player")
 def fixture_player(tmp_path, program, library, namespaces):  # pylint: disable=unused-argument
     return Player(tmp_path, program, library)

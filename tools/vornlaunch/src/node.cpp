@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "node_manager.h"
-#include "node_memory.h"
+#include "memory_use.h"
 #include "vornlib/time.h"
 #include "vornlib/trace.h"
 

@@ -32,7 +32,7 @@ class Node {
   Node(const Node&) = delete;
   Node& operator=(const Node&) = delete;
 
-  // Next to the other nodes, see node_memory.h.
+  // Next to the other nodes, see memory_use.h.
   static void* operator new(size_t size);
   static void operator delete(void* memory) noexcept;
 

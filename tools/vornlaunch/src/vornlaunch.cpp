@@ -15,8 +15,8 @@
 
 #include "control_node.h"
 #include "epoll.h"
+#include "memory_use.h"
 #include "node_manager.h"
-#include "node_memory.h"
 #include "parser.h"
 #include "signal_handler.h"
 #include "vornlib/time.h"
@@ -28,6 +28,11 @@ using vorn::kError;
 using vorn::kEvent;
 using vorn::kPlain;
 
+#ifdef VORN_IS_STATIC
+constexpr bool kHasAllCode = true;
+#else
+constexpr bool kHasAllCode = false;  // shared libraries have most of it
+#endif
 constexpr int kUsageStatus = 1;
 constexpr int kRestartPollMs = 1000;
 constexpr int kNoTimeout = -1;
@@ -144,6 +149,7 @@ int main(int argc, char** argv) {
   // Test: test_startup.py, test_an_unreadable_launch_file_ends_with_status_0
   if (!vorn::launch::Parser().Parse(launch_file)) return 0;
   vorn::launch::packNodes(vorn::launch::NodeManager::getInstance().nodes());
+  if (kHasAllCode) vorn::launch::dropCode();
 
   vorn::launch::Epoll epoll;
   if (!epoll.open()) {

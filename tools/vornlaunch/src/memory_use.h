@@ -6,10 +6,10 @@
 
 #include "node.h"
 
-// Where the nodes lie in memory. Each fork copies the launcher's page tables,
-// and a launcher lives for as long as its machine: what it keeps is to be what
-// it needs, close together. It is read from a tree of objects that takes ten
-// times as much, and would be spread over all that.
+// What memory the launcher keeps. It lives for as long as its machine, and each
+// fork copies its page tables: what it keeps is to be what it needs, close
+// together. The launch file is read into a tree of objects that takes ten times
+// as much as the nodes, which would stay spread over all of that.
 
 namespace vorn::launch {
 
@@ -25,5 +25,10 @@ void deallocateNode(void* memory) noexcept;
 /// launch file has been read and its tree is gone; no pointer into a text or a
 /// list of a node may be in use. The nodes themselves stay where they are.
 void packNodes(const std::vector<std::unique_ptr<Node>>& nodes);
+
+/// Lets go of the program's code, most of which has only read the launch file;
+/// what is used again comes back by itself. For a program that has all its code
+/// in its own file; a debugger's breakpoints go with it.
+void dropCode();
 
 }  // namespace vorn::launch

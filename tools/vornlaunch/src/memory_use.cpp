@@ -1,13 +1,22 @@
-#include "node_memory.h"
+#include "memory_use.h"
 
 #include <malloc.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
+#include <cstdint>
 #include <cstring>
 #include <new>
 #include <string>
 #include <utility>
 
 #include "vornlib/time.h"
+
+// Where the code begins and ends, by the linker.
+extern "C" {
+extern const char __executable_start;  // NOLINT(bugprone-reserved-identifier)
+extern const char etext;
+}
 
 namespace vorn::launch {
 namespace {
@@ -90,8 +99,8 @@ void* allocateNode() {
   }
   if (nodes_in_block == kNodesPerBlock) {
     static_assert(alignof(Node) <= alignof(std::max_align_t));
-    block = static_cast<std::byte*>(
-        ::operator new(kNodesPerBlock * sizeof(Node)));
+    block =
+        static_cast<std::byte*>(::operator new(kNodesPerBlock * sizeof(Node)));
     nodes_in_block = 0;
   }
   return block + nodes_in_block++ * sizeof(Node);
@@ -121,6 +130,14 @@ void packNodes(const std::vector<std::unique_ptr<Node>>& nodes) {
     }
   }
   (void)::malloc_trim(0);
+}
+
+void dropCode() {
+  const auto page = static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE));
+  const auto begin = reinterpret_cast<uintptr_t>(&__executable_start);
+  const auto end = reinterpret_cast<uintptr_t>(&etext) & ~(page - 1);
+  // Clean pages of a file: nothing can be lost.
+  (void)::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_DONTNEED);
 }
 
 }  // namespace vorn::launch
