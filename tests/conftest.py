@@ -9,7 +9,7 @@ import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
 
-from support.machine import Machine, unshare_command  # noqa: E402
+from support.machine import Machine, is_sanitized, unshare_command  # noqa: E402
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 
@@ -29,14 +29,19 @@ def pytest_addoption(parser):
 
 def pytest_configure(config):
     config.addinivalue_line("markers", "long: a part of the long form alone")
+    config.addinivalue_line("markers", "plain: not for a sanitized launcher")
 
 
 def pytest_collection_modifyitems(config, items):
-    """Leaves the tests of the long form out of the short one. They are not
+    """Leaves out what is not meant for this form or this build. It is not
     skipped: a skipped test is one that should have run."""
-    if config.getoption("--long"):
-        return
-    left_out = [item for item in items if item.get_closest_marker("long")]
+    markers = [] if config.getoption("--long") else ["long"]
+    program = pathlib.Path(config.getoption("--build")) / "bin/vornlaunch"
+    if program.exists() and is_sanitized(program):
+        markers.append("plain")
+    left_out = [
+        item for item in items if any(map(item.get_closest_marker, markers))
+    ]
     items[:] = [item for item in items if item not in left_out]
     config.hook.pytest_deselected(items=left_out)
 

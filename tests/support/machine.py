@@ -71,6 +71,11 @@ def _status_fields(host_pid):
     return dict(line.split(":\t", 1) for line in text.splitlines() if ":\t" in line)
 
 
+def is_sanitized(program):
+    """Whether the program was built with the address sanitizer."""
+    return b"__asan_init" in program.read_bytes()
+
+
 class Machine:
     """What a test puts into the machine, and the launcher that runs in it. The
     folder `tmp` is the machine's /tmp; /tmp/install is the launcher's
@@ -82,9 +87,9 @@ class Machine:
         (tmp / ".init").mkdir()
         self.install = tmp / "install"
         (self.install / "bin").mkdir(parents=True)
-        for name in ("vornlaunch", "vornctl"):
-            shutil.copy2(program.with_name(name), self.install / "bin" / name)
-        self.sanitized = b"__asan_init" in program.read_bytes()
+        shutil.copy2(program, self.install / "bin/vornlaunch")
+        shutil.copy2(program.with_name("vornctl"), self.install / "bin/vornctl")
+        self.sanitized = is_sanitized(program)
         self.counted = b"__gcov_dump" in program.read_bytes()
 
     # -- Before the start.
