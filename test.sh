@@ -19,6 +19,8 @@ What is run (default: --unit --system --reliability):
   --system        the whole-program tests; they need the right to make
                   namespaces (root, or unprivileged user namespaces)
   --reliability   the short forms of what ./reliability.sh proves
+  --instructions  the instructions of the launcher's usual work are no more
+                  than were kept (release alone)
   --lint          clang-format, clang-tidy, cppcheck, shellcheck, pyflakes
   --all           what CI runs: all of these, by GCC and with sanitizers, and a
                   build by Clang; a skipped test counts as failed
@@ -53,7 +55,9 @@ build_folder() {
 parse_options() {
   while [[ $# -gt 0 ]]; do
     case $1 in
-      --unit | --system | --reliability | --lint) suites+=("${1#--}") ;;
+      --unit | --system | --reliability | --instructions | --lint)
+        suites+=("${1#--}")
+        ;;
       --all) all=true ;;
       --asan) preset=asan ;;
       -j[0-9]*) jobs=${1#-j} ;;
@@ -85,7 +89,10 @@ parse_options() {
     [[ ${#suites[@]} -eq 0 && $preset == release ]] ||
       die "--all leaves nothing to choose; see ./test.sh --help"
     count_options=(--no-skips)
+    suites=(unit system reliability instructions)
   fi
+  [[ " ${suites[*]} " != *" instructions "* || $preset == release ]] ||
+    die "--instructions are those of the release build"
   if [[ ${#suites[@]} -eq 0 ]]; then suites=(unit system reliability); fi
   mapfile -t suites < <(printf '%s\n' "${suites[@]}" | awk '!seen[$0]++')
 }
@@ -100,6 +107,10 @@ build_preset() {
   install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
   if [[ $1 == clang ]]; then install_packages "${CLANG_PACKAGES[@]}"; fi
   local options=(-DVORN_REQUIRE_TESTS=ON)
+  if [[ $1 == release && " ${suites[*]} " == *" instructions "* ]]; then
+    install_packages "${BENCH_BUILD_PACKAGES[@]}"
+    options+=(-DVORN_BENCH=ON)
+  fi
   if $all; then options+=(-DVORN_WERROR=ON); fi
   configure_build "$1" "${options[@]}"
   build "$1"
@@ -125,6 +136,12 @@ run_reliability() {
   run_pytest "$1" tests/reliability
 }
 
+run_instructions() {
+  say "instructions"
+  /usr/bin/python3 bench/instructions.py --build "$(build_folder "$1")" ||
+    failed=true
+}
+
 # run_pytest PRESET FOLDER
 run_pytest() {
   local status=0
@@ -138,7 +155,7 @@ run_pytest() {
 
 run_lint() {
   install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" \
-    "${LINT_PACKAGES[@]}"
+    "${LINT_PACKAGES[@]}" "${BENCH_BUILD_PACKAGES[@]}"
   say "lint"
   scripts/lint.sh || failed=true
 }
@@ -162,7 +179,7 @@ for ((round = 1; round <= repeat; ++round)); do
   if [[ $repeat -gt 1 ]]; then say "round $round of $repeat"; fi
   if $all; then
     build_preset clang
-    run_suites release lint unit system reliability
+    run_suites release lint unit system reliability instructions
     run_suites asan unit system reliability
   else
     run_suites "$preset" "${suites[@]}"

@@ -17,6 +17,8 @@ set -euo pipefail
   FUZZ_PACKAGES=(clang-14 llvm-14 libclang-rt-14-dev)
   COVERAGE_PACKAGES=(gcovr)
   PLOT_PACKAGES=(python3-matplotlib)
+  BENCH_BUILD_PACKAGES=(libbenchmark-dev valgrind)
+  BENCH_PACKAGES=(linux-perf python3-matplotlib supervisor runit s6 daemontools)
   LINT_PACKAGES=(git clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck
     pyflakes3)
 }

@@ -15,7 +15,7 @@ check() {
 
 run_clang_tidy() {
   # The compile commands of Clang's own build; GCC's options would confuse it.
-  configure_build clang -DVORN_REQUIRE_TESTS=ON
+  configure_build clang -DVORN_REQUIRE_TESTS=ON -DVORN_BENCH=ON
   printf '%s\0' "${sources[@]}" |
     xargs -0 -P "$(nproc)" -n 1 clang-tidy-14 -p build-clang --quiet \
       --warnings-as-errors='*' 2> >(grep -v 'warnings\? generated' >&2)
@@ -23,7 +23,7 @@ run_clang_tidy() {
 
 git ls-files --error-unmatch README.md >/dev/null 2>&1 ||
   die "the files to check are those that git tracks; this is no git checkout"
-mapfile -t cpp < <(git ls-files '*.cpp' '*.h')
+mapfile -t cpp < <(git ls-files '*.cpp' '*.h' 'bench/*.c')
 mapfile -t sources < <(git ls-files '*.cpp')
 mapfile -t shell < <(git ls-files '*.sh' .ci/run examples/demo/bin)
 mapfile -t python < <(git ls-files '*.py')

@@ -1,0 +1,82 @@
+#!/usr/bin/env bash
+# Measures the launcher beside floors and peers; docs/performance.md.
+
+root=$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")
+# shellcheck source=scripts/common.sh
+source "$root/scripts/common.sh"
+cd -- "$root"
+
+usage() {
+  cat <<TEXT
+Usage: ./bench.sh [OPTION...]
+
+Installs the Debian packages that are missing, builds, measures the launcher
+beside small floors and other supervisors, then its pieces. Exit status: 0 all
+was measured, 2 it could not be run. It needs the right to make namespaces, and
+root for the counters of perf.
+
+  --quick          fewer rounds and nodes, within 2 minutes
+  --only NAME      one measurement: start, memory, idle, status, deaths, stops,
+                   load, pieces, instructions; may be repeated
+  --output FOLDER  for results.json and plot.svg (default: build/bench)
+  -h, --help       this text
+TEXT
+}
+
+quick=()
+output=build/bench
+only=()
+while [[ $# -gt 0 ]]; do
+  case $1 in
+    --quick) quick=(--quick) ;;
+    --only | --output)
+      [[ $# -ge 2 ]] || die "$1 needs a value; see ./bench.sh --help"
+      if [[ $1 == --only ]]; then only+=("$2"); else output=$2; fi
+      shift
+      ;;
+    -h | --help)
+      usage
+      exit 0
+      ;;
+    *) die "unknown option '$1'; see ./bench.sh --help" ;;
+  esac
+  shift
+done
+
+measurements=()
+for name in "${only[@]}"; do
+  case $name in
+    start | memory | idle | status | deaths | stops | load)
+      measurements+=(--only "$name")
+      ;;
+    pieces | instructions) ;;
+    *) die "no measurement '$name'; see ./bench.sh --help" ;;
+  esac
+done
+
+# is_wanted NAME
+is_wanted() {
+  [[ ${#only[@]} -eq 0 || " ${only[*]} " == *" $1 "* ]]
+}
+
+install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" \
+  "${BENCH_BUILD_PACKAGES[@]}"
+install_servers "${BENCH_PACKAGES[@]}"
+configure_build release -DVORN_REQUIRE_TESTS=ON -DVORN_BENCH=ON
+build release
+
+mkdir -p -- "$output"
+if [[ ${#only[@]} -eq 0 || ${#measurements[@]} -gt 0 ]]; then
+  /usr/bin/python3 bench/run.py "${quick[@]}" "${measurements[@]}" \
+    --output "$output"
+fi
+if is_wanted pieces; then
+  say "pieces"
+  build/bin/bench-pieces --benchmark_min_time=0.2 \
+    --benchmark_out="$output/pieces.json" --benchmark_out_format=json \
+    2>/dev/null
+fi
+if is_wanted instructions; then
+  say "instructions"
+  /usr/bin/python3 bench/instructions.py
+fi

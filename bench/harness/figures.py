@@ -1,0 +1,41 @@
+"""Medians, ratios and tables."""
+
+import statistics
+
+
+def summary(values):
+    """Median, minimum and maximum of a list of numbers."""
+    return {"median": statistics.median(values), "min": min(values),
+            "max": max(values), "values": list(values)}
+
+
+def percentile(values, percent):
+    ordered = sorted(values)
+    return ordered[min(len(ordered) - 1, len(ordered) * percent // 100)]
+
+
+def ratios(values, base):
+    """The summary of the ratios round by round."""
+    return summary([value / other for value, other in zip(values, base)])
+
+
+class Table:
+    """Rounds of figures by subject: the same round has the same conditions."""
+
+    def __init__(self, unit):
+        self.unit = unit
+        self.values = {}
+
+    def add(self, subject, value):
+        self.values.setdefault(subject, []).append(value)
+
+    def as_json(self, base):
+        """Every subject's summary, with its ratio to `base`."""
+        return {
+            "unit": self.unit,
+            "base": base,
+            "subjects": {
+                name: {**summary(values), "ratio": ratios(values, self.values[base])}
+                for name, values in self.values.items()
+            },
+        }

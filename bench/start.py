@@ -1,0 +1,39 @@
+"""Start: from the exec of the supervisor until all its nodes run."""
+
+from harness.figures import Table
+from harness.subjects import LAUNCHER, LAUNCHER_DYNAMIC, PEERS, START_FLOOR
+from harness.subjects import floor
+from harness.world import DidNotStart, World
+
+SUBJECTS = (
+    START_FLOOR,
+    floor("floor, dynamic", "bench-start-floor-dynamic"),
+    LAUNCHER,
+    LAUNCHER_DYNAMIC,
+    *PEERS,
+)
+# Rounds by number of nodes.
+ROUNDS = {10: 21, 100: 11, 1000: 7, 5000: 5}
+QUICK_ROUNDS = {10: 7, 100: 3, 1000: 1}
+
+
+def measure_count(build, count, rounds):
+    table, capped = Table("s"), {}
+    for _ in range(rounds):
+        for subject in SUBJECTS:
+            if count > subject.limit:
+                capped[subject.name] = subject.because
+            if subject.name in capped:
+                continue
+            try:
+                with World(build, subject, count) as world:
+                    table.add(subject.name, world.start())
+            except DidNotStart as error:
+                capped[subject.name] = str(error)
+    return {**table.as_json(START_FLOOR.name), "capped": capped}
+
+
+def measure(build, quick):
+    """By number of nodes: the seconds of each subject, and who was left out."""
+    rounds = QUICK_ROUNDS if quick else ROUNDS
+    return {str(n): measure_count(build, n, rounds[n]) for n in rounds}
