@@ -70,7 +70,7 @@ class LaunchFile {
 };
 
 void logLine(benchmark::State& state) {
-  for (auto _ : state) VTRACE(vorn::kInfo, vorn::kEvent, "cmd: %d", 3);
+  while (state.KeepRunning()) VTRACE(vorn::kInfo, vorn::kEvent, "cmd: %d", 3);
 }
 BENCHMARK(logLine);
 
@@ -79,14 +79,14 @@ BENCHMARK(logLine);
 void findNodeByName(benchmark::State& state) {
   NodeManager& nodes = filledRegistry();
   const std::string name = nodeName(state.range(0) - 1);
-  for (auto _ : state) benchmark::DoNotOptimize(nodes.findNode(name));
+  while (state.KeepRunning()) benchmark::DoNotOptimize(nodes.findNode(name));
 }
 BENCHMARK(findNodeByName)->Arg(10)->Arg(1000)->Arg(5000);
 
 void findNodeByPid(benchmark::State& state) {
   NodeManager& nodes = filledRegistry();
   const auto pid = static_cast<int>(state.range(0));
-  for (auto _ : state) benchmark::DoNotOptimize(nodes.findNode(pid));
+  while (state.KeepRunning()) benchmark::DoNotOptimize(nodes.findNode(pid));
 }
 BENCHMARK(findNodeByPid)->Arg(10)->Arg(1000)->Arg(5000);
 
@@ -94,7 +94,7 @@ void handleStatus(benchmark::State& state) {
   (void)filledRegistry();
   ControlNode& control = ControlNode::getInstance();
   const std::string name = nodeName(state.range(0) - 1);
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     benchmark::DoNotOptimize(control.nodeStatus(name.c_str()));
   }
 }
@@ -104,7 +104,7 @@ BENCHMARK(handleStatus)->Arg(10)->Arg(1000)->Arg(5000);
 void parseFile(benchmark::State& state) {
   (void)filledRegistry();
   const LaunchFile file(state.range(0));
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     benchmark::DoNotOptimize(Parser().Parse(file.path()));
   }
   state.SetItemsProcessed(state.iterations() * state.range(0));

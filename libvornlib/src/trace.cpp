@@ -27,7 +27,7 @@ namespace {
 
 constexpr char kEventMark = '*';
 constexpr size_t kLevelWidth = 5;
-constexpr size_t kUsualTextSize = 256;   // longer texts take a second pass
+constexpr size_t kUsualTextSize = 256;  // longer texts take a second pass
 constexpr size_t kUsualLineSize = 512;  // longer lines are put on the heap
 
 std::string& nodeName() {

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <utility>
 
-#include "node_manager.h"
 #include "memory_use.h"
+#include "node_manager.h"
 #include "vornlib/time.h"
 #include "vornlib/trace.h"
 
