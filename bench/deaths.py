@@ -8,12 +8,12 @@ import time
 
 from harness.figures import Table, summary
 from harness.subjects import LAUNCHER, LAUNCHER_DYNAMIC, PEERS, SUPERVISORD, floor
-from harness.world import World
+from harness.world import BESIDE, World
 
 SINGLE_NODES = 100
-ROUNDS, QUICK_ROUNDS = 80, 25
+ROUNDS, QUICK_ROUNDS = 80, 15
 MASS_NODES = 200
-MASS_ROUNDS, QUICK_MASS_ROUNDS = 7, 2
+MASS_ROUNDS, QUICK_MASS_ROUNDS = 7, 1
 REAP_PAUSE = 0.001
 
 WAIT_FLOOR = floor("floor", "bench-reap-floor", "wait")
@@ -23,7 +23,7 @@ CALLS_FLOOR = floor("floor, same calls", "bench-reap-floor", "calls")
 def kill(build, pids):
     """Seconds: how long the last one was a zombie; until all were collected."""
     killer = subprocess.run(
-        [build / "bin/bench-killer", *map(str, pids)],
+        [*BESIDE, build / "bin/bench-killer", *map(str, pids)],
         stdout=subprocess.PIPE, check=True)
     zombie, whole = array.array("q", killer.stdout)
     return zombie / 1e9, whole / 1e9
@@ -36,6 +36,7 @@ def measure_single(build, rounds):
         for subject in (WAIT_FLOOR, CALLS_FLOOR, LAUNCHER, LAUNCHER_DYNAMIC, *PEERS):
             world = stack.enter_context(World(build, subject, SINGLE_NODES))
             world.start()
+            world.pin()
             victims[subject.name] = iter(world.processes()[1])
         for _ in range(rounds):
             for name, pids in victims.items():
@@ -56,6 +57,7 @@ def measure_mass(build, rounds):
         for subject in (WAIT_FLOOR, CALLS_FLOOR, LAUNCHER, SUPERVISORD):
             with World(build, subject, MASS_NODES) as world:
                 world.start()
+                world.pin()
                 _, nodes = world.processes()
                 before = processor_time(world.launcher())
                 _, whole = kill(build, nodes)

@@ -9,7 +9,7 @@ from harness.subjects import LAUNCHER, LAUNCHER_DYNAMIC, PEERS
 from harness.world import World
 
 NODES = 100
-SECONDS, QUICK_SECONDS = 30, 10
+SECONDS, QUICK_SECONDS = 30, 5
 SETTLING = 6  # some peers look again 5 s after their start
 
 

@@ -8,7 +8,7 @@ from harness.subjects import LAUNCHER, LAUNCHER_DYNAMIC, PEERS, Subject
 from harness.world import World
 
 COUNTS = (10, 100, 1000, 5000)
-QUICK_COUNTS = (10, 1000)
+QUICK_COUNTS = (10, 100)
 ROUNDS = 3
 FIELDS = {"pss": ("Pss",), "private": ("Private_Clean", "Private_Dirty"),
           "private_dirty": ("Private_Dirty",)}

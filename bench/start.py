@@ -14,7 +14,7 @@ SUBJECTS = (
 )
 # Rounds by number of nodes.
 ROUNDS = {10: 21, 100: 11, 1000: 7, 5000: 5}
-QUICK_ROUNDS = {10: 7, 100: 3, 1000: 1}
+QUICK_ROUNDS = {10: 5, 100: 2, 1000: 1}
 
 
 def measure_count(build, count, rounds):

@@ -7,12 +7,12 @@ import subprocess
 from harness.figures import Table, percentile
 from harness.subjects import LAUNCHER, LAUNCHER_DYNAMIC, SUPERVISORD, Subject
 from harness.subjects import node_name
-from harness.world import World
+from harness.world import BESIDE, World
 from support.control import REQUEST, RESPONSE, Cmd, pack_request
 from support.waiting import eventually
 
 COUNTS = (10, 1000, 5000)
-ROUNDS, QUICK_ROUNDS = 41, 9
+ROUNDS, QUICK_ROUNDS = 41, 7
 REQUESTS, REQUESTS_OF_SUPERVISORD = 500, 40
 
 FLOOR = Subject("floor", lambda bench, count: ["/tmp/bench/bench-status-floor"],
@@ -55,11 +55,12 @@ class Served:
             self.requests, self.reply_size = launcher_requests(names), RESPONSE.size
             self.record_size = REQUEST.size
         eventually((world.tmp / self.socket).exists, "the socket is there")
+        world.pin()
 
     def ask(self, count=None):
         """Nanoseconds: of all requests together, then of each."""
         client = subprocess.run(
-            [self._build / "bin/bench-client", self.socket, str(self.record_size),
+            [*BESIDE, self._build / "bin/bench-client", self.socket, str(self.record_size),
              str(self.reply_size), str(count or self.count)],
             cwd=self._world.tmp, input=self.requests, stdout=subprocess.PIPE,
             check=True)

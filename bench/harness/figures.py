@@ -29,13 +29,22 @@ class Table:
     def add(self, subject, value):
         self.values.setdefault(subject, []).append(value)
 
-    def as_json(self, base):
-        """Every subject's summary, with its ratio to `base`."""
+    def as_json(self, base, other="vornlaunch"):
+        """Every subject's summary, with its ratios to `base` and to `other`, and
+        the ratio of the medians to `base`, on which a disturbed round has less
+        influence."""
+        medians = {name: statistics.median(values)
+                   for name, values in self.values.items()}
         return {
             "unit": self.unit,
             "base": base,
             "subjects": {
-                name: {**summary(values), "ratio": ratios(values, self.values[base])}
+                name: {
+                    **summary(values),
+                    "ratio": ratios(values, self.values[base]),
+                    "ratio of medians": medians[name] / medians[base],
+                    f"ratio to {other}": ratios(values, self.values[other]),
+                }
                 for name, values in self.values.items()
             },
         }

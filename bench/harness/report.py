@@ -24,10 +24,13 @@ def _table(heads, rows):
 def _timed(found, unit, scale):
     """Figures with their ratios to the base."""
     rows = [
-        (name, _range(one, scale), _range(one["ratio"]))
+        (name, _range(one, scale), _range(one["ratio"]),
+         _number(one["ratio of medians"]),
+         _number(one["ratio to vornlaunch"]["median"]))
         for name, one in found["subjects"].items()
     ]
-    return _table(("", unit, f"ratio to {found['base']}"), rows)
+    return _table(("", unit, f"ratio to {found['base']}", "of the medians",
+                   "ratio to vornlaunch"), rows)
 
 
 def _start(found):
@@ -67,12 +70,14 @@ def _status(found):
         rows = []
         for name, rate in one["rate"]["subjects"].items():
             median, latency = one["p50 of a round"], one["latency_ns"][name]
-            rows.append((name, _range(rate), _range(rate["ratio"]),
+            rows.append((name, _range(rate),
+                         _number(rate["ratio to vornlaunch"]["median"]),
                          _range(median["subjects"][name]["ratio"]),
+                         _number(median["subjects"][name]["ratio of medians"]),
                          _number(latency["p50"] / 1e3), _number(latency["p99"] / 1e3)))
         text += f"\n{count} nodes\n\n" + _table(
-            ("", "requests/s", "ratio to floor", "ratio of p50", "p50, us", "p99, us"),
-            rows)
+            ("", "requests/s", "ratio to vornlaunch", "p50, ratio to floor",
+             "of the medians", "p50, us", "p99, us"), rows)
         text += "".join(f"{n}: left out, {why}\n" for n, why in one["capped"].items())
     return text
 
