@@ -92,7 +92,7 @@ START_FLOOR = floor("floor", "bench-start-floor")
 LAUNCHER = launcher()
 LAUNCHER_DYNAMIC = launcher("vornlaunch-dynamic", "vornlaunch, dynamic")
 SUPERVISORD = Subject("supervisord", _supervisord, (), 1000,
-                      "starts 5000 nodes only after minutes")
+                      "takes 10 s to start 1000 nodes, minutes for 5000")
 RUNIT = Subject("runit", _runit, (), 1000, "runsvdir has 1000 services at most")
 S6 = Subject("s6", _s6)
 DAEMONTOOLS = Subject("daemontools", _daemontools, (), 1000,

@@ -91,9 +91,9 @@ class Line {
 };
 
 struct LevelLook {
-  std::string word;
-  const char* colour;    // the terminal's sequence; nullptr for none
-  const char* priority;  // syslog's, as the journal reads it
+  std::string_view word;  // empty for a level without one
+  const char* colour;     // the terminal's sequence; nullptr for none
+  const char* priority;   // syslog's, as the journal reads it
 };
 
 LevelLook lookOf(int level) {
@@ -105,7 +105,7 @@ LevelLook lookOf(int level) {
     case kError:
       return {"ERROR", "\x1b[31m", "<3>"};
     default:
-      return {std::to_string(level), nullptr, "<6>"};
+      return {"", nullptr, "<6>"};
   }
 }
 
@@ -136,25 +136,38 @@ void appendTimeStamp(std::pmr::string& line) {
   line += 'Z';
 }
 
-/// Appends `text` without what could forge a line or drive a terminal.
-void appendEscaped(std::pmr::string& line, std::string_view text) {
+/// Appends what stands for a character that could forge a line or drive a
+/// terminal.
+void appendEscape(std::pmr::string& line, unsigned char byte) {
   constexpr std::string_view kHexDigits = "0123456789abcdef";
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte != 0x7f) {
-      line += c;
-    } else if (c == '\n') {
+  switch (byte) {
+    case '\n':
       line += "\\n";
-    } else if (c == '\r') {
+      break;
+    case '\r':
       line += "\\r";
-    } else if (c == '\t') {
+      break;
+    case '\t':
       line += "\\t";
-    } else {
+      break;
+    default:
       line += "\\x";
       line += kHexDigits[byte >> 4U];
       line += kHexDigits[byte & 0x0fU];
-    }
   }
+}
+
+/// Appends `text` without what could forge a line or drive a terminal.
+void appendEscaped(std::pmr::string& line, std::string_view text) {
+  size_t plain = 0;  // where what is still to be appended as it is begins
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (byte >= 0x20 && byte != 0x7f) continue;
+    line += text.substr(plain, i - plain);
+    appendEscape(line, byte);
+    plain = i + 1;
+  }
+  line += text.substr(plain);
 }
 
 /// Appends as vsnprintf formats, escaped and whole whatever its length.
@@ -189,11 +202,12 @@ void appendPrefix(std::pmr::string& line, int level, bool flag) {
   if (flag == kEvent) line += kEventMark;
   const bool coloured = sink().colour && look.colour != nullptr;
   if (coloured) line += look.colour;
+  const size_t begin = line.size();
+  if (look.word.empty()) line += std::to_string(level);
   line += look.word;
+  const size_t width = line.size() - begin;
   if (coloured) line += "\x1b[0m";
-  if (look.word.size() < kLevelWidth) {
-    line.append(kLevelWidth - look.word.size(), ' ');
-  }
+  if (width < kLevelWidth) line.append(kLevelWidth - width, ' ');
   line += ' ';
   line += nodeName();
   line += '[';
