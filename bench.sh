@@ -72,7 +72,9 @@ if [[ ${#only[@]} -eq 0 || ${#measurements[@]} -gt 0 ]]; then
 fi
 if is_wanted pieces; then
   say "pieces"
-  build/bin/bench-pieces --benchmark_min_time=0.2 \
+  time_each=0.2
+  if [[ ${#quick[@]} -gt 0 ]]; then time_each=0.05; fi
+  build/bin/bench-pieces --benchmark_min_time=$time_each \
     --benchmark_out="$output/pieces.json" --benchmark_out_format=json \
     2>/dev/null
 fi

@@ -11,6 +11,7 @@ import os
 import pathlib
 import platform
 import re
+import signal
 import sys
 import time
 
@@ -53,6 +54,7 @@ def main():
     if os.geteuid() == 0:
         # All that is measured alike: less of what else the machine does.
         os.setpriority(os.PRIO_PROCESS, 0, -15)
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # not without a clean-up
     options.output.mkdir(parents=True, exist_ok=True)
     path = options.output / "results.json"
     results = {"machine": machine(), "quick": options.quick, "measurements": {},
@@ -63,7 +65,7 @@ def main():
             options.build.resolve(), options.quick)
         results["measurements"][name] = {
             "load before": load, "load after": os.getloadavg(),
-            "seconds": round(time.monotonic() - begin), **found}
+            "took": round(time.monotonic() - begin), **found}
         path.write_text(json.dumps(results, indent=1) + "\n", encoding="utf-8")
         print(report.text(name, found), flush=True)
     plot.draw(results["measurements"], options.output / "plot.svg")

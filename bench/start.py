@@ -13,7 +13,7 @@ SUBJECTS = (
     *PEERS,
 )
 # Rounds by number of nodes.
-ROUNDS = {10: 21, 100: 11, 1000: 7, 5000: 5}
+ROUNDS = {10: 21, 100: 9, 1000: 5, 5000: 3}
 QUICK_ROUNDS = {10: 5, 100: 2, 1000: 3}
 QUICK_PEER_LIMIT = 100
 

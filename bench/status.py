@@ -12,7 +12,7 @@ from support.control import REQUEST, RESPONSE, Cmd, pack_request
 from support.waiting import eventually
 
 COUNTS = (10, 1000, 5000)
-ROUNDS, QUICK_ROUNDS = 41, 7
+ROUNDS, QUICK_ROUNDS = 41, 5
 REQUESTS, REQUESTS_OF_SUPERVISORD = 500, 40
 
 FLOOR = Subject("floor", lambda bench, count: ["/tmp/bench/bench-status-floor"],

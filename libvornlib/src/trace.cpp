@@ -78,6 +78,7 @@ const Sink& sink() {
 /// logs between two forks.
 class Line {
  public:
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
   Line() { text_.reserve(kUsualLineSize - 1); }
   Line(const Line&) = delete;
   Line& operator=(const Line&) = delete;
@@ -85,7 +86,7 @@ class Line {
   std::pmr::string& text() { return text_; }
 
  private:
-  std::array<char, kUsualLineSize> buffer_;  // NOLINT: filled by the resource
+  std::array<char, kUsualLineSize> buffer_;  // filled by the resource
   std::pmr::monotonic_buffer_resource memory_{buffer_.data(), buffer_.size()};
   std::pmr::string text_{&memory_};
 };

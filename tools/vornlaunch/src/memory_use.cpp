@@ -134,10 +134,11 @@ void packNodes(const std::vector<std::unique_ptr<Node>>& nodes) {
 
 void dropCode() {
   const auto page = static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE));
-  const auto begin = reinterpret_cast<uintptr_t>(&__executable_start);
-  const auto end = reinterpret_cast<uintptr_t>(&etext) & ~(page - 1);
-  // Clean pages of a file: nothing can be lost.
-  (void)::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_DONTNEED);
+  const auto size = reinterpret_cast<uintptr_t>(&etext) -
+                    reinterpret_cast<uintptr_t>(&__executable_start);
+  // Clean pages of a file: nothing can be lost. They begin with a page.
+  (void)::madvise(const_cast<char*>(&__executable_start), size / page * page,
+                  MADV_DONTNEED);
 }
 
 }  // namespace vorn::launch
