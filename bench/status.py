@@ -52,7 +52,8 @@ class Served:
             self.record_size = len(self.requests) // len(names)
         else:
             self.socket, self.count = "vornlaunch/vornlaunch.sock", REQUESTS
-            self.requests, self.reply_size = launcher_requests(names), RESPONSE.size
+            self.requests = launcher_requests(names)
+            self.reply_size = RESPONSE.size
             self.record_size = REQUEST.size
         eventually((world.tmp / self.socket).exists, "the socket is there")
         world.pin()
@@ -60,8 +61,8 @@ class Served:
     def ask(self, count=None):
         """Nanoseconds: of all requests together, then of each."""
         client = subprocess.run(
-            [*BESIDE, self._build / "bin/bench-client", self.socket, str(self.record_size),
-             str(self.reply_size), str(count or self.count)],
+            [*BESIDE, self._build / "bin/bench-client", self.socket,
+             str(self.record_size), str(self.reply_size), str(count or self.count)],
             cwd=self._world.tmp, input=self.requests, stdout=subprocess.PIPE,
             check=True)
         times = array.array("q", client.stdout)
