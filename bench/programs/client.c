@@ -11,19 +11,9 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <time.h>
 #include <unistd.h>
 
-static int64_t now(void) {
-  struct timespec time;
-  clock_gettime(CLOCK_MONOTONIC, &time);
-  return time.tv_sec * INT64_C(1000000000) + time.tv_nsec;
-}
-
-static _Noreturn void fail(const char* what) {
-  perror(what);
-  exit(1);
-}
+#include "measuring.h"
 
 static void request(const struct sockaddr_un* address, const char* record,
                     size_t size, size_t reply_size) {

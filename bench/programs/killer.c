@@ -11,14 +11,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
-static int64_t now(void) {
-  struct timespec time;
-  clock_gettime(CLOCK_MONOTONIC, &time);
-  return time.tv_sec * INT64_C(1000000000) + time.tv_nsec;
-}
+#include "measuring.h"
 
 int main(int argc, char** argv) {
   if (argc < 2) return 2;

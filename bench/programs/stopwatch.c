@@ -9,19 +9,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
-static int64_t now(void) {
-  struct timespec time;
-  clock_gettime(CLOCK_MONOTONIC, &time);
-  return time.tv_sec * INT64_C(1000000000) + time.tv_nsec;
-}
-
-static _Noreturn void fail(const char* what) {
-  perror(what);
-  exit(1);
-}
+#include "measuring.h"
 
 static _Noreturn void run(char** command, int begin_fd) {
   const int log = open("/tmp/bench/log", O_WRONLY | O_CREAT | O_APPEND, 0644);

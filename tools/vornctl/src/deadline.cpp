@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <set>
 
+#include "required_graph.h"
+
 namespace vorn::launch {
 namespace {
 
@@ -36,7 +38,7 @@ class Estimate {
 
   milliseconds sleepOf(const std::string& name) const {
     const LaunchNode* const node = file_.find(name);
-    return node == nullptr ? milliseconds(0) : milliseconds(node->sleepMs);
+    return milliseconds(node == nullptr ? 0 : effectiveSleepMs(node->sleepMs));
   }
 
  private:

@@ -31,6 +31,11 @@ TEST(LongestDurationTest, OfAStartIsTheNodesSleep) {
             milliseconds(700));
 }
 
+TEST(LongestDurationTest, OfASleepThatWrapsAroundIsWhatTheLauncherSleeps) {
+  EXPECT_EQ(longestDuration({{nodeOf("a", 4'294'978, {})}}, Cmd::START, "a"),
+            milliseconds(10));
+}
+
 TEST(LongestDurationTest, OfARestartHasAStopAPauseAndTheSleep) {
   EXPECT_EQ(longestDuration({{nodeOf("a", 700, {})}}, Cmd::RESTART, "a"),
             milliseconds(10'900));
