@@ -9,6 +9,7 @@ import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
 
+from support.document import Shell  # noqa: E402
 from support.machine import Machine, is_sanitized, unshare_command  # noqa: E402
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
@@ -79,3 +80,21 @@ def fixture_machine(tmp_path, program, namespaces):  # pylint: disable=unused-ar
     machine = Machine(tmp_path, program)
     yield machine
     machine.shut_down()
+
+
+@pytest.fixture(name="shell")
+def fixture_shell(machine, program):
+    """A reader's shell in a machine that has an installation and no launcher."""
+    subprocess.run(
+        ["cmake", "--install", program.parent.parent, "--prefix", machine.install],
+        stdout=subprocess.DEVNULL, check=True,
+    )
+    (machine.tmp / "home").mkdir()
+    machine.start_without_launcher()
+    path = "/tmp/install/bin:/usr/sbin:/usr/bin:/sbin:/bin"
+    shell = Shell(machine, "/tmp/home", {
+        "PATH": path, "CMAKE_PREFIX_PATH": "/tmp/install",
+        "PKG_CONFIG_PATH": "/tmp/install/lib/pkgconfig",
+    })
+    yield shell
+    shell.close()

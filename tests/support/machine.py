@@ -133,6 +133,19 @@ class Machine:
             command += ["strace", "-D", "-o", "/tmp/strace.log", *strace]
             command += ["-f"] * traces_children
         command += ["/tmp/install/bin/vornlaunch", *arguments]
+        self._boot(command, self._environment(environment or {}, strace is not None),
+                   stderr=stderr, stdout=stdout)
+        if wait_until_up:
+            self.wait_until_up()
+        return self
+
+    def start_without_launcher(self):
+        """Starts the machine alone, for commands in it."""
+        self._boot(["true"], self.environment({}))
+        return self
+
+    def _boot(self, command, environment, stderr=None, stdout=None):
+        """Starts the machine with this command, and waits until it has one."""
         with open(self.tmp / "stdout", "ab") as out, open(
             self.tmp / "stderr", "ab"
         ) as err:
@@ -142,7 +155,7 @@ class Machine:
                 stdin=subprocess.DEVNULL,
                 stdout=stdout if stdout is not None else out,
                 stderr=stderr if stderr is not None else err,
-                env=self._environment(environment or {}, strace is not None),
+                env=environment,
             )
         eventually(
             lambda: (self.tmp / ".init/pid").exists()
@@ -150,9 +163,6 @@ class Machine:
             "the machine is up",
         )
         assert self.unshare.poll() is None, self.stderr()
-        if wait_until_up:
-            self.wait_until_up()
-        return self
 
     def start_again(self, wait_until_up=True):
         """Starts another launcher on the launch file of the first, which has

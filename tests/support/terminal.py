@@ -51,6 +51,11 @@ class Terminal:
         """A variable of tmux's about the window."""
         return self.tmux("display-message", "-p", f"#{{{variable}}}").strip()
 
+    def is_closed(self):
+        """Whether the program has ended, and the window with it."""
+        done = self.machine.execute("tmux", "-S", SOCKET, "has-session")
+        return done.returncode != 0
+
     def screen(self, *options):
         """The lines of the screen, without the blanks at their ends."""
         text = self.tmux("capture-pane", "-p", *options)
