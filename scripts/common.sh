@@ -10,7 +10,7 @@ set -euo pipefail
     nlohmann-json3-dev libncurses-dev)
   TEST_PACKAGES=(mandoc systemd libgtest-dev libgmock-dev python3 python3-pytest
     python3-pytest-xdist python3-hypothesis python3-jsonschema python3-yaml
-    pkgconf strace)
+    pkgconf strace socat)
   SHELL_PACKAGES=(tmux bash-completion zsh fish)  # for the tests of vornctl
   SERVER_PACKAGES=(redis-server nginx mosquitto mosquitto-clients curl)
   CLANG_PACKAGES=(clang-14)
