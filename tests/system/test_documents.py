@@ -2,12 +2,20 @@
 
 import pathlib
 import re
+import shlex
 import subprocess
 
 import pytest
 
+from support.document import blocks
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-DOCUMENTS = sorted([*ROOT.glob("*.md"), *ROOT.glob("docs/*.md")])
+TUTORIALS = ROOT / "docs/tutorials"
+DOCUMENTS = sorted([
+    *ROOT.glob("*.md"),
+    *(path for folder in ("bench", "docs", "examples", "packaging", "tests", "tools")
+      for path in (ROOT / folder).rglob("*.md")),
+])
 
 
 def name(path):
@@ -17,12 +25,6 @@ def name(path):
 def without_code(text):
     text = re.sub(r"^ *```.*?^ *```", "", text, flags=re.M | re.S)
     return re.sub(r"`[^`]*`", "", text)
-
-
-def blocks(path, language):
-    text = path.read_text(encoding="utf-8")
-    found = re.findall(rf"^( *)```{language}\n(.*?)^\1```", text, re.M | re.S)
-    return [re.sub(f"^{indent}", "", block, flags=re.M) for indent, block in found]
 
 
 def anchors(path):
@@ -60,10 +62,22 @@ def test_every_document_is_found_from_the_readme(path):
     assert path in seen
 
 
+def launch_files(path):
+    """The launch files that a document shows, and those that it writes."""
+    yield from (block.text for block in blocks(path, "yaml"))
+    written = {}
+    for block in blocks(path, "sh"):
+        here_documents = re.findall(
+            r"^cat (>>?) ?(\S+\.yaml) <<'EOF'\n(.*?)^EOF$", block.text, re.M | re.S)
+        for how, file, text in here_documents:
+            written[file] = (written[file] if how == ">>" else "") + text
+            yield written[file]
+
+
 LAUNCH_FILES = [
-    pytest.param(block, id=f"{name(path)}-{i}")
-    for path in DOCUMENTS for i, block in enumerate(blocks(path, "yaml"))
-    if re.search("^(vornnode|configure):", block, re.M)
+    pytest.param(text, id=f"{name(path)}-{i}")
+    for path in DOCUMENTS for i, text in enumerate(launch_files(path))
+    if re.search("^(vornnode|configure):", text, re.M)
 ]
 
 
@@ -81,4 +95,188 @@ def test_a_launch_file_in_a_document_is_right_for_checker_and_launcher(text, mac
 
 
 def test_there_are_launch_files_in_the_documents():
-    assert len(LAUNCH_FILES) >= 2
+    assert len(LAUNCH_FILES) >= 7
+
+
+# -- Blocks for the shell. Those of the tutorials are run by test_tutorials.py.
+
+# What a document takes for granted is typed before its commands.
+PREPARATIONS = {
+    "README.md": ["""
+cp -r /tmp/install/share/doc/vornlaunch/examples/demo . && cd demo
+mkdir build && ln -s /tmp/install/bin build/bin
+export VORN_ROOT=$PWD
+vornlaunch launch.yaml >nodes.log 2>launch.log &
+""", """
+until vornctl status lamp | grep restarting; do sleep 0.2; done
+"""],
+    "docs/checks.md": ["""
+cat >launch.yaml <<'EOF'
+configure:
+  environment:
+    MODE: fast
+vornnode:
+  prepare:
+    path: /bin/true
+    oneshot: true
+  planner:
+    path: /bin/true
+    argv: --speed 2
+    sleep: 500
+    autostart: true
+    environment:
+        MAPS:
+EOF
+"""],
+}
+
+LANGUAGES = {"", "console", "cpp", "ini", "python", "sh", "yaml"}
+
+
+@pytest.mark.parametrize("path", DOCUMENTS, ids=name)
+def test_a_block_in_which_a_command_is_typed_is_a_console(path):
+    for block in blocks(path):
+        assert block.language in LANGUAGES, block.place
+        if block.language not in ("console", "sh"):
+            assert not re.search(r"^\$ ", block.text, re.M), block.place
+
+
+@pytest.mark.parametrize("path", [
+    path for path in DOCUMENTS
+    if TUTORIALS not in path.parents and blocks(path, "console")
+], ids=name)
+def test_a_document_prints_what_it_shows(path, shell):
+    for text in PREPARATIONS.get(name(path), []):
+        shell.type(text)
+    shell.follow(path, "console")
+
+
+WRONG = {
+    "another output": "```console\n$ echo 7\n8\n```\n",
+    "too little output": "```console\n$ printf '1\\n2\\n'\n1\n```\n",
+    "too much output": "```console\n$ true\n1\n```\n",
+    "a command that fails": "```sh\nfalse\n```\n",
+    "a command that fails before another": "```sh\nfalse\ntrue\n```\n",
+    "no command": "```console\n1\n```\n",
+}
+RIGHT = """
+```sh
+cd /tmp && number=12
+```
+
+```console
+$ echo $number in $PWD; (exit 3)
+12 in /tmp
+$ echo "status $?, pid $$"
+status 3, pid 4711
+$ for i in 1 2 3; do
+>   echo $i
+> done
+1
+...
+```
+"""
+
+
+def test_a_document_that_is_right_is_followed_in_one_shell(shell, tmp_path):
+    document = tmp_path / "right.md"
+    document.write_text(RIGHT, encoding="utf-8")
+    shell.follow(document, "console", "sh")
+    assert shell.run("echo $number") == (0, ["12"])
+
+
+def test_a_document_that_is_wrong_is_found(shell, tmp_path):
+    for what, text in WRONG.items():
+        document = tmp_path / "wrong.md"
+        document.write_text(text, encoding="utf-8")
+        with pytest.raises(AssertionError, match="wrong.md:2"):
+            shell.follow(document, "console", "sh")
+            pytest.fail(f"{what} is not found")
+
+
+# Programs in documents that stand for the reader's own, or are not Debian's.
+NOT_HERE = {"robot-config"}
+
+# Words behind which a command stands.
+KEYWORDS = {"!", "{", "}", "do", "done", "else", "fi", "if", "sudo", "then", "until",
+            "while"}
+
+
+def simple_commands(text):
+    """The words of each simple command in a text of the shell, roughly."""
+    text = re.sub(r"<<-?'?(\w+)'?(.*\n)(?:.*\n)*?\s*\1$", r"\2", text, flags=re.M)
+    text = re.sub(r"(^|\s)#.*$", r"\1", text.replace("\\\n", " "), flags=re.M)
+    lexer = shlex.shlex(text, posix=True, punctuation_chars="();<>|&\n")
+    lexer.whitespace = " \t"
+    lexer.whitespace_split = True
+    lexer.commenters = ""
+    words = []
+    for word in [*lexer, ";"]:
+        if word == "" or word[0] not in "();|&\n":
+            words.append(word)
+            continue
+        while words and (words[0] in KEYWORDS or re.match(r"\w+=", words[0])):
+            words.pop(0)
+        if words and words[0] not in ("for", "case"):
+            yield words
+        words = []
+
+
+def is_known(program_name):
+    """Whether the shell finds a program of this name, or has it itself."""
+    path = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
+    done = subprocess.run(["bash", "-c", 'type -- "$1"', "bash", program_name],
+                          env=path, capture_output=True, check=False)
+    return done.returncode == 0
+
+
+def help_of(words, program):
+    """What a program of ours says about this command; None for another's."""
+    if pathlib.Path(words[0]).name == "vornctl":
+        names = [word for word in words[1:] if not word.startswith("-")]
+        vornctl = program.with_name("vornctl")
+        calls = [[vornctl, "help"], [vornctl, "help", names[0]]]
+    elif re.fullmatch(r"\./\w+\.sh", words[0]):
+        calls = [[ROOT / words[0], "--help"]]
+    else:
+        return None
+    return "".join(subprocess.run(
+        call, stdout=subprocess.PIPE, encoding="utf-8", check=True).stdout
+        for call in calls)
+
+
+def is_there(word, program):
+    """Whether a word is no file of this project, or one that there is."""
+    if word.startswith("build/bin/"):
+        return program.with_name(word.rpartition("/")[2]).exists()
+    folder, _, rest = word.partition("/")
+    if folder in ("", ".") or not rest or not (ROOT / folder).is_dir():
+        return True  # such as /tmp/x, or ./x in a folder of the reader's
+    return any(ROOT.glob(word))
+
+
+def check_command(words, program):
+    """Fails if the program, a file of ours or an option is not there."""
+    for word in words:
+        assert is_there(word, program), word
+    if words[0].startswith("./"):
+        assert (ROOT / words[0]).exists(), words
+    elif "/" not in words[0] and words[0] not in NOT_HERE:
+        assert program.with_name(words[0]).exists() or is_known(words[0]), words
+    text = help_of(words, program)
+    for word in words[1:]:
+        if text is not None and re.match("--?[a-z]", word):
+            assert re.search(rf"(^|[\s,]){word}\b", text, re.M), f"{words}: {word}"
+
+
+@pytest.mark.parametrize("path", [
+    path for path in DOCUMENTS
+    if TUTORIALS not in path.parents and blocks(path, "sh")
+], ids=name)
+def test_what_a_document_calls_in_the_shell_is_there(path, program):
+    for block in blocks(path, "sh"):
+        subprocess.run(["bash", "-n"], input=block.text, encoding="utf-8", check=True)
+        found = list(simple_commands(block.text))
+        assert found, block.place
+        for words in found:
+            check_command(words, program)
