@@ -21,6 +21,7 @@ set -euo pipefail
   BENCH_PACKAGES=(linux-perf python3-matplotlib supervisor runit s6 daemontools)
   LINT_PACKAGES=(git clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck
     pyflakes3)
+  EMULATION_PACKAGES=(qemu-user-static)  # for scripts/emulate_arm64.sh
 }
 
 say() { printf '== %s\n' "$*" >&2; }
