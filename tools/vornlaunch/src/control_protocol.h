@@ -53,11 +53,13 @@ static_assert(sizeof(ControlRequest) == 132);
 static_assert(offsetof(ControlRequest, cmd) == 0);
 static_assert(offsetof(ControlRequest, name) == 4);
 static_assert(sizeof(ControlRequest::Cmd) == 4);
+static_assert(sizeof(ControlRequest::name) == 128);
 
 static_assert(std::is_trivially_copyable_v<ControlResponse>);
 static_assert(std::is_standard_layout_v<ControlResponse>);
 static_assert(sizeof(ControlResponse) == 24);
 static_assert(offsetof(ControlResponse, result) == 0);
+static_assert(offsetof(ControlResponse, padding) == 4);
 static_assert(offsetof(ControlResponse, pid) == 8);
 static_assert(offsetof(ControlResponse, state) == 12);
 static_assert(offsetof(ControlResponse, startSeconds) == 16);
