@@ -28,7 +28,9 @@ What is run (default: --unit --system --reliability):
 Which of them, and how:
   --filter TEXT   only tests with TEXT in their name (letters, digits, _ and .)
   --repeat N      the tests N times, until one fails
-  --preset NAME   the build: release (default), dev, clang, asan, coverage
+  --preset NAME   the build: release (default), dev, clang, asan, coverage,
+                  arm64 (--unit and --system; built here and run by an emulator,
+                  docs/arm64.md)
   --asan          the same as --preset asan
   -j N            N whole-program tests at a time (default: 4 per core; they
                   mostly wait)
@@ -81,7 +83,7 @@ parse_options() {
   done
   [[ $repeat =~ ^[1-9][0-9]*$ ]] || die "--repeat takes a whole number from 1"
   [[ $jobs =~ ^[1-9][0-9]*$ ]] || die "-j takes a whole number from 1"
-  [[ $preset =~ ^(release|dev|clang|asan|coverage)$ ]] ||
+  [[ $preset =~ ^(release|dev|clang|asan|coverage|arm64)$ ]] ||
     die "no preset '$preset'; see ./test.sh --help"
   [[ $filter =~ ^[A-Za-z0-9_.]*$ ]] ||
     die "--filter takes letters, digits, _ and . only"
@@ -93,7 +95,13 @@ parse_options() {
   fi
   [[ " ${suites[*]} " != *" instructions "* || $preset == release ]] ||
     die "--instructions are those of the release build"
-  if [[ ${#suites[@]} -eq 0 ]]; then suites=(unit system reliability); fi
+  if [[ ${#suites[@]} -eq 0 ]]; then
+    suites=(unit system)
+    # Its faults and its memory would be the emulator's.
+    [[ $preset == arm64 ]] || suites+=(reliability)
+  fi
+  [[ " ${suites[*]} " != *" reliability "* || $preset != arm64 ]] ||
+    die "--reliability is not for an emulated launcher"
   mapfile -t suites < <(printf '%s\n' "${suites[@]}" | awk '!seen[$0]++')
 }
 
@@ -106,6 +114,7 @@ failed=false
 build_preset() {
   install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
   if [[ $1 == clang ]]; then install_packages "${CLANG_PACKAGES[@]}"; fi
+  if [[ $1 == arm64 ]]; then install_arm64_packages; fi
   local options=(-DVORN_REQUIRE_TESTS=ON)
   if [[ $1 == release && " ${suites[*]} " == *" instructions "* ]]; then
     install_packages "${BENCH_BUILD_PACKAGES[@]}"

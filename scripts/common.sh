@@ -22,6 +22,11 @@ set -euo pipefail
   LINT_PACKAGES=(git clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck
     pyflakes3)
   EMULATION_PACKAGES=(qemu-user-static)  # for scripts/emulate_arm64.sh
+  ARM64_PACKAGES=(g++-aarch64-linux-gnu libyaml-cpp0.7:arm64 libncurses-dev:arm64
+    libgtest-dev:arm64 libgmock-dev:arm64)
+  # The first cannot be installed for two architectures at a time; it needs the
+  # second beside it.
+  ARM64_UNPACKED=(libyaml-cpp-dev:arm64 libyaml-cpp0.7:arm64)
 }
 
 say() { printf '== %s\n' "$*" >&2; }
@@ -59,11 +64,36 @@ install_packages() {
   [[ $EUID -eq 0 ]] || sudo -n true 2>/dev/null ||
     die "no right to install packages; run once as root: apt-get install ${missing[*]}"
   say "installing ${missing[*]}"
+  # Another's list may fail, or have nothing for a foreign architecture.
   as_root apt-get -qq -o DPkg::Lock::Timeout=300 update ||
-    die "apt-get update failed; are Debian's package servers in reach?"
+    say "apt-get update failed; are Debian's package servers in reach?"
   as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq install -y \
-    --no-install-recommends -o DPkg::Lock::Timeout=300 "${missing[@]}" \
+    --no-install-recommends --no-remove -o DPkg::Lock::Timeout=300 "${missing[@]}" \
     >/dev/null || die "could not install ${missing[*]}"
+}
+
+# Installs what the preset arm64 needs, beside what is there for this machine.
+install_arm64_packages() {
+  [[ $(uname -m) != aarch64 ]] ||
+    die "this machine is of the kind arm64; the preset release builds for it"
+  if ! dpkg --print-foreign-architectures | grep -qx arm64; then
+    as_root dpkg --add-architecture arm64 ||
+      die "no right to install packages; run once as root: dpkg --add-architecture arm64"
+  fi
+  install_packages "${ARM64_PACKAGES[@]}"
+  scripts/emulate_arm64.sh
+
+  local folder=build-arm64/debian archive
+  if [[ ! -e $folder/complete ]]; then
+    say "unpacking ${ARM64_UNPACKED[*]}"
+    rm -rf "$folder"
+    mkdir -p "$folder"
+    (cd "$folder" &&
+      apt-get -qq -o APT::Sandbox::User= download "${ARM64_UNPACKED[@]}") ||
+      die "could not download ${ARM64_UNPACKED[*]}"
+    for archive in "$folder"/*.deb; do dpkg -x "$archive" "$folder"; done
+    touch "$folder/complete"
+  fi
 }
 
 # As install_packages, for servers, which are kept from starting meanwhile.
