@@ -15,6 +15,9 @@ set -euo pipefail
   SERVER_PACKAGES=(redis-server nginx mosquitto mosquitto-clients curl)
   CLANG_PACKAGES=(clang-14)
   FUZZ_PACKAGES=(clang-14 llvm-14 libclang-rt-14-dev)
+  ROOT_PACKAGES=(debootstrap util-linux)  # for a Debian root to test in
+  PACKAGE_PACKAGES=(debhelper dpkg-dev fakeroot)
+  PACKAGE_TEST_PACKAGES=(lintian)
   COVERAGE_PACKAGES=(gcovr)
   PLOT_PACKAGES=(python3-matplotlib)
   BENCH_BUILD_PACKAGES=(libbenchmark-dev valgrind)

@@ -9,6 +9,7 @@ import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
 
+from support.debian_root import DebianRoot  # noqa: E402
 from support.document import Shell  # noqa: E402
 from support.machine import Machine, is_sanitized, unshare_command  # noqa: E402
 
@@ -20,6 +21,11 @@ def pytest_addoption(parser):
         "--build",
         default=os.environ.get("VORN_BUILD", str(ROOT / "build")),
         help="the build folder whose bin/vornlaunch is tested",
+    )
+    parser.addoption(
+        "--debian-root",
+        default=str(ROOT / "build-packages/root"),
+        help="the folder that scripts/debian_root.sh has made",
     )
     parser.addoption(
         "--long",
@@ -98,3 +104,24 @@ def fixture_shell(machine, program):
     })
     yield shell
     shell.close()
+
+
+@pytest.fixture(scope="session", name="debian_root")
+def fixture_debian_root(request):
+    """The folder of a Debian root, which stays as it is."""
+    folder = pathlib.Path(request.config.getoption("--debian-root"))
+    if os.geteuid() != 0:
+        pytest.skip("only root can use a Debian root")
+    if not folder.exists():
+        pytest.fail(f"{folder} is missing; make it by scripts/debian_root.sh")
+    return folder.resolve()
+
+
+@pytest.fixture(name="debian")
+def fixture_debian(tmp_path, debian_root, namespaces):  # pylint: disable=unused-argument
+    """A private view of the Debian root."""
+    mount_point = tmp_path / "debian"
+    mount_point.mkdir()
+    debian = DebianRoot(debian_root, mount_point)
+    yield debian
+    debian.close()

@@ -1,0 +1,131 @@
+"""A small Debian for a test: a root of its own, into which packages can be
+installed and in which programs run, without a trace on this machine."""
+
+import os
+import pathlib
+import signal
+import subprocess
+
+from support.waiting import eventually
+
+# The changes lie in memory and go with the mount namespace. The new root is the
+# only one that is left in it. `cat` holds the namespace until the test closes
+# its end, or ends in whatever way.
+MAKE_VIEW = """
+set -e
+mount --make-rprivate /
+mount -t tmpfs vornlaunch-test "$2"
+mkdir "$2/changes" "$2/work" "$2/root"
+mount -t overlay overlay "$2/root" \\
+  -o "lowerdir=$1,upperdir=$2/changes,workdir=$2/work"
+cp -L /etc/resolv.conf "$2/root/etc/resolv.conf"
+mount -t proc proc "$2/root/proc"  # umount wants it
+cd "$2/root"
+pivot_root . mnt
+cd /
+umount -l /mnt /proc
+echo made
+exec cat
+"""
+
+# Pids of five digits: the launcher looks for a pid's digits anywhere in the
+# process table, and short ones are found in others.
+RUN = 'echo 10000 >/proc/sys/kernel/ns_last_pid; exec "$@"'
+
+
+class Started:
+    """A program that runs as process 1 of its own pid namespace."""
+
+    def __init__(self, process):
+        self._process = process
+        children = pathlib.Path(f"/proc/{process.pid}/task/{process.pid}/children")
+        pids = eventually(
+            lambda: process.poll() is not None
+            or children.read_text(encoding="ascii").split(), "it is started")
+        assert process.returncode is None, "it has ended at once"
+        self.host_pid = int(pids[0])
+
+    def signal(self, number):
+        os.kill(self.host_pid, number)
+
+    @property
+    def has_ended(self):
+        return self._process.poll() is not None
+
+    def wait(self, timeout=120.0):
+        """Waits for the end. Returns the exit status; 1 after a signal."""
+        return self._process.wait(timeout)
+
+    def kill(self):
+        """Ends it and everything that it has started."""
+        if not self.has_ended:
+            self.signal(signal.SIGKILL)
+        self._process.wait()
+
+
+class DebianRoot:
+    """A private view of the Debian root in the folder `lower`: all changes are
+    this view's alone. `mount_point` is an empty folder."""
+
+    def __init__(self, lower, mount_point):
+        self._started = []
+        self._holder = subprocess.Popen(
+            ["unshare", "--mount", "sh", "-c", MAKE_VIEW, "sh", str(lower),
+             str(mount_point)],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, encoding="utf-8")
+        assert self._holder.stdout.readline() == "made\n"
+
+    def path(self, inside):
+        """Where this test finds the file `inside`, an absolute path, for
+        reading and writing. No symbolic link must stand in the path but with a
+        relative target."""
+        return pathlib.Path(f"/proc/{self._holder.pid}/root{inside}")
+
+    def execute(self, *command, check=False, timeout=300.0, of=None, **options):
+        """Runs a command to its end; returns what subprocess.run() does, with
+        standard error in the output. The options are those of command()."""
+        finished = subprocess.run(
+            self.command(*command, of=of, **options), env=self._environment(),
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT, encoding="utf-8", timeout=timeout, check=False)
+        if check:
+            assert finished.returncode == 0, f"{command}:\n{finished.stdout}"
+        return finished
+
+    def run(self, *command, **options):
+        """As execute(), for a command that must succeed; returns its output."""
+        return self.execute(*command, check=True, **options).stdout
+
+    def start(self, *command, stdout=None, stderr=None, **options):
+        """Starts a program as process 1 of a pid namespace. It is ended with
+        the view at the latest. The options are those of command()."""
+        process = subprocess.Popen(
+            self.command(*command, **options), env=self._environment(),
+            stdin=subprocess.DEVNULL, stdout=stdout, stderr=stderr)
+        self._started.append(Started(process))
+        return self._started[-1]
+
+    def command(self, *command, network=False, of=None):
+        """The command that runs a command in the view, as process 1 of its own
+        pid namespace, or in that of what start() returned, `of`. It has no
+        network, or that of this machine."""
+        if of is not None:
+            return ["nsenter", f"--target={of.host_pid}", "--mount", "--root",
+                    "--wd", "--pid", "--net", *command]
+        enter = ["nsenter", f"--target={self._holder.pid}", "--mount", "--root",
+                 "--wd", "unshare", "--mount", "--pid", "--fork", "--kill-child",
+                 "--mount-proc"]
+        if not network:
+            enter.append("--net")
+        return [*enter, "sh", "-c", RUN, "sh", *command]
+
+    @staticmethod
+    def _environment():
+        return {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8",
+                "DEBIAN_FRONTEND": "noninteractive"}
+
+    def close(self):
+        """Ends whatever runs in the view, and the view."""
+        for started in self._started:
+            started.kill()
+        self._holder.communicate()
