@@ -490,6 +490,29 @@ class TestAnotherUser:
                             "--no-header")
         assert (done.returncode, done.stdout) == (0, "running\n")
 
+    @pytest.fixture(name="container")
+    def fixture_container(self, machine):
+        """A machine whose launcher is in mount and pid namespaces of its own."""
+        return machine.start(stay(machine, camera={}), wrapper=[
+            "unshare", "--mount", "--pid", "--fork", "--kill-child",
+            "--mount-proc"])
+
+    def test_does_not_look_for_a_containers_processes_among_his_own(self, container):
+        assert container.find_process(container.status("camera").pid) is None
+        done = self.vornctl(container, "status", "camera", "-o", "state",
+                            "--no-header")
+        assert (done.returncode, done.stdout) == (0, "running\n")
+
+    def test_does_not_take_his_own_file_for_a_containers_launch_file(self, container):
+        pid = container.vornctl("ping").stdout.split()[1]
+        done = self.vornctl(container, "names")
+        assert (done.returncode, done.stdout) == (2, "")
+        assert done.stderr == (
+            "vornctl: cannot look into the root folder of the launcher, process "
+            f"{pid} in another pid namespace, where its launch file "
+            "/tmp/launch.yaml is; name it by --launch-file or "
+            "VORNCTL_LAUNCH_FILE\n")
+
 
 # -- The small commands.
 

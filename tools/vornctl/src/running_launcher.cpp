@@ -56,15 +56,31 @@ std::optional<std::string> readLink(const std::string& path) {
   return target.string();
 }
 
-/// Where we reach the launcher's root folder: nothing to put in front of a path
-/// when it is our own, or when we may not tell.
-std::string rootAsWeReachIt(pid_t pid) {
+/// Whether the process is in the pid namespace of our /proc.
+bool isInOurPidNamespace(pid_t pid) {
+  // Anyone may read this file, unlike the link ns/pid.
+  std::istringstream lines(readAll(procFile(pid, "status")).value_or(""));
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("NSpid:", 0) != 0) continue;
+    // Its pid in our namespace, and in each that is nested in ours.
+    std::istringstream words(line);
+    return std::distance(std::istream_iterator<std::string>(words), {}) <= 2;
+  }
+  return true;  // more likely than not
+}
+
+/// Where we reach the launcher's root folder: an empty text to put in front of
+/// a path when it is our own. When we may not look, we take it for that, but
+/// not in another pid namespace: that is nothing, a container with files of its
+/// own.
+std::optional<std::string> rootAsWeReachIt(pid_t pid) {
   struct stat own {};
   struct stat its {};
   std::string root = procFile(pid, "root");
   // The slash at the end follows the link.
   if (::stat("/", &own) != 0 || ::stat((root + '/').c_str(), &its) != 0) {
-    return "";
+    if (isInOurPidNamespace(pid)) return "";
+    return std::nullopt;
   }
   const bool is_same = own.st_dev == its.st_dev && own.st_ino == its.st_ino;
   const auto namespace_of = [](const std::string& process) {
@@ -134,6 +150,36 @@ bool hasChangedSince(const std::string& path, pid_t pid) {
   return changed > *start + kTolerance;
 }
 
+/// Where we reach the file that is the launcher's argument. Nothing if that
+/// cannot be known; `error` is then a sentence that tells why.
+std::optional<std::string> pathOfItsArgument(const RunningLauncher& launcher,
+                                             std::string& error) {
+  const std::string process = "process " + std::to_string(launcher.pid);
+  if (launcher.pid == 0) {
+    error =
+        "cannot tell the launch file: the launcher is in another pid namespace";
+    return std::nullopt;
+  }
+  if (launcher.launchFile.empty()) {
+    error = "cannot tell the launch file of " + process;
+    return std::nullopt;
+  }
+  const std::string where =
+      ", where its launch file " + launcher.launchFile + " is";
+  if (launcher.launchFile.front() == '/') {
+    if (launcher.root) return *launcher.root + launcher.launchFile;
+    error = "cannot look into the root folder of the launcher, " + process +
+            " in another pid namespace" + where;
+    return std::nullopt;
+  }
+  if (::access(launcher.folder.c_str(), X_OK) == 0) {
+    return launcher.folder + '/' + launcher.launchFile;
+  }
+  error =
+      "cannot look into the working folder of the launcher, " + process + where;
+  return std::nullopt;
+}
+
 }  // namespace
 
 std::optional<RunningLauncher> inspectLauncher(pid_t pid,
@@ -151,27 +197,12 @@ std::optional<RunningLauncher> inspectLauncher(pid_t pid,
     if (arguments.size() >= 2) launcher.launchFile = arguments.back();
   }
   if (path.empty()) {
-    if (pid == 0) {
-      error = std::string(
-                  "cannot tell the launch file: the launcher is in another "
-                  "pid namespace") +
-              kHowToName;
+    const auto its = pathOfItsArgument(launcher, error);
+    if (!its) {
+      error += kHowToName;
       return std::nullopt;
     }
-    if (launcher.launchFile.empty()) {
-      error = "cannot tell the launch file of process " + std::to_string(pid) +
-              kHowToName;
-      return std::nullopt;
-    }
-    const bool is_absolute = launcher.launchFile.front() == '/';
-    path = is_absolute ? launcher.root + launcher.launchFile
-                       : launcher.folder + '/' + launcher.launchFile;
-    if (!is_absolute && ::access(launcher.folder.c_str(), X_OK) != 0) {
-      error = "cannot look into the working folder of the launcher, process " +
-              std::to_string(pid) + ", where its launch file " +
-              launcher.launchFile + " is" + kHowToName;
-      return std::nullopt;
-    }
+    path = *its;
   } else {
     launcher.launchFile = launch_file;
   }
@@ -188,8 +219,10 @@ std::optional<RunningLauncher> inspectLauncher(pid_t pid,
 std::optional<bool> executableExists(const RunningLauncher& launcher,
                                      const LaunchNode& node) {
   if (launcher.pid == 0 || node.executable.empty()) return std::nullopt;
-  const std::string path = node.executable.front() == '/'
-                               ? launcher.root + node.executable
+  const bool is_absolute = node.executable.front() == '/';
+  if (is_absolute && !launcher.root) return std::nullopt;
+  const std::string path = is_absolute
+                               ? *launcher.root + node.executable
                                : launcher.folder + '/' + node.executable;
   struct stat status {};
   if (::stat(path.c_str(), &status) == 0) return true;
@@ -224,10 +257,7 @@ std::optional<std::string> nodeOf(pid_t process) {
 }
 
 bool sharesPids(const RunningLauncher& launcher) {
-  if (launcher.pid == 0) return false;
-  // Without the permission to compare, our own namespace is the likely one.
-  const auto its = readLink(procFile(launcher.pid, "ns/pid"));
-  return !its || its == readLink("/proc/self/ns/pid");
+  return launcher.pid != 0 && isInOurPidNamespace(launcher.pid);
 }
 
 bool isProcessAlive(const RunningLauncher& launcher, pid_t pid) {

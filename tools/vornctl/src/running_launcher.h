@@ -19,9 +19,10 @@ struct RunningLauncher {
   std::string launchFile;  // as it was given, for people
   LaunchFile file;
   bool hasChanged = false;  // the file is younger than the launcher
-  std::string root;         // the launcher's root folder as we reach it; empty
-                            // when it is our own
-  std::string folder;       // its working folder as we reach it
+  // The launcher's root folder as we reach it: empty when it is our own,
+  // nothing when it may be another, into which we cannot look.
+  std::optional<std::string> root;
+  std::string folder;  // its working folder as we reach it
 };
 
 /// Finds out about the launcher `pid` and reads its launch file, or
