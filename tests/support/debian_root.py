@@ -1,6 +1,7 @@
 """A small Debian for a test: a root of its own, into which packages can be
 installed and in which programs run, without a trace on this machine."""
 
+import contextlib
 import os
 import pathlib
 import signal
@@ -58,8 +59,9 @@ class Started:
 
     def kill(self):
         """Ends it and everything that it has started."""
-        if not self.has_ended:
-            self.signal(signal.SIGKILL)
+        with contextlib.suppress(ProcessLookupError):  # it is just ending
+            if not self.has_ended:
+                self.signal(signal.SIGKILL)
         self._process.wait()
 
 
