@@ -155,7 +155,7 @@ run_instructions() {
 run_pytest() {
   local status=0
   runs=$((runs + 1))
-  /usr/bin/python3 -m pytest -q -p no:cacheprovider -n "$jobs" \
+  /usr/bin/python3 -m pytest -q -p no:cacheprovider -n "$jobs" --dist loadgroup \
     --build="$(build_folder "$1")" ${filter:+-k "$filter"} \
     --junitxml "$results/$runs.xml" "$2" || status=$?
   # 5: no test was selected, which the count at the end judges.

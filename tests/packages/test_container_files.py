@@ -1,0 +1,194 @@
+"""What containers and their engines are told: the Containerfile, the DaemonSet
+and the Nomad job."""
+
+import os
+import re
+import subprocess
+
+import pytest
+import yaml
+
+from support.containerfile import CONTAINERFILE, ROOT, read_stages
+
+FOLDER = CONTAINERFILE.parent
+
+
+@pytest.fixture(name="vornctl")
+def fixture_vornctl(program):
+    """Checks a launch file of this text, with these options; returns the exit
+    status and what is printed."""
+
+    def check(text, *options):
+        done = subprocess.run(
+            [program.with_name("vornctl"), "check", "--no-host", *options, "-"],
+            input=text, stdout=subprocess.PIPE, encoding="utf-8", check=False)
+        return done.returncode, done.stdout
+
+    return check
+
+
+def in_seconds(text):
+    number, unit = re.fullmatch(r"(\d+)(s|m)", text).groups()
+    return int(number) * (60 if unit == "m" else 1)
+
+
+# -- The Containerfile.
+
+
+def test_the_image_has_nothing_of_its_build_but_the_programs():
+    build, final = read_stages()
+    assert build.base == "debian:12 AS build"
+    assert final.base == "debian:12-slim"
+    assert not set(build.packages) & set(final.packages)
+    assert [copied for copied in final.copies if copied[0] is not None] == [
+        ("build", ["/build/bin/vornlaunch", "/build/bin/vornctl"], "/usr/bin/")]
+
+
+def test_the_build_stage_installs_what_a_build_here_installs():
+    build, _ = read_stages()
+    scripts = (ROOT / "scripts/common.sh").read_text(encoding="utf-8")
+    packages = re.search(r"BUILD_PACKAGES=\((.*?)\)", scripts, re.S)[1].split()
+    assert set(build.packages) == set(packages) - {"procps"}
+
+
+def test_what_the_image_copies_is_there_and_may_be_executed():
+    _, final = read_stages()
+    sources = [source for stage, files, _ in final.copies if stage is None
+               for source in files]
+    assert sources
+    for source in sources:
+        assert os.access(ROOT / source, os.X_OK), source
+
+
+def test_the_launcher_is_process_1_and_is_stopped_by_sigterm():
+    _, final = read_stages()
+    # JSON lists: the exec form, without a shell that the signals would go to.
+    assert final.command == [
+        "/usr/libexec/vornlaunch/entrypoint", "/etc/vornlaunch/launch.yaml"]
+    assert final.one("STOPSIGNAL") == "SIGTERM"
+    assert final.one("VOLUME") == "/tmp/vornlaunch"
+
+
+def test_the_health_command_gives_up_before_the_engine_does():
+    _, final = read_stages()
+    engine = re.search(r"--timeout=(\w+)", final.one("HEALTHCHECK"))[1]
+    own = re.findall(r"--(?:connect-)?timeout (\w+)", final.health_command)
+    assert len(own) == 2
+    assert sum(map(in_seconds, own)) < in_seconds(engine)
+
+
+def test_the_health_command_is_the_documented_one():
+    document = (ROOT / "docs/containers.md").read_text(encoding="utf-8")
+    assert f"\n{read_stages()[-1].health_command}\n" in document
+
+
+# -- The DaemonSet.
+
+
+@pytest.fixture(name="documents")
+def fixture_documents():
+    text = (FOLDER / "kubernetes.yaml").read_text(encoding="utf-8")
+    return {document["kind"]: document for document in yaml.safe_load_all(text)}
+
+
+@pytest.fixture(name="pod")
+def fixture_pod(documents):
+    return documents["DaemonSet"]["spec"]["template"]["spec"]
+
+
+def test_the_launch_file_of_the_daemon_set_is_right(documents, pod, vornctl):
+    config = documents["ConfigMap"]
+    assert vornctl(config["data"]["launch.yaml"], "--fail-on", "warning") == (0, "")
+    volumes = {volume["name"]: volume for volume in pod["volumes"]}
+    [container] = pod["containers"]
+    mounts = {mount["mountPath"]: volumes[mount["name"]]
+              for mount in container["volumeMounts"]}
+    assert mounts["/etc/vornlaunch"]["configMap"]["name"] == config["metadata"]["name"]
+    assert "/tmp/vornlaunch" in mounts
+
+
+def test_the_daemon_set_gives_a_stop_the_time_it_may_take(documents, pod, vornctl):
+    launch = documents["ConfigMap"]["data"]["launch.yaml"]
+    status, needed = vornctl(launch, "--print", "stop-timeout")
+    assert status == 0
+    assert pod["terminationGracePeriodSeconds"] >= int(needed)
+
+
+def test_the_daemon_set_runs_one_launcher_a_machine(documents, pod):
+    spec = documents["DaemonSet"]["spec"]
+    assert spec["updateStrategy"] == {
+        "type": "RollingUpdate",
+        "rollingUpdate": {"maxUnavailable": 1, "maxSurge": 0}}
+    labels = spec["template"]["metadata"]["labels"]
+    assert spec["selector"]["matchLabels"].items() <= labels.items()
+    assert pod["shareProcessNamespace"] is False
+    assert "lifecycle" not in pod["containers"][0]
+
+
+def test_no_probe_ends_a_launcher_that_is_busy(documents, pod, vornctl):
+    [container] = pod["containers"]
+    _, longest = vornctl(documents["ConfigMap"]["data"]["launch.yaml"],
+                         "--print", "stop-timeout")
+    alive = container["livenessProbe"]
+    assert alive["failureThreshold"] * alive["periodSeconds"] > int(longest)
+    for probe in ("startupProbe", "livenessProbe", "readinessProbe"):
+        command = container[probe]["exec"]["command"]
+        assert command[0] == "vornctl"
+        limits = [command[command.index(option) + 1]
+                  for option in ("--connect-timeout", "--timeout")]
+        given = container[probe]["timeoutSeconds"]
+        assert sum(map(in_seconds, limits)) < given, probe
+
+
+def test_the_ready_nodes_are_nodes_of_the_launch_file(documents, pod):
+    command = pod["containers"][0]["readinessProbe"]["exec"]["command"]
+    nodes = yaml.safe_load(documents["ConfigMap"]["data"]["launch.yaml"])["vornnode"]
+    named = command[command.index("status") + 1:command.index("--connect-timeout")]
+    assert set(named) == {name for name, keys in nodes.items()
+                          if not keys.get("oneshot")}
+
+
+# -- The Nomad job. Debian has no reader of its language; this is what can be told
+# -- without.
+
+
+@pytest.fixture(name="job")
+def fixture_job():
+    return (FOLDER / "vornlaunch.nomad.hcl").read_text(encoding="utf-8")
+
+
+def launch_file_of(job):
+    return re.search(r"<<EOT\n(.*?)^EOT$", job, re.M | re.S)[1]
+
+
+def test_every_block_of_the_job_is_closed_where_its_indentation_says(job):
+    job = job.replace(launch_file_of(job), "")
+    opened = []
+    for line in job.splitlines():
+        code = re.sub(r'"[^"]*"', '""', line).partition("#")[0].rstrip()
+        if code.endswith("{"):
+            opened.append(code[:len(code) - len(code.lstrip())])
+        elif code.strip() == "}":
+            assert code == opened.pop() + "}", line
+        else:
+            assert "{" not in code and "}" not in code, line
+    assert opened == []
+
+
+def test_the_launch_file_of_the_job_is_that_of_the_daemon_set(job, documents):
+    assert yaml.safe_load(launch_file_of(job)) == yaml.safe_load(
+        documents["ConfigMap"]["data"]["launch.yaml"])
+
+
+def test_the_job_runs_one_launcher_on_each_machine(job):
+    assert re.search(r'^  type += "system" ', job, re.M)
+    assert re.search(r"^    max_parallel += 1 ", job, re.M)
+    assert ':/tmp/vornlaunch"]' in job
+
+
+def test_the_job_gives_a_stop_the_time_it_may_take(job, vornctl):
+    setting = dict(re.findall(r'^ *(\w+) += "?([^"\s]+)"?', job, re.M))
+    _, needed = vornctl(launch_file_of(job), "--print", "stop-timeout")
+    assert in_seconds(setting["kill_timeout"]) >= int(needed)
+    assert setting["kill_signal"] == "SIGTERM"
+    assert in_seconds(setting["stagger"]) > in_seconds(setting["kill_timeout"])
