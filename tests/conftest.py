@@ -11,7 +11,12 @@ sys.path.insert(0, str(pathlib.Path(__file__).parent))
 
 from support.debian_root import DebianRoot  # noqa: E402
 from support.document import Shell  # noqa: E402
-from support.machine import Machine, is_sanitized, unshare_command  # noqa: E402
+from support.machine import (  # noqa: E402
+    Machine,
+    is_emulated,
+    is_sanitized,
+    unshare_command,
+)
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 
@@ -37,6 +42,11 @@ def pytest_addoption(parser):
 def pytest_configure(config):
     config.addinivalue_line("markers", "long: a part of the long form alone")
     config.addinivalue_line("markers", "plain: not for a sanitized launcher")
+    config.addinivalue_line(
+        "markers",
+        "native: looks at the calls, signals, memory or program of the process, "
+        "which are the emulator's own where the launcher is emulated",
+    )
 
 
 def pytest_collection_modifyitems(config, items):
@@ -46,6 +56,8 @@ def pytest_collection_modifyitems(config, items):
     program = pathlib.Path(config.getoption("--build")) / "bin/vornlaunch"
     if program.exists() and is_sanitized(program):
         markers.append("plain")
+    if program.exists() and is_emulated(program):
+        markers.append("native")
     left_out = [
         item for item in items if any(map(item.get_closest_marker, markers))
     ]

@@ -17,7 +17,7 @@ from support.control import RESPONSE, State, pack_request, read_exactly
 from support.control import unpack_response
 from support.machine import PYTHON, Machine
 from support.outside import Outside, node_of
-from support.trace import parse_trace
+from support.trace import on_every_machine, parse_trace
 from support.waiting import eventually
 
 # Shows the real process table when the node that is stopped is dead, so that a
@@ -158,7 +158,8 @@ class Run:
         if scenario.traces_children:
             spend = machine.file("spend.py", SPEND)
             options = {"wrapper": ["strace", "-D", "-f", "-o", "/tmp/strace.log",
-                                   *strace, PYTHON, "-I", "-S", spend]}
+                                   *on_every_machine(strace),
+                                   PYTHON, "-I", "-S", spend]}
         machine.start(
             content, arguments=scenario.arguments, wait_until_up=False, **options,
             environment={"TZ": "UTC0", "PATH": "/tmp/bin:/usr/bin:/bin",

@@ -152,7 +152,7 @@ def trace(machine):
 
 def is_idle(machine):
     """Whether the launcher's last call is a wait that has not come back."""
-    return re.search(r"^epoll_wait\([^\n]*\Z", trace(machine), re.MULTILINE)
+    return re.search(r"^epoll_p?wait\([^\n]*\Z", trace(machine), re.MULTILINE)
 
 
 def calls(machine):

@@ -13,6 +13,7 @@ import sys
 from support import control
 from support.control import Cmd
 from support.log import parse_log
+from support.trace import on_every_machine
 from support.waiting import eventually
 
 INIT = pathlib.Path(__file__).with_name("namespace_init.py")
@@ -49,7 +50,9 @@ class Process:
 
     @property
     def argv(self):
-        return [part.decode() for part in self.read("cmdline").split(b"\0")[:-1]]
+        words = [part.decode() for part in self.read("cmdline").split(b"\0")[:-1]]
+        # The emulator's own, and the program's path, come first.
+        return words[2:] if words and is_emulator(words[0]) else words
 
     @property
     def environment(self):
@@ -69,6 +72,22 @@ class Process:
 def _status_fields(host_pid):
     text = pathlib.Path(f"/proc/{host_pid}/status").read_text(encoding="utf-8")
     return dict(line.split(":\t", 1) for line in text.splitlines() if ":\t" in line)
+
+
+def machine_of(program):
+    """The kind of machine that a program is for, as its header has it."""
+    with open(program, "rb") as file:
+        return file.read(20)[18:]
+
+
+def is_emulated(program):
+    """Whether the program is for another kind of machine than this one."""
+    return machine_of(program) != machine_of(sys.executable)
+
+
+def is_emulator(path):
+    """Whether it is what the kernel starts programs of other machines by."""
+    return path.startswith("/usr/libexec/qemu-binfmt/")
 
 
 def is_sanitized(program):
@@ -130,7 +149,8 @@ class Machine:
         command = list(wrapper)
         if strace is not None:
             # -D: the launcher, not strace, is the direct child.
-            command += ["strace", "-D", "-o", "/tmp/strace.log", *strace]
+            command += ["strace", "-D", "-o", "/tmp/strace.log"]
+            command += on_every_machine(strace)
             command += ["-f"] * traces_children
         command += ["/tmp/install/bin/vornlaunch", *arguments]
         self._boot(command, self._environment(environment or {}, strace is not None),

@@ -1,4 +1,7 @@
-"""What strace saw, call by call."""
+"""What strace saw, call by call.
+
+arm64 has newer calls in place of some that x86-64 has. Tests name those of x86-64;
+on either machine they are given, and get, these."""
 
 import dataclasses
 import re
@@ -8,6 +11,48 @@ _CALL = re.compile(r"(?P<name>\w+)\((?P<arguments>.*)\) += (?P<result>.*)")
 _UNFINISHED = re.compile(r"(?P<begin>(?P<name>\w+)\(.*?) <unfinished \.\.\.>")
 _RESUMED = re.compile(r"<\.\.\. \w+ resumed>(?P<end>.*)")
 _END = re.compile(r"\+\+\+ (?P<how>.*) \+\+\+")
+
+# What tests name, and all that does it; strace knows some of them on one machine
+# alone.
+_NAMES = {
+    "accept": ("accept", "accept4"),
+    "chmod": ("chmod", "fchmodat"),
+    "epoll_create": ("epoll_create",),
+    "epoll_wait": ("epoll_wait", "epoll_pwait"),
+    "mkdir": ("mkdir", "mkdirat"),
+    "poll": ("poll", "ppoll"),
+    "readlink": ("readlink", "readlinkat"),
+    "signalfd": ("signalfd",),
+    "unlink": ("unlink", "unlinkat"),
+}
+
+# The older call for a newer one, and which of its arguments that has.
+_OLDER = {
+    "accept4": ("accept", re.compile(r"(?P<kept>.*), 0")),
+    "epoll_pwait": ("epoll_wait", re.compile(r"(?P<kept>.*), NULL, \d+")),
+    "fchmodat": ("chmod", re.compile(r"AT_FDCWD, (?P<kept>.*)")),
+    "mkdirat": ("mkdir", re.compile(r"AT_FDCWD, (?P<kept>.*)")),
+    "ppoll": ("poll", re.compile(
+        r"(?P<kept>.*), (NULL|\{tv_sec=(?P<seconds>\d+), "
+        r"tv_nsec=(?P<nanoseconds>\d+)\}), NULL, \d+")),
+    "readlinkat": ("readlink", re.compile(r"AT_FDCWD, (?P<kept>.*)")),
+    "unlinkat": ("unlink", re.compile(r"AT_FDCWD, (?P<kept>.*), 0")),
+}
+
+
+def on_every_machine(options):
+    """These options of strace, with each call under all its names."""
+
+    def all_names(option):
+        kind, separator, rest = option.partition("=")
+        if not separator or kind not in ("trace", "inject"):
+            return option
+        calls, colon, what = rest.partition(":")
+        names = [f"?{name}" if call in _NAMES else name for call in calls.split(",")
+                 for name in _NAMES.get(call, (call,))]
+        return f"{kind}={','.join(names)}{colon}{what}"
+
+    return [all_names(option) for option in options]
 
 
 @dataclasses.dataclass
@@ -57,7 +102,31 @@ def parse_trace(text):
             calls.append(Call(pid, match["name"], match["arguments"], match["result"]))
         elif match := _END.fullmatch(rest):
             calls.append(Call(pid, "end", match["how"], ""))
+    for call in calls:
+        _rename(call)
     return calls
+
+
+def _rename(call):
+    """Makes the call the older one that does the same, if there is one."""
+    if call.name not in _OLDER:
+        return
+    name, form = _OLDER[call.name]
+    if call.result is not None:  # else not all its arguments are there
+        match = form.fullmatch(call.arguments)
+        if not match:
+            return
+        call.arguments = match["kept"]
+        if call.name == "ppoll":
+            call.arguments += f", {_milliseconds(match)}"
+            call.result = re.sub(r", left \{[^}]*\}", "", call.result)
+    call.name = name
+
+
+def _milliseconds(limit):
+    if limit["seconds"] is None:
+        return -1
+    return int(limit["seconds"]) * 1000 + int(limit["nanoseconds"]) // 1_000_000
 
 
 def read_trace(machine):

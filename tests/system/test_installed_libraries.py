@@ -49,6 +49,26 @@ def run(*command, **environment):
     return finished.stdout
 
 
+@pytest.fixture(scope="session", name="build")
+def fixture_build(program):
+    """The build folder."""
+    return program.parent.parent
+
+
+@pytest.fixture(scope="session", name="settings")
+def fixture_settings(build):
+    """CMake's settings of the build, by name."""
+    text = (build / "CMakeCache.txt").read_text(encoding="utf-8")
+    return dict(re.findall(r"^(\w+):\w+=(.*)$", text, re.MULTILINE))
+
+
+@pytest.fixture(name="configure")
+def fixture_configure(settings):
+    """CMake, told to build for the same kind of machine."""
+    toolchain = settings.get("CMAKE_TOOLCHAIN_FILE")
+    return ["cmake", *([f"-DCMAKE_TOOLCHAIN_FILE={toolchain}"] if toolchain else [])]
+
+
 @pytest.fixture(name="library", params=PROGRAMS)
 def fixture_library(request):
     return request.param
@@ -69,19 +89,19 @@ def does_its_work(user, library):
     return re.fullmatch(PROGRAMS[library][1], said)
 
 
-@pytest.fixture(name="prefix", params=["lib", "lib/x86_64-linux-gnu"])
-def fixture_prefix(request, tmp_path, program):
+@pytest.fixture(name="prefix", params=["lib", "lib of this machine"])
+def fixture_prefix(request, tmp_path, build, configure, settings):
     """An installation that has been moved since."""
-    build = program.parent.parent
     if request.param == "lib":
         made = tmp_path / "made"
         run("cmake", "--install", str(build), "--prefix", str(made))
         return made.rename(tmp_path / "moved")
     # A folder of libraries of another name needs another configuration.
     source = pathlib.Path(__file__).resolve().parents[2]
+    machine = run(settings["CMAKE_CXX_COMPILER"], "-print-multiarch").strip()
     other = tmp_path / "build"
-    run("cmake", "-S", str(source), "-B", str(other), "-DBUILD_TESTING=OFF",
-        "-DVORN_VORNCTL=OFF", f"-DCMAKE_INSTALL_LIBDIR={request.param}")
+    run(*configure, "-S", str(source), "-B", str(other), "-DBUILD_TESTING=OFF",
+        "-DVORN_VORNCTL=OFF", f"-DCMAKE_INSTALL_LIBDIR=lib/{machine}")
     run("cmake", "--build", str(other), "--target", *PROGRAMS)
     made = tmp_path / "made"
     for folder in ("tools/vornctl", "libvornlib"):
@@ -96,19 +116,21 @@ def sanitizers(program):
     return ""
 
 
-def test_a_cmake_project_finds_the_library(project, prefix, library, program):
-    build = str(project / "user-build")
-    run("cmake", "-S", str(project), "-B", build, f"-DCMAKE_PREFIX_PATH={prefix}",
+def test_a_cmake_project_finds_the_library(
+        project, prefix, library, program, configure):
+    user = str(project / "user-build")
+    run(*configure, "-S", str(project), "-B", user, f"-DCMAKE_PREFIX_PATH={prefix}",
         f"-DCMAKE_EXE_LINKER_FLAGS={sanitizers(program)}")
-    run("cmake", "--build", build)
-    assert does_its_work(f"{build}/user", library)
+    run("cmake", "--build", user)
+    assert does_its_work(f"{user}/user", library)
 
 
-def test_pkg_config_finds_the_library(project, prefix, library, program):
+def test_pkg_config_finds_the_library(
+        project, prefix, library, program, settings):
     folder = next(prefix.rglob(f"{library}.pc")).parent
     flags = run("pkg-config", "--cflags", "--libs", library,
                 PKG_CONFIG_PATH=str(folder)).split()
     user = str(project / "user")
-    run("c++", "-std=c++17", str(project / "user.cpp"), *flags,
+    run(settings["CMAKE_CXX_COMPILER"], "-std=c++17", str(project / "user.cpp"), *flags,
         *sanitizers(program).split(), "-o", user)
     assert does_its_work(user, library)

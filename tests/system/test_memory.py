@@ -14,6 +14,7 @@ def heap_in_use(machine):
     return int(re.search(r"^Private_Dirty: +(\d+) kB$", heap, re.M)[1])
 
 
+@pytest.mark.native
 @pytest.mark.plain  # a sanitizer has a heap of its own
 def test_the_heap_is_less_than_a_kilobyte_for_each_of_a_thousand_nodes(machine):
     nodes = {f"node{i}": {"path": "/bin/true", "argv": "a b c", "autostart": False}
@@ -24,6 +25,7 @@ def test_the_heap_is_less_than_a_kilobyte_for_each_of_a_thousand_nodes(machine):
     assert heap_in_use(machine) < 1000
 
 
+@pytest.mark.native
 @pytest.mark.plain
 def test_code_that_has_only_read_the_launch_file_takes_no_memory(machine):
     machine.start({"vornnode": {"worker": {"path": "/bin/sleep", "argv": "1000"}}})

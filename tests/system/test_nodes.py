@@ -405,6 +405,7 @@ def test_a_failed_stop_makes_a_disable_fail_but_disables(machine):
     assert machine.is_alive(pid)
 
 
+@pytest.mark.native  # the emulator makes no process by clone3()
 def test_a_check_that_cannot_be_started_is_skipped_for_its_pass(machine):
     machine.start(worker(machine),
                   strace=injected("clone3:error=EAGAIN:when=1..2",

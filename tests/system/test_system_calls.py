@@ -48,6 +48,7 @@ def test_the_event_loop_s_descriptor_is_closed_on_exec(machine):
     assert [call.text for call in calls] == ["epoll_create1(EPOLL_CLOEXEC)"]
 
 
+@pytest.mark.native
 def test_sigchld_and_sigterm_are_routed_to_a_watched_descriptor(machine):
     run_node(
         machine, STAY,
@@ -60,7 +61,7 @@ def test_sigchld_and_sigterm_are_routed_to_a_watched_descriptor(machine):
         only(
             calls,
             r"rt_sigaction\(SIGCHLD, \{sa_handler=SIG_DFL, sa_mask=\[\], "
-            r"sa_flags=SA_RESTORER\|SA_NOCLDSTOP, sa_restorer=0x[0-9a-f]+\}, NULL, 8\)",
+            r"sa_flags=(SA_RESTORER\|)?SA_NOCLDSTOP(, sa_restorer=0x[0-9a-f]+)?\}, NULL, 8\)",
         ),
         only(calls, r"rt_sigprocmask\(SIG_BLOCK, \[TERM CHLD\], NULL, 8\)"),
         only(calls, r"signalfd4?\(-1, \[TERM CHLD\], 8, SFD_CLOEXEC\)"),
@@ -144,6 +145,7 @@ def test_a_connection_is_one_request_one_reply_and_a_wait_for_the_hang_up(machin
 # -- A child.
 
 
+@pytest.mark.native
 def test_a_child_prepares_its_signals_and_its_mask_before_the_exec(machine):
     run_node(machine, STAY, "rt_sigaction", "rt_sigprocmask", "umask", "execve")
     pid = machine.status("worker").pid
@@ -212,7 +214,7 @@ def test_a_dead_child_is_looked_at_before_it_is_collected(machine):
     assert is_look_for_the_dead(calls[0])
     pid = dead_child_of(calls[0])
     assert "ready to restarting" in calls[3].text
-    assert calls[4].text == f"wait4({pid}, NULL, WNOHANG, NULL)"
+    assert re.fullmatch(rf"wait4\({pid}, .*, WNOHANG, NULL\)", calls[4].text)
     assert calls[4].number == pid
     assert "tv_sec=0, tv_nsec=1000000}" in calls[5].text
     assert is_look_for_the_dead(calls[6])

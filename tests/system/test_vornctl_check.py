@@ -47,6 +47,7 @@ def names_in(finished):
             for each in file["findings"]]
 
 
+@pytest.mark.native  # its programs are for this machine, as they should be
 def test_a_good_file_is_passed_in_silence(vornctl):
     finished = vornctl(write(vornctl, CLEAN), "--ignore=writable-by-others")
     assert (finished.returncode, finished.stdout, finished.stderr) == (0, "", "")
@@ -116,6 +117,7 @@ def test_the_machine_is_looked_at_for_a_file_alone_unless_it_is_said(vornctl):
     assert finding in names_in(vornctl(*options, "--host", "-", text=text))
 
 
+@pytest.mark.native  # as above
 def test_the_programs_are_those_of_the_variables_that_the_launcher_would_have(
     vornctl,
 ):

@@ -41,6 +41,7 @@ def expected(command):
     return {"status": (3, "NODE "), "stop": (0, "camera: stopped")}[command]
 
 
+@pytest.mark.native  # the emulator has more calls, and each signal to itself
 @pytest.mark.parametrize("command", COMMANDS)
 def test_a_client_stopped_from_a_terminal_holds_no_launcher(robot, command):
     found = interrupted(robot, "stop", "SIGTSTP", robot.pid, command)
@@ -50,6 +51,7 @@ def test_a_client_stopped_from_a_terminal_holds_no_launcher(robot, command):
     assert found["stops"] > 50
 
 
+@pytest.mark.native
 @pytest.mark.parametrize("command", COMMANDS)
 def test_a_stop_that_cannot_be_held_off_holds_it_between_connect_and_send(
         robot, command):
@@ -61,6 +63,7 @@ def test_a_stop_that_cannot_be_held_off_holds_it_between_connect_and_send(
     assert found["blocked"] == ["connect", "getsockopt"] * 2
 
 
+@pytest.mark.native
 @pytest.mark.parametrize("command", COMMANDS)
 @pytest.mark.parametrize("name", ["SIGINT", "SIGTERM", "SIGHUP", "SIGKILL"])
 def test_a_client_that_is_ended_holds_no_launcher(robot, name, command):

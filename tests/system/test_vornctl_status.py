@@ -2,7 +2,7 @@
 
 import json
 import os
-import pathlib
+import re
 import signal
 import time
 
@@ -377,8 +377,9 @@ def test_a_folder_is_no_launch_file(robot):
 
 def test_the_launch_file_is_the_launchers_last_argument(machine):
     machine.launch_file(stay(machine, camera={}))
-    [loader] = pathlib.Path("/").glob("lib64/ld-linux*.so.*")
-    machine.start(arguments=["/tmp/launch.yaml"], wrapper=[str(loader)])
+    program = (machine.install / "bin/vornctl").read_bytes()
+    loader = re.search(rb"/lib\d*/ld-linux[\w.-]+", program)[0].decode()
+    machine.start(arguments=["/tmp/launch.yaml"], wrapper=[loader])
     assert names(machine) == ["camera"]
 
 
@@ -428,7 +429,9 @@ def test_a_relative_file_in_another_mount_namespace_is_found(machine):
 @pytest.mark.parametrize("configure, environment, expected", [
     ({}, {"VORN_BIN_PATH": "/opt/a"}, "/opt/a/prog"),
     ({"VORN_BIN_PATH": "/opt/b"}, {"VORN_BIN_PATH": "/opt/a"}, "/opt/b/prog"),
-    ({"VORN_BIN_PATH": "install://bin"}, {}, "/tmp/install/bin/prog"),
+    # vornctl looks at the launcher's own program.
+    pytest.param({"VORN_BIN_PATH": "install://bin"}, {}, "/tmp/install/bin/prog",
+                 marks=pytest.mark.native),
     ({"VORN_BIN_PATH": "install://x"}, {"VORN_ROOT": "/opt/r/"}, "/opt/r/x/prog"),
     ({"VORN_BIN_PATH": ""}, {"VORN_BIN_PATH": "/opt/a"}, "prog"),
 ], ids=["environment", "file", "install", "root", "empty"])

@@ -237,7 +237,10 @@ def test_a_wait_can_be_broken_off(robot, number, status):
     with running(robot, "wait", "manual", "--state", "running") as client:
         wait_for_question(robot, before + 1)
         client.signal(number)
-        assert client.end() == (status, "", "")
+        found = client.end()
+    assert found[:2] == (status, "")
+    # It asks again and again; a slow one may be about to.
+    assert found[2] in ("", "vornctl: given up before the request was sent\n")
 
 
 def test_a_hangup_that_the_caller_ignores_is_ignored(robot):
