@@ -244,17 +244,24 @@ def test_sigpipe_neither_ends_the_launcher_nor_prints(machine):
     assert machine.stdout() == handled_with(signal.SIGINT)
 
 
+# Code that reads the byte at the address 0, by the kind of machine.
+FAULTS = {
+    "x86_64": b"\x31\xc0\x8a\x00",  # xor %eax,%eax; mov (%rax),%al
+    "aarch64": b"\x00\x00\x80\xd2\x00\x00\x40\x39",  # mov x0,#0; ldrb w0,[x0]
+}
+
+
 @pytest.mark.native
-@pytest.mark.skipif(platform.machine() != "x86_64", reason="needs x86-64 code")
 def test_a_genuine_fault_spins_after_one_line(machine):
     terminal, end = pty.openpty()
     machine.start({}, stdout=end)
     wait_until_idle(machine)
     process = machine.process
-    # xor %eax,%eax; mov (%rax),%al: reads address 0 where epoll_wait returns.
+    # Where epoll_wait returns.
+    fault = FAULTS[platform.machine()]
     resumes_at = int(process.read("syscall").split()[-1], 16)
     memory = os.open(f"/proc/{process.host_pid}/mem", os.O_WRONLY)
-    assert os.pwrite(memory, b"\x31\xc0\x8a\x00", resumes_at) == 4
+    assert os.pwrite(memory, fault, resumes_at) == len(fault)
     os.close(memory)
 
     def processor_time():

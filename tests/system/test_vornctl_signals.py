@@ -63,7 +63,6 @@ def test_a_stop_that_cannot_be_held_off_holds_it_between_connect_and_send(
     assert found["blocked"] == ["connect", "getsockopt"] * 2
 
 
-@pytest.mark.native
 @pytest.mark.parametrize("command", COMMANDS)
 @pytest.mark.parametrize("name", ["SIGINT", "SIGTERM", "SIGHUP", "SIGKILL"])
 def test_a_client_that_is_ended_holds_no_launcher(robot, name, command):
