@@ -21,6 +21,8 @@ What is run (default: --unit --system --reliability):
   --reliability   the short forms of what ./reliability.sh proves
   --instructions  the instructions of the launcher's usual work are no more
                   than were kept (release alone)
+  --packages      the packages of ./package.sh, in a small Debian of their own
+                  (root alone)
   --lint          clang-format, clang-tidy, cppcheck, shellcheck, pyflakes
   --all           what CI runs: all of these, by GCC and with sanitizers, and a
                   build by Clang; the tests of the control socket for arm64; a
@@ -58,7 +60,7 @@ build_folder() {
 parse_options() {
   while [[ $# -gt 0 ]]; do
     case $1 in
-      --unit | --system | --reliability | --instructions | --lint)
+      --unit | --system | --reliability | --instructions | --packages | --lint)
         suites+=("${1#--}")
         ;;
       --all) all=true ;;
@@ -92,7 +94,7 @@ parse_options() {
     [[ ${#suites[@]} -eq 0 && $preset == release ]] ||
       die "--all leaves nothing to choose; see ./test.sh --help"
     count_options=(--no-skips)
-    suites=(unit system reliability instructions)
+    suites=(unit system reliability instructions packages)
   fi
   [[ " ${suites[*]} " != *" instructions "* || $preset == release ]] ||
     die "--instructions are those of the release build"
@@ -157,6 +159,15 @@ run_instructions() {
     failed=true
 }
 
+run_packages() {
+  install_packages "${TEST_PACKAGES[@]}" "${PACKAGE_TEST_PACKAGES[@]}"
+  ./package.sh >/dev/null
+  scripts/debian_root.sh build-packages/root
+  say "packages"
+  # One at a time: they share an installation.
+  jobs=1 run_pytest "$1" tests/packages
+}
+
 # run_pytest PRESET FOLDER
 run_pytest() {
   local status=0
@@ -187,12 +198,11 @@ run_lint() {
 run_suites() {
   local suite built=false
   for suite in "${@:2}"; do
-    if [[ $suite == lint ]]; then
-      run_lint
-      continue
+    # These two need no build of the preset.
+    if [[ $suite != lint && $suite != packages ]]; then
+      $built || build_preset "$1"
+      built=true
     fi
-    $built || build_preset "$1"
-    built=true
     "run_$suite" "$1"
   done
 }
@@ -202,7 +212,7 @@ for ((round = 1; round <= repeat; ++round)); do
   if [[ $repeat -gt 1 ]]; then say "round $round of $repeat"; fi
   if $all; then
     build_preset clang
-    run_suites release lint unit system reliability instructions
+    run_suites release lint unit system reliability instructions packages
     run_suites asan unit system reliability
     if [[ $(uname -m) == x86_64 ]]; then run_some_arm64; fi
   else

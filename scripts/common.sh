@@ -16,7 +16,8 @@ set -euo pipefail
   CLANG_PACKAGES=(clang-14)
   FUZZ_PACKAGES=(clang-14 llvm-14 libclang-rt-14-dev)
   ROOT_PACKAGES=(debootstrap util-linux)  # for a Debian root to test in
-  PACKAGE_PACKAGES=(debhelper dpkg-dev fakeroot)
+  PACKAGE_PACKAGES=(git debhelper dpkg-dev)
+  RPM_PACKAGES=(rpm cpio)
   PACKAGE_TEST_PACKAGES=(lintian)
   COVERAGE_PACKAGES=(gcovr)
   PLOT_PACKAGES=(python3-matplotlib)

@@ -19,6 +19,7 @@ mount -t tmpfs vornlaunch-test "$2"
 mkdir "$2/changes" "$2/work" "$2/root"
 mount -t overlay overlay "$2/root" \\
   -o "lowerdir=$1,upperdir=$2/changes,workdir=$2/work"
+mount -t devpts devpts "$2/root/dev/pts" -o newinstance,ptmxmode=0666
 cp -L /etc/resolv.conf "$2/root/etc/resolv.conf"
 mount -t proc proc "$2/root/proc"  # umount wants it
 cd "$2/root"
@@ -67,15 +68,25 @@ class Started:
 
 class DebianRoot:
     """A private view of the Debian root in the folder `lower`: all changes are
-    this view's alone. `mount_point` is an empty folder."""
+    this view's alone. `mount_point` is an empty folder. With `above`, another
+    view, both are in that, which must not change any more."""
 
-    def __init__(self, lower, mount_point):
+    def __init__(self, lower, mount_point, above=None):
         self._started = []
+        enter = [] if above is None else above.enter()
         self._holder = subprocess.Popen(
-            ["unshare", "--mount", "sh", "-c", MAKE_VIEW, "sh", str(lower),
+            [*enter, "unshare", "--mount", "sh", "-c", MAKE_VIEW, "sh", str(lower),
              str(mount_point)],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, encoding="utf-8")
         assert self._holder.stdout.readline() == "made\n"
+
+    def view(self):
+        """A private view of this view."""
+        return DebianRoot("/", "/mnt", above=self)
+
+    def enter(self):
+        """The command that runs a command in the view."""
+        return ["nsenter", f"--target={self._holder.pid}", "--mount", "--root", "--wd"]
 
     def path(self, inside):
         """Where this test finds the file `inside`, an absolute path, for
@@ -91,7 +102,8 @@ class DebianRoot:
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT, encoding="utf-8", timeout=timeout, check=False)
         if check:
-            assert finished.returncode == 0, f"{command}:\n{finished.stdout}"
+            said = finished.stdout[-4000:]
+            assert finished.returncode == 0, f"{command}:\n{said}"
         return finished
 
     def run(self, *command, **options):
@@ -114,9 +126,8 @@ class DebianRoot:
         if of is not None:
             return ["nsenter", f"--target={of.host_pid}", "--mount", "--root",
                     "--wd", "--pid", "--net", *command]
-        enter = ["nsenter", f"--target={self._holder.pid}", "--mount", "--root",
-                 "--wd", "unshare", "--mount", "--pid", "--fork", "--kill-child",
-                 "--mount-proc"]
+        enter = [*self.enter(), "unshare", "--mount", "--pid", "--fork",
+                 "--kill-child", "--mount-proc"]
         if not network:
             enter.append("--net")
         return [*enter, "sh", "-c", RUN, "sh", *command]

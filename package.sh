@@ -1,0 +1,162 @@
+#!/usr/bin/env bash
+# Builds the packages of the launcher.
+
+root=$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")
+# shellcheck source=scripts/common.sh
+source "$root/scripts/common.sh"
+cd -- "$root"
+
+usage() {
+  cat <<TEXT
+Usage: ./package.sh [OPTION...]
+
+Installs what is missing and builds Debian packages from a copy of the files
+that git knows, as they are now. They come to build-packages/ARCH/. Exit status:
+0 done, 1 --check found something, 2 it could not be done.
+
+  --arch ARCH   for amd64 or arm64 (default: this machine's). For another
+                machine they are built in a small Debian below build-packages/,
+                with a cross compiler; this needs root
+  --rpm         an rpm instead, in build-packages/rpm/, for systems with the
+                shared libraries of this one
+  --check       proves them: builds them a second time, elsewhere and under
+                other circumstances, and compares the bytes; makes the rpm; and
+                runs the long tests, one of which builds them with their build
+                dependencies alone. This needs root and takes some minutes
+  -h, --help    this text
+
+docs/install.md tells what each package holds and how to use them. The unit
+tests are left to ./test.sh.
+TEXT
+}
+
+native=$(dpkg --print-architecture)
+arch=$native
+kind=deb
+check=false
+while [[ $# -gt 0 ]]; do
+  case $1 in
+    --arch)
+      [[ $# -ge 2 ]] || die "$1 needs a value; see ./package.sh --help"
+      arch=$2
+      shift
+      ;;
+    --rpm) kind=rpm ;;
+    --check) check=true ;;
+    -h | --help)
+      usage
+      exit 0
+      ;;
+    *) die "unknown option '$1'; see ./package.sh --help" ;;
+  esac
+  shift
+done
+[[ $arch =~ ^(amd64|arm64)$ ]] ||
+  die "no packages for '$arch'; see ./package.sh --help"
+[[ $arch == "$native" ]] || { [[ $kind == deb ]] && ! $check; } ||
+  die "--rpm and --check are for this machine's own packages"
+
+# copy_files FOLDER
+copy_files() {
+  mkdir -p "$1"
+  git ls-files -z --cached --others --exclude-standard |
+    while IFS= read -r -d '' file; do
+      if [[ -e $file ]]; then printf '%s\0' "$file"; fi
+    done | xargs -0 cp --parents -t "$1"
+}
+
+# The builders build in FOLDER/source; the packages come to FOLDER.
+
+build_deb() {
+  (cd "$1/source" && DEB_BUILD_OPTIONS=nocheck DEB_BUILD_PROFILES=nocheck \
+    dpkg-buildpackage -b -us -uc --jobs="$(nproc)")
+}
+
+# The libraries for both machines cannot be installed side by side; so this is
+# done in a Debian that has those for the other machine alone.
+build_cross_deb() {
+  local debian=$root/build-packages/cross-$arch
+  # shellcheck disable=SC2016  # variables of those shells
+  scripts/debian_root.sh "$debian" &&
+    as_root rm -rf "$debian/build" &&
+    as_root mkdir "$debian/build" &&
+    as_root cp -r "$1/source" "$debian/build" &&
+    as_root unshare --mount --pid --fork --kill-child sh -ec '
+      mount -t proc proc "$1/proc"
+      cp -L /etc/resolv.conf "$1/etc"
+      exec chroot "$1" sh -exc "$2" sh "$3"' sh "$debian" '
+      cd /build/source
+      export DEBIAN_FRONTEND=noninteractive
+      export DEB_BUILD_OPTIONS=nocheck DEB_BUILD_PROFILES="cross nocheck"
+      dpkg --add-architecture "$1"
+      apt-get -q update
+      apt-get -qy install --no-install-recommends build-essential \
+        crossbuild-essential-"$1"
+      apt-get -qy build-dep --no-install-recommends --host-architecture "$1" ./
+      dpkg-buildpackage -b -us -uc --host-arch "$1" --jobs="$(nproc)"' "$arch" &&
+    find "$debian/build" -maxdepth 1 -type f -exec cp -t "$1" {} +
+}
+
+build_rpm() {
+  (cd "$1/source" && cmake -S . -B build -DCMAKE_INSTALL_PREFIX=/usr \
+    -DCMAKE_INSTALL_LIBDIR=lib64 -DBUILD_TESTING=OFF &&
+    cmake --build build --parallel "$(nproc)" &&
+    cpack --config build/CPackConfig.cmake -B build/rpm &&
+    mv build/rpm/*.rpm ..)
+}
+
+# build_in FOLDER BUILDER
+build_in() {
+  rm -rf "$1"
+  copy_files "$1/source"
+  say "building packages in $1"
+  "$2" "$1" >"$1/log" 2>&1 || {
+    tail -n 20 "$1/log" >&2
+    die "the packages could not be built; all of what was said is in $1/log"
+  }
+  rm -rf "$1/source"
+}
+
+build_rpm_in() {
+  install_packages "${RPM_PACKAGES[@]}"
+  build_in "$1" build_rpm
+}
+
+# Builds the Debian packages again, with all changed that might leave a trace but
+# the clock, which has moved on by itself.
+compare_with_another_build() {
+  local again=$1-in-another-folder-of-a-longer-name package
+  (umask 077 && HOME=/nonexistent LC_ALL=C TZ=Pacific/Apia \
+    build_in "$again" build_deb)
+  for package in "$1"/*.deb; do
+    cmp "$package" "$again/$(basename -- "$package")" || exit 1
+  done
+  rm -rf "$again"
+  say "both builds gave the same bytes"
+}
+
+run_long_tests() {
+  install_packages "${TEST_PACKAGES[@]}" "${PACKAGE_TEST_PACKAGES[@]}"
+  scripts/debian_root.sh build-packages/root
+  /usr/bin/python3 -m pytest -q -p no:cacheprovider --long tests/packages ||
+    exit 1
+}
+
+install_packages "${BUILD_PACKAGES[@]}" "${PACKAGE_PACKAGES[@]}"
+git ls-files --error-unmatch README.md >/dev/null 2>&1 ||
+  die "the files to pack are those that git tracks; this is no git checkout"
+folder=$root/build-packages/$arch
+if [[ $kind == rpm ]]; then
+  folder=$root/build-packages/rpm
+  build_rpm_in "$folder"
+elif [[ $arch == "$native" ]]; then
+  build_in "$folder" build_deb
+else
+  build_in "$folder" build_cross_deb
+fi
+if $check; then
+  compare_with_another_build "$folder"
+  build_rpm_in "$root/build-packages/rpm"
+  run_long_tests
+fi
+ls -1 "$folder"/*."$kind"

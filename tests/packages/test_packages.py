@@ -1,0 +1,307 @@
+"""The packages: what is in them, and what comes of it on a machine that has
+nothing else."""
+
+import pathlib
+import re
+import shlex
+import shutil
+import signal
+import subprocess
+
+import pytest
+
+from support.waiting import eventually
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+
+
+def run(*command, **options):
+    finished = subprocess.run(
+        command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="utf-8",
+        check=False, **options)
+    assert finished.returncode == 0, finished.stdout
+    return finished.stdout
+
+
+def version():
+    text = (ROOT / "debian/changelog").read_text(encoding="utf-8")
+    return re.match(r"vornlaunch \((.*)\)", text)[1]
+
+
+def field(path, name):
+    return run("dpkg-deb", "--field", path, name).strip()
+
+
+# -- The files.
+
+
+def test_debians_checker_finds_nothing(built):
+    [changes] = built.glob("*.changes")
+    said = run("lintian", "--allow-root", "--display-info", "--fail-on",
+               "error,warning,info", changes)
+    assert said == ""
+
+
+def test_the_launchers_package_depends_on_what_it_runs(packages):
+    depends = field(packages["vornlaunch"], "Depends").split(", ")
+    assert {"procps", "grep", f"vornctl (= {version()})"} <= set(depends)
+
+
+def test_the_launcher_depends_on_no_shared_library(packages):
+    assert "lib" not in field(packages["vornlaunch"], "Depends")
+
+
+def test_the_version_is_the_same_everywhere(packages, contents, built):
+    assert {field(path, "Version") for path in packages.values()} == {version()}
+    assert (built / f"vornctl-dbgsym_{version()}_{built.name}.deb").exists()
+    for name in ("vornlib", "vornctl_client"):
+        [described] = contents["libvornlib-dev"].rglob(f"{name}.pc")
+        assert f"\nVersion: {version()}\n" in described.read_text(encoding="utf-8")
+        [described] = contents["libvornlib-dev"].rglob(f"{name}-config-version.cmake")
+        assert f'PACKAGE_VERSION "{version()}"' in described.read_text(encoding="utf-8")
+    changes = (ROOT / "CHANGELOG.md").read_text(encoding="utf-8")
+    assert re.search("^## ([0-9.]+)", changes, re.M)[1] == version()
+    assert run(contents["vornctl"] / "usr/bin/vornctl", "--version") == (
+        f"vornctl {version()}\n")
+
+
+def documented_files():
+    """(package, file) as in the table of the document."""
+    text = (ROOT / "docs/install.md").read_text(encoding="utf-8")
+    for package, holds in re.findall(r"^\| `([a-z-]+)` \|(.*)\|$", text, re.M):
+        for file in re.findall("`/([^`]+)`", holds):
+            yield package, file
+
+
+@pytest.mark.parametrize("package, file", documented_files())
+def test_a_package_holds_what_the_document_says(package, file, contents):
+    assert (contents[package] / file).exists()
+
+
+def test_a_program_is_built_with_the_library(contents, tmp_path):
+    source = tmp_path / "user.cpp"
+    source.write_text("""
+#include <control_client.h>
+#include <vornlib/path.h>
+#include <iostream>
+
+int main() {
+  vorn::launch::ControlOptions options;
+  options.socketPath = "/nonexistent/socket";
+  std::cout << vorn::path::root() << ": "
+            << vorn::launch::ControlClient(options).status("camera").message;
+}
+""", encoding="utf-8")
+    [folder] = contents["libvornlib-dev"].rglob("pkgconfig")
+    flags = run("pkg-config", "--cflags", "--libs", "vornctl_client", "vornlib",
+                env={"PKG_CONFIG_LIBDIR": str(folder)}).split()
+    run("c++", "-std=c++17", source, *flags, "-o", tmp_path / "user")
+    assert run(tmp_path / "user", env={"VORN_ROOT": "/opt/robot"}) == (
+        "/opt/robot: no launcher is running: there is no socket /nonexistent/socket")
+
+
+# -- Installed.
+
+
+def settings(debian, unit):
+    """What stands in a unit, by name."""
+    text = debian.path(f"/lib/systemd/system/{unit}").read_text(encoding="utf-8")
+    return dict(re.findall(r"^(\w+)=(.*)$", text, re.M))
+
+
+class Service:
+    """The launcher as the service manager would run it. The commands of the
+    document go to this, or to a shell."""
+
+    def __init__(self, debian):
+        self._debian = debian
+        self._setting = settings(debian, "vornlaunch.service")
+        self.launcher = None
+
+    def follow(self, commands):
+        """Returns what the last one has printed."""
+        said = None
+        for command in commands:
+            if command.startswith("systemctl "):
+                said = self._follow_systemctl(command.split()[1:])
+            else:
+                said = self._debian.run("sh", "-ec", f"cd /root; {command}",
+                                        of=self.launcher)
+        return said
+
+    def _follow_systemctl(self, words):
+        assert words[-1] == "vornlaunch.service"
+        if words[0] in ("stop", "restart") or words[:2] == ["disable", "--now"]:
+            self.launcher.signal(signal.SIGTERM)
+            assert self.launcher.wait() == 0
+            self.launcher = None
+        if words[0] == "restart" or words[:2] == ["enable", "--now"]:
+            self.start()
+
+    def start(self):
+        self._debian.run(*shlex.split(self._setting["ExecStartPre"]))
+        self.launcher = self._debian.start(*shlex.split(self._setting["ExecStart"]),
+                                           stderr=subprocess.DEVNULL,
+                                           stdout=subprocess.DEVNULL)
+        eventually(lambda: "camera" in self.states(), "the launcher answers")
+
+    def states(self):
+        """The state of each node; none while the launcher does not answer."""
+        said = self._debian.execute("vornctl", "status", of=self.launcher).stdout
+        return dict(re.findall(r"^([a-z]+) +(\S+(?: \S+)*)", said, re.M))
+
+
+@pytest.fixture(name="service")
+def fixture_service(installed, steps):
+    """The demo runs as a service, by the steps of the document."""
+    service = Service(installed)
+    [last] = [i for i, step in enumerate(steps["Install"]) if "enable --now" in step]
+    service.follow(steps["Install"][1:last + 1])
+    return service
+
+
+def told_systemctl(debian):
+    """What systemctl was told since the last time, but for questions."""
+    log = debian.path("/var/log/systemctl")
+    told = log.read_text(encoding="utf-8").splitlines() if log.exists() else []
+    log.write_text("", encoding="utf-8")
+    return [line for line in told
+            if not re.search("daemon-reload|is-enabled|is-active|procps", line)]
+
+
+def test_the_installation_starts_and_enables_nothing(installed):
+    assert told_systemctl(installed) == []
+    assert "vornlaunch" not in installed.run("find", "/etc/systemd", "-type", "l")
+    assert list(installed.path("/etc/vornlaunch").iterdir()) == []
+
+
+def test_the_demo_runs_as_a_service_by_the_steps_of_the_document(service):
+    eventually(lambda: service.states().get("detector") == "running",
+               "the detector runs")
+    assert service.states()["camera"] == "running"
+    service.follow(["systemctl stop vornlaunch.service"])
+
+
+def test_the_document_has_all_steps_from_the_installation_to_the_stop(steps):
+    programs = [command.split()[0] for command in steps["Install"]]
+    assert programs == ["apt-get", "cp", "sed", "vornctl", "vornctl", "systemctl",
+                        "vornctl", "systemctl"]
+
+
+def newer(path, folder):
+    """A package that differs from this one in its version."""
+    unpacked = folder / path.stem
+    run("dpkg-deb", "--raw-extract", path, unpacked)
+    control = unpacked / "DEBIAN/control"
+    text = control.read_text(encoding="utf-8")
+    text = re.sub(rf"(^Version: |vornctl \(= ){re.escape(version())}", r"\g<1>99.0",
+                  text, flags=re.M)
+    control.write_text(text, encoding="utf-8")
+    return run("dpkg-deb", "--root-owner-group", "--build", unpacked, folder)
+
+
+def test_an_upgrade_leaves_the_launcher_its_nodes_and_its_file_alone(
+        service, installed, packages, steps, tmp_path):
+    launch_file = installed.path("/etc/vornlaunch/launch.yaml")
+    before = launch_file.read_bytes()
+    told_systemctl(installed)
+    installed.run("sh", "-ec", "rm /root/*.deb")
+    for name in ("vornlaunch", "vornctl"):
+        newer(packages[name], tmp_path)
+    for path in tmp_path.glob("*_99.0_*.deb"):
+        installed.path(f"/root/{path.name}").write_bytes(path.read_bytes())
+    install, restart = steps["Upgrade"]
+    service.follow([install])
+    assert installed.run("dpkg-query", "-W", "-f", "${Version}", "vornlaunch") == "99.0"
+    assert told_systemctl(installed) == []
+    assert not service.launcher.has_ended
+    assert service.states()["camera"] == "running"
+    assert launch_file.read_bytes() == before
+    service.follow([restart])
+    assert service.states()["camera"] == "running"
+
+
+def test_the_removal_stops_every_launcher_and_leaves_the_launch_files(
+        service, installed, steps):
+    told_systemctl(installed)
+    service.follow(steps["Remove"])
+    assert told_systemctl(installed) == [
+        "stop vornlaunch.service vornlaunch@*.service"]
+    assert installed.path("/etc/vornlaunch/launch.yaml").exists()
+    assert not installed.path("/usr/bin/vornlaunch").exists()
+
+
+# What the package tools keep for themselves.
+KEPT = re.compile("/(proc|root|run|tmp|var/cache|var/lib/(apt|dpkg)|var/log)(/|$)")
+
+
+def files(debian):
+    return {path for path in debian.run("find", "/", "-xdev").splitlines()
+            if not KEPT.match(path)}
+
+
+def test_a_purge_leaves_nothing_behind(debian, installed):
+    installed.run("apt-get", "purge", "--autoremove", "vornlaunch", "vornctl",
+                  "libvornlib-dev")
+    assert files(installed) - files(debian) == {
+        "/etc/apt/apt.conf.d/unattended", "/usr/bin/systemctl"}
+
+
+# -- The long form, after ./package.sh --check has built what these are about.
+
+
+@pytest.mark.long
+def test_the_packages_are_built_and_tested_with_their_build_dependencies_alone(debian):
+    tracked = run("git", "-C", ROOT, "ls-files", "-z").split("\0")[:-1]
+    for file in tracked:
+        target = debian.path(f"/root/source/{file}")
+        target.parent.mkdir(parents=True, exist_ok=True)
+        shutil.copy(ROOT / file, target)
+    debian.run("apt-get", "update", network=True)
+    debian.run("apt-get", "install", "-y", "--no-install-recommends",
+               "build-essential", network=True)
+    debian.run("sh", "-ec", "cd /root/source; exec apt-get build-dep -y ./",
+               network=True)
+    said = debian.run("sh", "-ec", "cd /root/source; exec dpkg-buildpackage -b -us -uc",
+                      timeout=3600.0)
+    assert re.search(r"100% tests passed, 0 tests failed out of \d{3,}", said)
+    assert len(list(debian.path("/root").glob("*.deb"))) == 5
+
+
+@pytest.fixture(name="rpm")
+def fixture_rpm():
+    [path] = (ROOT / "build-packages/rpm").glob("*.rpm")
+    return path
+
+
+# Where Debian keeps the same thing in another place or form, or that alone.
+ELSEWHERE = [("^/lib/systemd/", "/usr/lib/systemd/"), (r"^(.*/man/.*)\.gz$", r"\1"),
+             ("^/usr/lib/[a-z0-9_]+-linux-gnu/", "/usr/lib64/")]
+DEBIANS_OWN = re.compile("/usr/share/(lintian/|doc/.*/(changelog.gz|copyright)$)")
+
+
+@pytest.mark.long
+def test_the_rpm_holds_what_the_debian_packages_hold(rpm, contents, tmp_path):
+    expected = {"/usr/share/doc/vornlaunch/LICENSE"}
+    for folder in contents.values():
+        for path in folder.rglob("*"):
+            name = "/" + str(path.relative_to(folder))
+            if path.is_dir() or DEBIANS_OWN.match(name):
+                continue
+            for pattern, there in ELSEWHERE:
+                name = re.sub(pattern, there, name)
+            expected.add(name)
+    run("sh", "-c", f"rpm2cpio {rpm} | cpio --extract --make-directories --quiet",
+        cwd=tmp_path)
+    unpacked = {"/" + str(path.relative_to(tmp_path))
+                for path in tmp_path.rglob("*") if not path.is_dir()}
+    assert unpacked == expected
+    assert run(tmp_path / "usr/bin/vornctl", "--version") == f"vornctl {version()}\n"
+
+
+@pytest.mark.long
+def test_the_rpm_depends_on_what_the_launcher_runs_and_is_of_the_same_version(rpm):
+    requires = run("rpm", "-qp", "--requires", rpm).splitlines()
+    assert {"procps-ng", "grep"} <= set(requires)
+    assert "/usr/bin/pkg-config" not in requires
+    assert run("rpm", "-qp", "--queryformat", "%{version}", rpm) == version()
