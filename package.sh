@@ -137,7 +137,9 @@ compare_with_another_build() {
 
 run_long_tests() {
   install_packages "${TEST_PACKAGES[@]}" "${PACKAGE_TEST_PACKAGES[@]}"
-  scripts/debian_root.sh build-packages/root
+  configure_build release
+  build release
+  scripts/debian_root.sh "build-packages/root-$native"
   /usr/bin/python3 -m pytest -q -p no:cacheprovider --long tests/packages ||
     exit 1
 }

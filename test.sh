@@ -21,8 +21,8 @@ What is run (default: --unit --system --reliability):
   --reliability   the short forms of what ./reliability.sh proves
   --instructions  the instructions of the launcher's usual work are no more
                   than were kept (release alone)
-  --packages      the packages of ./package.sh, in a small Debian of their own
-                  (root alone)
+  --packages      the packages of ./package.sh and the container image, in a
+                  small Debian of their own (root alone)
   --lint          clang-format, clang-tidy, cppcheck, shellcheck, pyflakes
   --all           what CI runs: all of these, by GCC and with sanitizers, and a
                   build by Clang; the tests of the control socket for arm64; a
@@ -32,8 +32,8 @@ Which of them, and how:
   --filter TEXT   only tests with TEXT in their name (letters, digits, _ and .)
   --repeat N      the tests N times, until one fails
   --preset NAME   the build: release (default), dev, clang, asan, coverage,
-                  arm64 (--unit and --system; built here and run by an emulator,
-                  docs/arm64.md)
+                  arm64 (--unit, --system, --packages; built here and run by an
+                  emulator, docs/arm64.md)
   --asan          the same as --preset asan
   -j N            N whole-program tests at a time (default: 4 per core; they
                   mostly wait)
@@ -160,10 +160,13 @@ run_instructions() {
 }
 
 run_packages() {
-  install_packages "${TEST_PACKAGES[@]}" "${PACKAGE_TEST_PACKAGES[@]}"
-  ./package.sh >/dev/null
-  scripts/debian_root.sh build-packages/root
-  say "packages"
+  local arch
+  arch=$(dpkg --print-architecture)
+  if [[ $1 == arm64 ]]; then arch=arm64; fi
+  install_packages "${PACKAGE_TEST_PACKAGES[@]}"
+  ./package.sh --arch "$arch" >/dev/null
+  scripts/debian_root.sh --arch "$arch" "build-packages/root-$arch"
+  say "packages ($1)"
   # One at a time: they share an installation.
   jobs=1 run_pytest "$1" tests/packages
 }
@@ -198,11 +201,12 @@ run_lint() {
 run_suites() {
   local suite built=false
   for suite in "${@:2}"; do
-    # These two need no build of the preset.
-    if [[ $suite != lint && $suite != packages ]]; then
-      $built || build_preset "$1"
-      built=true
+    if [[ $suite == lint ]]; then
+      run_lint
+      continue
     fi
+    $built || build_preset "$1"
+    built=true
     "run_$suite" "$1"
   done
 }

@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import re
 import subprocess
 import sys
 
@@ -15,6 +16,7 @@ from support.machine import (  # noqa: E402
     Machine,
     is_emulated,
     is_sanitized,
+    machine_of,
     unshare_command,
 )
 
@@ -26,11 +28,6 @@ def pytest_addoption(parser):
         "--build",
         default=os.environ.get("VORN_BUILD", str(ROOT / "build")),
         help="the build folder whose bin/vornlaunch is tested",
-    )
-    parser.addoption(
-        "--debian-root",
-        default=str(ROOT / "build-packages/root"),
-        help="the folder that scripts/debian_root.sh has made",
     )
     parser.addoption(
         "--long",
@@ -80,6 +77,19 @@ def fixture_program(request):
     return program.resolve()
 
 
+@pytest.fixture(scope="session", name="build")
+def fixture_build(program):
+    """The build folder."""
+    return program.parent.parent
+
+
+@pytest.fixture(scope="session", name="settings")
+def fixture_settings(build):
+    """CMake's settings of the build, by name."""
+    text = (build / "CMakeCache.txt").read_text(encoding="utf-8")
+    return dict(re.findall(r"^(\w+):\w+=(.*)$", text, re.MULTILINE))
+
+
 @pytest.fixture(scope="session", name="namespaces")
 def fixture_namespaces():
     """Makes sure that namespaces can be made."""
@@ -118,15 +128,21 @@ def fixture_shell(machine, program):
     shell.close()
 
 
+@pytest.fixture(scope="session", name="architecture")
+def fixture_architecture(program):
+    """Debian's name of the kind of machine that the programs are for."""
+    return {b"\x3e\0": "amd64", b"\xb7\0": "arm64"}[machine_of(program)]
+
+
 @pytest.fixture(scope="session", name="debian_root")
-def fixture_debian_root(request):
-    """The folder of a Debian root, which stays as it is."""
-    folder = pathlib.Path(request.config.getoption("--debian-root"))
+def fixture_debian_root(architecture):
+    """The folder of a Debian root for the programs, which stays as it is."""
+    folder = ROOT / "build-packages" / f"root-{architecture}"
     if os.geteuid() != 0:
         pytest.skip("only root can use a Debian root")
     if not folder.exists():
-        pytest.fail(f"{folder} is missing; make it by scripts/debian_root.sh")
-    return folder.resolve()
+        pytest.fail(f"{folder} is missing; ./test.sh --packages makes it")
+    return folder
 
 
 @pytest.fixture(name="debian")

@@ -9,9 +9,6 @@ import pytest
 from support.debian_root import DebianRoot
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-ARCHITECTURE = subprocess.run(
-    ["dpkg", "--print-architecture"], capture_output=True, encoding="ascii", check=True
-).stdout.strip()
 
 # Answers as one that knows of no unit that is enabled or runs, and writes down
 # what it was told.
@@ -22,11 +19,11 @@ case $* in *is-enabled* | *is-active*) exit 1 ;; esac
 
 
 @pytest.fixture(scope="session", name="built")
-def fixture_built():
+def fixture_built(architecture):
     """The folder of the packages."""
-    folder = ROOT / "build-packages" / ARCHITECTURE
+    folder = ROOT / "build-packages" / architecture
     if not list(folder.glob("*.deb")):
-        pytest.fail(f"no packages in {folder}; build them by ./package.sh first")
+        pytest.fail(f"no packages in {folder}; ./package.sh builds them")
     return folder
 
 
@@ -50,8 +47,7 @@ def fixture_contents(packages, tmp_path_factory):
 
 @pytest.fixture(scope="session", name="steps")
 def fixture_steps():
-    """The commands of docs/install.md that are for a machine with packages, a
-    list for each heading."""
+    """The commands of docs/install.md, a list for each heading."""
     text = (ROOT / "docs/install.md").read_text(encoding="utf-8")
     steps = {}
     for section in re.split("^## ", text, flags=re.M)[1:]:
@@ -61,7 +57,8 @@ def fixture_steps():
 
 
 @pytest.fixture(scope="session", name="installed_root")
-def fixture_installed_root(packages, steps, tmp_path_factory, debian_root, namespaces):  # pylint: disable=unused-argument
+def fixture_installed_root(packages, steps, tmp_path_factory, debian_root,
+                           namespaces):  # pylint: disable=unused-argument
     """A Debian in which the packages are installed as the document says, and
     which believes to have been started by systemd."""
     debian = DebianRoot(debian_root, tmp_path_factory.mktemp("installed"))

@@ -78,7 +78,7 @@ def test_a_package_holds_what_the_document_says(package, file, contents):
     assert (contents[package] / file).exists()
 
 
-def test_a_program_is_built_with_the_library(contents, tmp_path):
+def test_a_program_is_built_with_the_library(contents, tmp_path, settings):
     source = tmp_path / "user.cpp"
     source.write_text("""
 #include <control_client.h>
@@ -95,7 +95,8 @@ int main() {
     [folder] = contents["libvornlib-dev"].rglob("pkgconfig")
     flags = run("pkg-config", "--cflags", "--libs", "vornctl_client", "vornlib",
                 env={"PKG_CONFIG_LIBDIR": str(folder)}).split()
-    run("c++", "-std=c++17", source, *flags, "-o", tmp_path / "user")
+    run(settings["CMAKE_CXX_COMPILER"], "-std=c++17", source, *flags, "-o",
+        tmp_path / "user")
     assert run(tmp_path / "user", env={"VORN_ROOT": "/opt/robot"}) == (
         "/opt/robot: no launcher is running: there is no socket /nonexistent/socket")
 

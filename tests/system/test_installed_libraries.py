@@ -49,19 +49,6 @@ def run(*command, **environment):
     return finished.stdout
 
 
-@pytest.fixture(scope="session", name="build")
-def fixture_build(program):
-    """The build folder."""
-    return program.parent.parent
-
-
-@pytest.fixture(scope="session", name="settings")
-def fixture_settings(build):
-    """CMake's settings of the build, by name."""
-    text = (build / "CMakeCache.txt").read_text(encoding="utf-8")
-    return dict(re.findall(r"^(\w+):\w+=(.*)$", text, re.MULTILINE))
-
-
 @pytest.fixture(name="configure")
 def fixture_configure(settings):
     """CMake, told to build for the same kind of machine."""
