@@ -232,17 +232,20 @@ def is_known(program_name):
 
 def help_of(words, program):
     """What a program of ours says about this command; None for another's."""
+
+    def said(*call):
+        return subprocess.run(
+            call, stdout=subprocess.PIPE, encoding="utf-8", check=True).stdout
+
     if pathlib.Path(words[0]).name == "vornctl":
-        names = [word for word in words[1:] if not word.startswith("-")]
         vornctl = program.with_name("vornctl")
-        calls = [[vornctl, "help"], [vornctl, "help", names[0]]]
-    elif re.fullmatch(r"\./\w+\.sh", words[0]):
-        calls = [[ROOT / words[0], "--help"]]
-    else:
-        return None
-    return "".join(subprocess.run(
-        call, stdout=subprocess.PIPE, encoding="utf-8", check=True).stdout
-        for call in calls)
+        general = said(vornctl, "help")
+        commands = re.findall(r"^  ([a-z]+) ", general, re.M)
+        command = [word for word in words[1:] if word in commands][:1]
+        return general + said(vornctl, "help", *command)
+    if re.fullmatch(r"\./\w+\.sh", words[0]):
+        return said(ROOT / words[0], "--help")
+    return None
 
 
 def is_there(word, program):
