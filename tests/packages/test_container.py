@@ -219,6 +219,7 @@ def test_as_process_1_the_launcher_collects_orphans(container):
     assert children_of(container.host_pid) == [container.host_pid_of("leaves")]
 
 
+@pytest.mark.native  # the emulator stands before the launcher
 def test_what_the_image_starts_becomes_the_launcher(container):
     container.start_image(container.careful("camera")).wait_until_up()
     assert os.readlink(f"/proc/{container.host_pid}/exe") == LAUNCHER
@@ -264,6 +265,7 @@ def test_a_wrong_launch_file_ends_the_image_with_status_1(container):
     assert "terminate called" not in said
 
 
+@pytest.mark.native  # the emulator waits for that end, and takes no core
 def test_as_process_1_the_launcher_does_not_end_with_a_wrong_launch_file(container):
     container.start("vornnode: {camera: {path: }}\n")
     eventually(lambda: "terminate called" in container.output(), "it has failed")
@@ -318,12 +320,14 @@ def test_a_client_outside_reads_the_launch_file_of_the_container(container, prog
          "--no-header", "-o", "node,state,pid"],
         stdout=subprocess.PIPE, encoding="utf-8", check=True)
     # The pids are as the container counts; here other processes have them.
-    assert done.stdout == "camera\trunning\t2\ndetector\trunning\t3\n"
+    assert done.stdout == "".join(f"{name}\trunning\t{container.pid(name)}\n"
+                                  for name in ("camera", "detector"))
 
 
 # -- Low pids.
 
 
+@pytest.mark.native  # the emulator's threads take pids
 def test_nodes_of_low_pids_are_started_and_supervised(container):
     container.start(container.careful("camera", "detector"))
     container.wait_until_ready("camera", "detector")
@@ -345,6 +349,7 @@ def test_a_stop_of_a_low_pid_takes_no_longer_than_the_node(container):
     assert container.has_ended_well("camera")
 
 
+@pytest.mark.native  # as above
 def test_a_stop_of_a_low_pid_is_a_kill_when_a_zombie_has_its_digits(container):
     container.start(container.careful("camera", "detector"))
     container.wait_until_ready("camera", "detector")
