@@ -93,6 +93,13 @@ class Status:
     start_seconds: int
 
 
+class _Connection(socket.socket):
+    """To the launcher. Knows whether the request was sent, whatever has been
+    raised since."""
+
+    is_delivered = False
+
+
 class Launcher:
     """A launcher on this machine. `connect_limit` and `reply_limit` are in
     seconds: the launcher serves one request at a time, and a stop lasts up to
@@ -147,12 +154,14 @@ class Launcher:
         if b"\0" in raw:
             raise InvalidName("a node's name has no NUL byte")
         request = _REQUEST.pack(command, raw)
-        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as client:
+        with _Connection(socket.AF_UNIX, socket.SOCK_STREAM) as client:
             client.setblocking(False)
-            self._deliver(client, request)
             try:
+                self._deliver(client, request)
                 reply = self._read_reply(client)
             except KeyboardInterrupt:
+                if not client.is_delivered:
+                    raise
                 raise KeyboardInterrupt(
                     "given up waiting for the reply" + _MAY_TAKE_EFFECT
                 ) from None
@@ -190,6 +199,7 @@ class Launcher:
             self._check_user(client)
             if client.send(request, socket.MSG_NOSIGNAL) != len(request):
                 raise NoLauncher("the request could not be sent in one piece")
+            client.is_delivered = True
             return True
         except BlockingIOError:
             return False

@@ -276,3 +276,11 @@ def test_ctrl_c_after_the_request_says_that_it_was_delivered(server):
     with pytest.raises(KeyboardInterrupt, match="delivered and may still take effect"):
         vornctl.Launcher(server.getsockname(), reply_limit=60).stop("worker")
     thread.join()
+
+
+def test_ctrl_c_while_the_request_is_sent_says_that_it_was_delivered(
+        server, monkeypatch):
+    monkeypatch.setattr(vornctl.Launcher, "_check_user",
+                        lambda *_: signal.raise_signal(signal.SIGINT))
+    with pytest.raises(KeyboardInterrupt, match="delivered and may still take effect"):
+        vornctl.Launcher(server.getsockname()).stop("worker")
