@@ -8,8 +8,9 @@ import pytest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 TUTORIALS = sorted((ROOT / "docs/tutorials").glob("*.md"))
 
-# A reader links the client library without the options of a sanitized build.
-MARKS = {"client": [pytest.mark.plain]}
+# A reader links the client library by the compiler of the machine, without the
+# options of a sanitized build.
+MARKS = {"client": [pytest.mark.plain, pytest.mark.native]}
 
 
 @pytest.mark.parametrize("path", [
