@@ -51,6 +51,8 @@ function(vorn_add_tests name)
   vorn_compile_options(${name})
   target_link_libraries(${name} PRIVATE
     ${ARG_LIBRARIES} GTest::gmock GTest::gtest_main)
+  # What is tested is built as it is shipped; the tests need not be fast.
+  target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
   foreach(symbol IN LISTS ARG_WRAP)
     target_link_options(${name} PRIVATE LINKER:--wrap=${symbol})
   endforeach()
