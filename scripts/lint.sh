@@ -26,7 +26,8 @@ git ls-files --error-unmatch README.md >/dev/null 2>&1 ||
 mapfile -t cpp < <(git ls-files '*.cpp' '*.h' 'bench/*.c')
 mapfile -t sources < <(git ls-files '*.cpp')
 mapfile -t shell < <(git ls-files '*.sh' .ci/run examples/demo/bin \
-  packaging/container/entrypoint packaging/container/high-pids)
+  packaging/container/entrypoint packaging/container/high-pids \
+  'debian/*.postinst' 'debian/*.prerm')
 mapfile -t python < <(git ls-files '*.py')
 
 check clang-format clang-format-14 --dry-run -Werror "${cpp[@]}"
