@@ -35,17 +35,32 @@ def anchors(path):
     return {heading.replace(" ", "-") for heading in plain}
 
 
-@pytest.mark.parametrize("path", DOCUMENTS, ids=name)
-def test_every_link_of_a_document_leads_somewhere(path):
+def check_links(path):
+    """Fails if a link of a document does not lead somewhere."""
     text = without_code(path.read_text(encoding="utf-8"))
     for target in re.findall(r"\]\(([^)]*)\)", text):
         if re.match("https?://", target):
             continue  # the world outside is not reached from a test
         file, _, anchor = target.partition("#")
         there = (path.parent / file).resolve() if file else path
-        assert there.exists(), target
+        assert there.exists(), f"{path}: {target}"
         if anchor:
-            assert anchor in anchors(there), target
+            assert anchor in anchors(there), f"{path}: {target}"
+
+
+@pytest.mark.parametrize("path", DOCUMENTS, ids=name)
+def test_every_link_of_a_document_leads_somewhere(path):
+    check_links(path)
+
+
+@pytest.mark.usefixtures("shell")  # which has the installation made
+def test_an_installation_has_the_documents_and_what_they_link_to(machine):
+    folder = machine.install / "share/doc/vornlaunch"
+    installed = list(folder.rglob("*.md"))
+    assert {path.relative_to(folder) for path in installed} == {
+        path.relative_to(ROOT) for path in DOCUMENTS}
+    for path in installed:
+        check_links(path)
 
 
 @pytest.mark.parametrize("path", DOCUMENTS, ids=name)
