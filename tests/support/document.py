@@ -100,6 +100,21 @@ def blocks(path, *languages):
     ]
 
 
+def displays(path):
+    """The displays of a manual page, as a reader sees them: those for the shell as
+    blocks of the language `console`."""
+    page = subprocess.run(["mandoc", "-T", "ascii", path], stdout=subprocess.PIPE,
+                          encoding="utf-8", check=True).stdout
+    page = re.sub(".\b", "", page)  # bold and underlined
+    found = re.finditer(r"^ {11}(\$ |\w+:$)[^\n]*\n( {11}[^\n]*\n)*", page, re.M)
+    return [
+        Block(path, page.count("\n", 0, match.start()) + 1,
+              "console" if match[1] == "$ " else "",
+              re.sub("^ {11}", "", match[0], flags=re.M))
+        for match in found
+    ]
+
+
 def commands(block):
     """The commands of a block for the shell."""
     if block.language == "sh":
@@ -235,12 +250,16 @@ class Shell:
         beginning to its end."""
         for block in blocks(path, *languages):
             for command in commands(block):
-                if command.output is None:
-                    self.type(command.text, command.place)
-                elif command.output and _WHOLE_SCREEN.match(command.text):
-                    self.shows(command.text, command.output)
-                else:
-                    self._compare(command)
+                self.perform(command)
+
+    def perform(self, command):
+        """Types one command, and sees that it prints what is shown."""
+        if command.output is None:
+            self.type(command.text, command.place)
+        elif command.output and _WHOLE_SCREEN.match(command.text):
+            self.shows(command.text, command.output)
+        else:
+            self._compare(command)
 
     def _compare(self, command):
         _, printed = self.run(command.text)
