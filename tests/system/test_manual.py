@@ -11,7 +11,7 @@ from support.document import commands, displays
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PAGES = sorted((ROOT / "docs/man").iterdir())
-COMPLETIONS = sorted((ROOT / "tools/vornctl/completion").iterdir())
+COMPLETION = ROOT / "tools/vornctl/completion"
 
 
 def run(*command):
@@ -20,7 +20,7 @@ def run(*command):
     return finished.stdout
 
 
-@pytest.fixture(name="help_of")
+@pytest.fixture(name="help_of", scope="module")
 def fixture_help_of(program):
     """Returns the help text of a command of vornctl, or its own."""
     vornctl = program.with_name("vornctl")
@@ -33,15 +33,21 @@ def commands_of(help_text):
 
 
 def options_of(help_text):
-    """The long and the short options, as they are typed."""
+    """Of each option all that can be typed for it."""
     block = help_text.split("Options:\n")[1].split("\n\n")[0]
-    lines = re.findall(r"^  (-\S+)", block, re.M)
-    return {option for line in lines for option in line.split(",")}
+    return {tuple(names.split(",")) for names in re.findall(r"^  (-\S+)", block, re.M)}
 
 
-def all_options(help_of):
-    commands = commands_of(help_of())
-    return options_of(help_of()).union(*(options_of(help_of(c)) for c in commands))
+@pytest.fixture(name="options", scope="module")
+def fixture_options(help_of):
+    """The options by command, those of all commands under ""."""
+    general = options_of(help_of())
+    own = {name: options_of(help_of(name)) for name in commands_of(help_of())}
+    return {"": general, **{name: own[name] - general for name in own}}
+
+
+def long_ones(options):
+    return {names[-1] for names in options}
 
 
 def page(name):
@@ -114,21 +120,90 @@ def test_the_manual_page_has_the_commands_of_the_help(help_of):
     assert set(names) == commands_of(help_of())
 
 
-def test_the_manual_page_has_the_options_of_the_help(help_of):
-    text = page("vornctl.1").split(".Sh DESCRIPTION\n")[1]
-    items = " ".join(re.findall(r"^\.It (.*)$", text, re.M))
-    found = {"-" + name for name in re.findall(r"\bFl (-?\w[\w-]*)", items)}
-    assert found == all_options(help_of)
+def options_in(roff):
+    """The options that a part of a manual page names, as they are typed."""
+    return {"-" + name for name in re.findall(r"\bFl (-?\w[\w-]*)", roff)}
 
 
-@pytest.mark.parametrize("path", COMPLETIONS, ids=lambda path: path.name)
-def test_tab_completion_knows_the_commands_and_options_of_the_help(path, help_of):
-    text = path.read_text(encoding="utf-8")
-    words = set(re.findall(r"--?[\w-]+|\w+", text))
-    # fish names long options by "-l NAME".
-    words |= {"--" + name for name in re.findall(r"-l ([\w-]+)", text)}
-    options = {option for option in all_options(help_of) if option.startswith("--")}
-    assert commands_of(help_of()) | options <= words
+def test_the_manual_page_explains_the_options_of_the_help(options):
+    text = page("vornctl.1").split(".Ss Options of every command\n")[1]
+    text = "\n".join(re.findall(r"^\.(?:It|S[hs]) .*$", text, re.M))
+    general, own = text.split(".Sh ")[0].split(".Ss Options of single commands\n")
+    assert options_in(general) == {word for names in options[""] for word in names}
+    assert options_in(own) == {
+        word for command in options if command for names in options[command]
+        for word in names}
+
+
+def test_the_synopsis_has_each_command_with_its_options(options):
+    names_of = {word: names for command in options for names in options[command]
+                for word in names}
+    synopsis = page("vornctl.1").split(".Sh SYNOPSIS\n")[1].split("\n.Sh")[0]
+    found = {}
+    for use in synopsis.split(".Nm\n")[1:]:
+        commands_line = re.search(r"^\.Cm (.*)$", use, re.M)
+        for command in commands_line[1].split(" | ") if commands_line else []:
+            found[command] = {names_of.get(word, word) for word in options_in(use)}
+    assert found == {command: options[command] for command in options if command}
+
+
+# Prints, for each command given and for none, what the tab key offers behind a dash;
+# and what it offers for a command.
+BASH_OFFERS = r"""
+source "$1"
+shift
+offer() {
+  COMP_WORDS=("$@")
+  COMP_CWORD=$(($# - 1)) COMP_LINE=$* COMP_POINT=${#COMP_LINE}
+  _vornctl vornctl "${!#}" "${COMP_WORDS[-2]}"
+  echo "${COMPREPLY[@]}"
+}
+for command; do offer vornctl $command -; done
+offer vornctl ""
+"""
+
+
+def test_bash_offers_each_command_with_its_options(options):
+    # With an empty word for what stands before a command.
+    said = run("bash", "-c", BASH_OFFERS, "bash", str(COMPLETION / "vornctl.bash"),
+               *options).splitlines()
+    offered = [set(line.split()) for line in said]
+    general = long_ones(options[""])
+    assert offered.pop() == set(options) - {""}
+    assert dict(zip(options, offered, strict=True)) == {
+        command: (general | long_ones(own)) - ({"--version"} if command else set())
+        for command, own in options.items()}
+
+
+def options_for_zsh():
+    text = (COMPLETION / "_vornctl").read_text(encoding="utf-8")
+    common, text = text.split("  commands=(\n")
+    named, text = text.split("  )\n", 1)
+    found = {name: set() for name in re.findall(r"^    '(\w+):", named, re.M)}
+    for names, block in re.findall(r"^        ([\w| ]+)\)(.*?);;", text, re.M | re.S):
+        for name in names.split(" | "):
+            found[name] = set(re.findall(r"--[\w-]+", block))
+    common = common.split("  common=(\n")[1]
+    return {"": set(re.findall(r"--[\w-]+", common)) | {"--version"}, **found}
+
+
+def options_for_fish():
+    text = (COMPLETION / "vornctl.fish").read_text(encoding="utf-8")
+    names = re.findall(r"__vornctl_needs_command -a (\w+)", text)
+    assert set(names) == set(re.search(r"not __fish_seen_\w+ (.*)", text)[1].split())
+    found = {name: set() for name in names}
+    found[""] = set()
+    for condition, option in re.findall(
+            r"^complete -c vornctl (?:-n ('.*?'|\w+) )?.*?-l ([\w-]+)", text, re.M):
+        seen = condition.strip("'").split()[1:] or [""]
+        for name in seen:
+            found[name].add("--" + option)
+    return found
+
+
+@pytest.mark.parametrize("found", [options_for_zsh, options_for_fish])
+def test_other_shells_know_each_command_with_its_options(found, options):
+    assert found() == {command: long_ones(own) for command, own in options.items()}
 
 
 def test_the_exit_statuses_are_those_of_the_help(help_of):
