@@ -117,6 +117,7 @@ class Service:
     def __init__(self, debian):
         self._debian = debian
         self._setting = settings(debian, "vornlaunch.service")
+        self._runs = debian.path("/run/launcher-runs")  # for `systemctl`
         self.launcher = None
 
     def follow(self, commands):
@@ -136,6 +137,7 @@ class Service:
             self.launcher.signal(signal.SIGTERM)
             assert self.launcher.wait() == 0
             self.launcher = None
+            self._runs.unlink()
         if words[0] == "restart" or words[:2] == ["enable", "--now"]:
             self.start()
 
@@ -145,6 +147,7 @@ class Service:
                                            stderr=subprocess.DEVNULL,
                                            stdout=subprocess.DEVNULL)
         eventually(lambda: "camera" in self.states(), "the launcher answers")
+        self._runs.touch()
 
     def states(self):
         """The state of each node; none while the launcher does not answer."""
