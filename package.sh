@@ -90,6 +90,7 @@ build_cross_deb() {
       export DEB_BUILD_OPTIONS=nocheck DEB_BUILD_PROFILES="cross nocheck"
       dpkg --add-architecture "$1"
       apt-get -q update
+      apt-get -qy dist-upgrade
       apt-get -qy install --no-install-recommends build-essential \
         crossbuild-essential-"$1"
       apt-get -qy build-dep --no-install-recommends --host-architecture "$1" ./

@@ -10,9 +10,9 @@ usage() {
 Usage: scripts/debian_root.sh [--arch ARCH] FOLDER
 
 Makes a minimal Debian 12 in FOLDER, unless it is there: what the essential
-packages need, and apt. ARCH is Debian's name of an architecture, by default this
-machine's; a foreign one must be emulated by this machine. Needs root and the
-package servers.
+packages need, and apt, which knows Debian's updates as well. ARCH is Debian's
+name of an architecture, by default this machine's; a foreign one must be
+emulated by this machine. Needs root and the package servers.
 TEXT
 }
 
@@ -38,8 +38,25 @@ done
   usage >&2
   exit 2
 }
+
+# debootstrap itself writes down the release alone.
+mirror=http://deb.debian.org
+sources="deb $mirror/debian bookworm main
+deb $mirror/debian bookworm-updates main
+deb $mirror/debian-security bookworm-security main"
+
+# write_sources FOLDER, unless they stand there.
+write_sources() {
+  local file=$1/etc/apt/sources.list
+  [[ $(<"$file") == "$sources" ]] ||
+    as_root tee "$file" <<<"$sources" >/dev/null
+}
+
 # What was interrupted does not stand under this name.
-[[ ! -d $folder ]] || exit 0
+if [[ -d $folder ]]; then
+  write_sources "$folder"
+  exit
+fi
 
 install_packages "${ROOT_PACKAGES[@]}"
 say "making a Debian root in $folder"
@@ -53,5 +70,6 @@ as_root unshare --mount --pid --fork --kill-child --mount-proc \
   die "debootstrap failed; the whole of what it said is in $folder.log"
 }
 as_root rm -rf "$folder.new"/var/cache/apt/archives/*.deb
+write_sources "$folder.new"
 mv "$folder.new" "$folder"
 rm -f "$folder.log"

@@ -179,6 +179,10 @@ def test_the_installation_starts_and_enables_nothing(installed):
     assert list(installed.path("/etc/vornlaunch").iterdir()) == []
 
 
+def test_what_the_packages_need_comes_with_security_updates(installed):
+    assert "/debian-security " in installed.run("apt-cache", "policy")
+
+
 def test_the_demo_runs_as_a_service_by_the_steps_of_the_document(service):
     eventually(lambda: service.states().get("detector") == "running",
                "the detector runs")
