@@ -11,7 +11,7 @@ usage() {
 Usage: ./package.sh [OPTION...]
 
 Installs what is missing and builds Debian packages from a copy of the files
-that git knows, as they are now. They come to build-packages/ARCH/. Exit status:
+that git tracks, as they are now. They come to build-packages/ARCH/. Exit status:
 0 done, 1 --check found something, 2 it could not be done.
 
   --arch ARCH   for amd64 or arm64 (default: this machine's). For another
@@ -30,8 +30,7 @@ tests are left to ./test.sh.
 TEXT
 }
 
-native=$(dpkg --print-architecture)
-arch=$native
+arch=
 kind=deb
 check=false
 while [[ $# -gt 0 ]]; do
@@ -51,15 +50,22 @@ while [[ $# -gt 0 ]]; do
   esac
   shift
 done
+command -v dpkg >/dev/null ||
+  die "there is no dpkg: this builds on Debian; docs/install.md tells the other ways"
+native=$(dpkg --print-architecture)
+arch=${arch:-$native}
 [[ $arch =~ ^(amd64|arm64)$ ]] ||
   die "no packages for '$arch'; see ./package.sh --help"
 [[ $arch == "$native" ]] || { [[ $kind == deb ]] && ! $check; } ||
   die "--rpm and --check are for this machine's own packages"
+[[ $kind == deb ]] || ! $check ||
+  die "--check makes the rpm as well; it does not go with --rpm"
+[[ $EUID -eq 0 ]] || ! $check || die "--check needs root"
 
 # copy_files FOLDER
 copy_files() {
   mkdir -p "$1"
-  git ls-files -z --cached --others --exclude-standard |
+  git ls-files -z --cached |
     while IFS= read -r -d '' file; do
       if [[ -e $file ]]; then printf '%s\0' "$file"; fi
     done | xargs -0 cp --parents -t "$1"
@@ -108,14 +114,17 @@ build_rpm() {
 
 # build_in FOLDER BUILDER
 build_in() {
-  rm -rf "$1"
-  copy_files "$1/source"
+  # What was interrupted or has failed does not stand under the name.
+  local new=$1.new
+  rm -rf "$new"
+  copy_files "$new/source"
   say "building packages in $1"
-  "$2" "$1" >"$1/log" 2>&1 || {
-    tail -n 20 "$1/log" >&2
-    die "the packages could not be built; all of what was said is in $1/log"
+  "$2" "$new" >"$new/log" 2>&1 || {
+    tail -n 20 "$new/log" >&2
+    die "the packages could not be built; all of what was said is in $new/log"
   }
-  rm -rf "$1/source"
+  rm -rf "$new/source" "$1"
+  mv "$new" "$1"
 }
 
 build_rpm_in() {
@@ -146,8 +155,8 @@ run_long_tests() {
 }
 
 install_packages "${BUILD_PACKAGES[@]}" "${PACKAGE_PACKAGES[@]}"
-git ls-files --error-unmatch README.md >/dev/null 2>&1 ||
-  die "the files to pack are those that git tracks; this is no git checkout"
+git ls-files --error-unmatch README.md >/dev/null ||
+  die "the files to pack are those that git tracks, and git does not tell them"
 folder=$root/build-packages/$arch
 if [[ $kind == rpm ]]; then
   folder=$root/build-packages/rpm

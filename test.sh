@@ -22,7 +22,7 @@ What is run (default: --unit --system --reliability):
   --instructions  the instructions of the launcher's usual work are no more
                   than were kept (release alone)
   --packages      the packages of ./package.sh and the container image, in a
-                  small Debian of their own (root alone)
+                  small Debian of their own (root alone; release and arm64)
   --lint          clang-format, clang-tidy, cppcheck, shellcheck, pyflakes
   --all           what CI runs: all of these, by GCC and with sanitizers, and a
                   build by Clang; the tests of the control socket for arm64; a
@@ -105,6 +105,8 @@ parse_options() {
   fi
   [[ " ${suites[*]} " != *" reliability "* || $preset != arm64 ]] ||
     die "--reliability is not for an emulated launcher"
+  [[ " ${suites[*]} " != *" packages "* || $preset =~ ^(release|arm64)$ ]] ||
+    die "--packages are for the presets release and arm64 alone"
   mapfile -t suites < <(printf '%s\n' "${suites[@]}" | awk '!seen[$0]++')
 }
 
