@@ -74,10 +74,9 @@ def fixture_installed_root(packages, steps, tmp_path_factory, debian_root,
         'APT::Get::Assume-Yes "yes";\n', encoding="ascii")
     for path in packages.values():
         debian.path(f"/root/{path.name}").write_bytes(path.read_bytes())
-    debian.run("apt-get", "update", network=True)
-    install = steps["Install"][0]
+    update, install = steps["Install"][:2]
     assert install.startswith("apt-get install ./vornlaunch_")
-    debian.run("sh", "-ec", f"cd /root; {install} ./libvornlib-dev_*.deb",
+    debian.run("sh", "-ec", f"cd /root; {update}; {install} ./libvornlib-dev_*.deb",
                network=True)
     yield debian
     debian.close()

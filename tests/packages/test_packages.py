@@ -160,7 +160,7 @@ def fixture_service(installed, steps):
     """The demo runs as a service, by the steps of the document."""
     service = Service(installed)
     [last] = [i for i, step in enumerate(steps["Install"]) if "enable --now" in step]
-    service.follow(steps["Install"][1:last + 1])
+    service.follow(steps["Install"][2:last + 1])
     return service
 
 
@@ -192,8 +192,8 @@ def test_the_demo_runs_as_a_service_by_the_steps_of_the_document(service):
 
 def test_the_document_has_all_steps_from_the_installation_to_the_stop(steps):
     programs = [command.split()[0] for command in steps["Install"]]
-    assert programs == ["apt-get", "cp", "sed", "vornctl", "vornctl", "systemctl",
-                        "vornctl", "systemctl"]
+    assert programs == ["apt-get", "apt-get", "cp", "sed", "vornctl", "vornctl",
+                        "systemctl", "vornctl", "systemctl"]
 
 
 def newer(path, folder):
