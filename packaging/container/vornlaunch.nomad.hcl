@@ -69,7 +69,8 @@ job "robot" {
         args  = ["/local/launch.yaml"]
 
         # The control socket for clients on the machine. The clients' plugin
-        # must permit such volumes.
+        # must permit such volumes. podman does not make the folder: let systemd
+        # do it, by a line `d /run/robot-launcher 0755 root root` for tmpfiles.d.
         volumes = ["/run/robot-launcher:/tmp/vornlaunch"]
 
         # The launcher shall be process 1: no init of the engine's. `true` suits

@@ -239,10 +239,13 @@ def test_a_stop_of_the_image_ends_all_nodes_well_and_within_the_grace_period(con
 def test_the_image_works_without_root(container):
     """As when it is built for another user."""
     container.folder.chmod(0o777)
-    as_user = ("chown 1000 /tmp/vornlaunch && exec setpriv --reuid=1000 "
-               '--regid=1000 --clear-groups --bounding-set=-all "$@"')
-    container.start(container.careful("camera"), "sh", "-c", as_user, "sh",
-                    *container.image.final.command[:-1])
+    final = container.image.final
+    [make_folder] = [run for run in final.all("RUN") if run.startswith("install ")]
+    as_user = (f"USER_ID=1000; rmdir /tmp/vornlaunch; {make_folder}; "
+               f"exec setpriv --reuid={final.one('USER')} --regid=1000 "
+               '--clear-groups --bounding-set=-all "$@"')
+    container.start(container.careful("camera"), "sh", "-ec", as_user, "sh",
+                    *final.command[:-1])
     container.wait_until_ready("camera")
     assert status_field(container.host_pid, "Uid").split() == ["1000"] * 4
     assert container.pid("camera") > HIGH

@@ -69,6 +69,12 @@ def test_the_launcher_is_process_1_and_is_stopped_by_sigterm():
     assert final.one("VOLUME") == "/tmp/vornlaunch"
 
 
+def test_the_launcher_is_root_unless_the_image_is_built_for_another_user():
+    _, final = read_stages()
+    assert final.one("ARG") == "USER_ID=0"
+    assert final.one("USER") == "${USER_ID}"
+
+
 def test_the_health_command_gives_up_before_the_engine_does():
     _, final = read_stages()
     engine = re.search(r"--timeout=(\w+)", final.one("HEALTHCHECK"))[1]
@@ -80,6 +86,31 @@ def test_the_health_command_gives_up_before_the_engine_does():
 def test_the_health_command_is_the_documented_one():
     document = (ROOT / "docs/containers.md").read_text(encoding="utf-8")
     assert f"\n{read_stages()[-1].health_command}\n" in document
+
+
+# -- The folder of the control socket.
+
+
+def test_the_folder_that_is_mounted_is_made_by_the_documented_line(tmp_path):
+    if os.geteuid() != 0:
+        pytest.skip("only root can make a folder of root")
+    document = (ROOT / "docs/containers.md").read_text(encoding="utf-8")
+    [line] = re.findall("^echo '(.*)' >/etc/tmpfiles.d/", document, re.M)
+    [mounted] = re.findall(r"^ +-v (\S+):/tmp/vornlaunch ", document, re.M)
+    config = tmp_path / "robot-launcher.conf"
+    config.write_text(line + "\n", encoding="utf-8")
+    subprocess.run(["systemd-tmpfiles", "--create", f"--root={tmp_path}", config],
+                   check=True)
+    assert (tmp_path / mounted[1:]).is_dir()
+
+
+def test_who_mounts_a_folder_of_the_machine_is_told_how_to_make_it(pod, job):
+    [folder] = [volume["hostPath"]["path"] for volume in pod["volumes"]
+                if "hostPath" in volume]
+    daemon_set = (FOLDER / "kubernetes.yaml").read_text(encoding="utf-8")
+    assert f"`d {folder} 0755 1000 1000`" in daemon_set
+    assert f'volumes = ["{folder}:/tmp/vornlaunch"]' in job
+    assert f"`d {folder} 0755 root root`" in job
 
 
 # -- The DaemonSet.
