@@ -132,12 +132,15 @@ build_rpm_in() {
   build_in "$1" build_rpm
 }
 
+build_deb_otherwise() {
+  HOME=/nonexistent LC_ALL=C TZ=Pacific/Apia build_deb "$1"
+}
+
 # Builds the Debian packages again, with all changed that might leave a trace but
 # the clock, which has moved on by itself.
 compare_with_another_build() {
   local again=$1-in-another-folder-of-a-longer-name package
-  (umask 077 && HOME=/nonexistent LC_ALL=C TZ=Pacific/Apia \
-    build_in "$again" build_deb)
+  (umask 077 && build_in "$again" build_deb_otherwise)
   for package in "$1"/*.deb; do
     cmp "$package" "$again/$(basename -- "$package")" || exit 1
   done
