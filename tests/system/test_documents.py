@@ -157,6 +157,7 @@ def test_a_block_in_which_a_command_is_typed_is_a_console(path):
             assert not re.search(r"^\$ ", block.text, re.M), block.place
 
 
+@pytest.mark.native  # their programs are for this machine
 @pytest.mark.parametrize("path", [
     path for path in DOCUMENTS
     if TUTORIALS not in path.parents and blocks(path, "console")
