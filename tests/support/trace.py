@@ -4,6 +4,7 @@ arm64 has newer calls in place of some that x86-64 has. Tests name those of x86-
 on either machine they are given, and get, these."""
 
 import dataclasses
+import platform
 import re
 
 _ENTRY = re.compile(r"(?P<pid>\d+) +(?P<rest>.*)")
@@ -53,6 +54,15 @@ def on_every_machine(options):
         return f"{kind}={','.join(names)}{colon}{what}"
 
     return [all_names(option) for option in options]
+
+
+def sa_flags(*flags):
+    """A pattern for the flags that sigaction() is given for these. On x86-64 the C
+    library adds one of its own, and what belongs to it."""
+    if platform.machine() == "x86_64":
+        return (r"sa_flags=" + r"\|".join(["SA_RESTORER", *flags])
+                + ", sa_restorer=0x[0-9a-f]+")
+    return "sa_flags=" + (r"\|".join(flags) or "0")
 
 
 @dataclasses.dataclass

@@ -12,7 +12,7 @@ from support.control import (
     read_exactly,
     unpack_response,
 )
-from support.trace import launcher_calls, read_trace
+from support.trace import launcher_calls, read_trace, sa_flags
 from support.waiting import eventually
 
 STAY = "sleep 1000 &\nwait"
@@ -61,7 +61,7 @@ def test_sigchld_and_sigterm_are_routed_to_a_watched_descriptor(machine):
         only(
             calls,
             r"rt_sigaction\(SIGCHLD, \{sa_handler=SIG_DFL, sa_mask=\[\], "
-            r"sa_flags=(SA_RESTORER\|)?SA_NOCLDSTOP(, sa_restorer=0x[0-9a-f]+)?\}, NULL, 8\)",
+            + sa_flags("SA_NOCLDSTOP") + r"\}, NULL, 8\)",
         ),
         only(calls, r"rt_sigprocmask\(SIG_BLOCK, \[TERM CHLD\], NULL, 8\)"),
         only(calls, r"signalfd4?\(-1, \[TERM CHLD\], 8, SFD_CLOEXEC\)"),
@@ -180,6 +180,7 @@ def dead_child_of(call):
     return int(match[1]) if match else None
 
 
+@pytest.mark.native
 def test_a_dead_child_is_looked_at_before_it_is_collected(machine):
     machine.script("stay", STAY)
     machine.script("worker", "exit 3")
@@ -214,7 +215,7 @@ def test_a_dead_child_is_looked_at_before_it_is_collected(machine):
     assert is_look_for_the_dead(calls[0])
     pid = dead_child_of(calls[0])
     assert "ready to restarting" in calls[3].text
-    assert re.fullmatch(rf"wait4\({pid}, .*, WNOHANG, NULL\)", calls[4].text)
+    assert calls[4].text == f"wait4({pid}, NULL, WNOHANG, NULL)"
     assert calls[4].number == pid
     assert "tv_sec=0, tv_nsec=1000000}" in calls[5].text
     assert is_look_for_the_dead(calls[6])

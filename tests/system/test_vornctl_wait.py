@@ -229,6 +229,7 @@ def test_another_launcher_is_not_taken_for_the_watched_one(robot):
         5, "vornctl: the launcher has ended, and another one is running\n")
 
 
+@pytest.mark.native  # an emulated client may still ask when the signal comes
 @pytest.mark.parametrize("number, status", [
     (signal.SIGINT, 6), (signal.SIGTERM, 6), (signal.SIGHUP, 6)],
     ids=["SIGINT", "SIGTERM", "SIGHUP"])
@@ -237,10 +238,7 @@ def test_a_wait_can_be_broken_off(robot, number, status):
     with running(robot, "wait", "manual", "--state", "running") as client:
         wait_for_question(robot, before + 1)
         client.signal(number)
-        found = client.end()
-    assert found[:2] == (status, "")
-    # It asks again and again; a slow one may be about to.
-    assert found[2] in ("", "vornctl: given up before the request was sent\n")
+        assert client.end() == (status, "", "")
 
 
 def test_a_hangup_that_the_caller_ignores_is_ignored(robot):
