@@ -206,7 +206,61 @@ def test_other_shells_know_each_command_with_its_options(found, options):
     assert found() == {command: long_ones(own) for command, own in options.items()}
 
 
-def test_the_exit_statuses_are_those_of_the_help(help_of):
-    shown = set(re.findall(r"^  (\d) ", help_of().split("Exit status:\n")[1], re.M))
-    block = page("vornctl.1").split(".Sh EXIT STATUS\n")[1].split("\n.Sh")[0]
-    assert set(re.findall(r"^\.It (\d)$", block, re.M)) == shown
+def exit_statuses(help_text):
+    """The meaning of each exit status in a help text."""
+    return dict(re.findall(r"^  (\d)  (.*)$", help_text.split("Exit status:\n")[1], re.M))
+
+
+def test_the_exit_statuses_of_the_documents_are_those_of_the_help(help_of):
+    shown = exit_statuses(help_of())
+    block = page("vornctl.1").split(".Sh EXIT STATUS\n")[1].split(".El")[0]
+    explained = re.findall(r"^\.It (\d)\n([^.].*?)\.\n(?=\.)", block + ".", re.M | re.S)
+    assert {status: text[0].lower() + text[1:].replace("\n", " ")
+            for status, text in explained} == shown
+    guide = (ROOT / "docs/vornctl.md").read_text(encoding="utf-8")
+    block = guide.split("## Exit status\n")[1].split("\n\n")[0]
+    assert dict(re.findall(r"^\| (\d) \| (.*) \|$", block, re.M)) == shown
+
+
+def test_a_command_shows_only_its_own_exit_statuses(help_of):
+    shown = {name: "".join(exit_statuses(help_of(name)))
+             for name in commands_of(help_of())}
+    asking = dict.fromkeys(
+        ["start", "stop", "restart", "enable", "disable", "monitor", "top"],
+        "012456789")
+    assert shown == asking | {
+        "status": "0123456789", "wait": "0123456789", "ping": "01256789",
+        "names": "01256789", "check": "012", "graph": "012", "completion": "012",
+        "help": "012"}
+
+
+def test_the_help_lists_the_values_of_options(help_of):
+    for words in (["--color", "auto", "always", "never"],
+                  ["--format", "text", "json", "sarif", "github"],
+                  ["--fail-on", "error", "warning", "note"],
+                  ["--print", "resolved", "timeline", "stop-timeout"],
+                  ["--format", "dot", "mermaid", "svg"],
+                  ["--state", "running", "stopped", "disabled", "restarted"]):
+        text = help_of() + help_of("check") + help_of("graph") + help_of("wait")
+        assert f"  {words[0]} {'|'.join(words[1:])}" in text
+
+
+def test_the_help_of_status_describes_each_column(help_of):
+    block = help_of("status").split("Columns:\n")[1].split("\n\n")[0]
+    assert re.findall(r"^  (\w+) +\w.*$", block, re.M) == [
+        "node", "state", "pid", "uptime", "started", "policy", "required", "executable"]
+
+
+def test_each_command_has_two_examples_that_can_be_typed(help_of, machine):
+    machine.start_without_launcher()
+    machine.launch_file({"vornnode": {"camera": {"path": "/bin/true"}}})
+    for name in commands_of(help_of()):
+        block = help_of(name).split("Examples:\n")[1].split("\n\n")[0]
+        lines = block.splitlines()
+        assert len(lines) == 2
+        for line in lines:
+            assert line.startswith(f"  vornctl {name}")
+            done = machine.execute(
+                "sh", "-c", f"cd /tmp && PATH=/tmp/install/bin:$PATH && {line}")
+            # Without a launcher and a terminal, the command line itself is right.
+            assert "--help" not in done.stderr, line

@@ -543,6 +543,33 @@ def test_version_and_help_need_no_launcher(machine):
         text = machine.vornctl(command, "--help")
         assert text.returncode == 0
         assert machine.vornctl("help", command).stdout == text.stdout
-    done = machine.vornctl("help", "fly")
-    assert (done.returncode, done.stderr) == (
-        2, "vornctl: there is no command 'fly'\n")
+
+
+@pytest.mark.parametrize("arguments, said", [
+    (["statsu"], "unknown command 'statsu'; did you mean 'status'?"),
+    (["help", "statsu"], "unknown command 'statsu'; did you mean 'status'?"),
+    (["-q", "--timeout", "1s", "Status"],
+     "unknown command 'Status'; did you mean 'status'?"),
+    (["reload"], "unknown command 'reload'"),
+    (["help", "reload"], "unknown command 'reload'"),
+    (["[fly]"], "unknown command '[fly]'"), (["\x1b"], "unknown command '\\x1b'"),
+    ([], "no command given"),
+], ids=str)
+def test_an_unknown_command_is_named_and_a_near_one_suggested(
+        machine, arguments, said):
+    machine.start_without_launcher()
+    done = machine.vornctl(*arguments)
+    assert (done.returncode, done.stdout, done.stderr) == (
+        2, "", f"vornctl: {said}\nTry 'vornctl --help'.\n")
+
+
+@pytest.mark.parametrize("before", [
+    ["--json"], ["-q", "--json", "--timeout", "10s"], ["--color", "never", "--json"],
+    ["--socket=/tmp/vornlaunch/vornlaunch.sock", "--json"]], ids=" ".join)
+def test_options_may_precede_the_command(robot, before):
+    assert robot.vornctl(*before, "status", "lidar").stdout == (
+        robot.vornctl("status", *before, "lidar").stdout)
+    shown = robot.vornctl("-qo", "node", "status", "lidar")
+    assert (shown.returncode, shown.stdout) == (0, "")
+    shown = robot.vornctl("--no-header", "-o", "node,state", "status", "lidar")
+    assert shown.stdout == "lidar  running\n"

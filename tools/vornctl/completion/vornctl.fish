@@ -26,13 +26,13 @@ function __vornctl_needs_command
 end
 
 complete -c vornctl -f
-complete -c vornctl -n __vornctl_needs_command -a status -d 'Show how nodes are'
+complete -c vornctl -n __vornctl_needs_command -a status -d 'Show node status'
 complete -c vornctl -n __vornctl_needs_command -a start -d 'Start nodes'
 complete -c vornctl -n __vornctl_needs_command -a stop -d 'Stop nodes'
 complete -c vornctl -n __vornctl_needs_command -a restart -d 'Restart nodes'
 complete -c vornctl -n __vornctl_needs_command -a enable -d 'Allow nodes to be started'
 complete -c vornctl -n __vornctl_needs_command -a disable -d 'Stop nodes and refuse their starts'
-complete -c vornctl -n __vornctl_needs_command -a wait -d 'Wait until nodes are as wanted'
+complete -c vornctl -n __vornctl_needs_command -a wait -d 'Wait for nodes to reach a state'
 complete -c vornctl -n __vornctl_needs_command -a monitor -d 'Print a line for each change of a node'
 complete -c vornctl -n __vornctl_needs_command -a top -d 'Show all nodes on the whole screen'
 complete -c vornctl -n __vornctl_needs_command -a ping -d 'Tell whether a launcher answers'
@@ -48,7 +48,7 @@ complete -c vornctl -l connect-timeout -x -d 'How long to try to reach a busy la
 complete -c vornctl -l socket -r -F -d 'The control socket of the launcher'
 complete -c vornctl -l trust-any-user -d 'Talk to a launcher that is neither of root nor yours'
 complete -c vornctl -l color -x -a 'auto always never' -d Colours
-complete -c vornctl -s q -l quiet -d 'Say nothing but what goes wrong'
+complete -c vornctl -s q -l quiet -d 'Print errors only'
 complete -c vornctl -s h -l help -d 'Show the help'
 complete -c vornctl -n __vornctl_needs_command -l version -d 'Show the version'
 

@@ -6,10 +6,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
-#include <map>
-#include <memory>
+#include <iterator>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -19,7 +19,10 @@
 #include "completion.h"
 #include "duration.h"
 #include "graph_command.h"
+#include "help.h"
+#include "selection.h"
 #include "status_command.h"
+#include "text.h"
 #include "top.h"
 #include "vornctl_version.h"
 #include "wait_command.h"
@@ -29,18 +32,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr char kExitStatuses[] =
-    "Exit status:\n"
-    "  0  done, or the condition is true\n"
-    "  1  an operation failed; check has found something\n"
-    "  2  wrong usage, or the nodes cannot be known\n"
-    "  3  a named node does not run (status); it did not hold (wait)\n"
-    "  4  no such node\n"
-    "  5  no launcher\n"
-    "  6  given up before the request was sent; the wait timed out\n"
-    "  7  sent, but the outcome is unknown\n"
-    "  8  the launcher's reply makes no sense\n"
-    "  9  the launcher belongs to somebody else";
+constexpr char kTryHelp[] = "Try 'vornctl --help'.\n";
 
 enum class ColourMode { AUTO, ALWAYS, NEVER };
 
@@ -96,24 +88,35 @@ CLI::callback_t readDuration(Target& target) {
   };
 }
 
-/// A value that is one of these words.
+/// The values of an option, in the order of its help.
 template <typename Value>
-CLI::callback_t readWord(const std::string& option, Value& target,
-                         std::map<std::string, Value> words) {
-  return
-      [option, &target, words = std::move(words)](const CLI::results_t& texts) {
-        const auto word = words.find(texts.back());
-        if (word == words.end()) {
-          std::string choice;
-          for (const auto& entry : words) {
-            choice += (choice.empty() ? "" : ", ") + entry.first;
-          }
-          throw CLI::ValidationError(
-              option, "'" + texts.back() + "' is none of " + choice);
-        }
-        target = word->second;
-        return true;
-      };
+using Words = std::vector<std::pair<std::string, Value>>;
+
+template <typename Value>
+std::string joined(const Words<Value>& words, const std::string& separator) {
+  std::string text;
+  for (const auto& word : words) {
+    text += (text.empty() ? "" : separator) + word.first;
+  }
+  return text;
+}
+
+/// Adds an option whose value is one of these words; the help lists them.
+template <typename Value>
+CLI::Option* addChoice(CLI::App& app, const std::string& option, Value& target,
+                       const std::string& description,
+                       const Words<Value>& words) {
+  const auto read = [option, &target, words](const CLI::results_t& texts) {
+    for (const auto& [word, value] : words) {
+      if (word != texts.back()) continue;
+      target = value;
+      return true;
+    }
+    throw CLI::ValidationError(
+        option, "'" + texts.back() + "' is none of " + joined(words, ", "));
+  };
+  return app.add_option(option, read, description)
+      ->type_name(joined(words, "|"));
 }
 
 bool mayColour(ColourMode mode) {
@@ -121,6 +124,12 @@ bool mayColour(ColourMode mode) {
   const char* const terminal = std::getenv("TERM");
   return ::isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr &&
          terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
+}
+
+std::vector<std::string> columnNames() {
+  std::vector<std::string> names;
+  for (const Column& column : statusColumns()) names.push_back(column.name);
+  return names;
 }
 
 /// The command line of vornctl.
@@ -132,7 +141,6 @@ class CommandLine {
     app_.set_version_flag("--version", "vornctl " VORNCTL_VERSION);
     app_.set_help_flag("-h,--help", "Show this text");
     app_.fallthrough();
-    app_.footer(kExitStatuses);
     addCommonOptions();
     addStatus();
     addAction(ControlRequest::Cmd::START, "start", "Start nodes");
@@ -149,15 +157,22 @@ class CommandLine {
     addCheck();
     addGraph();
     addHelpers();
+    app_.footer(exitStatusHelp("") +
+                "\n\n'vornctl help COMMAND' has examples.");
   }
 
   int run(int argc, char** argv) {
     try {
-      app_.parse(protectedArguments(argc, argv));
+      std::vector<std::string> arguments = protectedArguments(argc, argv);
+      if (!moveCommandToFront(arguments)) return kUsage;
+      app_.parse(std::move(arguments));
     } catch (const CLI::Success& wish) {
       return app_.exit(wish);  // help or version
     } catch (const CLI::ParseError& error) {
-      std::cerr << "vornctl: " << error.what() << "\nTry 'vornctl --help'.\n";
+      const bool has_command = !app_.get_subcommands().empty();
+      std::cerr << "vornctl: "
+                << (has_command ? error.what() : "no command given") << '\n'
+                << kTryHelp;
       return kUsage;
     }
     Settings& settings = arguments_.settings;
@@ -197,20 +212,18 @@ class CommandLine {
         ->type_name("PATH");
     app_.add_flag("--trust-any-user", settings.trustAnyUser,
                   "Talk to a launcher that is neither root's nor yours");
-    app_.add_option("--color",
-                    readWord<ColourMode>("--color", arguments_.colour,
-                                         {{"auto", ColourMode::AUTO},
-                                          {"always", ColourMode::ALWAYS},
-                                          {"never", ColourMode::NEVER}}),
-                    "Colours: auto (default), always or never")
-        ->type_name("WHEN");
-    app_.add_flag("-q,--quiet", settings.isQuiet,
-                  "Say nothing but what goes wrong");
+    addChoice<ColourMode>(app_, "--color", arguments_.colour,
+                          "When to use colours; auto (default): on a terminal",
+                          {{"auto", ColourMode::AUTO},
+                           {"always", ColourMode::ALWAYS},
+                           {"never", ColourMode::NEVER}});
+    app_.add_flag("-q,--quiet", settings.isQuiet, "Print errors only");
   }
 
   CLI::App* addCommand(const std::string& name, const std::string& what,
                        std::function<ExitStatus(Session&)> command) {
     CLI::App* const app = app_.add_subcommand(name, what);
+    app->footer(helpFooter(name));
     app->callback([this, command = std::move(command)] {
       command_ = [this, command] {
         Session session(arguments_.settings);
@@ -227,7 +240,7 @@ class CommandLine {
 
   void addStatus() {
     CLI::App* const app =
-        addCommand("status", "Show how nodes are", [this](Session& session) {
+        addCommand("status", "Show node status", [this](Session& session) {
           arguments_.status.nodes = arguments_.nodes;
           arguments_.status.isJson = arguments_.isJson;
           return showStatus(session, arguments_.status);
@@ -242,11 +255,10 @@ class CommandLine {
         "--no-header", [&options] { options.hasHeader = false; },
         "No line of titles");
     app->add_option("-o,--columns", options.columns,
-                    "Columns, with commas between: node, state, pid, uptime, "
-                    "started, policy, required, executable")
+                    "Columns to show, separated by commas; see below")
         ->delimiter(',')
         ->allow_extra_args(false)  // what follows is a node
-        ->check(CLI::IsMember(statusColumns()).description(""))
+        ->check(CLI::IsMember(columnNames()).description(""))
         ->type_name("COLUMNS")
         ->excludes(json);
   }
@@ -279,23 +291,20 @@ class CommandLine {
   void addWait() {
     WaitOptions& options = arguments_.wait;
     CLI::App* const app = addCommand(
-        "wait", "Wait until nodes are as wanted", [this](Session& session) {
+        "wait", "Wait for nodes to reach a state", [this](Session& session) {
           arguments_.wait.nodes = arguments_.nodes;
           arguments_.wait.limit = arguments_.settings.replyLimit;
           return waitForNodes(session, arguments_.wait);
         });
     addNodes(app, "Names or quoted patterns")->required();
-    app->add_option("--state",
-                    readWord<WaitOptions::Goal>(
-                        "--state", options.goal,
-                        {{"running", WaitOptions::Goal::RUNNING},
-                         {"stopped", WaitOptions::Goal::STOPPED},
-                         {"disabled", WaitOptions::Goal::DISABLED},
-                         {"restarted", WaitOptions::Goal::RESTARTED}}),
-                    "running, stopped, disabled, or restarted: running with "
-                    "another start than now")
-        ->required()
-        ->type_name("STATE");
+    addChoice<WaitOptions::Goal>(
+        *app, "--state", options.goal,
+        "The state to wait for; restarted: running with another start than now",
+        {{"running", WaitOptions::Goal::RUNNING},
+         {"stopped", WaitOptions::Goal::STOPPED},
+         {"disabled", WaitOptions::Goal::DISABLED},
+         {"restarted", WaitOptions::Goal::RESTARTED}})
+        ->required();
     app->add_option("--for", readDuration(options.heldFor),
                     "How long it must last")
         ->type_name("TIME");
@@ -332,22 +341,24 @@ class CommandLine {
         });
     app->add_option("FILE", options.files, "Launch files; - is standard input")
         ->type_name("FILE");
-    addChoice(app, "--format", options.format,
-              "How to print it: text (default)",
-              {{"text", Options::Format::TEXT},
-               {"json", Options::Format::JSON},
-               {"sarif", Options::Format::SARIF},
-               {"github", Options::Format::GITHUB}});
-    addChoice(app, "--fail-on", options.failOn,
-              "What makes the exit status 1: error (default)",
-              {{"error", Severity::ERROR},
-               {"warning", Severity::WARNING},
-               {"note", Severity::NOTE}});
-    addChoice(app, "--print", options.print,
-              "Print another thing; what is wrong goes to standard error",
-              {{"resolved", Options::Print::RESOLVED},
-               {"timeline", Options::Print::TIMELINE},
-               {"stop-timeout", Options::Print::STOP_TIMEOUT}});
+    addChoice<Options::Format>(*app, "--format", options.format,
+                               "Output format; default: text",
+                               {{"text", Options::Format::TEXT},
+                                {"json", Options::Format::JSON},
+                                {"sarif", Options::Format::SARIF},
+                                {"github", Options::Format::GITHUB}});
+    addChoice<Severity>(
+        *app, "--fail-on", options.failOn,
+        "Lowest severity that makes the exit status 1; default: error",
+        {{"error", Severity::ERROR},
+         {"warning", Severity::WARNING},
+         {"note", Severity::NOTE}});
+    addChoice<Options::Print>(
+        *app, "--print", options.print,
+        "Print this instead; problems go to standard error",
+        {{"resolved", Options::Print::RESOLVED},
+         {"timeline", Options::Print::TIMELINE},
+         {"stop-timeout", Options::Print::STOP_TIMEOUT}});
     app->add_option("--ignore", options.ignored, "Findings to leave out")
         ->allow_extra_args(false)
         ->delimiter(',')
@@ -372,19 +383,11 @@ class CommandLine {
     app->add_option("FILE", options.file, "A launch file; - is standard input")
         ->required()
         ->type_name("FILE");
-    addChoice(app, "--format", options.format, "dot (default), mermaid or svg",
-              {{"dot", GraphOptions::Format::DOT},
-               {"mermaid", GraphOptions::Format::MERMAID},
-               {"svg", GraphOptions::Format::SVG}});
-  }
-
-  /// An option with words for the values of an enumeration.
-  template <typename Enum>
-  static void addChoice(CLI::App* app, const std::string& name, Enum& target,
-                        const std::string& what,
-                        const std::map<std::string, Enum>& words) {
-    app->add_option(name, readWord(name, target, words), what)
-        ->type_name("WORD");
+    addChoice<GraphOptions::Format>(*app, "--format", options.format,
+                                    "Output format; default: dot",
+                                    {{"dot", GraphOptions::Format::DOT},
+                                     {"mermaid", GraphOptions::Format::MERMAID},
+                                     {"svg", GraphOptions::Format::SVG}});
   }
 
   void addHelpers() {
@@ -402,23 +405,92 @@ class CommandLine {
           std::cout << completionScript(arguments_.shell);
           return kDone;
         });
-    completion->add_option("SHELL", arguments_.shell, "bash, zsh or fish")
+    completion->add_option("SHELL", arguments_.shell, "The shell")
         ->required()
         ->check(CLI::IsMember({"bash", "zsh", "fish"}).description(""))
-        ->type_name("SHELL");
+        ->type_name("bash|zsh|fish");
     CLI::App* const help =
         addCommand("help", "Show this text, or that of a command",
-                   [this](Session& session) { return showHelp(session); });
+                   [this](Session&) { return showHelp(); });
     help->add_option("COMMAND", arguments_.topic, "A command")
         ->type_name("COMMAND");
   }
 
-  ExitStatus showHelp(const Session& session) {
+  /// The option of this name, of all commands or of any one.
+  const CLI::Option* findOption(const std::string& name) const {
+    if (const CLI::Option* const own = app_.get_option_no_throw(name)) {
+      return own;
+    }
+    for (const CLI::App* const command : app_.get_subcommands({})) {
+      if (const auto* const found = command->get_option_no_throw(name)) {
+        return found;
+      }
+    }
+    return nullptr;
+  }
+
+  bool takesValue(const std::string& name) const {
+    const CLI::Option* const option = findOption(name);
+    return option != nullptr && option->get_expected_max() > 0;
+  }
+
+  /// Whether the value of this option, such as --color or the last letter of
+  /// -qo, is the next argument.
+  bool isValueNext(const std::string& option) const {
+    if (option.rfind("--", 0) == 0) return takesValue(option);
+    for (size_t i = 1; i < option.size(); ++i) {
+      const char letter[] = {'-', option[i], '\0'};
+      if (takesValue(letter)) return i + 1 == option.size();
+    }
+    return false;
+  }
+
+  /// Moves the command, before which any of its options may be given, to the
+  /// front, which CLI11 needs. False, with a message, if there is no such
+  /// command. The arguments are in CLI11's order.
+  bool moveCommandToFront(std::vector<std::string>& arguments) const {
+    for (auto each = arguments.rbegin(); each != arguments.rend(); ++each) {
+      if (*each == "--") return true;
+      if (each->size() > 1 && each->front() == '-') {
+        if (isValueNext(*each) && std::next(each) != arguments.rend()) ++each;
+        continue;
+      }
+      if (!isCommand(*each)) return complainAboutCommand(*each);
+      std::rotate(arguments.rbegin(), each, std::next(each));
+      return true;
+    }
+    return true;
+  }
+
+  std::vector<std::string> commandNames() const {
+    std::vector<std::string> names;
+    for (const CLI::App* const command : app_.get_subcommands({})) {
+      names.push_back(command->get_name());
+    }
+    return names;
+  }
+
+  bool isCommand(const std::string& word) const {
+    const auto names = commandNames();
+    return std::find(names.begin(), names.end(), word) != names.end();
+  }
+
+  /// Always false.
+  bool complainAboutCommand(std::string word) const {
+    unprotect(word);
+    std::cerr << "vornctl: unknown command '" << printable(word) << "'";
+    const std::string nearest = nearestOf(commandNames(), word);
+    if (!nearest.empty()) std::cerr << "; did you mean '" << nearest << "'?";
+    std::cerr << '\n' << kTryHelp;
+    return false;
+  }
+
+  ExitStatus showHelp() {
     const std::string& topic = arguments_.topic;
     const auto found = app_.get_subcommands(
         [&](const CLI::App* each) { return each->get_name() == topic; });
     if (found.empty() && !topic.empty()) {
-      session.complain("there is no command '" + topic + "'");
+      (void)complainAboutCommand(topic);
       return kUsage;
     }
     const CLI::App* const app = found.empty() ? &app_ : found.front();

@@ -1,23 +1,29 @@
 #pragma once
 
+#include <string>
+
 #include "control_client.h"
 
 namespace vorn::launch {
 
-/// How vornctl ends; scripts rely on the numbers.
+/// The exit status of vornctl. Scripts rely on the numbers; exit_status.cpp has
+/// their meanings.
 enum ExitStatus : int {
-  kDone = 0,           // done, or the condition is true
-  kFailed = 1,         // an operation FAILED, or check has found something
-  kUsage = 2,          // wrong usage; nothing was asked of the launcher
-  kNotRunning = 3,     // status: a named node does not run; wait: the
-                       // condition did not hold
-  kNoSuchNode = 4,     // the launcher has no such node
-  kNoLauncher = 5,     // nobody listens, or we may not connect
-  kTimedOut = 6,       // given up before sending; wait: given up waiting
-  kUnknown = 7,        // sent, but the outcome is not known
-  kProtocolError = 8,  // the reply makes no sense
-  kUntrusted = 9,      // the launcher belongs to somebody else
+  kDone = 0,
+  kFailed = 1,
+  kUsage = 2,
+  kNotRunning = 3,
+  kNoSuchNode = 4,
+  kNoLauncher = 5,
+  kTimedOut = 6,
+  kUnknown = 7,
+  kProtocolError = 8,
+  kUntrusted = 9,
 };
+
+/// The section "Exit status" of the help of a command; of all commands if
+/// `command` is empty.
+std::string exitStatusHelp(const std::string& command);
 
 inline ExitStatus exitStatusOf(Outcome outcome) {
   switch (outcome) {

@@ -116,8 +116,9 @@ void printTable(const StatusOptions& options, bool has_colours,
                 const std::vector<NodeView>& views) {
   std::vector<std::string> columns = options.columns;
   if (columns.empty()) {
-    columns.assign(statusColumns().begin(),
-                   statusColumns().begin() + kUsualColumns);
+    for (size_t i = 0; i < kUsualColumns; ++i) {
+      columns.push_back(statusColumns()[i].name);
+    }
   }
   Table table;
   if (options.hasHeader) {
@@ -143,10 +144,16 @@ void printTable(const StatusOptions& options, bool has_colours,
 
 }  // namespace
 
-const std::vector<std::string>& statusColumns() {
-  static const std::vector<std::string> columns = {
-      "node",    "state",  "pid",      "uptime",
-      "started", "policy", "required", "executable"};
+const std::vector<Column>& statusColumns() {
+  static const std::vector<Column> columns = {
+      {"node", "name in the launch file"},
+      {"state", "running, stopped, restarting, disabled and so on"},
+      {"pid", "its process"},
+      {"uptime", "time since the start of a running node"},
+      {"started", "time of the last start"},
+      {"policy", "restart, oneshot, manual or manual+oneshot"},
+      {"required", "nodes that restart when this node stops"},
+      {"executable", "program of the node"}};
   return columns;
 }
 

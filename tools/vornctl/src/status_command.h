@@ -12,14 +12,19 @@ namespace vorn::launch {
 
 struct StatusOptions {
   std::vector<std::string> nodes;    // names and patterns; all if empty
-  std::vector<std::string> columns;  // of statusColumns(); empty: the usual
+  std::vector<std::string> columns;  // of statusColumns(); empty: default
   bool isJson = false;
   bool isPlain = false;  // tabs, bare numbers
   bool hasHeader = true;
 };
 
-/// The names of all columns, the usual ones first.
-const std::vector<std::string>& statusColumns();
+struct Column {
+  std::string name;
+  std::string description;  // for the help
+};
+
+/// All columns, those that are shown by default first.
+const std::vector<Column>& statusColumns();
 
 /// Shows how nodes are. kNotRunning when nodes were named and one of them does
 /// not run.
