@@ -21,13 +21,14 @@ ERROR_LINE = (
 def fixture_vornctl(program, tmp_path):
     """Runs vornctl in a folder of its own."""
 
-    def run(*arguments, text=None, environment=None, command="check"):
+    def run(*arguments, text=None, environment=None, command="check", wrapper=(),
+            **options):
         bare = {name: value for name, value in os.environ.items()
                 if not name.startswith("VORN")}
         return subprocess.run(
-            [program.with_name("vornctl"), command, *arguments], cwd=tmp_path,
-            env={**bare, **(environment or {})}, input=text, capture_output=True,
-            check=False, encoding="utf-8", timeout=60,
+            [*wrapper, program.with_name("vornctl"), command, *arguments],
+            cwd=tmp_path, env={**bare, **(environment or {})}, input=text,
+            capture_output=True, check=False, encoding="utf-8", timeout=60, **options,
         )
 
     run.folder = tmp_path
@@ -84,8 +85,65 @@ def test_what_cannot_be_read_ends_with_2_and_the_rest_is_checked(vornctl):
     assert finished.stdout == "launch.yaml:" + ERROR_LINE
     assert finished.stderr == (
         "vornctl: cannot read missing.yaml: No such file or directory\n"
-        "vornctl: cannot read folder: it is a folder\n"
+        "vornctl: cannot read folder: Is a directory\n"
     )
+
+
+def failure_of(vornctl, *arguments, **options):
+    """The message about the only file, which cannot be checked."""
+    finished = vornctl(*arguments, **options)
+    assert (finished.returncode, finished.stdout) == (2, "")
+    return finished.stderr
+
+
+def test_a_read_error_at_the_beginning_is_reported(vornctl):
+    assert failure_of(vornctl, "/proc/self/mem") == (
+        "vornctl: cannot read /proc/self/mem: Input/output error\n")
+
+
+def test_a_read_error_of_standard_input_is_reported(vornctl):
+    directory = os.open("/etc", os.O_RDONLY)
+    try:
+        assert failure_of(vornctl, "-", stdin=directory) == (
+            "vornctl: cannot read <stdin>: Is a directory\n")
+    finally:
+        os.close(directory)
+
+
+# Several pieces of 64 KiB with an error in the last line.
+LARGE = CLEAN + "# a comment\n" * 20_000 + "["
+
+
+@pytest.mark.native  # strace would count the emulator's calls
+@pytest.mark.parametrize("injected, reason", [
+    ("error=EIO:when=2", "Input/output error"),
+    ("retval=0:when=2", "the file ended before its size was reached"),
+], ids=["error", "end"])
+def test_a_file_that_is_read_in_part_does_not_pass(vornctl, injected, reason):
+    name = write(vornctl, LARGE)
+    strace = ["strace", "-o", "/dev/null", "-P", vornctl.folder / name,
+              "-e", "trace=read", "-e", f"inject=read:{injected}"]
+    assert failure_of(vornctl, name, wrapper=strace,
+                      environment={"ASAN_OPTIONS": "detect_leaks=0"}) == (
+        f"vornctl: cannot read {name}: {reason}\n")
+
+
+def test_an_interrupted_read_is_repeated(vornctl):
+    name = write(vornctl, LARGE)
+    strace = ["strace", "-o", "/dev/null", "-P", vornctl.folder / name,
+              "-e", "trace=read", "-e", "inject=read:error=EINTR:when=2"]
+    finished = vornctl(name, "--no-host", wrapper=strace,
+                       environment={"ASAN_OPTIONS": "detect_leaks=0"})
+    assert f"{name}:20004:" in finished.stdout and finished.returncode == 1
+
+
+@pytest.mark.plain  # a sanitizer needs more addresses
+def test_a_file_that_does_not_fit_into_memory_does_not_pass(vornctl):
+    name = write(vornctl, "a: [" + "b, " * 1_000_000)
+    for command in ("check", "graph"):
+        message = failure_of(vornctl, name, command=command,
+                             wrapper=["prlimit", f"--as={80 << 20}"])
+        assert message.startswith("vornctl: not enough memory to ")
 
 
 @pytest.mark.parametrize("arguments", [

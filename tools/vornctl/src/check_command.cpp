@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <new>
 #include <optional>
 
 #include "check_format.h"
@@ -38,23 +39,35 @@ Findings findingsIn(const Document& document, const Reading& reading,
   return findings;
 }
 
+/// Adds the results for one file. False with a sentence in `error` if the file
+/// cannot be read.
+bool checkFile(const std::string& path,
+               const LauncherSurroundings& surroundings,
+               const CheckOptions& options, Results& results,
+               std::string& error) {
+  auto document = readDocument(path, error);
+  if (!document) return false;
+  Reading reading = readAsLauncher(*document, surroundings);
+  Findings findings = findingsIn(*document, reading, options);
+  results.checked.push_back(
+      {std::move(*document), reading.faults.empty(), std::move(findings)});
+  results.resolved.push_back(
+      {results.checked.back().document.name(), std::move(reading)});
+  return true;
+}
+
 Results checkFiles(const Session& session, const CheckOptions& options) {
   Results results;
   const LauncherSurroundings surroundings = ownSurroundings();
   for (const std::string& path : options.files) {
     std::string error;
-    auto document = readDocument(path, error);
-    if (!document) {
-      session.complain(error);
-      results.isUnreadable = true;
-      continue;
+    try {
+      if (checkFile(path, surroundings, options, results, error)) continue;
+    } catch (const std::bad_alloc&) {
+      error = "not enough memory to check " + path;
     }
-    Reading reading = readAsLauncher(*document, surroundings);
-    Findings findings = findingsIn(*document, reading, options);
-    results.checked.push_back(
-        {std::move(*document), reading.faults.empty(), std::move(findings)});
-    results.resolved.push_back(
-        {results.checked.back().document.name(), std::move(reading)});
+    session.complain(error);
+    results.isUnreadable = true;
   }
   return results;
 }
@@ -109,6 +122,20 @@ bool hasFailed(const std::vector<CheckedFile>& files, Severity fail_on) {
   });
 }
 
+void print(const Settings& settings, const CheckOptions& options,
+           const Results& results) {
+  if (options.print == Print::FINDINGS) {
+    if (!settings.isQuiet) {
+      printFindings(std::cout, settings, options.format, results.checked);
+    }
+  } else {
+    for (const CheckedFile& file : results.checked) {
+      if (!settings.isQuiet) printAsText(std::cerr, file, false, false);
+    }
+    printWish(options, results.resolved);
+  }
+}
+
 }  // namespace
 
 ExitStatus check(const Session& session, const CheckOptions& options) {
@@ -119,16 +146,11 @@ ExitStatus check(const Session& session, const CheckOptions& options) {
     return kUsage;
   }
   const Results results = checkFiles(session, options);
-  const Settings& settings = session.settings();
-  if (options.print == Print::FINDINGS) {
-    if (!settings.isQuiet) {
-      printFindings(std::cout, settings, options.format, results.checked);
-    }
-  } else {
-    for (const CheckedFile& file : results.checked) {
-      if (!settings.isQuiet) printAsText(std::cerr, file, false, false);
-    }
-    printWish(options, results.resolved);
+  try {
+    print(session.settings(), options, results);
+  } catch (const std::bad_alloc&) {
+    session.complain("not enough memory to print the results");
+    return kUsage;
   }
   if (results.isUnreadable) return kUsage;
   return hasFailed(results.checked, options.failOn) ? kFailed : kDone;

@@ -1,12 +1,12 @@
 #include "document.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iostream>
-#include <iterator>
-#include <sstream>
 #include <utility>
 
 namespace vorn::launch {
@@ -14,7 +14,58 @@ namespace {
 
 constexpr char kIgnore[] = "# vornctl: ignore=";
 
+/// Owns a descriptor. A negative number is the result of a failed open().
+class Descriptor {
+ public:
+  explicit Descriptor(int number) : number_(number) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (number_ >= 0) (void)::close(number_);
+  }
+  int number() const { return number_; }
+
+ private:
+  int number_;
+};
+
+/// The size of an open regular file; 0 for other files, which have no size.
+size_t sizeOf(int fd) {
+  struct stat status {};
+  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return 0;
+  return static_cast<size_t>(status.st_size);
+}
+
+/// Appends the bytes of `fd`, which errno describes if it is negative, to
+/// `text` up to the end of the file. Returns the reason of a failure, or an
+/// empty text.
+std::string readAll(int fd, std::string& text) {
+  constexpr size_t kPiece = 65536;
+  if (fd < 0) return std::strerror(errno);
+  while (text.size() <= kLargestFile) {
+    const size_t size = text.size();
+    text.resize(size + kPiece);
+    const ssize_t count = ::read(fd, text.data() + size, kPiece);
+    text.resize(size + static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    if (count == 0) return "";
+    if (count < 0 && errno != EINTR) return std::strerror(errno);
+  }
+  return "it is larger than " + std::to_string(kLargestFile >> 20U) +
+         " MiB, the limit for a launch file";
+}
+
 }  // namespace
+
+std::vector<std::string> split(const std::string& text, char separator) {
+  std::vector<std::string> parts;
+  size_t begin = 0;
+  while (begin < text.size()) {
+    const size_t end = std::min(text.find(separator, begin), text.size());
+    if (end > begin) parts.push_back(text.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return parts;
+}
 
 Document::Document(std::string name, std::string text, bool is_standard_input)
     : name_(std::move(name)),
@@ -43,12 +94,11 @@ std::vector<std::string> Document::ignoredAt(int number) const {
   std::vector<std::string> ignored;
   for (size_t found = content.find(kIgnore); found != std::string::npos;
        found = content.find(kIgnore, found + 1)) {
-    // The names end at a space; what follows is for people.
+    // The names end at a space; the text after it is for people.
     const size_t begin = found + std::strlen(kIgnore);
     const size_t end = content.find_first_of(" \t", begin);
-    std::istringstream names(content.substr(begin, end - begin));
-    for (std::string name; std::getline(names, name, ',');) {
-      if (!name.empty()) ignored.push_back(name);
+    for (std::string& name : split(content.substr(begin, end - begin), ',')) {
+      ignored.push_back(std::move(name));
     }
   }
   return ignored;
@@ -68,24 +118,22 @@ std::vector<int> Document::linesWithIgnores() const {
 
 std::optional<Document> readDocument(const std::string& path,
                                      std::string& error) {
-  if (path == "-") {
-    return Document("<stdin>", {std::istreambuf_iterator<char>(std::cin), {}},
-                    true);
+  const bool is_standard_input = path == "-";
+  const std::string name = is_standard_input ? "<stdin>" : path;
+  const Descriptor file(is_standard_input
+                            ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
+                            : ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  std::string text;
+  std::string reason = readAll(file.number(), text);
+  if (reason.empty() && !is_standard_input &&
+      text.size() < sizeOf(file.number())) {
+    reason = "the file ended before its size was reached";
   }
-  std::error_code code;
-  if (std::filesystem::is_directory(path, code)) {
-    error = "cannot read " + path + ": it is a folder";
+  if (!reason.empty()) {
+    error = "cannot read " + name + ": " + reason;
     return std::nullopt;
   }
-  errno = 0;
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  if (file) text << file.rdbuf();
-  if (!file.is_open() || file.bad()) {
-    error = "cannot read " + path + ": " + std::strerror(errno);
-    return std::nullopt;
-  }
-  return Document(path, text.str());
+  return Document(name, std::move(text), is_standard_input);
 }
 
 }  // namespace vorn::launch

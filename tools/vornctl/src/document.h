@@ -46,8 +46,16 @@ class Document {
   std::vector<size_t> line_starts_;
 };
 
-/// The file at `path`, standard input for "-". Nothing if it cannot be read;
-/// `error` is then one sentence that tells why.
+/// In bytes. A parsed file needs about eighty times its size in memory.
+constexpr size_t kLargestFile = size_t{16} << 20U;
+
+/// The parts of `text` between separators, without the empty ones. Unlike a
+/// loop with std::getline(), which would end, it throws std::bad_alloc.
+std::vector<std::string> split(const std::string& text, char separator);
+
+/// Reads the file at `path`, standard input for "-". Nothing if the file cannot
+/// be read to its end or is larger than kLargestFile; `error` is then one
+/// sentence with the reason. Throws std::bad_alloc.
 std::optional<Document> readDocument(const std::string& path,
                                      std::string& error);
 

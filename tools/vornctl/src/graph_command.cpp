@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <new>
 #include <set>
 #include <sstream>
 #include <utility>
@@ -51,9 +52,9 @@ std::string dotText(const std::string& text) {
   return escaped;
 }
 
-std::string dotGraph(const Reading& reading, const RequiredGraph& graph) {
+void printDot(std::ostream& out, const Reading& reading,
+              const RequiredGraph& graph) {
   const auto red = arrowsInCycles(graph);
-  std::ostringstream out;
   out << "digraph launch {\n  rankdir=LR;\n  node [shape=box];\n";
   for (size_t i = 0; i < reading.nodes.size(); ++i) {
     const NodeReading& node = reading.nodes[i];
@@ -71,7 +72,6 @@ std::string dotGraph(const Reading& reading, const RequiredGraph& graph) {
     }
   }
   out << "}\n";
-  return out.str();
 }
 
 /// A text between quotes in Mermaid, which knows the entities of HTML.
@@ -98,9 +98,9 @@ std::string mermaidText(const std::string& text) {
   return escaped;
 }
 
-std::string mermaidGraph(const Reading& reading, const RequiredGraph& graph) {
+void printMermaid(std::ostream& out, const Reading& reading,
+                  const RequiredGraph& graph) {
   const auto red = arrowsInCycles(graph);
-  std::ostringstream out;
   std::vector<size_t> red_links;
   out << "flowchart LR\n";
   for (size_t i = 0; i < reading.nodes.size(); ++i) {
@@ -122,32 +122,34 @@ std::string mermaidGraph(const Reading& reading, const RequiredGraph& graph) {
   for (const size_t each : red_links) {
     out << "  linkStyle " << each << " stroke:red\n";
   }
-  return out.str();
 }
 
 /// Has Graphviz draw the graph on our standard output.
-ExitStatus drawSvg(const Session& session, const std::string& graph) {
+ExitStatus drawSvg(const Session& session, const Reading& reading,
+                   const RequiredGraph& graph) {
   if (std::system("command -v dot >/dev/null 2>&1") != 0) {
     session.complain(kNoDot);
     return kFailed;
   }
+  std::ostringstream text;
+  printDot(text, reading, graph);
+  if (!text) throw std::bad_alloc();  // a stream keeps that to itself
+  const std::string dot_graph = text.str();
   std::cout.flush();
   FILE* const dot = ::popen("dot -Tsvg", "w");
   if (dot == nullptr) {
     session.complain(kNoDot);
     return kFailed;
   }
-  const bool is_written =
-      std::fwrite(graph.data(), 1, graph.size(), dot) == graph.size();
+  const bool is_written = std::fwrite(dot_graph.data(), 1, dot_graph.size(),
+                                      dot) == dot_graph.size();
   const int status = ::pclose(dot);
   if (is_written && status == 0) return kDone;
   session.complain("Graphviz could not draw the graph");
   return kFailed;
 }
 
-}  // namespace
-
-ExitStatus printGraph(const Session& session, const GraphOptions& options) {
+ExitStatus printGraphOf(const Session& session, const GraphOptions& options) {
   std::string error;
   const auto document = readDocument(options.file, error);
   if (!document) {
@@ -164,15 +166,26 @@ ExitStatus printGraph(const Session& session, const GraphOptions& options) {
   const RequiredGraph graph(reading);
   switch (options.format) {
     case GraphOptions::Format::MERMAID:
-      std::cout << mermaidGraph(reading, graph);
+      printMermaid(std::cout, reading, graph);
       return kDone;
     case GraphOptions::Format::SVG:
-      return drawSvg(session, dotGraph(reading, graph));
+      return drawSvg(session, reading, graph);
     case GraphOptions::Format::DOT:
       break;
   }
-  std::cout << dotGraph(reading, graph);
+  printDot(std::cout, reading, graph);
   return kDone;
+}
+
+}  // namespace
+
+ExitStatus printGraph(const Session& session, const GraphOptions& options) {
+  try {
+    return printGraphOf(session, options);
+  } catch (const std::bad_alloc&) {
+    session.complain("not enough memory to draw " + options.file);
+    return kUsage;
+  }
 }
 
 }  // namespace vorn::launch

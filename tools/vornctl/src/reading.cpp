@@ -336,9 +336,8 @@ class Reader {
     const auto text = readText(value, place, "'argv'");
     if (!text) return;
     node.argvs.push_back({*text, place});
-    std::istringstream pieces(untilNul(*text));
-    for (std::string piece; std::getline(pieces, piece, ' ');) {
-      if (!piece.empty()) node.arguments.push_back({piece, place});
+    for (std::string& argument : split(untilNul(*text), ' ')) {
+      node.arguments.push_back({std::move(argument), place});
     }
   }
 
