@@ -75,7 +75,7 @@ def fixture_installed_root(packages, steps, tmp_path_factory, debian_root,
     for path in packages.values():
         debian.path(f"/root/{path.name}").write_bytes(path.read_bytes())
     update, install = steps["Install"][:2]
-    assert install.startswith("apt-get install ./vornlaunch_")
+    assert install.startswith("apt-get install -y ./vornlaunch_")
     debian.run("sh", "-ec", f"cd /root; {update}; {install} ./libvornlib-dev_*.deb",
                network=True)
     yield debian
