@@ -3,10 +3,15 @@ is in test_check_examples.py."""
 
 import json
 import os
+import pathlib
 import pty
+import re
+import signal
 import subprocess
 
 import pytest
+
+from support.waiting import PATIENCE, eventually
 
 CLEAN = "vornnode:\n  shell:\n    path: /bin/sh\n"
 ERROR = "vornnode:\n  shell:\n    path:\n"
@@ -259,6 +264,114 @@ def test_a_terminal_is_shown_colours(vornctl, program):
     path = vornctl.folder / write(vornctl, ERROR)
     shown = on_terminal(program, path)
     assert shown.startswith("\x1b[1mlaunch.yaml:3:11:\x1b[0m \x1b[31merror:\x1b[0m ")
+
+
+# -- Limits.
+
+
+def test_a_file_that_is_too_large_is_not_read(vornctl):
+    assert failure_of(vornctl, "/dev/zero") == (
+        "vornctl: cannot read /dev/zero: it is larger than 16 MiB, the limit for a "
+        "launch file\n")
+
+
+SHARED_LIST = (
+    "x-list: &r [" + "x, " * 2000 + "x]\nvornnode:\n"
+    + "".join(f"  n{i}: {{path: /bin/sh, required: *r}}\n" for i in range(2000)))
+SHARED_TEXT = (
+    "x-text: &t " + "x" * 100_000 + "\nvornnode:\n"
+    + "".join(f"  n{i}: {{path: *t}}\n" for i in range(2000)))
+EXPANDED = (
+    "configure: {environment: {VORN_ROOT: /" + "x" * 100_000 + ", V: "
+    + "install://" * 2000 + "}}\n")
+
+
+@pytest.mark.parametrize("text", [SHARED_LIST, SHARED_TEXT, EXPANDED],
+                         ids=["list", "text", "install"])
+def test_a_file_that_expands_too_far_is_not_checked(vornctl, text):
+    reason = ("with its aliases expanded, it has more than 1000000 values or 64 MiB "
+              "of text\n")
+    assert failure_of(vornctl, "-", text=text) == f"vornctl: cannot check -: {reason}"
+    assert failure_of(vornctl, "-", text=text, command="graph") == (
+        f"vornctl: cannot draw -: {reason}")
+
+
+def test_too_many_global_variables_for_all_nodes_are_not_resolved(vornctl):
+    variables = "".join(f"    V{i}: x\n" for i in range(2000))
+    nodes = "".join(f"  n{i}: {{path: /bin/sh}}\n" for i in range(2000))
+    text = f"configure:\n  environment:\n{variables}vornnode:\n{nodes}"
+    assert failure_of(vornctl, "-", "--print=resolved", text=text) == (
+        "vornctl: cannot print the results: the global variables of all nodes "
+        "together are more than 1000000 values or 64 MiB of text\n")
+
+
+def test_of_many_findings_of_a_kind_100_are_shown(vornctl):
+    keys = "".join(f"    k{i}: 1\n" for i in range(150))
+    finished = vornctl("-", text=CLEAN + keys + "    sleep: 20000\n")
+    lines = finished.stdout.splitlines()
+    assert len([line for line in lines if "unknown key" in line]) == 100
+    assert lines[100] == (
+        "<stdin>:104:5: warning: only the first 100 findings of this kind are shown; "
+        "there are more [unknown-key]")
+    assert "[long-sleep]" in lines[101] and len(lines) == 102
+
+
+def test_silenced_findings_do_not_count_towards_the_limit(vornctl):
+    keys = "".join(f"    k{i}: 1  # vornctl: ignore=unknown-key\n" for i in range(150))
+    assert vornctl("-", text=CLEAN + keys).stdout == ""
+
+
+def test_a_long_source_line_is_shown_in_part(vornctl):
+    text = "vornnode: {a: {path: /a, " + "k: ä, " * 10_000 + "sleep: x}}\n"
+    lines = vornctl("-", "--color=always", "--ignore=unknown-key",
+                    text=text).stdout.splitlines()
+    assert len(lines) == 3
+    assert lines[1].startswith("  …") and lines[1].endswith(" ä, sleep: x}}")
+    assert lines[1][lines[2].index("^")] == "x"
+    assert max(map(len, lines)) < 200
+
+
+def test_a_long_message_loses_its_middle(vornctl):
+    text = "vornnode:\n  a:\n    path: " + "ä" * 40_000
+    line = vornctl("-", text=text).stdout
+    assert line.startswith("<stdin>:3:11: warning: path 'ä")
+    assert "ää…ää" in line and "write it in full [relative-path]" in line
+    assert len(line) < 1000
+
+
+def test_a_cycle_of_many_nodes_has_few_notes(vornctl):
+    nodes = "".join(f"  n{i}: {{path: /bin/sh, required: [n{(i + 1) % 500}]}}\n"
+                    for i in range(500))
+    lines = vornctl("-", text=f"vornnode:\n{nodes}").stdout.splitlines()
+    assert len(lines) == 22
+    assert lines[-1].endswith(": note: further places are not shown")
+
+
+# -- Signals.
+
+
+@pytest.mark.parametrize("command", ["check", "graph"])
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
+def test_a_stop_signal_terminates_it_at_once(program, command, number):
+    """Here it still reads; there is no handler later either."""
+    process = subprocess.Popen([program.with_name("vornctl"), command, "-"],
+                               stdin=subprocess.PIPE)
+    process.send_signal(number)
+    assert process.wait(timeout=PATIENCE) == -number
+    process.stdin.close()
+
+
+def test_a_stop_signal_that_the_caller_ignores_stays_ignored(program):
+    process = subprocess.Popen(
+        ["nohup", program.with_name("vornctl"), "check", "-"], encoding="ascii",
+        stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    status = pathlib.Path(f"/proc/{process.pid}/status")
+    ignored = 1 << (signal.SIGHUP - 1)
+    eventually(lambda: int(re.search(r"SigIgn:\t(\w+)", status.read_text(
+        encoding="ascii"))[1], 16) & ignored, "SIGHUP is ignored")
+    process.send_signal(signal.SIGHUP)
+    process.communicate(CLEAN)
+    assert process.returncode == 0
 
 
 # -- Forms for programs.

@@ -10,6 +10,7 @@
 #include "check_format.h"
 #include "check_print.h"
 #include "checks.h"
+#include "stop_signals.h"
 
 namespace vorn::launch {
 namespace {
@@ -26,7 +27,7 @@ struct Results {
 
 Findings findingsIn(const Document& document, const Reading& reading,
                     const CheckOptions& options) {
-  Findings findings;
+  Findings findings(document, options.ignored);
   checkDocument(reading, findings);
   checkNodes(reading, findings);
   checkEnvironment(reading, findings);
@@ -35,7 +36,7 @@ Findings findingsIn(const Document& document, const Reading& reading,
   if (options.host == Host::YES || (options.host == Host::AUTO && is_file)) {
     checkHost(document, reading, findings);
   }
-  findings.settle(document, options.ignored);
+  findings.settle();
   return findings;
 }
 
@@ -63,6 +64,8 @@ Results checkFiles(const Session& session, const CheckOptions& options) {
     std::string error;
     try {
       if (checkFile(path, surroundings, options, results, error)) continue;
+    } catch (const TooLarge& failure) {
+      error = "cannot check " + path + ": " + failure.what();
     } catch (const std::bad_alloc&) {
       error = "not enough memory to check " + path;
     }
@@ -94,8 +97,27 @@ void printFindings(std::ostream& out, const Settings& settings, Format format,
   }
 }
 
+/// Throws TooLarge if the environments of all nodes are too much to print: each
+/// node has all global variables.
+void checkEnvironments(const std::vector<ResolvedFile>& files) {
+  size_t values = 0;
+  size_t bytes = 0;
+  for (const ResolvedFile& file : files) {
+    const size_t nodes = file.reading.nodes.size();
+    for (const Variable& variable : file.reading.environment) {
+      values += nodes;
+      bytes += nodes * variable.value.value.size();
+    }
+  }
+  if (values <= kMostValues && bytes <= kMostValueBytes) return;
+  throw TooLarge("the global variables of all nodes together are more than " +
+                 std::to_string(kMostValues) + " values or " +
+                 std::to_string(kMostValueBytes >> 20U) + " MiB of text");
+}
+
 void printWish(const CheckOptions& options,
                const std::vector<ResolvedFile>& files) {
+  if (options.print == Print::RESOLVED) checkEnvironments(files);
   if (options.print == Print::RESOLVED && options.format == Format::JSON) {
     printResolvedAsJson(std::cout, files);
     return;
@@ -145,9 +167,14 @@ ExitStatus check(const Session& session, const CheckOptions& options) {
                      "' to ignore; see 'vornctl check --list'");
     return kUsage;
   }
+  dieByStopSignals(session.settings().cancelFd);
   const Results results = checkFiles(session, options);
   try {
     print(session.settings(), options, results);
+  } catch (const TooLarge& failure) {
+    session.complain(std::string("cannot print the results: ") +
+                     failure.what());
+    return kUsage;
   } catch (const std::bad_alloc&) {
     session.complain("not enough memory to print the results");
     return kUsage;

@@ -1,7 +1,9 @@
 #include "check_format.h"
 
+#include <algorithm>
 #include <ostream>
 #include <string>
+#include <string_view>
 
 #include <nlohmann/json.hpp>
 
@@ -16,6 +18,7 @@ using Json = nlohmann::ordered_json;
 
 // Grows when a member changes its meaning or goes; not when one is added.
 constexpr int kSchemaVersion = 1;
+constexpr size_t kLongestSource = 120;  // bytes of a source line
 constexpr char kDocumentation[] = "docs/checks.md#";
 
 Colour colourOf(Severity severity) {
@@ -30,18 +33,34 @@ Colour colourOf(Severity severity) {
   return Colour::FAINT;
 }
 
+/// The start of the character at this position; the end of the line beyond it.
+size_t characterBefore(std::string_view line, size_t position) {
+  if (position >= line.size()) return line.size();
+  const auto is_inside = [&] {
+    return (static_cast<unsigned char>(line[position]) & 0xc0U) == 0x80U;
+  };
+  while (position > 0 && is_inside()) --position;
+  return position;
+}
+
 void printSource(std::ostream& out, const Document& document,
                  const Place& place) {
-  std::string line = document.line(place.line);
-  for (char& letter : line) {
-    if (letter == '\t') letter = ' ';
-  }
+  const std::string_view line = document.line(place.line);
   if (line.empty()) return;
-  const auto before = static_cast<size_t>(place.column) - 1;
-  const std::string prefix = printable(line.substr(0, before));
-  const size_t missing = before > line.size() ? before - line.size() : 0;
-  out << "  " << printable(line) << "\n  "
-      << std::string(displayWidth(prefix) + missing, ' ') << "^\n";
+  const auto column = static_cast<size_t>(place.column) - 1;
+  const bool is_short = line.size() <= kLongestSource;
+  const bool is_cut = !is_short && column > kLongestSource / 2;
+  const size_t begin =
+      is_cut ? characterBefore(line, column - kLongestSource / 2) : 0;
+  const size_t end = characterBefore(line, begin + kLongestSource);
+  std::string part(line.substr(begin, end - begin));
+  std::replace(part.begin(), part.end(), '\t', ' ');
+  const std::string ellipsis = is_cut ? "…" : "";
+  const std::string prefix =
+      ellipsis + printable(part.substr(0, column - begin));
+  const size_t missing = column > line.size() ? column - line.size() : 0;
+  out << "  " << ellipsis << printable(part) << (end < line.size() ? "…" : "")
+      << "\n  " << std::string(displayWidth(prefix) + missing, ' ') << "^\n";
 }
 
 /// Writes the document of a program.
@@ -58,7 +77,7 @@ Json placeOf(const Place& place) {
 
 /// The characters of UTF-8 in a column of bytes.
 int codePointColumn(const Document& document, const Place& place) {
-  const std::string line = document.line(place.line);
+  const std::string_view line = document.line(place.line);
   int column = 1;
   for (int i = 0; i < place.column - 1; ++i) {
     const auto index = static_cast<size_t>(i);

@@ -78,26 +78,27 @@ Document::Document(std::string name, std::string text, bool is_standard_input)
   }
 }
 
-std::string Document::line(int number) const {
-  if (number < 1) return "";
+std::string_view Document::line(int number) const {
+  if (number < 1) return {};
   const auto index = static_cast<size_t>(number) - 1;
-  if (index >= line_starts_.size()) return "";
+  if (index >= line_starts_.size()) return {};
   const size_t begin = line_starts_[index];
-  size_t end = text_.find('\n', begin);
-  if (end == std::string::npos) end = text_.size();
+  const bool is_last = index + 1 == line_starts_.size();
+  size_t end = is_last ? text_.size() : line_starts_[index + 1] - 1;
   if (end > begin && text_[end - 1] == '\r') --end;
-  return text_.substr(begin, end - begin);
+  return std::string_view(text_).substr(begin, end - begin);
 }
 
 std::vector<std::string> Document::ignoredAt(int number) const {
-  const std::string content = line(number);
+  const std::string_view content = line(number);
   std::vector<std::string> ignored;
   for (size_t found = content.find(kIgnore); found != std::string::npos;
        found = content.find(kIgnore, found + 1)) {
     // The names end at a space; the text after it is for people.
     const size_t begin = found + std::strlen(kIgnore);
     const size_t end = content.find_first_of(" \t", begin);
-    for (std::string& name : split(content.substr(begin, end - begin), ',')) {
+    for (std::string& name :
+         split(std::string(content.substr(begin, end - begin)), ',')) {
       ignored.push_back(std::move(name));
     }
   }

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vorn::launch {
@@ -30,8 +31,9 @@ class Document {
   const std::string& text() const { return text_; }
   bool isStandardInput() const { return is_standard_input_; }
 
-  /// The line of this number, without its end; empty if there is none.
-  std::string line(int number) const;
+  /// The line of this number, without its end; empty if there is none. Borrowed
+  /// from this document.
+  std::string_view line(int number) const;
 
   /// The names in comments "# vornctl: ignore=NAME,NAME" on this line.
   std::vector<std::string> ignoredAt(int number) const;

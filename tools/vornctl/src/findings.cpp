@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cassert>
 #include <iterator>
-#include <map>
-#include <set>
 #include <tuple>
 #include <utility>
 
@@ -79,8 +77,17 @@ bool isBefore(const Finding& a, const Finding& b) {
   return std::tie(a.place, a.message) < std::tie(b.place, b.message);
 }
 
-bool isSame(const Finding& a, const Finding& b) {
-  return a.check == b.check && a.place == b.place && a.message == b.message;
+/// A message without the middle of a text that is too long to be read.
+std::string shortened(const std::string& message) {
+  if (message.size() <= kLongestMessage) return message;
+  const auto is_inside = [&](size_t position) {
+    return (static_cast<unsigned char>(message[position]) & 0xc0U) == 0x80U;
+  };
+  size_t begin = kLongestMessage / 2;
+  size_t end = message.size() - kLongestMessage / 2;
+  while (begin > 0 && is_inside(begin)) --begin;
+  while (end < message.size() && is_inside(end)) ++end;
+  return message.substr(0, begin) + "…" + message.substr(end);
 }
 
 }  // namespace
@@ -113,38 +120,58 @@ const CheckInfo* findCheck(const std::string& name) {
   return found == by_name.end() ? nullptr : found->second;
 }
 
-void Findings::add(const std::string& check, const Place& place,
+Findings::Findings(const Document& document,
+                   const std::vector<std::string>& ignored_names)
+    : ignored_(ignored_names.begin(), ignored_names.end()) {
+  for (const int line : document.linesWithIgnores()) {
+    const auto names = document.ignoredAt(line);
+    silenced_[line].insert(names.begin(), names.end());
+  }
+  for (const auto& [line, names] : silenced_) {
+    for (const std::string& name : names) {
+      if (findCheck(name) != nullptr) continue;
+      add("unknown-ignore", {line, 1}, "there is no finding '" + name + "'");
+    }
+  }
+}
+
+bool Findings::isSilenced(const std::string& check, const Place& place) const {
+  if (ignored_.count(check) > 0) return true;
+  const auto line = silenced_.find(place.line);
+  return line != silenced_.end() && line->second.count(check) > 0;
+}
+
+void Findings::add(const std::string& check, Place place,
                    const std::string& message, std::vector<Note> notes) {
   const CheckInfo* const info = findCheck(check);
   assert(info != nullptr);
-  for (Note& note : notes) note.message = printable(note.message);
-  findings_.push_back({info, place, printable(message), std::move(notes)});
+  if (place.line < 1) place = {1, 1};
+  if (isSilenced(check, place)) return;
+  OfAKind& kind = kinds_[info];
+  if (kind.shown.size() == kMostOfAKind) {
+    if (!kind.more) kind.more = place;
+    return;
+  }
+  const std::string text = printable(shortened(message));
+  if (!kind.shown.emplace(place, text).second) return;
+  if (notes.size() > kMostNotes) {
+    notes.resize(kMostNotes);
+    notes.push_back({notes.back().place, "further places are not shown"});
+  }
+  for (Note& note : notes) note.message = printable(shortened(note.message));
+  findings_.push_back({info, place, text, std::move(notes)});
 }
 
-void Findings::settle(const Document& document,
-                      const std::vector<std::string>& ignored_names) {
-  std::map<int, std::set<std::string>> silenced;
-  for (const int line : document.linesWithIgnores()) {
-    for (const std::string& name : document.ignoredAt(line)) {
-      silenced[line].insert(name);
-      if (findCheck(name) == nullptr) {
-        add("unknown-ignore", {line, 1}, "there is no finding '" + name + "'");
-      }
-    }
+void Findings::settle() {
+  for (const auto& [info, kind] : kinds_) {
+    if (!kind.more) continue;
+    findings_.push_back({info,
+                         *kind.more,
+                         "only the first " + std::to_string(kMostOfAKind) +
+                             " findings of this kind are shown; there are more",
+                         {}});
   }
-  const std::set<std::string> all(ignored_names.begin(), ignored_names.end());
-  const auto is_silenced = [&](const Finding& finding) {
-    const std::string name = finding.check->name;
-    if (all.count(name) > 0) return true;
-    const auto line = silenced.find(finding.place.line);
-    return line != silenced.end() && line->second.count(name) > 0;
-  };
-  findings_.erase(
-      std::remove_if(findings_.begin(), findings_.end(), is_silenced),
-      findings_.end());
   std::stable_sort(findings_.begin(), findings_.end(), isBefore);
-  findings_.erase(std::unique(findings_.begin(), findings_.end(), isSame),
-                  findings_.end());
 }
 
 }  // namespace vorn::launch

@@ -1,6 +1,10 @@
 #pragma once
 
+#include <map>
+#include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "document.h"
@@ -38,21 +42,40 @@ struct Finding {
   std::vector<Note> notes;
 };
 
-/// What is wrong with one launch file.
+// Limits for each file; the rest is left out with a word about it.
+constexpr size_t kMostOfAKind = 100;      // findings
+constexpr size_t kMostNotes = 20;         // of a finding
+constexpr size_t kLongestMessage = 1000;  // in bytes
+
+/// The findings in one launch file.
 class Findings {
  public:
-  /// `check` is a name in allChecks().
-  void add(const std::string& check, const Place& place,
-           const std::string& message, std::vector<Note> notes = {});
+  /// Findings of these names, or silenced by a comment in the document, will be
+  /// left out. Adds the findings about such comments.
+  Findings(const Document& document,
+           const std::vector<std::string>& ignored_names);
+
+  /// Adds a finding, unless it is silenced, is there already, or is beyond the
+  /// limit. `check` is a name in allChecks(). Line 0 becomes the first line.
+  void add(const std::string& check, Place place, const std::string& message,
+           std::vector<Note> notes = {});
 
   const std::vector<Finding>& all() const { return findings_; }
 
-  /// Leaves out what comments in the file or these names silence, and what is
-  /// there twice, and sorts the rest by place.
-  void settle(const Document& document,
-              const std::vector<std::string>& ignored_names);
+  /// Sorts the findings by place and mentions those beyond the limit.
+  void settle();
 
  private:
+  struct OfAKind {
+    std::set<std::pair<Place, std::string>> shown;  // place and message
+    std::optional<Place> more;  // the first place beyond the limit
+  };
+
+  bool isSilenced(const std::string& check, const Place& place) const;
+
+  std::set<std::string> ignored_;
+  std::map<int, std::set<std::string>> silenced_;  // by line
+  std::map<const CheckInfo*, OfAKind> kinds_;
   std::vector<Finding> findings_;
 };
 

@@ -11,6 +11,7 @@
 
 #include "reading.h"
 #include "required_graph.h"
+#include "stop_signals.h"
 #include "text.h"
 
 namespace vorn::launch {
@@ -180,8 +181,12 @@ ExitStatus printGraphOf(const Session& session, const GraphOptions& options) {
 }  // namespace
 
 ExitStatus printGraph(const Session& session, const GraphOptions& options) {
+  dieByStopSignals(session.settings().cancelFd);
   try {
     return printGraphOf(session, options);
+  } catch (const TooLarge& failure) {
+    session.complain("cannot draw " + options.file + ": " + failure.what());
+    return kUsage;
   } catch (const std::bad_alloc&) {
     session.complain("not enough memory to draw " + options.file);
     return kUsage;

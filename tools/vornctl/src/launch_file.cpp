@@ -37,7 +37,13 @@ std::optional<LaunchFile> readLaunchFile(
     error = "cannot read the launch file " + path;
     return std::nullopt;
   }
-  const Reading reading = readAsLauncher(*document, surroundings);
+  Reading reading;
+  try {
+    reading = readAsLauncher(*document, surroundings);
+  } catch (const TooLarge& failure) {
+    error = "cannot read the launch file " + path + ": " + failure.what();
+    return std::nullopt;
+  }
   if (!reading.faults.empty()) {
     error = "the launch file " + path +
             " is wrong: " + reading.faults.front().exception;

@@ -133,6 +133,20 @@ class Reader {
   }
 
  private:
+  /// Counts a value of this size towards the limits.
+  void count(size_t size) {
+    bytes_ += size;
+    if (++values_ <= kMostValues && bytes_ <= kMostValueBytes) return;
+    throw TooLarge("with its aliases expanded, it has more than " +
+                   std::to_string(kMostValues) + " values or " +
+                   std::to_string(kMostValueBytes >> 20U) + " MiB of text");
+  }
+
+  Text counted(Text text) {
+    count(text.value.size());
+    return text;
+  }
+
   void addFault(const std::string& check, const Place& place,
                 const std::string& message, const YAML::Exception& exception) {
     reading_.faults.push_back({check, place, message, exception.what()});
@@ -151,7 +165,7 @@ class Reader {
     const bool is_elsewhere = value.IsNull() && mark.line != key_mark.line;
     if (!is_alias && !is_elsewhere) return placeOf(mark);
     const Place place = placeOf(key_mark);
-    const std::string line = document_.line(place.line);
+    const std::string_view line = document_.line(place.line);
     const std::string text = key.IsScalar() ? key.Scalar() : "";
     const size_t behind = static_cast<size_t>(key_mark.column) + text.size();
     for (size_t colon = line.find(':', behind); colon != std::string::npos;
@@ -163,12 +177,13 @@ class Reader {
   }
 
   /// The keys of a mapping; none of anything else.
-  static std::vector<Text> keysOf(const YAML::Node& mapping) {
+  std::vector<Text> keysOf(const YAML::Node& mapping) {
     std::vector<Text> keys;
     if (!mapping.IsMap()) return keys;
     for (const auto& entry : mapping) {
       const YAML::Node& key = entry.first;
-      keys.push_back({key.IsScalar() ? key.Scalar() : "", placeOf(key.Mark())});
+      keys.push_back(
+          counted({key.IsScalar() ? key.Scalar() : "", placeOf(key.Mark())}));
     }
     return keys;
   }
@@ -177,7 +192,10 @@ class Reader {
   std::optional<std::string> readText(const YAML::Node& value,
                                       const Place& place,
                                       const std::string& what) {
-    if (value.IsScalar()) return value.Scalar();
+    if (value.IsScalar()) {
+      count(value.Scalar().size());
+      return value.Scalar();
+    }
     const YAML::TypedBadConversion<std::string> exception(value.Mark());
     if (value.IsNull()) {
       addFault("null-value", place,
@@ -257,6 +275,7 @@ class Reader {
     const Place place = valuePlace(key, value);
     const auto text = readText(value, place, what);
     if (!name || !text) return std::nullopt;
+    count(name->value.size());
     return Variable{std::move(*name), {expand(*text), place}, *text};
   }
 
@@ -268,6 +287,7 @@ class Reader {
         install_root_ =
             installRoot(variables_[kRoot], surroundings_.executableRoot);
       }
+      count(install_root_->size());
       value.replace(found, kReplaced, *install_root_);
     }
     return value;
@@ -285,7 +305,7 @@ class Reader {
   void readNode(Text name, const YAML::Node& key,
                 const YAML::Node& description) {
     NodeReading node;
-    node.name = std::move(name);
+    node.name = counted(std::move(name));
     node.keys = keysOf(description);
     try {
       const YAML::Node path = description["path"];
@@ -337,7 +357,7 @@ class Reader {
     if (!text) return;
     node.argvs.push_back({*text, place});
     for (std::string& argument : split(untilNul(*text), ' ')) {
-      node.arguments.push_back({std::move(argument), place});
+      node.arguments.push_back(counted({std::move(argument), place}));
     }
   }
 
@@ -426,6 +446,8 @@ class Reader {
   Reading reading_;
   std::map<std::string, std::string> variables_;  // of the launcher
   std::optional<std::string> install_root_;
+  size_t values_ = 0;
+  size_t bytes_ = 0;
 };
 
 const std::map<std::string, Reader::KeyReader> Reader::kReaders = {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -86,10 +87,22 @@ struct Reading {
   bool hasBinPath() const { return !binPath.empty(); }
 };
 
+/// The launch file expands to more than its limits, by aliases or "install://".
+class TooLarge : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Of keys, names, arguments and other values, those of an alias once for each
+// of its uses; and of the bytes in them.
+constexpr size_t kMostValues = 1'000'000;
+constexpr size_t kMostValueBytes = size_t{64} << 20U;
+
 /// What the launcher adds to its name for the variable __VORN_NODE_NAME__.
 std::string nodeNameValue(const std::string& name);
 
-/// Reads a launch file as a launcher in these surroundings does.
+/// Reads a launch file as a launcher in these surroundings does. Throws
+/// TooLarge, or std::bad_alloc.
 Reading readAsLauncher(const Document& document,
                        const LauncherSurroundings& surroundings);
 

@@ -42,23 +42,40 @@ class RequiredGraph {
 
   const std::vector<Edge>& edgesFrom(size_t node) const { return edges_[node]; }
 
-  /// Cycles of two or more nodes: at least one through every node that is in
-  /// any, each with a node that no cycle before it has.
+  /// Cycles of two or more nodes, each with a node that no cycle before it has.
+  /// Every node that is in a cycle is in one of these, unless the cycles before
+  /// have more than a million edges.
   const std::vector<std::vector<Step>>& cycles() const { return cycles_; }
 
   /// By node; nothing for one whose stop may never end, by a cycle. At most a
   /// year.
   std::vector<std::optional<Cascade>> cascades() const;
 
-  /// How long SIGTERM may take to end the launcher, with `per_stop` for each
-  /// stop. Nothing if it may never end.
+  /// How long the launcher may take to exit after SIGTERM, with `per_stop`, at
+  /// least 10 s, for each stop. At most a year. Nothing if it may never exit.
   std::optional<std::chrono::milliseconds> stopOfAll(
       std::chrono::milliseconds per_stop) const;
 
  private:
-  void walk(size_t start, std::vector<int>& marks);
-  void addCycle(const std::vector<Step>& path, const Step& back);
-  Cascade cascadeOf(size_t node, size_t running_above,
+  struct Visit {
+    size_t node;
+    size_t next;  // of its edges
+  };
+
+  /// The state of a search in depth.
+  struct Search {
+    std::vector<size_t> position;  // by node: in `visits`, if it is there
+    std::vector<Visit> visits;     // from the first node to the current one
+    std::vector<Step> path;        // the edges between the visited nodes
+    std::vector<size_t> outside;   // positions of nodes in no known cycle
+
+    void enter(size_t node);
+    void leave();
+  };
+
+  void walk(size_t start, Search& search, std::vector<bool>& is_seen);
+  void addCycle(Search& search, const Step& back);
+  Cascade cascadeOf(const std::vector<Edge>& edges, size_t running_above,
                     std::chrono::milliseconds per_stop,
                     const std::vector<std::optional<Cascade>>& others) const;
   bool reachesCycle(size_t node,
@@ -67,6 +84,7 @@ class RequiredGraph {
   const Reading& reading_;
   std::vector<std::vector<Edge>> edges_;
   std::vector<std::vector<Step>> cycles_;
+  size_t cycle_steps_ = 0;  // in all cycles_
   std::vector<bool> is_in_cycle_;
   std::vector<size_t> order_;  // required nodes before those that require them
 };

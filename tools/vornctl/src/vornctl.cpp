@@ -15,10 +15,11 @@ namespace {
 
 int cancel_pipe[2] = {-1, -1};
 
-extern "C" void onStopSignal(int /*signal*/) {
-  // Never read: from the first signal on every wait ends at once. A full pipe
-  // is readable just as well.
-  (void)!::write(cancel_pipe[1], "", 1);
+extern "C" void onStopSignal(int signal) {
+  // Commands that wait never read the pipe: from the first signal on every wait
+  // ends at once. A full pipe is readable just as well.
+  const auto number = static_cast<unsigned char>(signal);
+  (void)!::write(cancel_pipe[1], &number, sizeof(number));
 }
 
 /// Puts something in the place of standard descriptors that are closed. Else

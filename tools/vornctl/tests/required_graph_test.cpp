@@ -94,6 +94,26 @@ TEST(RequiredGraphTest, FindsACycleThroughEachNodeThatIsInOne) {
       ElementsAre(ElementsAre(0, 1), ElementsAre(0, 2), ElementsAre(3, 4)));
 }
 
+TEST(RequiredGraphTest, FindsEachOfManyNodesOnOneWayThatRequireTheFirst) {
+  EXPECT_THAT(cyclesIn(readingOf({nodeOf("a", {"b"}), nodeOf("b", {"a", "c"}),
+                                  nodeOf("c", {"b", "a"})})),
+              ElementsAre(ElementsAre(0, 1), ElementsAre(1, 2)));
+}
+
+TEST(RequiredGraphTest, KeepsAMillionEdgesOfCyclesAndKnowsAllNodesInThem) {
+  std::vector<NodeReading> nodes;
+  constexpr int kNodes = 20'000;
+  for (int i = 0; i < kNodes; ++i) {
+    nodes.push_back(nodeOf(std::to_string(i), {"0", std::to_string(i + 1)}));
+  }
+  const Reading reading = readingOf(std::move(nodes));
+  const RequiredGraph graph(reading);
+  size_t edges = 0;
+  for (const auto& cycle : graph.cycles()) edges += cycle.size();
+  EXPECT_LE(edges, 1'000'000U + kNodes);
+  for (const auto& cascade : graph.cascades()) EXPECT_FALSE(cascade);
+}
+
 TEST(RequiredGraphTest, FollowsAChainHoweverLong) {
   std::vector<NodeReading> nodes;
   constexpr int kNodes = 100'000;
@@ -159,6 +179,15 @@ TEST(StopOfAllTest, RestartsRequiredNodesThatAreNotStoppedYet) {
   // b, a, c for a with its pause and delay, c.
   EXPECT_EQ(RequiredGraph(reading).stopOfAll(seconds(10)),
             seconds(40) + milliseconds(300));
+}
+
+TEST(StopOfAllTest, IsAYearAtMostForAChainHoweverLong) {
+  std::vector<NodeReading> nodes;
+  for (int i = 0; i < 100'000; ++i) {
+    nodes.push_back(nodeOf(std::to_string(i), {std::to_string(i + 1)}));
+  }
+  const Reading reading = readingOf(std::move(nodes));
+  EXPECT_EQ(RequiredGraph(reading).stopOfAll(seconds(11)), hours(24 * 365));
 }
 
 TEST(StopOfAllTest, NeverEndsWithACycle) {
