@@ -1,9 +1,11 @@
+#include <algorithm>
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "checks.h"
+#include "foreign_keys.h"
 #include "selection.h"
 
 namespace vorn::launch {
@@ -15,68 +17,41 @@ const std::vector<std::string> kNodeKeys = {
     "path",  "argv",      "disabled", "oneshot",
     "sleep", "autostart", "required", "environment"};
 
-// What people write who know other launchers, too far from the right word to
-// be found by its letters.
-const std::map<std::string, std::string> kOtherWords = {
-    {"args", "argv"},
-    {"arguments", "argv"},
-    {"command", "path"},
-    {"cmd", "path"},
-    {"exec", "path"},
-    {"executable", "path"},
-    {"program", "path"},
-    {"env", "environment"},
-    {"depends", "required"},
-    {"depends_on", "required"},
-    {"dependencies", "required"},
-    {"needs", "required"},
-    {"delay", "sleep"},
-    {"wait", "sleep"},
-    {"enabled", "disabled"},
-    {"auto_start", "autostart"},
-    {"once", "oneshot"},
-    {"nodes", "vornnode"},
-    {"node", "vornnode"},
-    {"config", "configure"},
-    {"configuration", "configure"},
-};
+using Advice = const char* (*)(const std::string&);
 
-/// The known key that was meant; empty if none is near.
-std::string meantKey(const std::string& key,
-                     const std::vector<std::string>& known) {
-  std::string lower;
-  for (const char letter : key) {
-    lower += letter >= 'A' && letter <= 'Z'
-                 ? static_cast<char>(letter - 'A' + 'a')
-                 : letter;
-  }
-  if (const auto other = kOtherWords.find(lower); other != kOtherWords.end()) {
-    for (const std::string& each : known) {
-      if (each == other->second) return each;
-    }
-  }
-  return nearestOf(known, lower);
+/// The end of the message about an unknown key: the known key that it resembles
+/// or `advice`, if there is any.
+std::string hintFor(const std::string& key,
+                    const std::vector<std::string>& known, Advice advice) {
+  const std::string normalized = normalizedKey(key);
+  const bool is_known =
+      std::find(known.begin(), known.end(), normalized) != known.end();
+  const char* const other =
+      is_known || advice == nullptr ? nullptr : advice(normalized);
+  if (other != nullptr) return std::string("; ") + other;
+  const std::string near = is_known ? normalized : nearestOf(known, normalized);
+  return near.empty() ? "" : "; did you mean '" + near + "'?";
 }
 
 /// Keys for people's own use, such as anchors, at the top level.
 bool isPrivate(const std::string& key) { return key.rfind("x-", 0) == 0; }
 
 void checkUnknown(const std::vector<Text>& keys, const std::string& owner,
-                  const std::vector<std::string>& known, Findings& findings) {
+                  const std::vector<std::string>& known, Advice advice,
+                  Findings& findings) {
   for (const Text& key : keys) {
-    bool is_known = false;
-    for (const std::string& each : known) is_known |= each == key.value;
-    if (is_known) continue;
+    if (std::find(known.begin(), known.end(), key.value) != known.end()) {
+      continue;
+    }
     if (key.value == "<<") {
       findings.add("merge-key", key.place,
                    "'<<' merges nothing here, it is a key like any other and "
                    "ignored; repeat what it should bring");
       continue;
     }
-    const std::string meant = meantKey(key.value, known);
     findings.add("unknown-key", key.place,
                  "unknown key '" + key.value + "' " + owner + " is ignored" +
-                     (meant.empty() ? "" : "; did you mean '" + meant + "'?"));
+                     hintFor(key.value, known, advice));
   }
 }
 
@@ -118,8 +93,9 @@ void checkSections(const Reading& reading, Findings& findings) {
                      "first",
                  {{before->second, "the first one is here"}});
   }
-  checkUnknown(others, "at the top level", kRootKeys, findings);
-  checkUnknown(reading.configureKeys, "in 'configure'", kConfigureKeys,
+  checkUnknown(others, "at the top level", kRootKeys, adviceForRootKey,
+               findings);
+  checkUnknown(reading.configureKeys, "in 'configure'", kConfigureKeys, nullptr,
                findings);
   Place environment;
   for (const Text& key : reading.configureKeys) {
@@ -137,7 +113,7 @@ void checkSections(const Reading& reading, Findings& findings) {
 
 void checkKeys(const NodeReading& node, Findings& findings) {
   const std::string owner = "in node '" + node.name.value + "'";
-  checkUnknown(node.keys, owner, kNodeKeys, findings);
+  checkUnknown(node.keys, owner, kNodeKeys, adviceForNodeKey, findings);
   checkRepeated(node.keys, owner, kNodeKeys, findings);
 }
 

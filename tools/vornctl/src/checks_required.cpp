@@ -26,7 +26,11 @@ void checkName(const NodeReading& node, const Text& name,
   }
   const auto other = index.find(name.value);
   if (other == index.end()) {
-    const std::string near = nearestOf(names, name.value);
+    // A search for each of very many names would take too long.
+    std::string near;
+    if (!findings.isFull("required-unknown"))
+      near = nearestOf(names, name.value);
+    if (near == node.name.value) near.clear();  // required-self would follow
     findings.add("required-unknown", name.place,
                  requirer + "'" + name.value +
                      "', which is no node and passed over" +

@@ -162,6 +162,11 @@ void Findings::add(const std::string& check, Place place,
   findings_.push_back({info, place, text, std::move(notes)});
 }
 
+bool Findings::isFull(const std::string& check) const {
+  const auto kind = kinds_.find(findCheck(check));
+  return kind != kinds_.end() && kind->second.shown.size() == kMostOfAKind;
+}
+
 void Findings::settle() {
   for (const auto& [info, kind] : kinds_) {
     if (!kind.more) continue;

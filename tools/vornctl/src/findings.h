@@ -60,6 +60,9 @@ class Findings {
   void add(const std::string& check, Place place, const std::string& message,
            std::vector<Note> notes = {});
 
+  /// Whether the limit of the findings of this name is reached.
+  bool isFull(const std::string& check) const;
+
   const std::vector<Finding>& all() const { return findings_; }
 
   /// Sorts the findings by place and mentions those beyond the limit.

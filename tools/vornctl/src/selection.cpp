@@ -72,10 +72,13 @@ std::vector<std::string> selectNodes(const LaunchFile& file,
 
 std::string nearestOf(const std::vector<std::string>& words,
                       const std::string& word) {
-  // A third of the letters wrong is a typing error, more is another word.
-  size_t best = std::max<size_t>(1, word.size() / 3) + 1;
+  // A third of the letters wrong is a typing error, more is another word. Words
+  // of one or two letters resemble too many others.
+  size_t best = word.size() / 3 + 1;
   std::string nearest;
   for (const std::string& each : words) {
+    const size_t longer = std::max(each.size(), word.size());
+    if (longer - std::min(each.size(), word.size()) >= best) continue;
     const size_t distance = editDistance(word, each);
     if (distance < best) {
       best = distance;

@@ -79,6 +79,11 @@ TEST(NearestNameTest, IsTheNearestOfSeveral) {
             "camera1");
 }
 
+TEST(NearestNameTest, IsNoneForAWordOfOneOrTwoLetters) {
+  EXPECT_EQ(nearestName(fileOf({"a", "cd", "b1"}), "b"), "");
+  EXPECT_EQ(nearestName(fileOf({"a", "cd", "b1"}), "b2"), "");
+}
+
 TEST(NearestNameTest, IsNoneWhenAllAreFar) {
   const LaunchFile file = fileOf({"camera", "planner"});
   EXPECT_EQ(nearestName(file, "odometry"), "");
