@@ -21,6 +21,11 @@ run_clang_tidy() {
       --warnings-as-errors='*' 2> >(grep -v 'warnings\? generated' >&2)
 }
 
+only_outputs_write() {
+  ! git grep -nE '^[^/]*\b(std::(cout|cerr|clog)|(printf|fprintf|f?puts|putchar|perror) ?\()' \
+    -- tools/vornctl/src ':!tools/vornctl/src/output.cpp'
+}
+
 git ls-files --error-unmatch README.md >/dev/null 2>&1 ||
   die "the files to check are those that git tracks; this is no git checkout"
 mapfile -t cpp < <(git ls-files '*.cpp' '*.h' 'bench/*.c')
@@ -34,6 +39,7 @@ check clang-format clang-format-14 --dry-run -Werror "${cpp[@]}"
 check shellcheck shellcheck -x "${shell[@]}"
 check pyflakes pyflakes3 "${python[@]}"
 check "tests named by KEEP comments" /usr/bin/python3 scripts/check_keep_tests.py
+check "vornctl writes only by an Output" only_outputs_write
 check cppcheck cppcheck --quiet --std=c++17 --language=c++ \
   --enable=warning,performance,portability,style --inline-suppr \
   --suppressions-list=.cppcheck-suppressions --error-exitcode=1 \

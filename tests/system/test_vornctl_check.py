@@ -210,10 +210,34 @@ def test_whatever_follows_the_first_document_is_found(vornctl, text, line):
     assert names_in(vornctl("--format=json", "-", text=text)) == expected
 
 
-def test_control_characters_do_not_reach_the_terminal(vornctl):
-    finished = vornctl("-", text='vornnode: {"a\\e[2J": {path: x}}\n')
-    assert "\x1b" not in finished.stdout
-    assert "'a\\x1b[2J'" in finished.stdout
+INVISIBLE = (
+    "\x1b\r\n\t\x7f\u0085\u009b\u061c\u200b\u200d\u200e\u200f\u2028\u2029\u202a\u202e"
+    "\u2060\u2066\u2069\ufeff\U000e0041"
+)
+
+
+@pytest.mark.parametrize("arguments", [
+    "check", "check --format=json", "check --format=sarif", "check --format=github",
+    "check --print=resolved", "check --print=resolved --format=json",
+    "check --print=timeline", "graph", "graph --format=mermaid",
+])
+def test_no_text_of_a_file_drives_a_terminal_or_a_ci_system(vornctl, arguments):
+    name = f"::set-output name=x::{INVISIBLE}##[set-output name=x]y"
+    text = json.dumps({
+        "configure": {"environment": {name: name}},
+        "vornnode": {name: {"path": name, "argv": name, "required": [name]},
+                     name + "2": {"path": name, name: name}}}, ensure_ascii=False)
+    write(vornctl, text, name=name)
+    command, *options = arguments.split()
+    files = [name] if command == "graph" else [name, name]
+    finished = vornctl(*options, *files, command=command)
+    for output in (finished.stdout, finished.stderr):
+        lines = output.split("\n")
+        assert [line for line in lines if not line.isprintable()] == []
+        assert "##[" not in output
+        if "github" not in arguments:
+            assert [line for line in lines if line.lstrip().startswith("::")] == []
+    assert finished.stdout
 
 
 def test_quiet_leaves_the_exit_status_alone(vornctl):
@@ -573,7 +597,7 @@ def test_the_graph_is_drawn_for_documents(vornctl):
     finished = vornctl("--format=mermaid", "-", text=GRAPH, command="graph")
     assert finished.stdout == (
         "flowchart LR\n"
-        '  n0["ä #quot;x#quot;<br>oneshot<br>sleep 5 ms"]\n'
+        '  n0["ä #34;x#34;<br>oneshot<br>sleep 5 ms"]\n'
         '  n1["b<br>disabled"]\n'
         '  n2["c"]\n'
         "  n0 --> n1\n"

@@ -272,10 +272,10 @@ def test_colours_can_be_demanded_and_refused(robot):
 def test_a_name_cannot_speak_to_the_terminal(machine):
     name = "bell\x07\nline"
     machine.start(stay(machine, **{name: {}}))
-    assert plain(machine, "-o", "node", "--no-header") == [["bell\\x07\\x0aline"]]
+    assert plain(machine, "-o", "node", "--no-header") == [["bell\\x07\\nline"]]
     assert machine.vornctl("stop", name + "x").stderr == (
-        "vornctl: bell\\x07\\x0alinex: no such node; did you mean "
-        "'bell\\x07\\x0aline'?\n")
+        "vornctl: bell\\x07\\nlinex: no such node; did you mean "
+        "'bell\\x07\\nline'?\n")
     assert machine.vornctl("names", "-0").stdout == name + "\0"
 
 

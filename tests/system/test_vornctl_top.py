@@ -168,8 +168,8 @@ def test_wide_and_control_characters_keep_the_columns_straight(machine):
         "accent\u0301": {"path": path}, "n": {"path": path}}})
     screen = shown(machine).screen()
     assert [line.split("  running  ")[0] for line in screen[2:6]] == [
-        "日本語           ", r"tab\x09escape\x1b", "accent\u0301           ",
-        "n                "]
+        "日本語         ", r"tab\tescape\x1b", "accent\u0301         ",
+        "n              "]
 
 
 def test_names_are_shown_as_they_are_where_no_locale_is_set(machine):

@@ -7,8 +7,8 @@
 
 #include "deadline.h"
 #include "operation.h"
+#include "output.h"
 #include "subjects.h"
-#include "text.h"
 
 namespace vorn::launch {
 namespace {
@@ -52,8 +52,8 @@ class Action {
                         " --all needs --yes where nobody can be asked");
       return false;
     }
-    std::cerr << command << " all " << names_.size() << " nodes? [y/N] "
-              << std::flush;
+    standardError() << terminalText(command) << " all " << names_.size()
+                    << " nodes? [y/N] ";
     std::string answer;
     std::getline(std::cin, answer);
     return answer == "y" || answer == "Y" || answer == "yes";
@@ -98,8 +98,11 @@ class Action {
       if (!session_.settings().isQuiet) {
         const bool is_enabled_only =
             cmd == Cmd::ENABLE && !options_.isStartedToo;
-        std::cout << printable(name) << ": " << words.done
-                  << (is_enabled_only ? ", not started" : "") << std::endl;
+        Output out = standardOutput();
+        out << terminalText(name + ": " + words.done +
+                            (is_enabled_only ? ", not started" : ""))
+            << "\n";
+        out.flush();
       }
     } else if (reply.outcome == Outcome::FAILED) {
       session_.complain(name + ": " + words.command + " failed: " +

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <iostream>
 #include <new>
 #include <optional>
 
@@ -75,7 +74,7 @@ Results checkFiles(const Session& session, const CheckOptions& options) {
   return results;
 }
 
-void printFindings(std::ostream& out, const Settings& settings, Format format,
+void printFindings(Output& out, const Settings& settings, Format format,
                    const std::vector<CheckedFile>& files) {
   switch (format) {
     case Format::JSON:
@@ -118,18 +117,19 @@ void checkEnvironments(const std::vector<ResolvedFile>& files) {
 void printWish(const CheckOptions& options,
                const std::vector<ResolvedFile>& files) {
   if (options.print == Print::RESOLVED) checkEnvironments(files);
+  Output out = standardOutput();
   if (options.print == Print::RESOLVED && options.format == Format::JSON) {
-    printResolvedAsJson(std::cout, files);
+    printResolvedAsJson(out, files);
     return;
   }
   for (const ResolvedFile& file : files) {
-    if (files.size() > 1) std::cout << "# " << file.name << '\n';
+    if (files.size() > 1) out << "# " << terminalText(file.name) << "\n";
     // What the launcher does not load it does not start.
     if (!file.reading.faults.empty()) continue;
-    if (options.print == Print::RESOLVED) printResolved(std::cout, file);
-    if (options.print == Print::TIMELINE) printTimeline(std::cout, file);
+    if (options.print == Print::RESOLVED) printResolved(out, file);
+    if (options.print == Print::TIMELINE) printTimeline(out, file);
     if (options.print == Print::STOP_TIMEOUT) {
-      printStopTimeout(std::cout, file);
+      printStopTimeout(out, file);
     }
   }
 }
@@ -147,12 +147,14 @@ bool hasFailed(const std::vector<CheckedFile>& files, Severity fail_on) {
 void print(const Settings& settings, const CheckOptions& options,
            const Results& results) {
   if (options.print == Print::FINDINGS) {
+    Output out = standardOutput();
     if (!settings.isQuiet) {
-      printFindings(std::cout, settings, options.format, results.checked);
+      printFindings(out, settings, options.format, results.checked);
     }
   } else {
+    Output errors = standardError();
     for (const CheckedFile& file : results.checked) {
-      if (!settings.isQuiet) printAsText(std::cerr, file, false, false);
+      if (!settings.isQuiet) printAsText(errors, file, false, false);
     }
     printWish(options, results.resolved);
   }
@@ -185,8 +187,9 @@ ExitStatus check(const Session& session, const CheckOptions& options) {
 
 ExitStatus listChecks() {
   for (const CheckInfo& info : allChecks()) {
-    std::cout << info.name << '\t' << wordFor(info.severity) << '\t'
-              << info.summary << '\n';
+    standardOutput() << terminalText(info.name) << "\t"
+                     << terminalText(wordFor(info.severity)) << "\t"
+                     << terminalText(info.summary) << "\n";
   }
   return kDone;
 }

@@ -1,14 +1,12 @@
 #include "check_format.h"
 
 #include <algorithm>
-#include <ostream>
 #include <string>
 #include <string_view>
 
 #include <nlohmann/json.hpp>
 
 #include "table.h"
-#include "text.h"
 #include "vornctl_version.h"
 
 namespace vorn::launch {
@@ -43,8 +41,7 @@ size_t characterBefore(std::string_view line, size_t position) {
   return position;
 }
 
-void printSource(std::ostream& out, const Document& document,
-                 const Place& place) {
+void printSource(Output& out, const Document& document, const Place& place) {
   const std::string_view line = document.line(place.line);
   if (line.empty()) return;
   const auto column = static_cast<size_t>(place.column) - 1;
@@ -55,20 +52,13 @@ void printSource(std::ostream& out, const Document& document,
   const size_t end = characterBefore(line, begin + kLongestSource);
   std::string part(line.substr(begin, end - begin));
   std::replace(part.begin(), part.end(), '\t', ' ');
-  const std::string ellipsis = is_cut ? "…" : "";
-  const std::string prefix =
-      ellipsis + printable(part.substr(0, column - begin));
+  const OutputText ellipsis = is_cut ? "…" : OutputText();
+  const OutputText prefix =
+      ellipsis + terminalText(part.substr(0, column - begin));
   const size_t missing = column > line.size() ? column - line.size() : 0;
-  out << "  " << ellipsis << printable(part) << (end < line.size() ? "…" : "")
-      << "\n  " << std::string(displayWidth(prefix) + missing, ' ') << "^\n";
-}
-
-/// Writes the document of a program.
-void print(std::ostream& out, const Json& document) {
-  constexpr int kIndent = 2;
-  out << document.dump(kIndent, ' ', false,
-                       nlohmann::json::error_handler_t::replace)
-      << '\n';
+  out << "  " << ellipsis << terminalText(part)
+      << (end < line.size() ? "…" : OutputText()) << "\n  "
+      << spaces(displayWidth(prefix) + missing) << "^\n";
 }
 
 Json placeOf(const Place& place) {
@@ -146,39 +136,20 @@ Json sarifRules() {
   return rules;
 }
 
-/// A value in a workflow command; `is_property` of one between commas.
-std::string githubValue(const std::string& text, bool is_property) {
-  std::string escaped;
-  for (const char letter : text) {
-    if (letter == '%') {
-      escaped += "%25";
-    } else if (letter == '\n') {
-      escaped += "%0A";
-    } else if (letter == '\r') {
-      escaped += "%0D";
-    } else if (is_property && letter == ':') {
-      escaped += "%3A";
-    } else if (is_property && letter == ',') {
-      escaped += "%2C";
-    } else {
-      escaped += letter;
-    }
-  }
-  return escaped;
-}
-
 }  // namespace
 
-void printAsText(std::ostream& out, const CheckedFile& file, bool has_source,
+void printAsText(Output& out, const CheckedFile& file, bool has_source,
                  bool has_colours) {
-  const std::string name = printable(file.document.name());
-  const auto print_line = [&](const Place& place, const std::string& word,
+  const auto print_line = [&](const Place& place, const char* word,
                               Colour colour, const std::string& text) {
-    const std::string place_text = name + ':' + std::to_string(place.line) +
-                                   ':' + std::to_string(place.column) + ":";
+    const OutputText place_text =
+        terminalText(file.document.name() + ':' + std::to_string(place.line) +
+                     ':' + std::to_string(place.column) + ':');
     out << (has_colours ? coloured(place_text, Colour::BOLD) : place_text)
-        << ' ' << (has_colours ? coloured(word + ':', colour) : word + ':')
-        << ' ' << text << '\n';
+        << " "
+        << (has_colours ? coloured(terminalText(word) + ":", colour)
+                        : terminalText(word) + ":")
+        << " " << terminalText(text) << "\n";
     if (has_source) printSource(out, file.document, place);
   };
   for (const Finding& finding : file.findings.all()) {
@@ -191,7 +162,7 @@ void printAsText(std::ostream& out, const CheckedFile& file, bool has_source,
   }
 }
 
-void printAsJson(std::ostream& out, const std::vector<CheckedFile>& files) {
+void printAsJson(Output& out, const std::vector<CheckedFile>& files) {
   Json list = Json::array();
   for (const CheckedFile& file : files) {
     Json findings = Json::array();
@@ -212,10 +183,10 @@ void printAsJson(std::ostream& out, const std::vector<CheckedFile>& files) {
                     {"loads", file.isLoaded},
                     {"findings", std::move(findings)}});
   }
-  print(out, {{"schema", kSchemaVersion}, {"files", std::move(list)}});
+  out << jsonText({{"schema", kSchemaVersion}, {"files", std::move(list)}});
 }
 
-void printAsSarif(std::ostream& out, const std::vector<CheckedFile>& files) {
+void printAsSarif(Output& out, const std::vector<CheckedFile>& files) {
   Json results = Json::array();
   for (const CheckedFile& file : files) {
     for (const Finding& finding : file.findings.all()) {
@@ -228,25 +199,32 @@ void printAsSarif(std::ostream& out, const std::vector<CheckedFile>& files) {
   const Json run = {{"tool", {{"driver", driver}}},
                     {"columnKind", "unicodeCodePoints"},
                     {"results", std::move(results)}};
-  print(out, {{"$schema", "https://json.schemastore.org/sarif-2.1.0.json"},
-              {"version", "2.1.0"},
-              {"runs", Json::array({run})}});
+  out << jsonText({{"$schema", "https://json.schemastore.org/sarif-2.1.0.json"},
+                   {"version", "2.1.0"},
+                   {"runs", Json::array({run})}});
 }
 
-void printAsGithub(std::ostream& out, const std::vector<CheckedFile>& files) {
+void printAsGithub(Output& out, const std::vector<CheckedFile>& files) {
   for (const CheckedFile& file : files) {
     for (const Finding& finding : file.findings.all()) {
       const Severity severity = finding.check->severity;
-      std::string text = finding.message;
-      for (const Note& note : finding.notes) {
-        text +=
-            "\nline " + std::to_string(note.place.line) + ": " + note.message;
-      }
-      out << "::" << (severity == Severity::NOTE ? "notice" : wordFor(severity))
-          << " file=" << githubValue(file.document.name(), true)
+      const auto message = [](const std::string& text) {
+        return githubText(text, GithubPart::MESSAGE);
+      };
+      const auto property = [](const std::string& text) {
+        return githubText(text, GithubPart::PROPERTY);
+      };
+      out << "::"
+          << terminalText(severity == Severity::NOTE ? "notice"
+                                                     : wordFor(severity))
+          << " file=" << property(file.document.name())
           << ",line=" << finding.place.line << ",col=" << finding.place.column
-          << ",title=" << githubValue(finding.check->name, true)
-          << "::" << githubValue(text, false) << '\n';
+          << ",title=" << property(finding.check->name)
+          << "::" << message(finding.message);
+      for (const Note& note : finding.notes) {
+        out << "%0Aline " << note.place.line << ": " << message(note.message);
+      }
+      out << "\n";
     }
   }
 }

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <iosfwd>
 #include <vector>
 
 #include "document.h"
 #include "findings.h"
+#include "output.h"
 
 namespace vorn::launch {
 
@@ -18,16 +18,16 @@ struct CheckedFile {
 /// A line a finding as compilers write it, "FILE:LINE:COLUMN: error: TEXT
 /// [NAME]", and one for each second place. With `has_source` the source line
 /// and a caret follow each.
-void printAsText(std::ostream& out, const CheckedFile& file, bool has_source,
+void printAsText(Output& out, const CheckedFile& file, bool has_source,
                  bool has_colours);
 
 /// One JSON document; docs/checks.md tells its members.
-void printAsJson(std::ostream& out, const std::vector<CheckedFile>& files);
+void printAsJson(Output& out, const std::vector<CheckedFile>& files);
 
 /// One document in the Static Analysis Results Interchange Format, 2.1.0.
-void printAsSarif(std::ostream& out, const std::vector<CheckedFile>& files);
+void printAsSarif(Output& out, const std::vector<CheckedFile>& files);
 
 /// Workflow commands that mark the places in a merge request.
-void printAsGithub(std::ostream& out, const std::vector<CheckedFile>& files);
+void printAsGithub(Output& out, const std::vector<CheckedFile>& files);
 
 }  // namespace vorn::launch

@@ -1,14 +1,12 @@
 #include "check_print.h"
 
 #include <cstdio>
-#include <ostream>
 #include <set>
 
 #include <nlohmann/json.hpp>
 
 #include "required_graph.h"
 #include "table.h"
-#include "text.h"
 
 namespace vorn::launch {
 namespace {
@@ -50,14 +48,14 @@ std::vector<Given> environmentOf(const Reading& reading,
   return given;
 }
 
-std::string lineOf(const Place& place) {
-  return place.line == 0 ? "" : "line " + std::to_string(place.line);
+OutputText lineOf(const Place& place) {
+  return place.line == 0 ? "" : "line " + OutputText(place.line);
 }
 
 /// Where argv[0] comes from.
-std::string sourceOfPath(const Reading& reading, const NodeReading& node) {
+OutputText sourceOfPath(const Reading& reading, const NodeReading& node) {
   const bool is_joined = node.executable != node.path.value;
-  std::string source = "path, " + lineOf(node.path.place);
+  OutputText source = "path, " + lineOf(node.path.place);
   if (!is_joined) return source;
   source += ", below VORN_BIN_PATH";
   for (auto variable = reading.environment.rbegin();
@@ -69,19 +67,20 @@ std::string sourceOfPath(const Reading& reading, const NodeReading& node) {
   return source + " of the environment";
 }
 
-std::string flagsOf(const NodeReading& node) {
-  std::string flags;
-  const auto add = [&](const std::string& text, const Place& place) {
+OutputText flagsOf(const NodeReading& node) {
+  OutputText flags;
+  const auto add = [&](const OutputText& text, const Place& place) {
     if (place.line == 0) return;
-    flags += (flags.empty() ? "" : ", ") + text + " (" + lineOf(place) + ')';
+    if (!flags.empty()) flags += ", ";
+    flags += text + " (" + lineOf(place) + ")";
   };
-  const auto word = [](bool value) { return value ? "true" : "false"; };
-  add(std::string("disabled ") + word(node.disabled.value),
-      node.disabled.place);
-  add(std::string("oneshot ") + word(node.oneshot.value), node.oneshot.place);
-  add(std::string("autostart ") + word(node.autostart.value),
-      node.autostart.place);
-  add("sleep " + std::to_string(node.sleepMs.value), node.sleepMs.place);
+  const auto add_bool = [&](const OutputText& key, const Setting<bool>& value) {
+    add(key + terminalText(value.value ? " true" : " false"), value.place);
+  };
+  add_bool("disabled", node.disabled);
+  add_bool("oneshot", node.oneshot);
+  add_bool("autostart", node.autostart);
+  add("sleep " + OutputText(node.sleepMs.value), node.sleepMs.place);
   return flags;
 }
 
@@ -125,55 +124,54 @@ Json jsonOf(const Reading& reading, const NodeReading& node) {
   return json;
 }
 
-std::string secondsOf(uint64_t milliseconds) {
+OutputText secondsOf(uint64_t milliseconds) {
   char text[32];
   (void)std::snprintf(text, sizeof(text), "%llu.%03llu s",
                       static_cast<unsigned long long>(milliseconds / 1000),
                       static_cast<unsigned long long>(milliseconds % 1000));
-  return text;
+  return terminalText(text);
 }
 
 }  // namespace
 
-void printResolved(std::ostream& out, const ResolvedFile& file) {
+void printResolved(Output& out, const ResolvedFile& file) {
   const Reading& reading = file.reading;
   for (const NodeReading& node : reading.nodes) {
-    out << printable(node.name.value) << "  # " << lineOf(node.name.place)
-        << '\n';
+    out << terminalText(node.name.value) << "  # " << lineOf(node.name.place)
+        << "\n";
     Table table;
     table.rows.push_back({{"  argv"},
-                          {printable(node.executable)},
+                          {terminalText(node.executable)},
                           {sourceOfPath(reading, node), Colour::FAINT}});
     for (const Text& argument : node.arguments) {
       table.rows.push_back({{""},
-                            {printable(argument.value)},
+                            {terminalText(argument.value)},
                             {"argv, " + lineOf(argument.place)}});
     }
-    std::string title = "  environment";
+    OutputText title = "  environment";
     for (const Given& each : environmentOf(reading, node)) {
-      std::string source = each.from;
+      OutputText source = terminalText(each.from);
       if (each.place.line != 0) source += ", " + lineOf(each.place);
       if (each.isOverwritten) source += ", overwritten below";
       if (exportedName(each.name).empty()) source += ", cannot be set";
       table.rows.push_back(
-          {{title}, {printable(each.name + '=' + each.value)}, {source}});
+          {{title}, {terminalText(each.name + '=' + each.value)}, {source}});
       title = "";
     }
     title = "  required";
     for (const Text& name : node.required) {
       table.rows.push_back(
-          {{title}, {printable(name.value)}, {lineOf(name.place)}});
+          {{title}, {terminalText(name.value)}, {lineOf(name.place)}});
       title = "";
     }
-    if (const std::string flags = flagsOf(node); !flags.empty()) {
+    if (const OutputText flags = flagsOf(node); !flags.empty()) {
       table.rows.push_back({{"  flags"}, {flags}});
     }
     printAligned(out, table, false);
   }
 }
 
-void printResolvedAsJson(std::ostream& out,
-                         const std::vector<ResolvedFile>& files) {
+void printResolvedAsJson(Output& out, const std::vector<ResolvedFile>& files) {
   Json list = Json::array();
   for (const ResolvedFile& file : files) {
     const Reading& reading = file.reading;
@@ -199,13 +197,10 @@ void printResolvedAsJson(std::ostream& out,
   }
   const Json document = {{"schema", kSchemaVersion},
                          {"files", std::move(list)}};
-  constexpr int kIndent = 2;
-  out << document.dump(kIndent, ' ', false,
-                       nlohmann::json::error_handler_t::replace)
-      << '\n';
+  out << jsonText(document);
 }
 
-void printTimeline(std::ostream& out, const ResolvedFile& file) {
+void printTimeline(Output& out, const ResolvedFile& file) {
   Table table;
   table.header = {"START", "NODE", "SLEEP", ""};
   uint64_t now = 0;
@@ -213,24 +208,25 @@ void printTimeline(std::ostream& out, const ResolvedFile& file) {
     const uint32_t sleep = effectiveSleepMs(node.sleepMs.value);
     const bool is_left_alone = node.disabled.value || !node.autostart.value;
     if (!is_left_alone) now += sleep;
-    table.rows.push_back({{is_left_alone ? "-" : secondsOf(now)},
-                          {printable(node.name.value)},
-                          {sleep == 0 ? "-" : secondsOf(sleep)},
-                          {node.disabled.value     ? "disabled"
-                           : !node.autostart.value ? "not started automatically"
-                                                   : ""}});
+    table.rows.push_back(
+        {{is_left_alone ? "-" : secondsOf(now)},
+         {terminalText(node.name.value)},
+         {sleep == 0 ? "-" : secondsOf(sleep)},
+         {terminalText(node.disabled.value     ? "disabled"
+                       : !node.autostart.value ? "not started automatically"
+                                               : "")}});
   }
   printAligned(out, table, false);
 }
 
-void printStopTimeout(std::ostream& out, const ResolvedFile& file) {
+void printStopTimeout(Output& out, const ResolvedFile& file) {
   const RequiredGraph graph(file.reading);
   const auto duration = graph.stopOfAll(kLongestStop);
   if (!duration) {
     out << "never\n";
     return;
   }
-  out << std::chrono::ceil<std::chrono::seconds>(*duration).count() << '\n';
+  out << std::chrono::ceil<std::chrono::seconds>(*duration).count() << "\n";
 }
 
 }  // namespace vorn::launch

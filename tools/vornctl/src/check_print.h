@@ -1,9 +1,9 @@
 #pragma once
 
-#include <iosfwd>
 #include <string>
 #include <vector>
 
+#include "output.h"
 #include "reading.h"
 
 namespace vorn::launch {
@@ -15,17 +15,16 @@ struct ResolvedFile {
 };
 
 /// What each node is started with, and where every part of it comes from.
-void printResolved(std::ostream& out, const ResolvedFile& file);
+void printResolved(Output& out, const ResolvedFile& file);
 
 /// The same for programs: one JSON document; docs/checks.md tells its members.
-void printResolvedAsJson(std::ostream& out,
-                         const std::vector<ResolvedFile>& files);
+void printResolvedAsJson(Output& out, const std::vector<ResolvedFile>& files);
 
 /// When each node is started, counted from the first.
-void printTimeline(std::ostream& out, const ResolvedFile& file);
+void printTimeline(Output& out, const ResolvedFile& file);
 
 /// The seconds that SIGTERM may take to end the launcher: one number. The word
 /// "never" if a cycle of `required` may hang it.
-void printStopTimeout(std::ostream& out, const ResolvedFile& file);
+void printStopTimeout(Output& out, const ResolvedFile& file);
 
 }  // namespace vorn::launch

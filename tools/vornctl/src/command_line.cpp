@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 #include <iterator>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,9 +20,9 @@
 #include "duration.h"
 #include "graph_command.h"
 #include "help.h"
+#include "output.h"
 #include "selection.h"
 #include "status_command.h"
-#include "text.h"
 #include "top.h"
 #include "vornctl_version.h"
 #include "wait_command.h"
@@ -170,9 +170,11 @@ class CommandLine {
       return app_.exit(wish);  // help or version
     } catch (const CLI::ParseError& error) {
       const bool has_command = !app_.get_subcommands().empty();
-      std::cerr << "vornctl: "
-                << (has_command ? error.what() : "no command given") << '\n'
-                << kTryHelp;
+      standardError() << "vornctl: "
+                      << terminalText(has_command ? error.what()
+                                                  : "no command given")
+                      << "\n"
+                      << kTryHelp;
       return kUsage;
     }
     Settings& settings = arguments_.settings;
@@ -183,9 +185,10 @@ class CommandLine {
     settings.isInteractive =
         ::isatty(STDIN_FILENO) == 1 && ::isatty(STDERR_FILENO) == 1;
     const int status = command_();
-    std::cout.flush();
-    if (!std::cout) {
-      std::cerr << "vornctl: cannot write to standard output\n";
+    Output out = standardOutput();
+    out.flush();
+    if (!out.isGood()) {
+      standardError() << "vornctl: cannot write to standard output\n";
       return status == kDone ? kFailed : status;
     }
     return status;
@@ -402,7 +405,7 @@ class CommandLine {
                     "A NUL after each name, not a new line");
     CLI::App* const completion = addCommand(
         "completion", "Print a script for tab completion", [this](Session&) {
-          std::cout << completionScript(arguments_.shell);
+          standardOutput() << completionScript(arguments_.shell);
           return kDone;
         });
     completion->add_option("SHELL", arguments_.shell, "The shell")
@@ -478,10 +481,10 @@ class CommandLine {
   /// Always false.
   bool complainAboutCommand(std::string word) const {
     unprotect(word);
-    std::cerr << "vornctl: unknown command '" << printable(word) << "'";
+    std::string text = "unknown command '" + word + "'";
     const std::string nearest = nearestOf(commandNames(), word);
-    if (!nearest.empty()) std::cerr << "; did you mean '" << nearest << "'?";
-    std::cerr << '\n' << kTryHelp;
+    if (!nearest.empty()) text += "; did you mean '" + nearest + "'?";
+    standardError() << "vornctl: " << terminalText(text) << "\n" << kTryHelp;
     return false;
   }
 
@@ -495,9 +498,12 @@ class CommandLine {
     }
     const CLI::App* const app = found.empty() ? &app_ : found.front();
     // Not app->help(), which is that of the command "help".
-    std::cout << app->get_formatter()->make_help(
+    std::istringstream help(app->get_formatter()->make_help(
         app, found.empty() ? "vornctl" : "vornctl " + topic,
-        CLI::AppFormatMode::Normal);
+        CLI::AppFormatMode::Normal));
+    for (std::string line; std::getline(help, line);) {
+      standardOutput() << terminalText(line) << "\n";
+    }
     return kDone;
   }
 

@@ -2,10 +2,12 @@
 
 #include <string>
 
+#include "output_text.h"
+
 namespace vorn::launch {
 
 /// The script that completes vornctl's words in this shell, "bash", "zsh" or
 /// "fish"; empty for another. From the files in completion/.
-const char* completionScript(const std::string& shell);
+OutputText completionScript(const std::string& shell);
 
 }  // namespace vorn::launch

@@ -6,8 +6,6 @@
 #include <tuple>
 #include <utility>
 
-#include "text.h"
-
 namespace vorn::launch {
 namespace {
 
@@ -152,13 +150,13 @@ void Findings::add(const std::string& check, Place place,
     if (!kind.more) kind.more = place;
     return;
   }
-  const std::string text = printable(shortened(message));
+  const std::string text = shortened(message);
   if (!kind.shown.emplace(place, text).second) return;
   if (notes.size() > kMostNotes) {
     notes.resize(kMostNotes);
     notes.push_back({notes.back().place, "further places are not shown"});
   }
-  for (Note& note : notes) note.message = printable(shortened(note.message));
+  for (Note& note : notes) note.message = shortened(note.message);
   findings_.push_back({info, place, text, std::move(notes)});
 }
 

@@ -38,7 +38,7 @@ struct Note {
 struct Finding {
   const CheckInfo* check = nullptr;
   Place place;
-  std::string message;  // printable, one line
+  std::string message;  // one sentence; texts of the file in it are raw
   std::vector<Note> notes;
 };
 

@@ -2,17 +2,16 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
 #include <new>
 #include <set>
 #include <sstream>
 #include <utility>
 #include <vector>
 
+#include "output.h"
 #include "reading.h"
 #include "required_graph.h"
 #include "stop_signals.h"
-#include "text.h"
 
 namespace vorn::launch {
 namespace {
@@ -22,15 +21,14 @@ constexpr char kNoDot[] =
     "--format mermaid or dot";
 
 /// The policies of a node in a few words, a line each.
-std::vector<std::string> policiesOf(const NodeReading& node) {
-  std::vector<std::string> policies;
+std::vector<OutputText> policiesOf(const NodeReading& node) {
+  std::vector<OutputText> policies;
   if (node.disabled.value) policies.emplace_back("disabled");
   if (!node.autostart.value) policies.emplace_back("not started automatically");
   if (node.oneshot.value) policies.emplace_back("oneshot");
   if (node.sleepMs.value != 0) {
-    policies.push_back("sleep " +
-                       std::to_string(effectiveSleepMs(node.sleepMs.value)) +
-                       " ms");
+    policies.push_back(
+        "sleep " + OutputText(effectiveSleepMs(node.sleepMs.value)) + " ms");
   }
   return policies;
 }
@@ -44,24 +42,14 @@ std::set<std::pair<size_t, size_t>> arrowsInCycles(const RequiredGraph& graph) {
   return arrows;
 }
 
-std::string dotText(const std::string& text) {
-  std::string escaped;
-  for (const char letter : printable(text)) {
-    if (letter == '"' || letter == '\\') escaped += '\\';
-    escaped += letter;
-  }
-  return escaped;
-}
-
-void printDot(std::ostream& out, const Reading& reading,
-              const RequiredGraph& graph) {
+void printDot(Output& out, const Reading& reading, const RequiredGraph& graph) {
   const auto red = arrowsInCycles(graph);
   out << "digraph launch {\n  rankdir=LR;\n  node [shape=box];\n";
   for (size_t i = 0; i < reading.nodes.size(); ++i) {
     const NodeReading& node = reading.nodes[i];
     out << "  n" << i << " [label=\"" << dotText(node.name.value);
-    for (const std::string& policy : policiesOf(node)) out << "\\n" << policy;
-    out << '"';
+    for (const OutputText& policy : policiesOf(node)) out << "\\n" << policy;
+    out << "\"";
     if (node.disabled.value || !node.autostart.value) out << ", style=dashed";
     out << "];\n";
   }
@@ -75,31 +63,7 @@ void printDot(std::ostream& out, const Reading& reading,
   out << "}\n";
 }
 
-/// A text between quotes in Mermaid, which knows the entities of HTML.
-std::string mermaidText(const std::string& text) {
-  std::string escaped;
-  for (const char letter : printable(text)) {
-    switch (letter) {
-      case '"':
-        escaped += "#quot;";
-        break;
-      case '<':
-        escaped += "#lt;";
-        break;
-      case '>':
-        escaped += "#gt;";
-        break;
-      case '#':
-        escaped += "#35;";
-        break;
-      default:
-        escaped += letter;
-    }
-  }
-  return escaped;
-}
-
-void printMermaid(std::ostream& out, const Reading& reading,
+void printMermaid(Output& out, const Reading& reading,
                   const RequiredGraph& graph) {
   const auto red = arrowsInCycles(graph);
   std::vector<size_t> red_links;
@@ -107,7 +71,7 @@ void printMermaid(std::ostream& out, const Reading& reading,
   for (size_t i = 0; i < reading.nodes.size(); ++i) {
     const NodeReading& node = reading.nodes[i];
     out << "  n" << i << "[\"" << mermaidText(node.name.value);
-    for (const std::string& policy : policiesOf(node)) {
+    for (const OutputText& policy : policiesOf(node)) {
       out << "<br>" << policy;
     }
     out << "\"]\n";
@@ -115,7 +79,7 @@ void printMermaid(std::ostream& out, const Reading& reading,
   size_t link = 0;
   for (size_t i = 0; i < reading.nodes.size(); ++i) {
     for (const auto& edge : graph.edgesFrom(i)) {
-      out << "  n" << i << " --> n" << edge.to << '\n';
+      out << "  n" << i << " --> n" << edge.to << "\n";
       if (red.count({i, edge.to}) > 0) red_links.push_back(link);
       ++link;
     }
@@ -132,18 +96,19 @@ ExitStatus drawSvg(const Session& session, const Reading& reading,
     session.complain(kNoDot);
     return kFailed;
   }
-  std::ostringstream text;
-  printDot(text, reading, graph);
-  if (!text) throw std::bad_alloc();  // a stream keeps that to itself
-  const std::string dot_graph = text.str();
-  std::cout.flush();
+  std::ostringstream stream;
+  Output out(stream);
+  printDot(out, reading, graph);
+  if (!stream) throw std::bad_alloc();  // the stream does not report it
+  const std::string text = stream.str();
+  standardOutput().flush();
   FILE* const dot = ::popen("dot -Tsvg", "w");
   if (dot == nullptr) {
     session.complain(kNoDot);
     return kFailed;
   }
-  const bool is_written = std::fwrite(dot_graph.data(), 1, dot_graph.size(),
-                                      dot) == dot_graph.size();
+  const bool is_written =
+      std::fwrite(text.data(), 1, text.size(), dot) == text.size();
   const int status = ::pclose(dot);
   if (is_written && status == 0) return kDone;
   session.complain("Graphviz could not draw the graph");
@@ -165,16 +130,17 @@ ExitStatus printGraphOf(const Session& session, const GraphOptions& options) {
     return kUsage;
   }
   const RequiredGraph graph(reading);
+  Output out = standardOutput();
   switch (options.format) {
     case GraphOptions::Format::MERMAID:
-      printMermaid(std::cout, reading, graph);
+      printMermaid(out, reading, graph);
       return kDone;
     case GraphOptions::Format::SVG:
       return drawSvg(session, reading, graph);
     case GraphOptions::Format::DOT:
       break;
   }
-  printDot(std::cout, reading, graph);
+  printDot(out, reading, graph);
   return kDone;
 }
 

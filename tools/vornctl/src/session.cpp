@@ -1,11 +1,10 @@
 #include "session.h"
 
 #include <algorithm>
-#include <iostream>
 #include <utility>
 
+#include "output.h"
 #include "selection.h"
-#include "text.h"
 
 namespace vorn::launch {
 namespace {
@@ -72,7 +71,7 @@ RunningLauncher Session::launcherWithoutFile() const {
 
 void Session::complain(const std::string& text) const {
   clearActivity();
-  std::cerr << "vornctl: " << printable(text) << '\n';
+  standardError() << "vornctl: " << terminalText(text) << "\n";
 }
 
 void Session::complainAbout(const std::string& name, const ControlReply& reply,
@@ -91,15 +90,16 @@ void Session::complainAbout(const std::string& name, const ControlReply& reply,
 void Session::showActivity(const std::string& activity,
                            milliseconds elapsed) const {
   if (elapsed < kQuietTime) return;
-  constexpr char kTurns[] = {'|', '/', '-', '\\'};
-  const auto turn = static_cast<size_t>(elapsed.count() / 100) % sizeof(kTurns);
-  std::cerr << "\r\x1b[K" << kTurns[turn] << ' ' << printable(activity) << ' '
-            << elapsed.count() / 1000 << "s" << std::flush;
+  constexpr std::string_view kTurns = "|/-\\";
+  const auto turn = static_cast<size_t>(elapsed.count() / 100) % kTurns.size();
+  const std::string text = kTurns[turn] + (' ' + activity) + ' ' +
+                           std::to_string(elapsed.count() / 1000) + 's';
+  standardError() << "\r\x1b[K" << terminalText(text);
   is_activity_shown_ = true;
 }
 
 void Session::clearActivity() const {
-  if (is_activity_shown_) std::cerr << "\r\x1b[K" << std::flush;
+  if (is_activity_shown_) standardError() << "\r\x1b[K";
   is_activity_shown_ = false;
 }
 

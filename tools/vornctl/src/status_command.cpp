@@ -3,11 +3,11 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
-#include <iostream>
 #include <map>
 
 #include <nlohmann/json.hpp>
 
+#include "output.h"
 #include "subjects.h"
 #include "text.h"
 
@@ -37,19 +37,19 @@ Colour colourOf(Condition condition) {
   return Colour::FAINT;
 }
 
-std::string orDash(const std::string& text) {
-  return text.empty() ? "-" : printable(text);
+OutputText orDash(const std::string& text) {
+  return text.empty() ? "-" : terminalText(text);
 }
 
-std::string orDash(int64_t number) {
-  return number == 0 ? "-" : std::to_string(number);
+OutputText orDash(int64_t number) {
+  return number == 0 ? "-" : OutputText(number);
 }
 
 /// The cell of a column for a script: one word or number, "-" for none.
 Cell plainCellFor(const NodeView& view, const std::string& column) {
   const bool runs = view.condition == Condition::RUNNING;
   if (column == "uptime") {
-    return {runs ? std::to_string(view.uptimeSeconds) : "-"};
+    return {runs ? OutputText(view.uptimeSeconds) : "-"};
   }
   if (column == "started") return {orDash(view.startSeconds)};
   if (column == "state") {
@@ -57,7 +57,7 @@ Cell plainCellFor(const NodeView& view, const std::string& column) {
     for (char& letter : word) {
       if (letter == ' ') letter = '-';
     }
-    return {word};
+    return {terminalText(word)};
   }
   return {cellFor(view, column).text};
 }
@@ -106,10 +106,7 @@ void printJson(const RunningLauncher& launcher,
         {"launchFileChanged", launcher.hasChanged}}},
       {"nodes", nodes},
   };
-  constexpr int kIndent = 2;
-  std::cout << document.dump(kIndent, ' ', false,
-                             nlohmann::json::error_handler_t::replace)
-            << '\n';
+  standardOutput() << jsonText(document);
 }
 
 void printTable(const StatusOptions& options, bool has_colours,
@@ -123,7 +120,7 @@ void printTable(const StatusOptions& options, bool has_colours,
   Table table;
   if (options.hasHeader) {
     for (const std::string& title : columns) {
-      table.header.push_back(upperCase(title));
+      table.header.push_back(terminalText(upperCase(title)));
     }
   }
   for (const NodeView& view : views) {
@@ -135,10 +132,11 @@ void printTable(const StatusOptions& options, bool has_colours,
     }
     table.rows.push_back(std::move(row));
   }
+  Output out = standardOutput();
   if (options.isPlain) {
-    printPlain(std::cout, table);
+    printPlain(out, table);
   } else {
-    printAligned(std::cout, table, has_colours);
+    printAligned(out, table, has_colours);
   }
 }
 
@@ -158,21 +156,21 @@ const std::vector<Column>& statusColumns() {
 }
 
 Cell cellFor(const NodeView& view, const std::string& column) {
-  if (column == "node") return {printable(view.name)};
+  if (column == "node") return {terminalText(view.name)};
   if (column == "state") {
     std::string word = wordFor(view.condition);
     if (view.condition == Condition::RESTARTING) {
       word += " in " + formatSpan(view.restartInSeconds);
     }
-    return {word, colourOf(view.condition)};
+    return {terminalText(word), colourOf(view.condition)};
   }
   if (column == "pid") return {orDash(view.pid)};
   if (column == "uptime") {
     return {view.condition == Condition::RUNNING
-                ? formatSpan(view.uptimeSeconds)
+                ? terminalText(formatSpan(view.uptimeSeconds))
                 : "-"};
   }
-  if (column == "started") return {formatTime(view.startSeconds)};
+  if (column == "started") return {terminalText(formatTime(view.startSeconds))};
   if (column == "policy") return {orDash(view.policy)};
   if (column == "required") return {orDash(view.required)};
   return {orDash(view.executable)};
@@ -226,8 +224,8 @@ ExitStatus showNames(Session& session, char separator) {
     return kUsage;
   }
   for (const LaunchNode& node : launcher->file.nodes) {
-    std::cout << (separator == '\0' ? node.name : printable(node.name))
-              << separator;
+    standardOutput() << (separator == '\0' ? nulTerminated(node.name)
+                                           : terminalText(node.name) + "\n");
   }
   return kDone;
 }
@@ -244,9 +242,9 @@ ExitStatus ping(Session& session) {
   (void)std::snprintf(text, sizeof(text), " answers in %.1f ms",
                       elapsed.count());
   const pid_t pid = session.launcherPid();
-  std::cout << (pid == 0 ? std::string("the launcher")
-                         : "launcher " + std::to_string(pid))
-            << text << '\n';
+  standardOutput() << (pid == 0 ? "the launcher"
+                                : "launcher " + OutputText(pid))
+                   << terminalText(text) << "\n";
   return kDone;
 }
 

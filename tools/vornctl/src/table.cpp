@@ -1,14 +1,11 @@
 #include "table.h"
 
 #include <algorithm>
-#include <ostream>
-
-#include "text.h"
 
 namespace vorn::launch {
 namespace {
 
-const char* sequenceFor(Colour colour) {
+OutputText sequenceFor(Colour colour) {
   switch (colour) {
     case Colour::GREEN:
       return "\x1b[32m";
@@ -23,14 +20,14 @@ const char* sequenceFor(Colour colour) {
     case Colour::NONE:
       break;
   }
-  return "";
+  return {};
 }
 
 std::vector<std::vector<Cell>> linesOf(const Table& table) {
   std::vector<std::vector<Cell>> lines;
   if (!table.header.empty()) {
     std::vector<Cell> header;
-    for (const std::string& title : table.header) {
+    for (const OutputText& title : table.header) {
       header.push_back({title, Colour::BOLD});
     }
     lines.push_back(std::move(header));
@@ -41,12 +38,12 @@ std::vector<std::vector<Cell>> linesOf(const Table& table) {
 
 }  // namespace
 
-std::string coloured(const std::string& text, Colour colour) {
+OutputText coloured(const OutputText& text, Colour colour) {
   if (colour == Colour::NONE || text.empty()) return text;
   return sequenceFor(colour) + text + "\x1b[0m";
 }
 
-void printAligned(std::ostream& out, const Table& table, bool has_colours) {
+void printAligned(Output& out, const Table& table, bool has_colours) {
   const auto lines = linesOf(table);
   std::vector<size_t> widths;
   for (const auto& line : lines) {
@@ -56,26 +53,27 @@ void printAligned(std::ostream& out, const Table& table, bool has_colours) {
     }
   }
   for (const auto& line : lines) {
-    std::string gap;
+    OutputText gap;
     for (size_t i = 0; i < line.size(); ++i) {
       const Cell& cell = line[i];
       if (!cell.text.empty()) {
         out << gap
             << (has_colours ? coloured(cell.text, cell.colour) : cell.text);
-        gap.clear();
+        gap = {};
       }
-      gap.append(widths[i] - displayWidth(cell.text) + 2, ' ');
+      gap += spaces(widths[i] - displayWidth(cell.text) + 2);
     }
-    out << '\n';
+    out << "\n";
   }
 }
 
-void printPlain(std::ostream& out, const Table& table) {
+void printPlain(Output& out, const Table& table) {
   for (const auto& line : linesOf(table)) {
     for (size_t i = 0; i < line.size(); ++i) {
-      out << (i == 0 ? "" : "\t") << line[i].text;
+      if (i > 0) out << "\t";
+      out << line[i].text;
     }
-    out << '\n';
+    out << "\n";
   }
 }
 

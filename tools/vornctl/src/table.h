@@ -1,32 +1,32 @@
 #pragma once
 
-#include <iosfwd>
-#include <string>
 #include <vector>
+
+#include "output.h"
 
 namespace vorn::launch {
 
 enum class Colour { NONE, GREEN, YELLOW, RED, FAINT, BOLD };
 
 struct Cell {
-  std::string text;  // printable
+  OutputText text;
   Colour colour = Colour::NONE;
 };
 
 /// Rows of cells for a terminal or for a script.
 struct Table {
-  std::vector<std::string> header;  // empty: none
+  std::vector<OutputText> header;  // empty: none
   std::vector<std::vector<Cell>> rows;
 };
 
-/// Writes columns of equal width with two spaces between them; nothing behind
-/// the last cell of a line.
-void printAligned(std::ostream& out, const Table& table, bool has_colours);
+/// Writes columns of equal width with two spaces between them, and no spaces
+/// after the last cell of a line.
+void printAligned(Output& out, const Table& table, bool has_colours);
 
 /// Writes the texts with one tab between them.
-void printPlain(std::ostream& out, const Table& table);
+void printPlain(Output& out, const Table& table);
 
 /// The text in its colour for a terminal.
-std::string coloured(const std::string& text, Colour colour);
+OutputText coloured(const OutputText& text, Colour colour);
 
 }  // namespace vorn::launch

@@ -9,12 +9,14 @@
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <map>
 
 #include "deadline.h"
 #include "node_view.h"
 #include "operation.h"
+#include "output.h"
 #include "status_command.h"
 #include "subjects.h"
 #include "text.h"
@@ -264,24 +266,24 @@ class Top {
     }
     if (hasFrame()) write(LINES - 1, kKeys, A_DIM);
     if (!message_.empty()) {
-      write(LINES - (hasFrame() ? 2 : 1), printable(message_), A_BOLD);
+      write(LINES - (hasFrame() ? 2 : 1), terminalText(message_), A_BOLD);
     }
     (void)refresh();
   }
 
-  std::string summary(const std::vector<NodeView>& all) const {
+  OutputText summary(const std::vector<NodeView>& all) const {
     std::map<std::string, size_t> counts;
     for (const NodeView& view : all) ++counts[wordFor(view.condition)];
-    std::string text = "launcher ";
-    text += launcher_.pid == 0 ? "?" : std::to_string(launcher_.pid);
-    text += "  " + std::to_string(all.size()) + " nodes";
+    OutputText text = "launcher ";
+    text += launcher_.pid == 0 ? "?" : OutputText(launcher_.pid);
+    text += "  " + OutputText(all.size()) + " nodes";
     for (const auto& [word, number] : counts) {
-      text += (word == counts.begin()->first ? ": " : ", ") +
-              std::to_string(number) + ' ' + word;
+      text += word == counts.begin()->first ? ": " : ", ";
+      text += number + (" " + terminalText(word));
     }
     // Last, since it may be long.
     if (!launcher_.launchFile.empty()) {
-      text += "  " + printable(launcher_.launchFile);
+      text += "  " + terminalText(launcher_.launchFile);
     }
     return text;
   }
@@ -295,7 +297,7 @@ class Top {
     std::vector<std::vector<Cell>> lines;
     std::vector<size_t> widths;
     for (const char* const column : kColumns) {
-      widths.push_back(displayWidth(column));
+      widths.push_back(std::strlen(column));
     }
     for (const NodeView& view : all) {
       std::vector<Cell> line;
@@ -318,7 +320,7 @@ class Top {
   void drawTitles(const std::vector<size_t>& widths) const {
     std::vector<Cell> titles;
     for (const char* const title : kColumns) {
-      titles.push_back({upperCase(title), Colour::BOLD});
+      titles.push_back({terminalText(upperCase(title)), Colour::BOLD});
     }
     drawLine(kAbove - 1, titles, widths, A_NORMAL);
   }
@@ -328,10 +330,11 @@ class Top {
     int column = 0;
     for (size_t i = 0; i < cells.size() && column < COLS; ++i) {
       const auto room = static_cast<size_t>(COLS - column);
-      const std::string text = fitted(cells[i].text, std::min(room, widths[i]));
+      const OutputText text =
+          truncated(cells[i].text, std::min(room, widths[i]));
       const auto kind = attribute | screen_.attributeFor(cells[i].colour);
       (void)attrset(static_cast<int>(kind));
-      (void)mvaddstr(row, column, text.c_str());
+      (void)mvaddstr(row, column, text.str().c_str());
       (void)attrset(static_cast<int>(attribute));
       column += static_cast<int>(displayWidth(text));
       const int next =
@@ -342,11 +345,12 @@ class Top {
   }
 
   /// Writes this text in the place of all that stands in the row.
-  static void write(int row, const std::string& text, attr_t attribute) {
+  static void write(int row, const OutputText& text, attr_t attribute) {
     (void)::move(row, 0);
     (void)clrtoeol();
     (void)attrset(static_cast<int>(attribute));
-    (void)mvaddstr(row, 0, fitted(text, static_cast<size_t>(COLS)).c_str());
+    (void)mvaddstr(row, 0,
+                   truncated(text, static_cast<size_t>(COLS)).str().c_str());
     (void)attrset(A_NORMAL);
   }
 

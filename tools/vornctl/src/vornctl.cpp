@@ -6,10 +6,10 @@
 #include <clocale>
 #include <cstdlib>
 #include <exception>
-#include <iostream>
 
 #include "command_line.h"
 #include "exit_status.h"
+#include "output.h"
 
 namespace {
 
@@ -60,7 +60,9 @@ int main(int argc, char** argv) {
   try {
     return vorn::launch::runCommandLine(argc, argv, cancel_pipe[0]);
   } catch (const std::exception& failure) {
-    std::cerr << "vornctl: " << failure.what() << '\n';
+    using vorn::launch::terminalText;
+    vorn::launch::standardError()
+        << "vornctl: " << terminalText(failure.what()) << "\n";
     return vorn::launch::kFailed;
   }
 }

@@ -3,15 +3,14 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <iostream>
 #include <map>
 
 #include <nlohmann/json.hpp>
 
 #include "node_view.h"
+#include "output.h"
 #include "status_command.h"
 #include "subjects.h"
-#include "text.h"
 #include "watcher.h"
 
 namespace vorn::launch {
@@ -21,6 +20,7 @@ using Clock = std::chrono::steady_clock;
 using Goal = WaitOptions::Goal;
 using std::chrono::milliseconds;
 
+constexpr int kOneLine = -1;
 constexpr milliseconds kNoLimit = std::chrono::hours(24);
 
 bool isCancelled(const Session& session) {
@@ -134,6 +134,7 @@ void printChange(const RunningLauncher& launcher, const Watcher::Change& change,
                           std::chrono::system_clock::now().time_since_epoch())
                           .count();
   const NodeView view = viewOf(launcher, change.name, change.status, now);
+  Output out = standardOutput();
   if (is_json) {
     const nlohmann::ordered_json line = {
         {"schema", 1},
@@ -148,16 +149,16 @@ void printChange(const RunningLauncher& launcher, const Watcher::Change& change,
         {"startSeconds", view.startSeconds == 0
                              ? nlohmann::ordered_json()
                              : nlohmann::ordered_json(view.startSeconds)}};
-    std::cout << line.dump(-1, ' ', false,
-                           nlohmann::json::error_handler_t::replace)
-              << std::endl;
+    out << jsonText(line, kOneLine);
+    out.flush();
     return;
   }
   const Cell state = cellFor(view, "state");
-  std::cout << formatTime(now) << ' ' << printable(view.name) << ' '
-            << (has_colours ? coloured(state.text, state.colour) : state.text);
-  if (view.pid != 0) std::cout << " pid " << view.pid;
-  std::cout << std::endl;
+  out << terminalText(formatTime(now) + ' ' + view.name) << " "
+      << (has_colours ? coloured(state.text, state.colour) : state.text);
+  if (view.pid != 0) out << " pid " << view.pid;
+  out << "\n";
+  out.flush();
 }
 
 }  // namespace
@@ -193,7 +194,7 @@ ExitStatus monitor(Session& session, const std::vector<std::string>& nodes,
       printChange(subjects.launcher, change, is_json,
                   session.settings().hasColours);
     }
-    if (!std::cout) return kDone;  // nobody reads any more
+    if (!standardOutput().isGood()) return kDone;  // nobody reads any more
     if (isCancelled(session)) return kDone;
     if (!watcher.failure().isDone()) {
       session.complain(watcher.failure().message);

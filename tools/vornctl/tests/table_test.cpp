@@ -9,9 +9,10 @@ namespace vorn::launch {
 namespace {
 
 std::string aligned(const Table& table, bool has_colours) {
-  std::ostringstream out;
+  std::ostringstream stream;
+  Output out(stream);
   printAligned(out, table, has_colours);
-  return out.str();
+  return stream.str();
 }
 
 TEST(TableTest, ColumnsAreAlignedAndLinesEndWithTheirLastText) {
@@ -32,18 +33,19 @@ TEST(TableTest, ColoursDoNotDisturbTheAlignment) {
 }
 
 TEST(TableTest, APlainOneHasTabsAndNothingElse) {
-  std::ostringstream out;
+  std::ostringstream stream;
+  Output out(stream);
   printPlain(out, {{"NODE", "PID"}, {{{"camera", Colour::RED}, {"1"}}}});
-  EXPECT_EQ(out.str(), "NODE\tPID\ncamera\t1\n");
+  EXPECT_EQ(stream.str(), "NODE\tPID\ncamera\t1\n");
 }
 
 TEST(TableTest, EveryColourHasItsSequenceAndEnds) {
-  EXPECT_EQ(coloured("x", Colour::NONE), "x");
-  EXPECT_EQ(coloured("", Colour::RED), "");
-  EXPECT_EQ(coloured("x", Colour::RED), "\x1b[31mx\x1b[0m");
-  EXPECT_EQ(coloured("x", Colour::YELLOW), "\x1b[33mx\x1b[0m");
-  EXPECT_EQ(coloured("x", Colour::FAINT), "\x1b[2mx\x1b[0m");
-  EXPECT_EQ(coloured("x", Colour::BOLD), "\x1b[1mx\x1b[0m");
+  EXPECT_EQ(coloured("x", Colour::NONE).str(), "x");
+  EXPECT_EQ(coloured("", Colour::RED).str(), "");
+  EXPECT_EQ(coloured("x", Colour::RED).str(), "\x1b[31mx\x1b[0m");
+  EXPECT_EQ(coloured("x", Colour::YELLOW).str(), "\x1b[33mx\x1b[0m");
+  EXPECT_EQ(coloured("x", Colour::FAINT).str(), "\x1b[2mx\x1b[0m");
+  EXPECT_EQ(coloured("x", Colour::BOLD).str(), "\x1b[1mx\x1b[0m");
 }
 
 }  // namespace
