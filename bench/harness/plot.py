@@ -42,6 +42,7 @@ def draw(measurements, path):
 
     matplotlib.use("svg")
     matplotlib.rcParams["svg.hashsalt"] = "bench"
+    matplotlib.rcParams["svg.fonttype"] = "none"  # text, not outlines
     from matplotlib import pyplot
 
     forms = {"start": _start, "memory": _memory, "status": _status, "load": _load}

@@ -533,6 +533,7 @@ def plot(samples, path):
 
     matplotlib.use("svg")
     matplotlib.rcParams["svg.hashsalt"] = "soak"
+    matplotlib.rcParams["svg.fonttype"] = "none"  # text, not outlines
     from matplotlib import pyplot
 
     minutes = [sample.seconds / 60 for sample in samples]
