@@ -9,8 +9,9 @@ set -euo pipefail
   BUILD_PACKAGES=(build-essential cmake libyaml-cpp-dev procps libcli11-dev
     nlohmann-json3-dev libncurses-dev)
   TEST_PACKAGES=(mandoc systemd libgtest-dev libgmock-dev python3 python3-pytest
-    python3-pytest-xdist python3-hypothesis python3-jsonschema python3-yaml
-    pkgconf strace socat)
+    python3-pytest-xdist python3-pytest-timeout python3-hypothesis
+    python3-jsonschema python3-yaml pkgconf strace socat)
+  CACHE_PACKAGES=(ccache)  # for test.sh; packages are built without it
   SHELL_PACKAGES=(tmux bash-completion zsh fish)  # for the tests of vornctl
   SERVER_PACKAGES=(redis-server nginx mosquitto mosquitto-clients curl)
   CLANG_PACKAGES=(clang-14)

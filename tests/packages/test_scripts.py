@@ -4,6 +4,7 @@ import os
 import pathlib
 import shutil
 import subprocess
+import sys
 
 import pytest
 
@@ -43,6 +44,8 @@ def fixture_bare(debian):
      "--packages are for the presets release and arm64 alone"),
     ("test.sh", ["--packages", "--unit", "--preset", "coverage"],
      "--packages are for the presets release and arm64 alone"),
+    ("test.sh", ["--all", "--allow-skips"],
+     "--all leaves nothing to choose; see ./test.sh --help"),
 ])
 def test_what_cannot_be_done_is_refused_at_once(script, options, said, bare):
     done = bare.execute(f"/srv/{script}", *options)
@@ -143,3 +146,25 @@ def test_git_itself_says_why_it_tells_no_files(checkout):
     assert status == 2
     assert "dubious ownership" in said
     assert not (checkout.folder / "build-packages").exists()
+
+
+# -- The counts at the end of test.sh.
+
+
+@pytest.mark.parametrize("outcome, options, status", [
+    ("", [], 0),
+    ("<skipped message='no tmux'/>", [], 1),
+    ("<skipped message='no tmux'/>", ["--allow-skips"], 0),
+    ("<failure/>", ["--allow-skips"], 1),
+])
+def test_a_run_fails_when_a_test_fails_or_is_skipped_unless_allowed(
+    outcome, options, status, tmp_path
+):
+    (tmp_path / "1.xml").write_text(
+        f"<testsuite><testcase/><testcase>{outcome}</testcase></testsuite>",
+        encoding="ascii")
+    done = subprocess.run(
+        [sys.executable, ROOT / "scripts/count_tests.py", *options, tmp_path],
+        capture_output=True, encoding="utf-8", check=False)
+    assert done.returncode == status
+    assert ("no tmux" in done.stderr) == ("no tmux" in outcome)
