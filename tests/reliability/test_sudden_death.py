@@ -11,6 +11,7 @@ import signal
 import socket
 import struct
 import sys
+import warnings
 
 import pytest
 
@@ -28,10 +29,21 @@ NODES = {
 }
 STARTED = ["first", "second"]
 
+# Shows the real process table once the node that is stopped is dead or collected,
+# so that a stop makes the same calls each time.
+PS = """\
+pid=$(tr -dc 0-9 </proc/$PPID/cmdline)
+while grep -qs '^State:.[^Z]' /proc/$pid/status; do sleep 0.01; done
+exec /usr/bin/ps "$@"
+"""
+
 # The calls are dealt out to so many tests, to run beside each other.
 LONG_SHARES = 8
 # The short form kills at so many of a scenario's calls, spread evenly.
 SHORT_COUNT = 3
+# On a busy machine the waits before a restart vary in number, so that a place may
+# not be reached: so often each death is tried.
+ATTEMPTS = 5
 
 
 def pytest_generate_tests(metafunc):
@@ -112,6 +124,7 @@ SCENARIOS = {
 def start(machine, **options):
     """Starts the launcher and waits until it answers or has died."""
     machine.script("stay", "exec " + " ".join(SLEEP))
+    machine.script("ps", PS)
     machine.start({"vornnode": NODES}, wait_until_up=False, **options)
 
     def answers_or_has_died():
@@ -139,10 +152,13 @@ class Place:
 def traced(machine, *options):
     """How the launcher is started under strace. What the launcher starts is not
     traced, and does not die with it."""
+    environment = {"PATH": "/tmp/bin:/usr/bin:/bin"}
+    if machine.sanitized:
+        # The leak check cannot work under another tracer.
+        environment["ASAN_OPTIONS"] = "detect_leaks=0"
     return {
         "wrapper": ["strace", "-D", "-o", "/tmp/strace.log", *options],
-        # The leak check cannot work under another tracer.
-        "environment": {"ASAN_OPTIONS": "detect_leaks=0"} if machine.sanitized else {},
+        "environment": environment,
     }
 
 
@@ -185,9 +201,8 @@ def places(machine, scenario):
 
 
 def die_at(place, machine, scenario):
-    """Lets the launcher play the scenario and die at the place. Returns whether
-    it came there, and the clients of the last moment; one that does not come
-    there, since its calls vary a little, is killed in the end."""
+    """Runs the scenario until the launcher dies at the place. Returns the clients
+    of that moment; None if the launcher has not reached the place."""
     start(
         machine,
         **traced(machine, "-e", f"inject={place.call}:signal=SIGKILL:when={place.nth}"),
@@ -200,13 +215,11 @@ def die_at(place, machine, scenario):
             f"{scenario} is over",
         )
     try:
-        # Behind an answer come the wait for the client and that for events.
-        eventually(lambda: machine.has_ended, "the launcher dies", timeout=2)
+        # After a reply the launcher waits for the client, and then for events.
+        eventually(lambda: machine.has_ended, "the launcher dies", timeout=5)
     except AssertionError:
-        machine.signal(signal.SIGKILL)
-        assert machine.wait() == -signal.SIGKILL
-        return False, clients
-    return machine.wait() == -signal.SIGKILL, clients
+        return None
+    return clients if machine.wait() == -signal.SIGKILL else None
 
 
 # -- What is left of it.
@@ -230,7 +243,7 @@ def nodes_of(machine):
 
 
 def found_as_documented(machine):
-    """The pids of the nodes, by the command of docs/operations.md."""
+    """The pids of the nodes, found by their environment as in docs/operations.md."""
     files = machine.run(
         "sh", "-c", "grep -lz '^__VORN_NODE_NAME__=' /proc/[0-9]*/environ 2>/dev/null",
         check=False,
@@ -333,23 +346,21 @@ def test_after_a_death_at_any_call_the_next_launcher_takes_over(
         chosen = every[share::LONG_SHARES]
     else:
         chosen = every[:: -(-len(every) // SHORT_COUNT)]
-    reached = 0
     for place in chosen:
-        machine = new_machine()
-        there, clients = die_at(place, machine, scenario)
-        reached += there
+        for _ in range(ATTEMPTS):
+            machine = new_machine()
+            clients = die_at(place, machine, scenario)
+            if clients is not None:
+                break
+            warnings.warn(f"{name}: {place} was not reached", stacklevel=1)
+        assert clients is not None, f"no death at {place} in {ATTEMPTS} attempts"
         try:
             assert_the_next_one_takes_over(machine)
             assert_clients_see_the_end(machine, clients)
         except AssertionError as error:
             raise AssertionError(f"after death at {place}: {error}") from error
-    # The number of looks at the process table varies, and with it some calls.
-    assert 3 * reached >= len(chosen)
-    print(
-        f"{name}, share {share}: {len(chosen)} of {len(every)} calls, "
-        f"{reached} as planned",
-        file=sys.stderr,
-    )
+    print(f"{name}, share {share}: {len(chosen)} of {len(every)} calls",
+          file=sys.stderr)
 
 
 # -- Other things that can stand where the socket was.
