@@ -240,6 +240,60 @@ def test_no_text_of_a_file_drives_a_terminal_or_a_ci_system(vornctl, arguments):
     assert finished.stdout
 
 
+@pytest.mark.parametrize("text, what, line", [
+    ("; nodes\n[program:a]\ncommand=/a\n", "an INI or TOML file", 2),
+    ("[Service]\nExecStart=/a -x\n", "an INI or TOML file", 1),
+    ("\n[[nodes]]\npath = \"/a\"\n", "an INI or TOML file", 2),
+    ("<?xml version=\"1.0\"?>\n<launch/>\n", "an XML file", 1),
+    ("{\n  // nodes\n  \"vornnode\": {}\n}\n", "JSON with comments", 1),
+    ("/* nodes */\n{\"vornnode\": {}}\n", "JSON with comments", 1),
+    ("A=1\nB=2\n", "a file of NAME=VALUE lines", 1),
+])
+def test_a_file_in_another_language_is_recognized(vornctl, text, what, line):
+    assert vornctl("-", text=text).stdout == (
+        f"<stdin>:{line}:1: error: this looks like {what}; a launch file is YAML with "
+        "nodes in 'vornnode' [other-language]\n")
+
+
+@pytest.mark.parametrize("text", [
+    '{"vornnode": {"a": {"path": "/a"}}}', "[a, b]\n", "[a]\n", "a=b: c\n",
+    "- a=b\n", "text\n", "", "vornnode: {a: {path: /a}}\n# a = b\n",
+])
+def test_yaml_is_not_taken_for_another_language(vornctl, text):
+    assert "other-language" not in vornctl("-", text=text).stdout
+
+
+@pytest.mark.parametrize("text", [
+    "", "[", "[a, b]\n", "[0]\n", "- a\n", "text\n", "[section]\na=b\n",
+    "configure: [a]\n", "configure: []\nvornnode: []\n", "~\n", "vornnode: {~: 1}\n",
+])
+def test_every_finding_has_a_line_of_the_file(vornctl, text):
+    assert "line=0" not in vornctl("-", "--format=github", text=text).stdout
+    for line, name in names_in(vornctl("-", "--format=json", text=text)):
+        assert line >= 1, name
+
+
+@pytest.mark.parametrize("text, line", [
+    ("vornnode:\n\tcamera:\n\t\tpath: /x\n", 2),
+    ("vornnode:\n  a:\n\tpath: /x\n", 3),
+    ("vornnode:\n  a:\n    path: /x\n\targv: b\n", 4),
+])
+def test_a_tab_in_the_indentation_is_named(vornctl, text, line):
+    assert vornctl("-", text=text).stdout == (
+        f"<stdin>:{line}:1: error: this line is indented with a tab; indent with "
+        "spaces only [syntax]\n")
+
+
+@pytest.mark.parametrize("program_and_arguments", [
+    "nginx -c /a", "nginx -p /a", "sshd -D", "sshd -eD", "lighttpd -D -f /a",
+    "mosquitto -c /a", "redis-server --daemonize no", "other -d", "cron -f",
+])
+def test_a_server_in_the_foreground_is_not_reported(vornctl, program_and_arguments):
+    path, argv = program_and_arguments.split(" ", 1)
+    text = f"vornnode:\n  a:\n    path: /usr/sbin/{path}\n    argv: {argv}\n"
+    assert vornctl("-", text=text).stdout == ""
+
+
 def test_quiet_leaves_the_exit_status_alone(vornctl):
     finished = vornctl("-q", "-", text=ERROR)
     assert (finished.returncode, finished.stdout, finished.stderr) == (1, "", "")
@@ -378,8 +432,9 @@ def test_a_cycle_of_many_nodes_has_few_notes(vornctl):
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
 def test_a_stop_signal_terminates_it_at_once(program, command, number):
     """Here it still reads; there is no handler later either."""
-    process = subprocess.Popen([program.with_name("vornctl"), command, "-"],
-                               stdin=subprocess.PIPE)
+    process = subprocess.Popen(
+        [program.with_name("vornctl"), command, "-"], stdin=subprocess.PIPE,
+        preexec_fn=lambda: signal.signal(number, signal.SIG_DFL))
     process.send_signal(number)
     assert process.wait(timeout=PATIENCE) == -number
     process.stdin.close()

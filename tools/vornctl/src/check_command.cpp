@@ -29,6 +29,7 @@ Findings findingsIn(const Document& document, const Reading& reading,
   Findings findings(document, options.ignored);
   checkDocument(reading, findings);
   checkNodes(reading, findings);
+  checkDaemons(reading, findings);
   checkEnvironment(reading, findings);
   checkRequired(reading, findings);
   const bool is_file = !document.isStandardInput();

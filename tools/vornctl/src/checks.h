@@ -15,6 +15,9 @@ void checkDocument(const Reading& reading, Findings& findings);
 /// Names, paths, arguments and flags of the nodes.
 void checkNodes(const Reading& reading, Findings& findings);
 
+/// Programs that do not stay in the foreground.
+void checkDaemons(const Reading& reading, Findings& findings);
+
 /// Variables, and install:// in all texts.
 void checkEnvironment(const Reading& reading, Findings& findings);
 

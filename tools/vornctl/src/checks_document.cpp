@@ -13,10 +13,6 @@ namespace {
 
 const std::vector<std::string> kRootKeys = {"configure", "vornnode"};
 const std::vector<std::string> kConfigureKeys = {"environment"};
-const std::vector<std::string> kNodeKeys = {
-    "path",  "argv",      "disabled", "oneshot",
-    "sleep", "autostart", "required", "environment"};
-
 using Advice = const char* (*)(const std::string&);
 
 /// The end of the message about an unknown key: the known key that it resembles
@@ -113,13 +109,19 @@ void checkSections(const Reading& reading, Findings& findings) {
 
 void checkKeys(const NodeReading& node, Findings& findings) {
   const std::string owner = "in node '" + node.name.value + "'";
-  checkUnknown(node.keys, owner, kNodeKeys, adviceForNodeKey, findings);
-  checkRepeated(node.keys, owner, kNodeKeys, findings);
+  checkUnknown(node.keys, owner, nodeKeys(), adviceForNodeKey, findings);
+  checkRepeated(node.keys, owner, nodeKeys(), findings);
 }
 
 }  // namespace
 
 void checkDocument(const Reading& reading, Findings& findings) {
+  if (const Text& language = reading.otherLanguage; !language.value.empty()) {
+    findings.add("other-language", language.place,
+                 "this looks like " + language.value +
+                     "; a launch file is YAML with nodes in 'vornnode'");
+    return;
+  }
   for (const Fault& fault : reading.faults) {
     findings.add(fault.check, fault.place, fault.message);
   }

@@ -14,6 +14,36 @@ constexpr char kInstallPrefix[] = "install://";
 
 std::string quoted(const std::string& text) { return "'" + text + "'"; }
 
+bool isIn(const std::string& text, size_t position, const char* letters) {
+  return position < text.size() &&
+         std::string(letters).find(text[position]) != std::string::npos;
+}
+
+/// The first part of a value that a shell would replace: "$NAME", "${NAME}" or
+/// "~". Names in lower case are not meant: they are frequent in formats and
+/// patterns that the program itself replaces.
+std::string shellPartOf(const std::string& value) {
+  constexpr char kName[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZ_0123456789";
+  for (size_t i = value.find_first_of("$~"); i != std::string::npos;
+       i = value.find_first_of("$~", i + 1)) {
+    if (value[i] == '~') {
+      const bool begins = i == 0 || value[i - 1] == ':';
+      const bool ends = i + 1 == value.size() || isIn(value, i + 1, "/:");
+      if (begins && ends) return "~";
+      continue;
+    }
+    if (i > 0 && isIn(value, i - 1, "$\\")) continue;
+    const bool is_braced = isIn(value, i + 1, "{");
+    const size_t name = i + (is_braced ? 2 : 1);
+    const size_t end =
+        std::min(value.find_first_not_of(kName, name), value.size());
+    if (end < name + 2 || isIn(value, name, "0123456789")) continue;
+    if (!is_braced) return value.substr(i, end - i);
+    if (isIn(value, end, "}")) return value.substr(i, end + 1 - i);
+  }
+  return "";
+}
+
 void checkVariable(const Variable& variable, Findings& findings) {
   const std::string& name = variable.name.value;
   if (exportedName(name).empty()) {
@@ -25,6 +55,11 @@ void checkVariable(const Variable& variable, Findings& findings) {
       variable.written.find('\0') != std::string::npos) {
     findings.add("nul-in-text", variable.value.place,
                  "variable " + quoted(name) + " ends at its first NUL");
+  }
+  if (const std::string part = shellPartOf(variable.written); !part.empty()) {
+    findings.add("variable-not-expanded", variable.value.place,
+                 "variable " + quoted(name) + " keeps its " + quoted(part) +
+                     " as written; no shell expands it");
   }
 }
 

@@ -11,6 +11,7 @@ namespace {
 constexpr size_t kLongestName = 127;  // what a request of the socket holds
 constexpr uint32_t kLongestSleepMs = 4'294'967;  // its microseconds fit
 constexpr uint32_t kLongSleepMs = 10'000;
+constexpr uint32_t kShortSleepMs = 100;
 
 std::string named(const NodeReading& node) {
   return "node '" + node.name.value + "'";
@@ -55,6 +56,11 @@ void checkSleep(const NodeReading& node, Findings& findings) {
                      std::to_string(effective) +
                      " ms; 4294967 ms is the longest");
   }
+  if (sleep > 0 && sleep < kShortSleepMs) {
+    findings.add("short-sleep", node.sleepMs.place,
+                 "the sleep of " + named(node) + " is " + written +
+                     "; for seconds, write " + std::to_string(sleep * 1000));
+  }
   if (effective > kLongSleepMs) {
     findings.add("long-sleep", node.sleepMs.place,
                  "before each start of " + named(node) +
@@ -63,6 +69,28 @@ void checkSleep(const NodeReading& node, Findings& findings) {
                      " s: it starts nothing else, notices no exit and answers "
                      "no command");
   }
+}
+
+/// Whether a shell would replace a part of the text by a variable.
+bool hasShellVariable(const std::string& text) {
+  for (size_t i = text.find('$'); i != std::string::npos;
+       i = text.find('$', i + 1)) {
+    const char next = i + 1 < text.size() ? text[i + 1] : ' ';
+    const bool is_letter = (next >= 'a' && next <= 'z') ||
+                           (next >= 'A' && next <= 'Z') || next == '_';
+    if (is_letter || next == '{') return true;
+  }
+  return false;
+}
+
+/// Whether the text after the first blank of a path is an argument, and not a
+/// part of a file name with a blank in it.
+bool hasArgument(const std::string& path) {
+  const size_t blank = path.find_first_of(" \t");
+  const size_t next = path.find_first_not_of(" \t", blank);
+  if (blank == std::string::npos || next == std::string::npos) return false;
+  return path[next] == '-' || path[next] == '/' ||
+         path.find_first_not_of("0123456789", next) == std::string::npos;
 }
 
 /// Characters of which a shell would make something, as people write them.
@@ -77,13 +105,7 @@ std::string shellPartOf(const std::string& argument) {
     return "~";
   }
   if (argument[0] == '>') return ">";
-  for (size_t i = argument.find('$'); i != std::string::npos;
-       i = argument.find('$', i + 1)) {
-    const char next = i + 1 < argument.size() ? argument[i + 1] : ' ';
-    const bool is_letter = (next >= 'a' && next <= 'z') ||
-                           (next >= 'A' && next <= 'Z') || next == '_';
-    if (is_letter || next == '{') return "$";
-  }
+  if (hasShellVariable(argument)) return "$";
   const size_t glob = argument.find_first_of("*?");
   // An address may well have a question mark.
   const bool is_glob =
@@ -130,12 +152,26 @@ void checkTexts(const NodeReading& node, Findings& findings) {
 
 void checkPath(const Reading& reading, const NodeReading& node,
                Findings& findings) {
-  if (!node.hasPath || reading.hasBinPath()) return;
+  if (!node.hasPath) return;
+  const std::string subject =
+      "path '" + node.path.value + "' of " + named(node);
+  if (hasArgument(node.path.value)) {
+    findings.add("shell-in-path", node.path.place,
+                 subject + " has a blank in it; arguments go into 'argv'");
+  }
+  const bool is_home = node.path.value.rfind("~/", 0) == 0;
+  if (is_home || hasShellVariable(node.path.value)) {
+    findings.add("shell-in-path", node.path.place,
+                 subject + " is used as written; no shell expands its '" +
+                     (is_home ? "~'" : "$'"));
+    return;
+  }
+  if (reading.hasBinPath()) return;
   if (node.path.value.rfind('/', 0) == 0) return;
   // A better word for these is elsewhere.
   if (node.path.value.rfind("install:", 0) == 0) return;
   findings.add("relative-path", node.path.place,
-               "path '" + node.path.value + "' of " + named(node) +
+               subject +
                    " is relative to the launcher's working folder; set "
                    "VORN_BIN_PATH in 'configure', or write it in full");
 }
@@ -155,7 +191,11 @@ void checkNodes(const Reading& reading, Findings& findings) {
   checkDuplicates(reading, findings);
   for (const NodeReading& node : reading.dropped) {
     findings.add("node-dropped", node.name.place,
-                 named(node) + " has no 'path' and is left out");
+                 isNodeKey(node.name.value)
+                     ? "'" + node.name.value +
+                           "' is read as the name of a node without 'path'; "
+                           "indent it below the name of its node"
+                     : named(node) + " has no 'path' and is left out");
   }
   for (const NodeReading& node : reading.nodes) {
     checkName(node, findings);

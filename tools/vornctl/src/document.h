@@ -21,6 +21,12 @@ struct Place {
   }
 };
 
+/// A text and its place in the file.
+struct Text {
+  std::string value;
+  Place place;
+};
+
 /// The text of a launch file and its lines.
 class Document {
  public:

@@ -16,6 +16,7 @@ constexpr Severity kError = Severity::ERROR;
 constexpr CheckInfo kChecks[] = {
     // What ends the launcher when it reads the file: reading.cpp.
     {"syntax", kError, "no valid YAML"},
+    {"other-language", kError, "a file in another language than YAML"},
     {"null-value", kError, "nothing where a value must be"},
     {"not-a-text", kError, "a list or mapping where one value must be"},
     {"not-a-bool", kError, "a flag that is neither true nor false"},
@@ -41,17 +42,21 @@ constexpr CheckInfo kChecks[] = {
     {"duplicate-node", kWarning, "two nodes of one name"},
     {"sleep-wraps", kWarning, "a sleep that wraps around"},
     {"long-sleep", kWarning, "a sleep that holds up everything"},
+    {"short-sleep", kNote, "a sleep that seems to be in seconds"},
     {"relative-path", kWarning, "a relative path without VORN_BIN_PATH"},
+    {"shell-in-path", kWarning, "a path with arguments or shell syntax"},
     {"quote-in-argv", kWarning, "quotes, which nothing takes away"},
     {"shell-in-argv", kWarning, "what only a shell understands"},
     {"space-in-argument", kWarning, "a tab or new line in an argument"},
     {"nul-in-text", kWarning, "a text that a NUL cuts off"},
     {"disabled-autostart", kWarning, "both disabled and not autostart"},
+    {"daemonizes", kWarning, "a program that goes into the background"},
     // Variables: checks_environment.cpp.
     {"refused-variable", kWarning, "a name that no variable can have"},
     {"node-name-replaced", kWarning, "__VORN_NODE_NAME__ replaced"},
     {"launcher-path", kWarning, "a PATH by which ps or grep is not found"},
     {"launcher-library", kWarning, "libraries forced upon the launcher"},
+    {"variable-not-expanded", kWarning, "shell syntax in a variable's value"},
     {"install-not-expanded", kWarning, "install:// where it means nothing"},
     {"install-misspelt", kWarning, "what was meant to be install://"},
     // `required`: checks_required.cpp.

@@ -10,7 +10,9 @@
 #include <map>
 #include <optional>
 #include <sstream>
+#include <string_view>
 
+#include "other_language.h"
 #include "text.h"
 
 namespace vorn::launch {
@@ -112,9 +114,11 @@ class Reader {
     try {
       root = YAML::Load(document_.text());
     } catch (const YAML::Exception& failure) {
-      addFault("syntax", placeOf(failure.mark), failure.msg, failure);
+      addSyntaxFault(failure);
+      reading_.otherLanguage = otherLanguageOf(document_.text());
       return std::move(reading_);
     }
+    const bool is_list = root.IsSequence();  // a subscript makes a map of it
     reading_.secondDocument = secondDocumentIn(root, document_.text());
     try {
       if (const YAML::Node configure = root["configure"]) {
@@ -127,8 +131,11 @@ class Reader {
                kindOf(root) + " where a mapping with 'vornnode' must be",
                failure);
     }
-    if (root.IsSequence()) ignore("the file", placeOf(root.Mark()));
-    reading_.keys = keysOf(root);
+    if (is_list) ignore("the file", placeOf(root.Mark()));
+    if (!is_list) reading_.keys = keysOf(root);
+    if (reading_.keys.empty()) {
+      reading_.otherLanguage = otherLanguageOf(document_.text());
+    }
     return std::move(reading_);
   }
 
@@ -150,6 +157,23 @@ class Reader {
   void addFault(const std::string& check, const Place& place,
                 const std::string& message, const YAML::Exception& exception) {
     reading_.faults.push_back({check, place, message, exception.what()});
+  }
+
+  /// A tab in the indentation is mentioned, as the parser's message is mostly
+  /// about its consequences.
+  void addSyntaxFault(const YAML::Exception& failure) {
+    const Place place = placeOf(failure.mark);
+    for (int line = place.line; line >= place.line - 1; --line) {
+      const std::string_view text = document_.line(line);
+      const size_t tab =
+          text.substr(0, text.find_first_not_of(" \t")).find('\t');
+      if (tab == std::string_view::npos) continue;
+      addFault("syntax", {line, static_cast<int>(tab) + 1},
+               "this line is indented with a tab; indent with spaces only",
+               failure);
+      return;
+    }
+    addFault("syntax", place, failure.msg, failure);
   }
 
   void ignore(const std::string& what, const Place& place) {
@@ -242,6 +266,7 @@ class Reader {
 
   void readConfigure(const YAML::Node& configure) {
     const Place place = placeOf(configure.Mark());
+    const bool is_list = configure.IsSequence();
     try {
       const YAML::Node environment = configure["environment"];
       if (environment) readGlobalEnvironment(environment);
@@ -250,8 +275,8 @@ class Reader {
                kindOf(configure) + " for 'configure', which is a mapping",
                exception);
     }
-    if (configure.IsSequence()) ignore("'configure'", place);
-    reading_.configureKeys = keysOf(configure);
+    if (is_list) ignore("'configure'", place);
+    if (!is_list) reading_.configureKeys = keysOf(configure);
   }
 
   void readGlobalEnvironment(const YAML::Node& environment) {
@@ -315,9 +340,14 @@ class Reader {
       }
       readPath(node, description, path);
     } catch (const YAML::BadSubscript& exception) {
+      const std::string& owner = node.name.value;
       addFault("scalar-for-mapping", valuePlace(key, description),
-               kindOf(description) + " for node '" + node.name.value +
-                   "', which is a mapping with 'path'",
+               isNodeKey(owner)
+                   ? "'" + owner +
+                         "' is read as the name of a node; indent it "
+                         "below the name of its node"
+                   : kindOf(description) + " for node '" + owner +
+                         "', which is a mapping with 'path'",
                exception);
       return;
     }
@@ -474,6 +504,18 @@ std::string nodeNameValue(const std::string& name) {
 std::string exportedName(const std::string& name) {
   std::string exported = untilNul(name);
   return exported.find('=') == std::string::npos ? exported : "";
+}
+
+const std::vector<std::string>& nodeKeys() {
+  static const std::vector<std::string> keys = {
+      "path",  "argv",      "disabled", "oneshot",
+      "sleep", "autostart", "required", "environment"};
+  return keys;
+}
+
+bool isNodeKey(const std::string& name) {
+  const auto& keys = nodeKeys();
+  return std::find(keys.begin(), keys.end(), name) != keys.end();
 }
 
 LauncherSurroundings ownSurroundings() {

@@ -27,12 +27,6 @@ struct LauncherSurroundings {
 /// and from the folder of our own executable.
 LauncherSurroundings ownSurroundings();
 
-/// A text and where it stands.
-struct Text {
-  std::string value;
-  Place place;
-};
-
 /// An exception that ends the launcher.
 struct Fault {
   std::string check;      // its name in the table of findings
@@ -83,7 +77,9 @@ struct Reading {
                                       // nothing: which, and where
   std::vector<Fault> faults;          // the first one is what ends the launcher
   Place secondDocument;               // line 0: there is none
-  std::string binPath;                // VORN_BIN_PATH when the nodes are read
+  Text otherLanguage;   // the language of a file that is not a launch file, and
+                        // where its first line is; else empty
+  std::string binPath;  // VORN_BIN_PATH when the nodes are read
   bool hasBinPath() const { return !binPath.empty(); }
 };
 
@@ -100,6 +96,12 @@ constexpr size_t kMostValueBytes = size_t{64} << 20U;
 
 /// What the launcher adds to its name for the variable __VORN_NODE_NAME__.
 std::string nodeNameValue(const std::string& name);
+
+/// The keys of a node's description.
+const std::vector<std::string>& nodeKeys();
+
+/// Whether a name in 'vornnode' is a key that belongs into a description.
+bool isNodeKey(const std::string& name);
 
 /// Reads a launch file as a launcher in these surroundings does. Throws
 /// TooLarge, or std::bad_alloc.
