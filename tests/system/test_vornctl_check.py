@@ -294,6 +294,12 @@ def test_a_server_in_the_foreground_is_not_reported(vornctl, program_and_argumen
     assert vornctl("-", text=text).stdout == ""
 
 
+def test_a_file_name_can_begin_with_a_bracket(vornctl):
+    name = write(vornctl, CLEAN, "[x].yaml")
+    assert vornctl("--no-host", name).returncode == 0
+    assert vornctl(name, command="graph").returncode == 0
+
+
 def test_quiet_leaves_the_exit_status_alone(vornctl):
     finished = vornctl("-q", "-", text=ERROR)
     assert (finished.returncode, finished.stdout, finished.stderr) == (1, "", "")
@@ -499,6 +505,11 @@ def test_sarif_has_rules_results_and_related_places(vornctl):
     rules = {rule["id"]: rule for rule in run["tool"]["driver"]["rules"]}
     listed = vornctl("--list").stdout.splitlines()
     assert list(rules) == [line.split("\t")[0] for line in listed]
+    for rule in rules.values():
+        assert "helpUri" not in rule
+        assert len(rule["help"]["text"]) > 20 and "](" not in rule["help"]["text"]
+        assert rule["help"]["markdown"] == rule["help"]["text"]
+    assert "a circle" in rules["required-cycle"]["help"]["text"]
     (result,) = run["results"]
     assert result["ruleId"] == "required-cycle" and result["level"] == "error"
     (place,) = result["locations"]

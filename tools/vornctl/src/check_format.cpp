@@ -6,6 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "check_help.h"
 #include "table.h"
 #include "vornctl_version.h"
 
@@ -17,7 +18,6 @@ using Json = nlohmann::ordered_json;
 // Grows when a member changes its meaning or goes; not when one is added.
 constexpr int kSchemaVersion = 1;
 constexpr size_t kLongestSource = 120;  // bytes of a source line
-constexpr char kDocumentation[] = "docs/checks.md#";
 
 Colour colourOf(Severity severity) {
   switch (severity) {
@@ -127,10 +127,11 @@ Json sarifResult(const Document& document, const Finding& finding) {
 Json sarifRules() {
   Json rules = Json::array();
   for (const CheckInfo& check : allChecks()) {
+    const std::string help = helpFor(check.name);
     rules.push_back(
         {{"id", check.name},
          {"shortDescription", {{"text", check.summary}}},
-         {"helpUri", std::string(kDocumentation) + check.name},
+         {"help", {{"text", help}, {"markdown", help}}},
          {"defaultConfiguration", {{"level", wordFor(check.severity)}}}});
   }
   return rules;

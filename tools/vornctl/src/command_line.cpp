@@ -335,6 +335,7 @@ class CommandLine {
     CLI::App* const app = addCommand(
         "check", "Say what is wrong with launch files; needs no launcher",
         [this](Session& session) {
+          for (std::string& file : arguments_.check.files) unprotect(file);
           if (arguments_.isCheckList) return listChecks();
           if (!arguments_.check.files.empty()) {
             return check(session, arguments_.check);
@@ -381,6 +382,7 @@ class CommandLine {
     CLI::App* const app = addCommand(
         "graph", "Draw the nodes of a launch file; needs no launcher",
         [this](Session& session) {
+          unprotect(arguments_.graph.file);
           return printGraph(session, arguments_.graph);
         });
     app->add_option("FILE", options.file, "A launch file; - is standard input")
