@@ -3,6 +3,7 @@
 import os
 import pathlib
 import re
+import signal
 import subprocess
 import sys
 
@@ -36,7 +37,17 @@ def pytest_addoption(parser):
     )
 
 
+def isolate_from_caller():
+    """Undoes what this process has inherited and would pass on to the programs
+    under test: a shell without job control starts a background job with SIGINT
+    and SIGQUIT ignored, and a caller's umask may hide files from other users."""
+    signal.signal(signal.SIGINT, signal.default_int_handler)
+    signal.signal(signal.SIGQUIT, signal.SIG_DFL)
+    os.umask(0o022)
+
+
 def pytest_configure(config):
+    isolate_from_caller()
     config.addinivalue_line("markers", "long: a part of the long form alone")
     config.addinivalue_line("markers", "plain: not for a sanitized launcher")
     config.addinivalue_line(

@@ -106,8 +106,11 @@ class Machine:
         (tmp / ".init").mkdir()
         self.install = tmp / "install"
         (self.install / "bin").mkdir(parents=True)
-        shutil.copy2(program, self.install / "bin/vornlaunch")
-        shutil.copy2(program.with_name("vornctl"), self.install / "bin/vornctl")
+        for name, source in (("vornlaunch", program),
+                             ("vornctl", program.with_name("vornctl"))):
+            copy = self.install / "bin" / name
+            shutil.copy2(source, copy)
+            copy.chmod(0o755)  # for other users, whatever umask it was built with
         self.sanitized = is_sanitized(program)
         self.counted = b"__gcov_dump" in program.read_bytes()
 
