@@ -1,6 +1,7 @@
 #include <elf.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -245,6 +246,21 @@ void checkTools(const Reading& reading, const std::string& path,
   }
 }
 
+/// The C library starts the shell of popen() by clone3(), and takes another
+/// call only if the kernel does not know that one.
+void checkClone(Findings& findings) {
+#if defined(SYS_clone3)
+  // Without arguments the call always fails.
+  const auto result = ::syscall(SYS_clone3, nullptr, size_t{0});
+  if (result >= 0 || errno == EINVAL || errno == ENOSYS) return;
+  findings.add("clone-refused", {1, 1},
+               std::string("the system call clone3 is refused here (") +
+                   std::strerror(errno) +
+                   "), so the launcher cannot run 'ps' and every stop lasts "
+                   "10 s; update the container engine or its seccomp profile");
+#endif
+}
+
 /// The file or folder at or above `path` that any user can change; empty if
 /// there is none.
 std::string writableByOthers(const std::string& path) {
@@ -293,6 +309,7 @@ void checkHost(const Document& document, const Reading& reading,
       reading.environment, own_path == nullptr ? "/bin:/usr/bin" : own_path);
   checkPrograms(reading, path, findings);
   checkTools(reading, path, findings);
+  checkClone(findings);
   checkRights(document, reading, findings);
 }
 

@@ -73,6 +73,7 @@ constexpr CheckInfo kChecks[] = {
     {"wrong-format", kWarning, "a program for another machine, or none"},
     {"missing-interpreter", kWarning, "a program without its interpreter"},
     {"missing-tool", kWarning, "no ps or no grep"},
+    {"clone-refused", kWarning, "a system call of each stop is refused"},
     {"writable-by-others", kWarning, "a file that any user can change"},
 };
 
