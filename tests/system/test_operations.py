@@ -69,6 +69,26 @@ def test_a_stop_reaches_the_program_after_its_wrapper_commands(machine, recipes)
     assert not machine.is_alive(pid)
 
 
+@pytest.mark.native  # the commands find the launcher by its name
+def test_the_documented_commands_apply_a_changed_file_only_if_it_is_valid(shell):
+    def pid():
+        return shell.run("pidof vornlaunch")[1]
+
+    shell.type("echo 'vornnode: {stay: {path: /bin/sleep, argv: 1000}}' >launch.yaml")
+    shell.run("vornlaunch launch.yaml >>nodes.log 2>>launch.log &")
+    first = pid()
+    assert len(first) == 1
+    commands = block_with("sh", "vornctl check launch.yaml")
+    shell.type("echo 'vornnode: [' >launch.yaml")
+    shell.run(commands)
+    assert pid() == first
+
+    shell.type("echo 'vornnode: {new: {path: /bin/sleep, argv: 2000}}' >launch.yaml")
+    shell.run(commands)
+    shell.type("until vornctl status new | grep running; do sleep 0.05; done")
+    assert len(pid()) == 1 and pid() != first
+
+
 @pytest.mark.native  # it finds the launcher by its name
 def test_the_documented_command_lists_the_nodes_of_an_earlier_launcher_only(machine):
     machine.script("stay", STAY)
