@@ -170,14 +170,27 @@ std::optional<Defect> defectOfScript(const std::string& beginning,
   return std::nullopt;
 }
 
+/// Whether the text up to the first space of a path is a program.
+bool hasArguments(const std::string& path) {
+  const size_t space = path.find(' ');
+  if (space == std::string::npos) return false;
+  std::error_code error;
+  const std::string program = path.substr(0, space);
+  return fs::is_regular_file(program, error) && mayExecute(program);
+}
+
 /// `path` is the PATH that the program is given.
 std::optional<Defect> defectOf(const std::string& program,
                                const std::string& path) {
   struct stat status {};
   if (::stat(program.c_str(), &status) != 0) {
+    const std::string reason = std::strerror(errno);
     return Defect{"missing-executable",
-                  std::string("cannot be found (") + std::strerror(errno) +
-                      "): the node is disabled at its first start"};
+                  "cannot be found (" + reason +
+                      "): the node is disabled at its first start" +
+                      (hasArguments(program)
+                           ? "; arguments go into 'argv', not into 'path'"
+                           : "")};
   }
   if (S_ISDIR(status.st_mode)) {
     return Defect{"executable-folder",
