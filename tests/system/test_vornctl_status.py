@@ -354,8 +354,8 @@ def test_without_the_launch_file_it_says_how_to_give_it(robot):
         done = robot.vornctl(*command)
         assert (done.returncode, done.stdout) == (2, "")
         assert done.stderr == (
-            "vornctl: cannot read the launch file /tmp/launch.yaml; name it by "
-            "--launch-file or VORNCTL_LAUNCH_FILE\n")
+            "vornctl: cannot read the launch file /tmp/launch.yaml: No such file "
+            "or directory; name it by --launch-file or VORNCTL_LAUNCH_FILE\n")
 
 
 def test_without_the_launch_file_nodes_can_be_named(robot):
@@ -372,7 +372,7 @@ def test_a_folder_is_no_launch_file(robot):
     (robot.tmp / "[folder]").mkdir()
     done = robot.vornctl("names", "--launch-file", "/tmp/[folder]")
     assert (done.returncode, done.stderr) == (
-        2, "vornctl: cannot read the launch file /tmp/[folder]\n")
+        2, "vornctl: cannot read /tmp/[folder]: Is a directory\n")
 
 
 def test_the_launch_file_is_the_launchers_last_argument(machine):
@@ -424,6 +424,97 @@ def test_a_relative_file_in_another_mount_namespace_is_found(machine):
     machine.start(arguments=["launch.yaml"],
                   wrapper=[*AS_A_COMMAND, mount, "sh"])
     assert names(machine) == ["camera"]
+
+
+NOT_REGULAR = "it is not a regular file"
+
+
+@pytest.fixture(name="container")
+def fixture_container(machine):
+    """A machine whose launcher has its root directory in /mnt, with the launch
+    file /tmp/work/launch.yaml. A file of the same path outside has other nodes."""
+    machine.file("work/real.yaml", json.dumps(stay(machine, secret={})))
+    inside = machine.file("inside.yaml", json.dumps(stay(machine, camera={})))
+    machine.script("enter", f"""
+        mount -t tmpfs none /mnt
+        for name in bin lib lib64 usr dev proc tmp/bin tmp/install tmp/vornlaunch; do
+          test -e /$name || mkdir -m 1777 /$name
+          mkdir -p /mnt/$name && mount --rbind /$name /mnt/$name
+        done
+        mkdir /mnt/tmp/work /mnt/secret
+        cp {inside} /mnt/tmp/work/real.yaml
+        cp {inside} /mnt/tmp/work/launch.yaml
+        exec chroot /mnt sh -c 'cd /tmp/work; exec "$@"' sh "$@"
+        """)
+
+    def start(argument):
+        return machine.start(arguments=[argument], wrapper=["/tmp/bin/enter"])
+
+    return start
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="no right to another root directory")
+@pytest.mark.parametrize("argument", [
+    "/tmp/work/launch.yaml", "launch.yaml", "../../tmp/work/launch.yaml"])
+class TestAnotherRootDirectory:
+    """Of a launcher in a container, where the launch file is changed by somebody
+    who wants root's vornctl to read another file."""
+
+    @pytest.mark.parametrize("link", [
+        "/tmp/work/real.yaml", "../../../../../../tmp/work/real.yaml"])
+    def test_symbolic_links_stay_inside(self, container, argument, link):
+        machine = container(argument)
+        machine.run("ln", "-sf", link, "/mnt/tmp/work/launch.yaml")
+        assert machine.vornctl("names").stdout == "camera\n"
+
+    @pytest.mark.parametrize("change, reason", [
+        ("ln -sf /dev/zero $file", NOT_REGULAR),
+        ("rm $file; mkfifo $file", NOT_REGULAR),
+        ("ln -sf /proc/self/fd/0 $file", "it is a link to a descriptor"),
+        ("ln -sf /proc/1/root/tmp/work/real.yaml $file", "it is a link"),
+        ("truncate -s 1G $file", "it is larger than"),
+    ], ids=["zero", "fifo", "stdin", "magic", "size"])
+    def test_other_files_are_refused(self, container, argument, change, reason):
+        machine = container(argument)
+        machine.run("sh", "-c", "file=/mnt/tmp/work/launch.yaml; " + change)
+        done = machine.vornctl(
+            "names", stdin=(machine.tmp / "work/real.yaml").read_text())
+        assert (done.returncode, done.stdout) == (2, "")
+        assert done.stderr.startswith(
+            f"vornctl: cannot read the launch file {argument}: {reason}")
+        assert done.stderr.endswith(
+            "; name it by --launch-file or VORNCTL_LAUNCH_FILE\n")
+
+
+@pytest.mark.parametrize("system", ["ENOSYS", "EPERM"])
+def test_without_openat2_only_files_in_another_root_are_refused(
+        container, system):
+    machine = container("/tmp/work/launch.yaml")
+    done = machine.execute(
+        "strace", "-f", "-o", "/dev/null", "-e", f"inject=openat2:error={system}",
+        VORNCTL, "names")
+    assert done.returncode == 2
+    assert "this system lacks openat2(2)" in done.stderr
+
+
+@pytest.mark.parametrize("system", ["ENOSYS", "EPERM"])
+def test_without_openat2_a_file_in_the_same_root_is_read(robot, system):
+    done = robot.execute(
+        "strace", "-f", "-o", "/dev/null", "-e", f"inject=openat2:error={system}",
+        VORNCTL, "names")
+    assert (done.returncode, done.stdout) == (0, "camera\nlidar\nplanner\n")
+
+
+def test_the_launchers_standard_input_is_not_taken_for_ours(machine):
+    machine.file("input.yaml", json.dumps(stay(machine, camera={})))
+    machine.start(arguments=["/dev/stdin"], wrapper=[
+        "sh", "-c", 'exec "$@" < /tmp/input.yaml', "sh"])
+    done = machine.vornctl("names", stdin="vornnode: {mine: {path: /bin/x}}")
+    assert (done.returncode, done.stdout) == (2, "")
+    assert done.stderr == (
+        "vornctl: cannot read the launch file /dev/stdin: it is a link to a "
+        "descriptor of the launcher, or in a loop of links; name it by "
+        "--launch-file or VORNCTL_LAUNCH_FILE\n")
 
 
 @pytest.mark.parametrize("configure, environment, expected", [

@@ -9,25 +9,12 @@
 #include <cstring>
 #include <utility>
 
+#include "descriptor.h"
+
 namespace vorn::launch {
 namespace {
 
 constexpr char kIgnore[] = "# vornctl: ignore=";
-
-/// Owns a descriptor. A negative number is the result of a failed open().
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (number_ >= 0) (void)::close(number_);
-  }
-  int number() const { return number_; }
-
- private:
-  int number_;
-};
 
 /// The size of an open regular file; 0 for other files, which have no size.
 size_t sizeOf(int fd) {
@@ -124,16 +111,20 @@ std::optional<Document> readDocument(const std::string& path,
   const Descriptor file(is_standard_input
                             ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
                             : ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  auto document = readDocument(name, file.number(), error, is_standard_input);
+  if (!document) error = "cannot read " + name + ": " + error;
+  return document;
+}
+
+std::optional<Document> readDocument(const std::string& name, int fd,
+                                     std::string& reason,
+                                     bool is_standard_input) {
   std::string text;
-  std::string reason = readAll(file.number(), text);
-  if (reason.empty() && !is_standard_input &&
-      text.size() < sizeOf(file.number())) {
+  reason = readAll(fd, text);
+  if (reason.empty() && !is_standard_input && text.size() < sizeOf(fd)) {
     reason = "the file ended before its size was reached";
   }
-  if (!reason.empty()) {
-    error = "cannot read " + name + ": " + reason;
-    return std::nullopt;
-  }
+  if (!reason.empty()) return std::nullopt;
   return Document(name, std::move(text), is_standard_input);
 }
 

@@ -67,4 +67,10 @@ std::vector<std::string> split(const std::string& text, char separator);
 std::optional<Document> readDocument(const std::string& path,
                                      std::string& error);
 
+/// As above, from the open `fd`, which the caller closes. `fd` may be negative
+/// with errno. `reason` is the bare reason of a failure.
+std::optional<Document> readDocument(const std::string& name, int fd,
+                                     std::string& reason,
+                                     bool is_standard_input = false);
+
 }  // namespace vorn::launch

@@ -29,17 +29,13 @@ const LaunchNode* LaunchFile::find(const std::string& name) const {
   return node == nodes.end() ? nullptr : &*node;
 }
 
-std::optional<LaunchFile> readLaunchFile(
-    const std::string& path, const LauncherSurroundings& surroundings,
+std::optional<LaunchFile> launchFileFrom(
+    const Document& document, const LauncherSurroundings& surroundings,
     std::string& error) {
-  const auto document = readDocument(path, error);
-  if (!document) {
-    error = "cannot read the launch file " + path;
-    return std::nullopt;
-  }
+  const std::string& path = document.name();
   Reading reading;
   try {
-    reading = readAsLauncher(*document, surroundings);
+    reading = readAsLauncher(document, surroundings);
   } catch (const TooLarge& failure) {
     error = "cannot read the launch file " + path + ": " + failure.what();
     return std::nullopt;

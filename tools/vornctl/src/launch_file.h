@@ -30,10 +30,11 @@ struct LaunchFile {
   const LaunchNode* find(const std::string& name) const;
 };
 
-/// Reads the launch file at `path` as a launcher in these surroundings does.
-/// Nothing if it cannot be read; `error` is then one sentence that tells why.
-std::optional<LaunchFile> readLaunchFile(
-    const std::string& path, const LauncherSurroundings& surroundings,
+/// Parses a launch file as a launcher in these surroundings does. Nothing if
+/// the launcher would not load it; `error` is then one sentence with the
+/// reason.
+std::optional<LaunchFile> launchFileFrom(
+    const Document& document, const LauncherSurroundings& surroundings,
     std::string& error);
 
 }  // namespace vorn::launch

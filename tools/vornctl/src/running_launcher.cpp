@@ -13,6 +13,9 @@
 #include <iterator>
 #include <sstream>
 
+#include "descriptor.h"
+#include "launcher_file.h"
+
 namespace vorn::launch {
 namespace {
 
@@ -138,46 +141,90 @@ std::optional<double> startOf(pid_t pid) {
   return seconds(wall) - seconds(boot) + since_boot;
 }
 
-/// Whether the file at `path` was changed after the launcher `pid` started.
-bool hasChangedSince(const std::string& path, pid_t pid) {
-  struct stat status {};
+/// Whether the file was changed after the launcher `pid` started.
+bool hasChangedSince(const struct stat& file, pid_t pid) {
   const auto start = startOf(pid);
-  if (!start || ::stat(path.c_str(), &status) != 0) return false;
-  const double changed = static_cast<double>(status.st_mtim.tv_sec) +
-                         static_cast<double>(status.st_mtim.tv_nsec) / 1e9;
+  const double changed = static_cast<double>(file.st_mtim.tv_sec) +
+                         static_cast<double>(file.st_mtim.tv_nsec) / 1e9;
   // The kernel rounds the start down to its own ticks, 10 ms.
   constexpr double kTolerance = 0.05;
-  return changed > *start + kTolerance;
+  return start && changed > *start + kTolerance;
 }
 
-/// Where we reach the file that is the launcher's argument. Nothing if that
-/// cannot be known; `error` is then a sentence that tells why.
-std::optional<std::string> pathOfItsArgument(const RunningLauncher& launcher,
-                                             std::string& error) {
-  const std::string process = "process " + std::to_string(launcher.pid);
+/// Why we cannot look for the file that is the launcher's argument; empty if we
+/// can.
+std::string obstacleTo(const RunningLauncher& launcher) {
   if (launcher.pid == 0) {
-    error =
-        "cannot tell the launch file: the launcher is in another pid namespace";
-    return std::nullopt;
+    return "cannot tell the launch file: the launcher is in another pid "
+           "namespace";
   }
+  const std::string process = "process " + std::to_string(launcher.pid);
   if (launcher.launchFile.empty()) {
-    error = "cannot tell the launch file of " + process;
-    return std::nullopt;
+    return "cannot tell the launch file of " + process;
   }
   const std::string where =
       ", where its launch file " + launcher.launchFile + " is";
-  if (launcher.launchFile.front() == '/') {
-    if (launcher.root) return *launcher.root + launcher.launchFile;
-    error = "cannot look into the root folder of the launcher, " + process +
-            " in another pid namespace" + where;
-    return std::nullopt;
+  const bool is_absolute = launcher.launchFile.front() == '/';
+  if (!launcher.root && is_absolute) {
+    return "cannot look into the root folder of the launcher, " + process +
+           " in another pid namespace" + where;
   }
-  if (::access(launcher.folder.c_str(), X_OK) == 0) {
-    return launcher.folder + '/' + launcher.launchFile;
+  const std::string folder = procFile(launcher.pid, "cwd");
+  if (!launcher.root || (!is_absolute && ::access(folder.c_str(), X_OK) != 0)) {
+    return "cannot look into the working folder of the launcher, " + process +
+           where;
   }
-  error =
-      "cannot look into the working folder of the launcher, " + process + where;
-  return std::nullopt;
+  return "";
+}
+
+std::string reasonOf(int error) {
+  if (error == ELOOP || error == EXDEV) {
+    return "it is a link to a descriptor of the launcher, or in a loop of "
+           "links";
+  }
+  if (error == ENOSYS) {
+    return "the launcher has another root directory, and this system lacks "
+           "openat2(2), which opens files there safely";
+  }
+  return std::strerror(error);
+}
+
+/// Reads the file that is the launcher's argument, and tells whether it was
+/// changed since. Nothing if it cannot be read; `error` is then a sentence with
+/// the reason.
+std::optional<Document> readItsArgument(RunningLauncher& launcher,
+                                        std::string& error) {
+  error = obstacleTo(launcher);
+  if (!error.empty()) return std::nullopt;
+  const Descriptor file(openAsLauncher(launcher.pid, *launcher.root,
+                                       launcher.launchFile,
+                                       O_RDONLY | O_NONBLOCK));
+  struct stat status {};
+  std::string reason;
+  std::optional<Document> document;
+  if (file.number() < 0 || ::fstat(file.number(), &status) != 0) {
+    reason = reasonOf(errno);
+  } else if (!S_ISREG(status.st_mode)) {
+    reason = "it is not a regular file";
+  } else {
+    document = readDocument(launcher.launchFile, file.number(), reason);
+    launcher.hasChanged = hasChangedSince(status, launcher.pid);
+  }
+  if (!document) {
+    error =
+        "cannot read the launch file " + launcher.launchFile + ": " + reason;
+  }
+  return document;
+}
+
+/// Reads `launcher.launchFile` as a file of ours.
+std::optional<Document> readOurs(RunningLauncher& launcher,
+                                 std::string& error) {
+  struct stat status {};
+  launcher.hasChanged = launcher.pid != 0 &&
+                        ::stat(launcher.launchFile.c_str(), &status) == 0 &&
+                        hasChangedSince(status, launcher.pid);
+  return readDocument(launcher.launchFile, error);
 }
 
 }  // namespace
@@ -187,45 +234,36 @@ std::optional<RunningLauncher> inspectLauncher(pid_t pid,
                                                std::string& error) {
   RunningLauncher launcher;
   launcher.pid = pid;
-  std::string path = launch_file;
   if (pid != 0) {
     launcher.root = rootAsWeReachIt(pid);
-    launcher.folder = procFile(pid, "cwd");
     const auto text = readAll(procFile(pid, "cmdline"));
     const auto arguments = splitAtNuls(text.value_or(""));
-    // It has one argument; before it may stand more, as when ld.so runs it.
+    // The launch file is the last argument, after the program and, for
+    // instance, ld.so.
     if (arguments.size() >= 2) launcher.launchFile = arguments.back();
   }
-  if (path.empty()) {
-    const auto its = pathOfItsArgument(launcher, error);
-    if (!its) {
-      error += kHowToName;
-      return std::nullopt;
-    }
-    path = *its;
-  } else {
-    launcher.launchFile = launch_file;
-  }
-  auto file = readLaunchFile(path, surroundingsOf(pid), error);
+  const bool is_ours = !launch_file.empty();
+  if (is_ours) launcher.launchFile = launch_file;
+  const auto document =
+      is_ours ? readOurs(launcher, error) : readItsArgument(launcher, error);
+  auto file = document ? launchFileFrom(*document, surroundingsOf(pid), error)
+                       : std::nullopt;
   if (!file) {
-    if (launch_file.empty()) error += kHowToName;
+    if (!is_ours) error += kHowToName;
     return std::nullopt;
   }
   launcher.file = std::move(*file);
-  launcher.hasChanged = pid != 0 && hasChangedSince(path, pid);
   return launcher;
 }
 
 std::optional<bool> executableExists(const RunningLauncher& launcher,
                                      const LaunchNode& node) {
-  if (launcher.pid == 0 || node.executable.empty()) return std::nullopt;
-  const bool is_absolute = node.executable.front() == '/';
-  if (is_absolute && !launcher.root) return std::nullopt;
-  const std::string path = is_absolute
-                               ? *launcher.root + node.executable
-                               : launcher.folder + '/' + node.executable;
-  struct stat status {};
-  if (::stat(path.c_str(), &status) == 0) return true;
+  if (launcher.pid == 0 || node.executable.empty() || !launcher.root) {
+    return std::nullopt;
+  }
+  const Descriptor file(
+      openAsLauncher(launcher.pid, *launcher.root, node.executable, O_PATH));
+  if (file.number() >= 0) return true;
   if (errno == ENOENT || errno == ENOTDIR) return false;
   return std::nullopt;
 }

@@ -22,7 +22,6 @@ struct RunningLauncher {
   // The launcher's root folder as we reach it: empty when it is our own,
   // nothing when it may be another, into which we cannot look.
   std::optional<std::string> root;
-  std::string folder;  // its working folder as we reach it
 };
 
 /// Finds out about the launcher `pid` and reads its launch file, or

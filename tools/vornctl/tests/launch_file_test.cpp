@@ -28,7 +28,7 @@ class ReadLaunchFileTest : public ::testing::Test {
 
   LaunchFile read(const std::string& text) {
     std::ofstream(path_) << text;
-    auto file = readLaunchFile(path_, surroundings_, error_);
+    auto file = readFile();
     EXPECT_TRUE(file) << error_;
     return file.value_or(LaunchFile{});
   }
@@ -41,8 +41,14 @@ class ReadLaunchFileTest : public ::testing::Test {
 
   std::string errorOf(const std::string& text) {
     std::ofstream(path_) << text;
-    EXPECT_FALSE(readLaunchFile(path_, surroundings_, error_));
+    EXPECT_FALSE(readFile());
     return error_;
+  }
+
+  std::optional<LaunchFile> readFile() {
+    const auto document = readDocument(path_, error_);
+    EXPECT_TRUE(document) << error_;
+    return launchFileFrom(*document, surroundings_, error_);
   }
 
   std::string path_;
@@ -132,16 +138,6 @@ TEST_F(ReadLaunchFileTest, ExpandsTheInstallRootInTheBinPath) {
       "vornnode: {a: {path: x}}\n"
       "configure: {environment: {VORN_BIN_PATH: 'install://bin'}}");
   EXPECT_EQ(file.nodes.at(0).executable, "/opt/v/bin/x");
-}
-
-TEST_F(ReadLaunchFileTest, ThatIsMissingIsAnErrorThatNamesIt) {
-  EXPECT_FALSE(readLaunchFile("/nonexistent.yaml", surroundings_, error_));
-  EXPECT_EQ(error_, "cannot read the launch file /nonexistent.yaml");
-}
-
-TEST_F(ReadLaunchFileTest, ThatIsAFolderIsAnErrorThatNamesIt) {
-  EXPECT_FALSE(readLaunchFile("/", surroundings_, error_));
-  EXPECT_EQ(error_, "cannot read the launch file /");
 }
 
 TEST_F(ReadLaunchFileTest, WithBrokenSyntaxIsAnErrorThatTellsThePlace) {
