@@ -34,11 +34,12 @@ function(vorn_compile_options target)
   endif()
 endfunction()
 
-# vorn_add_tests(name LIBRARIES lib... [WRAP symbol...] [NATIVE test...])
+# vorn_add_tests(name LIBRARIES lib... [SOURCES file...] [WRAP symbol...]
+#                [NATIVE test...])
 #
-# One test program of all *_test.cpp in the current folder, so that none can be
-# forgotten. CTest runs each test in a process of its own, because the
-# singletons live as long as the process. WRAP names the system calls that the
+# One test program of all *_test.cpp in the current directory, so that none can be
+# forgotten, and the SOURCES. CTest runs each test in a process of its own, because
+# the singletons live as long as the process. WRAP names the system calls that the
 # tests replace at link time. NATIVE names the tests of what an emulator does not
 # do; they are left out of a build for another machine.
 function(vorn_add_tests name)
