@@ -181,7 +181,7 @@ class Launcher:
             left = deadline - time.monotonic()
             if left <= 0:
                 raise NotSent(
-                    "the launcher is busy: it took no connection within "
+                    "the launcher is busy: it accepted no connection within "
                     f"{self.connect_limit:g} s; nothing was sent"
                 )
             time.sleep(min(pause, left))

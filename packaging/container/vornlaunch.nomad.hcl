@@ -29,7 +29,7 @@ job "robot" {
         type     = "script"
         task     = "launcher"
         command  = "/usr/bin/vornctl"
-        args     = ["-q", "ping", "--connect-timeout", "5s", "--timeout", "20s"]
+        args     = ["-q", "ping", "--connect-timeout", "20s", "--timeout", "5s"]
         interval = "30s"
         timeout  = "30s" # vornctl gives up by itself before
 

@@ -151,7 +151,8 @@ class Service:
 
     def states(self):
         """The state of each node; none while the launcher does not answer."""
-        said = self._debian.execute("vornctl", "status", of=self.launcher).stdout
+        said = self._debian.execute(
+            "vornctl", "status", "--no-header", of=self.launcher).stdout
         return dict(re.findall(r"^([a-z]+) +(\S+(?: \S+)*)", said, re.M))
 
 

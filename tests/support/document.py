@@ -234,7 +234,12 @@ class Shell:
             self._machine, "sh", "-c", f"cd {folder} && exec {command}",
             columns=COLUMNS, rows=len(screen), environment=self._environment,
         )
-        terminal.wait_for(lambda shown: agree(screen, shown), "\n".join(screen))
+
+        def is_shown(lines):
+            text = "\n".join(lines).replace(self._folder, SHOWN_HOME)
+            return agree(screen, text.split("\n"))
+
+        terminal.wait_for(is_shown, "\n".join(screen))
         terminal.press("q")
         eventually(terminal.is_closed, f"the key q ends {command!r}")
 

@@ -144,7 +144,7 @@ def end_everywhere(number, step, command):
             continue
         statuses[process.returncode] += 1
         if process.returncode in (6, 7):
-            asked = "to a first question; nothing was changed"
+            asked = "; nothing was changed"
             expected = {
                 6: ("before the request was sent", asked),
                 7: ("the request was delivered and may still take effect", asked)}

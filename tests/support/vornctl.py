@@ -7,6 +7,7 @@ import pty
 import select
 import signal
 import subprocess
+import termios
 import time
 
 from support.waiting import PATIENCE, eventually
@@ -31,10 +32,12 @@ def read_terminal(terminal, until=None):
     return text.decode(errors="replace")
 
 
-def on_terminal(machine, *arguments, question=None, answer=None, environment=None):
-    """Runs vornctl on a terminal, answers the `question`, and returns the exit
-    status and all that was shown."""
+def on_terminal(machine, *arguments, question=None, answer=None, environment=None,
+                columns=0):
+    """Runs vornctl on a terminal with this many columns (0: unknown), answers the
+    `question`, and returns the exit status and all that was shown."""
     terminal, other_end = pty.openpty()
+    termios.tcsetwinsize(other_end, (24 if columns else 0, columns))
     environment = {"TERM": "xterm", **(environment or {})}
     process = subprocess.Popen(
         machine.enter(VORNCTL, *arguments),

@@ -72,12 +72,51 @@ def test_restart_gives_a_node_another_process(robot):
     assert commands(robot) == [Cmd.RESTART]
 
 
-def test_enable_says_that_it_does_not_start(robot):
+def test_what_is_so_already_is_said(robot):
+    pid = robot.status("lidar").pid
+    assert robot.vornctl("start", "lidar").stdout == (
+        f"lidar: already running (pid {pid})\n")
+    assert robot.vornctl("enable", "lidar").stdout == (
+        f"lidar: already enabled and running (pid {pid})\n")
+    for command, said in [
+            ("stop", "stopped"), ("stop", "already stopped"),
+            ("enable", "already enabled; start it with 'vornctl start lidar'"),
+            ("disable", "disabled"), ("disable", "already disabled"),
+            ("stop", "already stopped")]:
+        done = robot.vornctl(command, "lidar")
+        assert (done.returncode, done.stdout) == (0, f"lidar: {said}\n")
+    # Each is sent all the same: the node may have changed meanwhile.
+    assert commands(robot) == [
+        Cmd.START, Cmd.ENABLE, Cmd.STOP, Cmd.STOP, Cmd.ENABLE, Cmd.DISABLE,
+        Cmd.DISABLE, Cmd.STOP]
+
+
+def test_a_node_that_restarts_by_itself_is_enabled_already(machine):
+    path = machine.script("crasher", "exit 1")
+    machine.start({"vornnode": {"crasher": {"path": path}}})
+
+    def said():
+        before = machine.status("crasher")
+        text = machine.vornctl("enable", "crasher").stdout
+        is_same = machine.status("crasher") == before
+        return text if is_same and before.state == State.RESTARTING else None
+
+    assert eventually(said, "the node waits for its restart") == (
+        "crasher: already enabled; it restarts by itself\n")
+
+
+def test_a_node_that_the_launch_file_disables_is_enabled(machine):
+    machine.start({"vornnode": {"off": {"path": "/bin/true", "disabled": True}}})
+    assert machine.vornctl("enable", "off").stdout == (
+        "off: enabled; start it with 'vornctl start off'\n")
+
+
+def test_enable_says_how_to_start(robot):
     done = robot.vornctl("disable", "lidar")
     assert (done.returncode, done.stdout) == (0, "lidar: disabled\n")
     assert robot.status("lidar").state == State.DISABLED
     done = robot.vornctl("enable", "lidar")
-    assert (done.returncode, done.stdout) == (0, "lidar: enabled, not started\n")
+    assert (done.returncode, done.stdout) == (0, "lidar: enabled; start it with 'vornctl start lidar'\n")
     assert robot.status("lidar").state != State.RUNNING
     assert commands(robot) == [Cmd.DISABLE, Cmd.ENABLE]
 
@@ -122,7 +161,8 @@ def test_starts_go_through_the_file_forwards(robot):
     robot.vornctl("restart", "--all")
     assert order(robot, started)[6:] == NAMES
     assert robot.vornctl("enable", "--all").stdout.splitlines() == [
-        f"{name}: enabled, not started" for name in NAMES]
+        f"{name}: already enabled and running (pid {robot.status(name).pid})"
+        for name in NAMES]
 
 
 def test_a_failure_is_the_exit_status_and_the_others_are_done(robot):
@@ -165,7 +205,8 @@ def test_all_are_asked_for_on_a_terminal(robot, answer, status):
 
 def test_starting_all_is_not_asked_for(robot):
     status, shown = on_terminal(robot, "start", "--all")
-    assert (status, shown.splitlines()) == (0, [f"{x}: started" for x in NAMES])
+    assert (status, shown.splitlines()) == (
+        0, [f"{x}: already running (pid {robot.status(x).pid})" for x in NAMES])
 
 
 @pytest.mark.parametrize("arguments", [

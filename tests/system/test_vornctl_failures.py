@@ -8,13 +8,14 @@ import pathlib
 import signal
 import socket
 import struct
+import subprocess
 
 import pytest
 
 import support
-from support.control import Cmd, State
+from support.control import Cmd, State, pack_request
 from support.family import Family
-from support.holding import held
+from support.holding import held, wait_until_blocked
 from support.machine import PYTHON
 from support.vornctl import VORNCTL, running
 from support.waiting import eventually
@@ -142,8 +143,7 @@ def test_a_launcher_that_misbehaves_at_once_is_survived(false_launcher, command)
         done = false_launcher.vornctl(*command, limit=limit_for(what))
         assert done.returncode in statuses, wrong
         if done.returncode in (6, 7):
-            assert done.stderr.endswith(
-                " to a first question; nothing was changed\n"), wrong
+            assert "; nothing was changed" in done.stderr, wrong
 
 
 @pytest.mark.parametrize("command", COMMANDS, ids=name_of)
@@ -168,7 +168,9 @@ def test_a_failure_that_cannot_be_explained_refers_to_the_log(
     for wrong, (what, _) in WRONGS.items():
         if what["end"] == "hold":
             continue  # the answers before it might come too late as well
-        false_launcher.answers([NOT_FOUND, answer(reply(2)), what])
+        # The status before the command is asked for as well.
+        asked = [answer(reply(0))] * (command[0] == "start")
+        false_launcher.answers([NOT_FOUND, *asked, answer(reply(2)), what])
         done = false_launcher.vornctl(*command)
         assert (done.returncode, done.stderr) == (
             1, f"vornctl: camera: {command[0]} failed: see the launcher's log\n"
@@ -281,8 +283,8 @@ def test_a_launcher_that_ends_before_it_accepts_is_noticed(machine, command, sta
         client.wait_until_polling()
         family.signal(signal.SIGKILL)
         assert client.end() == (
-            status, "", "vornctl: no reply: Connection reset by peer to a first "
-            "question; nothing was changed\n")
+            status, "", "vornctl: no reply: Connection reset by peer; nothing was "
+            f"changed: launcher {machine.pid} has exited\n")
 
 
 def test_a_launcher_that_ends_while_it_works_is_noticed(slow):
@@ -338,7 +340,7 @@ def test_a_launcher_without_room_is_exit_status_6(machine, command, option):
     with no_room(machine):
         done = machine.vornctl(*command, option, "0.2s")
     assert (done.returncode, done.stdout, done.stderr) == (
-        6, "", "vornctl: the launcher is busy: it took no connection within 0.2 "
+        6, "", "vornctl: the launcher is busy: it accepted no connection within 0.2 "
         "s; nothing was sent\n")
     assert machine.vornctl("ping").returncode == 0
     # Of all these connections one was a request: the last.
@@ -395,10 +397,71 @@ def test_no_answer_to_the_first_question_leaves_an_action_undone(machine):
     machine.start({"vornnode": {"camera": {"path": "/bin/true"}}})
     with held(machine):
         done = machine.vornctl("disable", "camera", "--timeout", "300ms")
-    assert (done.returncode, done.stdout, done.stderr) == (
-        6, "", "vornctl: no reply within 0.3 s to a first question; nothing was "
-        "changed\n")
+    assert (done.returncode, done.stdout) == (6, "")
+    assert done.stderr.startswith(
+        "vornctl: no reply within 0.3 s; nothing was changed: launcher ")
     assert machine.status("camera").state != State.DISABLED
+
+
+@contextlib.contextmanager
+def asked(machine, cmd, name):
+    """Within this context a client waits for the reply to this request."""
+    with machine.connect() as client:
+        client.sendall(pack_request(cmd, name))
+        yield
+
+
+def test_the_connect_timeout_bounds_the_time_to_the_first_answer(slow):
+    # The connection is accepted at once by the kernel; a reply would last as
+    # long as the stop of the node.
+    with asked(slow, Cmd.STOP, "lidar"):
+        slow.wait_for_log("control cmd: 1")
+        done = slow.vornctl("status", "--connect-timeout", "300ms")
+    assert (done.returncode, done.stdout, done.stderr) == (
+        7, "", f"vornctl: no reply within 0.3 s; nothing was changed: launcher "
+        f"{slow.pid} is stopping a node, which takes up to 10 s, or waits for the "
+        "'sleep' of a node\n")
+
+
+def test_a_suspended_launcher_is_named_with_the_remedy(machine):
+    machine.start({})
+    machine.signal(signal.SIGSTOP)
+    eventually(lambda: machine.process.state == "T", "the launcher is suspended")
+    done = machine.vornctl("ping", "--timeout", "300ms")
+    assert (done.returncode, done.stderr) == (
+        7, "vornctl: no reply within 0.3 s; nothing was changed: launcher "
+        f"{machine.pid} is suspended (state T); 'kill -CONT {machine.pid}' resumes "
+        "it\n")
+
+
+def test_a_client_that_holds_the_launcher_is_named(machine):
+    machine.start({})
+    holder = machine.file("holder.py", (
+        "import os, socket, time\nclient = socket.socket(socket.AF_UNIX)\n"
+        f"client.connect('{SOCKET}')\nprint(os.getpid(), flush=True)\n"
+        "time.sleep(1000)\n"))
+    with subprocess.Popen(machine.enter(PYTHON, "-I", holder),
+                          stdout=subprocess.PIPE) as client:
+        pid = int(client.stdout.readline())
+        try:
+            wait_until_blocked(machine, "unix_stream")
+            done = machine.vornctl("ping", "--timeout", "300ms")
+        finally:
+            machine.run("kill", str(pid))
+    assert done.stderr == (
+        "vornctl: no reply within 0.3 s; nothing was changed: launcher "
+        f"{machine.pid} waits for the request of another client, process "
+        f"{pid} ({pathlib.Path(PYTHON).name})\n")
+
+
+def test_a_launcher_that_a_cycle_blocks_is_told(machine):
+    path = machine.script("stay", "exec sleep 1000")
+    machine.start({"vornnode": {"a": {"path": path, "required": ["b"]},
+                                "b": {"path": path, "required": ["a"]}}})
+    with asked(machine, Cmd.STOP, "a"):
+        wait_until_blocked(machine, "futex")
+        assert "probably by a cycle of 'required'" in (
+            machine.vornctl("ping", "--timeout", "300ms").stderr)
 
 
 def test_giving_up_after_the_request_is_exit_status_7(slow):

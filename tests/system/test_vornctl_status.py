@@ -42,6 +42,14 @@ def plain(machine, *arguments, **options):
     return [line.split("\t") for line in text.splitlines()]
 
 
+def start_of(machine):
+    """When the launcher was started, in seconds since the epoch."""
+    fields = machine.process.read("stat").rpartition(b")")[2].split()
+    since_boot = int(fields[19]) / os.sysconf("SC_CLK_TCK")
+    now = time.clock_gettime(time.CLOCK_BOOTTIME)
+    return int(time.time() - now + since_boot)
+
+
 def condition(machine, name):
     """The word for the state of a node."""
     done = machine.vornctl("status", name, "--plain", "-o", "state",
@@ -53,7 +61,9 @@ def condition(machine, name):
 def test_without_names_all_nodes_are_shown_in_the_order_of_the_file(robot):
     shown = robot.vornctl("status")
     assert (shown.returncode, shown.stderr) == (0, "")
-    header, *lines = rows(shown.stdout)
+    launcher, header, *lines = rows(shown.stdout)
+    assert launcher[:5] == [
+        "launcher", f"{robot.pid},", "launch", "file", "/tmp/launch.yaml,"]
     assert header == [
         "NODE", "STATE", "PID", "UPTIME", "STARTED", "POLICY", "REQUIRED"]
     assert [line[:3] for line in lines] == [
@@ -113,7 +123,8 @@ def test_json_holds_the_launcher_and_every_node(robot):
     assert 0 <= node.pop("uptimeSeconds") <= time.time() - camera.start_seconds + 1
     assert document == {
         "schema": 1,
-        "launcher": {"pid": robot.pid, "launchFile": "/tmp/launch.yaml",
+        "launcher": {"pid": robot.pid, "startSeconds": pytest.approx(start_of(robot), abs=1),
+                     "launchFile": "/tmp/launch.yaml",
                      "launchFileChanged": False},
         "nodes": [{
             "name": "camera", "state": "running", "condition": "running",
@@ -243,6 +254,30 @@ def test_a_running_node_whose_process_is_dead_is_exiting(machine):
     assert machine.status("camera").state == State.RUNNING
 
 
+# -- A narrow terminal.
+
+
+@pytest.mark.parametrize("columns, titles", [
+    (200, ["NODE", "STATE", "PID", "UPTIME", "STARTED", "POLICY", "REQUIRED"]),
+    (60, ["NODE", "STATE", "PID", "UPTIME", "POLICY", "REQUIRED"]),
+    (40, ["NODE", "STATE", "PID", "UPTIME", "POLICY"]),
+    (38, ["NODE", "STATE", "PID", "UPTIME"]), (25, ["NODE", "STATE", "PID"]),
+    (20, ["NODE", "STATE"]), (12, ["NO…", "STATE"])])
+def test_a_narrow_terminal_shows_fewer_columns(robot, columns, titles):
+    status, shown = on_terminal(robot, "status", "--color=never", columns=columns)
+    lines = shown.splitlines()
+    assert status == 0
+    assert all(len(line) <= columns for line in lines)
+    assert titles in [line.split() for line in lines]
+    name = "camera" if columns > 15 else "ca…"
+    assert any(line.split()[:2] == [name, "running"] for line in lines)
+
+
+def test_chosen_columns_are_shown_on_a_narrow_terminal_too(robot):
+    shown = on_terminal(robot, "status", "-o", "started,executable,node", columns=20)
+    assert "STARTED" in shown[1] and "NODE" in shown[1]
+
+
 # -- Colours.
 
 
@@ -267,6 +302,19 @@ def test_colours_can_be_demanded_and_refused(robot):
     assert is_coloured(robot.vornctl("status", "--color=always").stdout)
     shown = on_terminal(robot, "status", "--color=never")[1]
     assert "running" in shown and "\x1b" not in shown
+
+
+def test_only_a_failure_is_red(machine):
+    machine.start({"vornnode": {
+        "once": {"path": "/bin/true", "oneshot": True},
+        "missing": {"path": "/tmp/bin/none"}, "off": stay(machine, x={})[
+            "vornnode"]["x"]}})
+    machine.request(Cmd.DISABLE, "off")
+    machine.wait_for_state("once", State.DISABLED)
+    shown = machine.vornctl("status", "--color=always", "-o", "state", "--no-header")
+    assert shown.stdout.splitlines() == [
+        "\x1b[2mdisabled\x1b[0m", "\x1b[31mdisabled\x1b[0m",
+        "\x1b[2mdisabled\x1b[0m"]
 
 
 def test_a_name_cannot_speak_to_the_terminal(machine):
@@ -301,6 +349,36 @@ def test_a_relative_launch_file_is_found_in_the_launchers_folder(machine):
     machine.launch_file(stay(machine, camera={}))
     machine.start(arguments=["./bin/../launch.yaml"])
     assert names(machine) == ["camera"]
+
+
+def test_a_relative_launch_file_is_shown_with_its_whole_path(machine):
+    machine.launch_file(stay(machine, camera={}))
+    machine.start(arguments=["launch.yaml"], wrapper=["env", "-C", "/tmp"])
+    done = machine.vornctl("status", "--json")
+    assert json.loads(done.stdout)["launcher"]["launchFile"] == "/tmp/launch.yaml"
+    for command in ("status", "ping"):
+        assert ", launch file /tmp/launch.yaml, since 20" in (
+            machine.vornctl(command).stdout)
+    machine.file("launch.yaml", "vornnode: {")
+    assert machine.vornctl("names").stderr.startswith(
+        "vornctl: the launch file /tmp/launch.yaml is wrong: ")
+    (machine.tmp / "launch.yaml").unlink()
+    assert machine.vornctl("names").stderr.startswith(
+        "vornctl: cannot read the launch file /tmp/launch.yaml: ")
+    # The launcher is named all the same.
+    done = machine.vornctl("status", "camera")
+    assert ", launch file /tmp/launch.yaml, since 20" in done.stdout
+
+
+def test_a_launch_file_named_relatively_is_shown_with_its_whole_path(robot):
+    done = robot.execute("sh", "-c", f"cd /tmp && {VORNCTL} status --json "
+                         "--launch-file ./launch.yaml")
+    assert json.loads(done.stdout)["launcher"]["launchFile"] == "/tmp/launch.yaml"
+
+
+def test_the_launcher_is_left_out_where_the_titles_are_and_of_chosen_columns(robot):
+    for options in (["--plain"], ["--no-header"], ["-o", "node"], ["-q"]):
+        assert "launcher" not in robot.vornctl("status", *options).stdout
 
 
 def test_a_relative_executable_is_looked_for_in_the_launchers_folder(machine):
@@ -390,9 +468,9 @@ def test_thousands_of_nodes_are_shown(machine):
         for i in range(count)}})
     done = machine.vornctl("status")
     assert (done.returncode, done.stderr) == (0, "")
-    assert [line[0] for line in rows(done.stdout)[1:]] == [
+    assert [line[0] for line in rows(done.stdout)[2:]] == [
         f"n{i}" for i in range(count)]
-    assert machine.vornctl("stop", "n0").stdout == "n0: stopped\n"
+    assert machine.vornctl("stop", "n0").stdout == "n0: already stopped\n"
 
 
 def test_a_wrong_launch_file_is_told_with_its_line(robot):
@@ -480,8 +558,9 @@ class TestAnotherRootDirectory:
         done = machine.vornctl(
             "names", stdin=(machine.tmp / "work/real.yaml").read_text())
         assert (done.returncode, done.stdout) == (2, "")
+        path = argument if argument.startswith("/") else f"/tmp/work/{argument}"
         assert done.stderr.startswith(
-            f"vornctl: cannot read the launch file {argument}: {reason}")
+            f"vornctl: cannot read the launch file {path}: {reason}")
         assert done.stderr.endswith(
             "; name it by --launch-file or VORNCTL_LAUNCH_FILE\n")
 

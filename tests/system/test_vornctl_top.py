@@ -23,8 +23,10 @@ stty -a | tail -n +2 >/tmp/after
 echo "ended $status"
 exec sleep 1000
 """
-KEYS = ("Up/Down  s start  t stop  r restart  e enable  d disable  u update"
+KEYS = ("Up/Down  s start  t stop  r restart  e enable  d disable  ? help"
         "  q quit")
+NARROW_KEYS = "s start t stop r restart ? help q quit"
+NARROWEST_KEYS = "? help  q quit"
 SELECTED = re.compile(r"\x1b\[(0;)?7m")
 
 
@@ -234,9 +236,9 @@ def test_a_node_is_selected(robot, keys, name):
 
 @pytest.mark.parametrize("keys, name, message, state", [
     (["NPage", "Up", "s", "s"], "manual", "manual: started", State.RUNNING),
-    (["j", "t"], "lidar", "lidar: stopped", State.STOPPED),
-    (["r"], "camera", "camera: restarted", State.RUNNING),
-    (["j", "d"], "lidar", "lidar: disabled", State.DISABLED),
+    (["j", "t", "y"], "lidar", "lidar: stopped", State.STOPPED),
+    (["r", "y"], "camera", "camera: restarted", State.RUNNING),
+    (["j", "d", "y"], "lidar", "lidar: disabled", State.DISABLED),
     (["End", "e", "s"], "off", "off: started", State.RUNNING),
 ], ids=["start", "stop", "restart", "disable", "enable"])
 def test_a_key_acts_on_the_selected_node(robot, keys, name, message, state):
@@ -258,10 +260,48 @@ def test_a_failure_is_explained(robot):
         "off: start failed: it is disabled; 'vornctl enable --now off' starts it")
 
 
+@pytest.mark.parametrize("key, question", [
+    ("t", "stop camera? y/n"), ("r", "restart camera? y/n"),
+    ("d", "disable camera? y/n")])
+def test_a_key_that_ends_a_process_asks_first(robot, key, question):
+    before = robot.status("camera")
+    terminal = shown(robot)
+    for answer in ("n", "q", "Down"):
+        terminal.press(key)
+        terminal.wait_for(lambda screen: screen[-1] == question, "the question")
+        terminal.press(answer)
+        terminal.wait_for(lambda screen: screen[-1] == KEYS, "the keys are back")
+        assert selected(terminal) == "camera"
+    assert robot.status("camera") == before
+
+
+def test_a_question_fits_into_a_narrow_screen_with_few_rows(robot):
+    terminal = shown(robot)
+    terminal.resize(20, 3)
+    terminal.press("r")
+    terminal.wait_for(lambda screen: screen[-1] == "restart camera? y/n", "a question")
+    terminal.resize(16, 3)
+    terminal.wait_for(lambda screen: screen[-1] == "restart ca…? y/n", "a question")
+
+
+def test_a_key_shows_help_in_ten_rows_of_forty_columns(robot):
+    terminal = shown(robot)
+    terminal.resize(40, 10)
+    terminal.wait_for(lambda screen: screen[-1] == NARROW_KEYS, "keys that fit")
+    terminal.press("?")
+    screen = terminal.wait_for_text("Press a key to return.")
+    assert len(screen) == 10 and not any("…" in line for line in screen)
+    assert {line.split()[0] for line in screen[:-1]} == {
+        "Up/Down", "PgUp/PgDn", "s", "t", "r", "e", "d", "u", "q"}
+    terminal.press("q")  # which only returns
+    terminal.wait_for_text("camera")
+    assert terminal.screen()[-1] == NARROW_KEYS
+
+
 def test_the_message_goes_with_the_next_key(robot):
     terminal = shown(robot)
     terminal.press("e")
-    terminal.wait_for_text("camera: enabled")
+    terminal.wait_for_text("camera: already enabled")
     terminal.press("Down")
     terminal.wait_for(lambda screen: not screen[-2], "no message")
 
@@ -285,7 +325,7 @@ def test_an_act_asks_only_for_its_node(robot):
 def test_a_required_node_that_restarts_too_is_seen(robot):
     terminal = shown(robot)
     before = pid_of_row(terminal.screen(), "lidar")
-    terminal.press("r")
+    terminal.press("r", "y")
     terminal.wait_for(
         lambda screen: has_row("lidar", "running")(screen)
         and pid_of_row(screen, "lidar") != before, "lidar has another process")
@@ -421,8 +461,9 @@ def test_a_screen_with_too_few_rows_shows_nodes_alone(fleet, height):
 def test_lines_are_cut_where_the_screen_ends(robot, width):
     terminal = shown(robot)
     terminal.resize(width, 10)
-    terminal.wait_for(lambda screen: screen[-1] == KEYS[:width - 1] + "…",
-                      "a cut line of keys")
+    line = NARROWEST_KEYS
+    line = line if len(line) <= width else line[:width - 1] + "…"
+    terminal.wait_for(lambda screen: screen[-1] == line, "a cut line of keys")
     terminal.resize(80, 24)
     terminal.wait_for(lambda screen: screen[-1] == KEYS, "all is back")
 
@@ -510,7 +551,7 @@ def test_a_long_stop_is_shown_and_can_be_given_up(machine):
     path = machine.script("stubborn", "trap : TERM; while :; do sleep 1000; done")
     machine.start({"vornnode": {"stubborn": {"path": path}}})
     terminal = shown(machine, columns=120)
-    terminal.press("t")
+    terminal.press("t", "y")
     terminal.wait_for_text("stopping stubborn 1s (Ctrl-C gives up waiting)")
     terminal.press("C-c")
     assert "may still take effect" in wait_for_end(terminal, 7)
@@ -526,7 +567,7 @@ def test_a_busy_launcher_can_be_given_up(robot):
 def test_an_act_that_meets_a_busy_launcher_can_be_given_up(robot):
     terminal = shown(robot)
     with held(robot):
-        terminal.press("r")
+        terminal.press("r", "y")
         terminal.wait_for_text("restarting camera")
         terminal.press("C-c")
         assert "the request was delivered" in wait_for_end(terminal, 7)

@@ -44,7 +44,7 @@ complete -c vornctl -n __vornctl_needs_command -a help -d 'Show the help'
 
 complete -c vornctl -l launch-file -r -F -d 'Read the names of the nodes here'
 complete -c vornctl -l timeout -x -d 'How long to wait for each reply'
-complete -c vornctl -l connect-timeout -x -d 'How long to try to reach a busy launcher'
+complete -c vornctl -l connect-timeout -x -d 'How long to wait for the first answer'
 complete -c vornctl -l socket -r -F -d 'The control socket of the launcher'
 complete -c vornctl -l trust-any-user -d 'Talk to a launcher that is neither of root nor yours'
 complete -c vornctl -l color -x -a 'auto always never' -d Colours

@@ -88,22 +88,29 @@ class Action {
     return defaultReplyLimit(subjects_.launcher.file, cmd, name);
   }
 
+  void report(const std::string& name, Cmd cmd,
+              const StatusReply& before) const {
+    if (session_.settings().isQuiet) return;
+    const bool is_started_next = cmd == Cmd::ENABLE && options_.isStartedToo;
+    const std::string text =
+        is_started_next ? wordsFor(cmd).done
+                        : describeDone(cmd, subjects_.launcher, name, before);
+    Output out = standardOutput();
+    out << terminalText(name + ": " + text) << "\n";
+    out.flush();
+  }
+
   Outcome actOn(const std::string& name, Cmd cmd) const {
     const OperationWords words = wordsFor(cmd);
     ControlClient client = session_.client(
         replyLimit(name, cmd), std::string(words.doing) + ' ' + name);
+    // For the words only. If it fails, the command says why.
+    const bool is_told = !session_.settings().isQuiet && cmd != Cmd::RESTART;
+    const StatusReply before = is_told ? client.status(name) : StatusReply();
     const ControlReply reply = perform(client, cmd, name);
     session_.clearActivity();
     if (reply.isDone()) {
-      if (!session_.settings().isQuiet) {
-        const bool is_enabled_only =
-            cmd == Cmd::ENABLE && !options_.isStartedToo;
-        Output out = standardOutput();
-        out << terminalText(name + ": " + words.done +
-                            (is_enabled_only ? ", not started" : ""))
-            << "\n";
-        out.flush();
-      }
+      report(name, cmd, before);
     } else if (reply.outcome == Outcome::FAILED) {
       session_.complain(name + ": " + words.command + " failed: " +
                         explainFailure(client, subjects_.launcher, name, cmd));

@@ -1,5 +1,6 @@
 #include "command_line.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -126,6 +127,13 @@ bool mayColour(ColourMode mode) {
          terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
 }
 
+/// The columns of the terminal at standard output; 0 if there is none.
+size_t terminalWidth() {
+  winsize size{};
+  if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return 0;
+  return size.ws_col;
+}
+
 std::vector<std::string> columnNames() {
   std::vector<std::string> names;
   for (const Column& column : statusColumns()) names.push_back(column.name);
@@ -182,6 +190,7 @@ class CommandLine {
     unprotect(settings.socketPath);
     for (std::string& node : arguments_.nodes) unprotect(node);
     settings.hasColours = mayColour(arguments_.colour);
+    settings.terminalWidth = terminalWidth();
     settings.isInteractive =
         ::isatty(STDIN_FILENO) == 1 && ::isatty(STDERR_FILENO) == 1;
     const int status = command_();
@@ -207,8 +216,8 @@ class CommandLine {
                     "the launch file makes possible, and 30 s")
         ->type_name("TIME");
     app_.add_option("--connect-timeout", readDuration(settings.connectLimit),
-                    "How long to try to reach a busy launcher; by default as "
-                    "--timeout")
+                    "How long to wait for the first answer of a busy launcher; "
+                    "default: as --timeout")
         ->type_name("TIME");
     app_.add_option("--socket", settings.socketPath,
                     "The launcher's control socket")

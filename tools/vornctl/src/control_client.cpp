@@ -105,6 +105,17 @@ class Exchange {
     return false;
   }
 
+  Clock::time_point withinTotal(Clock::time_point deadline) const {
+    if (options_.totalLimit == milliseconds(0)) return deadline;
+    return std::min(deadline, begin_ + options_.totalLimit);
+  }
+
+  /// The limit that counts, of this one and the total.
+  milliseconds shorter(milliseconds limit) const {
+    if (options_.totalLimit == milliseconds(0)) return limit;
+    return std::min(limit, options_.totalLimit);
+  }
+
   /// Waits until `fd` (-1: nothing) is readable or `deadline` has come.
   Wait wait(int fd, Clock::time_point deadline) const {
     for (;;) {
@@ -136,7 +147,8 @@ class Exchange {
 
   /// Connects and sends the request.
   bool deliver(int fd, const sockaddr_un& address, ControlReply& reply) const {
-    const Clock::time_point deadline = begin_ + options_.connectLimit;
+    const Clock::time_point deadline =
+        withinTotal(begin_ + options_.connectLimit);
     milliseconds pause = kFirstPause;
     for (;;) {
       if (isCancelled()) {
@@ -150,8 +162,9 @@ class Exchange {
       if (wait(-1, std::min(next, deadline)) == Wait::CANCELLED) continue;
       if (Clock::now() >= deadline) {
         return end(reply, Outcome::NOT_SENT,
-                   "the launcher is busy: it took no connection within " +
-                       inSeconds(options_.connectLimit) + "; nothing was sent");
+                   "the launcher is busy: it accepted no connection within " +
+                       inSeconds(shorter(options_.connectLimit)) +
+                       "; nothing was sent");
       }
       pause = std::min(pause * 2, kLongestPause);
     }
@@ -216,14 +229,16 @@ class Exchange {
   /// Reads the 24 bytes, and not one more: processes that the launcher starts
   /// meanwhile keep the connection open for as long as they live.
   bool receive(int fd, ControlReply& reply, ControlResponse& response) const {
-    const Clock::time_point deadline = Clock::now() + options_.replyLimit;
+    const Clock::time_point deadline =
+        withinTotal(Clock::now() + options_.replyLimit);
     char* const bytes = reinterpret_cast<char*>(&response);
     size_t count = 0;
     while (count < sizeof(response)) {
       const Wait waited = wait(fd, deadline);
       if (waited == Wait::TIMED_OUT) {
         return end(reply, Outcome::UNKNOWN,
-                   "no reply within " + inSeconds(options_.replyLimit) +
+                   "no reply within " +
+                       inSeconds(shorter(options_.replyLimit)) +
                        kMayTakeEffect);
       }
       if (waited == Wait::CANCELLED) {

@@ -72,6 +72,9 @@ struct ControlOptions {
   /// to 10 s and more, and again for each node in the chain of `required`.
   std::chrono::milliseconds replyLimit = std::chrono::minutes(5);
 
+  /// How long a call may last altogether, if that is shorter; 0: no limit.
+  std::chrono::milliseconds totalLimit{0};
+
   /// Talk to a launcher of any user, not only of root and of our own. Anyone
   /// can make the folder of the socket before the launcher does.
   bool trustAnyUser = false;

@@ -51,6 +51,11 @@ NodeView viewOf(const RunningLauncher& launcher, const std::string& name,
     view.policy = policyOf(*node);
     view.required = joined(node->required);
     view.executable = node->executable;
+    // A oneshot that has run is disabled as well, without a failure.
+    const bool has_run = node->oneshot && status.startSeconds != 0;
+    view.isExecutableMissing =
+        status.isDone() && status.state == NodeState::DISABLED && !has_run &&
+        executableExists(launcher, *node) == false;
   }
   if (!status.isDone()) return view;
   view.condition = conditionOf(launcher, status);

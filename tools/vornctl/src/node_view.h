@@ -27,9 +27,10 @@ struct NodeView {
   Condition condition = Condition::UNKNOWN_NODE;
   NodeState state = NodeState::STOPPED;  // the launcher's word
   pid_t pid = 0;                         // 0 without a process
-  int64_t startSeconds = 0;      // last start, since the epoch; 0 if never
-  int64_t uptimeSeconds = 0;     // since then, of a process that lives
-  int64_t restartInSeconds = 0;  // until the restart of a RESTARTING node
+  int64_t startSeconds = 0;          // last start, since the epoch; 0 if never
+  int64_t uptimeSeconds = 0;         // since then, of a process that lives
+  int64_t restartInSeconds = 0;      // until the restart of a RESTARTING node
+  bool isExecutableMissing = false;  // and so it was disabled
   std::string policy;    // "restart", "oneshot", "manual", "manual+oneshot"; or
                          // empty if unknown
   std::string required;  // names with a space between them

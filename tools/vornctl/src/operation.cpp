@@ -20,6 +20,36 @@ std::string explainDisabled(const RunningLauncher& launcher,
   return "it is disabled; " + remedy + " starts it";
 }
 
+/// Whether the node could be started before it was enabled. The state DISABLED
+/// stays after an enable, and does not say.
+bool wasEnabled(const LaunchNode* node, const StatusReply& before) {
+  if (before.state != NodeState::STOPPED) {
+    return before.state != NodeState::DISABLED;
+  }
+  const bool was_started = before.startSeconds != 0;
+  return was_started || (node != nullptr && !node->disabled);
+}
+
+std::string runningWith(pid_t pid) {
+  return "running (pid " + std::to_string(pid) + ')';
+}
+
+std::string describeEnabled(const RunningLauncher& launcher,
+                            const std::string& name,
+                            const StatusReply& before) {
+  std::string text = "enabled";
+  if (before.isDone() && wasEnabled(launcher.file.find(name), before)) {
+    text = "already enabled";
+    if (before.state == NodeState::RUNNING) {
+      return text + " and " + runningWith(before.pid);
+    }
+    if (before.state == NodeState::RESTARTING) {
+      return text + "; it restarts by itself";
+    }
+  }
+  return text + "; start it with 'vornctl start " + name + "'";
+}
+
 }  // namespace
 
 OperationWords wordsFor(Cmd cmd) {
@@ -57,6 +87,25 @@ ControlReply perform(ControlClient& client, Cmd cmd, const std::string& name) {
   }
   const StatusReply reply = client.status(name);
   return static_cast<const ControlReply&>(reply);
+}
+
+std::string describeDone(Cmd cmd, const RunningLauncher& launcher,
+                         const std::string& name, const StatusReply& before) {
+  const bool was_down =
+      before.isDone() && (before.state == NodeState::STOPPED ||
+                          before.state == NodeState::DISABLED);
+  if (cmd == Cmd::ENABLE) return describeEnabled(launcher, name, before);
+  if (cmd == Cmd::STOP && was_down) return "already stopped";
+  if (cmd == Cmd::DISABLE && was_down && before.state == NodeState::DISABLED) {
+    return "already disabled";
+  }
+  const bool was_running = before.isDone() &&
+                           before.state == NodeState::RUNNING &&
+                           isProcessAlive(launcher, before.pid);
+  if (cmd == Cmd::START && was_running) {
+    return "already " + runningWith(before.pid);
+  }
+  return wordsFor(cmd).done;
 }
 
 std::string explainFailure(ControlClient& client,

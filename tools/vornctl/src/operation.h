@@ -22,6 +22,13 @@ OperationWords wordsFor(ControlRequest::Cmd cmd);
 ControlReply perform(ControlClient& client, ControlRequest::Cmd cmd,
                      const std::string& name);
 
+/// The sentence for a command that is DONE: "started", or "already running
+/// (pid 42)" if `before`, the status of the node before the command, says so.
+/// `before` that is not DONE is ignored.
+std::string describeDone(ControlRequest::Cmd cmd,
+                         const RunningLauncher& launcher,
+                         const std::string& name, const StatusReply& before);
+
 /// Why the command on this node FAILED, as far as can be known, and what to do.
 /// Asks the launcher how the node is now.
 std::string explainFailure(ControlClient& client,

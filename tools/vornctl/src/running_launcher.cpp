@@ -15,6 +15,7 @@
 
 #include "descriptor.h"
 #include "launcher_file.h"
+#include "proc_file.h"
 
 namespace vorn::launch {
 namespace {
@@ -24,45 +25,10 @@ namespace fs = std::filesystem;
 constexpr char kHowToName[] =
     "; name it by --launch-file or VORNCTL_LAUNCH_FILE";
 
-std::string procFile(pid_t pid, const char* file) {
-  return "/proc/" + std::to_string(pid) + '/' + file;
-}
-
-/// The whole of a file below /proc; nothing if it cannot be read.
-std::optional<std::string> readAll(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return std::nullopt;
-  try {
-    return std::string((std::istreambuf_iterator<char>(file)), {});
-  } catch (const std::ios_base::failure&) {
-    return std::nullopt;  // the process has ended since the file was opened
-  }
-}
-
-/// The strings of a file such as cmdline, each of which ends with a NUL.
-std::vector<std::string> splitAtNuls(const std::string& text) {
-  std::vector<std::string> strings;
-  size_t begin = 0;
-  for (size_t end = text.find('\0'); end != std::string::npos;
-       end = text.find('\0', begin)) {
-    strings.push_back(text.substr(begin, end - begin));
-    begin = end + 1;
-  }
-  return strings;
-}
-
-/// The target of a link below /proc; nothing without the permission.
-std::optional<std::string> readLink(const std::string& path) {
-  std::error_code error;
-  const fs::path target = fs::read_symlink(path, error);
-  if (error) return std::nullopt;
-  return target.string();
-}
-
 /// Whether the process is in the pid namespace of our /proc.
 bool isInOurPidNamespace(pid_t pid) {
   // Anyone may read this file, unlike the link ns/pid.
-  std::istringstream lines(readAll(procFile(pid, "status")).value_or(""));
+  std::istringstream lines(readProcFile(procFile(pid, "status")).value_or(""));
   for (std::string line; std::getline(lines, line);) {
     if (line.rfind("NSpid:", 0) != 0) continue;
     // Its pid in our namespace, and in each that is nested in ours.
@@ -87,7 +53,7 @@ std::optional<std::string> rootAsWeReachIt(pid_t pid) {
   }
   const bool is_same = own.st_dev == its.st_dev && own.st_ino == its.st_ino;
   const auto namespace_of = [](const std::string& process) {
-    return readLink("/proc/" + process + "/ns/mnt");
+    return readProcLink("/proc/" + process + "/ns/mnt");
   };
   if (is_same && namespace_of("self") == namespace_of(std::to_string(pid))) {
     return "";
@@ -97,7 +63,7 @@ std::optional<std::string> rootAsWeReachIt(pid_t pid) {
 
 LauncherSurroundings surroundingsOf(pid_t pid) {
   LauncherSurroundings surroundings;
-  if (const auto text = readAll(procFile(pid, "environ"))) {
+  if (const auto text = readProcFile(procFile(pid, "environ"))) {
     for (const std::string& entry : splitAtNuls(*text)) {
       const size_t sign = entry.find('=');
       if (sign == std::string::npos) continue;
@@ -108,7 +74,7 @@ LauncherSurroundings surroundingsOf(pid_t pid) {
       if (entry.compare(0, sign, "VORN_ROOT") == 0) surroundings.root = value;
     }
   }
-  if (const auto executable = readLink(procFile(pid, "exe"))) {
+  if (const auto executable = readProcLink(procFile(pid, "exe"))) {
     surroundings.executableRoot =
         fs::path(*executable).parent_path().parent_path().string();
   }
@@ -117,7 +83,7 @@ LauncherSurroundings surroundingsOf(pid_t pid) {
 
 /// When the process was started; nothing if it cannot be known.
 std::optional<double> startOf(pid_t pid) {
-  const auto text = readAll(procFile(pid, "stat"));
+  const auto text = readProcFile(procFile(pid, "stat"));
   if (!text) return std::nullopt;
   // The name, in parentheses, may contain anything.
   const size_t name_end = text->rfind(')');
@@ -151,6 +117,35 @@ bool hasChangedSince(const struct stat& file, pid_t pid) {
   return start && changed > *start + kTolerance;
 }
 
+/// The launcher's argument as it was given; empty if it cannot be known.
+std::string argumentOf(pid_t pid) {
+  const auto text = readProcFile(procFile(pid, "cmdline"));
+  const auto arguments = splitAtNuls(text.value_or(""));
+  // The launch file is the last argument, after the program and, for instance,
+  // ld.so.
+  return arguments.size() >= 2 ? arguments.back() : "";
+}
+
+/// `path` from the root; as it is when the working directory is unknown, which
+/// is then empty.
+std::string absolute(const std::string& path, const std::string& directory) {
+  if (path.empty() || path.front() == '/' || directory.empty()) return path;
+  const fs::path whole = fs::path(directory) / path;
+  // The directory before ".." may be a link to another place.
+  const bool has_parent =
+      std::find(whole.begin(), whole.end(), "..") != whole.end();
+  return has_parent ? whole.string() : whole.lexically_normal().string();
+}
+
+/// The working directory of the launcher as the launcher sees it; empty if it
+/// cannot be known.
+std::string workingDirectoryOf(pid_t pid) {
+  const std::string path = readProcLink(procFile(pid, "cwd")).value_or("");
+  const std::string root = readProcLink(procFile(pid, "root")).value_or("/");
+  const bool is_inside = root != "/" && path.rfind(root + '/', 0) == 0;
+  return is_inside ? path.substr(root.size()) : path;
+}
+
 /// Why we cannot look for the file that is the launcher's argument; empty if we
 /// can.
 std::string obstacleTo(const RunningLauncher& launcher) {
@@ -162,9 +157,9 @@ std::string obstacleTo(const RunningLauncher& launcher) {
   if (launcher.launchFile.empty()) {
     return "cannot tell the launch file of " + process;
   }
-  const std::string where =
-      ", where its launch file " + launcher.launchFile + " is";
-  const bool is_absolute = launcher.launchFile.front() == '/';
+  const std::string argument = argumentOf(launcher.pid);
+  const std::string where = ", where its launch file " + argument + " is";
+  const bool is_absolute = !argument.empty() && argument.front() == '/';
   if (!launcher.root && is_absolute) {
     return "cannot look into the root folder of the launcher, " + process +
            " in another pid namespace" + where;
@@ -197,7 +192,7 @@ std::optional<Document> readItsArgument(RunningLauncher& launcher,
   error = obstacleTo(launcher);
   if (!error.empty()) return std::nullopt;
   const Descriptor file(openAsLauncher(launcher.pid, *launcher.root,
-                                       launcher.launchFile,
+                                       argumentOf(launcher.pid),
                                        O_RDONLY | O_NONBLOCK));
   struct stat status {};
   std::string reason;
@@ -229,21 +224,28 @@ std::optional<Document> readOurs(RunningLauncher& launcher,
 
 }  // namespace
 
-std::optional<RunningLauncher> inspectLauncher(pid_t pid,
-                                               const std::string& launch_file,
-                                               std::string& error) {
+RunningLauncher identifyLauncher(pid_t pid, const std::string& launch_file) {
   RunningLauncher launcher;
   launcher.pid = pid;
   if (pid != 0) {
     launcher.root = rootAsWeReachIt(pid);
-    const auto text = readAll(procFile(pid, "cmdline"));
-    const auto arguments = splitAtNuls(text.value_or(""));
-    // The launch file is the last argument, after the program and, for
-    // instance, ld.so.
-    if (arguments.size() >= 2) launcher.launchFile = arguments.back();
+    launcher.startSeconds = static_cast<int64_t>(startOf(pid).value_or(0));
   }
+  if (!launch_file.empty()) {
+    std::error_code error;
+    launcher.launchFile =
+        absolute(launch_file, fs::current_path(error).string());
+  } else if (pid != 0) {
+    launcher.launchFile = absolute(argumentOf(pid), workingDirectoryOf(pid));
+  }
+  return launcher;
+}
+
+std::optional<RunningLauncher> inspectLauncher(pid_t pid,
+                                               const std::string& launch_file,
+                                               std::string& error) {
+  RunningLauncher launcher = identifyLauncher(pid, launch_file);
   const bool is_ours = !launch_file.empty();
-  if (is_ours) launcher.launchFile = launch_file;
   const auto document =
       is_ours ? readOurs(launcher, error) : readItsArgument(launcher, error);
   auto file = document ? launchFileFrom(*document, surroundingsOf(pid), error)
@@ -270,14 +272,14 @@ std::optional<bool> executableExists(const RunningLauncher& launcher,
 
 std::optional<std::vector<pid_t>> childrenOf(pid_t launcher) {
   const std::string id = std::to_string(launcher);
-  const auto text = readAll("/proc/" + id + "/task/" + id + "/children");
+  const auto text = readProcFile("/proc/" + id + "/task/" + id + "/children");
   if (!text) return std::nullopt;
   std::istringstream words(*text);
   return std::vector<pid_t>(std::istream_iterator<pid_t>(words), {});
 }
 
 std::optional<std::string> nodeOf(pid_t process) {
-  const auto text = readAll(procFile(process, "environ"));
+  const auto text = readProcFile(procFile(process, "environ"));
   if (!text) return std::nullopt;
   const std::string variable = "__VORN_NODE_NAME__=";
   const std::string ending = "(vornlaunch)";
@@ -300,12 +302,9 @@ bool sharesPids(const RunningLauncher& launcher) {
 
 bool isProcessAlive(const RunningLauncher& launcher, pid_t pid) {
   if (!sharesPids(launcher)) return true;
-  const auto text = readAll(procFile(pid, "stat"));
-  // A /proc that hides the processes of others tells nothing of a living one.
-  if (!text) return ::kill(pid, 0) == 0 || errno == EPERM;
-  const size_t name_end = text->rfind(')');
-  return name_end == std::string::npos || name_end + 2 >= text->size() ||
-         (*text)[name_end + 2] != 'Z';
+  const auto state = processState(pid);
+  // A /proc that hides the processes of others says nothing of a living one.
+  return state ? *state != 'Z' : ::kill(pid, 0) == 0 || errno == EPERM;
 }
 
 }  // namespace vorn::launch

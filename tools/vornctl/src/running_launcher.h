@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,8 +16,11 @@ namespace vorn::launch {
 
 /// A launcher and the nodes in its launch file.
 struct RunningLauncher {
-  pid_t pid = 0;           // 0: out of our sight
-  std::string launchFile;  // as it was given, for people
+  pid_t pid = 0;             // 0: out of our sight
+  int64_t startSeconds = 0;  // since the epoch; 0 if unknown
+  // Absolute, as the launcher sees it; its argument as it is if the working
+  // directory of the launcher is unknown. Empty if unknown.
+  std::string launchFile;
   LaunchFile file;
   bool hasChanged = false;  // the file is younger than the launcher
   // The launcher's root folder as we reach it: empty when it is our own,
@@ -24,9 +28,13 @@ struct RunningLauncher {
   std::optional<std::string> root;
 };
 
-/// Finds out about the launcher `pid` and reads its launch file, or
-/// `launch_file` if that is not empty. Nothing if the nodes cannot be known;
-/// `error` is then a sentence that tells why and how to give them.
+/// Returns everything about the launcher `pid` except its nodes. `launch_file`,
+/// if not empty, replaces its own launch file.
+RunningLauncher identifyLauncher(pid_t pid, const std::string& launch_file);
+
+/// As identifyLauncher(), and reads the nodes from the launch file. Nothing if
+/// they cannot be known; `error` is then a sentence that says why and how to
+/// name another file.
 std::optional<RunningLauncher> inspectLauncher(pid_t pid,
                                                const std::string& launch_file,
                                                std::string& error);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "busy_launcher.h"
 #include "output.h"
 #include "selection.h"
 
@@ -15,6 +16,19 @@ using std::chrono::milliseconds;
 constexpr milliseconds kQuietTime{500};
 constexpr milliseconds kStatusReplyLimit = std::chrono::minutes(5);
 
+/// The sentence for a first request, which changes nothing, without a reply.
+std::string explainNoAnswer(const ControlReply& reply, bool is_timed_out) {
+  // Without "the request ... may still take effect".
+  std::string text = reply.message.substr(0, reply.message.find(';'));
+  text += "; nothing was changed";
+  if (hasExited(reply.launcherPid)) {
+    return text + ": launcher " + std::to_string(reply.launcherPid) +
+           " has exited";
+  }
+  if (!is_timed_out) return text;
+  return text + ": " + explainSilence(reply.launcherPid);
+}
+
 }  // namespace
 
 ControlClient Session::client(milliseconds reply_limit,
@@ -23,7 +37,7 @@ ControlClient Session::client(milliseconds reply_limit,
   if (!settings_.socketPath.empty()) options.socketPath = settings_.socketPath;
   options.trustAnyUser = settings_.trustAnyUser;
   options.replyLimit = settings_.replyLimit.value_or(reply_limit);
-  options.connectLimit = settings_.connectLimit.value_or(options.replyLimit);
+  options.connectLimit = options.replyLimit;
   options.cancelFd = settings_.cancelFd;
   if (settings_.isInteractive && !settings_.isQuiet && !activity.empty()) {
     options.onWait = [this, activity](milliseconds elapsed) {
@@ -34,21 +48,25 @@ ControlClient Session::client(milliseconds reply_limit,
 }
 
 ExitStatus Session::findLauncher() {
-  // No node, or one whose status is of no interest.
-  const StatusReply reply =
-      client(kStatusReplyLimit, "waiting for the launcher").status("");
-  clearActivity();
-  if (!reply.isDone() && reply.outcome != Outcome::NOT_FOUND) {
-    std::string text = reply.message;
-    if (reply.outcome == Outcome::UNKNOWN) {
-      text.resize(std::min(text.size(), text.find(';')));
-      text += " to a first question; nothing was changed";
-    }
-    complain(text);
-    return exitStatusOf(reply.outcome);
+  ControlOptions options =
+      client(kStatusReplyLimit, "waiting for the launcher").options();
+  if (settings_.connectLimit) {
+    options.replyLimit = *settings_.connectLimit;
+    options.totalLimit = *settings_.connectLimit;
   }
-  pid_ = reply.launcherPid;
-  return kDone;
+  const auto begin = std::chrono::steady_clock::now();
+  // No node, or one whose status is of no interest.
+  const StatusReply reply = ControlClient(options).status("");
+  const auto elapsed = std::chrono::steady_clock::now() - begin;
+  clearActivity();
+  if (reply.isDone() || reply.outcome == Outcome::NOT_FOUND) {
+    pid_ = reply.launcherPid;
+    return kDone;
+  }
+  complain(reply.outcome == Outcome::UNKNOWN
+               ? explainNoAnswer(reply, elapsed >= options.replyLimit)
+               : reply.message);
+  return exitStatusOf(reply.outcome);
 }
 
 const RunningLauncher* Session::launcher(std::string& error) {
@@ -64,9 +82,7 @@ const RunningLauncher* Session::launcher(std::string& error) {
 }
 
 RunningLauncher Session::launcherWithoutFile() const {
-  RunningLauncher launcher;
-  launcher.pid = pid_;
-  return launcher;
+  return identifyLauncher(pid_, settings_.launchFile);
 }
 
 void Session::complain(const std::string& text) const {

@@ -21,6 +21,7 @@ struct Settings {
   std::optional<std::chrono::milliseconds> replyLimit;
   bool isQuiet = false;
   bool hasColours = false;     // on standard output
+  size_t terminalWidth = 0;    // of standard output; 0: not a terminal
   bool isInteractive = false;  // a person sits at standard input and error
   int cancelFd = -1;           // readable once a stop signal has come
 };
@@ -49,10 +50,8 @@ class Session {
   /// started, says so, once.
   const RunningLauncher* launcher(std::string& error);
 
-  /// The launcher with an empty launch file, when the real one is not known.
+  /// The launcher without its nodes, for when those are not known.
   RunningLauncher launcherWithoutFile() const;
-
-  pid_t launcherPid() const { return pid_; }
 
   /// Writes "vornctl: TEXT" to standard error.
   void complain(const std::string& text) const;

@@ -18,18 +18,23 @@ namespace {
 constexpr int kSchemaVersion = 1;
 constexpr std::chrono::minutes kReplyLimit{5};
 constexpr size_t kUsualColumns = 7;
+// Of them, those that a narrow terminal does without, the first one first:
+// started, required, policy, uptime, pid.
+const std::vector<size_t> kLeastNeeded = {4, 6, 5, 3, 2};
 
-Colour colourOf(Condition condition) {
-  switch (condition) {
+Colour colourOf(const NodeView& view) {
+  switch (view.condition) {
     case Condition::RUNNING:
       return Colour::GREEN;
     case Condition::EXITING:
     case Condition::STOPPING:
     case Condition::RESTARTING:
       return Colour::YELLOW;
-    case Condition::DISABLED:
     case Condition::UNKNOWN_NODE:
       return Colour::RED;
+    case Condition::DISABLED:
+      if (view.isExecutableMissing) return Colour::RED;
+      break;
     case Condition::STOPPED:
     case Condition::NEVER_STARTED:
       break;
@@ -100,6 +105,9 @@ void printJson(const RunningLauncher& launcher,
       {"schema", kSchemaVersion},
       {"launcher",
        {{"pid", launcher.pid},
+        {"startSeconds", launcher.startSeconds == 0
+                             ? nlohmann::ordered_json()
+                             : nlohmann::ordered_json(launcher.startSeconds)},
         {"launchFile", launcher.launchFile.empty()
                            ? nlohmann::ordered_json()
                            : nlohmann::ordered_json(launcher.launchFile)},
@@ -109,9 +117,44 @@ void printJson(const RunningLauncher& launcher,
   standardOutput() << jsonText(document);
 }
 
-void printTable(const StatusOptions& options, bool has_colours,
+/// "launcher 42".
+std::string nameOf(const RunningLauncher& launcher) {
+  return launcher.pid == 0 ? "launcher in another pid namespace"
+                           : "launcher " + std::to_string(launcher.pid);
+}
+
+/// `begin`, then ", launch file /tmp/launch.yaml, since 2026-11-22 10:00:00" as
+/// far as known. In several lines if the terminal (0: none) is too narrow.
+OutputText introduce(const RunningLauncher& launcher, const std::string& begin,
+                     size_t terminal_width) {
+  std::vector<OutputText> parts = {terminalText(begin)};
+  if (!launcher.launchFile.empty()) {
+    parts.push_back("launch file " + terminalText(launcher.launchFile));
+  }
+  if (launcher.startSeconds != 0) {
+    parts.push_back("since " + terminalText(formatTime(launcher.startSeconds)));
+  }
+  OutputText line;
+  OutputText lines;
+  for (const OutputText& part : parts) {
+    if (!line.empty()) line += ", ";
+    line += part;
+    if (!lines.empty()) lines += "\n";
+    lines += truncated(part, terminal_width);
+  }
+  const bool fits = terminal_width == 0 || displayWidth(line) <= terminal_width;
+  return fits ? line : lines;
+}
+
+void printTable(const StatusOptions& options, const Settings& settings,
+                const RunningLauncher& launcher,
                 const std::vector<NodeView>& views) {
   std::vector<std::string> columns = options.columns;
+  if (columns.empty() && options.hasHeader && !options.isPlain) {
+    standardOutput() << introduce(launcher, nameOf(launcher),
+                                  settings.terminalWidth)
+                     << "\n";
+  }
   if (columns.empty()) {
     for (size_t i = 0; i < kUsualColumns; ++i) {
       columns.push_back(statusColumns()[i].name);
@@ -136,7 +179,10 @@ void printTable(const StatusOptions& options, bool has_colours,
   if (options.isPlain) {
     printPlain(out, table);
   } else {
-    printAligned(out, table, has_colours);
+    if (options.columns.empty() && settings.terminalWidth != 0) {
+      fitInto(table, settings.terminalWidth, kLeastNeeded);
+    }
+    printAligned(out, table, settings.hasColours);
   }
 }
 
@@ -162,7 +208,7 @@ Cell cellFor(const NodeView& view, const std::string& column) {
     if (view.condition == Condition::RESTARTING) {
       word += " in " + formatSpan(view.restartInSeconds);
     }
-    return {terminalText(word), colourOf(view.condition)};
+    return {terminalText(word), colourOf(view)};
   }
   if (column == "pid") return {orDash(view.pid)};
   if (column == "uptime") {
@@ -205,7 +251,7 @@ ExitStatus showStatus(Session& session, const StatusOptions& options) {
   if (options.isJson) {
     printJson(launcher, views);
   } else {
-    printTable(options, session.settings().hasColours, views);
+    printTable(options, session.settings(), launcher, views);
   }
   return result;
 }
@@ -241,10 +287,8 @@ ExitStatus ping(Session& session) {
   char text[64];
   (void)std::snprintf(text, sizeof(text), " answers in %.1f ms",
                       elapsed.count());
-  const pid_t pid = session.launcherPid();
-  standardOutput() << (pid == 0 ? "the launcher"
-                                : "launcher " + OutputText(pid))
-                   << terminalText(text) << "\n";
+  const RunningLauncher launcher = session.launcherWithoutFile();
+  standardOutput() << introduce(launcher, nameOf(launcher) + text, 0) << "\n";
   return kDone;
 }
 

@@ -1,6 +1,7 @@
 #include "table.h"
 
 #include <algorithm>
+#include <numeric>
 
 namespace vorn::launch {
 namespace {
@@ -36,6 +37,24 @@ std::vector<std::vector<Cell>> linesOf(const Table& table) {
   return lines;
 }
 
+std::vector<size_t> widthsOf(const std::vector<std::vector<Cell>>& lines) {
+  std::vector<size_t> widths;
+  for (const auto& line : lines) {
+    widths.resize(std::max(widths.size(), line.size()));
+    for (size_t i = 0; i < line.size(); ++i) {
+      widths[i] = std::max(widths[i], displayWidth(line[i].text));
+    }
+  }
+  return widths;
+}
+
+template <typename Line>
+void removeFrom(Line& line, size_t column) {
+  if (column < line.size()) {
+    line.erase(line.begin() + static_cast<std::ptrdiff_t>(column));
+  }
+}
+
 }  // namespace
 
 OutputText coloured(const OutputText& text, Colour colour) {
@@ -45,13 +64,7 @@ OutputText coloured(const OutputText& text, Colour colour) {
 
 void printAligned(Output& out, const Table& table, bool has_colours) {
   const auto lines = linesOf(table);
-  std::vector<size_t> widths;
-  for (const auto& line : lines) {
-    widths.resize(std::max(widths.size(), line.size()));
-    for (size_t i = 0; i < line.size(); ++i) {
-      widths[i] = std::max(widths[i], displayWidth(line[i].text));
-    }
-  }
+  const std::vector<size_t> widths = widthsOf(lines);
   for (const auto& line : lines) {
     OutputText gap;
     for (size_t i = 0; i < line.size(); ++i) {
@@ -64,6 +77,36 @@ void printAligned(Output& out, const Table& table, bool has_colours) {
       gap += spaces(widths[i] - displayWidth(cell.text) + 2);
     }
     out << "\n";
+  }
+}
+
+void fitInto(Table& table, size_t width, const std::vector<size_t>& removable) {
+  std::vector<size_t> widths = widthsOf(linesOf(table));
+  const auto total = [&] {
+    const size_t gaps = widths.empty() ? 0 : 2 * (widths.size() - 1);
+    return std::accumulate(widths.begin(), widths.end(), gaps);
+  };
+  std::vector<size_t> removed;
+  for (const size_t number : removable) {
+    if (total() <= width) return;
+    // Those removed before it have moved it to the left.
+    const auto shift =
+        std::count_if(removed.begin(), removed.end(),
+                      [&](size_t each) { return each < number; });
+    const size_t column = number - static_cast<size_t>(shift);
+    removeFrom(widths, column);
+    removeFrom(table.header, column);
+    for (auto& row : table.rows) removeFrom(row, column);
+    removed.push_back(number);
+  }
+  if (widths.empty() || total() <= width) return;
+  const size_t rest = total() - widths.front();
+  const size_t room = width > rest ? width - rest : 1;
+  if (!table.header.empty()) {
+    table.header.front() = truncated(table.header.front(), room);
+  }
+  for (auto& row : table.rows) {
+    row.front().text = truncated(row.front().text, room);
   }
 }
 

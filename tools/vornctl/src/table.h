@@ -23,6 +23,10 @@ struct Table {
 /// after the last cell of a line.
 void printAligned(Output& out, const Table& table, bool has_colours);
 
+/// Makes the table fit into `width` columns of a terminal: removes columns, by
+/// their numbers in this order, and then shortens the texts of the first one.
+void fitInto(Table& table, size_t width, const std::vector<size_t>& removable);
+
 /// Writes the texts with one tab between them.
 void printPlain(Output& out, const Table& table);
 

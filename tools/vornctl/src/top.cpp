@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <optional>
 
 #include "deadline.h"
 #include "node_view.h"
@@ -31,10 +32,20 @@ using std::chrono::milliseconds;
 constexpr milliseconds kRedraw{1000};  // what counts seconds
 constexpr int kAbove = 2;              // summary and titles, above the nodes
 constexpr int kBelow = 2;              // message and keys
-// Fits into 80 columns.
-constexpr char kKeys[] =
-    "Up/Down  s start  t stop  r restart  e enable  d disable  u update  q "
-    "quit";
+// The line of keys: the first of these that fits into the screen.
+constexpr const char* kKeyLines[] = {
+    "Up/Down  s start  t stop  r restart  e enable  d disable  ? help  q quit",
+    "s start t stop r restart ? help q quit", "? help  q quit"};
+// Fits into 40 columns and, with the line below it, into 10 rows.
+constexpr const char* kHelp[] = {"Up/Down j/k         choose a node",
+                                 "PgUp/PgDn Home/End  choose a node",
+                                 "s                   start the node",
+                                 "t                   stop the node",
+                                 "r                   restart the node",
+                                 "e                   enable the node",
+                                 "d                   disable the node",
+                                 "u                   update all nodes",
+                                 "q                   quit"};
 const char* const kColumns[] = {"node",   "state",  "pid",
                                 "uptime", "policy", "required"};
 
@@ -149,8 +160,9 @@ class Top {
   static bool hasFrame() { return LINES > kAbove + kBelow; }
 
   size_t rowsOfNodes() const {
-    const int frame =
-        hasFrame() ? kAbove + kBelow : static_cast<int>(!message_.empty());
+    const int frame = hasFrame()
+                          ? kAbove + kBelow
+                          : static_cast<int>(!message_.empty() || asked_);
     return static_cast<size_t>(std::max(1, LINES - frame));
   }
 
@@ -162,52 +174,79 @@ class Top {
 
   void handleKey(int key) {
     if (key == KEY_RESIZE) return;  // drawn anew in any case
+    if (is_help_) {
+      is_help_ = false;
+      return;
+    }
     message_.clear();
+    if (asked_) {
+      answer(key);
+    } else if (const long step = stepFor(key); step != 0) {
+      choose(step);
+    } else if (const auto cmd = commandFor(key)) {
+      request(*cmd);
+    } else if (key == 'u') {
+      watcher_.suspectAll();
+    } else if (key == '?') {
+      is_help_ = true;
+    } else if (key == 'q') {
+      is_done_ = true;
+    }
+  }
+
+  /// How far a key moves the choice; 0 if it does not.
+  long stepFor(int key) const {
     switch (key) {
-      case 'q':
-        is_done_ = true;
-        break;
       case KEY_UP:
       case 'k':
-        choose(-1);
-        break;
+        return -1;
       case KEY_DOWN:
       case 'j':
-        choose(1);
-        break;
+        return 1;
       case KEY_PPAGE:
-        choose(-static_cast<long>(rowsOfNodes()));
-        break;
+        return -static_cast<long>(rowsOfNodes());
       case KEY_NPAGE:
-        choose(static_cast<long>(rowsOfNodes()));
-        break;
+        return static_cast<long>(rowsOfNodes());
       case KEY_HOME:
-        choose(-static_cast<long>(count()));
-        break;
+        return -static_cast<long>(count());
       case KEY_END:
-        choose(static_cast<long>(count()));
-        break;
-      case 's':
-        act(Cmd::START);
-        break;
-      case 't':
-        act(Cmd::STOP);
-        break;
-      case 'r':
-        act(Cmd::RESTART);
-        break;
-      case 'e':
-        act(Cmd::ENABLE);
-        break;
-      case 'd':
-        act(Cmd::DISABLE);
-        break;
-      case 'u':
-        watcher_.suspectAll();
-        break;
+        return static_cast<long>(count());
       default:
-        break;
+        return 0;
     }
+  }
+
+  static std::optional<Cmd> commandFor(int key) {
+    switch (key) {
+      case 's':
+        return Cmd::START;
+      case 't':
+        return Cmd::STOP;
+      case 'r':
+        return Cmd::RESTART;
+      case 'e':
+        return Cmd::ENABLE;
+      case 'd':
+        return Cmd::DISABLE;
+      default:
+        return std::nullopt;
+    }
+  }
+
+  /// Acts on the chosen node, or asks first if that ends its process.
+  void request(Cmd cmd) {
+    if (count() == 0) return;
+    if (cmd == Cmd::START || cmd == Cmd::ENABLE) {
+      act(cmd);
+    } else {
+      asked_ = cmd;
+    }
+  }
+
+  void answer(int key) {
+    const Cmd cmd = *asked_;
+    asked_.reset();
+    if (key == 'y' || key == 'Y') act(cmd);
   }
 
   void choose(long step) {
@@ -218,7 +257,6 @@ class Top {
   }
 
   void act(Cmd cmd) {
-    if (count() == 0) return;
     const std::string& name = watcher_.names()[chosen_];
     const OperationWords words = wordsFor(cmd);
     ControlOptions options =
@@ -230,10 +268,11 @@ class Top {
       draw();
     };
     ControlClient client(options);
+    const StatusReply before = watcher_.status(name);
     const ControlReply reply = perform(client, cmd, name);
     message_ = name + ": ";
     if (reply.isDone()) {
-      message_ += words.done;
+      message_ += describeDone(cmd, launcher_, name, before);
     } else if (reply.outcome == Outcome::FAILED) {
       message_ += std::string(words.command) +
                   " failed: " + explainFailure(client, launcher_, name, cmd);
@@ -257,6 +296,10 @@ class Top {
 
   void draw() {
     (void)erase();
+    if (is_help_) {
+      drawHelp();
+      return;
+    }
     if (!is_known_) {
       write(0, "asking the launcher ...", A_NORMAL);
     } else {
@@ -264,10 +307,40 @@ class Top {
       if (hasFrame()) write(0, summary(all), A_NORMAL);
       drawNodes(all);
     }
-    if (hasFrame()) write(LINES - 1, kKeys, A_DIM);
+    if (hasFrame()) write(LINES - 1, keyLine(), A_DIM);
     if (!message_.empty()) {
       write(LINES - (hasFrame() ? 2 : 1), terminalText(message_), A_BOLD);
     }
+    if (asked_) write(LINES - 1, question(), A_BOLD);
+    (void)refresh();
+  }
+
+  static OutputText keyLine() {
+    OutputText line;
+    for (const char* const each : kKeyLines) {
+      line = terminalText(each);
+      if (displayWidth(line) <= static_cast<size_t>(COLS)) break;
+    }
+    return line;
+  }
+
+  /// "stop camera? y/n", with the end of a long name left out.
+  OutputText question() const {
+    const OutputText begin = terminalText(wordsFor(*asked_).command) + " ";
+    const OutputText end = "? y/n";
+    const size_t taken = displayWidth(begin) + displayWidth(end);
+    const auto width = static_cast<size_t>(COLS);
+    const size_t room = width > taken ? width - taken : 1;
+    return begin + truncated(terminalText(watcher_.names()[chosen_]), room) +
+           end;
+  }
+
+  static void drawHelp() {
+    int row = 0;
+    for (const char* const line : kHelp) {
+      write(row++, terminalText(line), A_NORMAL);
+    }
+    write(LINES - 1, "Press a key to return.", A_DIM);
     (void)refresh();
   }
 
@@ -360,6 +433,8 @@ class Top {
   Watcher watcher_;
   bool is_known_ = false;  // the launcher has answered for every node
   bool is_done_ = false;
+  bool is_help_ = false;      // the keys are shown in place of the nodes
+  std::optional<Cmd> asked_;  // waits for a "y"
   size_t chosen_ = 0;
   size_t first_ = 0;  // the topmost node on the screen
   std::string message_;

@@ -287,6 +287,18 @@ TEST(ControlClientReplyTest, CutByAResetLeavesTheOutcomeUnknown) {
                                kMayTakeEffect);
 }
 
+TEST(ControlClientReplyTest, IsNotWaitedForBeyondTheTotalLimit) {
+  const FakeLauncher launcher(
+      [&](int connection) { (void)FakeLauncher::readToEnd(connection); });
+  ControlOptions options;
+  options.socketPath = launcher.path();
+  options.totalLimit = milliseconds(250);
+  const ControlReply reply = ControlClient(options).start("planner");
+  EXPECT_EQ(reply.outcome, Outcome::UNKNOWN);
+  EXPECT_EQ(reply.message,
+            std::string("no reply within 0.25 s; ") + kMayTakeEffect);
+}
+
 TEST(ControlClientReplyTest, ThatDoesNotComeInTimeLeavesTheOutcomeUnknown) {
   std::string rest;
   const FakeLauncher launcher(
@@ -522,9 +534,10 @@ TEST(BusyLauncherTest, IsTriedUntilTheConnectLimit) {
   const ControlReply reply = ControlClient(options).start("planner");
   EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(300));
   EXPECT_EQ(reply.outcome, Outcome::NOT_SENT);
-  EXPECT_EQ(reply.message,
-            "the launcher is busy: it took no connection within 0.3 s; nothing "
-            "was sent");
+  EXPECT_EQ(
+      reply.message,
+      "the launcher is busy: it accepted no connection within 0.3 s; nothing "
+      "was sent");
 }
 
 TEST(BusyLauncherTest, GetsTheRequestWhenItsQueueHasRoom) {

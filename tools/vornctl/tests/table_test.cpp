@@ -39,6 +39,29 @@ TEST(TableTest, APlainOneHasTabsAndNothingElse) {
   EXPECT_EQ(stream.str(), "NODE\tPID\ncamera\t1\n");
 }
 
+TEST(TableTest, LosesColumnsInThisOrderUntilItFits) {
+  const auto titles = [](size_t width) {
+    Table table = {{"ONE", "TWO", "THREE"}, {{{"1"}, {"2"}, {"3"}}}};
+    fitInto(table, width, {2, 1});
+    EXPECT_EQ(table.rows.front().size(), table.header.size());
+    std::string text;
+    for (const OutputText& title : table.header) text += title.str() + ' ';
+    return text;
+  };
+  EXPECT_EQ(titles(15), "ONE TWO THREE ");
+  EXPECT_EQ(titles(14), "ONE TWO ");
+  EXPECT_EQ(titles(8), "ONE TWO ");
+  EXPECT_EQ(titles(7), "ONE ");
+}
+
+TEST(TableTest, ShortensTheFirstColumnWhenNoneIsLeftToLose) {
+  EXPECT_NE(std::setlocale(LC_CTYPE, "C.UTF-8"), nullptr);
+  Table table = {{"NODE", "STATE"}, {{{"camera"}, {"running"}}}};
+  fitInto(table, 12, {});
+  EXPECT_EQ(table.header.front().str(), "NO…");
+  EXPECT_EQ(table.rows.front().front().text.str(), "ca…");
+}
+
 TEST(TableTest, EveryColourHasItsSequenceAndEnds) {
   EXPECT_EQ(coloured("x", Colour::NONE).str(), "x");
   EXPECT_EQ(coloured("", Colour::RED).str(), "");
