@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs the long proofs of docs/reliability.md, one command each.
+# Runs the long forms of the reliability tests; docs/reliability.md has the results.
 
 root=$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")
 # shellcheck source=scripts/common.sh
@@ -14,16 +14,17 @@ Installs the Debian packages that are missing, builds, and runs one long proof.
 The options go to it. Exit status: 0 nothing was found, 1 something failed, 2
 it could not be run. CI runs the short forms: ./test.sh --reliability.
 
-  faults      every system call of the launcher fails, each in turn
-  states      random machines and commands against a model of the node states
-  fuzz        launch files, requests, log text and roots by libFuzzer
-  clients     hostile and heavy clients
-  questions   ten thousand of them, by as many clients and by one
-  storms      deaths and signals by the thousand
-  soak        200 nodes for an hour, recorded
-  death       the launcher killed at every system call
-  coverage    branches of the sources that the tests take
-  mutants     faults put into the sources, to be caught by the tests
+  faults       each system call of the launcher fails in turn, with each error
+  fault-table  only prints the calls, the errors and the expected outcomes
+  states       random launch files and commands, compared with a model
+  fuzz         launch files, requests, log texts and roots, by libFuzzer
+  clients      hostile and numerous clients of the control socket
+  questions    10,000 status requests, by as many clients and by one
+  storms       deaths and signals by the thousand, fork bombs, full disks
+  soak         200 nodes for an hour; writes build/soak/soak.csv and soak.svg
+  death        SIGKILL at each system call of the launcher, then a new launcher
+  coverage     branches that the tests take; at least 95 %
+  mutants      faults in the sources that the tests must catch; at least 95 %
 TEXT
 }
 
@@ -44,6 +45,7 @@ proof=${1-}
 shift || true
 case $proof in
   faults) run_long test_fault_sweep.py -n "$(($(nproc) * 4))" "$@" ;;
+  fault-table) /usr/bin/python3 tests/reliability/fault_table.py ;;
   states) run_long test_state_model.py "$@" ;;
   fuzz) fuzz/run.sh "$@" ;;
   clients) run_long test_hostile_clients.py "$@" ;;

@@ -15,8 +15,19 @@ usage() {
 Usage: fuzz/run.sh [OPTION...] [TARGET...]
 
 Installs the Debian packages that are missing, builds the fuzz targets, runs
-them side by side, and closes with a table. Targets (default: all of them):
-${all_targets[*]}.
+them side by side, and prints a table. No input may end the process, violate a
+sanitizer, take 20 s or 2 GiB, or break a check of the target. Targets (default:
+all of them):
+
+  launch_file      a file of any content through the parser; only exceptions of
+                   yaml-cpp may leave it, and nodes that were read are complete
+  control_request  connections and requests with failing calls and dying
+                   children; each reply must have the right fields, and each
+                   successful command its effect
+  log_text         any text, level and time to a standard error that takes it in
+                   pieces or refuses it; lines must be as documented
+  install_root     "install://" under any VORN_ROOT and executable path; the
+                   expansion must end and leave no "install://"
 
   --minutes N   how long each is run (default: 60)
   --merge       add to fuzz/seeds what this and earlier runs have come up with

@@ -3,7 +3,8 @@ fault sweep goes through, call by call.
 
 Each scenario lists, in their order, the calls that the launcher makes in it, and
 for each call the errors it is made to fail with and what comes of that. Run as a
-program, this writes the table into docs/reliability.md.
+program, it prints the table; the last column names the scenario and says which
+calls of that name fail.
 """
 
 import collections
@@ -18,9 +19,6 @@ import sys
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
 from support.control import Cmd, Result, State  # noqa: E402
-
-DOCUMENT = pathlib.Path(__file__).resolve().parents[2] / "docs/reliability.md"
-BEGIN, END = "<!-- faults:begin -->", "<!-- faults:end -->"
 
 UNKNOWN_COMMAND = 9
 SOCKET = "/tmp/vornlaunch/vornlaunch.sock"
@@ -977,7 +975,7 @@ def all_cases():
 CASES = all_cases()
 
 
-# -- The table as documentation.
+# -- The table for a reader.
 
 
 def spans(numbers):
@@ -1008,18 +1006,5 @@ def table():
     return "\n".join(lines) + "\n"
 
 
-def split_document():
-    """The text up to the table, the table, and the text after it."""
-    before, rest = DOCUMENT.read_text(encoding="utf-8").split(BEGIN + "\n")
-    kept, after = rest.split(END)
-    return before + BEGIN + "\n", kept, END + after
-
-
-def kept_table():
-    """The table in the document."""
-    return split_document()[1]
-
-
 if __name__ == "__main__":
-    BEFORE, _, AFTER = split_document()
-    DOCUMENT.write_text(BEFORE + table() + AFTER, encoding="utf-8")
+    print(table(), end="")

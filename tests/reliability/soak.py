@@ -1,5 +1,12 @@
-"""Soak: nodes of every kind and a request every 100 ms, for an hour. What the
-launcher uses, and how late its restarts are, is recorded every 10 seconds.
+"""Soak: nodes of every kind and a request every 100 ms, for an hour. The memory
+and descriptors of the launcher and the delay of its restarts are recorded every
+10 seconds.
+
+It fails if the descriptors vary, the memory grows, a zombie remains, a restart
+is missed, early or more than 1.2 s late, the log has an ERROR line other than
+for a refused fork, or a node remains after SIGTERM. A restart is due 5 s after
+the last start, or at the exit if that is later; the time in which the launcher
+served a request or waited for a processor does not count.
 
 `./reliability.sh soak` runs it; test_soak.py runs a minute of it.
 """

@@ -430,11 +430,3 @@ def test_a_failed_call_has_its_outcome_and_no_other(case, new_machine, before_ma
     assert all(matches(call, case.call) for call in failed)
     assert len(failed) == case.outcome.failures
     a_run.check(case.expected_lines(), case.expected_replies())
-
-
-# -- The table in the documentation.
-
-
-def test_the_documentation_holds_this_table():
-    assert fault_table.kept_table() == fault_table.table(), (
-        "run /usr/bin/python3 tests/reliability/fault_table.py")

@@ -1,4 +1,9 @@
-"""Clients of the control socket that are hostile, broken, or very many."""
+"""Clients of the control socket that are hostile, broken, or very many.
+
+After each of them the launcher must answer the next request, have the same
+descriptors as before and no zombie, and have written whole lines only: each is
+a known text, and each connection has exactly one "control cmd" or "received".
+"""
 
 import collections
 import concurrent.futures

@@ -1,4 +1,4 @@
-"""A minute of the soak; soak.py tells what it is."""
+"""A minute of the soak that soak.py describes."""
 
 from soak import Soak
 

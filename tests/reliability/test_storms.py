@@ -37,7 +37,7 @@ def sleepers(*names):
 
 
 def figure(text):
-    """For docs/reliability.md; the long form shows what is printed."""
+    """Prints a result, which the long form shows."""
     print("\n   " + text)
 
 

@@ -1,5 +1,11 @@
-"""The launcher killed at its every system call, and the next one started over
-what it has left: a socket nobody listens on, nodes without a launcher."""
+"""The launcher is killed at each of its system calls, and the next one is started
+in the same machine: it finds a stale socket and nodes without a launcher.
+
+A rehearsal under strace lists the calls. SIGKILL at the entry of call N is death
+after call N-1, so that every boundary between two calls is tested. The next
+launcher must answer, run all its nodes as new processes, notice the death of
+one, end by SIGTERM with status 0 and write no ERROR line; the nodes of the first
+must be found by the command in docs/operations.md and keep running."""
 
 import collections
 import dataclasses
