@@ -113,7 +113,7 @@ std::string holderOf(pid_t launcher) {
       if (std::find(peers.begin(), peers.end(), inode) == peers.end()) continue;
       std::string name = readProcFile("/proc/" + pid + "/comm").value_or("?\n");
       name.pop_back();
-      return ", process " + pid + " (" + name + ')';
+      return std::string(", process ").append(pid) + " (" + name + ')';
     }
   }
   return "";
