@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Measures the launcher beside floors and peers; docs/performance.md.
+# Measures the launcher, lower bounds and other supervisors; docs/performance.md has
+# the results.
 
 root=$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")
 # shellcheck source=scripts/common.sh
