@@ -224,6 +224,53 @@ def test_a_name_in_quotes_is_completed(machine, shell_name, quote, name):
     shell.wait_for_text(f"{name}: disabled")
 
 
+HOSTILE = [
+    "a!!:1:h;touch /tmp/x;#", "b$(touch /tmp/x)", "c`touch /tmp/x`", "d;touch /tmp/x",
+    "e&touch /tmp/x", "f|touch /tmp/x", "g\ntouch /tmp/x", "h'\";touch /tmp/x;#",
+    "i\\';touch /tmp/x;#", "j\n'!!:1;touch /tmp/x;#", "k<(touch /tmp/x)",
+    "l\\\";touch /tmp/x;#", "m>/tmp/x", "n\x1b';touch /tmp/x;#!!:1", "o\\!!:1",
+]
+
+
+@pytest.mark.parametrize("quote", ["", '"', "'"])
+@pytest.mark.parametrize("shell_name", SHELLS)
+def test_no_completed_name_executes_anything(machine, shell_name, quote):
+    node = {"path": "/bin/true", "disabled": True}
+    machine.start({"vornnode": dict.fromkeys(HOSTILE, node)})
+    shell = Shell(machine, shell_name)
+    for name in HOSTILE:
+        # An argument that history expansion can take from here.
+        shell.type("true \"';touch /tmp/x;#\"")
+        shell.press("Enter")
+        shell.type(f"vornctl status {quote}{name[0]}")
+        shell.press("Tab", "Enter", "C-c")
+        # Ctrl-C discards what is typed before its prompt.
+        shell.wait_for(lambda screen: shell.line(screen) == "", "a prompt")
+        shell.type(f"echo end-of-{name[0]}")
+        shell.press("Enter")
+        shell.wait_for(lambda screen: f"end-of-{name[0]}" in screen, "the end")
+        assert not (machine.tmp / "x").exists(), name
+
+
+@pytest.mark.parametrize("shell_name", ["bash", "zsh"])
+def test_dashes_precede_a_name_that_looks_like_an_option(machine, shell_name):
+    machine.start({"vornnode": {"--all": {"path": "/bin/true", "disabled": True}}})
+    shell = Shell(machine, shell_name)
+    shell.complete("vornctl stop ", "vornctl stop -- --all")
+
+
+def test_a_name_that_looks_like_an_option_is_completed_after_dashes(machine):
+    machine.start({"vornnode": {"--all": {"path": "/bin/true", "disabled": True}}})
+    for name in SHELLS:
+        Shell(machine, name).complete("vornctl stop -- --a", "vornctl stop -- --all")
+
+
+@pytest.mark.parametrize("quote", ["", '"', "'"])
+def test_fish_offers_no_name_that_looks_like_an_option(machine, quote):
+    machine.start({"vornnode": {"--all": {"path": "/bin/true", "disabled": True}}})
+    assert Shell(machine, "fish").completes_to_nothing(f"vornctl stop {quote}")
+
+
 def test_the_names_are_those_of_the_file_that_is_named(shell):
     shell.machine.file("my other.yaml", "vornnode: {other: {path: x}}\n")
     shell.complete("vornctl --launch-file /tmp/my\\ other.yaml start o",

@@ -28,27 +28,47 @@ _vornctl_nodes() {
 
 # _vornctl_offer_nodes CURRENT KEPT PROGRAM WORD... offers the nodes that begin
 # with CURRENT, quoted as that is, and are not among the words. KEPT is the part
-# of CURRENT that bash does not replace.
+# of CURRENT that bash does not replace. No quotes keep a name from the history
+# expansion of "!" in double quotes, nor safely in $'...'. A name that looks like
+# an option follows "--".
 _vornctl_offer_nodes() {
-  local current=$1 kept=$2 name quoted
+  local current=$1 kept=$2 name quoted dashes=
   shift 2
+  _vornctl_has_dashes "$@" || dashes='-- '
   while IFS= read -r -d '' name; do
+    case $current in
+      [\"\']*) [[ $name != *[[:cntrl:]]* && $dashes$name != '-- -'* ]] || continue ;;
+    esac
     case $current in
       \'*)
         [[ $name != *\'* ]] || continue
         quoted="'$name"
         ;;
       \"*)
+        [[ $name != *!* ]] || continue
         quoted=${name//\\/\\\\}
         quoted=${quoted//\"/\\\"}
         quoted=${quoted//\$/\\\$}
         quoted="\"${quoted//\`/\\\`}"
         ;;
-      *) printf -v quoted %q "$name" ;;
+      *)
+        printf -v quoted %q "$name"
+        [[ $quoted != \$\'*!* ]] || continue
+        [[ $name != -* ]] || quoted=$dashes$quoted
+        ;;
     esac
     [[ $quoted == "$current"* ]] || continue
     _vornctl_has_word "$name" "$@" || COMPREPLY+=("${quoted#"$kept"}")
   done < <(_vornctl_nodes "$@")
+}
+
+# _vornctl_has_dashes WORD... tells whether "--" ends the options.
+_vornctl_has_dashes() {
+  local word
+  for word in "$@"; do
+    [[ $word != -- ]] || return 0
+  done
+  return 1
 }
 
 # _vornctl_has_word NAME WORD... tells whether one of the words is this name,
@@ -157,7 +177,7 @@ _vornctl() {
       ;;
     graph) options+=(--format) ;;
   esac
-  if [[ $current == -* ]]; then
+  if [[ $current == -* ]] && ! _vornctl_has_dashes "${words[@]}"; then
     _vornctl_offer "$current" "$kept" "${options[@]}"
     return
   fi

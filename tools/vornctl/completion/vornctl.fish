@@ -17,6 +17,8 @@ function __vornctl_nodes
     for name in ($program --connect-timeout 1s --timeout 1s $options names --null 2>/dev/null | string split0)
         # fish takes what stands behind a tab for a description.
         string match -qr '[\t\n]' -- $name; and continue
+        # A name that looks like an option is one without "--" before it.
+        string match -q -- '-*' $name; and not contains -- -- $words; and continue
         contains -- $name $words[2..]; or printf '%s\n' $name
     end
 end

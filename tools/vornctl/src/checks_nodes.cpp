@@ -24,6 +24,12 @@ void checkName(const NodeReading& node, Findings& findings) {
                  "the name of this node has " + std::to_string(name.size()) +
                      " bytes; with more than 127 it cannot be controlled");
   }
+  if (name.rfind('-', 0) == 0) {
+    findings.add("name-like-option", node.name.place,
+                 "the name '" + name +
+                     "' starts with a dash; after 'vornctl stop' it is taken "
+                     "for an option");
+  }
   if (name.find('\0') != std::string::npos) {
     findings.add("nul-in-name", node.name.place,
                  named(node) +

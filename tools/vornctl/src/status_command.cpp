@@ -186,6 +186,13 @@ void printTable(const StatusOptions& options, const Settings& settings,
   }
 }
 
+/// A name on a line. A leading dash is escaped, so that "names | xargs vornctl
+/// stop" does not take the name for an option.
+OutputText lineFor(const std::string& name) {
+  if (name.rfind('-', 0) != 0) return terminalText(name) + "\n";
+  return "\\x2d" + terminalText(name.substr(1)) + "\n";
+}
+
 }  // namespace
 
 const std::vector<Column>& statusColumns() {
@@ -271,7 +278,7 @@ ExitStatus showNames(Session& session, char separator) {
   }
   for (const LaunchNode& node : launcher->file.nodes) {
     standardOutput() << (separator == '\0' ? nulTerminated(node.name)
-                                           : terminalText(node.name) + "\n");
+                                           : lineFor(node.name));
   }
   return kDone;
 }
