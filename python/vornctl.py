@@ -43,7 +43,8 @@ class Error(Exception):
 
 
 class InvalidName(Error, ValueError):
-    """Not a name that can be sent: over 127 bytes, or with a NUL in it."""
+    """Not a name that can be sent: over 127 bytes, with a NUL in it, or one that
+    cannot be encoded."""
 
 
 class NoLauncher(Error):
@@ -146,7 +147,10 @@ class Launcher:
         return Status(State(state), pid, start_seconds)
 
     def _request(self, command, name):
-        raw = os.fsencode(name)
+        try:
+            raw = os.fsencode(name)
+        except UnicodeEncodeError as error:
+            raise InvalidName(f"a node's name cannot be encoded: {error}") from error
         if len(raw) > 127:
             raise InvalidName(
                 f"a node's name has at most 127 bytes; this one has {len(raw)}"

@@ -171,6 +171,11 @@ def test_a_name_with_a_nul_is_not_sent():
         vornctl.Launcher("/nonexistent").start("a\0b")
 
 
+def test_a_name_that_cannot_be_encoded_is_not_sent():
+    with pytest.raises(vornctl.InvalidName, match="cannot be encoded"):
+        vornctl.Launcher("/nonexistent").start("\ud800")
+
+
 def test_signals_are_held_off_while_connected_and_not_sent(server, monkeypatch):
     masks = []
     original = vornctl.Launcher._check_user
