@@ -247,7 +247,6 @@ def library(name, arguments, errors, role):
     return Call(name, arguments, role, faults((errors, NO_MATTER)) if errors else ())
 
 
-STDOUT_BUFFER = library("newfstatat", r'1, ""', "EACCES ENOMEM", "inside printf(3)")
 WAIT = Call(
     "epoll_wait", r"\d+, ", "waits for events",
     faults(("EINTR", Outcome(
@@ -479,6 +478,7 @@ def beginning():
                               silent=True)))),
         library("ioctl", r"2, TCGETS", "EIO ENOTTY", "is standard error a terminal?"),
         library("prlimit64", r"0, RLIMIT_FSIZE", "EPERM", "is there a size limit?"),
+        library("ioctl", r"1, TCGETS", "EIO ENOTTY", "is standard output a terminal?"),
         *(Call("rt_sigaction", f"{name}, ", "arms the fatal signals", faults(
             ("EINVAL", Outcome(
                 "one line on standard output, by the place in the list; goes on",
@@ -831,7 +831,6 @@ SIGINT = Scenario(
     calls=(
         *up({"stay": "/bin/sleep"}),
         *without_faults((WAIT,)),
-        STDOUT_BUFFER,
         log("ERROR wait: epoll_wait failed."),
         EXIT,
         printed(HANDLED_WITH_INTERRUPT),
@@ -848,7 +847,6 @@ USAGE = Scenario(
     arguments=(),
     calls=(
         *without_faults(beginning()),
-        STDOUT_BUFFER,
         EXIT,
         printed("Usage: \n  vornlaunch launch.yaml\n\n\n"),
     ),

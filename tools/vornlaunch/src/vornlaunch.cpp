@@ -4,6 +4,7 @@
 #include "vornlaunch.h"
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -49,6 +50,16 @@ constexpr int kFatalSignals[] = {SIGTERM, SIGQUIT, SIGHUP,  SIGSEGV,
 // pass of the loop calls what the compiler cannot see through.
 bool exited = false;
 std::mutex signo_mutex_;
+
+/// Gives standard output a buffer before the fatal signals are armed. Otherwise
+/// the C library allocates one at the first use, which is usually the one in
+/// sig_seg_handler(): if the signal interrupts an allocation, the heap is
+/// corrupted. The mode is the one that the C library chooses.
+void bufferStandardOutput() {
+  static char buffer[BUFSIZ];
+  const int mode = ::isatty(STDOUT_FILENO) == 1 ? _IOLBF : _IOFBF;
+  (void)std::setvbuf(stdout, buffer, mode, sizeof(buffer));
+}
 
 void armFatalSignals() {
   struct sigaction action {};
@@ -113,10 +124,12 @@ void runMainLoop(vorn::launch::Epoll& epoll) {
 
 }  // namespace
 
-// KEEP: locks and prints in a signal handler, where neither is safe. Another
-// signal inside the locked lines would wait for itself for good; known and
-// accepted. A real fault returns into its instruction and so spins silently;
-// known as well. Add nothing here.
+// KEEP: locks and prints in a signal handler, where neither is safe. If another
+// signal arrives while the mutex is locked, the launcher waits for itself
+// forever; known and accepted. A real fault returns to its instruction and so
+// spins silently; known as well. Add nothing here: strsignal() and printf()
+// allocate nothing for these signals, this format and the buffer that
+// bufferStandardOutput() provides.
 // Test: test_signals.py, test_only_the_first_fatal_signal_prints
 void sig_seg_handler(int sig) {
   if (sig == SIGPIPE) return;
@@ -132,6 +145,7 @@ void sig_seg_handler(int sig) {
 
 int main(int argc, char** argv) {
   vorn::setNodeName("vornlaunch");
+  bufferStandardOutput();
   armFatalSignals();
   (void)std::atexit(holdSizeLimitSignalOff);
   if (argc != 2) {
