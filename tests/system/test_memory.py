@@ -23,16 +23,3 @@ def test_the_heap_is_less_than_a_kilobyte_for_each_of_a_thousand_nodes(machine):
     assert machine.status("node999").state == State.STOPPED
     # Without being packed they would keep the whole tree's place: 3.2 MiB.
     assert heap_in_use(machine) < 1000
-
-
-@pytest.mark.native
-@pytest.mark.plain
-def test_code_that_has_only_read_the_launch_file_takes_no_memory(machine):
-    machine.start({"vornnode": {"worker": {"path": "/bin/sleep", "argv": "1000"}}})
-    text = machine.process.read("smaps").decode()
-    code = re.search(r"^[0-9a-f-]+ r-xp [^\n]*/vornlaunch\n(.*?)^VmFlags", text, re.M | re.S)
-    size, resident = (int(re.search(rf"^{name}: +(\d+) kB$", code[1], re.M)[1])
-                      for name in ("Size", "Rss"))
-    if size < 500:
-        pytest.skip("this launcher has most of its code in shared libraries")
-    assert resident < 3 / 4 * size

@@ -1,8 +1,6 @@
 #include "memory_use.h"
 
 #include <malloc.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
@@ -11,12 +9,6 @@
 #include <utility>
 
 #include "vornlib/time.h"
-
-// Where the code begins and ends, by the linker.
-extern "C" {
-extern const char __executable_start;  // NOLINT(bugprone-reserved-identifier)
-extern const char etext;
-}
 
 namespace vorn::launch {
 namespace {
@@ -130,15 +122,6 @@ void packNodes(const std::vector<std::unique_ptr<Node>>& nodes) {
     }
   }
   (void)::malloc_trim(0);
-}
-
-void dropCode() {
-  const auto page = static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE));
-  const auto size = reinterpret_cast<uintptr_t>(&etext) -
-                    reinterpret_cast<uintptr_t>(&__executable_start);
-  // Clean pages of a file: nothing can be lost. They begin with a page.
-  (void)::madvise(const_cast<char*>(&__executable_start), size / page * page,
-                  MADV_DONTNEED);
 }
 
 }  // namespace vorn::launch

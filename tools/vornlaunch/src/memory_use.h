@@ -26,9 +26,4 @@ void deallocateNode(void* memory) noexcept;
 /// list of a node may be in use. The nodes themselves stay where they are.
 void packNodes(const std::vector<std::unique_ptr<Node>>& nodes);
 
-/// Lets go of the program's code, most of which has only read the launch file;
-/// what is used again comes back by itself. For a program that has all its code
-/// in its own file; a debugger's breakpoints go with it.
-void dropCode();
-
 }  // namespace vorn::launch

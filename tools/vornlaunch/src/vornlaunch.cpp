@@ -30,11 +30,6 @@ using vorn::kError;
 using vorn::kEvent;
 using vorn::kPlain;
 
-#ifdef VORN_IS_STATIC
-constexpr bool kHasAllCode = true;
-#else
-constexpr bool kHasAllCode = false;  // shared libraries have most of it
-#endif
 constexpr int kUsageStatus = 1;
 constexpr int kRestartPollMs = 1000;
 constexpr int kNoTimeout = -1;
@@ -166,7 +161,6 @@ int main(int argc, char** argv) {
   // Else each child would make its own, between its fork and its exec.
   (void)vorn::launch::Config::getInstance();
   vorn::launch::packNodes(vorn::launch::NodeManager::getInstance().nodes());
-  if (kHasAllCode) vorn::launch::dropCode();
 
   vorn::launch::Epoll epoll;
   if (!epoll.open()) {
