@@ -63,7 +63,7 @@ bool hasSizeLimit() {
 const Sink& sink() {
   static const Sink kSink = [] {
     Sink found{};
-    found.open = ::fcntl(STDERR_FILENO, F_GETFD) != -1;
+    found.open = ::fcntl(STDERR_FILENO, F_GETFD) != -1 || errno != EBADF;
     found.journal = isJournal();
     found.colour =
         ::getenv("NO_COLOR") == nullptr && ::isatty(STDERR_FILENO) == 1;

@@ -542,6 +542,20 @@ TEST(TraceTest, NamingTheProcessSettlesThatStandardErrorIsClosed) {
   EXPECT_EQ("", log.bytes());
 }
 
+TEST(TraceTest, AnErrorOtherThanABadDescriptorDoesNotMeanThatItIsClosed) {
+  const test::LogCapture log;
+  test::libraryCalls().fcntl = [](int fd, int operation) {
+    EXPECT_EQ(STDERR_FILENO, fd);
+    EXPECT_EQ(F_GETFD, operation);
+    errno = EPERM;
+    return -1;
+  };
+  setNodeName("vornlaunch");
+  test::libraryCalls().fcntl = nullptr;
+  logText("written");
+  EXPECT_THAT(log.lines(), ElementsAre(logLine("INFO", false, "f", "written")));
+}
+
 TEST(TraceTest, WithStandardErrorFullALineIsLostAndTheProcessLives) {
   const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
   if (full == -1) GTEST_SKIP() << "/dev/full is missing";

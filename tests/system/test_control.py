@@ -412,8 +412,7 @@ def test_a_listening_failure_is_logged_after_the_close(machine):
 
 
 def test_flags_that_cannot_be_set_do_not_cost_the_control_socket(machine):
-    # No shell, whose own calls would fail as well, and no look at the log, which
-    # takes a refused fcntl(2) for a closed standard error.
+    # No shell, whose own calls would fail as well.
     machine.start({"vornnode": {"worker": {"path": "/bin/sleep", "argv": "1000"}}},
                   strace=injected("fcntl:error=EPERM"))
     assert machine.status("worker").state == State.RUNNING

@@ -302,6 +302,15 @@ def matching_positions(calls, patterns):
     return positions
 
 
+def test_main_leaves_the_global_settings_to_the_parser_and_the_children(build):
+    objects = build / "tools/vornlaunch/CMakeFiles/vornlaunch.dir/src"
+    symbols = subprocess.run(
+        ["nm", "--demangle", objects / "vornlaunch.cpp.o"], check=True,
+        stdout=subprocess.PIPE, encoding="utf-8").stdout
+    assert "Parser::Parse" in symbols
+    assert "Config::getInstance" not in symbols
+
+
 @pytest.mark.native
 def test_the_steps_of_start_up_come_in_their_order(machine):
     machine.start(

@@ -1,5 +1,7 @@
 #include "support/library_calls.h"
 
+#include <cstdarg>
+
 // The linker turns every call of X() into __wrap_X and offers the original as
 // __real_X; the names are its own.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl*)
@@ -33,6 +35,18 @@ int __wrap_getrlimit(int resource, rlimit* limit) {
   const auto& replacement = libraryCalls().getrlimit;
   return replacement ? replacement(resource, limit)
                      : __real_getrlimit(resource, limit);
+}
+
+int __real_fcntl(int fd, int operation, ...);
+int __wrap_fcntl(int fd, int operation, ...) {
+  if (const auto& replacement = libraryCalls().fcntl) {
+    return replacement(fd, operation);
+  }
+  va_list arguments;
+  va_start(arguments, operation);
+  const long argument = va_arg(arguments, long);
+  va_end(arguments);
+  return __real_fcntl(fd, operation, argument);
 }
 
 }  // extern "C"

@@ -22,6 +22,7 @@ struct LibraryCalls {
       read_symlink;
   std::function<int(int, struct stat*)> fstat;
   std::function<int(int, rlimit*)> getrlimit;
+  std::function<int(int, int)> fcntl;  // descriptor and operation
 };
 
 /// The replacements in force; one set per process.

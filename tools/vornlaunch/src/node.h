@@ -26,13 +26,14 @@ namespace vorn::launch {
 /// `required` as well, so locks nest along `required`, and a cycle of two or
 /// more nodes blocks for good. Operations report failure by a log line and
 /// `false`.
-class Node {
+class Node final {
  public:
   explicit Node(std::string name);
   Node(const Node&) = delete;
   Node& operator=(const Node&) = delete;
 
-  // Next to the other nodes, see memory_use.h.
+  // Next to the other nodes, see memory_use.h. The class is final, because the
+  // place is always of its own size.
   static void* operator new(size_t size);
   static void operator delete(void* memory) noexcept;
 

@@ -126,8 +126,12 @@ bool installSignalHandler(Epoll* epoll) {
 void unblockSignals() {
   setDefaultDisposition(SIGCHLD, 0);
   // Until exec the child has the launcher's own handler for SIGTERM, which
-  // would swallow a stop that comes this early and make it last ten seconds.
+  // would ignore a stop that arrives this early, so that it takes ten seconds.
   setDefaultDisposition(SIGTERM, 0);
+  // KEEP: until exec the child also has the launcher's handler for SIGINT,
+  // SIGHUP and SIGQUIT: if one of them arrives before exec, it is lost. Only
+  // SIGTERM, which the launcher itself sends, is reset. Intended.
+  // Test: UnblockSignalsTest.GivesBothSignalsTheirDefaultsThenUnblocksThem
   const sigset_t signals = routedSignals();
   if (::sigprocmask(SIG_UNBLOCK, &signals, nullptr) == -1) {
     VTRACE(kError, kPlain, "failed to unblock signals for PID");

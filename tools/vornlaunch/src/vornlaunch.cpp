@@ -14,7 +14,6 @@
 #include <mutex>
 #include <string>
 
-#include "config.h"
 #include "control_node.h"
 #include "epoll.h"
 #include "memory_use.h"
@@ -158,8 +157,6 @@ int main(int argc, char** argv) {
   // after every other failure. Intended.
   // Test: test_startup.py, test_an_unreadable_launch_file_ends_with_status_0
   if (!vorn::launch::Parser().Parse(launch_file)) return 0;
-  // Else each child would make its own, between its fork and its exec.
-  (void)vorn::launch::Config::getInstance();
   vorn::launch::packNodes(vorn::launch::NodeManager::getInstance().nodes());
 
   vorn::launch::Epoll epoll;
