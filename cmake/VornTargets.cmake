@@ -1,6 +1,32 @@
 # How every target of this project is compiled.
 
-# Language level, warnings, sanitizers and counters of one of our targets.
+include(CheckCXXCompilerFlag)
+check_cxx_compiler_flag(-fcf-protection=full VORN_HAS_CF_PROTECTION)
+check_cxx_compiler_flag(-mbranch-protection=standard VORN_HAS_BRANCH_PROTECTION)
+check_cxx_compiler_flag(-fstack-clash-protection VORN_HAS_STACK_CLASH_PROTECTION)
+
+# Hardens one of our targets against exploits: the launcher often runs as root.
+# The program is position independent, its relocations are read-only. A
+# sanitizer does more than _FORTIFY_SOURCE and does not work with it; without
+# optimization _FORTIFY_SOURCE has no effect.
+function(vorn_harden target)
+  target_compile_options(${target} PRIVATE
+    $<$<NOT:$<BOOL:$<TARGET_PROPERTY:POSITION_INDEPENDENT_CODE>>>:-fPIE>
+    -fstack-protector-strong
+    $<$<BOOL:${VORN_HAS_STACK_CLASH_PROTECTION}>:-fstack-clash-protection>
+    $<$<BOOL:${VORN_HAS_CF_PROTECTION}>:-fcf-protection=full>
+    $<$<BOOL:${VORN_HAS_BRANCH_PROTECTION}>:-mbranch-protection=standard>)
+  if(NOT VORN_SANITIZE)
+    target_compile_options(${target} PRIVATE -U_FORTIFY_SOURCE
+      $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+  endif()
+  target_link_options(${target} PRIVATE
+    LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack
+    $<IF:$<BOOL:$<TARGET_PROPERTY:VORN_IS_STATIC>>,-static-pie,-pie>)
+endfunction()
+
+# Language level, warnings, hardening, sanitizers and counters of one of our
+# targets.
 function(vorn_compile_options target)
   target_compile_features(${target} PUBLIC cxx_std_17)
   set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
@@ -8,6 +34,7 @@ function(vorn_compile_options target)
   target_compile_options(${target} PRIVATE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion
     -Wformat=2 -Werror=format)
+  vorn_harden(${target})
   if(VORN_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
   endif()

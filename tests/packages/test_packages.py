@@ -10,6 +10,7 @@ import subprocess
 
 import pytest
 
+from support.elf import ALL_PROTECTIONS, protections
 from support.waiting import eventually
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -49,6 +50,17 @@ def test_the_launchers_package_depends_on_what_it_runs(packages):
 
 def test_the_launcher_depends_on_no_shared_library(packages):
     assert "lib" not in field(packages["vornlaunch"], "Depends")
+
+
+def test_the_launchers_package_lists_the_libraries_that_it_contains(packages):
+    built_using = field(packages["vornlaunch"], "Static-Built-Using")
+    assert re.fullmatch(r"glibc \(= [^ ]+\), yaml-cpp \(= [^ ]+\), gcc-[0-9]+(-cross)?"
+                        r" \(= [^ ]+\)", built_using)
+
+
+@pytest.mark.parametrize("name", ["vornlaunch", "vornctl"])
+def test_a_packaged_program_is_protected_by_its_elf_headers(contents, name):
+    assert protections(contents[name] / "usr/bin" / name) == ALL_PROTECTIONS
 
 
 def test_the_version_is_the_same_everywhere(packages, contents, built):

@@ -1,0 +1,29 @@
+"""The protection of a program against exploits, as its ELF headers show it."""
+
+import re
+import subprocess
+
+
+def protections(program):
+    """Which of the protections that this project wants the program has."""
+    text = subprocess.run(
+        ["readelf", "--wide", "--file-header", "--program-headers", "--dynamic",
+         program], check=True, stdout=subprocess.PIPE, encoding="utf-8",
+        env={"LC_ALL": "C", "PATH": "/usr/bin:/bin"}).stdout
+    found = {
+        "position independent": r"FLAGS_1\).*\bPIE\b",
+        "read-only relocations": r"^ +GNU_RELRO ",
+        "immediate binding": r"FLAGS_1\).*\bNOW\b",
+        "stack not executable": r"^ +GNU_STACK .* RW ",
+    }
+    names = {name for name, pattern in found.items()
+             if re.search(pattern, text, re.MULTILINE)}
+    if "(TEXTREL)" not in text:
+        names.add("code not relocated")
+    return names
+
+
+ALL_PROTECTIONS = {
+    "position independent", "read-only relocations", "immediate binding",
+    "stack not executable", "code not relocated",
+}
