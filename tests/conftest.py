@@ -49,7 +49,7 @@ def isolate_from_caller():
 def pytest_configure(config):
     isolate_from_caller()
     config.addinivalue_line("markers", "long: a part of the long form alone")
-    config.addinivalue_line("markers", "plain: not for a sanitized launcher")
+    config.addinivalue_line("markers", "plain: only for a launcher without sanitizers")
     config.addinivalue_line(
         "markers",
         "native: looks at the calls, signals, memory or program of the process, "

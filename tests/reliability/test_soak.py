@@ -1,11 +1,14 @@
 """A minute of the soak that soak.py describes."""
 
+import pytest
 from soak import Soak
 
 SECONDS = 60
 NODES = 60
 
 
+# The other tests take the same code paths under the sanitizers in less time.
+@pytest.mark.plain
 def test_a_minute_of_everything_loses_no_restart_and_leaves_nothing_behind(machine):
     soak = Soak(machine, NODES)
     soak.run(SECONDS)

@@ -308,6 +308,7 @@ def test_random_stories_go_as_the_model_says(player, seed):
     for_each_story(seed, SHORT_STORIES, player.play)
 
 
+@pytest.mark.plain  # it runs no launcher, only the model
 def test_the_stories_take_every_row_of_the_table_of_states():
     figures = Figures()
     for story in KEPT.values():
