@@ -1,9 +1,11 @@
 # How every target of this project is compiled.
 
 include(CheckCXXCompilerFlag)
+set(CMAKE_REQUIRED_FLAGS -Werror)  # Clang only warns about unknown options
 check_cxx_compiler_flag(-fcf-protection=full VORN_HAS_CF_PROTECTION)
 check_cxx_compiler_flag(-mbranch-protection=standard VORN_HAS_BRANCH_PROTECTION)
 check_cxx_compiler_flag(-fstack-clash-protection VORN_HAS_STACK_CLASH_PROTECTION)
+unset(CMAKE_REQUIRED_FLAGS)
 
 # Hardens one of our targets against exploits: the launcher often runs as root.
 # The program is position independent, its relocations are read-only. A
