@@ -23,7 +23,7 @@ What is run (default: --unit --system --reliability):
                   than were kept (release alone)
   --packages      the packages of ./package.sh and the container image, in a
                   small Debian of their own (root alone; release and arm64)
-  --lint          clang-format, clang-tidy, cppcheck, shellcheck, pyflakes
+  --lint          scripts/lint.sh: the form of the sources and the texts
   --all           what CI runs: all of these, by GCC and with sanitizers, and a
                   build by Clang; the tests of the control socket for arm64
 

@@ -97,12 +97,15 @@ mapfile -t shell < <(git ls-files '*.sh' .ci/run examples/demo/bin \
   packaging/container/entrypoint packaging/container/high-pids \
   'debian/*.postinst' 'debian/*.prerm')
 mapfile -t python < <(git ls-files '*.py')
+mapfile -t prose < <(git ls-files ':!fuzz/seeds' ':!bench/*.json')
 
 check clang-format clang-format-14 --dry-run -Werror "${cpp[@]}"
 check shellcheck shellcheck -x "${shell[@]}"
 check pyflakes pyflakes3 "${python[@]}"
 check "tests named by KEEP comments" /usr/bin/python3 scripts/check_keep_tests.py
 check "vornctl writes only by an Output" only_outputs_write
+check "plain English" /usr/bin/python3 scripts/prose_lint.py
+check codespell codespell --ignore-words scripts/codespell_ignore.txt "${prose[@]}"
 check cppcheck cppcheck --quiet --std=c++17 --language=c++ \
   --enable=warning,performance,portability,style --inline-suppr \
   --suppressions-list=.cppcheck-suppressions --error-exitcode=1 \
