@@ -37,8 +37,9 @@ struct NodeView {
   std::string executable;
 };
 
-/// The view of a node from its STATUS, which must be DONE or NOT_FOUND, and its
-/// description, null if unknown. `now` is in seconds since the epoch.
+/// The view of a node from its status, which must be DONE or NOT_FOUND, and
+/// from its description in the launch file, if `launcher` has one. `now` is in
+/// seconds since the epoch.
 NodeView viewOf(const RunningLauncher& launcher, const std::string& name,
                 const StatusReply& status, int64_t now);
 

@@ -30,7 +30,7 @@ const std::vector<Column>& statusColumns();
 /// not run.
 ExitStatus showStatus(Session& session, const StatusOptions& options);
 
-/// The cell of a column for a person; `now` in seconds since the epoch.
+/// The cell of this column in a table for a person.
 Cell cellFor(const NodeView& view, const std::string& column);
 
 /// Prints the names in the launch file, each followed by `separator`.

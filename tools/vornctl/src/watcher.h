@@ -43,8 +43,8 @@ class Watcher {
   /// Asks for all nodes at the next wait().
   void suspectAll();
 
-  /// The last request that failed; DONE if none did. Waiting goes on is of no
-  /// use after a failure.
+  /// The last request that failed; DONE if all requests succeeded. After a
+  /// failure, call wait() no more.
   const ControlReply& failure() const { return failure_; }
 
   /// What is known of a node.
