@@ -20,6 +20,7 @@ import enum
 import os
 import signal
 import socket
+import stat
 import struct
 import time
 
@@ -52,7 +53,8 @@ class NoLauncher(Error):
 
 
 class Untrusted(Error):
-    """The listener is another user's, and not root's. Nothing was sent."""
+    """The listener, or a symbolic link at the socket's path, belongs to another
+    user than root and ourselves. Nothing was sent."""
 
 
 class NotSent(Error):
@@ -104,8 +106,9 @@ class _Connection(socket.socket):
 class Launcher:
     """A launcher on this machine. `connect_limit` and `reply_limit` are in
     seconds: the launcher serves one request at a time, and a stop lasts up to
-    10 s and more. A launcher of another user than root and ourselves is refused
-    unless `trust_any_user` is set, since anyone can make the socket's folder."""
+    10 s and more. A launcher, or a symbolic link to its socket, of another user
+    than root and ourselves is refused unless `trust_any_user` is set, since any
+    user can create the socket's directory."""
 
     def __init__(self, path=SOCKET, *, connect_limit=30.0, reply_limit=300.0,
                  trust_any_user=False):
@@ -193,6 +196,7 @@ class Launcher:
 
     def _connect_and_send(self, client, request):
         """One try; false if others wait before us, as many as may wait."""
+        self._check_path()
         # The launcher accepts a connection and reads, without a time limit.
         # Were we stopped here, it would do nothing else until we go on.
         before = signal.pthread_sigmask(signal.SIG_BLOCK, ())
@@ -212,12 +216,29 @@ class Launcher:
         finally:
             signal.pthread_sigmask(signal.SIG_SETMASK, before)
 
+    def _is_trusted(self, uid):
+        return self.trust_any_user or uid in (0, os.geteuid())
+
+    def _check_path(self):
+        # Another user's symbolic link could lead to a socket of another program,
+        # which _check_user() accepts if that program runs as root.
+        try:
+            status = os.lstat(self.path)
+        except (OSError, ValueError):  # an abstract address contains a NUL
+            return  # connect() reports a path that cannot be examined
+        if stat.S_ISLNK(status.st_mode) and not self._is_trusted(status.st_uid):
+            raise Untrusted(
+                f"{self.path} is a symbolic link that belongs to user "
+                f"{status.st_uid}, neither root nor you; remove it, or use the path "
+                "of the launcher's own socket"
+            )
+
     def _check_user(self, client):
         credentials = client.getsockopt(
             socket.SOL_SOCKET, socket.SO_PEERCRED, _CREDENTIALS.size
         )
         uid = _CREDENTIALS.unpack(credentials)[1]
-        if not self.trust_any_user and uid not in (0, os.geteuid()):
+        if not self._is_trusted(uid):
             raise Untrusted(
                 f"the launcher on {self.path} belongs to user {uid}, neither root "
                 "nor you"

@@ -5,6 +5,7 @@ import os
 import pathlib
 import signal
 import socket
+import stat
 import struct
 import threading
 
@@ -226,6 +227,41 @@ def test_a_listener_of_another_user_is_refused(server, monkeypatch):
     connection, _ = server.accept()
     with connection:
         assert connection.recv(1) == b""
+
+
+@pytest.fixture(name="link")
+def fixture_link(tmp_path):
+    """A short path of a symbolic link to nothing."""
+    directory = os.open(tmp_path, os.O_PATH)
+    path = f"/proc/self/fd/{directory}/link"
+    os.symlink("nothing", path)
+    yield path
+    os.close(directory)
+
+
+def pretend_owner(monkeypatch, path, uid):
+    status = list(os.lstat(path))[:10]
+    status[stat.ST_UID] = uid
+    monkeypatch.setattr(os, "lstat", {path: os.stat_result(status)}.get)
+
+
+def test_a_symbolic_link_of_another_user_is_not_connected_to(link, monkeypatch):
+    owner = os.geteuid() + 1000
+    pretend_owner(monkeypatch, link, owner)
+    with pytest.raises(vornctl.Untrusted) as caught:
+        vornctl.Launcher(link).start("worker")
+    assert str(caught.value) == (
+        f"{link} is a symbolic link that belongs to user {owner}, neither root nor "
+        "you; remove it, or use the path of the launcher's own socket")
+    with pytest.raises(vornctl.NoLauncher, match="No such file"):
+        vornctl.Launcher(link, trust_any_user=True).start("worker")
+
+
+@pytest.mark.parametrize("owner", [0, os.geteuid()], ids=["root", "ourselves"])
+def test_a_symbolic_link_of_root_or_ourselves_is_followed(link, monkeypatch, owner):
+    pretend_owner(monkeypatch, link, owner)
+    with pytest.raises(vornctl.NoLauncher, match="No such file"):
+        vornctl.Launcher(link).start("worker")
 
 
 class OtherUser:

@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -172,6 +173,7 @@ class Exchange {
 
   Try connectAndSend(int fd, const sockaddr_un& address,
                      ControlReply& reply) const {
+    if (!isTrustedPath(reply)) return Try::FAILED;
     // The launcher accepts a connection and reads, without a time limit. Were
     // we stopped here, it would do nothing else until we go on.
     const SignalsBlocked blocked;
@@ -206,6 +208,28 @@ class Exchange {
     return "cannot connect to " + path + ": " + std::strerror(error);
   }
 
+  bool isTrustedUser(uid_t uid) const {
+    return options_.trustAnyUser || uid == 0 || uid == ::geteuid();
+  }
+
+  /// Whether no other user decides which socket the path leads to. Another
+  /// user's symbolic link could lead to a socket of another program, which
+  /// isTrusted() accepts if that program runs as root.
+  bool isTrustedPath(ControlReply& reply) const {
+    const std::string& path = options_.socketPath;
+    struct stat status {};
+    // connect() reports a path that cannot be examined.
+    if (::lstat(path.c_str(), &status) != 0 || !S_ISLNK(status.st_mode) ||
+        isTrustedUser(status.st_uid)) {
+      return true;
+    }
+    return end(reply, Outcome::UNTRUSTED,
+               path + " is a symbolic link that belongs to user " +
+                   std::to_string(status.st_uid) +
+                   ", neither root nor you; remove it, or use the path of the "
+                   "launcher's own socket");
+  }
+
   /// Whether the listener's user is root or our own; fills that part of
   /// `reply`.
   bool isTrusted(int fd, ControlReply& reply) const {
@@ -218,9 +242,7 @@ class Exchange {
     }
     reply.launcherPid = peer.pid;
     reply.launcherUid = peer.uid;
-    if (options_.trustAnyUser || peer.uid == 0 || peer.uid == ::geteuid()) {
-      return true;
-    }
+    if (isTrustedUser(peer.uid)) return true;
     return end(reply, Outcome::UNTRUSTED,
                "the launcher on " + options_.socketPath + " belongs to user " +
                    std::to_string(peer.uid) + ", neither root nor you");

@@ -27,7 +27,8 @@ enum class Outcome {
   NOT_FOUND,       // the launcher has no node of that name
   INVALID_NAME,    // not a name that can be sent; nothing was sent
   NO_LAUNCHER,     // nobody listens, or we may not connect; nothing was sent
-  UNTRUSTED,       // the listener is another user's; nothing was sent
+  UNTRUSTED,       // the listener, or a symbolic link at the socket's path,
+                   // belongs to another user; nothing was sent
   NOT_SENT,        // given up before the request was sent: it has no effect
   UNKNOWN,         // sent, but no reply came: it may have, or still take effect
   PROTOCOL_ERROR,  // sent, but the reply makes no sense: as UNKNOWN
@@ -75,8 +76,9 @@ struct ControlOptions {
   /// How long a call may last altogether, if that is shorter; 0: no limit.
   std::chrono::milliseconds totalLimit{0};
 
-  /// Talk to a launcher of any user, not only of root and of our own. Anyone
-  /// can make the folder of the socket before the launcher does.
+  /// Connect to a launcher of any user, and through a symbolic link of any
+  /// user, not only of root and our own. Any user can create the directory of
+  /// the socket before the launcher does.
   bool trustAnyUser = false;
 
   /// A descriptor, borrowed; a call gives up as soon as it is readable, and

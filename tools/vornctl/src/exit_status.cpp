@@ -34,7 +34,9 @@ constexpr Meaning kMeanings[] = {
     {kTimedOut, "timed out or interrupted", " wait "},
     {kUnknown, "no reply: a request may still take effect", kOfLauncher},
     {kProtocolError, "the reply is invalid", kOfLauncher},
-    {kUntrusted, "the launcher belongs to another user", kOfLauncher},
+    {kUntrusted,
+     "the launcher, or a symbolic link to its socket, belongs to another user",
+     kOfLauncher},
 };
 
 bool isFor(const Meaning& meaning, const std::string& command) {

@@ -491,6 +491,60 @@ TEST_F(TrustTest, AListenerThatCannotBeToldIsNotTrusted) {
   EXPECT_EQ(received_, 0U);
 }
 
+/// Has a symbolic link at the socket's path.
+class LinkedSocketTest : public TrustTest {
+ protected:
+  LinkedSocketTest() {
+    std::filesystem::create_symlink(launcher_.path(), link_);
+    options_.socketPath = link_;
+  }
+  ~LinkedSocketTest() override { std::filesystem::remove(link_); }
+
+  static void pretendLinkIs(uid_t uid) {
+    socketCalls().lstat = [uid](const char* path, struct stat* status) {
+      const int result = realSocketCalls.lstat(path, status);
+      status->st_uid = uid;
+      return result;
+    };
+  }
+
+  const std::string link_ = launcher_.path() + "-link";
+  ControlOptions options_;
+};
+
+TEST_F(LinkedSocketTest, OfAnotherUserIsNotConnectedTo) {
+  const uid_t other = ::geteuid() + 1000;
+  pretendLinkIs(other);
+  const ControlReply reply = ControlClient(options_).start("planner");
+  EXPECT_EQ(reply.outcome, Outcome::UNTRUSTED);
+  EXPECT_EQ(reply.message,
+            link_ + " is a symbolic link that belongs to user " +
+                std::to_string(other) +
+                ", neither root nor you; remove it, or use the path of the "
+                "launcher's own socket");
+  EXPECT_THAT(socketCalls().made, Not(::testing::Contains("connect")));
+}
+
+TEST_F(LinkedSocketTest, OfRootIsFollowed) {
+  pretendLinkIs(0);
+  EXPECT_TRUE(ControlClient(options_).start("planner").isDone());
+}
+
+TEST_F(LinkedSocketTest, OfOurselvesIsFollowed) {
+  EXPECT_TRUE(ControlClient(options_).start("planner").isDone());
+}
+
+TEST_F(LinkedSocketTest, OfAnotherUserIsFollowedWhenAnyUserIsTrusted) {
+  pretendLinkIs(::geteuid() + 1000);
+  options_.trustAnyUser = true;
+  EXPECT_TRUE(ControlClient(options_).start("planner").isDone());
+}
+
+TEST_F(LinkedSocketTest, IsTheOnlyFileWithAnOwnerThatMatters) {
+  pretendLinkIs(::geteuid() + 1000);
+  EXPECT_TRUE(clientOf(launcher_).start("planner").isDone());
+}
+
 // -- While others wait before us.
 
 /// Fills the queue of a launcher that accepts nobody.
@@ -681,8 +735,8 @@ TEST(WindowTest, BetweenConnectAndSendStandsTheCheckOfTheUserAlone) {
       FakeLauncher::replyWith(replyOf(ControlResponse::Result::SUCCESS)));
   ASSERT_TRUE(clientOf(launcher).start("planner").isDone());
   EXPECT_THAT(callsSince("socket"),
-              ElementsAre("pthread_sigmask", "connect", "getsockopt", "send",
-                          "pthread_sigmask", "recv", "close"));
+              ElementsAre("lstat", "pthread_sigmask", "connect", "getsockopt",
+                          "send", "pthread_sigmask", "recv", "close"));
 }
 
 TEST(WindowTest, TheConnectionIsNonBlockingAndNotForChildren) {

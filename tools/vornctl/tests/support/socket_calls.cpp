@@ -58,6 +58,13 @@ int __wrap_pthread_sigmask(int a, const sigset_t* b, sigset_t* c) {
   return replacement ? replacement(a, b, c) : __real_pthread_sigmask(a, b, c);
 }
 
+int __real_lstat(const char* a, struct stat* b);
+int __wrap_lstat(const char* a, struct stat* b) {
+  socketCalls().made.emplace_back("lstat");
+  const auto& replacement = socketCalls().lstat;
+  return replacement ? replacement(a, b) : __real_lstat(a, b);
+}
+
 int __real_close(int a);
 int __wrap_close(int a) {
   socketCalls().made.emplace_back("close");
@@ -82,8 +89,15 @@ SocketCalls& socketCalls() {
 }
 
 const SocketCalls realSocketCalls = {
-    __real_socket, __real_connect, __real_getsockopt,      __real_send,
-    __real_recv,   __real_poll,    __real_pthread_sigmask, {},
+    __real_socket,
+    __real_connect,
+    __real_getsockopt,
+    __real_send,
+    __real_recv,
+    __real_poll,
+    __real_pthread_sigmask,
+    __real_lstat,
+    {},
 };
 
 }  // namespace vorn::test

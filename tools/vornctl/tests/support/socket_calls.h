@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <functional>
 #include <string>
@@ -21,6 +22,7 @@ struct SocketCalls {
   std::function<ssize_t(int, void*, size_t, int)> recv;
   std::function<int(pollfd*, nfds_t, int)> poll;
   std::function<int(int, const sigset_t*, sigset_t*)> pthread_sigmask;
+  std::function<int(const char*, struct stat*)> lstat;
 
   /// The names of the calls that this thread has made, replaced or not, `close`
   /// and `shutdown` among them.
