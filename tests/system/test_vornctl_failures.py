@@ -250,6 +250,22 @@ def test_ones_own_launcher_is_trusted(machine):
     assert machine.execute(*AS_NOBODY, VORNCTL, "ping").returncode == 0
 
 
+# -- Not enough memory.
+
+
+@pytest.mark.plain  # a sanitizer needs more addresses
+@pytest.mark.parametrize("command", [
+    ["status"], ["stop", "camera"], ["wait", "camera"], ["monitor", "camera"]],
+    ids=name_of)
+@pytest.mark.usefixtures("false_launcher")
+def test_a_launch_file_that_does_not_fit_into_memory_is_reported(machine, command):
+    path = machine.file("large.yaml", "a: [" + "b, " * 1_000_000)
+    done = machine.execute("prlimit", f"--as={80 << 20}", VORNCTL,
+                           f"--launch-file={path}", *command)
+    assert (done.returncode, done.stdout, done.stderr) == (
+        1, "", "vornctl: out of memory\n")
+
+
 # -- No launcher.
 
 

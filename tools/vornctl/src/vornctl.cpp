@@ -6,6 +6,7 @@
 #include <clocale>
 #include <cstdlib>
 #include <exception>
+#include <new>
 
 #include "command_line.h"
 #include "exit_status.h"
@@ -59,6 +60,11 @@ int main(int argc, char** argv) {
   (void)armStopSignals();
   try {
     return vorn::launch::runCommandLine(argc, argv, cancel_pipe[0]);
+  } catch (const std::bad_alloc&) {
+    // Written without an Output, which allocates memory.
+    constexpr char kText[] = "vornctl: out of memory\n";
+    (void)!::write(STDERR_FILENO, kText, sizeof(kText) - 1);
+    return vorn::launch::kFailed;
   } catch (const std::exception& failure) {
     using vorn::launch::terminalText;
     vorn::launch::standardError()
