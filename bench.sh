@@ -11,16 +11,16 @@ usage() {
   cat <<TEXT
 Usage: ./bench.sh [OPTION...]
 
-Installs the Debian packages that are missing, builds, measures the launcher
-beside small floors and other supervisors, then its pieces. Exit status: 0 all
-was measured, 2 it could not be run. It needs the right to make namespaces, and
-root for the counters of perf.
+Installs missing Debian packages, builds, and measures the launcher, lower bounds
+and other supervisors, then single functions. Exit status: 0 measured, 2 it could
+not be run. It needs the right to create namespaces, and root for the counters of
+perf.
 
   --quick          fewer rounds and nodes, within 2 minutes
   --only NAME      one measurement: start, memory, idle, status, deaths, stops,
                    load, pieces, instructions; may be repeated
-  --output FOLDER  for results.json and plot.svg (default: build/bench)
-  -h, --help       this text
+  --output DIR     for results.json and plot.svg (default: build/bench)
+  -h, --help       print this text
 TEXT
 }
 

@@ -62,7 +62,7 @@ arch=${arch:-$native}
   die "--check makes the rpm as well; it does not go with --rpm"
 [[ $EUID -eq 0 ]] || ! $check || die "--check needs root"
 
-# copy_files FOLDER
+# copy_files DIRECTORY
 copy_files() {
   mkdir -p "$1"
   git ls-files -z --cached |
@@ -71,7 +71,7 @@ copy_files() {
     done | xargs -0 cp --parents -t "$1"
 }
 
-# The builders build in FOLDER/source; the packages come to FOLDER.
+# The builders build in DIRECTORY/source; the packages come to DIRECTORY.
 
 build_deb() {
   (cd "$1/source" && DEB_BUILD_OPTIONS=nocheck DEB_BUILD_PROFILES=nocheck \
@@ -112,9 +112,9 @@ build_rpm() {
     mv build/rpm/*.rpm ..)
 }
 
-# build_in FOLDER BUILDER
+# build_in DIRECTORY BUILDER
 build_in() {
-  # What was interrupted or has failed does not stand under the name.
+  # An interrupted or failed build never gets the final name.
   local new=$1.new
   rm -rf "$new"
   copy_files "$new/source"
@@ -139,7 +139,7 @@ build_deb_otherwise() {
 # Builds the Debian packages again, with all changed that might leave a trace but
 # the clock, which has moved on by itself.
 compare_with_another_build() {
-  local again=$1-in-another-folder-of-a-longer-name package
+  local again=$1-in-another-directory-of-a-longer-name package
   (umask 077 && build_in "$again" build_deb_otherwise)
   for package in "$1"/*.deb; do
     cmp "$package" "$again/$(basename -- "$package")" || exit 1
@@ -160,18 +160,18 @@ run_long_tests() {
 install_packages "${BUILD_PACKAGES[@]}" "${PACKAGE_PACKAGES[@]}"
 git ls-files --error-unmatch README.md >/dev/null ||
   die "the files to pack are those that git tracks, and git does not tell them"
-folder=$root/build-packages/$arch
+directory=$root/build-packages/$arch
 if [[ $kind == rpm ]]; then
-  folder=$root/build-packages/rpm
-  build_rpm_in "$folder"
+  directory=$root/build-packages/rpm
+  build_rpm_in "$directory"
 elif [[ $arch == "$native" ]]; then
-  build_in "$folder" build_deb
+  build_in "$directory" build_deb
 else
-  build_in "$folder" build_cross_deb
+  build_in "$directory" build_cross_deb
 fi
 if $check; then
-  compare_with_another_build "$folder"
+  compare_with_another_build "$directory"
   build_rpm_in "$root/build-packages/rpm"
   run_long_tests
 fi
-ls -1 "$folder"/*."$kind"
+ls -1 "$directory"/*."$kind"

@@ -10,10 +10,10 @@ usage() {
   cat <<TEXT
 Usage: ./run.sh [launch.yaml]
 
-Installs the Debian packages that are missing, builds the launcher (Release, in
+Installs missing Debian packages, builds the launcher (Release, in
 build/) and runs it on the launch file, by default examples/demo/launch.yaml.
-To stop the launcher and its nodes send it SIGTERM (pkill vornlaunch). Ctrl-C
-goes to the nodes as well, but nobody waits for them then.
+To stop the launcher and its nodes, send it SIGTERM (pkill vornlaunch). Ctrl-C
+also reaches the nodes, but the launcher does not wait for them.
 TEXT
 }
 
@@ -33,7 +33,7 @@ launch_file=${1:-$demo/launch.yaml}
 install_packages "${BUILD_PACKAGES[@]}"
 (cd "$root" && configure_build release && build release --target vornlaunch vornctl)
 
-# The demo's programs stand beside its launch file.
+# The demo's programs are next to its launch file.
 if [[ $launch_file -ef $demo/launch.yaml ]]; then
   export VORN_ROOT=${VORN_ROOT:-$demo}
 fi

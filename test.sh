@@ -10,26 +10,27 @@ usage() {
   cat <<TEXT
 Usage: ./test.sh [OPTION...]
 
-Installs the Debian packages that are missing, builds, runs every test, and
-closes with the counts. Exit status: 0 all passed, 1 something failed or was
-skipped, 2 it could not be run.
+Installs missing Debian packages, builds, runs every test, and prints the counts.
+Exit status: 0 all passed, 1 a test failed or was skipped, 2 the tests could not be
+run.
 
-What is run (default: --unit --system --reliability):
+Suites (default: --unit --system --reliability):
   --unit          the unit tests
   --system        the whole-program tests; they need the right to make
                   namespaces (root, or unprivileged user namespaces)
-  --reliability   the short forms of what ./reliability.sh proves
-  --instructions  the instructions of the launcher's usual work are no more
-                  than were kept (release alone)
+  --reliability   the short forms of the proofs of ./reliability.sh
+  --instructions  the instructions of usual operations have not increased
+                  beyond bench/instructions.json (release only)
   --packages      the packages of ./package.sh and the container image, in a
-                  small Debian of their own (root alone; release and arm64)
+                  small Debian of their own (root only; release and arm64)
   --lint          scripts/lint.sh: the form of the sources and the texts
-  --all           what CI runs: all of these, by GCC and with sanitizers, and a
-                  build by Clang; the tests of the control socket for arm64
+  --all           everything that CI runs: all of these with GCC, most of
+                  them with sanitizers, a build with Clang, and the tests
+                  of the control socket for arm64
 
-Which of them, and how:
-  --filter TEXT   only tests with TEXT in their name (letters, digits, _ and .)
-  --repeat N      the tests N times, until one fails
+Options:
+  --filter TEXT   only tests whose name contains TEXT (letters, digits, _ and .)
+  --repeat N      repeat the tests N times, or until one fails
   --allow-skips   succeed although tests were skipped (not with --all)
   --preset NAME   the build: release (default), dev, clang, asan, coverage,
                   arm64 (--unit, --system, --packages; built here and run by an
@@ -37,10 +38,10 @@ Which of them, and how:
   --asan          the same as --preset asan
   -j N            N whole-program tests at a time (default: 4 per core; they
                   mostly wait)
-  -h, --help      this text
+  -h, --help      print this text
 
-The whole-program tests need a few servers from Debian as nodes. They are not
-started when they are installed here, but by the next start of the machine.
+The whole-program tests use a few servers from Debian as nodes. The installation
+does not start them, but the next boot does.
 TEXT
 }
 
@@ -55,8 +56,8 @@ count_options=()
 # a minute; four times the load must not matter.
 test_time_limit=600
 
-# The build folder of a preset.
-build_folder() {
+# The build directory of a preset.
+build_directory() {
   if [[ $1 == release ]]; then echo build; else echo "build-$1"; fi
 }
 
@@ -139,7 +140,7 @@ build_preset() {
 run_unit() {
   say "unit tests ($1)"
   runs=$((runs + 1))
-  ctest --test-dir "$(build_folder "$1")" --parallel "$(nproc)" --quiet \
+  ctest --test-dir "$(build_directory "$1")" --parallel "$(nproc)" --quiet \
     --no-tests=ignore --output-on-failure \
     ${filter:+-R "$filter"} --output-junit "$results/$runs.xml" || failed=true
 }
@@ -162,7 +163,7 @@ run_instructions() {
     return
   fi
   say "instructions"
-  /usr/bin/python3 bench/instructions.py --build "$(build_folder "$1")" ||
+  /usr/bin/python3 bench/instructions.py --build "$(build_directory "$1")" ||
     failed=true
 }
 
@@ -178,13 +179,13 @@ run_packages() {
   jobs=1 run_pytest "$1" tests/packages
 }
 
-# run_pytest PRESET FOLDER
+# run_pytest PRESET DIRECTORY
 run_pytest() {
   local status=0
   runs=$((runs + 1))
   /usr/bin/python3 -m pytest -q -p no:cacheprovider -n "$jobs" --dist loadgroup \
     --timeout="$test_time_limit" \
-    --build="$(build_folder "$1")" ${filter:+-k "$filter"} \
+    --build="$(build_directory "$1")" ${filter:+-k "$filter"} \
     --junitxml "$results/$runs.xml" "$2" || status=$?
   # 5: no test was selected, which the count at the end judges.
   [[ $status -eq 0 || $status -eq 5 ]] || failed=true

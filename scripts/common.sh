@@ -65,7 +65,7 @@ install_packages() {
   mapfile -t missing < <(missing_packages "$@")
   [[ ${#missing[@]} -gt 0 ]] || return 0
   command -v apt-get >/dev/null ||
-    die "this is no Debian system; install what corresponds to: ${missing[*]}, and build with cmake as README.md says"
+    die "this is not a Debian system; install the equivalents of: ${missing[*]}, and build with cmake as README.md says"
   [[ $EUID -eq 0 ]] || sudo -n true 2>/dev/null ||
     die "no right to install packages; run once as root: apt-get install ${missing[*]}"
   say "installing ${missing[*]}"
@@ -88,16 +88,16 @@ install_arm64_packages() {
   install_packages "${ARM64_PACKAGES[@]}"
   scripts/emulate_arm64.sh
 
-  local folder=build-arm64/debian archive
-  if [[ ! -e $folder/complete ]]; then
+  local directory=build-arm64/debian archive
+  if [[ ! -e $directory/complete ]]; then
     say "unpacking ${ARM64_UNPACKED[*]}"
-    rm -rf "$folder"
-    mkdir -p "$folder"
-    (cd "$folder" &&
+    rm -rf "$directory"
+    mkdir -p "$directory"
+    (cd "$directory" &&
       apt-get -qq -o APT::Sandbox::User= download "${ARM64_UNPACKED[@]}") ||
       die "could not download ${ARM64_UNPACKED[*]}"
-    for archive in "$folder"/*.deb; do dpkg -x "$archive" "$folder"; done
-    touch "$folder/complete"
+    for archive in "$directory"/*.deb; do dpkg -x "$archive" "$directory"; done
+    touch "$directory/complete"
   fi
 }
 

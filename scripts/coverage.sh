@@ -9,9 +9,9 @@ source "$root/scripts/common.sh"
 cd -- "$root"
 
 wanted=95  # per cent
-folder=build-coverage
+directory=build-coverage
 
-# The programs write their counters into the build folder.
+# The programs write their counters into the build directory.
 [[ $root/ != /tmp/* ]] ||
   die "not with a checkout below /tmp, which the tests replace by one of their own"
 
@@ -20,11 +20,11 @@ install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" \
 install_servers "${SERVER_PACKAGES[@]}"
 configure_build coverage -DVORN_REQUIRE_TESTS=ON
 build coverage
-find "$folder" -name '*.gcda' -delete
+find "$directory" -name '*.gcda' -delete
 
 failed=false
 say "unit tests"
-ctest --test-dir "$folder" --parallel "$(nproc)" --quiet --output-on-failure ||
+ctest --test-dir "$directory" --parallel "$(nproc)" --quiet --output-on-failure ||
   failed=true
 say "whole-program tests"
 # Not those of the programs around the launcher. The one deselected counts
@@ -32,20 +32,20 @@ say "whole-program tests"
 left_out=(tests/system/test_{check,documents,installed,launch_schema}*.py
   tests/system/test_{manual,memory,python_client,readme,service,vornctl}*.py)
 /usr/bin/python3 -m pytest -q -p no:cacheprovider -n "$(($(nproc) * 4))" \
-  --build="$folder" "${left_out[@]/#/--ignore=}" tests/system --deselect \
+  --build="$directory" "${left_out[@]/#/--ignore=}" tests/system --deselect \
   tests/system/test_system_calls.py::test_the_event_loop_is_closed_by_the_loop_s_end_and_not_by_sigterm ||
   failed=true
 
 say "branches"
 # The branches that a compiler adds for exceptions are not ours.
-gcovr --root . --object-directory "$folder" \
+gcovr --root . --object-directory "$directory" \
   --filter tools/vornlaunch/src/ --filter libvornlib/ \
   --exclude libvornlib/tests/ \
   --exclude-throw-branches --exclude-unreachable-branches \
-  --branches --txt - --json "$folder/coverage.json" \
-  --html-details "$folder/coverage.html" --fail-under-branch "$wanted" ||
+  --branches --txt - --json "$directory/coverage.json" \
+  --html-details "$directory/coverage.html" --fail-under-branch "$wanted" ||
   failed=true
-/usr/bin/python3 scripts/check_uncovered.py "$folder/coverage.json" ||
+/usr/bin/python3 scripts/check_uncovered.py "$directory/coverage.json" ||
   failed=true
-say "line by line: $folder/coverage.html"
+say "line by line: $directory/coverage.html"
 if $failed; then exit 1; fi
