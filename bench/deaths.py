@@ -41,7 +41,7 @@ def measure_single(build, rounds):
         for _ in range(rounds):
             for name, pids in victims.items():
                 table.add(name, kill(build, [next(pids)])[0])
-                time.sleep(0.01)  # the pauses after a death shall be over
+                time.sleep(0.01)  # until the pauses after a death are over
     return table
 
 

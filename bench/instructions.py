@@ -1,6 +1,6 @@
 """Instructions of the launcher's usual work, compared with those that were kept.
 
-    instructions.py [--build FOLDER] [--update]
+    instructions.py [--build DIRECTORY] [--update]
 
 Fails when one of them has grown by more than 5 %. Each is the difference of two
 runs that differ in nothing else, so that what is done once does not count.

@@ -43,7 +43,7 @@ def parse_arguments():
     parser.add_argument("--only", action="append", choices=MEASUREMENTS,
                         help="this measurement; may be repeated")
     parser.add_argument("--build", type=pathlib.Path, default=ROOT / "build")
-    parser.add_argument("--output", type=pathlib.Path, metavar="FOLDER",
+    parser.add_argument("--output", type=pathlib.Path, metavar="DIRECTORY",
                         default=ROOT / "build" / "bench",
                         help="for results.json and plot.svg (default: %(default)s)")
     return parser.parse_args()

@@ -16,12 +16,12 @@ SYSTEM_TEST = re.compile(r"^def (test_\w+)\(", re.MULTILINE)
 
 
 def files_below(*patterns):
-    """The files of our C++ folders that match one of the patterns."""
+    """The files of our C++ directories that match one of the patterns."""
     return sorted(
         path
-        for folder in ("libvornlib", "tools")
+        for directory in ("libvornlib", "tools")
         for pattern in patterns
-        for path in (ROOT / folder).rglob(pattern)
+        for path in (ROOT / directory).rglob(pattern)
     )
 
 

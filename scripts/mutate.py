@@ -3,9 +3,10 @@ the tests catch them.
 
 A mutant is one source file with one fault, such as a swapped comparison or a
 dropped call. It is built in a copy of the tree and tested in namespaces of its
-own: it runs as whoever runs this, and a fault may well be a kill(-1). Caught
-is what fails a test or a time limit. The unit tests of the mutant's area come
-first, then all unit tests, then the whole-program tests, until one fails.
+own, because it runs as the user of this script, and a fault can be a kill(-1).
+A mutant is caught if a test fails or exceeds a time limit. The unit tests of
+the mutant's area come first, then all unit tests, then the whole-program tests,
+until one fails.
 
 mutants_equivalent.txt, beside this file, names the mutants that no test can
 catch, and why. Exit status: 1 when fewer than 95 % of the others are caught.
@@ -125,7 +126,7 @@ OPERATORS = {
     "&": "|",
     ">>": "<<",
 }
-# Names that stand for a number or a choice, and what each becomes.
+# Names of numbers and choices, and their replacements.
 NAMES = {
     "true": "false",
     "false": "true",
@@ -185,7 +186,7 @@ NAMES = {
     "steady_clock": "system_clock",
     "continue": "break",
 }
-# What a declaration may begin with, and what is no statement of its own.
+# The first words of declarations, and of parts of other statements.
 NO_STATEMENT = {
     "const", "constexpr", "static", "static_assert", "auto", "using", "return",
     "if", "else", "while", "for", "switch", "case", "default", "break",
@@ -441,7 +442,7 @@ class File:
             for begin, end in (first, second)
         ]
         if not any("(" in self.text[start:stop] for start, stop in spans):
-            return  # two assignments of values, in an order that nobody sees
+            return  # two assignments of values, whose order has no effect
         (start, middle), (resume, stop) = spans
         text = self.text
         swapped = text[resume:stop] + text[middle:resume] + text[start:middle]
@@ -495,7 +496,7 @@ def sample(mutants, size, seed):
 
 # ---- Building and testing.
 
-# Process 1 of the namespaces. Only the mutant's own folder can be written to;
+# Process 1 of the namespaces. Only the mutant's own directory can be written to;
 # /tmp is empty, in memory, and goes with the namespaces.
 SANDBOX = """
 set -e
@@ -519,8 +520,8 @@ class Workplace:
     commands run there. Every copy sees itself at the same path, so that a
     finished build can be copied."""
 
-    def __init__(self, folder, seen_as):
-        self.folder = folder
+    def __init__(self, directory, seen_as):
+        self.directory = directory
         self.seen_as = seen_as
         self.changed = None  # the path of the mutant and its text without fault
 
@@ -533,7 +534,7 @@ class Workplace:
             unshare += ["--user", "--map-root-user"]
         with tempfile.TemporaryFile() as output:
             process = subprocess.Popen(
-                [*unshare, "sh", "-c", SANDBOX, "sandbox", self.folder, self.seen_as,
+                [*unshare, "sh", "-c", SANDBOX, "sandbox", self.directory, self.seen_as,
                  *command],
                 stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
             )
@@ -551,9 +552,9 @@ class Workplace:
         """Makes the tree hold this mutant and no other."""
         if self.changed is not None and self.changed[0] != mutant.path:
             path, text = self.changed
-            (self.folder / path).write_text(text, encoding="utf-8")
+            (self.directory / path).write_text(text, encoding="utf-8")
             self.changed = None
-        file = self.folder / mutant.path
+        file = self.directory / mutant.path
         if self.changed is None:
             self.changed = (mutant.path, file.read_text(encoding="utf-8"))
         file.write_text(mutant.text, encoding="utf-8")
@@ -570,8 +571,8 @@ def suites_of(path):
     stem = pathlib.PurePath(path).stem
     suites = {
         suite
-        for folder in ("libvornlib", "tools/vornlaunch")
-        for file in (ROOT / folder / "tests").glob(f"{stem}*_test.cpp")
+        for directory in ("libvornlib", "tools/vornlaunch")
+        for file in (ROOT / directory / "tests").glob(f"{stem}*_test.cpp")
         for suite in re.findall(
             r"^TEST(?:_F|_P)?\((\w+),", file.read_text(encoding="utf-8"), re.M
         )
@@ -620,19 +621,19 @@ class Tester:
         self._first_build(first)
         self.limits = self._measure(first)
         for number in range(1, jobs):
-            folder = work / str(number)
-            shutil.copytree(first.folder, folder, symlinks=True)
+            directory = work / str(number)
+            shutil.copytree(first.directory, directory, symlinks=True)
             # copytree keeps the times, so nothing is built anew.
-            self.free.put(Workplace(folder, self.seen_as))
+            self.free.put(Workplace(directory, self.seen_as))
         self.free.put(first)
 
     def _new_workplace(self, number):
-        folder = self.work / str(number)
+        directory = self.work / str(number)
         shutil.copytree(
-            ROOT, folder, symlinks=True,
+            ROOT, directory, symlinks=True,
             ignore=shutil.ignore_patterns(".git", "build*", "__pycache__"),
         )
-        return Workplace(folder, self.seen_as)
+        return Workplace(directory, self.seen_as)
 
     def _first_build(self, place):
         status, said = place.run(
@@ -662,9 +663,9 @@ class Tester:
         return limits
 
     @staticmethod
-    def _unit(*options, folder="build"):
+    def _unit(*options, directory="build"):
         return [
-            "ctest", "--test-dir", folder, "--quiet", "--stop-on-failure", "-j4",
+            "ctest", "--test-dir", directory, "--quiet", "--stop-on-failure", "-j4",
             *options,
         ]  # fmt: skip
 
@@ -688,7 +689,7 @@ class Tester:
         if path.parts[0] == "libvornlib":
             return [("area", "vornlib_tests", area), ("unit", "all", self._unit()),
                     system]  # fmt: skip
-        others = self._unit(folder="build/tools/vornlaunch")
+        others = self._unit(directory="build/tools/vornlaunch")
         return [("area", "vornlaunch_tests", area),
                 ("unit", "vornlaunch_tests", others), system]  # fmt: skip
 

@@ -11,8 +11,7 @@ from support.holding import NO_LIMIT, limit_of_wait
 from support.waiting import eventually
 
 OUTPUT = "callgrind.out"
-# What the library's functions that exist in several forms choose from shall not
-# depend on the processor.
+# The C library must not choose variants of its functions by the processor.
 TUNABLES = "GLIBC_TUNABLES=glibc.cpu.hwcaps=-AVX2,-AVX512F,-AVX512VL,-ERMS,-FSRM"
 WRAPPER = ("setarch", "-R", "env", TUNABLES, "valgrind", "--quiet",
            "--tool=callgrind", "--compress-strings=no", "--compress-pos=no",

@@ -14,7 +14,7 @@ def node_name(index):
 
 @dataclasses.dataclass(frozen=True)
 class Subject:
-    """A supervisor. `prepare` writes its files into a world's folder bench for a
+    """A supervisor. `prepare` writes its files into a world's directory bench for a
     number of nodes and returns its command; `programs` are those of the build
     that it needs there; it has at most `limit` nodes, `because` of that."""
 
@@ -65,7 +65,7 @@ def _supervisord(bench, count):
     return ["supervisord", "-c", "/tmp/bench/conf"]
 
 
-def _service_folders(bench, count):
+def _service_directories(bench, count):
     # The node itself is what runs, without a shell in between.
     services = bench / "services"
     services.mkdir()
@@ -76,16 +76,16 @@ def _service_folders(bench, count):
 
 
 def _runit(bench, count):
-    return ["runsvdir", _service_folders(bench, count)]
+    return ["runsvdir", _service_directories(bench, count)]
 
 
 def _s6(bench, count):
-    folder = _service_folders(bench, count)
-    return ["s6-svscan", "-c", max(500, count + 10), folder]
+    directory = _service_directories(bench, count)
+    return ["s6-svscan", "-c", max(500, count + 10), directory]
 
 
 def _daemontools(bench, count):
-    return ["svscan", _service_folders(bench, count)]
+    return ["svscan", _service_directories(bench, count)]
 
 
 START_FLOOR = floor("floor", "bench-start-floor")

@@ -25,7 +25,7 @@ class DidNotStart(Exception):
 
 
 class World:
-    """A supervisor with `count` nodes. `tmp` is its /tmp, where the folder bench
+    """A supervisor with `count` nodes. `tmp` is its /tmp, where the directory bench
     has the programs and the files of the run. To be used as a context; at its
     end everything in it is killed."""
 
@@ -35,9 +35,9 @@ class World:
         self.tmp = None
 
     def __enter__(self):
-        folder = self._build / "worlds"
-        folder.mkdir(exist_ok=True)
-        self.tmp = pathlib.Path(tempfile.mkdtemp(prefix="w", dir=folder))
+        directory = self._build / "worlds"
+        directory.mkdir(exist_ok=True)
+        self.tmp = pathlib.Path(tempfile.mkdtemp(prefix="w", dir=directory))
         self.tmp.chmod(0o755)
         bench = self.tmp / "bench"
         bench.mkdir()

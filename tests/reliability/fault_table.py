@@ -2,7 +2,7 @@
 fault sweep goes through, call by call.
 
 Each scenario lists, in their order, the calls that the launcher makes in it, and
-for each call the errors it is made to fail with and what comes of that. Run as a
+for each call the errors that are injected and their outcomes. Run as a
 program, it prints the table; the last column names the scenario and says which
 calls of that name fail.
 """
@@ -27,8 +27,8 @@ SOCKET = "/tmp/vornlaunch/vornlaunch.sock"
 @dataclasses.dataclass(frozen=True)
 class Outcome:
     """What a failed call changes, compared with the same scenario without a
-    fault. {error} and {errno} in a line stand for the error's text and number;
-    PID for any pid."""
+    fault. In a line, {error} and {errno} are the error's text and number,
+    and PID is any pid."""
 
     what: str  # for the reader of the table
     adds: tuple = ()  # log lines that come in addition
@@ -579,11 +579,11 @@ def signals_and_socket():
                           has_signal_descriptor=False)))),
         Call("epoll_ctl", r"\d+, EPOLL_CTL_ADD", "watches the signal descriptor",
              faults(("ENOMEM ENOSPC", unsupervised(refused.split(maxsplit=1)[1])))),
-        Call("newfstatat", r'AT_FDCWD, "/tmp/vornlaunch"', "looks for the folder",
+        Call("newfstatat", r'AT_FDCWD, "/tmp/vornlaunch"', "looks for the directory",
              faults(("EACCES EIO ELOOP", no_folder))),
-        Call("newfstatat", r'AT_FDCWD, "/tmp"', "looks for the folder's parent",
+        Call("newfstatat", r'AT_FDCWD, "/tmp"', "looks for the directory's parent",
              faults(("EACCES EIO ELOOP", NO_MATTER))),
-        Call("mkdir", r'"/tmp/vornlaunch", 0777', "makes the folder",
+        Call("mkdir", r'"/tmp/vornlaunch", 0777', "makes the directory",
              faults(("EACCES EIO EMLINK ENOSPC EROFS", no_folder))),
         Call("socket", r"AF_UNIX, SOCK_STREAM", "makes the control socket", faults(
             ("EACCES EAFNOSUPPORT EMFILE ENFILE ENOBUFS ENOMEM",

@@ -574,7 +574,7 @@ def parse_arguments():
                         default=ROOT / "build" / "soak",
                         help="for the record, the plot and the machine's files")
     parser.add_argument("--build", type=pathlib.Path, default=ROOT / "build",
-                        help="the build folder whose bin/vornlaunch is run")
+                        help="the build directory whose bin/vornlaunch is run")
     return parser.parse_args()
 
 
@@ -587,7 +587,7 @@ def main():
     machine = Machine(output / "machine", options.build / "bin" / "vornlaunch")
     try:
         soak = Soak(machine, options.nodes)
-        # Whoever watches must not be late; the launcher gets no advantage.
+        # This process must not be late; the launcher gets no advantage.
         if os.geteuid() == 0:
             os.setpriority(os.PRIO_PROCESS, 0, -10)
         with open(output / "soak.csv", "w", encoding="ascii", newline="") as file:

@@ -34,10 +34,10 @@ SYSTEM = struct.Struct("=qqqq")  # struct System of fake_system.c
 POLL_MS = 1000  # how often the launcher looks at nodes that wait for a restart
 
 
-def build_fake_system(folder):
+def build_fake_system(directory):
     """Compiles fake_system.c; returns the library."""
     source = os.path.join(os.path.dirname(__file__), "fake_system.c")
-    library = folder / "fake_system.so"
+    library = directory / "fake_system.so"
     subprocess.run(
         ["cc", "-shared", "-fPIC", "-O1", "-Wall", "-Wextra", "-Werror",
          "-o", library, source],
@@ -229,8 +229,8 @@ class Driver:
             # The answer to the second one comes a whole turn of the loop after
             # the step, so that all there was to start has been started.
             for _ in range(2):
-                nobody = self.machine.status("nobody")
-                assert nobody.result == Result.NOT_FOUND, nobody
+                unknown = self.machine.status("nobody")
+                assert unknown.result == Result.NOT_FOUND, unknown
         self._compare_processes(model)
         if not model.has_ended:
             self._compare_statuses(model)
@@ -301,12 +301,12 @@ def launch_file(nodes):
     return '{"vornnode": {' + ", ".join(entries) + "}}"
 
 
-def play(folder, program, library, nodes, steps, patience=PATIENCE):
+def play(directory, program, library, nodes, steps, patience=PATIENCE):
     """Lets a launcher take the steps and compares it with the model after each.
     Returns the model."""
     model = state_model.Model(nodes)
-    folder.mkdir()
-    driver = Driver(folder, program, library, nodes, patience)
+    directory.mkdir()
+    driver = Driver(directory, program, library, nodes, patience)
     done = []
     try:
         driver.start(nodes, model)

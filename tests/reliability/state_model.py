@@ -139,7 +139,7 @@ class Model:
         self.oldest(key).ignores_sigterm = True
 
     def forks(self, key):
-        """It starts a process of its own, which nobody ever stops."""
+        """It starts a process of its own, which the launcher never stops."""
         del key
         self.offspring += 1
 

@@ -87,9 +87,9 @@ def fixture_new_machine(tmp_path, program, namespaces):
     made = []
 
     def make():
-        folder = tmp_path / f"machine{len(made)}"
-        folder.mkdir()
-        made.append(Machine(folder, program))
+        directory = tmp_path / f"machine{len(made)}"
+        directory.mkdir()
+        made.append(Machine(directory, program))
         return made[-1]
 
     yield make
@@ -219,8 +219,8 @@ class Run:
         )
 
     def ask(self, step):
-        """The result in the reply; None without one. The end of the stream is no
-        sign of that: a child that was forked meanwhile holds the connection."""
+        """The result in the reply; None without one. The end of the stream does
+        not show that: a child that was forked meanwhile holds the connection."""
         no_reply_until = 0.0
 
         def is_served():
@@ -402,14 +402,14 @@ def test_the_table_names_every_call_of_a_run_without_a_fault(scenario, new_machi
 # -- With one.
 
 
-def injection(case, folder, before_main):
-    """strace's options for the fault of a case, on the machine in `folder`."""
+def injection(case, directory, before_main):
+    """strace's options for the fault of a case, on the machine in `directory`."""
     call = case.call
     options = ["-s", "400", "-e", f"trace={call.name}"]
     before = 0
     if call.path:
         # As the file is called in the machine and out of it.
-        options += ["-P", call.path, "-P", call.path.replace("/tmp", str(folder), 1)]
+        options += ["-P", call.path, "-P", call.path.replace("/tmp", str(directory), 1)]
     elif not case.scenario.traces_children:
         before = before_main[call.name]
     when = before + case.n
@@ -424,7 +424,7 @@ def injection(case, folder, before_main):
 def test_a_failed_call_has_its_outcome_and_no_other(case, new_machine, before_main):
     a_run = run(
         new_machine, case.scenario,
-        lambda folder: injection(case, folder, before_main), case.outcome)
+        lambda directory: injection(case, directory, before_main), case.outcome)
     failed = [call for call in parse_trace(a_run.trace) if call.was_injected
               and (call.pid != a_run.machine.pid) == case.call.of_child]
     assert all(matches(call, case.call) for call in failed)

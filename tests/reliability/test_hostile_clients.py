@@ -488,7 +488,7 @@ def test_random_requests_all_have_their_outcome(launcher, seed, is_long):
 
 
 def has_ended(reading):
-    """Waits until nobody can write to this end of a pipe any more."""
+    """Waits until no process can write to this end of a pipe any more."""
     poll = select.poll()
     poll.register(reading, 0)
     return eventually(lambda: poll.poll(0), "no other end is open")
@@ -545,8 +545,9 @@ def test_out_of_band_data_do_no_harm(launcher, parts):
 def test_another_user_is_served_as_well(launcher):
     if os.geteuid() != 0:
         pytest.skip("only root can be another user")
-    nobody = 65534
-    with silent_client(launcher, user=nobody, group=nobody, extra_groups=[]) as client:
+    other_user = 65534
+    with silent_client(launcher, user=other_user, group=other_user,
+                       extra_groups=[]) as client:
         client.stdin.write(b"!")
         client.stdin.close()
         assert len(client.stdout.read()) == RESPONSE.size

@@ -12,5 +12,5 @@ NODES = 60
 def test_a_minute_of_everything_loses_no_restart_and_leaves_nothing_behind(machine):
     soak = Soak(machine, NODES)
     soak.run(SECONDS)
-    # How late the restarts were is no matter here: other tests load the machine.
+    # The delay of restarts does not matter here: other tests load the machine.
     assert soak.problems == [], soak.summary()

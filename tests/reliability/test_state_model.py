@@ -266,7 +266,7 @@ class Figures:
 
 
 class Player:
-    """Plays stories in folders below `tmp`."""
+    """Plays stories in directories below `tmp`."""
 
     # Once a story has failed, long waiting would only make the search for its
     # shortest form last.
@@ -279,14 +279,14 @@ class Player:
         self.figures = Figures()
 
     def play(self, nodes, steps):
-        folder = self.tmp / str(next(self.numbers))
+        directory = self.tmp / str(next(self.numbers))
         try:
-            model = play(folder, self.program, self.library, nodes, steps,
+            model = play(directory, self.program, self.library, nodes, steps,
                          **self.options)
         except AssertionError:
             self.options = {"patience": self.SHORT_PATIENCE}
             raise
-        shutil.rmtree(folder)
+        shutil.rmtree(directory)
         self.figures.add(model, steps)
 
 

@@ -333,9 +333,9 @@ def fixture_new_machine(tmp_path, program, namespaces):
 
     def make():
         shut_down()
-        folder = tmp_path / str(len(os.listdir(tmp_path)))
-        folder.mkdir()
-        machines.append(Machine(folder, program))
+        directory = tmp_path / str(len(os.listdir(tmp_path)))
+        directory.mkdir()
+        machines.append(Machine(directory, program))
         return machines[-1]
 
     yield make
@@ -369,7 +369,7 @@ def test_after_a_death_at_any_call_the_next_launcher_takes_over(
           file=sys.stderr)
 
 
-# -- Other things that can stand where the socket was.
+# -- Other files at the path of the socket.
 
 
 def stay(machine):

@@ -1,4 +1,4 @@
-"""The Containerfile, taken apart as far as it is used here."""
+"""The Containerfile, parsed as far as the tests need it."""
 
 import dataclasses
 import json
@@ -15,11 +15,11 @@ class Stage:
     instructions: tuple  # pairs: the word, the rest on one line
 
     def all(self, word):
-        """What stands behind each instruction of this word."""
+        """The arguments of each instruction of this word."""
         return [rest for instruction, rest in self.instructions if instruction == word]
 
     def one(self, word):
-        """What stands behind the only instruction of this word."""
+        """The arguments of the only instruction of this word."""
         [rest] = self.all(word)
         return rest
 

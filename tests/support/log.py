@@ -14,7 +14,7 @@ _LINE = re.compile(
 
 @dataclasses.dataclass(frozen=True)
 class LogLine:
-    """One line, taken apart. `event` tells whether the star stands in it."""
+    """One parsed line. `event` is whether it has the star."""
 
     time: str
     event: bool

@@ -3,9 +3,9 @@ collects orphans until it is killed.
 
     namespace_init.py TMP COMMAND [ARGUMENT...]
 
-The folder TMP becomes /tmp. The command's pid goes to /tmp/.init/pid, its exit
+The directory TMP becomes /tmp. The command's pid goes to /tmp/.init/pid, its exit
 status, as Popen.returncode gives it, to /tmp/.init/status. SIGUSR1 makes it run
-another command, whose words stand in /tmp/.init/command, a NUL between them;
+another command, whose words are in /tmp/.init/command, a NUL between them;
 from then on the two files are about that one.
 """
 

@@ -32,7 +32,7 @@ class Terminal:
         return done.stdout
 
     def type(self, text):
-        """Types this text as it stands."""
+        """Types this text unchanged."""
         self.tmux("send-keys", "-l", "--", text)
 
     def press(self, *keys):

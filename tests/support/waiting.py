@@ -2,7 +2,7 @@
 
 import time
 
-# Upper bounds are generous: a machine under load is no reason to fail.
+# Upper bounds are generous: a loaded machine must not fail a test.
 PATIENCE = 60.0
 PAUSE = 0.01
 
