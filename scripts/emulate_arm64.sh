@@ -29,7 +29,7 @@ esac
 formats=/proc/sys/fs/binfmt_misc
 rule=/usr/lib/binfmt.d/qemu-aarch64.conf
 
-# Whether the kernel knows how to start them, in any root folder: the flag F
+# Whether the kernel knows how to start them, in any root directory: the flag F
 # keeps the emulator open, so that none need be there.
 is_registered() {
   grep -qsx enabled "$formats/qemu-aarch64" &&

@@ -1,6 +1,6 @@
 /* The system as the launcher sees it when a test holds the clock; preloaded.
 
-   Both clocks stand still and are moved by the test, through a file that both
+   The test sets both clocks, which do not advance, through a file that both
    have mapped. Pauses take a twentieth of their time. The test can let fork()
    and SIGTERM be refused. Everything else is the real system. */
 
