@@ -3,14 +3,15 @@
 include(CMakePackageConfigHelpers)
 
 # vorn_install_library(target DESCRIPTION text FOLDER folder [INCLUDED folder]
-#   HEADERS file...)
+#   [WITH target] HEADERS file...)
 #
 # Installs the library; its headers in this folder below the include folder; and a
 # package of the target's name for CMake (vorn::target) and pkg-config. INCLUDED
-# is the folder on the path of users, if it is not the include folder itself.
+# is the directory on the path of users, if it is not the include directory itself.
+# WITH is a header-only target that the library needs.
 function(vorn_install_library target)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "DESCRIPTION;FOLDER;INCLUDED" "HEADERS")
-  install(TARGETS ${target} EXPORT ${target})
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "DESCRIPTION;FOLDER;INCLUDED;WITH" "HEADERS")
+  install(TARGETS ${target} ${arg_WITH} EXPORT ${target})
   install(FILES ${arg_HEADERS}
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${arg_FOLDER})
   set(package ${CMAKE_INSTALL_LIBDIR}/cmake/${target})

@@ -21,7 +21,7 @@
 #include <utility>
 
 #include "control_node.h"
-#include "control_protocol.h"
+#include "vorn/control_protocol.h"
 #include "epoll.h"
 #include "node_manager.h"
 #include "support/check.h"

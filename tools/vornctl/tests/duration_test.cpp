@@ -1,4 +1,4 @@
-#include "duration.h"
+#include "output/duration.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "foreign_keys.h"
+#include "check/foreign_keys.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "launch_file.h"
+#include "launchfile/launch_file.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "output_text.h"
+#include "output/output_text.h"
 
 #include <gtest/gtest.h>
 

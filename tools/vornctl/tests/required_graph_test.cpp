@@ -1,4 +1,4 @@
-#include "required_graph.h"
+#include "launchfile/required_graph.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

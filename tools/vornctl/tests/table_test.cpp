@@ -1,4 +1,4 @@
-#include "table.h"
+#include "output/table.h"
 
 #include <gtest/gtest.h>
 

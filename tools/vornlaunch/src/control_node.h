@@ -4,7 +4,7 @@
 #include <map>
 #include <memory>
 
-#include "control_protocol.h"
+#include "vorn/control_protocol.h"
 #include "vornlib/time.h"
 
 namespace vorn::launch {

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "config.h"
-#include "node_state.h"
+#include "vorn/node_state.h"
 #include "vornlib/time.h"
 
 namespace vorn::launch {

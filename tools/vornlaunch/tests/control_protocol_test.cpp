@@ -1,4 +1,4 @@
-#include "control_protocol.h"
+#include "vorn/control_protocol.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,0 +1,119 @@
+#include <algorithm>
+#include <string>
+#include <string_view>
+
+#include "check/rules.h"
+
+namespace vorn::launch {
+namespace {
+
+/// A server that goes into the background by itself.
+struct Server {
+  std::string_view program;
+  std::string_view background;  // options that do it, with a space before and
+                                // after each; empty: it is the default
+  std::string_view foreground;  // letters of options without which it does
+};
+
+// Servers whose configuration file can say the same are left out, and with
+// them the options that name such a file.
+constexpr Server kServers[] = {
+    {"mosquitto", " -d --daemon ", ""},
+    {"memcached", " -d --daemon ", ""},
+    {"haproxy", " -D ", ""},
+    {"hostapd", " -B ", ""},
+    {"wpa_supplicant", " -B ", ""},
+    {"avahi-daemon", " -D --daemonize ", ""},
+    {"dbus-daemon", " --fork ", ""},
+    {"nginx", "", "cgpsqtTvVh"},
+    {"lighttpd", "", "DitpvVh1"},
+    {"sshd", "", "DditTVG"},
+    {"cron", "", "f"},
+    {"rsyslogd", "", "nNv"},
+    {"chronyd", "", "dnQqvhpU"},
+    {"gpsd", "", "NhVl"},
+};
+
+std::string_view nameOf(std::string_view path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
+bool isNo(const std::string& word) {
+  return word == "no" || word == "false" || word == "off" || word == "0";
+}
+
+/// The option of any program that goes into the background; null if there is
+/// none.
+const Text* daemonizeOption(const std::vector<Text>& arguments) {
+  for (size_t i = 0; i < arguments.size(); ++i) {
+    const std::string& word = arguments[i].value;
+    if (word == "--daemonize=yes" || word == "--daemonize=true") {
+      return &arguments[i];
+    }
+    const bool is_denied =
+        i + 1 < arguments.size() && isNo(arguments[i + 1].value);
+    if (word == "--daemonize" && !is_denied) return &arguments[i];
+  }
+  return nullptr;
+}
+
+/// The option by which this server goes into the background.
+const Text* backgroundOption(const Server& server,
+                             const std::vector<Text>& arguments) {
+  const auto found =
+      std::find_if(arguments.begin(), arguments.end(), [&](const Text& each) {
+        return server.background.find(' ' + each.value + ' ') !=
+               std::string_view::npos;
+      });
+  return found == arguments.end() ? nullptr : &*found;
+}
+
+/// Whether an option keeps this server in the foreground. Letters can be
+/// combined, and a long option could mean anything.
+bool hasForegroundOption(const Server& server,
+                         const std::vector<Text>& arguments) {
+  return std::any_of(arguments.begin(), arguments.end(), [&](const Text& each) {
+    const std::string& word = each.value;
+    return word.rfind("--", 0) == 0 ||
+           (word[0] == '-' &&
+            word.find_first_of(server.foreground) != std::string::npos);
+  });
+}
+
+void checkDaemon(const NodeReading& node, Findings& findings) {
+  const std::string end =
+      " goes into the background; the launcher takes that for an exit and "
+      "starts node '" +
+      node.name.value + "' again every 5 s: keep it in the foreground";
+  if (const Text* const option = daemonizeOption(node.arguments)) {
+    findings.add("daemonizes", option->place,
+                 "with '--daemonize' the program" + end);
+    return;
+  }
+  const std::string_view name = nameOf(node.path.value);
+  for (const Server& server : kServers) {
+    if (server.program != name) continue;
+    if (server.background.empty()) {
+      if (hasForegroundOption(server, node.arguments)) return;
+      findings.add("daemonizes", node.path.place,
+                   "without other options, '" + std::string(name) + "'" + end);
+    } else if (const Text* const option =
+                   backgroundOption(server, node.arguments)) {
+      findings.add(
+          "daemonizes", option->place,
+          "with '" + option->value + "', '" + std::string(name) + "'" + end);
+    }
+  }
+}
+
+}  // namespace
+
+void checkDaemons(const Reading& reading, Findings& findings) {
+  for (const NodeReading& node : reading.nodes) {
+    // A oneshot is not started again, so it can start a daemon.
+    if (!node.oneshot.value) checkDaemon(node, findings);
+  }
+}
+
+}  // namespace vorn::launch

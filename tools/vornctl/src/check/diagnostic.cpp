@@ -1,0 +1,187 @@
+#include "check/diagnostic.h"
+
+#include <algorithm>
+#include <cassert>
+#include <iterator>
+#include <tuple>
+#include <utility>
+
+namespace vorn::launch {
+namespace {
+
+constexpr Severity kNote = Severity::NOTE;
+constexpr Severity kWarning = Severity::WARNING;
+constexpr Severity kError = Severity::ERROR;
+
+constexpr CheckInfo kChecks[] = {
+    // What ends the launcher when it reads the file: reading.cpp.
+    {"syntax", kError, "no valid YAML"},
+    {"other-language", kError, "a file in another language than YAML"},
+    {"null-value", kError, "nothing where a value must be"},
+    {"not-a-text", kError, "a list or mapping where one value must be"},
+    {"not-a-bool", kError, "a flag that is neither true nor false"},
+    {"not-a-number", kError, "a sleep that is no whole number"},
+    {"not-a-list", kError, "a 'required' that is no list"},
+    {"not-a-key", kError, "a name or key that is nothing, or no text"},
+    {"scalar-for-mapping", kError, "a single value where a mapping must be"},
+    {"list-for-mapping", kError, "a list where a mapping must be"},
+    // What is not read, or not applied as it stands: checks_document.cpp.
+    {"second-document", kError, "a second document, which is not read"},
+    {"repeated-section", kError,
+     "a second 'vornnode' or 'configure', which is not read"},
+    {"ignored-value", kWarning, "a value of a kind that means nothing"},
+    {"no-nodes", kNote, "no node in the file"},
+    {"unknown-key", kWarning, "a key that means nothing"},
+    {"repeated-key", kWarning, "a key or variable that is there twice"},
+    {"merge-key", kWarning, "'<<', which merges nothing"},
+    {"unknown-ignore", kWarning, "a comment that silences nothing known"},
+    // Nodes: checks_nodes.cpp.
+    {"name-too-long", kError, "a node that cannot be controlled"},
+    {"name-like-option", kWarning, "a node's name that starts with a dash"},
+    {"nul-in-name", kError, "a node's name with a NUL in it"},
+    {"node-dropped", kWarning, "a node without a path"},
+    {"duplicate-node", kWarning, "two nodes of one name"},
+    {"sleep-wraps", kWarning, "a sleep that wraps around"},
+    {"long-sleep", kWarning, "a sleep that holds up everything"},
+    {"short-sleep", kNote, "a sleep that seems to be in seconds"},
+    {"relative-path", kWarning, "a relative path without VORN_BIN_PATH"},
+    {"shell-in-path", kWarning, "a path with arguments or shell syntax"},
+    {"quote-in-argv", kWarning, "quotes, which nothing takes away"},
+    {"shell-in-argv", kWarning, "what only a shell understands"},
+    {"space-in-argument", kWarning, "a tab or new line in an argument"},
+    {"nul-in-text", kWarning, "a text that a NUL cuts off"},
+    {"disabled-autostart", kWarning, "both disabled and not autostart"},
+    {"daemonizes", kWarning, "a program that goes into the background"},
+    // Variables: checks_environment.cpp.
+    {"refused-variable", kWarning, "a name that no variable can have"},
+    {"node-name-replaced", kWarning, "__VORN_NODE_NAME__ replaced"},
+    {"launcher-path", kWarning, "a PATH by which ps or grep is not found"},
+    {"launcher-library", kWarning, "libraries forced upon the launcher"},
+    {"variable-not-expanded", kWarning, "shell syntax in a variable's value"},
+    {"install-not-expanded", kWarning, "install:// where it means nothing"},
+    {"install-misspelt", kWarning, "what was meant to be install://"},
+    // `required`: checks_required.cpp.
+    {"required-cycle", kError, "nodes that require each other"},
+    {"required-unknown", kWarning, "a required node that does not exist"},
+    {"required-self", kWarning, "a node that requires itself"},
+    {"required-oneshot", kWarning, "a required node that ends disabled"},
+    {"required-twice", kWarning, "a node that is required twice"},
+    {"long-stop", kWarning, "a stop that takes too long"},
+    // The machine: checks_host.cpp.
+    {"missing-executable", kWarning, "a program that is not there"},
+    {"executable-folder", kWarning, "a folder in the place of a program"},
+    {"not-executable", kWarning, "a program that may not be executed"},
+    {"wrong-format", kWarning, "a program for another machine, or none"},
+    {"missing-interpreter", kWarning, "a program without its interpreter"},
+    {"missing-tool", kWarning, "no ps or no grep"},
+    {"clone-refused", kWarning, "a system call of each stop is refused"},
+    {"writable-by-others", kWarning, "a file that any user can change"},
+};
+
+bool isBefore(const Finding& a, const Finding& b) {
+  return std::tie(a.place, a.message) < std::tie(b.place, b.message);
+}
+
+/// A message without the middle of a text that is too long to be read.
+std::string shortened(const std::string& message) {
+  if (message.size() <= kLongestMessage) return message;
+  const auto is_inside = [&](size_t position) {
+    return (static_cast<unsigned char>(message[position]) & 0xc0U) == 0x80U;
+  };
+  size_t begin = kLongestMessage / 2;
+  size_t end = message.size() - kLongestMessage / 2;
+  while (begin > 0 && is_inside(begin)) --begin;
+  while (end < message.size() && is_inside(end)) ++end;
+  return message.substr(0, begin) + "…" + message.substr(end);
+}
+
+}  // namespace
+
+const char* wordFor(Severity severity) {
+  switch (severity) {
+    case Severity::NOTE:
+      return "note";
+    case Severity::WARNING:
+      return "warning";
+    case Severity::ERROR:
+      break;
+  }
+  return "error";
+}
+
+const std::vector<CheckInfo>& allChecks() {
+  static const std::vector<CheckInfo> checks(std::begin(kChecks),
+                                             std::end(kChecks));
+  return checks;
+}
+
+const CheckInfo* findCheck(const std::string& name) {
+  static const auto by_name = [] {
+    std::map<std::string, const CheckInfo*> index;
+    for (const CheckInfo& check : allChecks()) index[check.name] = &check;
+    return index;
+  }();
+  const auto found = by_name.find(name);
+  return found == by_name.end() ? nullptr : found->second;
+}
+
+Findings::Findings(const Document& document,
+                   const std::vector<std::string>& ignored_names)
+    : ignored_(ignored_names.begin(), ignored_names.end()) {
+  for (const int line : document.linesWithIgnores()) {
+    const auto names = document.ignoredAt(line);
+    silenced_[line].insert(names.begin(), names.end());
+  }
+  for (const auto& [line, names] : silenced_) {
+    for (const std::string& name : names) {
+      if (findCheck(name) != nullptr) continue;
+      add("unknown-ignore", {line, 1}, "there is no finding '" + name + "'");
+    }
+  }
+}
+
+bool Findings::isSilenced(const std::string& check, const Place& place) const {
+  if (ignored_.count(check) > 0) return true;
+  const auto line = silenced_.find(place.line);
+  return line != silenced_.end() && line->second.count(check) > 0;
+}
+
+void Findings::add(const std::string& check, Place place,
+                   const std::string& message, std::vector<Note> notes) {
+  const CheckInfo* const info = findCheck(check);
+  assert(info != nullptr);
+  if (place.line < 1) place = {1, 1};
+  if (isSilenced(check, place)) return;
+  OfAKind& kind = kinds_[info];
+  if (kind.shown.size() == kMostOfAKind) {
+    if (!kind.more) kind.more = place;
+    return;
+  }
+  const std::string text = shortened(message);
+  if (!kind.shown.emplace(place, text).second) return;
+  if (notes.size() > kMostNotes) {
+    notes.resize(kMostNotes);
+    notes.push_back({notes.back().place, "further places are not shown"});
+  }
+  for (Note& note : notes) note.message = shortened(note.message);
+  findings_.push_back({info, place, text, std::move(notes)});
+}
+
+bool Findings::isFull(const std::string& check) const {
+  const auto kind = kinds_.find(findCheck(check));
+  return kind != kinds_.end() && kind->second.shown.size() == kMostOfAKind;
+}
+
+void Findings::settle() {
+  for (const auto& [info, kind] : kinds_) {
+    if (!kind.more) continue;
+    findings_.push_back({info,
+                         *kind.more,
+                         "only the first " + std::to_string(kMostOfAKind) +
+                             " findings of this kind are shown; there are more",
+                         {}});
+  }
+  std::stable_sort(findings_.begin(), findings_.end(), isBefore);
+}
+
+}  // namespace vorn::launch

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "launchfile/source_text.h"
+
+namespace vorn::launch {
+
+enum class Severity { NOTE, WARNING, ERROR };
+
+/// "note", "warning" or "error".
+const char* wordFor(Severity severity);
+
+/// One kind of finding. The names are stable: people silence findings by them.
+struct CheckInfo {
+  const char* name;
+  Severity severity;
+  const char* summary;  // what is wrong, in a few words
+};
+
+/// Every kind of finding, in the order of the documentation.
+const std::vector<CheckInfo>& allChecks();
+
+/// The kind of this name; null if there is none.
+const CheckInfo* findCheck(const std::string& name);
+
+/// A second place that a finding is about.
+struct Note {
+  Place place;
+  std::string message;
+};
+
+struct Finding {
+  const CheckInfo* check = nullptr;
+  Place place;
+  std::string message;  // one sentence; texts of the file in it are raw
+  std::vector<Note> notes;
+};
+
+// Limits for each file; the rest is left out with a word about it.
+constexpr size_t kMostOfAKind = 100;      // findings
+constexpr size_t kMostNotes = 20;         // of a finding
+constexpr size_t kLongestMessage = 1000;  // in bytes
+
+/// The findings in one launch file.
+class Findings {
+ public:
+  /// Findings of these names, or silenced by a comment in the document, will be
+  /// left out. Adds the findings about such comments.
+  Findings(const Document& document,
+           const std::vector<std::string>& ignored_names);
+
+  /// Adds a finding, unless it is silenced, is there already, or is beyond the
+  /// limit. `check` is a name in allChecks(). Line 0 becomes the first line.
+  void add(const std::string& check, Place place, const std::string& message,
+           std::vector<Note> notes = {});
+
+  /// Whether the limit of the findings of this name is reached.
+  bool isFull(const std::string& check) const;
+
+  const std::vector<Finding>& all() const { return findings_; }
+
+  /// Sorts the findings by place and mentions those beyond the limit.
+  void settle();
+
+ private:
+  struct OfAKind {
+    std::set<std::pair<Place, std::string>> shown;  // place and message
+    std::optional<Place> more;  // the first place beyond the limit
+  };
+
+  bool isSilenced(const std::string& check, const Place& place) const;
+
+  std::set<std::string> ignored_;
+  std::map<int, std::set<std::string>> silenced_;  // by line
+  std::map<const CheckInfo*, OfAKind> kinds_;
+  std::vector<Finding> findings_;
+};
+
+}  // namespace vorn::launch

@@ -1,0 +1,148 @@
+#include <algorithm>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "check/rules.h"
+#include "check/foreign_keys.h"
+#include "context/node_patterns.h"
+
+namespace vorn::launch {
+namespace {
+
+const std::vector<std::string> kRootKeys = {"configure", "vornnode"};
+const std::vector<std::string> kConfigureKeys = {"environment"};
+using Advice = const char* (*)(const std::string&);
+
+/// The end of the message about an unknown key: the known key that it resembles
+/// or `advice`, if there is any.
+std::string hintFor(const std::string& key,
+                    const std::vector<std::string>& known, Advice advice) {
+  const std::string normalized = normalizedKey(key);
+  const bool is_known =
+      std::find(known.begin(), known.end(), normalized) != known.end();
+  const char* const other =
+      is_known || advice == nullptr ? nullptr : advice(normalized);
+  if (other != nullptr) return std::string("; ") + other;
+  const std::string near = is_known ? normalized : nearestOf(known, normalized);
+  return near.empty() ? "" : "; did you mean '" + near + "'?";
+}
+
+/// Keys for people's own use, such as anchors, at the top level.
+bool isPrivate(const std::string& key) { return key.rfind("x-", 0) == 0; }
+
+void checkUnknown(const std::vector<Text>& keys, const std::string& owner,
+                  const std::vector<std::string>& known, Advice advice,
+                  Findings& findings) {
+  for (const Text& key : keys) {
+    if (std::find(known.begin(), known.end(), key.value) != known.end()) {
+      continue;
+    }
+    if (key.value == "<<") {
+      findings.add("merge-key", key.place,
+                   "'<<' merges nothing here, it is a key like any other and "
+                   "ignored; repeat what it should bring");
+      continue;
+    }
+    findings.add("unknown-key", key.place,
+                 "unknown key '" + key.value + "' " + owner + " is ignored" +
+                     hintFor(key.value, known, advice));
+  }
+}
+
+/// What a key does that stands in a node once more.
+std::string ofRepeatedKey(const std::string& key) {
+  if (key == "path") return "the first one is used, this one is ignored";
+  if (key == "argv") return "its arguments are added to those before";
+  if (key == "environment") return "its variables are added to those before";
+  return "this one replaces the one before";
+}
+
+void checkRepeated(const std::vector<Text>& keys, const std::string& owner,
+                   const std::vector<std::string>& known, Findings& findings) {
+  std::map<std::string, Place> first;
+  for (const Text& key : keys) {
+    const auto [before, is_new] = first.emplace(key.value, key.place);
+    bool is_known = false;
+    for (const std::string& each : known) is_known |= each == key.value;
+    if (is_new || !is_known) continue;
+    findings.add(
+        "repeated-key", key.place,
+        "'" + key.value + "' again " + owner + ": " + ofRepeatedKey(key.value),
+        {{before->second, "the first '" + key.value + "' is here"}});
+  }
+}
+
+void checkSections(const Reading& reading, Findings& findings) {
+  std::map<std::string, Place> first;
+  std::vector<Text> others;
+  for (const Text& key : reading.keys) {
+    if (!isPrivate(key.value)) others.push_back(key);
+    const auto [before, is_new] = first.emplace(key.value, key.place);
+    if (is_new || (key.value != "vornnode" && key.value != "configure")) {
+      continue;
+    }
+    findings.add("repeated-section", key.place,
+                 "a second '" + key.value +
+                     "' is ignored with all that is in it; move it to the "
+                     "first",
+                 {{before->second, "the first one is here"}});
+  }
+  checkUnknown(others, "at the top level", kRootKeys, adviceForRootKey,
+               findings);
+  checkUnknown(reading.configureKeys, "in 'configure'", kConfigureKeys, nullptr,
+               findings);
+  Place environment;
+  for (const Text& key : reading.configureKeys) {
+    if (key.value != "environment") continue;
+    if (environment.line == 0) {
+      environment = key.place;
+      continue;
+    }
+    findings.add("repeated-key", key.place,
+                 "'environment' again in 'configure': the first one is used, "
+                 "this one is ignored",
+                 {{environment, "the first 'environment' is here"}});
+  }
+}
+
+void checkKeys(const NodeReading& node, Findings& findings) {
+  const std::string owner = "in node '" + node.name.value + "'";
+  checkUnknown(node.keys, owner, nodeKeys(), adviceForNodeKey, findings);
+  checkRepeated(node.keys, owner, nodeKeys(), findings);
+}
+
+}  // namespace
+
+void checkDocument(const Reading& reading, Findings& findings) {
+  if (const Text& language = reading.otherLanguage; !language.value.empty()) {
+    findings.add("other-language", language.place,
+                 "this looks like " + language.value +
+                     "; a launch file is YAML with nodes in 'vornnode'");
+    return;
+  }
+  for (const Fault& fault : reading.faults) {
+    findings.add(fault.check, fault.place, fault.message);
+  }
+  if (!reading.faults.empty() && reading.faults[0].check == "syntax") return;
+  if (reading.secondDocument.line != 0) {
+    findings.add("second-document", reading.secondDocument,
+                 "what follows the first document is not read; one file is "
+                 "one document");
+  }
+  for (const Text& value : reading.ignored) {
+    findings.add(
+        "ignored-value", value.place,
+        "this is no mapping, so " + value.value + " is taken for an empty one");
+  }
+  checkSections(reading, findings);
+  for (const NodeReading& node : reading.nodes) checkKeys(node, findings);
+  for (const NodeReading& node : reading.dropped) checkKeys(node, findings);
+  if (reading.nodes.empty() && reading.faults.empty()) {
+    findings.add("no-nodes", {1, 1},
+                 "no node in this file: the launcher runs, and starts nothing");
+  }
+}
+
+}  // namespace vorn::launch

@@ -1,0 +1,329 @@
+#include <elf.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "check/rules.h"
+#include "output/text.h"
+
+namespace vorn::launch {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr size_t kReadByKernel = 256;  // of a program, for its "#!" line
+constexpr char kEveryFiveSeconds[] =
+    ", so it exits with status 127 and is tried again every 5 s";
+
+/// What is wrong with a program: a finding without its place. Nothing: it can
+/// be executed, as far as that can be told.
+struct Defect {
+  std::string check;
+  std::string what;
+};
+
+/// As much of the beginning of a file as there is of `size` bytes; nothing if
+/// it cannot be read.
+std::optional<std::string> beginningOf(const std::string& path, size_t size) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) return std::nullopt;
+  std::string text(size, '\0');
+  file.read(text.data(), static_cast<std::streamsize>(size));
+  text.resize(static_cast<size_t>(file.gcount()));
+  return text;
+}
+
+bool exists(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0;
+}
+
+bool mayExecute(const std::string& path) {
+  return ::faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0;
+}
+
+/// The kernel's own: what it executes besides depends on its settings.
+bool isForeign(uint16_t machine) {
+  switch (machine) {
+#if defined(__x86_64__)
+    case EM_X86_64:
+    case EM_386:
+#elif defined(__aarch64__)
+    case EM_AARCH64:
+    case EM_ARM:
+#elif defined(__arm__)
+    case EM_ARM:
+#elif defined(__riscv)
+    case EM_RISCV:
+#else
+    case EM_NONE:
+#endif
+      return false;
+    default:
+      break;
+  }
+#if defined(__x86_64__) || defined(__aarch64__) || defined(__arm__) || \
+    defined(__riscv)
+  return true;
+#else
+  return false;
+#endif
+}
+
+template <typename T>
+std::optional<T> readAt(std::ifstream& file, uint64_t offset) {
+  T value{};
+  file.clear();
+  file.seekg(static_cast<std::streamoff>(offset));
+  file.read(reinterpret_cast<char*>(&value), sizeof(value));
+  if (file.gcount() != sizeof(value)) return std::nullopt;
+  return value;
+}
+
+/// The loader that an ELF program of 64 bits names; empty if none.
+std::string loaderOf(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  const auto header = readAt<Elf64_Ehdr>(file, 0);
+  if (!header || header->e_ident[EI_CLASS] != ELFCLASS64) return "";
+  for (uint64_t i = 0; i < header->e_phnum; ++i) {
+    const auto part = readAt<Elf64_Phdr>(
+        file, header->e_phoff + i * uint64_t{header->e_phentsize});
+    if (!part || part->p_type != PT_INTERP) continue;
+    constexpr uint64_t kLongestPath = 4096;
+    if (part->p_filesz == 0 || part->p_filesz > kLongestPath) return "";
+    std::string loader(part->p_filesz, '\0');
+    file.seekg(static_cast<std::streamoff>(part->p_offset));
+    file.read(loader.data(), static_cast<std::streamsize>(loader.size()));
+    return untilNul(loader);
+  }
+  return "";
+}
+
+std::optional<Defect> defectOfElf(const std::string& path,
+                                  const std::string& beginning) {
+  Elf64_Half machine = 0;  // at the same place for 32 bits
+  constexpr size_t kMachineAt = offsetof(Elf64_Ehdr, e_machine);
+  if (beginning.size() < kMachineAt + sizeof(machine)) {
+    return Defect{"wrong-format", "is cut off"};
+  }
+  std::memcpy(&machine, beginning.data() + kMachineAt, sizeof(machine));
+  if (isForeign(machine)) {
+    return Defect{"wrong-format", "is for another kind of machine"};
+  }
+  const std::string loader = loaderOf(path);
+  if (!loader.empty() && !exists(loader)) {
+    return Defect{"missing-interpreter",
+                  "needs the loader " + loader + ", which is not there"};
+  }
+  return std::nullopt;
+}
+
+/// The program that "env NAME" would start is looked for in this PATH.
+bool isInPath(const std::string& program, const std::string& path) {
+  std::istringstream folders(path);
+  for (std::string folder; std::getline(folders, folder, ':');) {
+    if (folder.empty()) folder = ".";
+    folder.append("/").append(program);
+    std::error_code error;
+    if (mayExecute(folder) && !fs::is_directory(folder, error)) return true;
+  }
+  return false;
+}
+
+std::optional<Defect> defectOfScript(const std::string& beginning,
+                                     const std::string& path) {
+  const std::string line = beginning.substr(2, beginning.find('\n') - 2);
+  std::istringstream words(line);
+  std::string interpreter;
+  std::string argument;
+  words >> interpreter >> argument;
+  // The kernel cuts at spaces and tabs alone.
+  if (line.find('\r') != std::string::npos && argument.empty()) {
+    interpreter += '\r';
+  }
+  if (interpreter.empty() || !exists(interpreter)) {
+    return Defect{
+        "missing-interpreter",
+        "needs the interpreter '" + interpreter + "', which is not there"};
+  }
+  const bool is_env = fs::path(interpreter).filename() == "env";
+  const bool is_name = !argument.empty() && argument[0] != '-' &&
+                       argument.find('=') == std::string::npos &&
+                       argument.find('/') == std::string::npos;
+  if (is_env && is_name && !isInPath(argument, path)) {
+    return Defect{"missing-interpreter",
+                  "needs '" + argument + "', which is in no folder of PATH"};
+  }
+  return std::nullopt;
+}
+
+/// Whether the text up to the first space of a path is a program.
+bool hasArguments(const std::string& path) {
+  const size_t space = path.find(' ');
+  if (space == std::string::npos) return false;
+  std::error_code error;
+  const std::string program = path.substr(0, space);
+  return fs::is_regular_file(program, error) && mayExecute(program);
+}
+
+/// `path` is the PATH that the program is given.
+std::optional<Defect> defectOf(const std::string& program,
+                               const std::string& path) {
+  struct stat status {};
+  if (::stat(program.c_str(), &status) != 0) {
+    const std::string reason = std::strerror(errno);
+    return Defect{"missing-executable",
+                  "cannot be found (" + reason +
+                      "): the node is disabled at its first start" +
+                      (hasArguments(program)
+                           ? "; arguments go into 'argv', not into 'path'"
+                           : "")};
+  }
+  if (S_ISDIR(status.st_mode)) {
+    return Defect{"executable-folder",
+                  std::string("is a folder") + kEveryFiveSeconds};
+  }
+  if (!S_ISREG(status.st_mode) || !mayExecute(program)) {
+    return Defect{"not-executable",
+                  std::string("may not be executed") + kEveryFiveSeconds};
+  }
+  const auto beginning = beginningOf(program, kReadByKernel);
+  if (!beginning) return std::nullopt;
+  std::optional<Defect> defect;
+  if (beginning->rfind(ELFMAG, 0) == 0) {
+    defect = defectOfElf(program, *beginning);
+  } else if (beginning->rfind("#!", 0) == 0) {
+    defect = defectOfScript(*beginning, path);
+  } else {
+    defect = Defect{"wrong-format",
+                    "is no program, and no script that begins "
+                    "with '#!'"};
+  }
+  if (defect) defect->what += kEveryFiveSeconds;
+  return defect;
+}
+
+/// The value of PATH that these variables set last; else `value`.
+std::string pathFrom(const std::vector<Variable>& variables,
+                     std::string value) {
+  for (const Variable& variable : variables) {
+    if (exportedName(variable.name.value) == "PATH") {
+      value = untilNul(variable.value.value);
+    }
+  }
+  return value;
+}
+
+void checkPrograms(const Reading& reading, const std::string& path,
+                   Findings& findings) {
+  std::map<std::pair<std::string, std::string>, std::optional<Defect>> known;
+  for (const NodeReading& node : reading.nodes) {
+    if (!node.hasPath) continue;
+    const std::string program = untilNul(node.executable);
+    const std::string node_path = pathFrom(node.environment, path);
+    const auto [entry, is_new] = known.try_emplace({program, node_path});
+    if (is_new) entry->second = defectOf(program, node_path);
+    if (!entry->second) continue;
+    findings.add(entry->second->check, node.path.place,
+                 "'" + program + "' of node '" + node.name.value + "' " +
+                     entry->second->what);
+  }
+}
+
+void checkTools(const Reading& reading, const std::string& path,
+                Findings& findings) {
+  Place place{1, 1};
+  for (const Variable& variable : reading.environment) {
+    if (variable.name.value == "PATH") place = variable.value.place;
+  }
+  for (const char* const tool : {"ps", "grep"}) {
+    if (isInPath(tool, path)) continue;
+    findings.add("missing-tool", place,
+                 std::string("'") + tool +
+                     "' is in no folder of the launcher's PATH, '" + path +
+                     "'; without it a stop takes its full 10 s or does not "
+                     "wait at all");
+  }
+}
+
+/// The C library starts the shell of popen() by clone3(), and takes another
+/// call only if the kernel does not know that one.
+void checkClone(Findings& findings) {
+#if defined(SYS_clone3)
+  // Without arguments the call always fails.
+  const auto result = ::syscall(SYS_clone3, nullptr, size_t{0});
+  if (result >= 0 || errno == EINVAL || errno == ENOSYS) return;
+  findings.add("clone-refused", {1, 1},
+               std::string("the system call clone3 is refused here (") +
+                   std::strerror(errno) +
+                   "), so the launcher cannot run 'ps' and every stop lasts "
+                   "10 s; update the container engine or its seccomp profile");
+#endif
+}
+
+/// The file or folder at or above `path` that any user can change; empty if
+/// there is none.
+std::string writableByOthers(const std::string& path) {
+  std::error_code error;
+  const fs::path real = fs::canonical(path, error);
+  if (error) return "";
+  for (fs::path each = real; !each.empty(); each = each.parent_path()) {
+    struct stat status {};
+    const bool is_known = ::stat(each.c_str(), &status) == 0;
+    // In a sticky folder, such as /tmp, nobody can replace what is another's.
+    const bool is_protected =
+        S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0;
+    if (is_known && (status.st_mode & S_IWOTH) != 0 && !is_protected) {
+      return each.string();
+    }
+    if (each == each.root_path()) break;
+  }
+  return "";
+}
+
+void checkRights(const Document& document, const Reading& reading,
+                 Findings& findings) {
+  if (::geteuid() != 0) return;
+  const auto check = [&](const std::string& file, const Place& place) {
+    const std::string writable = writableByOthers(file);
+    if (writable.empty()) return;
+    findings.add("writable-by-others", place,
+                 "any user can change '" + writable +
+                     "', and so what the launcher runs as root");
+  };
+  check(document.name(), {1, 1});
+  std::set<std::string> seen;
+  for (const NodeReading& node : reading.nodes) {
+    if (!seen.insert(node.executable).second) continue;
+    check(node.executable, node.path.place);
+  }
+}
+
+}  // namespace
+
+void checkHost(const Document& document, const Reading& reading,
+               Findings& findings) {
+  const char* const own_path = std::getenv("PATH");
+  // What the C library takes for a missing PATH.
+  const std::string path = pathFrom(
+      reading.environment, own_path == nullptr ? "/bin:/usr/bin" : own_path);
+  checkPrograms(reading, path, findings);
+  checkTools(reading, path, findings);
+  checkClone(findings);
+  checkRights(document, reading, findings);
+}
+
+}  // namespace vorn::launch

@@ -1,0 +1,218 @@
+#include <cstdio>
+#include <map>
+#include <string>
+
+#include "check/rules.h"
+#include "launchfile/required_graph.h"
+
+namespace vorn::launch {
+namespace {
+
+constexpr size_t kLongestName = 127;  // what a request of the socket holds
+constexpr uint32_t kLongestSleepMs = 4'294'967;  // its microseconds fit
+constexpr uint32_t kLongSleepMs = 10'000;
+constexpr uint32_t kShortSleepMs = 100;
+
+std::string named(const NodeReading& node) {
+  return "node '" + node.name.value + "'";
+}
+
+void checkName(const NodeReading& node, Findings& findings) {
+  const std::string& name = node.name.value;
+  if (name.size() > kLongestName) {
+    findings.add("name-too-long", node.name.place,
+                 "the name of this node has " + std::to_string(name.size()) +
+                     " bytes; with more than 127 it cannot be controlled");
+  }
+  if (name.rfind('-', 0) == 0) {
+    findings.add("name-like-option", node.name.place,
+                 "the name '" + name +
+                     "' starts with a dash; after 'vornctl stop' it is taken "
+                     "for an option");
+  }
+  if (name.find('\0') != std::string::npos) {
+    findings.add("nul-in-name", node.name.place,
+                 named(node) +
+                     " has a NUL in its name and cannot be "
+                     "controlled");
+  }
+}
+
+void checkDuplicates(const Reading& reading, Findings& findings) {
+  std::map<std::string, Place> first;
+  for (const NodeReading& node : reading.nodes) {
+    const auto [before, is_new] =
+        first.emplace(node.name.value, node.name.place);
+    if (is_new) continue;
+    findings.add("duplicate-node", node.name.place,
+                 "a second " + named(node) +
+                     ": both run, but only the first can be controlled and "
+                     "required",
+                 {{before->second, "the first one is here"}});
+  }
+}
+
+void checkSleep(const NodeReading& node, Findings& findings) {
+  const uint32_t sleep = node.sleepMs.value;
+  const uint32_t effective = effectiveSleepMs(sleep);
+  const std::string written = std::to_string(sleep) + " ms";
+  if (sleep > kLongestSleepMs) {
+    findings.add("sleep-wraps", node.sleepMs.place,
+                 "a sleep of " + written + " wraps around and is " +
+                     std::to_string(effective) +
+                     " ms; 4294967 ms is the longest");
+  }
+  if (sleep > 0 && sleep < kShortSleepMs) {
+    findings.add("short-sleep", node.sleepMs.place,
+                 "the sleep of " + named(node) + " is " + written +
+                     "; for seconds, write " + std::to_string(sleep * 1000));
+  }
+  if (effective > kLongSleepMs) {
+    findings.add("long-sleep", node.sleepMs.place,
+                 "before each start of " + named(node) +
+                     " the launcher sleeps for " +
+                     std::to_string(effective / 1000) +
+                     " s: it starts nothing else, notices no exit and answers "
+                     "no command");
+  }
+}
+
+/// Whether a shell would replace a part of the text by a variable.
+bool hasShellVariable(const std::string& text) {
+  for (size_t i = text.find('$'); i != std::string::npos;
+       i = text.find('$', i + 1)) {
+    const char next = i + 1 < text.size() ? text[i + 1] : ' ';
+    const bool is_letter = (next >= 'a' && next <= 'z') ||
+                           (next >= 'A' && next <= 'Z') || next == '_';
+    if (is_letter || next == '{') return true;
+  }
+  return false;
+}
+
+/// Whether the text after the first blank of a path is an argument, and not a
+/// part of a file name with a blank in it.
+bool hasArgument(const std::string& path) {
+  const size_t blank = path.find_first_of(" \t");
+  const size_t next = path.find_first_not_of(" \t", blank);
+  if (blank == std::string::npos || next == std::string::npos) return false;
+  return path[next] == '-' || path[next] == '/' ||
+         path.find_first_not_of("0123456789", next) == std::string::npos;
+}
+
+/// Characters of which a shell would make something, as people write them.
+std::string shellPartOf(const std::string& argument) {
+  for (const char* const sign : {"&&", "||", "$(", "`"}) {
+    if (argument.find(sign) != std::string::npos) return sign;
+  }
+  for (const char* const sign : {"|", ">", ">>", "<", "&", ";", "2>&1"}) {
+    if (argument == sign) return sign;
+  }
+  if (argument[0] == '~' && (argument.size() == 1 || argument[1] == '/')) {
+    return "~";
+  }
+  if (argument[0] == '>') return ">";
+  if (hasShellVariable(argument)) return "$";
+  const size_t glob = argument.find_first_of("*?");
+  // An address may well have a question mark.
+  const bool is_glob =
+      glob != std::string::npos && argument.find("://") == std::string::npos;
+  return is_glob ? argument.substr(glob, 1) : "";
+}
+
+void checkArgument(const NodeReading& node, const Text& argument,
+                   Findings& findings) {
+  const std::string subject =
+      "argument '" + argument.value + "' of " + named(node);
+  const char first = argument.value.front();
+  const char last = argument.value.back();
+  if (first == '"' || first == '\'' || last == '"' || last == '\'') {
+    findings.add("quote-in-argv", argument.place,
+                 subject +
+                     " keeps its quotes; arguments are cut at every space, "
+                     "and nothing takes quotes away");
+  }
+  if (const std::string part = shellPartOf(argument.value); !part.empty()) {
+    findings.add("shell-in-argv", argument.place,
+                 subject + " is handed over as it stands; no shell sees its '" +
+                     part + "'");
+  }
+  if (argument.value.find_first_of("\t\n\r") != std::string::npos) {
+    findings.add("space-in-argument", argument.place,
+                 subject +
+                     " has a tab or new line in it; only spaces separate "
+                     "arguments");
+  }
+}
+
+void checkNul(const Text& text, const std::string& what, Findings& findings) {
+  if (text.value.find('\0') == std::string::npos) return;
+  findings.add("nul-in-text", text.place, what + " ends at its first NUL");
+}
+
+void checkTexts(const NodeReading& node, Findings& findings) {
+  checkNul(node.path, "the path of " + named(node), findings);
+  for (const Text& argv : node.argvs) {
+    checkNul(argv, "the argv of " + named(node), findings);
+  }
+}
+
+void checkPath(const Reading& reading, const NodeReading& node,
+               Findings& findings) {
+  if (!node.hasPath) return;
+  const std::string subject =
+      "path '" + node.path.value + "' of " + named(node);
+  if (hasArgument(node.path.value)) {
+    findings.add("shell-in-path", node.path.place,
+                 subject + " has a blank in it; arguments go into 'argv'");
+  }
+  const bool is_home = node.path.value.rfind("~/", 0) == 0;
+  if (is_home || hasShellVariable(node.path.value)) {
+    findings.add("shell-in-path", node.path.place,
+                 subject + " is used as written; no shell expands its '" +
+                     (is_home ? "~'" : "$'"));
+    return;
+  }
+  if (reading.hasBinPath()) return;
+  if (node.path.value.rfind('/', 0) == 0) return;
+  // A better word for these is elsewhere.
+  if (node.path.value.rfind("install:", 0) == 0) return;
+  findings.add("relative-path", node.path.place,
+               subject +
+                   " is relative to the launcher's working folder; set "
+                   "VORN_BIN_PATH in 'configure', or write it in full");
+}
+
+void checkFlags(const NodeReading& node, Findings& findings) {
+  if (!node.disabled.value || node.autostart.value) return;
+  findings.add("disabled-autostart", node.autostart.place,
+               named(node) +
+                   " is disabled and not started automatically: once enabled, "
+                   "its first start is refused and only the second works",
+               {{node.disabled.place, "it is disabled here"}});
+}
+
+}  // namespace
+
+void checkNodes(const Reading& reading, Findings& findings) {
+  checkDuplicates(reading, findings);
+  for (const NodeReading& node : reading.dropped) {
+    findings.add("node-dropped", node.name.place,
+                 isNodeKey(node.name.value)
+                     ? "'" + node.name.value +
+                           "' is read as the name of a node without 'path'; "
+                           "indent it below the name of its node"
+                     : named(node) + " has no 'path' and is left out");
+  }
+  for (const NodeReading& node : reading.nodes) {
+    checkName(node, findings);
+    checkPath(reading, node, findings);
+    for (const Text& argument : node.arguments) {
+      checkArgument(node, argument, findings);
+    }
+    checkTexts(node, findings);
+    checkSleep(node, findings);
+    checkFlags(node, findings);
+  }
+}
+
+}  // namespace vorn::launch

@@ -1,0 +1,233 @@
+#include "check/report.h"
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+#include "check/rule_help.h"
+#include "output/table.h"
+#include "vornctl_version.h"
+
+namespace vorn::launch {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// Grows when a member changes its meaning or goes; not when one is added.
+constexpr int kSchemaVersion = 1;
+constexpr size_t kLongestSource = 120;  // bytes of a source line
+
+Colour colourOf(Severity severity) {
+  switch (severity) {
+    case Severity::ERROR:
+      return Colour::RED;
+    case Severity::WARNING:
+      return Colour::YELLOW;
+    case Severity::NOTE:
+      break;
+  }
+  return Colour::FAINT;
+}
+
+/// The start of the character at this position; the end of the line beyond it.
+size_t characterBefore(std::string_view line, size_t position) {
+  if (position >= line.size()) return line.size();
+  const auto is_inside = [&] {
+    return (static_cast<unsigned char>(line[position]) & 0xc0U) == 0x80U;
+  };
+  while (position > 0 && is_inside()) --position;
+  return position;
+}
+
+void printSource(Output& out, const Document& document, const Place& place) {
+  const std::string_view line = document.line(place.line);
+  if (line.empty()) return;
+  const auto column = static_cast<size_t>(place.column) - 1;
+  const bool is_short = line.size() <= kLongestSource;
+  const bool is_cut = !is_short && column > kLongestSource / 2;
+  const size_t begin =
+      is_cut ? characterBefore(line, column - kLongestSource / 2) : 0;
+  const size_t end = characterBefore(line, begin + kLongestSource);
+  std::string part(line.substr(begin, end - begin));
+  std::replace(part.begin(), part.end(), '\t', ' ');
+  const OutputText ellipsis = is_cut ? "…" : OutputText();
+  const OutputText prefix =
+      ellipsis + terminalText(part.substr(0, column - begin));
+  const size_t missing = column > line.size() ? column - line.size() : 0;
+  out << "  " << ellipsis << terminalText(part)
+      << (end < line.size() ? "…" : OutputText()) << "\n  "
+      << spaces(displayWidth(prefix) + missing) << "^\n";
+}
+
+Json placeOf(const Place& place) {
+  return {{"line", place.line}, {"column", place.column}};
+}
+
+/// The characters of UTF-8 in a column of bytes.
+int codePointColumn(const Document& document, const Place& place) {
+  const std::string_view line = document.line(place.line);
+  int column = 1;
+  for (int i = 0; i < place.column - 1; ++i) {
+    const auto index = static_cast<size_t>(i);
+    const bool is_inside =
+        index < line.size() &&
+        (static_cast<unsigned char>(line[index]) & 0xc0U) == 0x80U;
+    if (!is_inside) ++column;
+  }
+  return column;
+}
+
+/// A path as a URI reference.
+std::string uriOf(const std::string& path) {
+  static const std::string plain =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~/";
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  std::string uri = path.rfind('/', 0) == 0 ? "file://" : "";
+  for (const char letter : path) {
+    if (plain.find(letter) != std::string::npos) {
+      uri += letter;
+      continue;
+    }
+    const auto byte = static_cast<unsigned char>(letter);
+    uri += '%';
+    uri += kDigits[byte >> 4U];
+    uri += kDigits[byte & 0xfU];
+  }
+  return uri;
+}
+
+Json sarifLocation(const Document& document, const Place& place) {
+  Json physical = {{"artifactLocation", {{"uri", uriOf(document.name())}}}};
+  if (place.line > 0) {
+    physical["region"] = {{"startLine", place.line},
+                          {"startColumn", codePointColumn(document, place)}};
+  }
+  return {{"physicalLocation", physical}};
+}
+
+Json sarifResult(const Document& document, const Finding& finding) {
+  Json result = {
+      {"ruleId", finding.check->name},
+      {"level", wordFor(finding.check->severity)},
+      {"message", {{"text", finding.message}}},
+      {"locations", Json::array({sarifLocation(document, finding.place)})},
+  };
+  Json related = Json::array();
+  for (const Note& note : finding.notes) {
+    Json location = sarifLocation(document, note.place);
+    location["message"] = {{"text", note.message}};
+    related.push_back(std::move(location));
+  }
+  if (!related.empty()) result["relatedLocations"] = std::move(related);
+  return result;
+}
+
+Json sarifRules() {
+  Json rules = Json::array();
+  for (const CheckInfo& check : allChecks()) {
+    const std::string help = helpFor(check.name);
+    rules.push_back(
+        {{"id", check.name},
+         {"shortDescription", {{"text", check.summary}}},
+         {"help", {{"text", help}, {"markdown", help}}},
+         {"defaultConfiguration", {{"level", wordFor(check.severity)}}}});
+  }
+  return rules;
+}
+
+}  // namespace
+
+void printAsText(Output& out, const CheckedFile& file, bool has_source,
+                 bool has_colours) {
+  const auto print_line = [&](const Place& place, const char* word,
+                              Colour colour, const std::string& text) {
+    const OutputText place_text =
+        terminalText(file.document.name() + ':' + std::to_string(place.line) +
+                     ':' + std::to_string(place.column) + ':');
+    out << (has_colours ? coloured(place_text, Colour::BOLD) : place_text)
+        << " "
+        << (has_colours ? coloured(terminalText(word) + ":", colour)
+                        : terminalText(word) + ":")
+        << " " << terminalText(text) << "\n";
+    if (has_source) printSource(out, file.document, place);
+  };
+  for (const Finding& finding : file.findings.all()) {
+    const Severity severity = finding.check->severity;
+    print_line(finding.place, wordFor(severity), colourOf(severity),
+               finding.message + " [" + finding.check->name + ']');
+    for (const Note& note : finding.notes) {
+      print_line(note.place, "note", Colour::FAINT, note.message);
+    }
+  }
+}
+
+void printAsJson(Output& out, const std::vector<CheckedFile>& files) {
+  Json list = Json::array();
+  for (const CheckedFile& file : files) {
+    Json findings = Json::array();
+    for (const Finding& finding : file.findings.all()) {
+      Json each = placeOf(finding.place);
+      each["severity"] = wordFor(finding.check->severity);
+      each["name"] = finding.check->name;
+      each["message"] = finding.message;
+      each["notes"] = Json::array();
+      for (const Note& note : finding.notes) {
+        Json place = placeOf(note.place);
+        place["message"] = note.message;
+        each["notes"].push_back(std::move(place));
+      }
+      findings.push_back(std::move(each));
+    }
+    list.push_back({{"file", file.document.name()},
+                    {"loads", file.isLoaded},
+                    {"findings", std::move(findings)}});
+  }
+  out << jsonText({{"schema", kSchemaVersion}, {"files", std::move(list)}});
+}
+
+void printAsSarif(Output& out, const std::vector<CheckedFile>& files) {
+  Json results = Json::array();
+  for (const CheckedFile& file : files) {
+    for (const Finding& finding : file.findings.all()) {
+      results.push_back(sarifResult(file.document, finding));
+    }
+  }
+  const Json driver = {{"name", "vornctl"},
+                       {"version", VORNCTL_VERSION},
+                       {"rules", sarifRules()}};
+  const Json run = {{"tool", {{"driver", driver}}},
+                    {"columnKind", "unicodeCodePoints"},
+                    {"results", std::move(results)}};
+  out << jsonText({{"$schema", "https://json.schemastore.org/sarif-2.1.0.json"},
+                   {"version", "2.1.0"},
+                   {"runs", Json::array({run})}});
+}
+
+void printAsGithub(Output& out, const std::vector<CheckedFile>& files) {
+  for (const CheckedFile& file : files) {
+    for (const Finding& finding : file.findings.all()) {
+      const Severity severity = finding.check->severity;
+      const auto message = [](const std::string& text) {
+        return githubText(text, GithubPart::MESSAGE);
+      };
+      const auto property = [](const std::string& text) {
+        return githubText(text, GithubPart::PROPERTY);
+      };
+      out << "::"
+          << terminalText(severity == Severity::NOTE ? "notice"
+                                                     : wordFor(severity))
+          << " file=" << property(file.document.name())
+          << ",line=" << finding.place.line << ",col=" << finding.place.column
+          << ",title=" << property(finding.check->name)
+          << "::" << message(finding.message);
+      for (const Note& note : finding.notes) {
+        out << "%0Aline " << note.place.line << ": " << message(note.message);
+      }
+      out << "\n";
+    }
+  }
+}
+
+}  // namespace vorn::launch

@@ -1,0 +1,127 @@
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "check/rules.h"
+#include "launchfile/required_graph.h"
+#include "context/node_patterns.h"
+
+namespace vorn::launch {
+namespace {
+
+constexpr std::chrono::seconds kLongStop{60};
+constexpr int64_t kManyStops = 20;
+
+using NodeIndex = std::unordered_map<std::string, const NodeReading*>;
+
+void checkName(const NodeReading& node, const Text& name,
+               const NodeIndex& index, const std::vector<std::string>& names,
+               Findings& findings) {
+  const std::string requirer = "'" + node.name.value + "' requires ";
+  if (name.value == node.name.value) {
+    findings.add("required-self", name.place,
+                 requirer + "itself, which is passed over");
+    return;
+  }
+  const auto other = index.find(name.value);
+  if (other == index.end()) {
+    // A search for each of very many names would take too long.
+    std::string near;
+    if (!findings.isFull("required-unknown"))
+      near = nearestOf(names, name.value);
+    if (near == node.name.value) near.clear();  // required-self would follow
+    findings.add("required-unknown", name.place,
+                 requirer + "'" + name.value +
+                     "', which is no node and passed over" +
+                     (near.empty() ? "" : "; did you mean '" + near + "'?"));
+    return;
+  }
+  if (other->second->oneshot.value) {
+    findings.add("required-oneshot", name.place,
+                 requirer + "'" + name.value +
+                     "', a oneshot: if it runs when '" + node.name.value +
+                     "' stops, it is stopped and ends disabled",
+                 {{other->second->oneshot.place, "it is a oneshot here"}});
+  }
+}
+
+void checkNames(const Reading& reading, Findings& findings) {
+  NodeIndex index;
+  std::vector<std::string> names;
+  for (const NodeReading& node : reading.nodes) {
+    index.emplace(node.name.value, &node);
+    names.push_back(node.name.value);
+  }
+  for (const NodeReading& node : reading.nodes) {
+    std::unordered_map<std::string, Place> before;
+    for (const Text& name : node.required) {
+      checkName(node, name, index, names, findings);
+      const auto [first, is_new] = before.emplace(name.value, name.place);
+      if (is_new) continue;
+      findings.add("required-twice", name.place,
+                   "'" + node.name.value + "' requires '" + name.value +
+                       "' twice, which restarts it twice",
+                   {{first->second, "the first time is here"}});
+    }
+  }
+}
+
+void checkCycles(const Reading& reading, const RequiredGraph& graph,
+                 Findings& findings) {
+  const auto name_of = [&](size_t node) {
+    return reading.nodes[node].name.value;
+  };
+  for (const auto& cycle : graph.cycles()) {
+    std::string chain = name_of(cycle.front().from);
+    std::vector<Note> notes;
+    for (const auto& [from, edge] : cycle) {
+      chain += " -> " + name_of(edge.to);
+      notes.push_back({edge.place, "'" + name_of(from) + "' requires '" +
+                                       name_of(edge.to) + "' here"});
+    }
+    const Place place = notes.front().place;
+    notes.erase(notes.begin());
+    findings.add("required-cycle", place,
+                 "cycle of 'required': " + chain +
+                     "; stopping any of them hangs the launcher for good",
+                 std::move(notes));
+  }
+}
+
+void checkCascades(const Reading& reading, const RequiredGraph& graph,
+                   Findings& findings) {
+  const auto cascades = graph.cascades();
+  const auto is_long = [&](size_t node) {
+    return cascades[node] && (cascades[node]->duration > kLongStop ||
+                              cascades[node]->stops > kManyStops);
+  };
+  // A node that a long one requires needs no word of its own.
+  std::set<size_t> covered;
+  for (size_t i = 0; i < cascades.size(); ++i) {
+    if (!is_long(i)) continue;
+    for (const auto& edge : graph.edgesFrom(i)) covered.insert(edge.to);
+  }
+  for (size_t i = 0; i < cascades.size(); ++i) {
+    if (!is_long(i) || covered.count(i) > 0) continue;
+    const auto seconds =
+        std::chrono::duration_cast<std::chrono::seconds>(cascades[i]->duration);
+    findings.add("long-stop", reading.nodes[i].required.front().place,
+                 "to stop '" + reading.nodes[i].name.value + "' may take " +
+                     std::to_string(cascades[i]->stops) + " stops and " +
+                     std::to_string(seconds.count()) +
+                     " s, by the nodes it requires and those that they "
+                     "require; meanwhile the launcher does nothing else");
+  }
+}
+
+}  // namespace
+
+void checkRequired(const Reading& reading, Findings& findings) {
+  checkNames(reading, findings);
+  const RequiredGraph graph(reading);
+  checkCycles(reading, graph, findings);
+  checkCascades(reading, graph, findings);
+}
+
+}  // namespace vorn::launch

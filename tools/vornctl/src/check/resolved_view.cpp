@@ -1,0 +1,232 @@
+#include "check/resolved_view.h"
+
+#include <cstdio>
+#include <set>
+
+#include <nlohmann/json.hpp>
+
+#include "launchfile/required_graph.h"
+#include "output/table.h"
+
+namespace vorn::launch {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// Grows when a member changes its meaning or goes; not when one is added.
+constexpr int kSchemaVersion = 1;
+// Ten seconds of waiting, and the hundred runs of ps meanwhile.
+constexpr std::chrono::milliseconds kLongestStop = std::chrono::seconds(11);
+constexpr char kNodeName[] = "__VORN_NODE_NAME__";
+
+/// A variable of a node's environment and its source.
+struct Given {
+  std::string name;
+  std::string value;
+  std::string from;  // configure, launcher or node
+  Place place;       // of the name; line 0 for the launcher's
+  bool isOverwritten = false;
+};
+
+/// What a node's environment is given on top of the launcher's, in order.
+std::vector<Given> environmentOf(const Reading& reading,
+                                 const NodeReading& node) {
+  std::vector<Given> given;
+  for (const Variable& variable : reading.environment) {
+    given.push_back({variable.name.value, variable.value.value, "configure",
+                     variable.name.place});
+  }
+  given.push_back({kNodeName, nodeNameValue(node.name.value), "launcher", {}});
+  for (const Variable& variable : node.environment) {
+    given.push_back({variable.name.value, variable.value.value, "node",
+                     variable.name.place});
+  }
+  std::set<std::string> later;
+  for (auto each = given.rbegin(); each != given.rend(); ++each) {
+    each->isOverwritten = !later.insert(exportedName(each->name)).second;
+  }
+  return given;
+}
+
+OutputText lineOf(const Place& place) {
+  return place.line == 0 ? "" : "line " + OutputText(place.line);
+}
+
+/// Where argv[0] comes from.
+OutputText sourceOfPath(const Reading& reading, const NodeReading& node) {
+  const bool is_joined = node.executable != node.path.value;
+  OutputText source = "path, " + lineOf(node.path.place);
+  if (!is_joined) return source;
+  source += ", below VORN_BIN_PATH";
+  for (auto variable = reading.environment.rbegin();
+       variable != reading.environment.rend(); ++variable) {
+    if (exportedName(variable->name.value) == "VORN_BIN_PATH") {
+      return source + ", " + lineOf(variable->name.place);
+    }
+  }
+  return source + " of the environment";
+}
+
+OutputText flagsOf(const NodeReading& node) {
+  OutputText flags;
+  const auto add = [&](const OutputText& text, const Place& place) {
+    if (place.line == 0) return;
+    if (!flags.empty()) flags += ", ";
+    flags += text + " (" + lineOf(place) + ")";
+  };
+  const auto add_bool = [&](const OutputText& key, const Setting<bool>& value) {
+    add(key + terminalText(value.value ? " true" : " false"), value.place);
+  };
+  add_bool("disabled", node.disabled);
+  add_bool("oneshot", node.oneshot);
+  add_bool("autostart", node.autostart);
+  add("sleep " + OutputText(node.sleepMs.value), node.sleepMs.place);
+  return flags;
+}
+
+Json jsonOf(const Text& text) {
+  return {{"value", text.value},
+          {"line", text.place.line},
+          {"column", text.place.column}};
+}
+
+template <typename T>
+Json jsonOf(const Setting<T>& setting) {
+  Json json = {{"value", setting.value}};
+  json["line"] = setting.place.line == 0 ? Json() : Json(setting.place.line);
+  return json;
+}
+
+Json jsonOf(const Reading& reading, const NodeReading& node) {
+  Json json = {{"name", node.name.value}, {"line", node.name.place.line}};
+  json["argv"] = Json::array({{{"value", node.executable},
+                               {"line", node.path.place.line},
+                               {"column", node.path.place.column}}});
+  for (const Text& text : node.arguments) json["argv"].push_back(jsonOf(text));
+  json["environment"] = Json::array();
+  for (const Given& each : environmentOf(reading, node)) {
+    json["environment"].push_back(
+        {{"name", each.name},
+         {"value", each.value},
+         {"from", each.from},
+         {"line", each.place.line == 0 ? Json() : Json(each.place.line)},
+         {"overwritten", each.isOverwritten}});
+  }
+  json["disabled"] = jsonOf(node.disabled);
+  json["oneshot"] = jsonOf(node.oneshot);
+  json["autostart"] = jsonOf(node.autostart);
+  json["sleepMs"] = jsonOf(node.sleepMs);
+  json["effectiveSleepMs"] = effectiveSleepMs(node.sleepMs.value);
+  json["required"] = Json::array();
+  for (const Text& name : node.required) {
+    json["required"].push_back(jsonOf(name));
+  }
+  return json;
+}
+
+OutputText secondsOf(uint64_t milliseconds) {
+  char text[32];
+  (void)std::snprintf(text, sizeof(text), "%llu.%03llu s",
+                      static_cast<unsigned long long>(milliseconds / 1000),
+                      static_cast<unsigned long long>(milliseconds % 1000));
+  return terminalText(text);
+}
+
+}  // namespace
+
+void printResolved(Output& out, const ResolvedFile& file) {
+  const Reading& reading = file.reading;
+  for (const NodeReading& node : reading.nodes) {
+    out << terminalText(node.name.value) << "  # " << lineOf(node.name.place)
+        << "\n";
+    Table table;
+    table.rows.push_back({{"  argv"},
+                          {terminalText(node.executable)},
+                          {sourceOfPath(reading, node), Colour::FAINT}});
+    for (const Text& argument : node.arguments) {
+      table.rows.push_back({{""},
+                            {terminalText(argument.value)},
+                            {"argv, " + lineOf(argument.place)}});
+    }
+    OutputText title = "  environment";
+    for (const Given& each : environmentOf(reading, node)) {
+      OutputText source = terminalText(each.from);
+      if (each.place.line != 0) source += ", " + lineOf(each.place);
+      if (each.isOverwritten) source += ", overwritten below";
+      if (exportedName(each.name).empty()) source += ", cannot be set";
+      table.rows.push_back(
+          {{title}, {terminalText(each.name + '=' + each.value)}, {source}});
+      title = "";
+    }
+    title = "  required";
+    for (const Text& name : node.required) {
+      table.rows.push_back(
+          {{title}, {terminalText(name.value)}, {lineOf(name.place)}});
+      title = "";
+    }
+    if (const OutputText flags = flagsOf(node); !flags.empty()) {
+      table.rows.push_back({{"  flags"}, {flags}});
+    }
+    printAligned(out, table, false);
+  }
+}
+
+void printResolvedAsJson(Output& out, const std::vector<ResolvedFile>& files) {
+  Json list = Json::array();
+  for (const ResolvedFile& file : files) {
+    const Reading& reading = file.reading;
+    const bool loads = reading.faults.empty();
+    Json json = {{"file", file.name}, {"loads", loads}};
+    json["exception"] = loads ? Json() : Json(reading.faults[0].exception);
+    json["configure"] = Json::array();
+    for (const Variable& variable : reading.environment) {
+      json["configure"].push_back({{"name", variable.name.value},
+                                   {"value", variable.value.value},
+                                   {"line", variable.name.place.line}});
+    }
+    json["nodes"] = Json::array();
+    for (const NodeReading& node : reading.nodes) {
+      json["nodes"].push_back(jsonOf(reading, node));
+    }
+    json["dropped"] = Json::array();
+    for (const NodeReading& node : reading.dropped) {
+      json["dropped"].push_back(
+          {{"name", node.name.value}, {"line", node.name.place.line}});
+    }
+    list.push_back(std::move(json));
+  }
+  const Json document = {{"schema", kSchemaVersion},
+                         {"files", std::move(list)}};
+  out << jsonText(document);
+}
+
+void printTimeline(Output& out, const ResolvedFile& file) {
+  Table table;
+  table.header = {"START", "NODE", "SLEEP", ""};
+  uint64_t now = 0;
+  for (const NodeReading& node : file.reading.nodes) {
+    const uint32_t sleep = effectiveSleepMs(node.sleepMs.value);
+    const bool is_left_alone = node.disabled.value || !node.autostart.value;
+    if (!is_left_alone) now += sleep;
+    table.rows.push_back(
+        {{is_left_alone ? "-" : secondsOf(now)},
+         {terminalText(node.name.value)},
+         {sleep == 0 ? "-" : secondsOf(sleep)},
+         {terminalText(node.disabled.value     ? "disabled"
+                       : !node.autostart.value ? "not started automatically"
+                                               : "")}});
+  }
+  printAligned(out, table, false);
+}
+
+void printStopTimeout(Output& out, const ResolvedFile& file) {
+  const RequiredGraph graph(file.reading);
+  const auto duration = graph.stopOfAll(kLongestStop);
+  if (!duration) {
+    out << "never\n";
+    return;
+  }
+  out << std::chrono::ceil<std::chrono::seconds>(*duration).count() << "\n";
+}
+
+}  // namespace vorn::launch

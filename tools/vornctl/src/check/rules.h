@@ -1,0 +1,31 @@
+#pragma once
+
+#include "launchfile/source_text.h"
+#include "check/diagnostic.h"
+#include "launchfile/parser.h"
+
+// What can be wrong with a launch file, one function for each source file
+// checks_*.cpp. The names of the findings are in findings.cpp.
+
+namespace vorn::launch {
+
+/// What ends the launcher, and what of the file it does not read.
+void checkDocument(const Reading& reading, Findings& findings);
+
+/// Names, paths, arguments and flags of the nodes.
+void checkNodes(const Reading& reading, Findings& findings);
+
+/// Programs that do not stay in the foreground.
+void checkDaemons(const Reading& reading, Findings& findings);
+
+/// Variables, and install:// in all texts.
+void checkEnvironment(const Reading& reading, Findings& findings);
+
+/// The nodes that are named in `required`.
+void checkRequired(const Reading& reading, Findings& findings);
+
+/// The programs on this machine, as a launcher that is started here finds them.
+void checkHost(const Document& document, const Reading& reading,
+               Findings& findings);
+
+}  // namespace vorn::launch

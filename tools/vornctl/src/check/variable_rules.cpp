@@ -1,0 +1,194 @@
+#include <algorithm>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "check/rules.h"
+
+namespace vorn::launch {
+namespace {
+
+constexpr char kNodeName[] = "__VORN_NODE_NAME__";
+constexpr char kInstallPrefix[] = "install://";
+
+std::string quoted(const std::string& text) { return "'" + text + "'"; }
+
+bool isIn(const std::string& text, size_t position, const char* letters) {
+  return position < text.size() &&
+         std::string(letters).find(text[position]) != std::string::npos;
+}
+
+/// The first part of a value that a shell would replace: "$NAME", "${NAME}" or
+/// "~". Names in lower case are not meant: they are frequent in formats and
+/// patterns that the program itself replaces.
+std::string shellPartOf(const std::string& value) {
+  constexpr char kName[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZ_0123456789";
+  for (size_t i = value.find_first_of("$~"); i != std::string::npos;
+       i = value.find_first_of("$~", i + 1)) {
+    if (value[i] == '~') {
+      const bool begins = i == 0 || value[i - 1] == ':';
+      const bool ends = i + 1 == value.size() || isIn(value, i + 1, "/:");
+      if (begins && ends) return "~";
+      continue;
+    }
+    if (i > 0 && isIn(value, i - 1, "$\\")) continue;
+    const bool is_braced = isIn(value, i + 1, "{");
+    const size_t name = i + (is_braced ? 2 : 1);
+    const size_t end =
+        std::min(value.find_first_not_of(kName, name), value.size());
+    if (end < name + 2 || isIn(value, name, "0123456789")) continue;
+    if (!is_braced) return value.substr(i, end - i);
+    if (isIn(value, end, "}")) return value.substr(i, end + 1 - i);
+  }
+  return "";
+}
+
+void checkVariable(const Variable& variable, Findings& findings) {
+  const std::string& name = variable.name.value;
+  if (exportedName(name).empty()) {
+    findings.add("refused-variable", variable.name.place,
+                 "variable " + quoted(name) +
+                     " is not set: its name is empty or has a '='");
+  }
+  if (name.find('\0') != std::string::npos ||
+      variable.written.find('\0') != std::string::npos) {
+    findings.add("nul-in-text", variable.value.place,
+                 "variable " + quoted(name) + " ends at its first NUL");
+  }
+  if (const std::string part = shellPartOf(variable.written); !part.empty()) {
+    findings.add("variable-not-expanded", variable.value.place,
+                 "variable " + quoted(name) + " keeps its " + quoted(part) +
+                     " as written; no shell expands it");
+  }
+}
+
+void checkRepeated(const std::vector<Variable>& variables, Findings& findings) {
+  std::map<std::string, Place> before;
+  for (const Variable& variable : variables) {
+    const std::string& name = variable.name.value;
+    const Place place = variable.name.place;
+    const auto [first, is_new] = before.emplace(name, place);
+    if (is_new) continue;
+    findings.add("repeated-key", place,
+                 "variable " + quoted(name) + " again: this value wins",
+                 {{first->second, "the value here is overwritten"}});
+    first->second = place;
+  }
+}
+
+/// What stands where "install://" was meant: in other letters, or with another
+/// number of slashes or colons.
+std::string misspeltInstall(const std::string& value) {
+  std::string lower = value;
+  std::transform(lower.begin(), lower.end(), lower.begin(), [](char letter) {
+    return letter >= 'A' && letter <= 'Z'
+               ? static_cast<char>(letter - 'A' + 'a')
+               : letter;
+  });
+  for (const char* const word :
+       {"install:", "install//", "instal:", "intall:", "insatll:"}) {
+    for (size_t found = lower.find(word); found != std::string::npos;
+         found = lower.find(word, found + 1)) {
+      const size_t end = std::min(value.size(), found + sizeof("install://"));
+      const bool begins = found == 0 || value[found - 1] == ':';
+      const bool is_right =
+          value.compare(found, sizeof(kInstallPrefix) - 1, kInstallPrefix) == 0;
+      if (begins && !is_right) return value.substr(found, end - found);
+    }
+  }
+  return "";
+}
+
+void checkInstall(const Variable& variable, Findings& findings) {
+  const std::string part = misspeltInstall(variable.written);
+  if (part.empty()) return;
+  findings.add("install-misspelt", variable.value.place,
+               quoted(part) + " in variable " + quoted(variable.name.value) +
+                   " is not expanded; write 'install://'");
+}
+
+void checkNotExpanded(const Text& text, const std::string& what,
+                      Findings& findings) {
+  if (text.value.find(kInstallPrefix) == std::string::npos &&
+      misspeltInstall(text.value).empty()) {
+    return;
+  }
+  findings.add("install-not-expanded", text.place,
+               "'install://' means nothing in " + what +
+                   ", only in the value of a variable");
+}
+
+void checkNode(const NodeReading& node, Findings& findings) {
+  const std::string of_node = " of node " + quoted(node.name.value);
+  checkRepeated(node.environment, findings);
+  for (const Variable& variable : node.environment) {
+    checkVariable(variable, findings);
+    checkInstall(variable, findings);
+    checkNotExpanded(variable.name, "the name of a variable", findings);
+    if (variable.name.value == kNodeName) {
+      findings.add("node-name-replaced", variable.name.place,
+                   std::string("'") + kNodeName + "'" + of_node +
+                       " replaces the name by which its process is known");
+    }
+  }
+  if (node.path.value.rfind('/', 0) == 0) {
+    checkNotExpanded(node.path, "the path" + of_node, findings);
+  } else if (node.path.value.find("install:") != std::string::npos) {
+    findings.add("install-not-expanded", node.path.place,
+                 "'install://' means nothing in the path" + of_node +
+                     "; set VORN_BIN_PATH to 'install://bin', say, and write "
+                     "what follows it here");
+  }
+  for (const Text& argv : node.argvs) {
+    checkNotExpanded(argv, "the arguments" + of_node, findings);
+  }
+}
+
+/// Whether `ps` and `grep` can be expected in one of the folders of a PATH.
+bool hasTools(const std::string& path) {
+  for (const char* const folder : {"/bin", "/usr/bin"}) {
+    const std::string found = ":" + path + ":";
+    for (const char* const end : {":", "/:"}) {
+      if (found.find(std::string(":") + folder + end) != std::string::npos) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+void checkLaunchersOwn(const Variable& variable, Findings& findings) {
+  const std::string& name = variable.name.value;
+  if (name == kNodeName) {
+    findings.add("node-name-replaced", variable.name.place,
+                 std::string("a global '") + kNodeName +
+                     "' is replaced in every node by the launcher's own");
+  }
+  if (name == "PATH" && !hasTools(variable.value.value)) {
+    findings.add("launcher-path", variable.value.place,
+                 "this PATH is the launcher's too, which looks for 'ps' and "
+                 "'grep' in it; add /usr/bin, or set it in the nodes");
+  }
+  if (name == "LD_PRELOAD" || name == "LD_LIBRARY_PATH") {
+    findings.add("launcher-library", variable.name.place,
+                 "a global " + name +
+                     " acts on the 'ps' and 'grep' that the launcher runs for "
+                     "each stop, too; set it in the nodes that need it");
+  }
+}
+
+}  // namespace
+
+void checkEnvironment(const Reading& reading, Findings& findings) {
+  checkRepeated(reading.environment, findings);
+  for (const Variable& variable : reading.environment) {
+    checkVariable(variable, findings);
+    checkInstall(variable, findings);
+    checkNotExpanded(variable.name, "the name of a variable", findings);
+    checkLaunchersOwn(variable, findings);
+  }
+  for (const NodeReading& node : reading.nodes) checkNode(node, findings);
+}
+
+}  // namespace vorn::launch

@@ -1,0 +1,67 @@
+#include "cli/help.h"
+
+#include <algorithm>
+#include <map>
+
+#include "context/exit_status.h"
+#include "commands/status.h"
+
+namespace vorn::launch {
+namespace {
+
+/// Two command lines for a command, without "vornctl".
+struct Examples {
+  const char* first;
+  const char* second;
+};
+
+const std::map<std::string, Examples>& examples() {
+  static const std::map<std::string, Examples> all = {
+      {"status", {"status", "status --json camera 'cam_*'"}},
+      {"start", {"start camera", "start --all"}},
+      {"stop", {"stop camera recorder", "stop --all --yes"}},
+      {"restart", {"restart camera", "restart 'cam_*'"}},
+      {"enable", {"enable camera", "enable --now camera"}},
+      {"disable", {"disable camera", "disable --all --yes"}},
+      {"wait",
+       {"wait camera --state running --for 10s --timeout 1m",
+        "wait 'cam_*' --state stopped"}},
+      {"monitor", {"monitor", "monitor --json camera"}},
+      {"top", {"top", "top 'cam_*'"}},
+      {"check",
+       {"check launch.yaml", "check --no-host --fail-on warning launch.yaml"}},
+      {"graph", {"graph launch.yaml", "graph --format mermaid launch.yaml"}},
+      {"ping", {"ping", "ping --quiet --timeout 5s"}},
+      {"names", {"names", "names --null --launch-file launch.yaml"}},
+      {"completion", {"completion bash", "completion fish"}},
+      {"help", {"help", "help status"}},
+  };
+  return all;
+}
+
+std::string columnHelp() {
+  size_t width = 0;
+  for (const Column& column : statusColumns()) {
+    width = std::max(width, column.name.size());
+  }
+  std::string help = "Columns:";
+  for (const Column& column : statusColumns()) {
+    help += "\n  " + column.name +
+            std::string(width - column.name.size() + 2, ' ') +
+            column.description;
+  }
+  return help + "\n\n";
+}
+
+}  // namespace
+
+std::string helpFooter(const std::string& command) {
+  const Examples& lines = examples().at(command);
+  std::string footer = command == "status" ? columnHelp() : "";
+  footer += "Examples:\n  vornctl " + std::string(lines.first) +
+            "\n  vornctl " + lines.second + "\n\n";
+  return footer + exitStatusHelp(command) +
+         "\n\n'vornctl --help' lists the options of every command.";
+}
+
+}  // namespace vorn::launch

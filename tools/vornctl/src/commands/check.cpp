@@ -1,0 +1,198 @@
+#include "commands/check.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <new>
+#include <optional>
+
+#include "check/report.h"
+#include "check/resolved_view.h"
+#include "check/rules.h"
+#include "system/stop_signals.h"
+
+namespace vorn::launch {
+namespace {
+
+using Format = CheckOptions::Format;
+using Host = CheckOptions::Host;
+using Print = CheckOptions::Print;
+
+struct Results {
+  std::vector<CheckedFile> checked;
+  std::vector<ResolvedFile> resolved;
+  bool isUnreadable = false;  // one of the files
+};
+
+Findings findingsIn(const Document& document, const Reading& reading,
+                    const CheckOptions& options) {
+  Findings findings(document, options.ignored);
+  checkDocument(reading, findings);
+  checkNodes(reading, findings);
+  checkDaemons(reading, findings);
+  checkEnvironment(reading, findings);
+  checkRequired(reading, findings);
+  const bool is_file = !document.isStandardInput();
+  if (options.host == Host::YES || (options.host == Host::AUTO && is_file)) {
+    checkHost(document, reading, findings);
+  }
+  findings.settle();
+  return findings;
+}
+
+/// Adds the results for one file. False with a sentence in `error` if the file
+/// cannot be read.
+bool checkFile(const std::string& path,
+               const LauncherSurroundings& surroundings,
+               const CheckOptions& options, Results& results,
+               std::string& error) {
+  auto document = readDocument(path, error);
+  if (!document) return false;
+  Reading reading = readAsLauncher(*document, surroundings);
+  Findings findings = findingsIn(*document, reading, options);
+  results.checked.push_back(
+      {std::move(*document), reading.faults.empty(), std::move(findings)});
+  results.resolved.push_back(
+      {results.checked.back().document.name(), std::move(reading)});
+  return true;
+}
+
+Results checkFiles(const Session& session, const CheckOptions& options) {
+  Results results;
+  const LauncherSurroundings surroundings = ownSurroundings();
+  for (const std::string& path : options.files) {
+    std::string error;
+    try {
+      if (checkFile(path, surroundings, options, results, error)) continue;
+    } catch (const TooLarge& failure) {
+      error = "cannot check " + path + ": " + failure.what();
+    } catch (const std::bad_alloc&) {
+      error = "not enough memory to check " + path;
+    }
+    session.complain(error);
+    results.isUnreadable = true;
+  }
+  return results;
+}
+
+void printFindings(Output& out, const Settings& settings, Format format,
+                   const std::vector<CheckedFile>& files) {
+  switch (format) {
+    case Format::JSON:
+      printAsJson(out, files);
+      return;
+    case Format::SARIF:
+      printAsSarif(out, files);
+      return;
+    case Format::GITHUB:
+      printAsGithub(out, files);
+      return;
+    case Format::TEXT:
+      break;
+  }
+  const bool is_terminal = ::isatty(STDOUT_FILENO) == 1;
+  for (const CheckedFile& file : files) {
+    printAsText(out, file, is_terminal || settings.hasColours,
+                settings.hasColours);
+  }
+}
+
+/// Throws TooLarge if the environments of all nodes are too much to print: each
+/// node has all global variables.
+void checkEnvironments(const std::vector<ResolvedFile>& files) {
+  size_t values = 0;
+  size_t bytes = 0;
+  for (const ResolvedFile& file : files) {
+    const size_t nodes = file.reading.nodes.size();
+    for (const Variable& variable : file.reading.environment) {
+      values += nodes;
+      bytes += nodes * variable.value.value.size();
+    }
+  }
+  if (values <= kMostValues && bytes <= kMostValueBytes) return;
+  throw TooLarge("the global variables of all nodes together are more than " +
+                 std::to_string(kMostValues) + " values or " +
+                 std::to_string(kMostValueBytes >> 20U) + " MiB of text");
+}
+
+void printWish(const CheckOptions& options,
+               const std::vector<ResolvedFile>& files) {
+  if (options.print == Print::RESOLVED) checkEnvironments(files);
+  Output out = standardOutput();
+  if (options.print == Print::RESOLVED && options.format == Format::JSON) {
+    printResolvedAsJson(out, files);
+    return;
+  }
+  for (const ResolvedFile& file : files) {
+    if (files.size() > 1) out << "# " << terminalText(file.name) << "\n";
+    // What the launcher does not load it does not start.
+    if (!file.reading.faults.empty()) continue;
+    if (options.print == Print::RESOLVED) printResolved(out, file);
+    if (options.print == Print::TIMELINE) printTimeline(out, file);
+    if (options.print == Print::STOP_TIMEOUT) {
+      printStopTimeout(out, file);
+    }
+  }
+}
+
+bool hasFailed(const std::vector<CheckedFile>& files, Severity fail_on) {
+  return std::any_of(files.begin(), files.end(), [&](const CheckedFile& file) {
+    const auto& findings = file.findings.all();
+    return std::any_of(findings.begin(), findings.end(),
+                       [&](const Finding& finding) {
+                         return finding.check->severity >= fail_on;
+                       });
+  });
+}
+
+void print(const Settings& settings, const CheckOptions& options,
+           const Results& results) {
+  if (options.print == Print::FINDINGS) {
+    Output out = standardOutput();
+    if (!settings.isQuiet) {
+      printFindings(out, settings, options.format, results.checked);
+    }
+  } else {
+    Output errors = standardError();
+    for (const CheckedFile& file : results.checked) {
+      if (!settings.isQuiet) printAsText(errors, file, false, false);
+    }
+    printWish(options, results.resolved);
+  }
+}
+
+}  // namespace
+
+ExitStatus check(const Session& session, const CheckOptions& options) {
+  for (const std::string& name : options.ignored) {
+    if (findCheck(name) != nullptr) continue;
+    session.complain("there is no finding '" + name +
+                     "' to ignore; see 'vornctl check --list'");
+    return kUsage;
+  }
+  dieByStopSignals(session.settings().cancelFd);
+  const Results results = checkFiles(session, options);
+  try {
+    print(session.settings(), options, results);
+  } catch (const TooLarge& failure) {
+    session.complain(std::string("cannot print the results: ") +
+                     failure.what());
+    return kUsage;
+  } catch (const std::bad_alloc&) {
+    session.complain("not enough memory to print the results");
+    return kUsage;
+  }
+  if (results.isUnreadable) return kUsage;
+  return hasFailed(results.checked, options.failOn) ? kFailed : kDone;
+}
+
+ExitStatus listChecks() {
+  for (const CheckInfo& info : allChecks()) {
+    standardOutput() << terminalText(info.name) << "\t"
+                     << terminalText(wordFor(info.severity)) << "\t"
+                     << terminalText(info.summary) << "\n";
+  }
+  return kDone;
+}
+
+}  // namespace vorn::launch

@@ -1,0 +1,162 @@
+#include "commands/graph.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+#include <set>
+#include <sstream>
+#include <utility>
+#include <vector>
+
+#include "output/output.h"
+#include "launchfile/parser.h"
+#include "launchfile/required_graph.h"
+#include "system/stop_signals.h"
+
+namespace vorn::launch {
+namespace {
+
+constexpr char kNoDot[] =
+    "cannot draw SVG without Graphviz; install it (Debian: graphviz), or take "
+    "--format mermaid or dot";
+
+/// The policies of a node in a few words, a line each.
+std::vector<OutputText> policiesOf(const NodeReading& node) {
+  std::vector<OutputText> policies;
+  if (node.disabled.value) policies.emplace_back("disabled");
+  if (!node.autostart.value) policies.emplace_back("not started automatically");
+  if (node.oneshot.value) policies.emplace_back("oneshot");
+  if (node.sleepMs.value != 0) {
+    policies.push_back(
+        "sleep " + OutputText(effectiveSleepMs(node.sleepMs.value)) + " ms");
+  }
+  return policies;
+}
+
+/// The arrows of all cycles: from a node to another.
+std::set<std::pair<size_t, size_t>> arrowsInCycles(const RequiredGraph& graph) {
+  std::set<std::pair<size_t, size_t>> arrows;
+  for (const auto& cycle : graph.cycles()) {
+    for (const auto& [from, edge] : cycle) arrows.insert({from, edge.to});
+  }
+  return arrows;
+}
+
+void printDot(Output& out, const Reading& reading, const RequiredGraph& graph) {
+  const auto red = arrowsInCycles(graph);
+  out << "digraph launch {\n  rankdir=LR;\n  node [shape=box];\n";
+  for (size_t i = 0; i < reading.nodes.size(); ++i) {
+    const NodeReading& node = reading.nodes[i];
+    out << "  n" << i << " [label=\"" << dotText(node.name.value);
+    for (const OutputText& policy : policiesOf(node)) out << "\\n" << policy;
+    out << "\"";
+    if (node.disabled.value || !node.autostart.value) out << ", style=dashed";
+    out << "];\n";
+  }
+  for (size_t i = 0; i < reading.nodes.size(); ++i) {
+    for (const auto& edge : graph.edgesFrom(i)) {
+      out << "  n" << i << " -> n" << edge.to;
+      if (red.count({i, edge.to}) > 0) out << " [color=red]";
+      out << ";\n";
+    }
+  }
+  out << "}\n";
+}
+
+void printMermaid(Output& out, const Reading& reading,
+                  const RequiredGraph& graph) {
+  const auto red = arrowsInCycles(graph);
+  std::vector<size_t> red_links;
+  out << "flowchart LR\n";
+  for (size_t i = 0; i < reading.nodes.size(); ++i) {
+    const NodeReading& node = reading.nodes[i];
+    out << "  n" << i << "[\"" << mermaidText(node.name.value);
+    for (const OutputText& policy : policiesOf(node)) {
+      out << "<br>" << policy;
+    }
+    out << "\"]\n";
+  }
+  size_t link = 0;
+  for (size_t i = 0; i < reading.nodes.size(); ++i) {
+    for (const auto& edge : graph.edgesFrom(i)) {
+      out << "  n" << i << " --> n" << edge.to << "\n";
+      if (red.count({i, edge.to}) > 0) red_links.push_back(link);
+      ++link;
+    }
+  }
+  for (const size_t each : red_links) {
+    out << "  linkStyle " << each << " stroke:red\n";
+  }
+}
+
+/// Has Graphviz draw the graph on our standard output.
+ExitStatus drawSvg(const Session& session, const Reading& reading,
+                   const RequiredGraph& graph) {
+  if (std::system("command -v dot >/dev/null 2>&1") != 0) {
+    session.complain(kNoDot);
+    return kFailed;
+  }
+  std::ostringstream stream;
+  Output out(stream);
+  printDot(out, reading, graph);
+  if (!stream) throw std::bad_alloc();  // the stream does not report it
+  const std::string text = stream.str();
+  standardOutput().flush();
+  FILE* const dot = ::popen("dot -Tsvg", "w");
+  if (dot == nullptr) {
+    session.complain(kNoDot);
+    return kFailed;
+  }
+  const bool is_written =
+      std::fwrite(text.data(), 1, text.size(), dot) == text.size();
+  const int status = ::pclose(dot);
+  if (is_written && status == 0) return kDone;
+  session.complain("Graphviz could not draw the graph");
+  return kFailed;
+}
+
+ExitStatus printGraphOf(const Session& session, const GraphOptions& options) {
+  std::string error;
+  const auto document = readDocument(options.file, error);
+  if (!document) {
+    session.complain(error);
+    return kUsage;
+  }
+  const Reading reading = readAsLauncher(*document, ownSurroundings());
+  if (!reading.faults.empty()) {
+    session.complain("the launcher would not load " + options.file + ": " +
+                     reading.faults[0].exception +
+                     "; 'vornctl check' tells more");
+    return kUsage;
+  }
+  const RequiredGraph graph(reading);
+  Output out = standardOutput();
+  switch (options.format) {
+    case GraphOptions::Format::MERMAID:
+      printMermaid(out, reading, graph);
+      return kDone;
+    case GraphOptions::Format::SVG:
+      return drawSvg(session, reading, graph);
+    case GraphOptions::Format::DOT:
+      break;
+  }
+  printDot(out, reading, graph);
+  return kDone;
+}
+
+}  // namespace
+
+ExitStatus printGraph(const Session& session, const GraphOptions& options) {
+  dieByStopSignals(session.settings().cancelFd);
+  try {
+    return printGraphOf(session, options);
+  } catch (const TooLarge& failure) {
+    session.complain("cannot draw " + options.file + ": " + failure.what());
+    return kUsage;
+  } catch (const std::bad_alloc&) {
+    session.complain("not enough memory to draw " + options.file);
+    return kUsage;
+  }
+}
+
+}  // namespace vorn::launch

@@ -1,0 +1,135 @@
+#include "commands/start_stop.h"
+
+#include <signal.h>
+
+#include <algorithm>
+#include <iostream>
+
+#include "launchfile/time_limits.h"
+#include "live/node_commands.h"
+#include "output/output.h"
+#include "context/targets.h"
+
+namespace vorn::launch {
+namespace {
+
+using Cmd = ControlRequest::Cmd;
+using std::chrono::milliseconds;
+
+/// Whether asking for the next node makes sense after this.
+bool mayGoOn(Outcome outcome) {
+  return outcome == Outcome::DONE || outcome == Outcome::FAILED ||
+         outcome == Outcome::NOT_FOUND || outcome == Outcome::INVALID_NAME;
+}
+
+class Action {
+ public:
+  Action(Session& session, const ActOptions& options)
+      : session_(session), options_(options) {}
+
+  ExitStatus run() {
+    // A reader that has gone is no reason to leave half of the nodes.
+    (void)::signal(SIGPIPE, SIG_IGN);
+    subjects_ = findSubjects(session_, options_.nodes);
+    if (subjects_.status == kUnknown) return kTimedOut;  // before the command
+    if (subjects_.status != kDone) return subjects_.status;
+    names_ = subjects_.names;
+    if (options_.isAll && !mayActOnAll()) return kUsage;
+    if (options_.cmd == Cmd::STOP || options_.cmd == Cmd::DISABLE) {
+      std::reverse(names_.begin(), names_.end());
+    }
+    return actOnEach();
+  }
+
+ private:
+  bool mayActOnAll() const {
+    const bool is_harmless =
+        options_.cmd != Cmd::STOP && options_.cmd != Cmd::DISABLE;
+    if (is_harmless || options_.isConfirmed) return true;
+    const std::string command = wordsFor(options_.cmd).command;
+    if (!session_.settings().isInteractive) {
+      session_.complain(command +
+                        " --all needs --yes where nobody can be asked");
+      return false;
+    }
+    standardError() << terminalText(command) << " all " << names_.size()
+                    << " nodes? [y/N] ";
+    std::string answer;
+    std::getline(std::cin, answer);
+    return answer == "y" || answer == "Y" || answer == "yes";
+  }
+
+  ExitStatus actOnEach() {
+    ExitStatus first_failure = kDone;
+    for (size_t i = 0; i < names_.size(); ++i) {
+      const Outcome outcome = actOn(names_[i], options_.cmd);
+      if (outcome != Outcome::DONE && first_failure == kDone) {
+        first_failure = exitStatusOf(outcome);
+      }
+      if (!mayGoOn(outcome)) {
+        if (const size_t left = names_.size() - i - 1; left > 0) {
+          session_.complain(std::to_string(left) + " more not tried");
+        }
+        break;
+      }
+      if (options_.isStartedToo && outcome == Outcome::DONE) {
+        const Outcome started = actOn(names_[i], Cmd::START);
+        if (started != Outcome::DONE && first_failure == kDone) {
+          first_failure = exitStatusOf(started);
+        }
+        if (!mayGoOn(started)) break;
+      }
+    }
+    return first_failure;
+  }
+
+  milliseconds replyLimit(const std::string& name, Cmd cmd) const {
+    if (!subjects_.isFileKnown) return ControlOptions().replyLimit;
+    return defaultReplyLimit(subjects_.launcher.file, cmd, name);
+  }
+
+  void report(const std::string& name, Cmd cmd,
+              const StatusReply& before) const {
+    if (session_.settings().isQuiet) return;
+    const bool is_started_next = cmd == Cmd::ENABLE && options_.isStartedToo;
+    const std::string text =
+        is_started_next ? wordsFor(cmd).done
+                        : describeDone(cmd, subjects_.launcher, name, before);
+    Output out = standardOutput();
+    out << terminalText(name + ": " + text) << "\n";
+    out.flush();
+  }
+
+  Outcome actOn(const std::string& name, Cmd cmd) const {
+    const OperationWords words = wordsFor(cmd);
+    ControlClient client = session_.client(
+        replyLimit(name, cmd), std::string(words.doing) + ' ' + name);
+    // For the words only. If it fails, the command says why.
+    const bool is_told = !session_.settings().isQuiet && cmd != Cmd::RESTART;
+    const StatusReply before = is_told ? client.status(name) : StatusReply();
+    const ControlReply reply = perform(client, cmd, name);
+    session_.clearActivity();
+    if (reply.isDone()) {
+      report(name, cmd, before);
+    } else if (reply.outcome == Outcome::FAILED) {
+      session_.complain(name + ": " + words.command + " failed: " +
+                        explainFailure(client, subjects_.launcher, name, cmd));
+    } else {
+      session_.complainAbout(name, reply, subjects_.launcher.file);
+    }
+    return reply.outcome;
+  }
+
+  Session& session_;
+  const ActOptions& options_;
+  Subjects subjects_;
+  std::vector<std::string> names_;  // in the order in which they are acted on
+};
+
+}  // namespace
+
+ExitStatus act(Session& session, const ActOptions& options) {
+  return Action(session, options).run();
+}
+
+}  // namespace vorn::launch

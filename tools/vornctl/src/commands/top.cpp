@@ -1,0 +1,468 @@
+#include "commands/top.h"
+
+#include <ncurses.h>
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <optional>
+
+#include "launchfile/time_limits.h"
+#include "live/node_status.h"
+#include "live/node_commands.h"
+#include "output/output.h"
+#include "commands/status.h"
+#include "context/targets.h"
+#include "output/text.h"
+#include "live/node_watcher.h"
+
+namespace vorn::launch {
+namespace {
+
+using Cmd = ControlRequest::Cmd;
+using std::chrono::milliseconds;
+
+constexpr milliseconds kRedraw{1000};  // what counts seconds
+constexpr int kAbove = 2;              // summary and titles, above the nodes
+constexpr int kBelow = 2;              // message and keys
+// The line of keys: the first of these that fits into the screen.
+constexpr const char* kKeyLines[] = {
+    "Up/Down  s start  t stop  r restart  e enable  d disable  ? help  q quit",
+    "s start t stop r restart ? help q quit", "? help  q quit"};
+// Fits into 40 columns and, with the line below it, into 10 rows.
+constexpr const char* kHelp[] = {"Up/Down j/k         choose a node",
+                                 "PgUp/PgDn Home/End  choose a node",
+                                 "s                   start the node",
+                                 "t                   stop the node",
+                                 "r                   restart the node",
+                                 "e                   enable the node",
+                                 "d                   disable the node",
+                                 "u                   update all nodes",
+                                 "q                   quit"};
+const char* const kColumns[] = {"node",   "state",  "pid",
+                                "uptime", "policy", "required"};
+
+/// The terminal in ncurses' hands, from its construction to its destruction.
+class Screen {
+ public:
+  explicit Screen(bool has_colours) {
+    screen_ = ::newterm(nullptr, stdout, stdin);
+    if (!isOpen()) return;
+    keepStopSignals();
+    (void)::cbreak();
+    (void)::noecho();
+    (void)nodelay(stdscr, true);
+    (void)::keypad(stdscr, true);
+    (void)::curs_set(0);
+    has_colours_ = has_colours && ::has_colors();
+    if (!has_colours_) return;
+    (void)::start_color();
+    (void)::use_default_colors();
+    for (const int colour : {COLOR_GREEN, COLOR_YELLOW, COLOR_RED}) {
+      const auto number = static_cast<short>(colour);
+      (void)::init_pair(number, number, -1);
+    }
+  }
+  ~Screen() {
+    if (screen_ == nullptr) return;
+    (void)::endwin();
+    ::delscreen(screen_);
+  }
+  Screen(const Screen&) = delete;
+  Screen& operator=(const Screen&) = delete;
+
+  /// Whether it is one that can be drawn on.
+  bool isOpen() const {
+    return screen_ != nullptr && ::tigetstr("cup") != nullptr;
+  }
+
+  attr_t attributeFor(Colour colour) const {
+    switch (colour) {
+      case Colour::GREEN:
+        return has_colours_ ? COLOR_PAIR(COLOR_GREEN) : A_NORMAL;
+      case Colour::YELLOW:
+        return has_colours_ ? COLOR_PAIR(COLOR_YELLOW) : A_NORMAL;
+      case Colour::RED:
+        return has_colours_ ? COLOR_PAIR(COLOR_RED) : A_NORMAL;
+      case Colour::FAINT:
+        return A_DIM;
+      case Colour::BOLD:
+        return A_BOLD;
+      case Colour::NONE:
+        break;
+    }
+    return A_NORMAL;
+  }
+
+ private:
+  /// Makes a second stop signal no worse than the first: one that killed would
+  /// leave the terminal as it is now.
+  static void keepStopSignals() {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+      struct sigaction action {};
+      (void)::sigaction(signal, nullptr, &action);
+      action.sa_flags &= ~static_cast<int>(SA_RESETHAND);
+      (void)::sigaction(signal, &action, nullptr);
+    }
+  }
+
+  SCREEN* screen_ = nullptr;
+  bool has_colours_ = false;
+};
+
+class Top {
+ public:
+  Top(Session& session, const Subjects& subjects, const Screen& screen)
+      : session_(session),
+        launcher_(subjects.launcher),
+        screen_(screen),
+        watcher_(session, subjects.launcher, subjects.names) {}
+
+  /// Until the end; `message` is what to say after the screen has been closed.
+  ExitStatus run(std::string& message) {
+    draw();
+    while (!is_done_) {
+      (void)watcher_.wait(kRedraw, STDIN_FILENO);
+      if (isOver()) return kDone;
+      if (!watcher_.failure().isDone()) {
+        message = watcher_.failure().message;
+        return exitStatusOf(watcher_.failure().outcome);
+      }
+      is_known_ = true;
+      handleKeys();
+      if (lost_) {
+        message = lost_->message;
+        return exitStatusOf(lost_->outcome);
+      }
+      draw();
+    }
+    return kDone;
+  }
+
+ private:
+  /// Whether a stop signal has come, or the terminal has gone.
+  bool isOver() const {
+    pollfd watched[] = {{session_.settings().cancelFd, POLLIN, 0},
+                        {STDIN_FILENO, 0, 0}};
+    return ::poll(watched, 2, 0) > 0;
+  }
+
+  size_t count() const { return watcher_.names().size(); }
+
+  /// Whether the screen is high enough for more than nodes and a message.
+  static bool hasFrame() { return LINES > kAbove + kBelow; }
+
+  size_t rowsOfNodes() const {
+    const int frame = hasFrame()
+                          ? kAbove + kBelow
+                          : static_cast<int>(!message_.empty() || asked_);
+    return static_cast<size_t>(std::max(1, LINES - frame));
+  }
+
+  void handleKeys() {
+    for (int key = getch(); key != ERR && !is_done_ && !lost_; key = getch()) {
+      handleKey(key);
+    }
+  }
+
+  void handleKey(int key) {
+    if (key == KEY_RESIZE) return;  // drawn anew in any case
+    if (is_help_) {
+      is_help_ = false;
+      return;
+    }
+    message_.clear();
+    if (asked_) {
+      answer(key);
+    } else if (const long step = stepFor(key); step != 0) {
+      choose(step);
+    } else if (const auto cmd = commandFor(key)) {
+      request(*cmd);
+    } else if (key == 'u') {
+      watcher_.suspectAll();
+    } else if (key == '?') {
+      is_help_ = true;
+    } else if (key == 'q') {
+      is_done_ = true;
+    }
+  }
+
+  /// How far a key moves the choice; 0 if it does not.
+  long stepFor(int key) const {
+    switch (key) {
+      case KEY_UP:
+      case 'k':
+        return -1;
+      case KEY_DOWN:
+      case 'j':
+        return 1;
+      case KEY_PPAGE:
+        return -static_cast<long>(rowsOfNodes());
+      case KEY_NPAGE:
+        return static_cast<long>(rowsOfNodes());
+      case KEY_HOME:
+        return -static_cast<long>(count());
+      case KEY_END:
+        return static_cast<long>(count());
+      default:
+        return 0;
+    }
+  }
+
+  static std::optional<Cmd> commandFor(int key) {
+    switch (key) {
+      case 's':
+        return Cmd::START;
+      case 't':
+        return Cmd::STOP;
+      case 'r':
+        return Cmd::RESTART;
+      case 'e':
+        return Cmd::ENABLE;
+      case 'd':
+        return Cmd::DISABLE;
+      default:
+        return std::nullopt;
+    }
+  }
+
+  /// Acts on the chosen node, or asks first if that ends its process.
+  void request(Cmd cmd) {
+    if (count() == 0) return;
+    if (cmd == Cmd::START || cmd == Cmd::ENABLE) {
+      act(cmd);
+    } else {
+      asked_ = cmd;
+    }
+  }
+
+  void answer(int key) {
+    const Cmd cmd = *asked_;
+    asked_.reset();
+    if (key == 'y' || key == 'Y') act(cmd);
+  }
+
+  void choose(long step) {
+    if (count() == 0) return;
+    const long last = static_cast<long>(count()) - 1;
+    chosen_ = static_cast<size_t>(
+        std::clamp(static_cast<long>(chosen_) + step, 0L, last));
+  }
+
+  void act(Cmd cmd) {
+    const std::string& name = watcher_.names()[chosen_];
+    const OperationWords words = wordsFor(cmd);
+    ControlOptions options =
+        session_.client(defaultReplyLimit(launcher_.file, cmd, name)).options();
+    options.onWait = [&](milliseconds elapsed) {
+      message_ = std::string(words.doing) + ' ' + name + ' ' +
+                 std::to_string(elapsed.count() / 1000) +
+                 "s (Ctrl-C gives up waiting)";
+      draw();
+    };
+    ControlClient client(options);
+    const StatusReply before = watcher_.status(name);
+    const ControlReply reply = perform(client, cmd, name);
+    message_ = name + ": ";
+    if (reply.isDone()) {
+      message_ += describeDone(cmd, launcher_, name, before);
+    } else if (reply.outcome == Outcome::FAILED) {
+      message_ += std::string(words.command) +
+                  " failed: " + explainFailure(client, launcher_, name, cmd);
+    } else if (reply.outcome == Outcome::NOT_FOUND) {
+      message_ += "no such node";
+    } else {
+      lost_ = reply;
+    }
+    // That the nodes which it requires have been restarted shows by itself.
+    watcher_.suspect(name);
+  }
+
+  std::vector<NodeView> views() const {
+    std::vector<NodeView> views;
+    const int64_t now = std::time(nullptr);
+    for (const std::string& name : watcher_.names()) {
+      views.push_back(viewOf(launcher_, name, watcher_.status(name), now));
+    }
+    return views;
+  }
+
+  void draw() {
+    (void)erase();
+    if (is_help_) {
+      drawHelp();
+      return;
+    }
+    if (!is_known_) {
+      write(0, "asking the launcher ...", A_NORMAL);
+    } else {
+      const auto all = views();
+      if (hasFrame()) write(0, summary(all), A_NORMAL);
+      drawNodes(all);
+    }
+    if (hasFrame()) write(LINES - 1, keyLine(), A_DIM);
+    if (!message_.empty()) {
+      write(LINES - (hasFrame() ? 2 : 1), terminalText(message_), A_BOLD);
+    }
+    if (asked_) write(LINES - 1, question(), A_BOLD);
+    (void)refresh();
+  }
+
+  static OutputText keyLine() {
+    OutputText line;
+    for (const char* const each : kKeyLines) {
+      line = terminalText(each);
+      if (displayWidth(line) <= static_cast<size_t>(COLS)) break;
+    }
+    return line;
+  }
+
+  /// "stop camera? y/n", with the end of a long name left out.
+  OutputText question() const {
+    const OutputText begin = terminalText(wordsFor(*asked_).command) + " ";
+    const OutputText end = "? y/n";
+    const size_t taken = displayWidth(begin) + displayWidth(end);
+    const auto width = static_cast<size_t>(COLS);
+    const size_t room = width > taken ? width - taken : 1;
+    return begin + truncated(terminalText(watcher_.names()[chosen_]), room) +
+           end;
+  }
+
+  static void drawHelp() {
+    int row = 0;
+    for (const char* const line : kHelp) {
+      write(row++, terminalText(line), A_NORMAL);
+    }
+    write(LINES - 1, "Press a key to return.", A_DIM);
+    (void)refresh();
+  }
+
+  OutputText summary(const std::vector<NodeView>& all) const {
+    std::map<std::string, size_t> counts;
+    for (const NodeView& view : all) ++counts[wordFor(view.condition)];
+    OutputText text = "launcher ";
+    text += launcher_.pid == 0 ? "?" : OutputText(launcher_.pid);
+    text += "  " + OutputText(all.size()) + " nodes";
+    for (const auto& [word, number] : counts) {
+      text += word == counts.begin()->first ? ": " : ", ";
+      text += number + (" " + terminalText(word));
+    }
+    // Last, since it may be long.
+    if (!launcher_.launchFile.empty()) {
+      text += "  " + terminalText(launcher_.launchFile);
+    }
+    return text;
+  }
+
+  void drawNodes(const std::vector<NodeView>& all) {
+    const size_t rows = rowsOfNodes();
+    first_ =
+        std::clamp(first_, chosen_ < rows ? 0 : chosen_ - rows + 1, chosen_);
+    // No row is left empty while there are nodes above.
+    first_ = std::min(first_, all.size() < rows ? 0 : all.size() - rows);
+    std::vector<std::vector<Cell>> lines;
+    std::vector<size_t> widths;
+    for (const char* const column : kColumns) {
+      widths.push_back(std::strlen(column));
+    }
+    for (const NodeView& view : all) {
+      std::vector<Cell> line;
+      for (size_t i = 0; i < widths.size(); ++i) {
+        line.push_back(cellFor(view, kColumns[i]));
+        widths[i] = std::max(widths[i], displayWidth(line.back().text));
+      }
+      lines.push_back(std::move(line));
+    }
+    // A long name leaves room for the rest.
+    widths[0] = std::min(widths[0], static_cast<size_t>(COLS / 2));
+    if (hasFrame()) drawTitles(widths);
+    const int above = hasFrame() ? kAbove : 0;
+    for (size_t i = first_; i < lines.size() && i < first_ + rows; ++i) {
+      drawLine(above + static_cast<int>(i - first_), lines[i], widths,
+               i == chosen_ ? A_REVERSE : A_NORMAL);
+    }
+  }
+
+  void drawTitles(const std::vector<size_t>& widths) const {
+    std::vector<Cell> titles;
+    for (const char* const title : kColumns) {
+      titles.push_back({terminalText(upperCase(title)), Colour::BOLD});
+    }
+    drawLine(kAbove - 1, titles, widths, A_NORMAL);
+  }
+
+  void drawLine(int row, const std::vector<Cell>& cells,
+                const std::vector<size_t>& widths, attr_t attribute) const {
+    int column = 0;
+    for (size_t i = 0; i < cells.size() && column < COLS; ++i) {
+      const auto room = static_cast<size_t>(COLS - column);
+      const OutputText text =
+          truncated(cells[i].text, std::min(room, widths[i]));
+      const auto kind = attribute | screen_.attributeFor(cells[i].colour);
+      (void)attrset(static_cast<int>(kind));
+      (void)mvaddstr(row, column, text.str().c_str());
+      (void)attrset(static_cast<int>(attribute));
+      column += static_cast<int>(displayWidth(text));
+      const int next =
+          column + static_cast<int>(widths[i] - displayWidth(text)) + 2;
+      for (; column < next && column < COLS; ++column) (void)addch(' ');
+    }
+    (void)attrset(A_NORMAL);
+  }
+
+  /// Writes this text in the place of all that stands in the row.
+  static void write(int row, const OutputText& text, attr_t attribute) {
+    (void)::move(row, 0);
+    (void)clrtoeol();
+    (void)attrset(static_cast<int>(attribute));
+    (void)mvaddstr(row, 0,
+                   truncated(text, static_cast<size_t>(COLS)).str().c_str());
+    (void)attrset(A_NORMAL);
+  }
+
+  Session& session_;
+  const RunningLauncher& launcher_;
+  const Screen& screen_;
+  Watcher watcher_;
+  bool is_known_ = false;  // the launcher has answered for every node
+  bool is_done_ = false;
+  bool is_help_ = false;      // the keys are shown in place of the nodes
+  std::optional<Cmd> asked_;  // waits for a "y"
+  size_t chosen_ = 0;
+  size_t first_ = 0;  // the topmost node on the screen
+  std::string message_;
+  std::optional<ControlReply> lost_;  // the request after which to end
+};
+
+}  // namespace
+
+ExitStatus showTop(Session& session, const std::vector<std::string>& nodes) {
+  if (::isatty(STDIN_FILENO) != 1 || ::isatty(STDOUT_FILENO) != 1) {
+    session.complain("top needs a terminal; 'vornctl monitor' does without");
+    return kUsage;
+  }
+  const Subjects subjects = findSubjects(session, nodes);
+  if (subjects.status != kDone) return subjects.status;
+  std::string message;
+  ExitStatus status = kDone;
+  {
+    const Screen screen(session.settings().hasColours);
+    if (!screen.isOpen()) {
+      session.complain(
+          "this terminal is unknown or too simple; is TERM right?");
+      return kUsage;
+    }
+    status = Top(session, subjects, screen).run(message);
+  }
+  if (!message.empty()) session.complain(message);
+  return status;
+}
+
+}  // namespace vorn::launch

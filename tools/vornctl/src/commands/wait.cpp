@@ -1,0 +1,206 @@
+#include "commands/wait.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <map>
+
+#include <nlohmann/json.hpp>
+
+#include "live/node_status.h"
+#include "output/output.h"
+#include "commands/status.h"
+#include "context/targets.h"
+#include "live/node_watcher.h"
+
+namespace vorn::launch {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Goal = WaitOptions::Goal;
+using std::chrono::milliseconds;
+
+constexpr int kOneLine = -1;
+constexpr milliseconds kNoLimit = std::chrono::hours(24);
+
+bool isCancelled(const Session& session) {
+  pollfd watched{session.settings().cancelFd, POLLIN, 0};
+  return ::poll(&watched, 1, 0) > 0;
+}
+
+class Wait {
+ public:
+  /// Gives up at `deadline`.
+  Wait(const Session& session, const WaitOptions& options,
+       const Subjects& subjects, Clock::time_point deadline)
+      : session_(session),
+        options_(options),
+        deadline_(deadline),
+        watcher_(session, subjects.launcher, subjects.names),
+        file_(subjects.launcher.file) {}
+
+  ExitStatus run() {
+    std::optional<Clock::time_point> reached;
+    for (;;) {
+      const Clock::time_point next =
+          reached ? std::min(deadline_, *reached + options_.heldFor)
+                  : deadline_;
+      const auto changes = watcher_.wait(std::min(
+          kNoLimit, std::chrono::ceil<milliseconds>(next - Clock::now())));
+      if (!watcher_.failure().isDone()) {
+        session_.complain(watcher_.failure().message);
+        return exitStatusOf(watcher_.failure().outcome);
+      }
+      if (isCancelled(session_)) return kTimedOut;
+      for (const auto& change : changes) {
+        if (change.status.isDone()) continue;
+        session_.complainAbout(change.name, change.status, file_);
+        return exitStatusOf(change.status.outcome);
+      }
+      remember(changes);
+      const bool is_reached = std::all_of(
+          watcher_.names().begin(), watcher_.names().end(),
+          [this](const std::string& name) { return isReached(name); });
+      const Clock::time_point now = Clock::now();
+      // A restart between two looks breaks the hold as well.
+      if (reached && (!is_reached || !changes.empty())) {
+        session_.complain("it did not last: " + describeMissing(changes));
+        return kNotRunning;
+      }
+      if (is_reached && !reached) reached = now;
+      if (reached && now >= *reached + options_.heldFor) return kDone;
+      if (now >= deadline_) {
+        session_.complain("gave up after the time limit: " +
+                          describeMissing({}));
+        return kTimedOut;
+      }
+    }
+  }
+
+ private:
+  void remember(const std::vector<Watcher::Change>& changes) {
+    for (const auto& change : changes) {
+      first_.emplace(change.name, change.status);
+    }
+  }
+
+  bool isReached(const std::string& name) const {
+    const StatusReply& status = watcher_.status(name);
+    switch (options_.goal) {
+      case Goal::RUNNING:
+        return status.state == NodeState::RUNNING;
+      case Goal::STOPPED:
+        return status.state == NodeState::STOPPED && status.pid == 0;
+      case Goal::DISABLED:
+        return status.state == NodeState::DISABLED && status.pid == 0;
+      case Goal::RESTARTED: {
+        const StatusReply& first = first_.at(name);
+        return status.state == NodeState::RUNNING &&
+               (status.startSeconds != first.startSeconds ||
+                status.pid != first.pid);
+      }
+    }
+    return false;
+  }
+
+  /// The nodes that are not as wanted, or else those that have changed.
+  std::string describeMissing(
+      const std::vector<Watcher::Change>& changes) const {
+    std::string text;
+    const auto add = [&](const std::string& name) {
+      if (!text.empty()) text += ", ";
+      text += name + " is " + wordFor(watcher_.status(name).state);
+    };
+    for (const std::string& name : watcher_.names()) {
+      if (!isReached(name)) add(name);
+    }
+    if (text.empty()) {
+      for (const auto& change : changes) add(change.name);
+    }
+    return text;
+  }
+
+  const Session& session_;
+  const WaitOptions& options_;
+  const Clock::time_point deadline_;
+  Watcher watcher_;
+  const LaunchFile& file_;
+  std::map<std::string, StatusReply> first_;  // how each was at the beginning
+};
+
+void printChange(const RunningLauncher& launcher, const Watcher::Change& change,
+                 bool is_json, bool has_colours) {
+  const int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
+                          std::chrono::system_clock::now().time_since_epoch())
+                          .count();
+  const NodeView view = viewOf(launcher, change.name, change.status, now);
+  Output out = standardOutput();
+  if (is_json) {
+    const nlohmann::ordered_json line = {
+        {"schema", 1},
+        {"time", now},
+        {"name", view.name},
+        {"state", change.status.isDone()
+                      ? nlohmann::ordered_json(wordFor(view.state))
+                      : nlohmann::ordered_json()},
+        {"condition", wordFor(view.condition)},
+        {"pid", view.pid == 0 ? nlohmann::ordered_json()
+                              : nlohmann::ordered_json(view.pid)},
+        {"startSeconds", view.startSeconds == 0
+                             ? nlohmann::ordered_json()
+                             : nlohmann::ordered_json(view.startSeconds)}};
+    out << jsonText(line, kOneLine);
+    out.flush();
+    return;
+  }
+  const Cell state = cellFor(view, "state");
+  out << terminalText(formatTime(now) + ' ' + view.name) << " "
+      << (has_colours ? coloured(state.text, state.colour) : state.text);
+  if (view.pid != 0) out << " pid " << view.pid;
+  out << "\n";
+  out.flush();
+}
+
+}  // namespace
+
+ExitStatus waitForNodes(Session& session, const WaitOptions& options) {
+  const Clock::time_point deadline =
+      options.limit ? Clock::now() + *options.limit : Clock::time_point::max();
+  const Subjects subjects = findSubjects(session, options.nodes);
+  const ExitStatus status =
+      subjects.status == kDone
+          ? Wait(session, options, subjects, deadline).run()
+          : subjects.status;
+  // A question without an answer has no outcome that anyone could want to know.
+  const bool is_given_up = Clock::now() >= deadline || isCancelled(session);
+  return status == kUnknown && is_given_up ? kTimedOut : status;
+}
+
+ExitStatus monitor(Session& session, const std::vector<std::string>& nodes,
+                   bool is_json) {
+  const Subjects subjects = findSubjects(session, nodes);
+  if (subjects.status != kDone) return subjects.status;
+  Watcher watcher(session, subjects.launcher, subjects.names);
+  for (;;) {
+    for (const auto& change : watcher.wait(kNoLimit)) {
+      // One in the file that the launcher does not know is newer than it.
+      const bool is_stranger =
+          subjects.launcher.file.find(change.name) == nullptr;
+      if (is_stranger && !change.status.isDone()) {
+        session.complainAbout(change.name, change.status,
+                              subjects.launcher.file);
+        return exitStatusOf(change.status.outcome);
+      }
+      printChange(subjects.launcher, change, is_json,
+                  session.settings().hasColours);
+    }
+    if (!standardOutput().isGood()) return kDone;  // nobody reads any more
+    if (isCancelled(session)) return kDone;
+    if (!watcher.failure().isDone()) {
+      session.complain(watcher.failure().message);
+      return exitStatusOf(watcher.failure().outcome);
+    }
+  }
+}
+
+}  // namespace vorn::launch

@@ -1,0 +1,122 @@
+#include "context/context.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "live/busy_launcher.h"
+#include "output/output.h"
+#include "context/node_patterns.h"
+
+namespace vorn::launch {
+namespace {
+
+using std::chrono::milliseconds;
+
+// What lasts shorter needs no word.
+constexpr milliseconds kQuietTime{500};
+constexpr milliseconds kStatusReplyLimit = std::chrono::minutes(5);
+
+/// The sentence for a first request, which changes nothing, without a reply.
+std::string explainNoAnswer(const ControlReply& reply, bool is_timed_out) {
+  // Without "the request ... may still take effect".
+  std::string text = reply.message.substr(0, reply.message.find(';'));
+  text += "; nothing was changed";
+  if (hasExited(reply.launcherPid)) {
+    return text + ": launcher " + std::to_string(reply.launcherPid) +
+           " has exited";
+  }
+  if (!is_timed_out) return text;
+  return text + ": " + explainSilence(reply.launcherPid);
+}
+
+}  // namespace
+
+ControlClient Session::client(milliseconds reply_limit,
+                              const std::string& activity) const {
+  ControlOptions options;
+  if (!settings_.socketPath.empty()) options.socketPath = settings_.socketPath;
+  options.trustAnyUser = settings_.trustAnyUser;
+  options.replyLimit = settings_.replyLimit.value_or(reply_limit);
+  options.connectLimit = options.replyLimit;
+  options.cancelFd = settings_.cancelFd;
+  if (settings_.isInteractive && !settings_.isQuiet && !activity.empty()) {
+    options.onWait = [this, activity](milliseconds elapsed) {
+      showActivity(activity, elapsed);
+    };
+  }
+  return ControlClient(options);
+}
+
+ExitStatus Session::findLauncher() {
+  ControlOptions options =
+      client(kStatusReplyLimit, "waiting for the launcher").options();
+  if (settings_.connectLimit) {
+    options.replyLimit = *settings_.connectLimit;
+    options.totalLimit = *settings_.connectLimit;
+  }
+  const auto begin = std::chrono::steady_clock::now();
+  // No node, or one whose status is of no interest.
+  const StatusReply reply = ControlClient(options).status("");
+  const auto elapsed = std::chrono::steady_clock::now() - begin;
+  clearActivity();
+  if (reply.isDone() || reply.outcome == Outcome::NOT_FOUND) {
+    pid_ = reply.launcherPid;
+    return kDone;
+  }
+  complain(reply.outcome == Outcome::UNKNOWN
+               ? explainNoAnswer(reply, elapsed >= options.replyLimit)
+               : reply.message);
+  return exitStatusOf(reply.outcome);
+}
+
+const RunningLauncher* Session::launcher(std::string& error) {
+  if (launcher_) return &*launcher_;
+  launcher_ = inspectLauncher(pid_, settings_.launchFile, error);
+  if (!launcher_) return nullptr;
+  if (launcher_->hasChanged) {
+    complain("the launch file " + launcher_->launchFile +
+             " was changed after the launcher started; what is shown of it "
+             "may not be what runs");
+  }
+  return &*launcher_;
+}
+
+RunningLauncher Session::launcherWithoutFile() const {
+  return identifyLauncher(pid_, settings_.launchFile);
+}
+
+void Session::complain(const std::string& text) const {
+  clearActivity();
+  standardError() << "vornctl: " << terminalText(text) << "\n";
+}
+
+void Session::complainAbout(const std::string& name, const ControlReply& reply,
+                            const LaunchFile& file) const {
+  std::string text = reply.message;
+  if (reply.outcome == Outcome::NOT_FOUND) {
+    text = "no such node";
+    const std::string nearest = nearestName(file, name);
+    if (!nearest.empty() && nearest != name) {
+      text += "; did you mean '" + nearest + "'?";
+    }
+  }
+  complain(name + ": " + text);
+}
+
+void Session::showActivity(const std::string& activity,
+                           milliseconds elapsed) const {
+  if (elapsed < kQuietTime) return;
+  constexpr std::string_view kTurns = "|/-\\";
+  const auto turn = static_cast<size_t>(elapsed.count() / 100) % kTurns.size();
+  const std::string text = kTurns[turn] + (' ' + activity) + ' ' +
+                           std::to_string(elapsed.count() / 1000) + 's';
+  standardError() << "\r\x1b[K" << terminalText(text);
+  is_activity_shown_ = true;
+}
+
+void Session::clearActivity() const {
+  if (is_activity_shown_) standardError() << "\r\x1b[K";
+  is_activity_shown_ = false;
+}
+
+}  // namespace vorn::launch

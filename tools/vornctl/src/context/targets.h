@@ -1,0 +1,25 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "context/exit_status.h"
+#include "live/launcher_process.h"
+#include "context/context.h"
+
+namespace vorn::launch {
+
+/// The launcher and the nodes that a command is about.
+struct Subjects {
+  ExitStatus status = kDone;  // anything else has been told on standard error
+  RunningLauncher launcher;   // with no nodes if its launch file is not known
+  bool isFileKnown = false;
+  std::vector<std::string> names;  // in file order
+};
+
+/// Finds the launcher, and the nodes that the arguments mean: names, which do
+/// without a known launch file, and patterns; all without arguments.
+Subjects findSubjects(Session& session,
+                      const std::vector<std::string>& arguments);
+
+}  // namespace vorn::launch

@@ -1,0 +1,534 @@
+#include "launchfile/parser.h"
+
+#include <yaml-cpp/eventhandler.h>
+#include <yaml-cpp/yaml.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <sstream>
+#include <string_view>
+
+#include "launchfile/other_language.h"
+#include "output/text.h"
+
+namespace vorn::launch {
+namespace {
+
+constexpr char kBinPath[] = "VORN_BIN_PATH";
+constexpr char kRoot[] = "VORN_ROOT";
+constexpr char kInstallPrefix[] = "install://";
+constexpr size_t kReplaced = sizeof("install:/") - 1;  // one slash stays
+
+Place placeOf(const YAML::Mark& mark) {
+  return mark.is_null() ? Place{} : Place{mark.line + 1, mark.column + 1};
+}
+
+/// The variable that the root of an installation comes from, if it is a good
+/// one; else the folder of the executable.
+std::string installRoot(const std::string& chosen,
+                        const std::string& executable_root) {
+  std::string root = chosen;
+  if (root.empty() || root.find("install:") != std::string::npos) {
+    root = executable_root;
+    if (root.find("install:/install:") != std::string::npos) return "";
+  }
+  while (!root.empty() && root.back() == '/') root.pop_back();
+  return root;
+}
+
+/// What a person calls the kind of a value.
+std::string kindOf(const YAML::Node& value) {
+  if (value.IsNull()) return "nothing";
+  if (value.IsSequence()) return "a list";
+  if (value.IsMap()) return "a mapping";
+  return "'" + value.Scalar() + "'";
+}
+
+/// Notes where each document begins.
+class DocumentStarts : public YAML::EventHandler {
+ public:
+  std::vector<Place> places;
+
+  void OnDocumentStart(const YAML::Mark& mark) override {
+    places.push_back(placeOf(mark));
+  }
+  void OnDocumentEnd() override {}
+  void OnNull(const YAML::Mark&, YAML::anchor_t) override {}
+  void OnAlias(const YAML::Mark&, YAML::anchor_t) override {}
+  void OnScalar(const YAML::Mark&, const std::string&, YAML::anchor_t,
+                const std::string&) override {}
+  void OnSequenceStart(const YAML::Mark&, const std::string&, YAML::anchor_t,
+                       YAML::EmitterStyle::value) override {}
+  void OnSequenceEnd() override {}
+  void OnMapStart(const YAML::Mark&, const std::string&, YAML::anchor_t,
+                  YAML::EmitterStyle::value) override {}
+  void OnMapEnd() override {}
+};
+
+/// Whether the text can go on behind its first document, whose root this is. A
+/// mapping in block style that is not indented goes on to the end of the text
+/// or to such a line.
+bool canGoOn(const YAML::Node& root, const std::string& text) {
+  const bool is_block =
+      root.IsMap() && root.Style() == YAML::EmitterStyle::Block;
+  if (!is_block || root.Mark().column != 0) return true;
+  if (text.find('\0') != std::string::npos) return true;  // not in UTF-8
+  const auto lines = {"\n---", "\n...", "\n%"};
+  return std::any_of(lines.begin(), lines.end(), [&](const char* line) {
+    return text.find(line) != std::string::npos;
+  });
+}
+
+/// Where a second document begins, which the launcher does not read.
+Place secondDocumentIn(const YAML::Node& root, const std::string& text) {
+  // Most files are spared the work of being taken apart twice.
+  if (!canGoOn(root, text)) return {};
+  std::istringstream stream(text);
+  YAML::Parser parser(stream);
+  DocumentStarts starts;
+  try {
+    if (!parser.HandleNextDocument(starts)) return {};
+    if (!parser.HandleNextDocument(starts)) return {};
+  } catch (const YAML::Exception& failure) {
+    if (starts.places.size() < 2) return placeOf(failure.mark);
+  }
+  return starts.places.size() < 2 ? Place{} : starts.places[1];
+}
+
+/// Reads one document. The calls of yaml-cpp are those of the launcher, in its
+/// order, so that the same ones fail.
+class Reader {
+ public:
+  Reader(const Document& document, const LauncherSurroundings& surroundings)
+      : document_(document), surroundings_(surroundings) {
+    variables_[kBinPath] = surroundings.binPath;
+    variables_[kRoot] = surroundings.root;
+  }
+
+  Reading read() {
+    YAML::Node root;
+    try {
+      root = YAML::Load(document_.text());
+    } catch (const YAML::Exception& failure) {
+      addSyntaxFault(failure);
+      reading_.otherLanguage = otherLanguageOf(document_.text());
+      return std::move(reading_);
+    }
+    const bool is_list = root.IsSequence();  // a subscript makes a map of it
+    reading_.secondDocument = secondDocumentIn(root, document_.text());
+    try {
+      if (const YAML::Node configure = root["configure"]) {
+        readConfigure(configure);
+      }
+      reading_.binPath = variables_[kBinPath];
+      if (const YAML::Node nodes = root["vornnode"]) readNodes(nodes);
+    } catch (const YAML::BadSubscript& failure) {
+      addFault("scalar-for-mapping", placeOf(root.Mark()),
+               kindOf(root) + " where a mapping with 'vornnode' must be",
+               failure);
+    }
+    if (is_list) ignore("the file", placeOf(root.Mark()));
+    if (!is_list) reading_.keys = keysOf(root);
+    if (reading_.keys.empty()) {
+      reading_.otherLanguage = otherLanguageOf(document_.text());
+    }
+    return std::move(reading_);
+  }
+
+ private:
+  /// Counts a value of this size towards the limits.
+  void count(size_t size) {
+    bytes_ += size;
+    if (++values_ <= kMostValues && bytes_ <= kMostValueBytes) return;
+    throw TooLarge("with its aliases expanded, it has more than " +
+                   std::to_string(kMostValues) + " values or " +
+                   std::to_string(kMostValueBytes >> 20U) + " MiB of text");
+  }
+
+  Text counted(Text text) {
+    count(text.value.size());
+    return text;
+  }
+
+  void addFault(const std::string& check, const Place& place,
+                const std::string& message, const YAML::Exception& exception) {
+    reading_.faults.push_back({check, place, message, exception.what()});
+  }
+
+  /// A tab in the indentation is mentioned, as the parser's message is mostly
+  /// about its consequences.
+  void addSyntaxFault(const YAML::Exception& failure) {
+    const Place place = placeOf(failure.mark);
+    for (int line = place.line; line >= place.line - 1; --line) {
+      const std::string_view text = document_.line(line);
+      const size_t tab =
+          text.substr(0, text.find_first_not_of(" \t")).find('\t');
+      if (tab == std::string_view::npos) continue;
+      addFault("syntax", {line, static_cast<int>(tab) + 1},
+               "this line is indented with a tab; indent with spaces only",
+               failure);
+      return;
+    }
+    addFault("syntax", place, failure.msg, failure);
+  }
+
+  void ignore(const std::string& what, const Place& place) {
+    reading_.ignored.push_back({what, place});
+  }
+
+  /// Where a value stands. A null and an alias are behind their key's colon:
+  /// yaml-cpp places them at the next token and at the anchor.
+  Place valuePlace(const YAML::Node& key, const YAML::Node& value) const {
+    const YAML::Mark key_mark = key.Mark();
+    const YAML::Mark mark = value.Mark();
+    const bool is_alias = mark.pos <= key_mark.pos;
+    const bool is_elsewhere = value.IsNull() && mark.line != key_mark.line;
+    if (!is_alias && !is_elsewhere) return placeOf(mark);
+    const Place place = placeOf(key_mark);
+    const std::string_view line = document_.line(place.line);
+    const std::string text = key.IsScalar() ? key.Scalar() : "";
+    const size_t behind = static_cast<size_t>(key_mark.column) + text.size();
+    for (size_t colon = line.find(':', behind); colon != std::string::npos;
+         colon = line.find(':', colon + 1)) {
+      if (colon + 1 < line.size() && line[colon + 1] != ' ') continue;
+      return {place.line, static_cast<int>(colon) + 3};
+    }
+    return place;
+  }
+
+  /// The keys of a mapping; none of anything else.
+  std::vector<Text> keysOf(const YAML::Node& mapping) {
+    std::vector<Text> keys;
+    if (!mapping.IsMap()) return keys;
+    for (const auto& entry : mapping) {
+      const YAML::Node& key = entry.first;
+      keys.push_back(
+          counted({key.IsScalar() ? key.Scalar() : "", placeOf(key.Mark())}));
+    }
+    return keys;
+  }
+
+  /// The launcher's reading of a text. `what` is what a person calls it.
+  std::optional<std::string> readText(const YAML::Node& value,
+                                      const Place& place,
+                                      const std::string& what) {
+    if (value.IsScalar()) {
+      count(value.Scalar().size());
+      return value.Scalar();
+    }
+    const YAML::TypedBadConversion<std::string> exception(value.Mark());
+    if (value.IsNull()) {
+      addFault("null-value", place,
+               "null value for " + what + "; write \"\" for an empty value",
+               exception);
+    } else {
+      addFault("not-a-text", place,
+               kindOf(value) + " for " + what + ", which takes one value",
+               exception);
+    }
+    return std::nullopt;
+  }
+
+  /// The launcher's reading of a key; nothing after a fault.
+  std::optional<Text> readKey(const YAML::Node& key, const std::string& what) {
+    const Place place = placeOf(key.Mark());
+    if (key.IsScalar()) return Text{key.Scalar(), place};
+    const YAML::TypedBadConversion<std::string> exception(key.Mark());
+    addFault("not-a-key", place, kindOf(key) + " as " + what, exception);
+    return std::nullopt;
+  }
+
+  /// Goes through a mapping as the launcher does: it takes a single value for
+  /// an empty mapping, and fails at the first element of a list.
+  template <typename Function>
+  void forEachEntry(const YAML::Node& mapping, const Place& place,
+                    const std::string& what, Function function) {
+    if (mapping.IsScalar() || (mapping.IsSequence() && mapping.size() == 0)) {
+      ignore(what, place);
+      return;
+    }
+    for (const auto& entry : mapping) {
+      try {
+        (void)entry.first.IsNull();
+      } catch (const YAML::InvalidNode& exception) {
+        addFault("list-for-mapping", place,
+                 "a list for " + what + "; write 'name: ...' without a dash",
+                 exception);
+        return;
+      }
+      function(entry.first, entry.second);
+    }
+  }
+
+  void readConfigure(const YAML::Node& configure) {
+    const Place place = placeOf(configure.Mark());
+    const bool is_list = configure.IsSequence();
+    try {
+      const YAML::Node environment = configure["environment"];
+      if (environment) readGlobalEnvironment(environment);
+    } catch (const YAML::BadSubscript& exception) {
+      addFault("scalar-for-mapping", place,
+               kindOf(configure) + " for 'configure', which is a mapping",
+               exception);
+    }
+    if (is_list) ignore("'configure'", place);
+    if (!is_list) reading_.configureKeys = keysOf(configure);
+  }
+
+  void readGlobalEnvironment(const YAML::Node& environment) {
+    forEachEntry(environment, placeOf(environment.Mark()), "'environment'",
+                 [this](const YAML::Node& key, const YAML::Node& value) {
+                   auto variable = readVariable(key, value);
+                   if (!variable) return;
+                   const std::string name = exportedName(variable->name.value);
+                   if (!name.empty()) {
+                     variables_[name] = untilNul(variable->value.value);
+                   }
+                   reading_.environment.push_back(std::move(*variable));
+                 });
+  }
+
+  std::optional<Variable> readVariable(const YAML::Node& key,
+                                       const YAML::Node& value) {
+    auto name = readKey(key, "the name of a variable");
+    const std::string what =
+        name ? "variable '" + name->value + "'" : "a variable";
+    const Place place = valuePlace(key, value);
+    const auto text = readText(value, place, what);
+    if (!name || !text) return std::nullopt;
+    count(name->value.size());
+    return Variable{std::move(*name), {expand(*text), place}, *text};
+  }
+
+  /// The root is settled at the first use of the prefix, and then stays.
+  std::string expand(std::string value) {
+    for (size_t found = value.find(kInstallPrefix); found != std::string::npos;
+         found = value.find(kInstallPrefix)) {
+      if (!install_root_) {
+        install_root_ =
+            installRoot(variables_[kRoot], surroundings_.executableRoot);
+      }
+      count(install_root_->size());
+      value.replace(found, kReplaced, *install_root_);
+    }
+    return value;
+  }
+
+  void readNodes(const YAML::Node& nodes) {
+    forEachEntry(nodes, placeOf(nodes.Mark()), "'vornnode'",
+                 [this](const YAML::Node& key, const YAML::Node& value) {
+                   auto name = readKey(key, "the name of a node");
+                   if (!name) name = Text{"", placeOf(key.Mark())};
+                   readNode(std::move(*name), key, value);
+                 });
+  }
+
+  void readNode(Text name, const YAML::Node& key,
+                const YAML::Node& description) {
+    NodeReading node;
+    node.name = counted(std::move(name));
+    node.keys = keysOf(description);
+    try {
+      const YAML::Node path = description["path"];
+      if (!path) {
+        reading_.dropped.push_back(std::move(node));
+        return;
+      }
+      readPath(node, description, path);
+    } catch (const YAML::BadSubscript& exception) {
+      const std::string& owner = node.name.value;
+      addFault("scalar-for-mapping", valuePlace(key, description),
+               isNodeKey(owner)
+                   ? "'" + owner +
+                         "' is read as the name of a node; indent it "
+                         "below the name of its node"
+                   : kindOf(description) + " for node '" + owner +
+                         "', which is a mapping with 'path'",
+               exception);
+      return;
+    }
+    for (const auto& entry : description) {
+      const auto text =
+          readKey(entry.first, "a key of node '" + node.name.value + "'");
+      if (!text) continue;
+      const auto reader = kReaders.find(text->value);
+      if (reader == kReaders.end()) continue;
+      (this->*reader->second)(node, entry.second,
+                              valuePlace(entry.first, entry.second));
+    }
+    reading_.nodes.push_back(std::move(node));
+  }
+
+  void readPath(NodeReading& node, const YAML::Node& description,
+                const YAML::Node& path) {
+    Place place = placeOf(path.Mark());
+    for (const auto& entry : description) {
+      if (!entry.first.IsScalar() || entry.first.Scalar() != "path") continue;
+      place = valuePlace(entry.first, entry.second);
+      break;
+    }
+    const auto text = readText(path, place, "'path'");
+    node.path = {text.value_or(""), place};
+    node.hasPath = text.has_value();
+    const bool is_absolute = text && text->rfind('/', 0) == 0;
+    const std::string& folder = reading_.binPath;
+    node.executable = is_absolute || folder.empty()
+                          ? node.path.value
+                          : folder + '/' + node.path.value;
+  }
+
+  void readArgv(NodeReading& node, const YAML::Node& value,
+                const Place& place) {
+    const auto text = readText(value, place, "'argv'");
+    if (!text) return;
+    node.argvs.push_back({*text, place});
+    for (std::string& argument : split(untilNul(*text), ' ')) {
+      node.arguments.push_back(counted({std::move(argument), place}));
+    }
+  }
+
+  void readDisabled(NodeReading& node, const YAML::Node& value,
+                    const Place& place) {
+    readBool(node.disabled, value, place, "disabled");
+  }
+
+  void readOneshot(NodeReading& node, const YAML::Node& value,
+                   const Place& place) {
+    readBool(node.oneshot, value, place, "oneshot");
+  }
+
+  void readAutostart(NodeReading& node, const YAML::Node& value,
+                     const Place& place) {
+    readBool(node.autostart, value, place, "autostart");
+  }
+
+  void readBool(Setting<bool>& setting, const YAML::Node& value,
+                const Place& place, const std::string& key) {
+    try {
+      setting = {value.as<bool>(), place};
+    } catch (const YAML::BadConversion& exception) {
+      addFault(value.IsNull() ? "null-value" : "not-a-bool", place,
+               value.IsNull()
+                   ? "null value for '" + key + "'; write true or false"
+                   : kindOf(value) + " for '" + key +
+                         "' is no bool; write true or false",
+               exception);
+    }
+  }
+
+  void readSleep(NodeReading& node, const YAML::Node& value,
+                 const Place& place) {
+    try {
+      node.sleepMs = {value.as<unsigned int>(), place};
+    } catch (const YAML::BadConversion& exception) {
+      addFault(value.IsNull() ? "null-value" : "not-a-number", place,
+               value.IsNull()
+                   ? "null value for 'sleep'; write a number of milliseconds"
+                   : kindOf(value) +
+                         " for 'sleep' is no whole number of milliseconds "
+                         "from 0 to 4294967295",
+               exception);
+    }
+  }
+
+  void readEnvironment(NodeReading& node, const YAML::Node& value,
+                       const Place& place) {
+    forEachEntry(value, place, "'environment'",
+                 [&](const YAML::Node& name, const YAML::Node& text) {
+                   auto variable = readVariable(name, text);
+                   if (!variable) return;
+                   node.environment.push_back(std::move(*variable));
+                 });
+  }
+
+  void readRequired(NodeReading& node, const YAML::Node& value,
+                    const Place& place) {
+    node.required.clear();
+    if (!value.IsSequence()) {
+      const YAML::TypedBadConversion<std::vector<std::string>> exception(
+          value.Mark());
+      addFault(value.IsNull() ? "null-value" : "not-a-list", place,
+               value.IsNull()
+                   ? "null value for 'required'; write [] for an empty list"
+                   : kindOf(value) +
+                         " for 'required', which is a list; write [NAME]",
+               exception);
+      return;
+    }
+    for (const auto& element : value) {
+      const Place element_place = placeOf(element.Mark());
+      const auto text =
+          readText(element, element_place, "an element of 'required'");
+      if (text) node.required.push_back({*text, element_place});
+    }
+  }
+
+  using KeyReader = void (Reader::*)(NodeReading&, const YAML::Node&,
+                                     const Place&);
+  static const std::map<std::string, KeyReader> kReaders;
+
+  const Document& document_;
+  const LauncherSurroundings& surroundings_;
+  Reading reading_;
+  std::map<std::string, std::string> variables_;  // of the launcher
+  std::optional<std::string> install_root_;
+  size_t values_ = 0;
+  size_t bytes_ = 0;
+};
+
+const std::map<std::string, Reader::KeyReader> Reader::kReaders = {
+    {"argv", &Reader::readArgv},
+    {"disabled", &Reader::readDisabled},
+    {"oneshot", &Reader::readOneshot},
+    {"sleep", &Reader::readSleep},
+    {"environment", &Reader::readEnvironment},
+    {"autostart", &Reader::readAutostart},
+    {"required", &Reader::readRequired},
+};
+
+std::string ownVariable(const char* name) {
+  const char* const value = std::getenv(name);
+  return value == nullptr ? "" : value;
+}
+
+}  // namespace
+
+std::string nodeNameValue(const std::string& name) {
+  return name + "(vornlaunch)";
+}
+
+std::string exportedName(const std::string& name) {
+  std::string exported = untilNul(name);
+  return exported.find('=') == std::string::npos ? exported : "";
+}
+
+const std::vector<std::string>& nodeKeys() {
+  static const std::vector<std::string> keys = {
+      "path",  "argv",      "disabled", "oneshot",
+      "sleep", "autostart", "required", "environment"};
+  return keys;
+}
+
+bool isNodeKey(const std::string& name) {
+  const auto& keys = nodeKeys();
+  return std::find(keys.begin(), keys.end(), name) != keys.end();
+}
+
+LauncherSurroundings ownSurroundings() {
+  std::error_code error;
+  const auto executable =
+      std::filesystem::read_symlink("/proc/self/exe", error);
+  return {ownVariable(kBinPath), ownVariable(kRoot),
+          executable.parent_path().parent_path().string()};
+}
+
+Reading readAsLauncher(const Document& document,
+                       const LauncherSurroundings& surroundings) {
+  return Reader(document, surroundings).read();
+}
+
+}  // namespace vorn::launch

@@ -1,0 +1,310 @@
+#include "live/launcher_process.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include "system/descriptor.h"
+#include "live/launcher_file.h"
+#include "live/proc_file.h"
+
+namespace vorn::launch {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kHowToName[] =
+    "; name it by --launch-file or VORNCTL_LAUNCH_FILE";
+
+/// Whether the process is in the pid namespace of our /proc.
+bool isInOurPidNamespace(pid_t pid) {
+  // Anyone may read this file, unlike the link ns/pid.
+  std::istringstream lines(readProcFile(procFile(pid, "status")).value_or(""));
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("NSpid:", 0) != 0) continue;
+    // Its pid in our namespace, and in each that is nested in ours.
+    std::istringstream words(line);
+    return std::distance(std::istream_iterator<std::string>(words), {}) <= 2;
+  }
+  return true;  // more likely than not
+}
+
+/// Where we reach the launcher's root folder: an empty text to put in front of
+/// a path when it is our own. When we may not look, we take it for that, but
+/// not in another pid namespace: that is nothing, a container with files of its
+/// own.
+std::optional<std::string> rootAsWeReachIt(pid_t pid) {
+  struct stat own {};
+  struct stat its {};
+  std::string root = procFile(pid, "root");
+  // The slash at the end follows the link.
+  if (::stat("/", &own) != 0 || ::stat((root + '/').c_str(), &its) != 0) {
+    if (isInOurPidNamespace(pid)) return "";
+    return std::nullopt;
+  }
+  const bool is_same = own.st_dev == its.st_dev && own.st_ino == its.st_ino;
+  const auto namespace_of = [](const std::string& process) {
+    return readProcLink("/proc/" + process + "/ns/mnt");
+  };
+  if (is_same && namespace_of("self") == namespace_of(std::to_string(pid))) {
+    return "";
+  }
+  return root;
+}
+
+LauncherSurroundings surroundingsOf(pid_t pid) {
+  LauncherSurroundings surroundings;
+  if (const auto text = readProcFile(procFile(pid, "environ"))) {
+    for (const std::string& entry : splitAtNuls(*text)) {
+      const size_t sign = entry.find('=');
+      if (sign == std::string::npos) continue;
+      const std::string value = entry.substr(sign + 1);
+      if (entry.compare(0, sign, "VORN_BIN_PATH") == 0) {
+        surroundings.binPath = value;
+      }
+      if (entry.compare(0, sign, "VORN_ROOT") == 0) surroundings.root = value;
+    }
+  }
+  if (const auto executable = readProcLink(procFile(pid, "exe"))) {
+    surroundings.executableRoot =
+        fs::path(*executable).parent_path().parent_path().string();
+  }
+  return surroundings;
+}
+
+/// When the process was started; nothing if it cannot be known.
+std::optional<double> startOf(pid_t pid) {
+  const auto text = readProcFile(procFile(pid, "stat"));
+  if (!text) return std::nullopt;
+  // The name, in parentheses, may contain anything.
+  const size_t name_end = text->rfind(')');
+  if (name_end == std::string::npos) return std::nullopt;
+  std::istringstream fields(text->substr(name_end + 1));
+  constexpr int kStartTime = 20;  // counted from the state, the third field
+  std::string field;
+  for (int i = 0; i < kStartTime; ++i) fields >> field;
+  timespec wall{};
+  timespec boot{};
+  if (!fields || ::clock_gettime(CLOCK_REALTIME, &wall) != 0 ||
+      ::clock_gettime(CLOCK_BOOTTIME, &boot) != 0) {
+    return std::nullopt;
+  }
+  const auto seconds = [](const timespec& time) {
+    return static_cast<double>(time.tv_sec) +
+           static_cast<double>(time.tv_nsec) / 1e9;
+  };
+  const double since_boot = static_cast<double>(std::stoull(field)) /
+                            static_cast<double>(::sysconf(_SC_CLK_TCK));
+  return seconds(wall) - seconds(boot) + since_boot;
+}
+
+/// Whether the file was changed after the launcher `pid` started.
+bool hasChangedSince(const struct stat& file, pid_t pid) {
+  const auto start = startOf(pid);
+  const double changed = static_cast<double>(file.st_mtim.tv_sec) +
+                         static_cast<double>(file.st_mtim.tv_nsec) / 1e9;
+  // The kernel rounds the start down to its own ticks, 10 ms.
+  constexpr double kTolerance = 0.05;
+  return start && changed > *start + kTolerance;
+}
+
+/// The launcher's argument as it was given; empty if it cannot be known.
+std::string argumentOf(pid_t pid) {
+  const auto text = readProcFile(procFile(pid, "cmdline"));
+  const auto arguments = splitAtNuls(text.value_or(""));
+  // The launch file is the last argument, after the program and, for instance,
+  // ld.so.
+  return arguments.size() >= 2 ? arguments.back() : "";
+}
+
+/// `path` from the root; as it is when the working directory is unknown, which
+/// is then empty.
+std::string absolute(const std::string& path, const std::string& directory) {
+  if (path.empty() || path.front() == '/' || directory.empty()) return path;
+  const fs::path whole = fs::path(directory) / path;
+  // The directory before ".." may be a link to another place.
+  const bool has_parent =
+      std::find(whole.begin(), whole.end(), "..") != whole.end();
+  return has_parent ? whole.string() : whole.lexically_normal().string();
+}
+
+/// The working directory of the launcher as the launcher sees it; empty if it
+/// cannot be known.
+std::string workingDirectoryOf(pid_t pid) {
+  const std::string path = readProcLink(procFile(pid, "cwd")).value_or("");
+  const std::string root = readProcLink(procFile(pid, "root")).value_or("/");
+  const bool is_inside = root != "/" && path.rfind(root + '/', 0) == 0;
+  return is_inside ? path.substr(root.size()) : path;
+}
+
+/// Why we cannot look for the file that is the launcher's argument; empty if we
+/// can.
+std::string obstacleTo(const RunningLauncher& launcher) {
+  if (launcher.pid == 0) {
+    return "cannot tell the launch file: the launcher is in another pid "
+           "namespace";
+  }
+  const std::string process = "process " + std::to_string(launcher.pid);
+  if (launcher.launchFile.empty()) {
+    return "cannot tell the launch file of " + process;
+  }
+  const std::string argument = argumentOf(launcher.pid);
+  const std::string where = ", where its launch file " + argument + " is";
+  const bool is_absolute = !argument.empty() && argument.front() == '/';
+  if (!launcher.root && is_absolute) {
+    return "cannot look into the root folder of the launcher, " + process +
+           " in another pid namespace" + where;
+  }
+  const std::string folder = procFile(launcher.pid, "cwd");
+  if (!launcher.root || (!is_absolute && ::access(folder.c_str(), X_OK) != 0)) {
+    return "cannot look into the working folder of the launcher, " + process +
+           where;
+  }
+  return "";
+}
+
+std::string reasonOf(int error) {
+  if (error == ELOOP || error == EXDEV) {
+    return "it is a link to a descriptor of the launcher, or in a loop of "
+           "links";
+  }
+  if (error == ENOSYS) {
+    return "the launcher has another root directory, and this system lacks "
+           "openat2(2), which opens files there safely";
+  }
+  return std::strerror(error);
+}
+
+/// Reads the file that is the launcher's argument, and tells whether it was
+/// changed since. Nothing if it cannot be read; `error` is then a sentence with
+/// the reason.
+std::optional<Document> readItsArgument(RunningLauncher& launcher,
+                                        std::string& error) {
+  error = obstacleTo(launcher);
+  if (!error.empty()) return std::nullopt;
+  const Descriptor file(openAsLauncher(launcher.pid, *launcher.root,
+                                       argumentOf(launcher.pid),
+                                       O_RDONLY | O_NONBLOCK));
+  struct stat status {};
+  std::string reason;
+  std::optional<Document> document;
+  if (file.number() < 0 || ::fstat(file.number(), &status) != 0) {
+    reason = reasonOf(errno);
+  } else if (!S_ISREG(status.st_mode)) {
+    reason = "it is not a regular file";
+  } else {
+    document = readDocument(launcher.launchFile, file.number(), reason);
+    launcher.hasChanged = hasChangedSince(status, launcher.pid);
+  }
+  if (!document) {
+    error =
+        "cannot read the launch file " + launcher.launchFile + ": " + reason;
+  }
+  return document;
+}
+
+/// Reads `launcher.launchFile` as a file of ours.
+std::optional<Document> readOurs(RunningLauncher& launcher,
+                                 std::string& error) {
+  struct stat status {};
+  launcher.hasChanged = launcher.pid != 0 &&
+                        ::stat(launcher.launchFile.c_str(), &status) == 0 &&
+                        hasChangedSince(status, launcher.pid);
+  return readDocument(launcher.launchFile, error);
+}
+
+}  // namespace
+
+RunningLauncher identifyLauncher(pid_t pid, const std::string& launch_file) {
+  RunningLauncher launcher;
+  launcher.pid = pid;
+  if (pid != 0) {
+    launcher.root = rootAsWeReachIt(pid);
+    launcher.startSeconds = static_cast<int64_t>(startOf(pid).value_or(0));
+  }
+  if (!launch_file.empty()) {
+    std::error_code error;
+    launcher.launchFile =
+        absolute(launch_file, fs::current_path(error).string());
+  } else if (pid != 0) {
+    launcher.launchFile = absolute(argumentOf(pid), workingDirectoryOf(pid));
+  }
+  return launcher;
+}
+
+std::optional<RunningLauncher> inspectLauncher(pid_t pid,
+                                               const std::string& launch_file,
+                                               std::string& error) {
+  RunningLauncher launcher = identifyLauncher(pid, launch_file);
+  const bool is_ours = !launch_file.empty();
+  const auto document =
+      is_ours ? readOurs(launcher, error) : readItsArgument(launcher, error);
+  auto file = document ? launchFileFrom(*document, surroundingsOf(pid), error)
+                       : std::nullopt;
+  if (!file) {
+    if (!is_ours) error += kHowToName;
+    return std::nullopt;
+  }
+  launcher.file = std::move(*file);
+  return launcher;
+}
+
+std::optional<bool> executableExists(const RunningLauncher& launcher,
+                                     const LaunchNode& node) {
+  if (launcher.pid == 0 || node.executable.empty() || !launcher.root) {
+    return std::nullopt;
+  }
+  const Descriptor file(
+      openAsLauncher(launcher.pid, *launcher.root, node.executable, O_PATH));
+  if (file.number() >= 0) return true;
+  if (errno == ENOENT || errno == ENOTDIR) return false;
+  return std::nullopt;
+}
+
+std::optional<std::vector<pid_t>> childrenOf(pid_t launcher) {
+  const std::string id = std::to_string(launcher);
+  const auto text = readProcFile("/proc/" + id + "/task/" + id + "/children");
+  if (!text) return std::nullopt;
+  std::istringstream words(*text);
+  return std::vector<pid_t>(std::istream_iterator<pid_t>(words), {});
+}
+
+std::optional<std::string> nodeOf(pid_t process) {
+  const auto text = readProcFile(procFile(process, "environ"));
+  if (!text) return std::nullopt;
+  const std::string variable = "__VORN_NODE_NAME__=";
+  const std::string ending = "(vornlaunch)";
+  for (const std::string& entry : splitAtNuls(*text)) {
+    if (entry.rfind(variable, 0) != 0) continue;
+    std::string name = entry.substr(variable.size());
+    if (name.size() < ending.size() ||
+        name.compare(name.size() - ending.size(), ending.size(), ending) != 0) {
+      continue;
+    }
+    name.resize(name.size() - ending.size());
+    return name;
+  }
+  return std::nullopt;
+}
+
+bool sharesPids(const RunningLauncher& launcher) {
+  return launcher.pid != 0 && isInOurPidNamespace(launcher.pid);
+}
+
+bool isProcessAlive(const RunningLauncher& launcher, pid_t pid) {
+  if (!sharesPids(launcher)) return true;
+  const auto state = processState(pid);
+  // A /proc that hides the processes of others says nothing of a living one.
+  return state ? *state != 'Z' : ::kill(pid, 0) == 0 || errno == EPERM;
+}
+
+}  // namespace vorn::launch

@@ -1,0 +1,137 @@
+#include "live/node_commands.h"
+
+namespace vorn::launch {
+namespace {
+
+using Cmd = ControlRequest::Cmd;
+
+std::string explainDisabled(const RunningLauncher& launcher,
+                            const std::string& name,
+                            const StatusReply& status) {
+  const LaunchNode* const node = launcher.file.find(name);
+  const std::string remedy = "'vornctl enable --now " + name + "'";
+  if (node != nullptr && executableExists(launcher, *node) == false) {
+    return "its executable " + node->executable +
+           " is missing, so it was disabled; put it there, then " + remedy;
+  }
+  if (node != nullptr && node->oneshot && status.startSeconds != 0) {
+    return "it is a oneshot and has run; " + remedy + " runs it again";
+  }
+  return "it is disabled; " + remedy + " starts it";
+}
+
+/// Whether the node could be started before it was enabled. The state DISABLED
+/// stays after an enable, and does not say.
+bool wasEnabled(const LaunchNode* node, const StatusReply& before) {
+  if (before.state != NodeState::STOPPED) {
+    return before.state != NodeState::DISABLED;
+  }
+  const bool was_started = before.startSeconds != 0;
+  return was_started || (node != nullptr && !node->disabled);
+}
+
+std::string runningWith(pid_t pid) {
+  return "running (pid " + std::to_string(pid) + ')';
+}
+
+std::string describeEnabled(const RunningLauncher& launcher,
+                            const std::string& name,
+                            const StatusReply& before) {
+  std::string text = "enabled";
+  if (before.isDone() && wasEnabled(launcher.file.find(name), before)) {
+    text = "already enabled";
+    if (before.state == NodeState::RUNNING) {
+      return text + " and " + runningWith(before.pid);
+    }
+    if (before.state == NodeState::RESTARTING) {
+      return text + "; it restarts by itself";
+    }
+  }
+  return text + "; start it with 'vornctl start " + name + "'";
+}
+
+}  // namespace
+
+OperationWords wordsFor(Cmd cmd) {
+  switch (cmd) {
+    case Cmd::START:
+      return {"start", "starting", "started"};
+    case Cmd::STOP:
+      return {"stop", "stopping", "stopped"};
+    case Cmd::RESTART:
+      return {"restart", "restarting", "restarted"};
+    case Cmd::DISABLE:
+      return {"disable", "disabling", "disabled"};
+    case Cmd::ENABLE:
+      return {"enable", "enabling", "enabled"};
+    case Cmd::STATUS:
+      break;
+  }
+  return {"status", "asking about", "asked about"};
+}
+
+ControlReply perform(ControlClient& client, Cmd cmd, const std::string& name) {
+  switch (cmd) {
+    case Cmd::START:
+      return client.start(name);
+    case Cmd::STOP:
+      return client.stop(name);
+    case Cmd::RESTART:
+      return client.restart(name);
+    case Cmd::DISABLE:
+      return client.disable(name);
+    case Cmd::ENABLE:
+      return client.enable(name);
+    case Cmd::STATUS:
+      break;
+  }
+  const StatusReply reply = client.status(name);
+  return static_cast<const ControlReply&>(reply);
+}
+
+std::string describeDone(Cmd cmd, const RunningLauncher& launcher,
+                         const std::string& name, const StatusReply& before) {
+  const bool was_down =
+      before.isDone() && (before.state == NodeState::STOPPED ||
+                          before.state == NodeState::DISABLED);
+  if (cmd == Cmd::ENABLE) return describeEnabled(launcher, name, before);
+  if (cmd == Cmd::STOP && was_down) return "already stopped";
+  if (cmd == Cmd::DISABLE && was_down && before.state == NodeState::DISABLED) {
+    return "already disabled";
+  }
+  const bool was_running = before.isDone() &&
+                           before.state == NodeState::RUNNING &&
+                           isProcessAlive(launcher, before.pid);
+  if (cmd == Cmd::START && was_running) {
+    return "already " + runningWith(before.pid);
+  }
+  return wordsFor(cmd).done;
+}
+
+std::string explainFailure(ControlClient& client,
+                           const RunningLauncher& launcher,
+                           const std::string& name, Cmd cmd) {
+  constexpr char kSeeLog[] = "see the launcher's log";
+  if (cmd == Cmd::STOP || cmd == Cmd::DISABLE) {
+    return std::string(
+               "the launcher could not signal its process, which may have "
+               "changed its user; ") +
+           kSeeLog;
+  }
+  const StatusReply status = client.status(name);
+  if (!status.isDone()) return kSeeLog;
+  const LaunchNode* const node = launcher.file.find(name);
+  if (status.state == NodeState::DISABLED) {
+    return explainDisabled(launcher, name, status);
+  }
+  if (status.state == NodeState::RUNNING) {
+    return std::string("its process could not be signalled and runs on; ") +
+           kSeeLog;
+  }
+  if (status.startSeconds == 0 && node != nullptr && !node->autostart) {
+    return "its first start is skipped by 'autostart: false'; start it again";
+  }
+  return std::string("no process could be made; ") + kSeeLog;
+}
+
+}  // namespace vorn::launch

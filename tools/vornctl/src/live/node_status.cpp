@@ -1,0 +1,143 @@
+#include "live/node_status.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+
+namespace vorn::launch {
+namespace {
+
+constexpr int64_t kRestartInterval = 5;  // seconds from start to start
+
+Condition conditionOf(const RunningLauncher& launcher,
+                      const StatusReply& status) {
+  switch (status.state) {
+    case NodeState::STOPPED:
+      if (status.pid != 0) return Condition::STOPPING;
+      return status.startSeconds == 0 ? Condition::NEVER_STARTED
+                                      : Condition::STOPPED;
+    case NodeState::RUNNING:
+      return isProcessAlive(launcher, status.pid) ? Condition::RUNNING
+                                                  : Condition::EXITING;
+    case NodeState::RESTARTING:
+      return Condition::RESTARTING;
+    case NodeState::DISABLED:
+      return Condition::DISABLED;
+  }
+  return Condition::UNKNOWN_NODE;
+}
+
+std::string policyOf(const LaunchNode& node) {
+  if (node.oneshot) return node.autostart ? "oneshot" : "manual+oneshot";
+  return node.autostart ? "restart" : "manual";
+}
+
+std::string joined(const std::vector<std::string>& names) {
+  std::string text;
+  for (const std::string& name : names) {
+    if (!text.empty()) text += ' ';
+    text += name;
+  }
+  return text;
+}
+
+}  // namespace
+
+NodeView viewOf(const RunningLauncher& launcher, const std::string& name,
+                const StatusReply& status, int64_t now) {
+  NodeView view;
+  view.name = name;
+  if (const LaunchNode* const node = launcher.file.find(name)) {
+    view.policy = policyOf(*node);
+    view.required = joined(node->required);
+    view.executable = node->executable;
+    // A oneshot that has run is disabled as well, without a failure.
+    const bool has_run = node->oneshot && status.startSeconds != 0;
+    view.isExecutableMissing =
+        status.isDone() && status.state == NodeState::DISABLED && !has_run &&
+        executableExists(launcher, *node) == false;
+  }
+  if (!status.isDone()) return view;
+  view.condition = conditionOf(launcher, status);
+  view.state = status.state;
+  view.pid = status.pid;
+  view.startSeconds = status.startSeconds;
+  if (view.condition == Condition::RUNNING) {
+    view.uptimeSeconds = std::max<int64_t>(0, now - status.startSeconds);
+  }
+  if (view.condition == Condition::RESTARTING) {
+    view.restartInSeconds = std::clamp<int64_t>(
+        status.startSeconds - now + kRestartInterval, 0, kRestartInterval);
+  }
+  return view;
+}
+
+const char* wordFor(Condition condition) {
+  switch (condition) {
+    case Condition::RUNNING:
+      return "running";
+    case Condition::EXITING:
+      return "exiting";
+    case Condition::STOPPING:
+      return "stopping";
+    case Condition::STOPPED:
+      return "stopped";
+    case Condition::NEVER_STARTED:
+      return "never started";
+    case Condition::RESTARTING:
+      return "restarting";
+    case Condition::DISABLED:
+      return "disabled";
+    case Condition::UNKNOWN_NODE:
+      break;
+  }
+  return "unknown";
+}
+
+const char* wordFor(NodeState state) {
+  switch (state) {
+    case NodeState::STOPPED:
+      return "stopped";
+    case NodeState::RUNNING:
+      return "running";
+    case NodeState::RESTARTING:
+      return "restarting";
+    case NodeState::DISABLED:
+      return "disabled";
+  }
+  return "unknown";
+}
+
+std::string formatSpan(int64_t seconds) {
+  constexpr int64_t kMinute = 60;
+  constexpr int64_t kHour = 60 * kMinute;
+  constexpr int64_t kDay = 24 * kHour;
+  const auto both = [](int64_t large, const char* unit, int64_t small,
+                       const char* small_unit) {
+    char text[48];
+    (void)std::snprintf(text, sizeof(text), "%lld%s %02lld%s",
+                        static_cast<long long>(large), unit,
+                        static_cast<long long>(small), small_unit);
+    return std::string(text);
+  };
+  if (seconds < kMinute) return std::to_string(seconds) + "s";
+  if (seconds < kHour) return both(seconds / kMinute, "m", seconds % 60, "s");
+  if (seconds < kDay) {
+    return both(seconds / kHour, "h", seconds % kHour / kMinute, "m");
+  }
+  return both(seconds / kDay, "d", seconds % kDay / kHour, "h");
+}
+
+std::string formatTime(int64_t seconds) {
+  if (seconds == 0) return "never";
+  const std::time_t time = seconds;
+  std::tm parts{};
+  char text[32];
+  if (::localtime_r(&time, &parts) == nullptr ||
+      std::strftime(text, sizeof(text), "%F %T", &parts) == 0) {
+    return std::to_string(seconds);
+  }
+  return text;
+}
+
+}  // namespace vorn::launch

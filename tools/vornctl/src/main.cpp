@@ -1,0 +1,74 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <clocale>
+#include <cstdlib>
+#include <exception>
+#include <new>
+
+#include "cli/command_line.h"
+#include "context/exit_status.h"
+#include "output/output.h"
+
+namespace {
+
+int cancel_pipe[2] = {-1, -1};
+
+extern "C" void onStopSignal(int signal) {
+  // Commands that wait never read the pipe: from the first signal on every wait
+  // ends at once. A full pipe is readable just as well.
+  const auto number = static_cast<unsigned char>(signal);
+  (void)!::write(cancel_pipe[1], &number, sizeof(number));
+}
+
+/// Puts something in the place of standard descriptors that are closed. Else
+/// another would get the number, and what is printed would go there.
+void fillStandardDescriptors() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(fd, F_GETFD) < 0) (void)!::open("/dev/null", O_RDWR);
+  }
+}
+
+/// Lets SIGINT, SIGTERM and SIGHUP end what waits, in order: a client that is
+/// killed cannot say what became of its request. A second signal kills. One
+/// that the caller has ignored, as nohup does, stays ignored.
+bool armStopSignals() {
+  if (::pipe2(cancel_pipe, O_CLOEXEC | O_NONBLOCK) != 0) return false;
+  struct sigaction action {};
+  action.sa_handler = onStopSignal;
+  action.sa_flags = static_cast<int>(SA_RESETHAND);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction before {};
+    (void)::sigaction(signal, nullptr, &before);
+    if (before.sa_handler == SIG_IGN) continue;
+    (void)::sigaction(signal, &action, nullptr);
+  }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  (void)std::setlocale(LC_CTYPE, "");
+  // What is shown is UTF-8, as the launch file is, where nobody has set a
+  // locale too.
+  if (MB_CUR_MAX == 1) (void)std::setlocale(LC_CTYPE, "C.UTF-8");
+  (void)::signal(SIGPIPE, SIG_DFL);  // a reader that has gone ends us silently
+  fillStandardDescriptors();
+  (void)armStopSignals();
+  try {
+    return vorn::launch::runCommandLine(argc, argv, cancel_pipe[0]);
+  } catch (const std::bad_alloc&) {
+    // Written without an Output, which allocates memory.
+    constexpr char kText[] = "vornctl: out of memory\n";
+    (void)!::write(STDERR_FILENO, kText, sizeof(kText) - 1);
+    return vorn::launch::kFailed;
+  } catch (const std::exception& failure) {
+    using vorn::launch::terminalText;
+    vorn::launch::standardError()
+        << "vornctl: " << terminalText(failure.what()) << "\n";
+    return vorn::launch::kFailed;
+  }
+}

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <iosfwd>
+
+#include "output/output_text.h"
+
+namespace vorn::launch {
+
+/// A stream that takes only text that is safe to write.
+class Output {
+ public:
+  /// Writes to `stream`, which is borrowed.
+  explicit Output(std::ostream& stream) : stream_(stream) {}
+
+  Output& operator<<(const OutputText& text);
+  void flush();
+
+  /// Whether all writes succeeded so far.
+  bool isGood() const;
+
+ private:
+  std::ostream& stream_;
+};
+
+/// The only ways to the two streams.
+Output standardOutput();
+Output standardError();
+
+}  // namespace vorn::launch
