@@ -21,7 +21,6 @@
 #include <utility>
 
 #include "control_node.h"
-#include "vorn/control_protocol.h"
 #include "epoll.h"
 #include "node_manager.h"
 #include "support/check.h"
@@ -30,6 +29,7 @@
 #include "support/process_calls.h"
 #include "support/registry.h"
 #include "support/system_calls.h"
+#include "vorn/control_protocol.h"
 
 namespace vorn::fuzz {
 

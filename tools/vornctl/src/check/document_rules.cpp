@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "check/rules.h"
 #include "check/foreign_keys.h"
-#include "context/node_patterns.h"
+#include "check/rules.h"
+#include "output/edit_distance.h"
 
 namespace vorn::launch {
 namespace {

@@ -2,8 +2,8 @@
 
 #include <vector>
 
-#include "launchfile/source_text.h"
 #include "check/diagnostic.h"
+#include "launchfile/source_text.h"
 #include "output/output.h"
 
 namespace vorn::launch {

@@ -5,7 +5,7 @@
 
 #include "check/rules.h"
 #include "launchfile/required_graph.h"
-#include "context/node_patterns.h"
+#include "output/edit_distance.h"
 
 namespace vorn::launch {
 namespace {

@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "output/output.h"
 #include "launchfile/parser.h"
+#include "output/output.h"
 
 namespace vorn::launch {
 

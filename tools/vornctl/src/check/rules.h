@@ -1,8 +1,8 @@
 #pragma once
 
-#include "launchfile/source_text.h"
 #include "check/diagnostic.h"
 #include "launchfile/parser.h"
+#include "launchfile/source_text.h"
 
 // What can be wrong with a launch file, one function for each source file
 // checks_*.cpp. The names of the findings are in findings.cpp.

@@ -15,18 +15,21 @@
 
 #include <CLI/CLI.hpp>
 
-#include "commands/start_stop.h"
+#include "cli/help.h"
 #include "commands/check.h"
 #include "commands/completion.h"
-#include "output/duration.h"
 #include "commands/graph.h"
-#include "cli/help.h"
-#include "output/output.h"
-#include "context/node_patterns.h"
+#include "commands/names.h"
+#include "commands/ping.h"
+#include "commands/start_stop.h"
 #include "commands/status.h"
 #include "commands/top.h"
-#include "vornctl_version.h"
 #include "commands/wait.h"
+#include "live/node_cells.h"
+#include "output/duration.h"
+#include "output/edit_distance.h"
+#include "output/output.h"
+#include "vornctl_version.h"
 
 namespace vorn::launch {
 namespace {

@@ -4,7 +4,7 @@
 #include <map>
 
 #include "context/exit_status.h"
-#include "commands/status.h"
+#include "live/node_cells.h"
 
 namespace vorn::launch {
 namespace {

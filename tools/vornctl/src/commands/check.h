@@ -3,9 +3,9 @@
 #include <string>
 #include <vector>
 
-#include "context/exit_status.h"
 #include "check/diagnostic.h"
 #include "context/context.h"
+#include "context/exit_status.h"
 
 namespace vorn::launch {
 

@@ -8,9 +8,9 @@
 #include <utility>
 #include <vector>
 
-#include "output/output.h"
 #include "launchfile/parser.h"
 #include "launchfile/required_graph.h"
+#include "output/output.h"
 #include "system/stop_signals.h"
 
 namespace vorn::launch {

@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "context/exit_status.h"
 #include "context/context.h"
+#include "context/exit_status.h"
 
 namespace vorn::launch {
 

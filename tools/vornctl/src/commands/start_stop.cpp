@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <iostream>
 
+#include "context/targets.h"
 #include "launchfile/time_limits.h"
 #include "live/node_commands.h"
 #include "output/output.h"
-#include "context/targets.h"
 
 namespace vorn::launch {
 namespace {

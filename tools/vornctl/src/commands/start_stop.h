@@ -3,9 +3,9 @@
 #include <string>
 #include <vector>
 
-#include "vorn/control_protocol.h"
-#include "context/exit_status.h"
 #include "context/context.h"
+#include "context/exit_status.h"
+#include "vorn/control_protocol.h"
 
 namespace vorn::launch {
 

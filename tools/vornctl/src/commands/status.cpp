@@ -1,14 +1,14 @@
 #include "commands/status.h"
 
 #include <chrono>
-#include <cstdio>
 #include <ctime>
-#include <map>
 
 #include <nlohmann/json.hpp>
 
-#include "output/output.h"
 #include "context/targets.h"
+#include "live/launcher_description.h"
+#include "live/node_cells.h"
+#include "output/output.h"
 #include "output/text.h"
 
 namespace vorn::launch {
@@ -21,51 +21,6 @@ constexpr size_t kUsualColumns = 7;
 // Of them, those that a narrow terminal does without, the first one first:
 // started, required, policy, uptime, pid.
 const std::vector<size_t> kLeastNeeded = {4, 6, 5, 3, 2};
-
-Colour colourOf(const NodeView& view) {
-  switch (view.condition) {
-    case Condition::RUNNING:
-      return Colour::GREEN;
-    case Condition::EXITING:
-    case Condition::STOPPING:
-    case Condition::RESTARTING:
-      return Colour::YELLOW;
-    case Condition::UNKNOWN_NODE:
-      return Colour::RED;
-    case Condition::DISABLED:
-      if (view.isExecutableMissing) return Colour::RED;
-      break;
-    case Condition::STOPPED:
-    case Condition::NEVER_STARTED:
-      break;
-  }
-  return Colour::FAINT;
-}
-
-OutputText orDash(const std::string& text) {
-  return text.empty() ? "-" : terminalText(text);
-}
-
-OutputText orDash(int64_t number) {
-  return number == 0 ? "-" : OutputText(number);
-}
-
-/// The cell of a column for a script: one word or number, "-" for none.
-Cell plainCellFor(const NodeView& view, const std::string& column) {
-  const bool runs = view.condition == Condition::RUNNING;
-  if (column == "uptime") {
-    return {runs ? OutputText(view.uptimeSeconds) : "-"};
-  }
-  if (column == "started") return {orDash(view.startSeconds)};
-  if (column == "state") {
-    std::string word = wordFor(view.condition);
-    for (char& letter : word) {
-      if (letter == ' ') letter = '-';
-    }
-    return {terminalText(word)};
-  }
-  return {cellFor(view, column).text};
-}
 
 nlohmann::ordered_json jsonOf(const NodeView& view, const LaunchNode* node) {
   const auto or_null = [](int64_t number) {
@@ -117,42 +72,13 @@ void printJson(const RunningLauncher& launcher,
   standardOutput() << jsonText(document);
 }
 
-/// "launcher 42".
-std::string nameOf(const RunningLauncher& launcher) {
-  return launcher.pid == 0 ? "launcher in another pid namespace"
-                           : "launcher " + std::to_string(launcher.pid);
-}
-
-/// `begin`, then ", launch file /tmp/launch.yaml, since 2026-11-22 10:00:00" as
-/// far as known. In several lines if the terminal (0: none) is too narrow.
-OutputText introduce(const RunningLauncher& launcher, const std::string& begin,
-                     size_t terminal_width) {
-  std::vector<OutputText> parts = {terminalText(begin)};
-  if (!launcher.launchFile.empty()) {
-    parts.push_back("launch file " + terminalText(launcher.launchFile));
-  }
-  if (launcher.startSeconds != 0) {
-    parts.push_back("since " + terminalText(formatTime(launcher.startSeconds)));
-  }
-  OutputText line;
-  OutputText lines;
-  for (const OutputText& part : parts) {
-    if (!line.empty()) line += ", ";
-    line += part;
-    if (!lines.empty()) lines += "\n";
-    lines += truncated(part, terminal_width);
-  }
-  const bool fits = terminal_width == 0 || displayWidth(line) <= terminal_width;
-  return fits ? line : lines;
-}
-
 void printTable(const StatusOptions& options, const Settings& settings,
                 const RunningLauncher& launcher,
                 const std::vector<NodeView>& views) {
   std::vector<std::string> columns = options.columns;
   if (columns.empty() && options.hasHeader && !options.isPlain) {
-    standardOutput() << introduce(launcher, nameOf(launcher),
-                                  settings.terminalWidth)
+    standardOutput() << describeLauncher(launcher, launcherName(launcher),
+                                         settings.terminalWidth)
                      << "\n";
   }
   if (columns.empty()) {
@@ -186,48 +112,7 @@ void printTable(const StatusOptions& options, const Settings& settings,
   }
 }
 
-/// A name on a line. A leading dash is escaped, so that "names | xargs vornctl
-/// stop" does not take the name for an option.
-OutputText lineFor(const std::string& name) {
-  if (name.rfind('-', 0) != 0) return terminalText(name) + "\n";
-  return "\\x2d" + terminalText(name.substr(1)) + "\n";
-}
-
 }  // namespace
-
-const std::vector<Column>& statusColumns() {
-  static const std::vector<Column> columns = {
-      {"node", "name in the launch file"},
-      {"state", "running, stopped, restarting, disabled and so on"},
-      {"pid", "its process"},
-      {"uptime", "time since the start of a running node"},
-      {"started", "time of the last start"},
-      {"policy", "restart, oneshot, manual or manual+oneshot"},
-      {"required", "nodes that restart when this node stops"},
-      {"executable", "program of the node"}};
-  return columns;
-}
-
-Cell cellFor(const NodeView& view, const std::string& column) {
-  if (column == "node") return {terminalText(view.name)};
-  if (column == "state") {
-    std::string word = wordFor(view.condition);
-    if (view.condition == Condition::RESTARTING) {
-      word += " in " + formatSpan(view.restartInSeconds);
-    }
-    return {terminalText(word), colourOf(view)};
-  }
-  if (column == "pid") return {orDash(view.pid)};
-  if (column == "uptime") {
-    return {view.condition == Condition::RUNNING
-                ? terminalText(formatSpan(view.uptimeSeconds))
-                : "-"};
-  }
-  if (column == "started") return {terminalText(formatTime(view.startSeconds))};
-  if (column == "policy") return {orDash(view.policy)};
-  if (column == "required") return {orDash(view.required)};
-  return {orDash(view.executable)};
-}
 
 ExitStatus showStatus(Session& session, const StatusOptions& options) {
   const Subjects subjects = findSubjects(session, options.nodes);
@@ -261,42 +146,6 @@ ExitStatus showStatus(Session& session, const StatusOptions& options) {
     printTable(options, session.settings(), launcher, views);
   }
   return result;
-}
-
-ExitStatus showNames(Session& session, char separator) {
-  // With a launch file given no launcher is needed.
-  if (session.settings().launchFile.empty()) {
-    if (const ExitStatus status = session.findLauncher(); status != kDone) {
-      return status;
-    }
-  }
-  std::string error;
-  const RunningLauncher* const launcher = session.launcher(error);
-  if (launcher == nullptr) {
-    session.complain(error);
-    return kUsage;
-  }
-  for (const LaunchNode& node : launcher->file.nodes) {
-    standardOutput() << (separator == '\0' ? nulTerminated(node.name)
-                                           : lineFor(node.name));
-  }
-  return kDone;
-}
-
-ExitStatus ping(Session& session) {
-  const auto begin = std::chrono::steady_clock::now();
-  if (const ExitStatus status = session.findLauncher(); status != kDone) {
-    return status;
-  }
-  const std::chrono::duration<double, std::milli> elapsed =
-      std::chrono::steady_clock::now() - begin;
-  if (session.settings().isQuiet) return kDone;
-  char text[64];
-  (void)std::snprintf(text, sizeof(text), " answers in %.1f ms",
-                      elapsed.count());
-  const RunningLauncher launcher = session.launcherWithoutFile();
-  standardOutput() << introduce(launcher, nameOf(launcher) + text, 0) << "\n";
-  return kDone;
 }
 
 }  // namespace vorn::launch

@@ -3,10 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "context/exit_status.h"
-#include "live/node_status.h"
 #include "context/context.h"
-#include "output/table.h"
+#include "context/exit_status.h"
 
 namespace vorn::launch {
 
@@ -18,25 +16,8 @@ struct StatusOptions {
   bool hasHeader = true;
 };
 
-struct Column {
-  std::string name;
-  std::string description;  // for the help
-};
-
-/// All columns, those that are shown by default first.
-const std::vector<Column>& statusColumns();
-
-/// Shows how nodes are. kNotRunning when nodes were named and one of them does
-/// not run.
+/// Shows the status of nodes. kNotRunning when nodes were named and one of them
+/// does not run.
 ExitStatus showStatus(Session& session, const StatusOptions& options);
-
-/// The cell of this column in a table for a person.
-Cell cellFor(const NodeView& view, const std::string& column);
-
-/// Prints the names in the launch file, each followed by `separator`.
-ExitStatus showNames(Session& session, char separator);
-
-/// Tells which launcher answers, and how fast.
-ExitStatus ping(Session& session);
 
 }  // namespace vorn::launch

@@ -14,14 +14,14 @@
 #include <map>
 #include <optional>
 
-#include "launchfile/time_limits.h"
-#include "live/node_status.h"
-#include "live/node_commands.h"
-#include "output/output.h"
-#include "commands/status.h"
 #include "context/targets.h"
-#include "output/text.h"
+#include "launchfile/time_limits.h"
+#include "live/node_cells.h"
+#include "live/node_commands.h"
+#include "live/node_status.h"
 #include "live/node_watcher.h"
+#include "output/output.h"
+#include "output/text.h"
 
 namespace vorn::launch {
 namespace {
@@ -123,7 +123,9 @@ class Top {
       : session_(session),
         launcher_(subjects.launcher),
         screen_(screen),
-        watcher_(session, subjects.launcher, subjects.names) {}
+        watcher_(session.client(Watcher::kReplyLimit),
+                 session.settings().cancelFd, subjects.launcher,
+                 subjects.names) {}
 
   /// Until the end; `message` is what to say after the screen has been closed.
   ExitStatus run(std::string& message) {

@@ -7,11 +7,11 @@
 
 #include <nlohmann/json.hpp>
 
-#include "live/node_status.h"
-#include "output/output.h"
-#include "commands/status.h"
 #include "context/targets.h"
+#include "live/node_cells.h"
+#include "live/node_status.h"
 #include "live/node_watcher.h"
+#include "output/output.h"
 
 namespace vorn::launch {
 namespace {
@@ -36,7 +36,9 @@ class Wait {
       : session_(session),
         options_(options),
         deadline_(deadline),
-        watcher_(session, subjects.launcher, subjects.names),
+        watcher_(session.client(Watcher::kReplyLimit),
+                 session.settings().cancelFd, subjects.launcher,
+                 subjects.names),
         file_(subjects.launcher.file) {}
 
   ExitStatus run() {
@@ -180,7 +182,9 @@ ExitStatus monitor(Session& session, const std::vector<std::string>& nodes,
                    bool is_json) {
   const Subjects subjects = findSubjects(session, nodes);
   if (subjects.status != kDone) return subjects.status;
-  Watcher watcher(session, subjects.launcher, subjects.names);
+  Watcher watcher(session.client(Watcher::kReplyLimit),
+                  session.settings().cancelFd, subjects.launcher,
+                  subjects.names);
   for (;;) {
     for (const auto& change : watcher.wait(kNoLimit)) {
       // One in the file that the launcher does not know is newer than it.

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "context/exit_status.h"
 #include "context/context.h"
+#include "context/exit_status.h"
 
 namespace vorn::launch {
 

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "context/node_patterns.h"
 #include "live/busy_launcher.h"
 #include "output/output.h"
-#include "context/node_patterns.h"
 
 namespace vorn::launch {
 namespace {

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "control_client.h"
 #include "context/exit_status.h"
+#include "control_client.h"
 #include "live/launcher_process.h"
 
 namespace vorn::launch {

@@ -3,30 +3,11 @@
 #include <fnmatch.h>
 
 #include <algorithm>
-#include <numeric>
 #include <set>
 
+#include "output/edit_distance.h"
+
 namespace vorn::launch {
-namespace {
-
-/// The number of letters to insert, remove or change to make `a` of `b`.
-size_t editDistance(const std::string& a, const std::string& b) {
-  std::vector<size_t> row(b.size() + 1);
-  std::iota(row.begin(), row.end(), size_t{0});
-  for (size_t i = 0; i < a.size(); ++i) {
-    size_t diagonal = row[0];
-    row[0] = i + 1;
-    for (size_t j = 0; j < b.size(); ++j) {
-      const size_t changed = diagonal + (a[i] == b[j] ? 0 : 1);
-      diagonal = row[j + 1];
-      row[j + 1] = std::min({changed, row[j] + 1, row[j + 1] + 1});
-    }
-  }
-  return row.back();
-}
-
-}  // namespace
-
 bool isPattern(const std::string& argument) {
   return argument.find_first_of("*?[") != std::string::npos;
 }
@@ -68,24 +49,6 @@ std::vector<std::string> selectNodes(const LaunchFile& file,
   }
   selected.insert(selected.end(), strangers.begin(), strangers.end());
   return selected;
-}
-
-std::string nearestOf(const std::vector<std::string>& words,
-                      const std::string& word) {
-  // A third of the letters wrong is a typing error, more is another word. Words
-  // of one or two letters resemble too many others.
-  size_t best = word.size() / 3 + 1;
-  std::string nearest;
-  for (const std::string& each : words) {
-    const size_t longer = std::max(each.size(), word.size());
-    if (longer - std::min(each.size(), word.size()) >= best) continue;
-    const size_t distance = editDistance(word, each);
-    if (distance < best) {
-      best = distance;
-      nearest = each;
-    }
-  }
-  return nearest;
 }
 
 std::string nearestName(const LaunchFile& file, const std::string& name) {

@@ -23,8 +23,4 @@ std::vector<std::string> selectNodes(const LaunchFile& file,
 /// have been meant; else empty.
 std::string nearestName(const LaunchFile& file, const std::string& name);
 
-/// The same among words; the first of several that are equally near.
-std::string nearestOf(const std::vector<std::string>& words,
-                      const std::string& word);
-
 }  // namespace vorn::launch

@@ -3,9 +3,9 @@
 #include <string>
 #include <vector>
 
+#include "context/context.h"
 #include "context/exit_status.h"
 #include "live/launcher_process.h"
-#include "context/context.h"
 
 namespace vorn::launch {
 

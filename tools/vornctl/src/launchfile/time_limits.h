@@ -3,8 +3,8 @@
 #include <chrono>
 #include <string>
 
-#include "vorn/control_protocol.h"
 #include "launchfile/launch_file.h"
+#include "vorn/control_protocol.h"
 
 namespace vorn::launch {
 

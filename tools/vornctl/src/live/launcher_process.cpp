@@ -13,9 +13,9 @@
 #include <iterator>
 #include <sstream>
 
-#include "system/descriptor.h"
 #include "live/launcher_file.h"
 #include "live/proc_file.h"
+#include "system/descriptor.h"
 
 namespace vorn::launch {
 namespace {

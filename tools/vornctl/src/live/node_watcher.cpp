@@ -12,7 +12,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr std::chrono::minutes kReplyLimit{5};
 constexpr std::chrono::minutes kFullRound{1};
 constexpr milliseconds kLook{250};  // between two looks at the children
 constexpr int kMostPidFds = 256;    // a process has 1024 descriptors, usually
@@ -29,11 +28,12 @@ bool isSame(const StatusReply& a, const StatusReply& b) {
 
 }  // namespace
 
-Watcher::Watcher(const Session& session, const RunningLauncher& launcher,
+Watcher::Watcher(ControlClient client, int cancel_fd,
+                 const RunningLauncher& launcher,
                  std::vector<std::string> names)
     : launcher_(launcher),
-      client_(session.client(kReplyLimit)),
-      cancel_fd_(session.settings().cancelFd),
+      client_(std::move(client)),
+      cancel_fd_(cancel_fd),
       sees_processes_(sharesPids(launcher) && childrenOf(launcher.pid)),
       names_(std::move(names)) {
   for (const std::string& name : names_) nodes_[name];

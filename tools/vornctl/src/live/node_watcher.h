@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "control_client.h"
 #include "live/launcher_process.h"
-#include "context/context.h"
 
 namespace vorn::launch {
 
@@ -24,8 +24,13 @@ class Watcher {
     StatusReply status;  // DONE or NOT_FOUND
   };
 
-  /// Watches these nodes. Both are borrowed.
-  Watcher(const Session& session, const RunningLauncher& launcher,
+  /// The longest time that the client should wait for a reply.
+  static constexpr std::chrono::minutes kReplyLimit{5};
+
+  /// Watches these nodes of `launcher`, which is borrowed. `client` asks for
+  /// their status; `cancel_fd`, borrowed, is readable once a stop signal has
+  /// arrived, -1 for none.
+  Watcher(ControlClient client, int cancel_fd, const RunningLauncher& launcher,
           std::vector<std::string> names);
   ~Watcher();
   Watcher(const Watcher&) = delete;

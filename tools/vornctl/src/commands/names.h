@@ -1,0 +1,10 @@
+#pragma once
+
+#include "context/context.h"
+
+namespace vorn::launch {
+
+/// Prints the names in the launch file, each followed by `separator`.
+ExitStatus showNames(Session& session, char separator);
+
+}  // namespace vorn::launch

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "live/launcher_process.h"
+#include "output/output_text.h"
+
+namespace vorn::launch {
+
+/// "launcher 42".
+std::string launcherName(const RunningLauncher& launcher);
+
+/// `begin`, then ", launch file /tmp/launch.yaml, since 2026-11-22 10:00:00" as
+/// far as known. In several lines if the terminal (0: none) is too narrow.
+OutputText describeLauncher(const RunningLauncher& launcher,
+                            const std::string& begin, size_t terminal_width);
+
+}  // namespace vorn::launch

@@ -1,0 +1,88 @@
+#include "live/node_cells.h"
+
+#include <cstdint>
+
+namespace vorn::launch {
+namespace {
+
+Colour colourOf(const NodeView& view) {
+  switch (view.condition) {
+    case Condition::RUNNING:
+      return Colour::GREEN;
+    case Condition::EXITING:
+    case Condition::STOPPING:
+    case Condition::RESTARTING:
+      return Colour::YELLOW;
+    case Condition::UNKNOWN_NODE:
+      return Colour::RED;
+    case Condition::DISABLED:
+      if (view.isExecutableMissing) return Colour::RED;
+      break;
+    case Condition::STOPPED:
+    case Condition::NEVER_STARTED:
+      break;
+  }
+  return Colour::FAINT;
+}
+
+OutputText orDash(const std::string& text) {
+  return text.empty() ? "-" : terminalText(text);
+}
+
+OutputText orDash(int64_t number) {
+  return number == 0 ? "-" : OutputText(number);
+}
+
+}  // namespace
+
+const std::vector<Column>& statusColumns() {
+  static const std::vector<Column> columns = {
+      {"node", "name in the launch file"},
+      {"state", "running, stopped, restarting, disabled and so on"},
+      {"pid", "its process"},
+      {"uptime", "time since the start of a running node"},
+      {"started", "time of the last start"},
+      {"policy", "restart, oneshot, manual or manual+oneshot"},
+      {"required", "nodes that restart when this node stops"},
+      {"executable", "program of the node"}};
+  return columns;
+}
+
+Cell cellFor(const NodeView& view, const std::string& column) {
+  if (column == "node") return {terminalText(view.name)};
+  if (column == "state") {
+    std::string word = wordFor(view.condition);
+    if (view.condition == Condition::RESTARTING) {
+      word += " in " + formatSpan(view.restartInSeconds);
+    }
+    return {terminalText(word), colourOf(view)};
+  }
+  if (column == "pid") return {orDash(view.pid)};
+  if (column == "uptime") {
+    return {view.condition == Condition::RUNNING
+                ? terminalText(formatSpan(view.uptimeSeconds))
+                : "-"};
+  }
+  if (column == "started") return {terminalText(formatTime(view.startSeconds))};
+  if (column == "policy") return {orDash(view.policy)};
+  if (column == "required") return {orDash(view.required)};
+  return {orDash(view.executable)};
+}
+
+Cell plainCellFor(const NodeView& view, const std::string& column) {
+  const bool runs = view.condition == Condition::RUNNING;
+  if (column == "uptime") {
+    return {runs ? OutputText(view.uptimeSeconds) : "-"};
+  }
+  if (column == "started") return {orDash(view.startSeconds)};
+  if (column == "state") {
+    std::string word = wordFor(view.condition);
+    for (char& letter : word) {
+      if (letter == ' ') letter = '-';
+    }
+    return {terminalText(word)};
+  }
+  return {cellFor(view, column).text};
+}
+
+}  // namespace vorn::launch

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "live/node_status.h"
+#include "output/table.h"
+
+namespace vorn::launch {
+
+/// A column of a table of nodes.
+struct Column {
+  std::string name;
+  std::string description;  // for the help
+};
+
+/// All columns, those that are shown by default first.
+const std::vector<Column>& statusColumns();
+
+/// The cell of a column for a person.
+Cell cellFor(const NodeView& view, const std::string& column);
+
+/// The cell of a column for a script: one word or number, "-" for none.
+Cell plainCellFor(const NodeView& view, const std::string& column);
+
+}  // namespace vorn::launch
