@@ -3,5 +3,9 @@
 #include <yaml-cpp/yaml.h>
 
 int main(int argc, char** argv) {
-  return argc > 1 && YAML::LoadFile(argv[1]).IsMap() ? 0 : 1;
+  try {
+    return argc > 1 && YAML::LoadFile(argv[1]).IsMap() ? 0 : 1;
+  } catch (...) {
+    return 1;
+  }
 }

@@ -39,7 +39,7 @@ left_out=(tests/system/test_{check,documents,installed,launch_schema}*.py
 say "branches"
 # The branches that a compiler adds for exceptions are not ours.
 gcovr --root . --object-directory "$directory" \
-  --filter tools/vornlaunch/src/ --filter libvornlib/ \
+  --filter include/ --filter tools/vornlaunch/src/ --filter libvornlib/ \
   --exclude libvornlib/tests/ \
   --exclude-throw-branches --exclude-unreachable-branches \
   --branches --txt - --json "$directory/coverage.json" \

@@ -86,7 +86,7 @@ run_clang_tidy() {
 
 only_outputs_write() {
   ! git grep -nE '^[^/]*\b(std::(cout|cerr|clog)|(printf|fprintf|f?puts|putchar|perror) ?\()' \
-    -- tools/vornctl/src ':!tools/vornctl/src/output.cpp'
+    -- tools/vornctl/src ':!tools/vornctl/src/output/output.cpp'
 }
 
 git ls-files --error-unmatch README.md >/dev/null 2>&1 ||
@@ -104,13 +104,15 @@ check clang-format clang-format-14 --dry-run -Werror "${cpp[@]}"
 check shellcheck shellcheck -x "${shell[@]}"
 check pyflakes pyflakes3 "${python[@]}"
 check "tests named by KEEP comments" /usr/bin/python3 scripts/check_keep_tests.py
+check "directions of includes" /usr/bin/python3 scripts/check_layers.py
 check "vornctl writes only by an Output" only_outputs_write
 check "plain English" /usr/bin/python3 scripts/prose_lint.py
 check codespell codespell --ignore-words scripts/codespell_ignore.txt "${prose[@]}"
 check cppcheck cppcheck --quiet --std=c++17 --language=c++ \
   --enable=warning,performance,portability,style --inline-suppr \
   --suppressions-list=.cppcheck-suppressions --error-exitcode=1 \
-  -I libvornlib/include -I tools/vornlaunch/src -I tools/vornctl/src \
-  libvornlib/src libvornlib/include tools/vornlaunch/src tools/vornctl/src
+  -I include -I libvornlib/include -I libvornclient/src -I tools/vornlaunch/src \
+  -I tools/vornctl/src include libvornlib/src libvornlib/include libvornclient/src \
+  tools/vornlaunch/src tools/vornctl/src
 check clang-tidy run_clang_tidy
 if $failed; then exit 1; fi

@@ -32,6 +32,7 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 EQUIVALENT = ROOT / "scripts/mutants_equivalent.txt"
 SOURCES = (
+    "include/vorn/*.h",
     "libvornlib/src/*.cpp",
     "libvornlib/include/vornlib/*.h",
     "tools/vornlaunch/src/*.cpp",

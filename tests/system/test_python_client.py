@@ -1,4 +1,4 @@
-"""python/vornctl.py against the real launcher, and against others in its place."""
+"""vornctl.py against the real launcher, and against others in its place."""
 
 import importlib.util
 import os
@@ -13,7 +13,7 @@ import pytest
 
 from support.control import REQUEST, RESPONSE, Cmd, State
 
-SOURCE = pathlib.Path(__file__).resolve().parents[2] / "python/vornctl.py"
+SOURCE = pathlib.Path(__file__).resolve().parents[2] / "libvornclient/vornctl.py"
 STAY = "sleep 1000 &\nwait"
 
 

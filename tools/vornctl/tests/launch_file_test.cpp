@@ -46,7 +46,7 @@ class ReadLaunchFileTest : public ::testing::Test {
   }
 
   std::optional<LaunchFile> readFile() {
-    const auto document = readDocument(path_, error_);
+    const auto document = readSourceText(path_, error_);
     EXPECT_TRUE(document) << error_;
     return launchFileFrom(*document, surroundings_, error_);
   }

@@ -22,8 +22,8 @@ StatusReply statusOf(NodeState state, pid_t pid, int64_t start) {
 }
 
 /// A launcher that shares our pids.
-RunningLauncher launcherOf(std::vector<LaunchNode> nodes = {}) {
-  RunningLauncher launcher;
+LauncherProcess launcherOf(std::vector<LaunchNode> nodes = {}) {
+  LauncherProcess launcher;
   launcher.pid = ::getpid();
   launcher.file.nodes = std::move(nodes);
   return launcher;

@@ -15,10 +15,10 @@ using std::chrono::seconds;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-NodeReading nodeOf(const std::string& name,
-                   const std::vector<std::string>& required,
-                   uint32_t sleep_ms = 0, bool oneshot = false) {
-  NodeReading node;
+ParsedNode nodeOf(const std::string& name,
+                  const std::vector<std::string>& required,
+                  uint32_t sleep_ms = 0, bool oneshot = false) {
+  ParsedNode node;
   node.name.value = name;
   node.sleepMs.value = sleep_ms;
   node.oneshot.value = oneshot;
@@ -27,15 +27,15 @@ NodeReading nodeOf(const std::string& name,
   return node;
 }
 
-Reading readingOf(std::vector<NodeReading> nodes) {
-  Reading reading;
-  reading.nodes = std::move(nodes);
-  return reading;
+ParsedLaunchFile readingOf(std::vector<ParsedNode> nodes) {
+  ParsedLaunchFile parsed;
+  parsed.nodes = std::move(nodes);
+  return parsed;
 }
 
 /// The cycles, by the indices of their nodes.
-std::vector<std::vector<size_t>> cyclesIn(const Reading& reading) {
-  const RequiredGraph graph(reading);
+std::vector<std::vector<size_t>> cyclesIn(const ParsedLaunchFile& parsed) {
+  const RequiredGraph graph(parsed);
   std::vector<std::vector<size_t>> cycles;
   for (const auto& cycle : graph.cycles()) {
     std::vector<size_t> nodes;
@@ -47,8 +47,9 @@ std::vector<std::vector<size_t>> cyclesIn(const Reading& reading) {
   return cycles;
 }
 
-std::optional<RequiredGraph::Cascade> cascadeOfFirst(const Reading& reading) {
-  return RequiredGraph(reading).cascades().at(0);
+std::optional<RequiredGraph::Cascade> cascadeOfFirst(
+    const ParsedLaunchFile& parsed) {
+  return RequiredGraph(parsed).cascades().at(0);
 }
 
 TEST(EffectiveSleepTest, WrapsAround32BitsOfMicroseconds) {
@@ -59,19 +60,19 @@ TEST(EffectiveSleepTest, WrapsAround32BitsOfMicroseconds) {
 }
 
 TEST(RequiredGraphTest, HasNoEdgeToTheNodeItselfOrToNobody) {
-  const Reading reading =
+  const ParsedLaunchFile parsed =
       readingOf({nodeOf("a", {"a", "x", "b", "b"}), nodeOf("b", {})});
-  const RequiredGraph graph(reading);
+  const RequiredGraph graph(parsed);
   EXPECT_EQ(graph.edgesFrom(0).size(), 2U);
   EXPECT_EQ(graph.edgesFrom(0)[0].to, 1U);
   EXPECT_THAT(graph.edgesFrom(1), IsEmpty());
 }
 
 TEST(RequiredGraphTest, FindsTheFirstOfTwoNodesOfOneName) {
-  const Reading reading =
+  const ParsedLaunchFile parsed =
       readingOf({nodeOf("b", {}), nodeOf("a", {"b"}), nodeOf("b", {"a"})});
-  EXPECT_EQ(RequiredGraph(reading).edgesFrom(1)[0].to, 0U);
-  EXPECT_THAT(cyclesIn(reading), IsEmpty());
+  EXPECT_EQ(RequiredGraph(parsed).edgesFrom(1)[0].to, 0U);
+  EXPECT_THAT(cyclesIn(parsed), IsEmpty());
 }
 
 TEST(RequiredGraphTest, FindsNoCycleWherePathsOnlyMeet) {
@@ -101,13 +102,13 @@ TEST(RequiredGraphTest, FindsEachOfManyNodesOnOneWayThatRequireTheFirst) {
 }
 
 TEST(RequiredGraphTest, KeepsAMillionEdgesOfCyclesAndKnowsAllNodesInThem) {
-  std::vector<NodeReading> nodes;
+  std::vector<ParsedNode> nodes;
   constexpr int kNodes = 20'000;
   for (int i = 0; i < kNodes; ++i) {
     nodes.push_back(nodeOf(std::to_string(i), {"0", std::to_string(i + 1)}));
   }
-  const Reading reading = readingOf(std::move(nodes));
-  const RequiredGraph graph(reading);
+  const ParsedLaunchFile parsed = readingOf(std::move(nodes));
+  const RequiredGraph graph(parsed);
   size_t edges = 0;
   for (const auto& cycle : graph.cycles()) edges += cycle.size();
   EXPECT_LE(edges, 1'000'000U + kNodes);
@@ -115,15 +116,15 @@ TEST(RequiredGraphTest, KeepsAMillionEdgesOfCyclesAndKnowsAllNodesInThem) {
 }
 
 TEST(RequiredGraphTest, FollowsAChainHoweverLong) {
-  std::vector<NodeReading> nodes;
+  std::vector<ParsedNode> nodes;
   constexpr int kNodes = 100'000;
   nodes.reserve(kNodes);
   for (int i = 0; i < kNodes; ++i) {
     nodes.push_back(nodeOf(std::to_string(i), {std::to_string(i + 1)}));
   }
-  const Reading reading = readingOf(std::move(nodes));
-  EXPECT_THAT(cyclesIn(reading), IsEmpty());
-  EXPECT_EQ(cascadeOfFirst(reading)->stops, kNodes);
+  const ParsedLaunchFile parsed = readingOf(std::move(nodes));
+  EXPECT_THAT(cyclesIn(parsed), IsEmpty());
+  EXPECT_EQ(cascadeOfFirst(parsed)->stops, kNodes);
 }
 
 TEST(CascadeTest, IsOneStopForANodeThatRequiresNone) {
@@ -148,9 +149,10 @@ TEST(CascadeTest, DoesNotStartAOneshotAgain) {
 }
 
 TEST(CascadeTest, IsUnknownForANodeThatReachesACycleAlone) {
-  const Reading reading = readingOf({nodeOf("a", {"b"}), nodeOf("b", {"c"}),
-                                     nodeOf("c", {"b"}), nodeOf("d", {})});
-  const auto cascades = RequiredGraph(reading).cascades();
+  const ParsedLaunchFile parsed =
+      readingOf({nodeOf("a", {"b"}), nodeOf("b", {"c"}), nodeOf("c", {"b"}),
+                 nodeOf("d", {})});
+  const auto cascades = RequiredGraph(parsed).cascades();
   EXPECT_FALSE(cascades[0]);
   EXPECT_FALSE(cascades[1]);
   EXPECT_FALSE(cascades[2]);
@@ -158,7 +160,7 @@ TEST(CascadeTest, IsUnknownForANodeThatReachesACycleAlone) {
 }
 
 TEST(CascadeTest, IsAYearAtMostHoweverThePathsMultiply) {
-  std::vector<NodeReading> nodes;
+  std::vector<ParsedNode> nodes;
   nodes.reserve(200);
   for (int i = 0; i < 200; ++i) {
     const std::string next = std::to_string(i + 1);
@@ -169,30 +171,32 @@ TEST(CascadeTest, IsAYearAtMostHoweverThePathsMultiply) {
 }
 
 TEST(StopOfAllTest, AddsTheStopsOfAllNodes) {
-  const Reading reading = readingOf({nodeOf("a", {}, 5), nodeOf("b", {})});
-  EXPECT_EQ(RequiredGraph(reading).stopOfAll(seconds(11)), seconds(22));
+  const ParsedLaunchFile parsed =
+      readingOf({nodeOf("a", {}, 5), nodeOf("b", {})});
+  EXPECT_EQ(RequiredGraph(parsed).stopOfAll(seconds(11)), seconds(22));
 }
 
 TEST(StopOfAllTest, RestartsRequiredNodesThatAreNotStoppedYet) {
-  const Reading reading = readingOf(
+  const ParsedLaunchFile parsed = readingOf(
       {nodeOf("b", {}), nodeOf("a", {"b", "c"}), nodeOf("c", {}, 100)});
   // b, a, c for a with its pause and delay, c.
-  EXPECT_EQ(RequiredGraph(reading).stopOfAll(seconds(10)),
+  EXPECT_EQ(RequiredGraph(parsed).stopOfAll(seconds(10)),
             seconds(40) + milliseconds(300));
 }
 
 TEST(StopOfAllTest, IsAYearAtMostForAChainHoweverLong) {
-  std::vector<NodeReading> nodes;
+  std::vector<ParsedNode> nodes;
   for (int i = 0; i < 100'000; ++i) {
     nodes.push_back(nodeOf(std::to_string(i), {std::to_string(i + 1)}));
   }
-  const Reading reading = readingOf(std::move(nodes));
-  EXPECT_EQ(RequiredGraph(reading).stopOfAll(seconds(11)), hours(24 * 365));
+  const ParsedLaunchFile parsed = readingOf(std::move(nodes));
+  EXPECT_EQ(RequiredGraph(parsed).stopOfAll(seconds(11)), hours(24 * 365));
 }
 
 TEST(StopOfAllTest, NeverEndsWithACycle) {
-  const Reading reading = readingOf({nodeOf("a", {"b"}), nodeOf("b", {"a"})});
-  EXPECT_FALSE(RequiredGraph(reading).stopOfAll(seconds(10)));
+  const ParsedLaunchFile parsed =
+      readingOf({nodeOf("a", {"b"}), nodeOf("b", {"a"})});
+  EXPECT_FALSE(RequiredGraph(parsed).stopOfAll(seconds(10)));
 }
 
 }  // namespace

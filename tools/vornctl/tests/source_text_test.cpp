@@ -9,25 +9,25 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-TEST(DocumentTest, GivesLinesWithoutTheirEnds) {
-  const Document document("name", "one\ntwo\r\n\nfour");
+TEST(SourceTextTest, GivesLinesWithoutTheirEnds) {
+  const SourceText document("name", "one\ntwo\r\n\nfour");
   EXPECT_EQ(document.line(1), "one");
   EXPECT_EQ(document.line(2), "two");
   EXPECT_EQ(document.line(3), "");
   EXPECT_EQ(document.line(4), "four");
 }
 
-TEST(DocumentTest, HasNoLineOutsideTheText) {
-  const Document document("name", "one\n");
+TEST(SourceTextTest, HasNoLineOutsideTheText) {
+  const SourceText document("name", "one\n");
   EXPECT_EQ(document.line(-1), "");
   EXPECT_EQ(document.line(0), "");
   EXPECT_EQ(document.line(2), "");
   EXPECT_EQ(document.line(3), "");
-  EXPECT_EQ(Document("name", "").line(1), "");
+  EXPECT_EQ(SourceText("name", "").line(1), "");
 }
 
-TEST(DocumentTest, FindsTheNamesInCommentsThatSilence) {
-  const Document document(
+TEST(SourceTextTest, FindsTheNamesInCommentsThatSilence) {
+  const SourceText document(
       "name",
       "a: 1  # vornctl: ignore=unknown-key\n"
       "b: 1\n"
@@ -38,8 +38,8 @@ TEST(DocumentTest, FindsTheNamesInCommentsThatSilence) {
   EXPECT_THAT(document.ignoredAt(3), ElementsAre("one", "two", "three"));
 }
 
-TEST(DocumentTest, FindsNoNamesBehindAnEmptyComment) {
-  const Document document("name", "# vornctl: ignore=");
+TEST(SourceTextTest, FindsNoNamesBehindAnEmptyComment) {
+  const SourceText document("name", "# vornctl: ignore=");
   EXPECT_THAT(document.ignoredAt(1), IsEmpty());
 }
 

@@ -81,14 +81,14 @@ bool hasForegroundOption(const Server& server,
   });
 }
 
-void checkDaemon(const NodeReading& node, Findings& findings) {
+void checkDaemon(const ParsedNode& node, Diagnostics& diagnostics) {
   const std::string end =
       " goes into the background; the launcher takes that for an exit and "
       "starts node '" +
       node.name.value + "' again every 5 s: keep it in the foreground";
   if (const Text* const option = daemonizeOption(node.arguments)) {
-    findings.add("daemonizes", option->place,
-                 "with '--daemonize' the program" + end);
+    diagnostics.add("daemonizes", option->place,
+                    "with '--daemonize' the program" + end);
     return;
   }
   const std::string_view name = nameOf(node.path.value);
@@ -96,11 +96,12 @@ void checkDaemon(const NodeReading& node, Findings& findings) {
     if (server.program != name) continue;
     if (server.background.empty()) {
       if (hasForegroundOption(server, node.arguments)) return;
-      findings.add("daemonizes", node.path.place,
-                   "without other options, '" + std::string(name) + "'" + end);
+      diagnostics.add(
+          "daemonizes", node.path.place,
+          "without other options, '" + std::string(name) + "'" + end);
     } else if (const Text* const option =
                    backgroundOption(server, node.arguments)) {
-      findings.add(
+      diagnostics.add(
           "daemonizes", option->place,
           "with '" + option->value + "', '" + std::string(name) + "'" + end);
     }
@@ -109,10 +110,10 @@ void checkDaemon(const NodeReading& node, Findings& findings) {
 
 }  // namespace
 
-void checkDaemons(const Reading& reading, Findings& findings) {
-  for (const NodeReading& node : reading.nodes) {
+void checkDaemons(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
+  for (const ParsedNode& node : parsed.nodes) {
     // A oneshot is not started again, so it can start a daemon.
-    if (!node.oneshot.value) checkDaemon(node, findings);
+    if (!node.oneshot.value) checkDaemon(node, diagnostics);
   }
 }
 

@@ -78,7 +78,7 @@ constexpr CheckInfo kChecks[] = {
     {"writable-by-others", kWarning, "a file that any user can change"},
 };
 
-bool isBefore(const Finding& a, const Finding& b) {
+bool isBefore(const Diagnostic& a, const Diagnostic& b) {
   return std::tie(a.place, a.message) < std::tie(b.place, b.message);
 }
 
@@ -125,8 +125,8 @@ const CheckInfo* findCheck(const std::string& name) {
   return found == by_name.end() ? nullptr : found->second;
 }
 
-Findings::Findings(const Document& document,
-                   const std::vector<std::string>& ignored_names)
+Diagnostics::Diagnostics(const SourceText& document,
+                         const std::vector<std::string>& ignored_names)
     : ignored_(ignored_names.begin(), ignored_names.end()) {
   for (const int line : document.linesWithIgnores()) {
     const auto names = document.ignoredAt(line);
@@ -140,14 +140,15 @@ Findings::Findings(const Document& document,
   }
 }
 
-bool Findings::isSilenced(const std::string& check, const Place& place) const {
+bool Diagnostics::isSilenced(const std::string& check,
+                             const Place& place) const {
   if (ignored_.count(check) > 0) return true;
   const auto line = silenced_.find(place.line);
   return line != silenced_.end() && line->second.count(check) > 0;
 }
 
-void Findings::add(const std::string& check, Place place,
-                   const std::string& message, std::vector<Note> notes) {
+void Diagnostics::add(const std::string& check, Place place,
+                      const std::string& message, std::vector<Note> notes) {
   const CheckInfo* const info = findCheck(check);
   assert(info != nullptr);
   if (place.line < 1) place = {1, 1};
@@ -167,12 +168,12 @@ void Findings::add(const std::string& check, Place place,
   findings_.push_back({info, place, text, std::move(notes)});
 }
 
-bool Findings::isFull(const std::string& check) const {
+bool Diagnostics::isFull(const std::string& check) const {
   const auto kind = kinds_.find(findCheck(check));
   return kind != kinds_.end() && kind->second.shown.size() == kMostOfAKind;
 }
 
-void Findings::settle() {
+void Diagnostics::settle() {
   for (const auto& [info, kind] : kinds_) {
     if (!kind.more) continue;
     findings_.push_back({info,

@@ -35,7 +35,7 @@ struct Note {
   std::string message;
 };
 
-struct Finding {
+struct Diagnostic {
   const CheckInfo* check = nullptr;
   Place place;
   std::string message;  // one sentence; texts of the file in it are raw
@@ -48,12 +48,12 @@ constexpr size_t kMostNotes = 20;         // of a finding
 constexpr size_t kLongestMessage = 1000;  // in bytes
 
 /// The findings in one launch file.
-class Findings {
+class Diagnostics {
  public:
-  /// Findings of these names, or silenced by a comment in the document, will be
-  /// left out. Adds the findings about such comments.
-  Findings(const Document& document,
-           const std::vector<std::string>& ignored_names);
+  /// Diagnostics of these names, or silenced by a comment in the document, will
+  /// be left out. Adds the findings about such comments.
+  Diagnostics(const SourceText& document,
+              const std::vector<std::string>& ignored_names);
 
   /// Adds a finding, unless it is silenced, is there already, or is beyond the
   /// limit. `check` is a name in allChecks(). Line 0 becomes the first line.
@@ -63,7 +63,7 @@ class Findings {
   /// Whether the limit of the findings of this name is reached.
   bool isFull(const std::string& check) const;
 
-  const std::vector<Finding>& all() const { return findings_; }
+  const std::vector<Diagnostic>& all() const { return findings_; }
 
   /// Sorts the findings by place and mentions those beyond the limit.
   void settle();
@@ -79,7 +79,7 @@ class Findings {
   std::set<std::string> ignored_;
   std::map<int, std::set<std::string>> silenced_;  // by line
   std::map<const CheckInfo*, OfAKind> kinds_;
-  std::vector<Finding> findings_;
+  std::vector<Diagnostic> findings_;
 };
 
 }  // namespace vorn::launch

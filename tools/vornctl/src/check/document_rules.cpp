@@ -34,20 +34,21 @@ bool isPrivate(const std::string& key) { return key.rfind("x-", 0) == 0; }
 
 void checkUnknown(const std::vector<Text>& keys, const std::string& owner,
                   const std::vector<std::string>& known, Advice advice,
-                  Findings& findings) {
+                  Diagnostics& diagnostics) {
   for (const Text& key : keys) {
     if (std::find(known.begin(), known.end(), key.value) != known.end()) {
       continue;
     }
     if (key.value == "<<") {
-      findings.add("merge-key", key.place,
-                   "'<<' merges nothing here, it is a key like any other and "
-                   "ignored; repeat what it should bring");
+      diagnostics.add(
+          "merge-key", key.place,
+          "'<<' merges nothing here, it is a key like any other and "
+          "ignored; repeat what it should bring");
       continue;
     }
-    findings.add("unknown-key", key.place,
-                 "unknown key '" + key.value + "' " + owner + " is ignored" +
-                     hintFor(key.value, known, advice));
+    diagnostics.add("unknown-key", key.place,
+                    "unknown key '" + key.value + "' " + owner + " is ignored" +
+                        hintFor(key.value, known, advice));
   }
 }
 
@@ -60,88 +61,92 @@ std::string ofRepeatedKey(const std::string& key) {
 }
 
 void checkRepeated(const std::vector<Text>& keys, const std::string& owner,
-                   const std::vector<std::string>& known, Findings& findings) {
+                   const std::vector<std::string>& known,
+                   Diagnostics& diagnostics) {
   std::map<std::string, Place> first;
   for (const Text& key : keys) {
     const auto [before, is_new] = first.emplace(key.value, key.place);
     bool is_known = false;
     for (const std::string& each : known) is_known |= each == key.value;
     if (is_new || !is_known) continue;
-    findings.add(
+    diagnostics.add(
         "repeated-key", key.place,
         "'" + key.value + "' again " + owner + ": " + ofRepeatedKey(key.value),
         {{before->second, "the first '" + key.value + "' is here"}});
   }
 }
 
-void checkSections(const Reading& reading, Findings& findings) {
+void checkSections(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
   std::map<std::string, Place> first;
   std::vector<Text> others;
-  for (const Text& key : reading.keys) {
+  for (const Text& key : parsed.keys) {
     if (!isPrivate(key.value)) others.push_back(key);
     const auto [before, is_new] = first.emplace(key.value, key.place);
     if (is_new || (key.value != "vornnode" && key.value != "configure")) {
       continue;
     }
-    findings.add("repeated-section", key.place,
-                 "a second '" + key.value +
-                     "' is ignored with all that is in it; move it to the "
-                     "first",
-                 {{before->second, "the first one is here"}});
+    diagnostics.add("repeated-section", key.place,
+                    "a second '" + key.value +
+                        "' is ignored with all that is in it; move it to the "
+                        "first",
+                    {{before->second, "the first one is here"}});
   }
   checkUnknown(others, "at the top level", kRootKeys, adviceForRootKey,
-               findings);
-  checkUnknown(reading.configureKeys, "in 'configure'", kConfigureKeys, nullptr,
-               findings);
+               diagnostics);
+  checkUnknown(parsed.configureKeys, "in 'configure'", kConfigureKeys, nullptr,
+               diagnostics);
   Place environment;
-  for (const Text& key : reading.configureKeys) {
+  for (const Text& key : parsed.configureKeys) {
     if (key.value != "environment") continue;
     if (environment.line == 0) {
       environment = key.place;
       continue;
     }
-    findings.add("repeated-key", key.place,
-                 "'environment' again in 'configure': the first one is used, "
-                 "this one is ignored",
-                 {{environment, "the first 'environment' is here"}});
+    diagnostics.add(
+        "repeated-key", key.place,
+        "'environment' again in 'configure': the first one is used, "
+        "this one is ignored",
+        {{environment, "the first 'environment' is here"}});
   }
 }
 
-void checkKeys(const NodeReading& node, Findings& findings) {
+void checkKeys(const ParsedNode& node, Diagnostics& diagnostics) {
   const std::string owner = "in node '" + node.name.value + "'";
-  checkUnknown(node.keys, owner, nodeKeys(), adviceForNodeKey, findings);
-  checkRepeated(node.keys, owner, nodeKeys(), findings);
+  checkUnknown(node.keys, owner, nodeKeys(), adviceForNodeKey, diagnostics);
+  checkRepeated(node.keys, owner, nodeKeys(), diagnostics);
 }
 
 }  // namespace
 
-void checkDocument(const Reading& reading, Findings& findings) {
-  if (const Text& language = reading.otherLanguage; !language.value.empty()) {
-    findings.add("other-language", language.place,
-                 "this looks like " + language.value +
-                     "; a launch file is YAML with nodes in 'vornnode'");
+void checkDocument(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
+  if (const Text& language = parsed.otherLanguage; !language.value.empty()) {
+    diagnostics.add("other-language", language.place,
+                    "this looks like " + language.value +
+                        "; a launch file is YAML with nodes in 'vornnode'");
     return;
   }
-  for (const Fault& fault : reading.faults) {
-    findings.add(fault.check, fault.place, fault.message);
+  for (const LoadError& loadError : parsed.loadErrors) {
+    diagnostics.add(loadError.check, loadError.place, loadError.message);
   }
-  if (!reading.faults.empty() && reading.faults[0].check == "syntax") return;
-  if (reading.secondDocument.line != 0) {
-    findings.add("second-document", reading.secondDocument,
-                 "what follows the first document is not read; one file is "
-                 "one document");
+  if (!parsed.loadErrors.empty() && parsed.loadErrors[0].check == "syntax")
+    return;
+  if (parsed.secondDocument.line != 0) {
+    diagnostics.add("second-document", parsed.secondDocument,
+                    "what follows the first document is not read; one file is "
+                    "one document");
   }
-  for (const Text& value : reading.ignored) {
-    findings.add(
+  for (const Text& value : parsed.ignored) {
+    diagnostics.add(
         "ignored-value", value.place,
         "this is no mapping, so " + value.value + " is taken for an empty one");
   }
-  checkSections(reading, findings);
-  for (const NodeReading& node : reading.nodes) checkKeys(node, findings);
-  for (const NodeReading& node : reading.dropped) checkKeys(node, findings);
-  if (reading.nodes.empty() && reading.faults.empty()) {
-    findings.add("no-nodes", {1, 1},
-                 "no node in this file: the launcher runs, and starts nothing");
+  checkSections(parsed, diagnostics);
+  for (const ParsedNode& node : parsed.nodes) checkKeys(node, diagnostics);
+  for (const ParsedNode& node : parsed.dropped) checkKeys(node, diagnostics);
+  if (parsed.nodes.empty() && parsed.loadErrors.empty()) {
+    diagnostics.add(
+        "no-nodes", {1, 1},
+        "no node in this file: the launcher runs, and starts nothing");
   }
 }
 

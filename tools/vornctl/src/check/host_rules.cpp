@@ -227,50 +227,51 @@ std::string pathFrom(const std::vector<Variable>& variables,
   return value;
 }
 
-void checkPrograms(const Reading& reading, const std::string& path,
-                   Findings& findings) {
+void checkPrograms(const ParsedLaunchFile& parsed, const std::string& path,
+                   Diagnostics& diagnostics) {
   std::map<std::pair<std::string, std::string>, std::optional<Defect>> known;
-  for (const NodeReading& node : reading.nodes) {
+  for (const ParsedNode& node : parsed.nodes) {
     if (!node.hasPath) continue;
     const std::string program = untilNul(node.executable);
     const std::string node_path = pathFrom(node.environment, path);
     const auto [entry, is_new] = known.try_emplace({program, node_path});
     if (is_new) entry->second = defectOf(program, node_path);
     if (!entry->second) continue;
-    findings.add(entry->second->check, node.path.place,
-                 "'" + program + "' of node '" + node.name.value + "' " +
-                     entry->second->what);
+    diagnostics.add(entry->second->check, node.path.place,
+                    "'" + program + "' of node '" + node.name.value + "' " +
+                        entry->second->what);
   }
 }
 
-void checkTools(const Reading& reading, const std::string& path,
-                Findings& findings) {
+void checkTools(const ParsedLaunchFile& parsed, const std::string& path,
+                Diagnostics& diagnostics) {
   Place place{1, 1};
-  for (const Variable& variable : reading.environment) {
+  for (const Variable& variable : parsed.environment) {
     if (variable.name.value == "PATH") place = variable.value.place;
   }
   for (const char* const tool : {"ps", "grep"}) {
     if (isInPath(tool, path)) continue;
-    findings.add("missing-tool", place,
-                 std::string("'") + tool +
-                     "' is in no folder of the launcher's PATH, '" + path +
-                     "'; without it a stop takes its full 10 s or does not "
-                     "wait at all");
+    diagnostics.add("missing-tool", place,
+                    std::string("'") + tool +
+                        "' is in no folder of the launcher's PATH, '" + path +
+                        "'; without it a stop takes its full 10 s or does not "
+                        "wait at all");
   }
 }
 
 /// The C library starts the shell of popen() by clone3(), and takes another
 /// call only if the kernel does not know that one.
-void checkClone(Findings& findings) {
+void checkClone(Diagnostics& diagnostics) {
 #if defined(SYS_clone3)
   // Without arguments the call always fails.
   const auto result = ::syscall(SYS_clone3, nullptr, size_t{0});
   if (result >= 0 || errno == EINVAL || errno == ENOSYS) return;
-  findings.add("clone-refused", {1, 1},
-               std::string("the system call clone3 is refused here (") +
-                   std::strerror(errno) +
-                   "), so the launcher cannot run 'ps' and every stop lasts "
-                   "10 s; update the container engine or its seccomp profile");
+  diagnostics.add(
+      "clone-refused", {1, 1},
+      std::string("the system call clone3 is refused here (") +
+          std::strerror(errno) +
+          "), so the launcher cannot run 'ps' and every stop lasts "
+          "10 s; update the container engine or its seccomp profile");
 #endif
 }
 
@@ -294,19 +295,19 @@ std::string writableByOthers(const std::string& path) {
   return "";
 }
 
-void checkRights(const Document& document, const Reading& reading,
-                 Findings& findings) {
+void checkRights(const SourceText& document, const ParsedLaunchFile& parsed,
+                 Diagnostics& diagnostics) {
   if (::geteuid() != 0) return;
   const auto check = [&](const std::string& file, const Place& place) {
     const std::string writable = writableByOthers(file);
     if (writable.empty()) return;
-    findings.add("writable-by-others", place,
-                 "any user can change '" + writable +
-                     "', and so what the launcher runs as root");
+    diagnostics.add("writable-by-others", place,
+                    "any user can change '" + writable +
+                        "', and so what the launcher runs as root");
   };
   check(document.name(), {1, 1});
   std::set<std::string> seen;
-  for (const NodeReading& node : reading.nodes) {
+  for (const ParsedNode& node : parsed.nodes) {
     if (!seen.insert(node.executable).second) continue;
     check(node.executable, node.path.place);
   }
@@ -314,16 +315,16 @@ void checkRights(const Document& document, const Reading& reading,
 
 }  // namespace
 
-void checkHost(const Document& document, const Reading& reading,
-               Findings& findings) {
+void checkHost(const SourceText& document, const ParsedLaunchFile& parsed,
+               Diagnostics& diagnostics) {
   const char* const own_path = std::getenv("PATH");
   // What the C library takes for a missing PATH.
   const std::string path = pathFrom(
-      reading.environment, own_path == nullptr ? "/bin:/usr/bin" : own_path);
-  checkPrograms(reading, path, findings);
-  checkTools(reading, path, findings);
-  checkClone(findings);
-  checkRights(document, reading, findings);
+      parsed.environment, own_path == nullptr ? "/bin:/usr/bin" : own_path);
+  checkPrograms(parsed, path, diagnostics);
+  checkTools(parsed, path, diagnostics);
+  checkClone(diagnostics);
+  checkRights(document, parsed, diagnostics);
 }
 
 }  // namespace vorn::launch

@@ -13,67 +13,68 @@ constexpr uint32_t kLongestSleepMs = 4'294'967;  // its microseconds fit
 constexpr uint32_t kLongSleepMs = 10'000;
 constexpr uint32_t kShortSleepMs = 100;
 
-std::string named(const NodeReading& node) {
+std::string named(const ParsedNode& node) {
   return "node '" + node.name.value + "'";
 }
 
-void checkName(const NodeReading& node, Findings& findings) {
+void checkName(const ParsedNode& node, Diagnostics& diagnostics) {
   const std::string& name = node.name.value;
   if (name.size() > kLongestName) {
-    findings.add("name-too-long", node.name.place,
-                 "the name of this node has " + std::to_string(name.size()) +
-                     " bytes; with more than 127 it cannot be controlled");
+    diagnostics.add("name-too-long", node.name.place,
+                    "the name of this node has " + std::to_string(name.size()) +
+                        " bytes; with more than 127 it cannot be controlled");
   }
   if (name.rfind('-', 0) == 0) {
-    findings.add("name-like-option", node.name.place,
-                 "the name '" + name +
-                     "' starts with a dash; after 'vornctl stop' it is taken "
-                     "for an option");
+    diagnostics.add(
+        "name-like-option", node.name.place,
+        "the name '" + name +
+            "' starts with a dash; after 'vornctl stop' it is taken "
+            "for an option");
   }
   if (name.find('\0') != std::string::npos) {
-    findings.add("nul-in-name", node.name.place,
-                 named(node) +
-                     " has a NUL in its name and cannot be "
-                     "controlled");
+    diagnostics.add("nul-in-name", node.name.place,
+                    named(node) +
+                        " has a NUL in its name and cannot be "
+                        "controlled");
   }
 }
 
-void checkDuplicates(const Reading& reading, Findings& findings) {
+void checkDuplicates(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
   std::map<std::string, Place> first;
-  for (const NodeReading& node : reading.nodes) {
+  for (const ParsedNode& node : parsed.nodes) {
     const auto [before, is_new] =
         first.emplace(node.name.value, node.name.place);
     if (is_new) continue;
-    findings.add("duplicate-node", node.name.place,
-                 "a second " + named(node) +
-                     ": both run, but only the first can be controlled and "
-                     "required",
-                 {{before->second, "the first one is here"}});
+    diagnostics.add("duplicate-node", node.name.place,
+                    "a second " + named(node) +
+                        ": both run, but only the first can be controlled and "
+                        "required",
+                    {{before->second, "the first one is here"}});
   }
 }
 
-void checkSleep(const NodeReading& node, Findings& findings) {
+void checkSleep(const ParsedNode& node, Diagnostics& diagnostics) {
   const uint32_t sleep = node.sleepMs.value;
   const uint32_t effective = effectiveSleepMs(sleep);
   const std::string written = std::to_string(sleep) + " ms";
   if (sleep > kLongestSleepMs) {
-    findings.add("sleep-wraps", node.sleepMs.place,
-                 "a sleep of " + written + " wraps around and is " +
-                     std::to_string(effective) +
-                     " ms; 4294967 ms is the longest");
+    diagnostics.add("sleep-wraps", node.sleepMs.place,
+                    "a sleep of " + written + " wraps around and is " +
+                        std::to_string(effective) +
+                        " ms; 4294967 ms is the longest");
   }
   if (sleep > 0 && sleep < kShortSleepMs) {
-    findings.add("short-sleep", node.sleepMs.place,
-                 "the sleep of " + named(node) + " is " + written +
-                     "; for seconds, write " + std::to_string(sleep * 1000));
+    diagnostics.add("short-sleep", node.sleepMs.place,
+                    "the sleep of " + named(node) + " is " + written +
+                        "; for seconds, write " + std::to_string(sleep * 1000));
   }
   if (effective > kLongSleepMs) {
-    findings.add("long-sleep", node.sleepMs.place,
-                 "before each start of " + named(node) +
-                     " the launcher sleeps for " +
-                     std::to_string(effective / 1000) +
-                     " s: it starts nothing else, notices no exit and answers "
-                     "no command");
+    diagnostics.add(
+        "long-sleep", node.sleepMs.place,
+        "before each start of " + named(node) + " the launcher sleeps for " +
+            std::to_string(effective / 1000) +
+            " s: it starts nothing else, notices no exit and answers "
+            "no command");
   }
 }
 
@@ -119,99 +120,102 @@ std::string shellPartOf(const std::string& argument) {
   return is_glob ? argument.substr(glob, 1) : "";
 }
 
-void checkArgument(const NodeReading& node, const Text& argument,
-                   Findings& findings) {
+void checkArgument(const ParsedNode& node, const Text& argument,
+                   Diagnostics& diagnostics) {
   const std::string subject =
       "argument '" + argument.value + "' of " + named(node);
   const char first = argument.value.front();
   const char last = argument.value.back();
   if (first == '"' || first == '\'' || last == '"' || last == '\'') {
-    findings.add("quote-in-argv", argument.place,
-                 subject +
-                     " keeps its quotes; arguments are cut at every space, "
-                     "and nothing takes quotes away");
+    diagnostics.add("quote-in-argv", argument.place,
+                    subject +
+                        " keeps its quotes; arguments are cut at every space, "
+                        "and nothing takes quotes away");
   }
   if (const std::string part = shellPartOf(argument.value); !part.empty()) {
-    findings.add("shell-in-argv", argument.place,
-                 subject + " is handed over as it stands; no shell sees its '" +
-                     part + "'");
+    diagnostics.add("shell-in-argv", argument.place,
+                    subject +
+                        " is handed over as it stands; no shell sees its '" +
+                        part + "'");
   }
   if (argument.value.find_first_of("\t\n\r") != std::string::npos) {
-    findings.add("space-in-argument", argument.place,
-                 subject +
-                     " has a tab or new line in it; only spaces separate "
-                     "arguments");
+    diagnostics.add("space-in-argument", argument.place,
+                    subject +
+                        " has a tab or new line in it; only spaces separate "
+                        "arguments");
   }
 }
 
-void checkNul(const Text& text, const std::string& what, Findings& findings) {
+void checkNul(const Text& text, const std::string& what,
+              Diagnostics& diagnostics) {
   if (text.value.find('\0') == std::string::npos) return;
-  findings.add("nul-in-text", text.place, what + " ends at its first NUL");
+  diagnostics.add("nul-in-text", text.place, what + " ends at its first NUL");
 }
 
-void checkTexts(const NodeReading& node, Findings& findings) {
-  checkNul(node.path, "the path of " + named(node), findings);
+void checkTexts(const ParsedNode& node, Diagnostics& diagnostics) {
+  checkNul(node.path, "the path of " + named(node), diagnostics);
   for (const Text& argv : node.argvs) {
-    checkNul(argv, "the argv of " + named(node), findings);
+    checkNul(argv, "the argv of " + named(node), diagnostics);
   }
 }
 
-void checkPath(const Reading& reading, const NodeReading& node,
-               Findings& findings) {
+void checkPath(const ParsedLaunchFile& parsed, const ParsedNode& node,
+               Diagnostics& diagnostics) {
   if (!node.hasPath) return;
   const std::string subject =
       "path '" + node.path.value + "' of " + named(node);
   if (hasArgument(node.path.value)) {
-    findings.add("shell-in-path", node.path.place,
-                 subject + " has a blank in it; arguments go into 'argv'");
+    diagnostics.add("shell-in-path", node.path.place,
+                    subject + " has a blank in it; arguments go into 'argv'");
   }
   const bool is_home = node.path.value.rfind("~/", 0) == 0;
   if (is_home || hasShellVariable(node.path.value)) {
-    findings.add("shell-in-path", node.path.place,
-                 subject + " is used as written; no shell expands its '" +
-                     (is_home ? "~'" : "$'"));
+    diagnostics.add("shell-in-path", node.path.place,
+                    subject + " is used as written; no shell expands its '" +
+                        (is_home ? "~'" : "$'"));
     return;
   }
-  if (reading.hasBinPath()) return;
+  if (parsed.hasBinPath()) return;
   if (node.path.value.rfind('/', 0) == 0) return;
   // A better word for these is elsewhere.
   if (node.path.value.rfind("install:", 0) == 0) return;
-  findings.add("relative-path", node.path.place,
-               subject +
-                   " is relative to the launcher's working folder; set "
-                   "VORN_BIN_PATH in 'configure', or write it in full");
+  diagnostics.add("relative-path", node.path.place,
+                  subject +
+                      " is relative to the launcher's working folder; set "
+                      "VORN_BIN_PATH in 'configure', or write it in full");
 }
 
-void checkFlags(const NodeReading& node, Findings& findings) {
+void checkFlags(const ParsedNode& node, Diagnostics& diagnostics) {
   if (!node.disabled.value || node.autostart.value) return;
-  findings.add("disabled-autostart", node.autostart.place,
-               named(node) +
-                   " is disabled and not started automatically: once enabled, "
-                   "its first start is refused and only the second works",
-               {{node.disabled.place, "it is disabled here"}});
+  diagnostics.add(
+      "disabled-autostart", node.autostart.place,
+      named(node) +
+          " is disabled and not started automatically: once enabled, "
+          "its first start is refused and only the second works",
+      {{node.disabled.place, "it is disabled here"}});
 }
 
 }  // namespace
 
-void checkNodes(const Reading& reading, Findings& findings) {
-  checkDuplicates(reading, findings);
-  for (const NodeReading& node : reading.dropped) {
-    findings.add("node-dropped", node.name.place,
-                 isNodeKey(node.name.value)
-                     ? "'" + node.name.value +
-                           "' is read as the name of a node without 'path'; "
-                           "indent it below the name of its node"
-                     : named(node) + " has no 'path' and is left out");
+void checkNodes(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
+  checkDuplicates(parsed, diagnostics);
+  for (const ParsedNode& node : parsed.dropped) {
+    diagnostics.add("node-dropped", node.name.place,
+                    isNodeKey(node.name.value)
+                        ? "'" + node.name.value +
+                              "' is read as the name of a node without 'path'; "
+                              "indent it below the name of its node"
+                        : named(node) + " has no 'path' and is left out");
   }
-  for (const NodeReading& node : reading.nodes) {
-    checkName(node, findings);
-    checkPath(reading, node, findings);
+  for (const ParsedNode& node : parsed.nodes) {
+    checkName(node, diagnostics);
+    checkPath(parsed, node, diagnostics);
     for (const Text& argument : node.arguments) {
-      checkArgument(node, argument, findings);
+      checkArgument(node, argument, diagnostics);
     }
-    checkTexts(node, findings);
-    checkSleep(node, findings);
-    checkFlags(node, findings);
+    checkTexts(node, diagnostics);
+    checkSleep(node, diagnostics);
+    checkFlags(node, diagnostics);
   }
 }
 

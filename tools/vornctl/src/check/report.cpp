@@ -41,7 +41,7 @@ size_t characterBefore(std::string_view line, size_t position) {
   return position;
 }
 
-void printSource(Output& out, const Document& document, const Place& place) {
+void printSource(Output& out, const SourceText& document, const Place& place) {
   const std::string_view line = document.line(place.line);
   if (line.empty()) return;
   const auto column = static_cast<size_t>(place.column) - 1;
@@ -66,7 +66,7 @@ Json placeOf(const Place& place) {
 }
 
 /// The characters of UTF-8 in a column of bytes.
-int codePointColumn(const Document& document, const Place& place) {
+int codePointColumn(const SourceText& document, const Place& place) {
   const std::string_view line = document.line(place.line);
   int column = 1;
   for (int i = 0; i < place.column - 1; ++i) {
@@ -98,7 +98,7 @@ std::string uriOf(const std::string& path) {
   return uri;
 }
 
-Json sarifLocation(const Document& document, const Place& place) {
+Json sarifLocation(const SourceText& document, const Place& place) {
   Json physical = {{"artifactLocation", {{"uri", uriOf(document.name())}}}};
   if (place.line > 0) {
     physical["region"] = {{"startLine", place.line},
@@ -107,15 +107,15 @@ Json sarifLocation(const Document& document, const Place& place) {
   return {{"physicalLocation", physical}};
 }
 
-Json sarifResult(const Document& document, const Finding& finding) {
+Json sarifResult(const SourceText& document, const Diagnostic& diagnostic) {
   Json result = {
-      {"ruleId", finding.check->name},
-      {"level", wordFor(finding.check->severity)},
-      {"message", {{"text", finding.message}}},
-      {"locations", Json::array({sarifLocation(document, finding.place)})},
+      {"ruleId", diagnostic.check->name},
+      {"level", wordFor(diagnostic.check->severity)},
+      {"message", {{"text", diagnostic.message}}},
+      {"locations", Json::array({sarifLocation(document, diagnostic.place)})},
   };
   Json related = Json::array();
-  for (const Note& note : finding.notes) {
+  for (const Note& note : diagnostic.notes) {
     Json location = sarifLocation(document, note.place);
     location["message"] = {{"text", note.message}};
     related.push_back(std::move(location));
@@ -153,11 +153,11 @@ void printAsText(Output& out, const CheckedFile& file, bool has_source,
         << " " << terminalText(text) << "\n";
     if (has_source) printSource(out, file.document, place);
   };
-  for (const Finding& finding : file.findings.all()) {
-    const Severity severity = finding.check->severity;
-    print_line(finding.place, wordFor(severity), colourOf(severity),
-               finding.message + " [" + finding.check->name + ']');
-    for (const Note& note : finding.notes) {
+  for (const Diagnostic& diagnostic : file.diagnostics.all()) {
+    const Severity severity = diagnostic.check->severity;
+    print_line(diagnostic.place, wordFor(severity), colourOf(severity),
+               diagnostic.message + " [" + diagnostic.check->name + ']');
+    for (const Note& note : diagnostic.notes) {
       print_line(note.place, "note", Colour::FAINT, note.message);
     }
   }
@@ -166,23 +166,23 @@ void printAsText(Output& out, const CheckedFile& file, bool has_source,
 void printAsJson(Output& out, const std::vector<CheckedFile>& files) {
   Json list = Json::array();
   for (const CheckedFile& file : files) {
-    Json findings = Json::array();
-    for (const Finding& finding : file.findings.all()) {
-      Json each = placeOf(finding.place);
-      each["severity"] = wordFor(finding.check->severity);
-      each["name"] = finding.check->name;
-      each["message"] = finding.message;
+    Json diagnostics = Json::array();
+    for (const Diagnostic& diagnostic : file.diagnostics.all()) {
+      Json each = placeOf(diagnostic.place);
+      each["severity"] = wordFor(diagnostic.check->severity);
+      each["name"] = diagnostic.check->name;
+      each["message"] = diagnostic.message;
       each["notes"] = Json::array();
-      for (const Note& note : finding.notes) {
+      for (const Note& note : diagnostic.notes) {
         Json place = placeOf(note.place);
         place["message"] = note.message;
         each["notes"].push_back(std::move(place));
       }
-      findings.push_back(std::move(each));
+      diagnostics.push_back(std::move(each));
     }
     list.push_back({{"file", file.document.name()},
                     {"loads", file.isLoaded},
-                    {"findings", std::move(findings)}});
+                    {"findings", std::move(diagnostics)}});
   }
   out << jsonText({{"schema", kSchemaVersion}, {"files", std::move(list)}});
 }
@@ -190,8 +190,8 @@ void printAsJson(Output& out, const std::vector<CheckedFile>& files) {
 void printAsSarif(Output& out, const std::vector<CheckedFile>& files) {
   Json results = Json::array();
   for (const CheckedFile& file : files) {
-    for (const Finding& finding : file.findings.all()) {
-      results.push_back(sarifResult(file.document, finding));
+    for (const Diagnostic& diagnostic : file.diagnostics.all()) {
+      results.push_back(sarifResult(file.document, diagnostic));
     }
   }
   const Json driver = {{"name", "vornctl"},
@@ -207,8 +207,8 @@ void printAsSarif(Output& out, const std::vector<CheckedFile>& files) {
 
 void printAsGithub(Output& out, const std::vector<CheckedFile>& files) {
   for (const CheckedFile& file : files) {
-    for (const Finding& finding : file.findings.all()) {
-      const Severity severity = finding.check->severity;
+    for (const Diagnostic& diagnostic : file.diagnostics.all()) {
+      const Severity severity = diagnostic.check->severity;
       const auto message = [](const std::string& text) {
         return githubText(text, GithubPart::MESSAGE);
       };
@@ -219,10 +219,11 @@ void printAsGithub(Output& out, const std::vector<CheckedFile>& files) {
           << terminalText(severity == Severity::NOTE ? "notice"
                                                      : wordFor(severity))
           << " file=" << property(file.document.name())
-          << ",line=" << finding.place.line << ",col=" << finding.place.column
-          << ",title=" << property(finding.check->name)
-          << "::" << message(finding.message);
-      for (const Note& note : finding.notes) {
+          << ",line=" << diagnostic.place.line
+          << ",col=" << diagnostic.place.column
+          << ",title=" << property(diagnostic.check->name)
+          << "::" << message(diagnostic.message);
+      for (const Note& note : diagnostic.notes) {
         out << "%0Aline " << note.place.line << ": " << message(note.message);
       }
       out << "\n";

@@ -10,9 +10,9 @@ namespace vorn::launch {
 
 /// One file and what is wrong with it.
 struct CheckedFile {
-  Document document;
+  SourceText document;
   bool isLoaded = false;  // the launcher would read it to its end
-  Findings findings;
+  Diagnostics diagnostics;
 };
 
 /// A line a finding as compilers write it, "FILE:LINE:COLUMN: error: TEXT

@@ -13,64 +13,64 @@ namespace {
 constexpr std::chrono::seconds kLongStop{60};
 constexpr int64_t kManyStops = 20;
 
-using NodeIndex = std::unordered_map<std::string, const NodeReading*>;
+using NodeIndex = std::unordered_map<std::string, const ParsedNode*>;
 
-void checkName(const NodeReading& node, const Text& name,
-               const NodeIndex& index, const std::vector<std::string>& names,
-               Findings& findings) {
+void checkName(const ParsedNode& node, const Text& name, const NodeIndex& index,
+               const std::vector<std::string>& names,
+               Diagnostics& diagnostics) {
   const std::string requirer = "'" + node.name.value + "' requires ";
   if (name.value == node.name.value) {
-    findings.add("required-self", name.place,
-                 requirer + "itself, which is passed over");
+    diagnostics.add("required-self", name.place,
+                    requirer + "itself, which is passed over");
     return;
   }
   const auto other = index.find(name.value);
   if (other == index.end()) {
     // A search for each of very many names would take too long.
     std::string near;
-    if (!findings.isFull("required-unknown"))
+    if (!diagnostics.isFull("required-unknown"))
       near = nearestOf(names, name.value);
     if (near == node.name.value) near.clear();  // required-self would follow
-    findings.add("required-unknown", name.place,
-                 requirer + "'" + name.value +
-                     "', which is no node and passed over" +
-                     (near.empty() ? "" : "; did you mean '" + near + "'?"));
+    diagnostics.add("required-unknown", name.place,
+                    requirer + "'" + name.value +
+                        "', which is no node and passed over" +
+                        (near.empty() ? "" : "; did you mean '" + near + "'?"));
     return;
   }
   if (other->second->oneshot.value) {
-    findings.add("required-oneshot", name.place,
-                 requirer + "'" + name.value +
-                     "', a oneshot: if it runs when '" + node.name.value +
-                     "' stops, it is stopped and ends disabled",
-                 {{other->second->oneshot.place, "it is a oneshot here"}});
+    diagnostics.add("required-oneshot", name.place,
+                    requirer + "'" + name.value +
+                        "', a oneshot: if it runs when '" + node.name.value +
+                        "' stops, it is stopped and ends disabled",
+                    {{other->second->oneshot.place, "it is a oneshot here"}});
   }
 }
 
-void checkNames(const Reading& reading, Findings& findings) {
+void checkNames(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
   NodeIndex index;
   std::vector<std::string> names;
-  for (const NodeReading& node : reading.nodes) {
+  for (const ParsedNode& node : parsed.nodes) {
     index.emplace(node.name.value, &node);
     names.push_back(node.name.value);
   }
-  for (const NodeReading& node : reading.nodes) {
+  for (const ParsedNode& node : parsed.nodes) {
     std::unordered_map<std::string, Place> before;
     for (const Text& name : node.required) {
-      checkName(node, name, index, names, findings);
+      checkName(node, name, index, names, diagnostics);
       const auto [first, is_new] = before.emplace(name.value, name.place);
       if (is_new) continue;
-      findings.add("required-twice", name.place,
-                   "'" + node.name.value + "' requires '" + name.value +
-                       "' twice, which restarts it twice",
-                   {{first->second, "the first time is here"}});
+      diagnostics.add("required-twice", name.place,
+                      "'" + node.name.value + "' requires '" + name.value +
+                          "' twice, which restarts it twice",
+                      {{first->second, "the first time is here"}});
     }
   }
 }
 
-void checkCycles(const Reading& reading, const RequiredGraph& graph,
-                 Findings& findings) {
+void checkCycles(const ParsedLaunchFile& parsed, const RequiredGraph& graph,
+                 Diagnostics& diagnostics) {
   const auto name_of = [&](size_t node) {
-    return reading.nodes[node].name.value;
+    return parsed.nodes[node].name.value;
   };
   for (const auto& cycle : graph.cycles()) {
     std::string chain = name_of(cycle.front().from);
@@ -82,15 +82,15 @@ void checkCycles(const Reading& reading, const RequiredGraph& graph,
     }
     const Place place = notes.front().place;
     notes.erase(notes.begin());
-    findings.add("required-cycle", place,
-                 "cycle of 'required': " + chain +
-                     "; stopping any of them hangs the launcher for good",
-                 std::move(notes));
+    diagnostics.add("required-cycle", place,
+                    "cycle of 'required': " + chain +
+                        "; stopping any of them hangs the launcher for good",
+                    std::move(notes));
   }
 }
 
-void checkCascades(const Reading& reading, const RequiredGraph& graph,
-                   Findings& findings) {
+void checkCascades(const ParsedLaunchFile& parsed, const RequiredGraph& graph,
+                   Diagnostics& diagnostics) {
   const auto cascades = graph.cascades();
   const auto is_long = [&](size_t node) {
     return cascades[node] && (cascades[node]->duration > kLongStop ||
@@ -106,22 +106,22 @@ void checkCascades(const Reading& reading, const RequiredGraph& graph,
     if (!is_long(i) || covered.count(i) > 0) continue;
     const auto seconds =
         std::chrono::duration_cast<std::chrono::seconds>(cascades[i]->duration);
-    findings.add("long-stop", reading.nodes[i].required.front().place,
-                 "to stop '" + reading.nodes[i].name.value + "' may take " +
-                     std::to_string(cascades[i]->stops) + " stops and " +
-                     std::to_string(seconds.count()) +
-                     " s, by the nodes it requires and those that they "
-                     "require; meanwhile the launcher does nothing else");
+    diagnostics.add("long-stop", parsed.nodes[i].required.front().place,
+                    "to stop '" + parsed.nodes[i].name.value + "' may take " +
+                        std::to_string(cascades[i]->stops) + " stops and " +
+                        std::to_string(seconds.count()) +
+                        " s, by the nodes it requires and those that they "
+                        "require; meanwhile the launcher does nothing else");
   }
 }
 
 }  // namespace
 
-void checkRequired(const Reading& reading, Findings& findings) {
-  checkNames(reading, findings);
-  const RequiredGraph graph(reading);
-  checkCycles(reading, graph, findings);
-  checkCascades(reading, graph, findings);
+void checkRequired(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
+  checkNames(parsed, diagnostics);
+  const RequiredGraph graph(parsed);
+  checkCycles(parsed, graph, diagnostics);
+  checkCascades(parsed, graph, diagnostics);
 }
 
 }  // namespace vorn::launch

@@ -29,10 +29,10 @@ struct Given {
 };
 
 /// What a node's environment is given on top of the launcher's, in order.
-std::vector<Given> environmentOf(const Reading& reading,
-                                 const NodeReading& node) {
+std::vector<Given> environmentOf(const ParsedLaunchFile& parsed,
+                                 const ParsedNode& node) {
   std::vector<Given> given;
-  for (const Variable& variable : reading.environment) {
+  for (const Variable& variable : parsed.environment) {
     given.push_back({variable.name.value, variable.value.value, "configure",
                      variable.name.place});
   }
@@ -53,13 +53,14 @@ OutputText lineOf(const Place& place) {
 }
 
 /// Where argv[0] comes from.
-OutputText sourceOfPath(const Reading& reading, const NodeReading& node) {
+OutputText sourceOfPath(const ParsedLaunchFile& parsed,
+                        const ParsedNode& node) {
   const bool is_joined = node.executable != node.path.value;
   OutputText source = "path, " + lineOf(node.path.place);
   if (!is_joined) return source;
   source += ", below VORN_BIN_PATH";
-  for (auto variable = reading.environment.rbegin();
-       variable != reading.environment.rend(); ++variable) {
+  for (auto variable = parsed.environment.rbegin();
+       variable != parsed.environment.rend(); ++variable) {
     if (exportedName(variable->name.value) == "VORN_BIN_PATH") {
       return source + ", " + lineOf(variable->name.place);
     }
@@ -67,7 +68,7 @@ OutputText sourceOfPath(const Reading& reading, const NodeReading& node) {
   return source + " of the environment";
 }
 
-OutputText flagsOf(const NodeReading& node) {
+OutputText flagsOf(const ParsedNode& node) {
   OutputText flags;
   const auto add = [&](const OutputText& text, const Place& place) {
     if (place.line == 0) return;
@@ -97,14 +98,14 @@ Json jsonOf(const Setting<T>& setting) {
   return json;
 }
 
-Json jsonOf(const Reading& reading, const NodeReading& node) {
+Json jsonOf(const ParsedLaunchFile& parsed, const ParsedNode& node) {
   Json json = {{"name", node.name.value}, {"line", node.name.place.line}};
   json["argv"] = Json::array({{{"value", node.executable},
                                {"line", node.path.place.line},
                                {"column", node.path.place.column}}});
   for (const Text& text : node.arguments) json["argv"].push_back(jsonOf(text));
   json["environment"] = Json::array();
-  for (const Given& each : environmentOf(reading, node)) {
+  for (const Given& each : environmentOf(parsed, node)) {
     json["environment"].push_back(
         {{"name", each.name},
          {"value", each.value},
@@ -135,21 +136,21 @@ OutputText secondsOf(uint64_t milliseconds) {
 }  // namespace
 
 void printResolved(Output& out, const ResolvedFile& file) {
-  const Reading& reading = file.reading;
-  for (const NodeReading& node : reading.nodes) {
+  const ParsedLaunchFile& parsed = file.parsed;
+  for (const ParsedNode& node : parsed.nodes) {
     out << terminalText(node.name.value) << "  # " << lineOf(node.name.place)
         << "\n";
     Table table;
     table.rows.push_back({{"  argv"},
                           {terminalText(node.executable)},
-                          {sourceOfPath(reading, node), Colour::FAINT}});
+                          {sourceOfPath(parsed, node), Colour::FAINT}});
     for (const Text& argument : node.arguments) {
       table.rows.push_back({{""},
                             {terminalText(argument.value)},
                             {"argv, " + lineOf(argument.place)}});
     }
     OutputText title = "  environment";
-    for (const Given& each : environmentOf(reading, node)) {
+    for (const Given& each : environmentOf(parsed, node)) {
       OutputText source = terminalText(each.from);
       if (each.place.line != 0) source += ", " + lineOf(each.place);
       if (each.isOverwritten) source += ", overwritten below";
@@ -174,22 +175,22 @@ void printResolved(Output& out, const ResolvedFile& file) {
 void printResolvedAsJson(Output& out, const std::vector<ResolvedFile>& files) {
   Json list = Json::array();
   for (const ResolvedFile& file : files) {
-    const Reading& reading = file.reading;
-    const bool loads = reading.faults.empty();
+    const ParsedLaunchFile& parsed = file.parsed;
+    const bool loads = parsed.loadErrors.empty();
     Json json = {{"file", file.name}, {"loads", loads}};
-    json["exception"] = loads ? Json() : Json(reading.faults[0].exception);
+    json["exception"] = loads ? Json() : Json(parsed.loadErrors[0].exception);
     json["configure"] = Json::array();
-    for (const Variable& variable : reading.environment) {
+    for (const Variable& variable : parsed.environment) {
       json["configure"].push_back({{"name", variable.name.value},
                                    {"value", variable.value.value},
                                    {"line", variable.name.place.line}});
     }
     json["nodes"] = Json::array();
-    for (const NodeReading& node : reading.nodes) {
-      json["nodes"].push_back(jsonOf(reading, node));
+    for (const ParsedNode& node : parsed.nodes) {
+      json["nodes"].push_back(jsonOf(parsed, node));
     }
     json["dropped"] = Json::array();
-    for (const NodeReading& node : reading.dropped) {
+    for (const ParsedNode& node : parsed.dropped) {
       json["dropped"].push_back(
           {{"name", node.name.value}, {"line", node.name.place.line}});
     }
@@ -204,7 +205,7 @@ void printTimeline(Output& out, const ResolvedFile& file) {
   Table table;
   table.header = {"START", "NODE", "SLEEP", ""};
   uint64_t now = 0;
-  for (const NodeReading& node : file.reading.nodes) {
+  for (const ParsedNode& node : file.parsed.nodes) {
     const uint32_t sleep = effectiveSleepMs(node.sleepMs.value);
     const bool is_left_alone = node.disabled.value || !node.autostart.value;
     if (!is_left_alone) now += sleep;
@@ -220,7 +221,7 @@ void printTimeline(Output& out, const ResolvedFile& file) {
 }
 
 void printStopTimeout(Output& out, const ResolvedFile& file) {
-  const RequiredGraph graph(file.reading);
+  const RequiredGraph graph(file.parsed);
   const auto duration = graph.stopOfAll(kLongestStop);
   if (!duration) {
     out << "never\n";

@@ -11,7 +11,7 @@ namespace vorn::launch {
 /// A file and how the launcher reads it.
 struct ResolvedFile {
   std::string name;
-  Reading reading;
+  ParsedLaunchFile parsed;
 };
 
 /// What each node is started with, and where every part of it comes from.

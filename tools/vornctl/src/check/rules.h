@@ -10,22 +10,22 @@
 namespace vorn::launch {
 
 /// What ends the launcher, and what of the file it does not read.
-void checkDocument(const Reading& reading, Findings& findings);
+void checkDocument(const ParsedLaunchFile& parsed, Diagnostics& diagnostics);
 
 /// Names, paths, arguments and flags of the nodes.
-void checkNodes(const Reading& reading, Findings& findings);
+void checkNodes(const ParsedLaunchFile& parsed, Diagnostics& diagnostics);
 
 /// Programs that do not stay in the foreground.
-void checkDaemons(const Reading& reading, Findings& findings);
+void checkDaemons(const ParsedLaunchFile& parsed, Diagnostics& diagnostics);
 
 /// Variables, and install:// in all texts.
-void checkEnvironment(const Reading& reading, Findings& findings);
+void checkEnvironment(const ParsedLaunchFile& parsed, Diagnostics& diagnostics);
 
 /// The nodes that are named in `required`.
-void checkRequired(const Reading& reading, Findings& findings);
+void checkRequired(const ParsedLaunchFile& parsed, Diagnostics& diagnostics);
 
 /// The programs on this machine, as a launcher that is started here finds them.
-void checkHost(const Document& document, const Reading& reading,
-               Findings& findings);
+void checkHost(const SourceText& document, const ParsedLaunchFile& parsed,
+               Diagnostics& diagnostics);
 
 }  // namespace vorn::launch

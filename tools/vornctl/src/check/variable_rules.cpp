@@ -44,35 +44,36 @@ std::string shellPartOf(const std::string& value) {
   return "";
 }
 
-void checkVariable(const Variable& variable, Findings& findings) {
+void checkVariable(const Variable& variable, Diagnostics& diagnostics) {
   const std::string& name = variable.name.value;
   if (exportedName(name).empty()) {
-    findings.add("refused-variable", variable.name.place,
-                 "variable " + quoted(name) +
-                     " is not set: its name is empty or has a '='");
+    diagnostics.add("refused-variable", variable.name.place,
+                    "variable " + quoted(name) +
+                        " is not set: its name is empty or has a '='");
   }
   if (name.find('\0') != std::string::npos ||
       variable.written.find('\0') != std::string::npos) {
-    findings.add("nul-in-text", variable.value.place,
-                 "variable " + quoted(name) + " ends at its first NUL");
+    diagnostics.add("nul-in-text", variable.value.place,
+                    "variable " + quoted(name) + " ends at its first NUL");
   }
   if (const std::string part = shellPartOf(variable.written); !part.empty()) {
-    findings.add("variable-not-expanded", variable.value.place,
-                 "variable " + quoted(name) + " keeps its " + quoted(part) +
-                     " as written; no shell expands it");
+    diagnostics.add("variable-not-expanded", variable.value.place,
+                    "variable " + quoted(name) + " keeps its " + quoted(part) +
+                        " as written; no shell expands it");
   }
 }
 
-void checkRepeated(const std::vector<Variable>& variables, Findings& findings) {
+void checkRepeated(const std::vector<Variable>& variables,
+                   Diagnostics& diagnostics) {
   std::map<std::string, Place> before;
   for (const Variable& variable : variables) {
     const std::string& name = variable.name.value;
     const Place place = variable.name.place;
     const auto [first, is_new] = before.emplace(name, place);
     if (is_new) continue;
-    findings.add("repeated-key", place,
-                 "variable " + quoted(name) + " again: this value wins",
-                 {{first->second, "the value here is overwritten"}});
+    diagnostics.add("repeated-key", place,
+                    "variable " + quoted(name) + " again: this value wins",
+                    {{first->second, "the value here is overwritten"}});
     first->second = place;
   }
 }
@@ -100,48 +101,49 @@ std::string misspeltInstall(const std::string& value) {
   return "";
 }
 
-void checkInstall(const Variable& variable, Findings& findings) {
+void checkInstall(const Variable& variable, Diagnostics& diagnostics) {
   const std::string part = misspeltInstall(variable.written);
   if (part.empty()) return;
-  findings.add("install-misspelt", variable.value.place,
-               quoted(part) + " in variable " + quoted(variable.name.value) +
-                   " is not expanded; write 'install://'");
+  diagnostics.add("install-misspelt", variable.value.place,
+                  quoted(part) + " in variable " + quoted(variable.name.value) +
+                      " is not expanded; write 'install://'");
 }
 
 void checkNotExpanded(const Text& text, const std::string& what,
-                      Findings& findings) {
+                      Diagnostics& diagnostics) {
   if (text.value.find(kInstallPrefix) == std::string::npos &&
       misspeltInstall(text.value).empty()) {
     return;
   }
-  findings.add("install-not-expanded", text.place,
-               "'install://' means nothing in " + what +
-                   ", only in the value of a variable");
+  diagnostics.add("install-not-expanded", text.place,
+                  "'install://' means nothing in " + what +
+                      ", only in the value of a variable");
 }
 
-void checkNode(const NodeReading& node, Findings& findings) {
+void checkNode(const ParsedNode& node, Diagnostics& diagnostics) {
   const std::string of_node = " of node " + quoted(node.name.value);
-  checkRepeated(node.environment, findings);
+  checkRepeated(node.environment, diagnostics);
   for (const Variable& variable : node.environment) {
-    checkVariable(variable, findings);
-    checkInstall(variable, findings);
-    checkNotExpanded(variable.name, "the name of a variable", findings);
+    checkVariable(variable, diagnostics);
+    checkInstall(variable, diagnostics);
+    checkNotExpanded(variable.name, "the name of a variable", diagnostics);
     if (variable.name.value == kNodeName) {
-      findings.add("node-name-replaced", variable.name.place,
-                   std::string("'") + kNodeName + "'" + of_node +
-                       " replaces the name by which its process is known");
+      diagnostics.add("node-name-replaced", variable.name.place,
+                      std::string("'") + kNodeName + "'" + of_node +
+                          " replaces the name by which its process is known");
     }
   }
   if (node.path.value.rfind('/', 0) == 0) {
-    checkNotExpanded(node.path, "the path" + of_node, findings);
+    checkNotExpanded(node.path, "the path" + of_node, diagnostics);
   } else if (node.path.value.find("install:") != std::string::npos) {
-    findings.add("install-not-expanded", node.path.place,
-                 "'install://' means nothing in the path" + of_node +
-                     "; set VORN_BIN_PATH to 'install://bin', say, and write "
-                     "what follows it here");
+    diagnostics.add(
+        "install-not-expanded", node.path.place,
+        "'install://' means nothing in the path" + of_node +
+            "; set VORN_BIN_PATH to 'install://bin', say, and write "
+            "what follows it here");
   }
   for (const Text& argv : node.argvs) {
-    checkNotExpanded(argv, "the arguments" + of_node, findings);
+    checkNotExpanded(argv, "the arguments" + of_node, diagnostics);
   }
 }
 
@@ -158,37 +160,39 @@ bool hasTools(const std::string& path) {
   return false;
 }
 
-void checkLaunchersOwn(const Variable& variable, Findings& findings) {
+void checkLaunchersOwn(const Variable& variable, Diagnostics& diagnostics) {
   const std::string& name = variable.name.value;
   if (name == kNodeName) {
-    findings.add("node-name-replaced", variable.name.place,
-                 std::string("a global '") + kNodeName +
-                     "' is replaced in every node by the launcher's own");
+    diagnostics.add("node-name-replaced", variable.name.place,
+                    std::string("a global '") + kNodeName +
+                        "' is replaced in every node by the launcher's own");
   }
   if (name == "PATH" && !hasTools(variable.value.value)) {
-    findings.add("launcher-path", variable.value.place,
-                 "this PATH is the launcher's too, which looks for 'ps' and "
-                 "'grep' in it; add /usr/bin, or set it in the nodes");
+    diagnostics.add("launcher-path", variable.value.place,
+                    "this PATH is the launcher's too, which looks for 'ps' and "
+                    "'grep' in it; add /usr/bin, or set it in the nodes");
   }
   if (name == "LD_PRELOAD" || name == "LD_LIBRARY_PATH") {
-    findings.add("launcher-library", variable.name.place,
-                 "a global " + name +
-                     " acts on the 'ps' and 'grep' that the launcher runs for "
-                     "each stop, too; set it in the nodes that need it");
+    diagnostics.add(
+        "launcher-library", variable.name.place,
+        "a global " + name +
+            " acts on the 'ps' and 'grep' that the launcher runs for "
+            "each stop, too; set it in the nodes that need it");
   }
 }
 
 }  // namespace
 
-void checkEnvironment(const Reading& reading, Findings& findings) {
-  checkRepeated(reading.environment, findings);
-  for (const Variable& variable : reading.environment) {
-    checkVariable(variable, findings);
-    checkInstall(variable, findings);
-    checkNotExpanded(variable.name, "the name of a variable", findings);
-    checkLaunchersOwn(variable, findings);
+void checkEnvironment(const ParsedLaunchFile& parsed,
+                      Diagnostics& diagnostics) {
+  checkRepeated(parsed.environment, diagnostics);
+  for (const Variable& variable : parsed.environment) {
+    checkVariable(variable, diagnostics);
+    checkInstall(variable, diagnostics);
+    checkNotExpanded(variable.name, "the name of a variable", diagnostics);
+    checkLaunchersOwn(variable, diagnostics);
   }
-  for (const NodeReading& node : reading.nodes) checkNode(node, findings);
+  for (const ParsedNode& node : parsed.nodes) checkNode(node, diagnostics);
 }
 
 }  // namespace vorn::launch

@@ -236,13 +236,13 @@ class CommandLine {
   }
 
   CLI::App* addCommand(const std::string& name, const std::string& what,
-                       std::function<ExitStatus(Session&)> command) {
+                       std::function<ExitStatus(Context&)> command) {
     CLI::App* const app = app_.add_subcommand(name, what);
     app->footer(helpFooter(name));
     app->callback([this, command = std::move(command)] {
       command_ = [this, command] {
-        Session session(arguments_.settings);
-        return command(session);
+        Context context(arguments_.settings);
+        return command(context);
       };
     });
     return app;
@@ -255,10 +255,10 @@ class CommandLine {
 
   void addStatus() {
     CLI::App* const app =
-        addCommand("status", "Show node status", [this](Session& session) {
+        addCommand("status", "Show node status", [this](Context& context) {
           arguments_.status.nodes = arguments_.nodes;
           arguments_.status.isJson = arguments_.isJson;
-          return showStatus(session, arguments_.status);
+          return showStatus(context, arguments_.status);
         });
     StatusOptions& options = arguments_.status;
     addNodes(app, "Names or quoted patterns; all nodes if none are given");
@@ -281,15 +281,15 @@ class CommandLine {
   void addAction(ControlRequest::Cmd cmd, const std::string& name,
                  const std::string& what) {
     ActOptions& options = arguments_.act;
-    CLI::App* const app = addCommand(name, what, [this, cmd](Session& session) {
+    CLI::App* const app = addCommand(name, what, [this, cmd](Context& context) {
       arguments_.act.cmd = cmd;
       arguments_.act.nodes = arguments_.nodes;
       if (arguments_.nodes.empty() != arguments_.act.isAll) {
-        session.complain(arguments_.act.isAll ? "--all leaves no nodes to name"
+        context.complain(arguments_.act.isAll ? "--all leaves no nodes to name"
                                               : "name a node, or say --all");
         return kUsage;
       }
-      return act(session, arguments_.act);
+      return act(context, arguments_.act);
     });
     addNodes(app, "Names or quoted patterns");
     app->add_flag("--all", options.isAll, "Every node of the launch file");
@@ -306,10 +306,10 @@ class CommandLine {
   void addWait() {
     WaitOptions& options = arguments_.wait;
     CLI::App* const app = addCommand(
-        "wait", "Wait for nodes to reach a state", [this](Session& session) {
+        "wait", "Wait for nodes to reach a state", [this](Context& context) {
           arguments_.wait.nodes = arguments_.nodes;
           arguments_.wait.limit = arguments_.settings.replyLimit;
-          return waitForNodes(session, arguments_.wait);
+          return waitForNodes(context, arguments_.wait);
         });
     addNodes(app, "Names or quoted patterns")->required();
     addChoice<WaitOptions::Goal>(
@@ -328,15 +328,15 @@ class CommandLine {
   void addWatching() {
     CLI::App* const watch = addCommand(
         "monitor", "Print a line for each change of a node",
-        [this](Session& session) {
-          return monitor(session, arguments_.nodes, arguments_.isJson);
+        [this](Context& context) {
+          return monitor(context, arguments_.nodes, arguments_.isJson);
         });
     addNodes(watch, "Names or quoted patterns; all nodes if none are given");
     watch->add_flag("--json", arguments_.isJson, "A JSON document a line");
     CLI::App* const screen =
         addCommand("top", "Show all nodes on the whole screen, and act on them",
-                   [this](Session& session) {
-                     return showTop(session, arguments_.nodes);
+                   [this](Context& context) {
+                     return showTop(context, arguments_.nodes);
                    });
     addNodes(screen, "Names or quoted patterns; all nodes if none are given");
   }
@@ -346,13 +346,13 @@ class CommandLine {
     Options& options = arguments_.check;
     CLI::App* const app = addCommand(
         "check", "Say what is wrong with launch files; needs no launcher",
-        [this](Session& session) {
+        [this](Context& context) {
           for (std::string& file : arguments_.check.files) unprotect(file);
           if (arguments_.isCheckList) return listChecks();
           if (!arguments_.check.files.empty()) {
-            return check(session, arguments_.check);
+            return check(context, arguments_.check);
           }
-          session.complain("name a launch file, or - for standard input");
+          context.complain("name a launch file, or - for standard input");
           return kUsage;
         });
     app->add_option("FILE", options.files, "Launch files; - is standard input")
@@ -393,9 +393,9 @@ class CommandLine {
     GraphOptions& options = arguments_.graph;
     CLI::App* const app = addCommand(
         "graph", "Draw the nodes of a launch file; needs no launcher",
-        [this](Session& session) {
+        [this](Context& context) {
           unprotect(arguments_.graph.file);
-          return printGraph(session, arguments_.graph);
+          return printGraph(context, arguments_.graph);
         });
     app->add_option("FILE", options.file, "A launch file; - is standard input")
         ->required()
@@ -409,16 +409,16 @@ class CommandLine {
 
   void addHelpers() {
     addCommand("ping", "Tell whether a launcher answers",
-               [](Session& session) { return ping(session); });
+               [](Context& context) { return ping(context); });
     CLI::App* const names = addCommand(
         "names", "Print the names of the nodes in the launch file",
-        [this](Session& session) {
-          return showNames(session, arguments_.isNulSeparated ? '\0' : '\n');
+        [this](Context& context) {
+          return showNames(context, arguments_.isNulSeparated ? '\0' : '\n');
         });
     names->add_flag("-0,--null", arguments_.isNulSeparated,
                     "A NUL after each name, not a new line");
     CLI::App* const completion = addCommand(
-        "completion", "Print a script for tab completion", [this](Session&) {
+        "completion", "Print a script for tab completion", [this](Context&) {
           standardOutput() << completionScript(arguments_.shell);
           return kDone;
         });
@@ -428,7 +428,7 @@ class CommandLine {
         ->type_name("bash|zsh|fish");
     CLI::App* const help =
         addCommand("help", "Show this text, or that of a command",
-                   [this](Session&) { return showHelp(); });
+                   [this](Context&) { return showHelp(); });
     help->add_option("COMMAND", arguments_.topic, "A command")
         ->type_name("COMMAND");
   }

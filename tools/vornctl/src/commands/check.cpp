@@ -24,20 +24,21 @@ struct Results {
   bool isUnreadable = false;  // one of the files
 };
 
-Findings findingsIn(const Document& document, const Reading& reading,
-                    const CheckOptions& options) {
-  Findings findings(document, options.ignored);
-  checkDocument(reading, findings);
-  checkNodes(reading, findings);
-  checkDaemons(reading, findings);
-  checkEnvironment(reading, findings);
-  checkRequired(reading, findings);
+Diagnostics findingsIn(const SourceText& document,
+                       const ParsedLaunchFile& parsed,
+                       const CheckOptions& options) {
+  Diagnostics diagnostics(document, options.ignored);
+  checkDocument(parsed, diagnostics);
+  checkNodes(parsed, diagnostics);
+  checkDaemons(parsed, diagnostics);
+  checkEnvironment(parsed, diagnostics);
+  checkRequired(parsed, diagnostics);
   const bool is_file = !document.isStandardInput();
   if (options.host == Host::YES || (options.host == Host::AUTO && is_file)) {
-    checkHost(document, reading, findings);
+    checkHost(document, parsed, diagnostics);
   }
-  findings.settle();
-  return findings;
+  diagnostics.settle();
+  return diagnostics;
 }
 
 /// Adds the results for one file. False with a sentence in `error` if the file
@@ -46,18 +47,18 @@ bool checkFile(const std::string& path,
                const LauncherSurroundings& surroundings,
                const CheckOptions& options, Results& results,
                std::string& error) {
-  auto document = readDocument(path, error);
+  auto document = readSourceText(path, error);
   if (!document) return false;
-  Reading reading = readAsLauncher(*document, surroundings);
-  Findings findings = findingsIn(*document, reading, options);
-  results.checked.push_back(
-      {std::move(*document), reading.faults.empty(), std::move(findings)});
+  ParsedLaunchFile parsed = readAsLauncher(*document, surroundings);
+  Diagnostics diagnostics = findingsIn(*document, parsed, options);
+  results.checked.push_back({std::move(*document), parsed.loadErrors.empty(),
+                             std::move(diagnostics)});
   results.resolved.push_back(
-      {results.checked.back().document.name(), std::move(reading)});
+      {results.checked.back().document.name(), std::move(parsed)});
   return true;
 }
 
-Results checkFiles(const Session& session, const CheckOptions& options) {
+Results checkFiles(const Context& context, const CheckOptions& options) {
   Results results;
   const LauncherSurroundings surroundings = ownSurroundings();
   for (const std::string& path : options.files) {
@@ -69,14 +70,14 @@ Results checkFiles(const Session& session, const CheckOptions& options) {
     } catch (const std::bad_alloc&) {
       error = "not enough memory to check " + path;
     }
-    session.complain(error);
+    context.complain(error);
     results.isUnreadable = true;
   }
   return results;
 }
 
-void printFindings(Output& out, const Settings& settings, Format format,
-                   const std::vector<CheckedFile>& files) {
+void printDiagnostics(Output& out, const Settings& settings, Format format,
+                      const std::vector<CheckedFile>& files) {
   switch (format) {
     case Format::JSON:
       printAsJson(out, files);
@@ -103,8 +104,8 @@ void checkEnvironments(const std::vector<ResolvedFile>& files) {
   size_t values = 0;
   size_t bytes = 0;
   for (const ResolvedFile& file : files) {
-    const size_t nodes = file.reading.nodes.size();
-    for (const Variable& variable : file.reading.environment) {
+    const size_t nodes = file.parsed.nodes.size();
+    for (const Variable& variable : file.parsed.environment) {
       values += nodes;
       bytes += nodes * variable.value.value.size();
     }
@@ -126,7 +127,7 @@ void printWish(const CheckOptions& options,
   for (const ResolvedFile& file : files) {
     if (files.size() > 1) out << "# " << terminalText(file.name) << "\n";
     // What the launcher does not load it does not start.
-    if (!file.reading.faults.empty()) continue;
+    if (!file.parsed.loadErrors.empty()) continue;
     if (options.print == Print::RESOLVED) printResolved(out, file);
     if (options.print == Print::TIMELINE) printTimeline(out, file);
     if (options.print == Print::STOP_TIMEOUT) {
@@ -137,10 +138,10 @@ void printWish(const CheckOptions& options,
 
 bool hasFailed(const std::vector<CheckedFile>& files, Severity fail_on) {
   return std::any_of(files.begin(), files.end(), [&](const CheckedFile& file) {
-    const auto& findings = file.findings.all();
-    return std::any_of(findings.begin(), findings.end(),
-                       [&](const Finding& finding) {
-                         return finding.check->severity >= fail_on;
+    const auto& diagnostics = file.diagnostics.all();
+    return std::any_of(diagnostics.begin(), diagnostics.end(),
+                       [&](const Diagnostic& diagnostic) {
+                         return diagnostic.check->severity >= fail_on;
                        });
   });
 }
@@ -150,7 +151,7 @@ void print(const Settings& settings, const CheckOptions& options,
   if (options.print == Print::FINDINGS) {
     Output out = standardOutput();
     if (!settings.isQuiet) {
-      printFindings(out, settings, options.format, results.checked);
+      printDiagnostics(out, settings, options.format, results.checked);
     }
   } else {
     Output errors = standardError();
@@ -163,23 +164,23 @@ void print(const Settings& settings, const CheckOptions& options,
 
 }  // namespace
 
-ExitStatus check(const Session& session, const CheckOptions& options) {
+ExitStatus check(const Context& context, const CheckOptions& options) {
   for (const std::string& name : options.ignored) {
     if (findCheck(name) != nullptr) continue;
-    session.complain("there is no finding '" + name +
+    context.complain("there is no finding '" + name +
                      "' to ignore; see 'vornctl check --list'");
     return kUsage;
   }
-  dieByStopSignals(session.settings().cancelFd);
-  const Results results = checkFiles(session, options);
+  dieByStopSignals(context.settings().cancelFd);
+  const Results results = checkFiles(context, options);
   try {
-    print(session.settings(), options, results);
+    print(context.settings(), options, results);
   } catch (const TooLarge& failure) {
-    session.complain(std::string("cannot print the results: ") +
+    context.complain(std::string("cannot print the results: ") +
                      failure.what());
     return kUsage;
   } catch (const std::bad_alloc&) {
-    session.complain("not enough memory to print the results");
+    context.complain("not enough memory to print the results");
     return kUsage;
   }
   if (results.isUnreadable) return kUsage;

@@ -25,7 +25,7 @@ struct CheckOptions {
 /// Says what is wrong with launch files, on standard output; beside something
 /// else that is printed, on standard error. kDone: nothing of the severity
 /// `failOn` or above; kFailed: something; kUsage: a file cannot be read.
-ExitStatus check(const Session& session, const CheckOptions& options);
+ExitStatus check(const Context& context, const CheckOptions& options);
 
 /// Prints every kind of finding: name, severity and summary, with tabs.
 ExitStatus listChecks();

@@ -21,7 +21,7 @@ constexpr char kNoDot[] =
     "--format mermaid or dot";
 
 /// The policies of a node in a few words, a line each.
-std::vector<OutputText> policiesOf(const NodeReading& node) {
+std::vector<OutputText> policiesOf(const ParsedNode& node) {
   std::vector<OutputText> policies;
   if (node.disabled.value) policies.emplace_back("disabled");
   if (!node.autostart.value) policies.emplace_back("not started automatically");
@@ -42,18 +42,19 @@ std::set<std::pair<size_t, size_t>> arrowsInCycles(const RequiredGraph& graph) {
   return arrows;
 }
 
-void printDot(Output& out, const Reading& reading, const RequiredGraph& graph) {
+void printDot(Output& out, const ParsedLaunchFile& parsed,
+              const RequiredGraph& graph) {
   const auto red = arrowsInCycles(graph);
   out << "digraph launch {\n  rankdir=LR;\n  node [shape=box];\n";
-  for (size_t i = 0; i < reading.nodes.size(); ++i) {
-    const NodeReading& node = reading.nodes[i];
+  for (size_t i = 0; i < parsed.nodes.size(); ++i) {
+    const ParsedNode& node = parsed.nodes[i];
     out << "  n" << i << " [label=\"" << dotText(node.name.value);
     for (const OutputText& policy : policiesOf(node)) out << "\\n" << policy;
     out << "\"";
     if (node.disabled.value || !node.autostart.value) out << ", style=dashed";
     out << "];\n";
   }
-  for (size_t i = 0; i < reading.nodes.size(); ++i) {
+  for (size_t i = 0; i < parsed.nodes.size(); ++i) {
     for (const auto& edge : graph.edgesFrom(i)) {
       out << "  n" << i << " -> n" << edge.to;
       if (red.count({i, edge.to}) > 0) out << " [color=red]";
@@ -63,13 +64,13 @@ void printDot(Output& out, const Reading& reading, const RequiredGraph& graph) {
   out << "}\n";
 }
 
-void printMermaid(Output& out, const Reading& reading,
+void printMermaid(Output& out, const ParsedLaunchFile& parsed,
                   const RequiredGraph& graph) {
   const auto red = arrowsInCycles(graph);
   std::vector<size_t> red_links;
   out << "flowchart LR\n";
-  for (size_t i = 0; i < reading.nodes.size(); ++i) {
-    const NodeReading& node = reading.nodes[i];
+  for (size_t i = 0; i < parsed.nodes.size(); ++i) {
+    const ParsedNode& node = parsed.nodes[i];
     out << "  n" << i << "[\"" << mermaidText(node.name.value);
     for (const OutputText& policy : policiesOf(node)) {
       out << "<br>" << policy;
@@ -77,7 +78,7 @@ void printMermaid(Output& out, const Reading& reading,
     out << "\"]\n";
   }
   size_t link = 0;
-  for (size_t i = 0; i < reading.nodes.size(); ++i) {
+  for (size_t i = 0; i < parsed.nodes.size(); ++i) {
     for (const auto& edge : graph.edgesFrom(i)) {
       out << "  n" << i << " --> n" << edge.to << "\n";
       if (red.count({i, edge.to}) > 0) red_links.push_back(link);
@@ -90,71 +91,71 @@ void printMermaid(Output& out, const Reading& reading,
 }
 
 /// Has Graphviz draw the graph on our standard output.
-ExitStatus drawSvg(const Session& session, const Reading& reading,
+ExitStatus drawSvg(const Context& context, const ParsedLaunchFile& parsed,
                    const RequiredGraph& graph) {
   if (std::system("command -v dot >/dev/null 2>&1") != 0) {
-    session.complain(kNoDot);
+    context.complain(kNoDot);
     return kFailed;
   }
   std::ostringstream stream;
   Output out(stream);
-  printDot(out, reading, graph);
+  printDot(out, parsed, graph);
   if (!stream) throw std::bad_alloc();  // the stream does not report it
   const std::string text = stream.str();
   standardOutput().flush();
   FILE* const dot = ::popen("dot -Tsvg", "w");
   if (dot == nullptr) {
-    session.complain(kNoDot);
+    context.complain(kNoDot);
     return kFailed;
   }
   const bool is_written =
       std::fwrite(text.data(), 1, text.size(), dot) == text.size();
   const int status = ::pclose(dot);
   if (is_written && status == 0) return kDone;
-  session.complain("Graphviz could not draw the graph");
+  context.complain("Graphviz could not draw the graph");
   return kFailed;
 }
 
-ExitStatus printGraphOf(const Session& session, const GraphOptions& options) {
+ExitStatus printGraphOf(const Context& context, const GraphOptions& options) {
   std::string error;
-  const auto document = readDocument(options.file, error);
+  const auto document = readSourceText(options.file, error);
   if (!document) {
-    session.complain(error);
+    context.complain(error);
     return kUsage;
   }
-  const Reading reading = readAsLauncher(*document, ownSurroundings());
-  if (!reading.faults.empty()) {
-    session.complain("the launcher would not load " + options.file + ": " +
-                     reading.faults[0].exception +
+  const ParsedLaunchFile parsed = readAsLauncher(*document, ownSurroundings());
+  if (!parsed.loadErrors.empty()) {
+    context.complain("the launcher would not load " + options.file + ": " +
+                     parsed.loadErrors[0].exception +
                      "; 'vornctl check' tells more");
     return kUsage;
   }
-  const RequiredGraph graph(reading);
+  const RequiredGraph graph(parsed);
   Output out = standardOutput();
   switch (options.format) {
     case GraphOptions::Format::MERMAID:
-      printMermaid(out, reading, graph);
+      printMermaid(out, parsed, graph);
       return kDone;
     case GraphOptions::Format::SVG:
-      return drawSvg(session, reading, graph);
+      return drawSvg(context, parsed, graph);
     case GraphOptions::Format::DOT:
       break;
   }
-  printDot(out, reading, graph);
+  printDot(out, parsed, graph);
   return kDone;
 }
 
 }  // namespace
 
-ExitStatus printGraph(const Session& session, const GraphOptions& options) {
-  dieByStopSignals(session.settings().cancelFd);
+ExitStatus printGraph(const Context& context, const GraphOptions& options) {
+  dieByStopSignals(context.settings().cancelFd);
   try {
-    return printGraphOf(session, options);
+    return printGraphOf(context, options);
   } catch (const TooLarge& failure) {
-    session.complain("cannot draw " + options.file + ": " + failure.what());
+    context.complain("cannot draw " + options.file + ": " + failure.what());
     return kUsage;
   } catch (const std::bad_alloc&) {
-    session.complain("not enough memory to draw " + options.file);
+    context.complain("not enough memory to draw " + options.file);
     return kUsage;
   }
 }

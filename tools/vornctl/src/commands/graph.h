@@ -18,6 +18,6 @@ struct GraphOptions {
 /// each to those it requires; cycles in red. SVG is drawn by the program dot of
 /// Graphviz. kUsage if the file cannot be read, or the launcher would not load
 /// it; kFailed if there is no dot.
-ExitStatus printGraph(const Session& session, const GraphOptions& options);
+ExitStatus printGraph(const Context& context, const GraphOptions& options);
 
 }  // namespace vorn::launch

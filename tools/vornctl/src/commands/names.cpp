@@ -14,17 +14,17 @@ OutputText lineFor(const std::string& name) {
 
 }  // namespace
 
-ExitStatus showNames(Session& session, char separator) {
+ExitStatus showNames(Context& context, char separator) {
   // With a launch file given no launcher is needed.
-  if (session.settings().launchFile.empty()) {
-    if (const ExitStatus status = session.findLauncher(); status != kDone) {
+  if (context.settings().launchFile.empty()) {
+    if (const ExitStatus status = context.findLauncher(); status != kDone) {
       return status;
     }
   }
   std::string error;
-  const RunningLauncher* const launcher = session.launcher(error);
+  const LauncherProcess* const launcher = context.launcher(error);
   if (launcher == nullptr) {
-    session.complain(error);
+    context.complain(error);
     return kUsage;
   }
   for (const LaunchNode& node : launcher->file.nodes) {

@@ -5,6 +5,6 @@
 namespace vorn::launch {
 
 /// Prints the names in the launch file, each followed by `separator`.
-ExitStatus showNames(Session& session, char separator);
+ExitStatus showNames(Context& context, char separator);
 
 }  // namespace vorn::launch

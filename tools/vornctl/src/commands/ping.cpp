@@ -8,18 +8,18 @@
 
 namespace vorn::launch {
 
-ExitStatus ping(Session& session) {
+ExitStatus ping(Context& context) {
   const auto begin = std::chrono::steady_clock::now();
-  if (const ExitStatus status = session.findLauncher(); status != kDone) {
+  if (const ExitStatus status = context.findLauncher(); status != kDone) {
     return status;
   }
   const std::chrono::duration<double, std::milli> elapsed =
       std::chrono::steady_clock::now() - begin;
-  if (session.settings().isQuiet) return kDone;
+  if (context.settings().isQuiet) return kDone;
   char text[64];
   (void)std::snprintf(text, sizeof(text), " answers in %.1f ms",
                       elapsed.count());
-  const RunningLauncher launcher = session.launcherWithoutFile();
+  const LauncherProcess launcher = context.launcherWithoutFile();
   standardOutput() << describeLauncher(launcher, launcherName(launcher) + text,
                                        0)
                    << "\n";

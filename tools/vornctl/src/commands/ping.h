@@ -5,6 +5,6 @@
 namespace vorn::launch {
 
 /// Prints which launcher answers, and how fast.
-ExitStatus ping(Session& session);
+ExitStatus ping(Context& context);
 
 }  // namespace vorn::launch

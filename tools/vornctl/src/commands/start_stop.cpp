@@ -24,13 +24,13 @@ bool mayGoOn(Outcome outcome) {
 
 class Action {
  public:
-  Action(Session& session, const ActOptions& options)
-      : session_(session), options_(options) {}
+  Action(Context& context, const ActOptions& options)
+      : session_(context), options_(options) {}
 
   ExitStatus run() {
     // A reader that has gone is no reason to leave half of the nodes.
     (void)::signal(SIGPIPE, SIG_IGN);
-    subjects_ = findSubjects(session_, options_.nodes);
+    subjects_ = findTargets(session_, options_.nodes);
     if (subjects_.status == kUnknown) return kTimedOut;  // before the command
     if (subjects_.status != kDone) return subjects_.status;
     names_ = subjects_.names;
@@ -120,16 +120,16 @@ class Action {
     return reply.outcome;
   }
 
-  Session& session_;
+  Context& session_;
   const ActOptions& options_;
-  Subjects subjects_;
+  Targets subjects_;
   std::vector<std::string> names_;  // in the order in which they are acted on
 };
 
 }  // namespace
 
-ExitStatus act(Session& session, const ActOptions& options) {
-  return Action(session, options).run();
+ExitStatus act(Context& context, const ActOptions& options) {
+  return Action(context, options).run();
 }
 
 }  // namespace vorn::launch

@@ -21,6 +21,6 @@ struct ActOptions {
 /// Acts on nodes: start, restart and enable in file order, stop and disable in
 /// reverse. Goes on after a node that fails, but not when the launcher cannot
 /// be reached. Returns the status of the first failure.
-ExitStatus act(Session& session, const ActOptions& options);
+ExitStatus act(Context& context, const ActOptions& options);
 
 }  // namespace vorn::launch

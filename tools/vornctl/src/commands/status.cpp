@@ -50,7 +50,7 @@ nlohmann::ordered_json jsonOf(const NodeView& view, const LaunchNode* node) {
   return json;
 }
 
-void printJson(const RunningLauncher& launcher,
+void printJson(const LauncherProcess& launcher,
                const std::vector<NodeView>& views) {
   nlohmann::ordered_json nodes = nlohmann::ordered_json::array();
   for (const NodeView& view : views) {
@@ -73,7 +73,7 @@ void printJson(const RunningLauncher& launcher,
 }
 
 void printTable(const StatusOptions& options, const Settings& settings,
-                const RunningLauncher& launcher,
+                const LauncherProcess& launcher,
                 const std::vector<NodeView>& views) {
   std::vector<std::string> columns = options.columns;
   if (columns.empty() && options.hasHeader && !options.isPlain) {
@@ -114,17 +114,17 @@ void printTable(const StatusOptions& options, const Settings& settings,
 
 }  // namespace
 
-ExitStatus showStatus(Session& session, const StatusOptions& options) {
-  const Subjects subjects = findSubjects(session, options.nodes);
-  if (subjects.status != kDone) return subjects.status;
-  const RunningLauncher& launcher = subjects.launcher;
-  ControlClient client = session.client(kReplyLimit, "asking the launcher");
+ExitStatus showStatus(Context& context, const StatusOptions& options) {
+  const Targets targets = findTargets(context, options.nodes);
+  if (targets.status != kDone) return targets.status;
+  const LauncherProcess& launcher = targets.launcher;
+  ControlClient client = context.client(kReplyLimit, "asking the launcher");
   std::vector<NodeView> views;
   ExitStatus result = kDone;
-  for (const std::string& name : subjects.names) {
+  for (const std::string& name : targets.names) {
     const StatusReply reply = client.status(name);
     if (!reply.isDone()) {
-      session.complainAbout(name, reply, launcher.file);
+      context.complainAbout(name, reply, launcher.file);
       result = exitStatusOf(reply.outcome);
       if (reply.outcome != Outcome::NOT_FOUND &&
           reply.outcome != Outcome::INVALID_NAME) {
@@ -138,12 +138,12 @@ ExitStatus showStatus(Session& session, const StatusOptions& options) {
       result = kNotRunning;
     }
   }
-  session.clearActivity();
-  if (session.settings().isQuiet) return result;
+  context.clearActivity();
+  if (context.settings().isQuiet) return result;
   if (options.isJson) {
     printJson(launcher, views);
   } else {
-    printTable(options, session.settings(), launcher, views);
+    printTable(options, context.settings(), launcher, views);
   }
   return result;
 }

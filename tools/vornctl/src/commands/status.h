@@ -18,6 +18,6 @@ struct StatusOptions {
 
 /// Shows the status of nodes. kNotRunning when nodes were named and one of them
 /// does not run.
-ExitStatus showStatus(Session& session, const StatusOptions& options);
+ExitStatus showStatus(Context& context, const StatusOptions& options);
 
 }  // namespace vorn::launch

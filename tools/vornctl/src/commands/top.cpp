@@ -119,13 +119,13 @@ class Screen {
 
 class Top {
  public:
-  Top(Session& session, const Subjects& subjects, const Screen& screen)
-      : session_(session),
-        launcher_(subjects.launcher),
+  Top(Context& context, const Targets& targets, const Screen& screen)
+      : session_(context),
+        launcher_(targets.launcher),
         screen_(screen),
-        watcher_(session.client(Watcher::kReplyLimit),
-                 session.settings().cancelFd, subjects.launcher,
-                 subjects.names) {}
+        watcher_(context.client(NodeWatcher::kReplyLimit),
+                 context.settings().cancelFd, targets.launcher, targets.names) {
+  }
 
   /// Until the end; `message` is what to say after the screen has been closed.
   ExitStatus run(std::string& message) {
@@ -429,10 +429,10 @@ class Top {
     (void)attrset(A_NORMAL);
   }
 
-  Session& session_;
-  const RunningLauncher& launcher_;
+  Context& session_;
+  const LauncherProcess& launcher_;
   const Screen& screen_;
-  Watcher watcher_;
+  NodeWatcher watcher_;
   bool is_known_ = false;  // the launcher has answered for every node
   bool is_done_ = false;
   bool is_help_ = false;      // the keys are shown in place of the nodes
@@ -445,25 +445,25 @@ class Top {
 
 }  // namespace
 
-ExitStatus showTop(Session& session, const std::vector<std::string>& nodes) {
+ExitStatus showTop(Context& context, const std::vector<std::string>& nodes) {
   if (::isatty(STDIN_FILENO) != 1 || ::isatty(STDOUT_FILENO) != 1) {
-    session.complain("top needs a terminal; 'vornctl monitor' does without");
+    context.complain("top needs a terminal; 'vornctl monitor' does without");
     return kUsage;
   }
-  const Subjects subjects = findSubjects(session, nodes);
-  if (subjects.status != kDone) return subjects.status;
+  const Targets targets = findTargets(context, nodes);
+  if (targets.status != kDone) return targets.status;
   std::string message;
   ExitStatus status = kDone;
   {
-    const Screen screen(session.settings().hasColours);
+    const Screen screen(context.settings().hasColours);
     if (!screen.isOpen()) {
-      session.complain(
+      context.complain(
           "this terminal is unknown or too simple; is TERM right?");
       return kUsage;
     }
-    status = Top(session, subjects, screen).run(message);
+    status = Top(context, targets, screen).run(message);
   }
-  if (!message.empty()) session.complain(message);
+  if (!message.empty()) context.complain(message);
   return status;
 }
 

@@ -23,23 +23,22 @@ using std::chrono::milliseconds;
 constexpr int kOneLine = -1;
 constexpr milliseconds kNoLimit = std::chrono::hours(24);
 
-bool isCancelled(const Session& session) {
-  pollfd watched{session.settings().cancelFd, POLLIN, 0};
+bool isCancelled(const Context& context) {
+  pollfd watched{context.settings().cancelFd, POLLIN, 0};
   return ::poll(&watched, 1, 0) > 0;
 }
 
 class Wait {
  public:
   /// Gives up at `deadline`.
-  Wait(const Session& session, const WaitOptions& options,
-       const Subjects& subjects, Clock::time_point deadline)
-      : session_(session),
+  Wait(const Context& context, const WaitOptions& options,
+       const Targets& targets, Clock::time_point deadline)
+      : session_(context),
         options_(options),
         deadline_(deadline),
-        watcher_(session.client(Watcher::kReplyLimit),
-                 session.settings().cancelFd, subjects.launcher,
-                 subjects.names),
-        file_(subjects.launcher.file) {}
+        watcher_(context.client(NodeWatcher::kReplyLimit),
+                 context.settings().cancelFd, targets.launcher, targets.names),
+        file_(targets.launcher.file) {}
 
   ExitStatus run() {
     std::optional<Clock::time_point> reached;
@@ -80,7 +79,7 @@ class Wait {
   }
 
  private:
-  void remember(const std::vector<Watcher::Change>& changes) {
+  void remember(const std::vector<NodeWatcher::Change>& changes) {
     for (const auto& change : changes) {
       first_.emplace(change.name, change.status);
     }
@@ -107,7 +106,7 @@ class Wait {
 
   /// The nodes that are not as wanted, or else those that have changed.
   std::string describeMissing(
-      const std::vector<Watcher::Change>& changes) const {
+      const std::vector<NodeWatcher::Change>& changes) const {
     std::string text;
     const auto add = [&](const std::string& name) {
       if (!text.empty()) text += ", ";
@@ -122,16 +121,17 @@ class Wait {
     return text;
   }
 
-  const Session& session_;
+  const Context& session_;
   const WaitOptions& options_;
   const Clock::time_point deadline_;
-  Watcher watcher_;
+  NodeWatcher watcher_;
   const LaunchFile& file_;
   std::map<std::string, StatusReply> first_;  // how each was at the beginning
 };
 
-void printChange(const RunningLauncher& launcher, const Watcher::Change& change,
-                 bool is_json, bool has_colours) {
+void printChange(const LauncherProcess& launcher,
+                 const NodeWatcher::Change& change, bool is_json,
+                 bool has_colours) {
   const int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
                           std::chrono::system_clock::now().time_since_epoch())
                           .count();
@@ -165,43 +165,42 @@ void printChange(const RunningLauncher& launcher, const Watcher::Change& change,
 
 }  // namespace
 
-ExitStatus waitForNodes(Session& session, const WaitOptions& options) {
+ExitStatus waitForNodes(Context& context, const WaitOptions& options) {
   const Clock::time_point deadline =
       options.limit ? Clock::now() + *options.limit : Clock::time_point::max();
-  const Subjects subjects = findSubjects(session, options.nodes);
+  const Targets targets = findTargets(context, options.nodes);
   const ExitStatus status =
-      subjects.status == kDone
-          ? Wait(session, options, subjects, deadline).run()
-          : subjects.status;
+      targets.status == kDone ? Wait(context, options, targets, deadline).run()
+                              : targets.status;
   // A question without an answer has no outcome that anyone could want to know.
-  const bool is_given_up = Clock::now() >= deadline || isCancelled(session);
+  const bool is_given_up = Clock::now() >= deadline || isCancelled(context);
   return status == kUnknown && is_given_up ? kTimedOut : status;
 }
 
-ExitStatus monitor(Session& session, const std::vector<std::string>& nodes,
+ExitStatus monitor(Context& context, const std::vector<std::string>& nodes,
                    bool is_json) {
-  const Subjects subjects = findSubjects(session, nodes);
-  if (subjects.status != kDone) return subjects.status;
-  Watcher watcher(session.client(Watcher::kReplyLimit),
-                  session.settings().cancelFd, subjects.launcher,
-                  subjects.names);
+  const Targets targets = findTargets(context, nodes);
+  if (targets.status != kDone) return targets.status;
+  NodeWatcher watcher(context.client(NodeWatcher::kReplyLimit),
+                      context.settings().cancelFd, targets.launcher,
+                      targets.names);
   for (;;) {
     for (const auto& change : watcher.wait(kNoLimit)) {
       // One in the file that the launcher does not know is newer than it.
       const bool is_stranger =
-          subjects.launcher.file.find(change.name) == nullptr;
+          targets.launcher.file.find(change.name) == nullptr;
       if (is_stranger && !change.status.isDone()) {
-        session.complainAbout(change.name, change.status,
-                              subjects.launcher.file);
+        context.complainAbout(change.name, change.status,
+                              targets.launcher.file);
         return exitStatusOf(change.status.outcome);
       }
-      printChange(subjects.launcher, change, is_json,
-                  session.settings().hasColours);
+      printChange(targets.launcher, change, is_json,
+                  context.settings().hasColours);
     }
     if (!standardOutput().isGood()) return kDone;  // nobody reads any more
-    if (isCancelled(session)) return kDone;
+    if (isCancelled(context)) return kDone;
     if (!watcher.failure().isDone()) {
-      session.complain(watcher.failure().message);
+      context.complain(watcher.failure().message);
       return exitStatusOf(watcher.failure().outcome);
     }
   }

@@ -23,11 +23,11 @@ struct WaitOptions {
 /// STOPPED and without a process, or RESTARTED, which is RUNNING with another
 /// start than when the wait began. With `heldFor`, until that has held so long;
 /// kNotRunning if it ends before. kTimedOut after `limit`.
-ExitStatus waitForNodes(Session& session, const WaitOptions& options);
+ExitStatus waitForNodes(Context& context, const WaitOptions& options);
 
 /// Prints a line for each node and for each of its changes, until the launcher
 /// ends or a signal comes. All nodes if none are named.
-ExitStatus monitor(Session& session, const std::vector<std::string>& nodes,
+ExitStatus monitor(Context& context, const std::vector<std::string>& nodes,
                    bool is_json);
 
 }  // namespace vorn::launch

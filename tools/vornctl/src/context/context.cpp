@@ -31,7 +31,7 @@ std::string explainNoAnswer(const ControlReply& reply, bool is_timed_out) {
 
 }  // namespace
 
-ControlClient Session::client(milliseconds reply_limit,
+ControlClient Context::client(milliseconds reply_limit,
                               const std::string& activity) const {
   ControlOptions options;
   if (!settings_.socketPath.empty()) options.socketPath = settings_.socketPath;
@@ -47,7 +47,7 @@ ControlClient Session::client(milliseconds reply_limit,
   return ControlClient(options);
 }
 
-ExitStatus Session::findLauncher() {
+ExitStatus Context::findLauncher() {
   ControlOptions options =
       client(kStatusReplyLimit, "waiting for the launcher").options();
   if (settings_.connectLimit) {
@@ -69,7 +69,7 @@ ExitStatus Session::findLauncher() {
   return exitStatusOf(reply.outcome);
 }
 
-const RunningLauncher* Session::launcher(std::string& error) {
+const LauncherProcess* Context::launcher(std::string& error) {
   if (launcher_) return &*launcher_;
   launcher_ = inspectLauncher(pid_, settings_.launchFile, error);
   if (!launcher_) return nullptr;
@@ -81,16 +81,16 @@ const RunningLauncher* Session::launcher(std::string& error) {
   return &*launcher_;
 }
 
-RunningLauncher Session::launcherWithoutFile() const {
+LauncherProcess Context::launcherWithoutFile() const {
   return identifyLauncher(pid_, settings_.launchFile);
 }
 
-void Session::complain(const std::string& text) const {
+void Context::complain(const std::string& text) const {
   clearActivity();
   standardError() << "vornctl: " << terminalText(text) << "\n";
 }
 
-void Session::complainAbout(const std::string& name, const ControlReply& reply,
+void Context::complainAbout(const std::string& name, const ControlReply& reply,
                             const LaunchFile& file) const {
   std::string text = reply.message;
   if (reply.outcome == Outcome::NOT_FOUND) {
@@ -103,7 +103,7 @@ void Session::complainAbout(const std::string& name, const ControlReply& reply,
   complain(name + ": " + text);
 }
 
-void Session::showActivity(const std::string& activity,
+void Context::showActivity(const std::string& activity,
                            milliseconds elapsed) const {
   if (elapsed < kQuietTime) return;
   constexpr std::string_view kTurns = "|/-\\";
@@ -114,7 +114,7 @@ void Session::showActivity(const std::string& activity,
   is_activity_shown_ = true;
 }
 
-void Session::clearActivity() const {
+void Context::clearActivity() const {
   if (is_activity_shown_) standardError() << "\r\x1b[K";
   is_activity_shown_ = false;
 }

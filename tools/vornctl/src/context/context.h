@@ -28,9 +28,9 @@ struct Settings {
 
 /// One run of vornctl: its connection to a launcher, and its words on standard
 /// error.
-class Session {
+class Context {
  public:
-  explicit Session(Settings settings) : settings_(std::move(settings)) {}
+  explicit Context(Settings settings) : settings_(std::move(settings)) {}
 
   const Settings& settings() const { return settings_; }
 
@@ -48,10 +48,10 @@ class Session {
   /// After findLauncher(): its nodes by its launch file. Null if they cannot be
   /// known; `error` then tells why. If the file was changed after the launcher
   /// started, says so, once.
-  const RunningLauncher* launcher(std::string& error);
+  const LauncherProcess* launcher(std::string& error);
 
   /// The launcher without its nodes, for when those are not known.
-  RunningLauncher launcherWithoutFile() const;
+  LauncherProcess launcherWithoutFile() const;
 
   /// Writes "vornctl: TEXT" to standard error.
   void complain(const std::string& text) const;
@@ -70,7 +70,7 @@ class Session {
 
   Settings settings_;
   pid_t pid_ = 0;
-  std::optional<RunningLauncher> launcher_;
+  std::optional<LauncherProcess> launcher_;
   mutable bool is_activity_shown_ = false;
 };
 

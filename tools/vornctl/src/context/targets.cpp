@@ -6,29 +6,29 @@
 
 namespace vorn::launch {
 
-Subjects findSubjects(Session& session,
-                      const std::vector<std::string>& arguments) {
-  Subjects subjects;
-  subjects.status = session.findLauncher();
-  if (subjects.status != kDone) return subjects;
+Targets findTargets(Context& context,
+                    const std::vector<std::string>& arguments) {
+  Targets targets;
+  targets.status = context.findLauncher();
+  if (targets.status != kDone) return targets;
   std::string error;
-  const RunningLauncher* const known = session.launcher(error);
+  const LauncherProcess* const known = context.launcher(error);
   const bool needs_file =
       arguments.empty() ||
       std::any_of(arguments.begin(), arguments.end(), isPattern);
   if (known == nullptr && needs_file) {
-    session.complain(error);
-    subjects.status = kUsage;
-    return subjects;
+    context.complain(error);
+    targets.status = kUsage;
+    return targets;
   }
-  subjects.isFileKnown = known != nullptr;
-  subjects.launcher = known == nullptr ? session.launcherWithoutFile() : *known;
-  subjects.names = selectNodes(subjects.launcher.file, arguments, error);
-  if (subjects.names.empty() && !arguments.empty()) {
-    session.complain(error);
-    subjects.status = kNoSuchNode;
+  targets.isFileKnown = known != nullptr;
+  targets.launcher = known == nullptr ? context.launcherWithoutFile() : *known;
+  targets.names = selectNodes(targets.launcher.file, arguments, error);
+  if (targets.names.empty() && !arguments.empty()) {
+    context.complain(error);
+    targets.status = kNoSuchNode;
   }
-  return subjects;
+  return targets;
 }
 
 }  // namespace vorn::launch

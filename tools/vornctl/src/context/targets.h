@@ -10,16 +10,16 @@
 namespace vorn::launch {
 
 /// The launcher and the nodes that a command is about.
-struct Subjects {
+struct Targets {
   ExitStatus status = kDone;  // anything else has been told on standard error
-  RunningLauncher launcher;   // with no nodes if its launch file is not known
+  LauncherProcess launcher;   // with no nodes if its launch file is not known
   bool isFileKnown = false;
   std::vector<std::string> names;  // in file order
 };
 
 /// Finds the launcher, and the nodes that the arguments mean: names, which do
 /// without a known launch file, and patterns; all without arguments.
-Subjects findSubjects(Session& session,
-                      const std::vector<std::string>& arguments);
+Targets findTargets(Context& context,
+                    const std::vector<std::string>& arguments);
 
 }  // namespace vorn::launch

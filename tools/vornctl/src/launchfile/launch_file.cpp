@@ -6,15 +6,15 @@
 namespace vorn::launch {
 namespace {
 
-LaunchNode nodeFrom(const NodeReading& reading) {
+LaunchNode nodeFrom(const ParsedNode& parsed) {
   LaunchNode node;
-  node.name = reading.name.value;
-  node.executable = reading.executable;
-  node.disabled = reading.disabled.value;
-  node.oneshot = reading.oneshot.value;
-  node.autostart = reading.autostart.value;
-  node.sleepMs = reading.sleepMs.value;
-  for (const Text& name : reading.required) {
+  node.name = parsed.name.value;
+  node.executable = parsed.executable;
+  node.disabled = parsed.disabled.value;
+  node.oneshot = parsed.oneshot.value;
+  node.autostart = parsed.autostart.value;
+  node.sleepMs = parsed.sleepMs.value;
+  for (const Text& name : parsed.required) {
     node.required.push_back(name.value);
   }
   return node;
@@ -30,24 +30,24 @@ const LaunchNode* LaunchFile::find(const std::string& name) const {
 }
 
 std::optional<LaunchFile> launchFileFrom(
-    const Document& document, const LauncherSurroundings& surroundings,
+    const SourceText& document, const LauncherSurroundings& surroundings,
     std::string& error) {
   const std::string& path = document.name();
-  Reading reading;
+  ParsedLaunchFile parsed;
   try {
-    reading = readAsLauncher(document, surroundings);
+    parsed = readAsLauncher(document, surroundings);
   } catch (const TooLarge& failure) {
     error = "cannot read the launch file " + path + ": " + failure.what();
     return std::nullopt;
   }
-  if (!reading.faults.empty()) {
+  if (!parsed.loadErrors.empty()) {
     error = "the launch file " + path +
-            " is wrong: " + reading.faults.front().exception;
+            " is wrong: " + parsed.loadErrors.front().exception;
     return std::nullopt;
   }
   LaunchFile file;
   std::unordered_set<std::string> names;
-  for (const NodeReading& node : reading.nodes) {
+  for (const ParsedNode& node : parsed.nodes) {
     if (names.insert(node.name.value).second) {
       file.nodes.push_back(nodeFrom(node));
     }

@@ -34,7 +34,7 @@ struct LaunchFile {
 /// the launcher would not load it; `error` is then one sentence with the
 /// reason.
 std::optional<LaunchFile> launchFileFrom(
-    const Document& document, const LauncherSurroundings& surroundings,
+    const SourceText& document, const LauncherSurroundings& surroundings,
     std::string& error);
 
 }  // namespace vorn::launch

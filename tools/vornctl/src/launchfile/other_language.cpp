@@ -66,7 +66,7 @@ const char* languageOf(const std::vector<std::string_view>& lines) {
 }  // namespace
 
 Text otherLanguageOf(const std::string& text) {
-  const Document document("", text);
+  const SourceText document("", text);
   std::vector<std::string_view> lines;
   int first = 0;
   const auto end = static_cast<int>(std::count(text.begin(), text.end(), '\n'));

@@ -103,13 +103,13 @@ Place secondDocumentIn(const YAML::Node& root, const std::string& text) {
 /// order, so that the same ones fail.
 class Reader {
  public:
-  Reader(const Document& document, const LauncherSurroundings& surroundings)
+  Reader(const SourceText& document, const LauncherSurroundings& surroundings)
       : document_(document), surroundings_(surroundings) {
     variables_[kBinPath] = surroundings.binPath;
     variables_[kRoot] = surroundings.root;
   }
 
-  Reading read() {
+  ParsedLaunchFile read() {
     YAML::Node root;
     try {
       root = YAML::Load(document_.text());
@@ -156,7 +156,7 @@ class Reader {
 
   void addFault(const std::string& check, const Place& place,
                 const std::string& message, const YAML::Exception& exception) {
-    reading_.faults.push_back({check, place, message, exception.what()});
+    reading_.loadErrors.push_back({check, place, message, exception.what()});
   }
 
   /// A tab in the indentation is mentioned, as the parser's message is mostly
@@ -329,7 +329,7 @@ class Reader {
 
   void readNode(Text name, const YAML::Node& key,
                 const YAML::Node& description) {
-    NodeReading node;
+    ParsedNode node;
     node.name = counted(std::move(name));
     node.keys = keysOf(description);
     try {
@@ -363,7 +363,7 @@ class Reader {
     reading_.nodes.push_back(std::move(node));
   }
 
-  void readPath(NodeReading& node, const YAML::Node& description,
+  void readPath(ParsedNode& node, const YAML::Node& description,
                 const YAML::Node& path) {
     Place place = placeOf(path.Mark());
     for (const auto& entry : description) {
@@ -381,8 +381,7 @@ class Reader {
                           : folder + '/' + node.path.value;
   }
 
-  void readArgv(NodeReading& node, const YAML::Node& value,
-                const Place& place) {
+  void readArgv(ParsedNode& node, const YAML::Node& value, const Place& place) {
     const auto text = readText(value, place, "'argv'");
     if (!text) return;
     node.argvs.push_back({*text, place});
@@ -391,17 +390,17 @@ class Reader {
     }
   }
 
-  void readDisabled(NodeReading& node, const YAML::Node& value,
+  void readDisabled(ParsedNode& node, const YAML::Node& value,
                     const Place& place) {
     readBool(node.disabled, value, place, "disabled");
   }
 
-  void readOneshot(NodeReading& node, const YAML::Node& value,
+  void readOneshot(ParsedNode& node, const YAML::Node& value,
                    const Place& place) {
     readBool(node.oneshot, value, place, "oneshot");
   }
 
-  void readAutostart(NodeReading& node, const YAML::Node& value,
+  void readAutostart(ParsedNode& node, const YAML::Node& value,
                      const Place& place) {
     readBool(node.autostart, value, place, "autostart");
   }
@@ -420,7 +419,7 @@ class Reader {
     }
   }
 
-  void readSleep(NodeReading& node, const YAML::Node& value,
+  void readSleep(ParsedNode& node, const YAML::Node& value,
                  const Place& place) {
     try {
       node.sleepMs = {value.as<unsigned int>(), place};
@@ -435,7 +434,7 @@ class Reader {
     }
   }
 
-  void readEnvironment(NodeReading& node, const YAML::Node& value,
+  void readEnvironment(ParsedNode& node, const YAML::Node& value,
                        const Place& place) {
     forEachEntry(value, place, "'environment'",
                  [&](const YAML::Node& name, const YAML::Node& text) {
@@ -445,7 +444,7 @@ class Reader {
                  });
   }
 
-  void readRequired(NodeReading& node, const YAML::Node& value,
+  void readRequired(ParsedNode& node, const YAML::Node& value,
                     const Place& place) {
     node.required.clear();
     if (!value.IsSequence()) {
@@ -467,13 +466,13 @@ class Reader {
     }
   }
 
-  using KeyReader = void (Reader::*)(NodeReading&, const YAML::Node&,
+  using KeyReader = void (Reader::*)(ParsedNode&, const YAML::Node&,
                                      const Place&);
   static const std::map<std::string, KeyReader> kReaders;
 
-  const Document& document_;
+  const SourceText& document_;
   const LauncherSurroundings& surroundings_;
-  Reading reading_;
+  ParsedLaunchFile reading_;
   std::map<std::string, std::string> variables_;  // of the launcher
   std::optional<std::string> install_root_;
   size_t values_ = 0;
@@ -526,8 +525,8 @@ LauncherSurroundings ownSurroundings() {
           executable.parent_path().parent_path().string()};
 }
 
-Reading readAsLauncher(const Document& document,
-                       const LauncherSurroundings& surroundings) {
+ParsedLaunchFile readAsLauncher(const SourceText& document,
+                                const LauncherSurroundings& surroundings) {
   return Reader(document, surroundings).read();
 }
 

@@ -9,8 +9,8 @@
 #include "launchfile/source_text.h"
 
 // A launch file as the launcher reads it, with the place of everything. What
-// ends the launcher is a Fault here; the reading goes on behind it, so that all
-// are found at once.
+// ends the launcher is a LoadError here; the reading goes on behind it, so that
+// all are found at once.
 
 namespace vorn::launch {
 
@@ -28,7 +28,7 @@ struct LauncherSurroundings {
 LauncherSurroundings ownSurroundings();
 
 /// An exception that ends the launcher.
-struct Fault {
+struct LoadError {
   std::string check;      // its name in the table of findings
   Place place;            // where a person has to mend it
   std::string message;    // for people
@@ -50,7 +50,7 @@ struct Setting {
 };
 
 /// A node as the launcher has it. One with a fault holds what could be read.
-struct NodeReading {
+struct ParsedNode {
   Text name;
   std::vector<Text> keys;   // of its description, in file order; empty texts
                             // for those that are none
@@ -67,15 +67,15 @@ struct NodeReading {
   std::vector<Text> required;
 };
 
-struct Reading {
-  std::vector<Text> keys;  // of the top level, as NodeReading::keys
+struct ParsedLaunchFile {
+  std::vector<Text> keys;  // of the top level, as ParsedNode::keys
   std::vector<Text> configureKeys;
   std::vector<Variable> environment;  // of `configure`
-  std::vector<NodeReading> nodes;     // in file order
-  std::vector<NodeReading> dropped;   // without a path: name and keys alone
+  std::vector<ParsedNode> nodes;      // in file order
+  std::vector<ParsedNode> dropped;    // without a path: name and keys alone
   std::vector<Text> ignored;          // values of a wrong kind that mean
                                       // nothing: which, and where
-  std::vector<Fault> faults;          // the first one is what ends the launcher
+  std::vector<LoadError> loadErrors;  // the first one is what ends the launcher
   Place secondDocument;               // line 0: there is none
   Text otherLanguage;   // the language of a file that is not a launch file, and
                         // where its first line is; else empty
@@ -105,8 +105,8 @@ bool isNodeKey(const std::string& name);
 
 /// Reads a launch file as a launcher in these surroundings does. Throws
 /// TooLarge, or std::bad_alloc.
-Reading readAsLauncher(const Document& document,
-                       const LauncherSurroundings& surroundings);
+ParsedLaunchFile readAsLauncher(const SourceText& document,
+                                const LauncherSurroundings& surroundings);
 
 /// The environment's name of a variable for setenv(): up to a NUL. Empty if
 /// setenv() refuses it.

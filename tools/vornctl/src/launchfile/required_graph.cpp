@@ -24,16 +24,16 @@ uint32_t effectiveSleepMs(uint32_t sleep_ms) {
   return sleep_ms * kMicrosecondsPerMillisecond / kMicrosecondsPerMillisecond;
 }
 
-RequiredGraph::RequiredGraph(const Reading& reading)
-    : reading_(reading),
-      edges_(reading.nodes.size()),
-      is_in_cycle_(reading.nodes.size()) {
+RequiredGraph::RequiredGraph(const ParsedLaunchFile& parsed)
+    : reading_(parsed),
+      edges_(parsed.nodes.size()),
+      is_in_cycle_(parsed.nodes.size()) {
   std::unordered_map<std::string, size_t> index;
-  for (size_t i = 0; i < reading.nodes.size(); ++i) {
-    index.emplace(reading.nodes[i].name.value, i);
+  for (size_t i = 0; i < parsed.nodes.size(); ++i) {
+    index.emplace(parsed.nodes[i].name.value, i);
   }
-  for (size_t i = 0; i < reading.nodes.size(); ++i) {
-    const NodeReading& node = reading.nodes[i];
+  for (size_t i = 0; i < parsed.nodes.size(); ++i) {
+    const ParsedNode& node = parsed.nodes[i];
     for (const Text& name : node.required) {
       const auto found = index.find(name.value);
       if (found == index.end() || name.value == node.name.value) continue;
@@ -115,7 +115,7 @@ RequiredGraph::Cascade RequiredGraph::cascadeOf(
   Cascade sum{1, per_stop};
   for (const Edge& edge : edges) {
     if (running_above != kNone && edge.to <= running_above) break;
-    const NodeReading& other = reading_.nodes[edge.to];
+    const ParsedNode& other = reading_.nodes[edge.to];
     sum.stops += others[edge.to]->stops;
     sum.duration += others[edge.to]->duration + kPause;
     if (!other.oneshot.value) {

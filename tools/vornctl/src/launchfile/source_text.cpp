@@ -54,7 +54,8 @@ std::vector<std::string> split(const std::string& text, char separator) {
   return parts;
 }
 
-Document::Document(std::string name, std::string text, bool is_standard_input)
+SourceText::SourceText(std::string name, std::string text,
+                       bool is_standard_input)
     : name_(std::move(name)),
       text_(std::move(text)),
       is_standard_input_(is_standard_input),
@@ -65,7 +66,7 @@ Document::Document(std::string name, std::string text, bool is_standard_input)
   }
 }
 
-std::string_view Document::line(int number) const {
+std::string_view SourceText::line(int number) const {
   if (number < 1) return {};
   const auto index = static_cast<size_t>(number) - 1;
   if (index >= line_starts_.size()) return {};
@@ -76,7 +77,7 @@ std::string_view Document::line(int number) const {
   return std::string_view(text_).substr(begin, end - begin);
 }
 
-std::vector<std::string> Document::ignoredAt(int number) const {
+std::vector<std::string> SourceText::ignoredAt(int number) const {
   const std::string_view content = line(number);
   std::vector<std::string> ignored;
   for (size_t found = content.find(kIgnore); found != std::string::npos;
@@ -92,7 +93,7 @@ std::vector<std::string> Document::ignoredAt(int number) const {
   return ignored;
 }
 
-std::vector<int> Document::linesWithIgnores() const {
+std::vector<int> SourceText::linesWithIgnores() const {
   std::vector<int> numbers;
   size_t line = 0;
   for (size_t found = text_.find(kIgnore); found != std::string::npos;
@@ -104,28 +105,28 @@ std::vector<int> Document::linesWithIgnores() const {
   return numbers;
 }
 
-std::optional<Document> readDocument(const std::string& path,
-                                     std::string& error) {
+std::optional<SourceText> readSourceText(const std::string& path,
+                                         std::string& error) {
   const bool is_standard_input = path == "-";
   const std::string name = is_standard_input ? "<stdin>" : path;
   const Descriptor file(is_standard_input
                             ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
                             : ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  auto document = readDocument(name, file.number(), error, is_standard_input);
+  auto document = readSourceText(name, file.number(), error, is_standard_input);
   if (!document) error = "cannot read " + name + ": " + error;
   return document;
 }
 
-std::optional<Document> readDocument(const std::string& name, int fd,
-                                     std::string& reason,
-                                     bool is_standard_input) {
+std::optional<SourceText> readSourceText(const std::string& name, int fd,
+                                         std::string& reason,
+                                         bool is_standard_input) {
   std::string text;
   reason = readAll(fd, text);
   if (reason.empty() && !is_standard_input && text.size() < sizeOf(fd)) {
     reason = "the file ended before its size was reached";
   }
   if (!reason.empty()) return std::nullopt;
-  return Document(name, std::move(text), is_standard_input);
+  return SourceText(name, std::move(text), is_standard_input);
 }
 
 }  // namespace vorn::launch

@@ -28,10 +28,11 @@ struct Text {
 };
 
 /// The text of a launch file and its lines.
-class Document {
+class SourceText {
  public:
   /// `name` is what messages call the file.
-  Document(std::string name, std::string text, bool is_standard_input = false);
+  SourceText(std::string name, std::string text,
+             bool is_standard_input = false);
 
   const std::string& name() const { return name_; }
   const std::string& text() const { return text_; }
@@ -64,13 +65,13 @@ std::vector<std::string> split(const std::string& text, char separator);
 /// Reads the file at `path`, standard input for "-". Nothing if the file cannot
 /// be read to its end or is larger than kLargestFile; `error` is then one
 /// sentence with the reason. Throws std::bad_alloc.
-std::optional<Document> readDocument(const std::string& path,
-                                     std::string& error);
+std::optional<SourceText> readSourceText(const std::string& path,
+                                         std::string& error);
 
 /// As above, from the open `fd`, which the caller closes. `fd` may be negative
 /// with errno. `reason` is the bare reason of a failure.
-std::optional<Document> readDocument(const std::string& name, int fd,
-                                     std::string& reason,
-                                     bool is_standard_input = false);
+std::optional<SourceText> readSourceText(const std::string& name, int fd,
+                                         std::string& reason,
+                                         bool is_standard_input = false);
 
 }  // namespace vorn::launch

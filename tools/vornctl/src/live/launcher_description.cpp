@@ -7,12 +7,12 @@
 
 namespace vorn::launch {
 
-std::string launcherName(const RunningLauncher& launcher) {
+std::string launcherName(const LauncherProcess& launcher) {
   return launcher.pid == 0 ? "launcher in another pid namespace"
                            : "launcher " + std::to_string(launcher.pid);
 }
 
-OutputText describeLauncher(const RunningLauncher& launcher,
+OutputText describeLauncher(const LauncherProcess& launcher,
                             const std::string& begin, size_t terminal_width) {
   std::vector<OutputText> parts = {terminalText(begin)};
   if (!launcher.launchFile.empty()) {

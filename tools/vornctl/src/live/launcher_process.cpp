@@ -148,7 +148,7 @@ std::string workingDirectoryOf(pid_t pid) {
 
 /// Why we cannot look for the file that is the launcher's argument; empty if we
 /// can.
-std::string obstacleTo(const RunningLauncher& launcher) {
+std::string obstacleTo(const LauncherProcess& launcher) {
   if (launcher.pid == 0) {
     return "cannot tell the launch file: the launcher is in another pid "
            "namespace";
@@ -187,8 +187,8 @@ std::string reasonOf(int error) {
 /// Reads the file that is the launcher's argument, and tells whether it was
 /// changed since. Nothing if it cannot be read; `error` is then a sentence with
 /// the reason.
-std::optional<Document> readItsArgument(RunningLauncher& launcher,
-                                        std::string& error) {
+std::optional<SourceText> readItsArgument(LauncherProcess& launcher,
+                                          std::string& error) {
   error = obstacleTo(launcher);
   if (!error.empty()) return std::nullopt;
   const Descriptor file(openAsLauncher(launcher.pid, *launcher.root,
@@ -196,13 +196,13 @@ std::optional<Document> readItsArgument(RunningLauncher& launcher,
                                        O_RDONLY | O_NONBLOCK));
   struct stat status {};
   std::string reason;
-  std::optional<Document> document;
+  std::optional<SourceText> document;
   if (file.number() < 0 || ::fstat(file.number(), &status) != 0) {
     reason = reasonOf(errno);
   } else if (!S_ISREG(status.st_mode)) {
     reason = "it is not a regular file";
   } else {
-    document = readDocument(launcher.launchFile, file.number(), reason);
+    document = readSourceText(launcher.launchFile, file.number(), reason);
     launcher.hasChanged = hasChangedSince(status, launcher.pid);
   }
   if (!document) {
@@ -213,19 +213,19 @@ std::optional<Document> readItsArgument(RunningLauncher& launcher,
 }
 
 /// Reads `launcher.launchFile` as a file of ours.
-std::optional<Document> readOurs(RunningLauncher& launcher,
-                                 std::string& error) {
+std::optional<SourceText> readOurs(LauncherProcess& launcher,
+                                   std::string& error) {
   struct stat status {};
   launcher.hasChanged = launcher.pid != 0 &&
                         ::stat(launcher.launchFile.c_str(), &status) == 0 &&
                         hasChangedSince(status, launcher.pid);
-  return readDocument(launcher.launchFile, error);
+  return readSourceText(launcher.launchFile, error);
 }
 
 }  // namespace
 
-RunningLauncher identifyLauncher(pid_t pid, const std::string& launch_file) {
-  RunningLauncher launcher;
+LauncherProcess identifyLauncher(pid_t pid, const std::string& launch_file) {
+  LauncherProcess launcher;
   launcher.pid = pid;
   if (pid != 0) {
     launcher.root = rootAsWeReachIt(pid);
@@ -241,10 +241,10 @@ RunningLauncher identifyLauncher(pid_t pid, const std::string& launch_file) {
   return launcher;
 }
 
-std::optional<RunningLauncher> inspectLauncher(pid_t pid,
+std::optional<LauncherProcess> inspectLauncher(pid_t pid,
                                                const std::string& launch_file,
                                                std::string& error) {
-  RunningLauncher launcher = identifyLauncher(pid, launch_file);
+  LauncherProcess launcher = identifyLauncher(pid, launch_file);
   const bool is_ours = !launch_file.empty();
   const auto document =
       is_ours ? readOurs(launcher, error) : readItsArgument(launcher, error);
@@ -258,7 +258,7 @@ std::optional<RunningLauncher> inspectLauncher(pid_t pid,
   return launcher;
 }
 
-std::optional<bool> executableExists(const RunningLauncher& launcher,
+std::optional<bool> executableExists(const LauncherProcess& launcher,
                                      const LaunchNode& node) {
   if (launcher.pid == 0 || node.executable.empty() || !launcher.root) {
     return std::nullopt;
@@ -296,11 +296,11 @@ std::optional<std::string> nodeOf(pid_t process) {
   return std::nullopt;
 }
 
-bool sharesPids(const RunningLauncher& launcher) {
+bool sharesPids(const LauncherProcess& launcher) {
   return launcher.pid != 0 && isInOurPidNamespace(launcher.pid);
 }
 
-bool isProcessAlive(const RunningLauncher& launcher, pid_t pid) {
+bool isProcessAlive(const LauncherProcess& launcher, pid_t pid) {
   if (!sharesPids(launcher)) return true;
   const auto state = processState(pid);
   // A /proc that hides the processes of others says nothing of a living one.

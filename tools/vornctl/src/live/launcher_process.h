@@ -15,7 +15,7 @@
 namespace vorn::launch {
 
 /// A launcher and the nodes in its launch file.
-struct RunningLauncher {
+struct LauncherProcess {
   pid_t pid = 0;             // 0: out of our sight
   int64_t startSeconds = 0;  // since the epoch; 0 if unknown
   // Absolute, as the launcher sees it; its argument as it is if the working
@@ -30,18 +30,18 @@ struct RunningLauncher {
 
 /// Returns everything about the launcher `pid` except its nodes. `launch_file`,
 /// if not empty, replaces its own launch file.
-RunningLauncher identifyLauncher(pid_t pid, const std::string& launch_file);
+LauncherProcess identifyLauncher(pid_t pid, const std::string& launch_file);
 
 /// As identifyLauncher(), and reads the nodes from the launch file. Nothing if
 /// they cannot be known; `error` is then a sentence that says why and how to
 /// name another file.
-std::optional<RunningLauncher> inspectLauncher(pid_t pid,
+std::optional<LauncherProcess> inspectLauncher(pid_t pid,
                                                const std::string& launch_file,
                                                std::string& error);
 
 /// Whether the executable of `node` is there, as the launcher sees it. Nothing
 /// if that cannot be known.
-std::optional<bool> executableExists(const RunningLauncher& launcher,
+std::optional<bool> executableExists(const LauncherProcess& launcher,
                                      const LaunchNode& node);
 
 /// The launcher's children, zombies included, in no particular order. Nothing
@@ -55,10 +55,10 @@ std::optional<std::string> nodeOf(pid_t process);
 
 /// Whether the pids that the launcher tells are ours as well: it is in our pid
 /// namespace.
-bool sharesPids(const RunningLauncher& launcher);
+bool sharesPids(const LauncherProcess& launcher);
 
 /// Whether a process of this pid exists and is no zombie. True when the pids of
 /// the launcher mean nothing to us, being of another pid namespace.
-bool isProcessAlive(const RunningLauncher& launcher, pid_t pid);
+bool isProcessAlive(const LauncherProcess& launcher, pid_t pid);
 
 }  // namespace vorn::launch

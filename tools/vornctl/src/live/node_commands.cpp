@@ -5,7 +5,7 @@ namespace {
 
 using Cmd = ControlRequest::Cmd;
 
-std::string explainDisabled(const RunningLauncher& launcher,
+std::string explainDisabled(const LauncherProcess& launcher,
                             const std::string& name,
                             const StatusReply& status) {
   const LaunchNode* const node = launcher.file.find(name);
@@ -34,7 +34,7 @@ std::string runningWith(pid_t pid) {
   return "running (pid " + std::to_string(pid) + ')';
 }
 
-std::string describeEnabled(const RunningLauncher& launcher,
+std::string describeEnabled(const LauncherProcess& launcher,
                             const std::string& name,
                             const StatusReply& before) {
   std::string text = "enabled";
@@ -89,7 +89,7 @@ ControlReply perform(ControlClient& client, Cmd cmd, const std::string& name) {
   return static_cast<const ControlReply&>(reply);
 }
 
-std::string describeDone(Cmd cmd, const RunningLauncher& launcher,
+std::string describeDone(Cmd cmd, const LauncherProcess& launcher,
                          const std::string& name, const StatusReply& before) {
   const bool was_down =
       before.isDone() && (before.state == NodeState::STOPPED ||
@@ -109,7 +109,7 @@ std::string describeDone(Cmd cmd, const RunningLauncher& launcher,
 }
 
 std::string explainFailure(ControlClient& client,
-                           const RunningLauncher& launcher,
+                           const LauncherProcess& launcher,
                            const std::string& name, Cmd cmd) {
   constexpr char kSeeLog[] = "see the launcher's log";
   if (cmd == Cmd::STOP || cmd == Cmd::DISABLE) {

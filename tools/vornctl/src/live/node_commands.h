@@ -26,13 +26,13 @@ ControlReply perform(ControlClient& client, ControlRequest::Cmd cmd,
 /// (pid 42)" if `before`, the status of the node before the command, says so.
 /// `before` that is not DONE is ignored.
 std::string describeDone(ControlRequest::Cmd cmd,
-                         const RunningLauncher& launcher,
+                         const LauncherProcess& launcher,
                          const std::string& name, const StatusReply& before);
 
 /// Why the command on this node FAILED, as far as can be known, and what to do.
 /// Asks the launcher how the node is now.
 std::string explainFailure(ControlClient& client,
-                           const RunningLauncher& launcher,
+                           const LauncherProcess& launcher,
                            const std::string& name, ControlRequest::Cmd cmd);
 
 }  // namespace vorn::launch

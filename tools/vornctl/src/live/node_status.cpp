@@ -9,7 +9,7 @@ namespace {
 
 constexpr int64_t kRestartInterval = 5;  // seconds from start to start
 
-Condition conditionOf(const RunningLauncher& launcher,
+Condition conditionOf(const LauncherProcess& launcher,
                       const StatusReply& status) {
   switch (status.state) {
     case NodeState::STOPPED:
@@ -43,7 +43,7 @@ std::string joined(const std::vector<std::string>& names) {
 
 }  // namespace
 
-NodeView viewOf(const RunningLauncher& launcher, const std::string& name,
+NodeView viewOf(const LauncherProcess& launcher, const std::string& name,
                 const StatusReply& status, int64_t now) {
   NodeView view;
   view.name = name;

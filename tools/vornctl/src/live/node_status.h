@@ -40,7 +40,7 @@ struct NodeView {
 /// The view of a node from its status, which must be DONE or NOT_FOUND, and
 /// from its description in the launch file, if `launcher` has one. `now` is in
 /// seconds since the epoch.
-NodeView viewOf(const RunningLauncher& launcher, const std::string& name,
+NodeView viewOf(const LauncherProcess& launcher, const std::string& name,
                 const StatusReply& status, int64_t now);
 
 /// "running", "never started" and so on.

@@ -28,9 +28,9 @@ bool isSame(const StatusReply& a, const StatusReply& b) {
 
 }  // namespace
 
-Watcher::Watcher(ControlClient client, int cancel_fd,
-                 const RunningLauncher& launcher,
-                 std::vector<std::string> names)
+NodeWatcher::NodeWatcher(ControlClient client, int cancel_fd,
+                         const LauncherProcess& launcher,
+                         std::vector<std::string> names)
     : launcher_(launcher),
       client_(std::move(client)),
       cancel_fd_(cancel_fd),
@@ -40,15 +40,16 @@ Watcher::Watcher(ControlClient client, int cancel_fd,
   failure_.outcome = Outcome::DONE;
 }
 
-Watcher::~Watcher() {
+NodeWatcher::~NodeWatcher() {
   for (const auto& [name, node] : nodes_) {
     if (node.pidFd >= 0) (void)::close(node.pidFd);
   }
 }
 
-void Watcher::suspectAll() { next_full_ = {}; }
+void NodeWatcher::suspectAll() { next_full_ = {}; }
 
-std::vector<Watcher::Change> Watcher::wait(milliseconds limit, int wake_fd) {
+std::vector<NodeWatcher::Change> NodeWatcher::wait(milliseconds limit,
+                                                   int wake_fd) {
   const Clock::time_point deadline = Clock::now() + limit;
   for (;;) {
     suspectByTime();
@@ -65,7 +66,7 @@ std::vector<Watcher::Change> Watcher::wait(milliseconds limit, int wake_fd) {
   }
 }
 
-std::vector<Watcher::Change> Watcher::askSuspects() {
+std::vector<NodeWatcher::Change> NodeWatcher::askSuspects() {
   std::vector<Change> changes;
   for (const std::string& name : names_) {
     if (suspects_.erase(name) == 0) continue;
@@ -92,7 +93,7 @@ std::vector<Watcher::Change> Watcher::askSuspects() {
   return changes;
 }
 
-void Watcher::learn(Watched& node, const StatusReply& status) {
+void NodeWatcher::learn(Watched& node, const StatusReply& status) {
   const bool is_change = !node.isKnown || !isSame(node.status, status);
   node.isKnown = true;
   node.status = status;
@@ -118,7 +119,7 @@ void Watcher::learn(Watched& node, const StatusReply& status) {
   node.next = Clock::now() + node.pause;
 }
 
-void Watcher::watchProcess(Watched& node) const {
+void NodeWatcher::watchProcess(Watched& node) const {
   if (node.pidFd >= 0) (void)::close(node.pidFd);
   node.pidFd = -1;
   if (!sees_processes_ || !node.status.isDone() || node.status.pid == 0) return;
@@ -131,7 +132,7 @@ void Watcher::watchProcess(Watched& node) const {
   node.pidFd = static_cast<int>(::syscall(SYS_pidfd_open, node.status.pid, 0));
 }
 
-bool Watcher::waitForEnds(milliseconds limit, int wake_fd) {
+bool NodeWatcher::waitForEnds(milliseconds limit, int wake_fd) {
   std::vector<pollfd> watched = {{wake_fd, POLLIN, 0}, {cancel_fd_, POLLIN, 0}};
   std::vector<const std::string*> owners;
   for (const auto& [name, node] : nodes_) {
@@ -158,7 +159,7 @@ bool Watcher::waitForEnds(milliseconds limit, int wake_fd) {
   return true;
 }
 
-void Watcher::suspectByTime() {
+void NodeWatcher::suspectByTime() {
   const Clock::time_point now = Clock::now();
   if (now >= next_full_) {
     suspects_.insert(names_.begin(), names_.end());
@@ -171,7 +172,7 @@ void Watcher::suspectByTime() {
   }
 }
 
-void Watcher::suspectByChildren() {
+void NodeWatcher::suspectByChildren() {
   const auto children = childrenOf(launcher_.pid);
   if (!children) {
     // The launcher has ended; a question tells.
@@ -200,7 +201,7 @@ void Watcher::suspectByChildren() {
 }
 
 // A child that does not tell its node may be of any that is not known to run.
-void Watcher::suspectAllWithoutProcess() {
+void NodeWatcher::suspectAllWithoutProcess() {
   for (const auto& [name, node] : nodes_) {
     if (node.status.pid == 0) suspects_.insert(name);
   }

@@ -16,7 +16,7 @@ namespace vorn::launch {
 /// watches the nodes' processes and the launcher's children, and asks again for
 /// those that may have changed, and for all once a minute: a change without a
 /// process in it, such as the disabling of a stopped node, shows then.
-class Watcher {
+class NodeWatcher {
  public:
   /// A change of one node, or what it was first.
   struct Change {
@@ -30,11 +30,11 @@ class Watcher {
   /// Watches these nodes of `launcher`, which is borrowed. `client` asks for
   /// their status; `cancel_fd`, borrowed, is readable once a stop signal has
   /// arrived, -1 for none.
-  Watcher(ControlClient client, int cancel_fd, const RunningLauncher& launcher,
-          std::vector<std::string> names);
-  ~Watcher();
-  Watcher(const Watcher&) = delete;
-  Watcher& operator=(const Watcher&) = delete;
+  NodeWatcher(ControlClient client, int cancel_fd,
+              const LauncherProcess& launcher, std::vector<std::string> names);
+  ~NodeWatcher();
+  NodeWatcher(const NodeWatcher&) = delete;
+  NodeWatcher& operator=(const NodeWatcher&) = delete;
 
   /// Waits until something has changed, but not longer than `limit`, and
   /// returns the changes, the first time every node. `wake_fd` ends the wait
@@ -80,7 +80,7 @@ class Watcher {
   void suspectByChildren();
   void suspectAllWithoutProcess();
 
-  const RunningLauncher& launcher_;
+  const LauncherProcess& launcher_;
   ControlClient client_;
   int cancel_fd_;
   bool sees_processes_;  // the launcher's children are in our sight
