@@ -2,18 +2,18 @@
 
 include(CMakePackageConfigHelpers)
 
-# vorn_install_library(target DESCRIPTION text FOLDER folder [INCLUDED folder]
+# vorn_install_library(target DESCRIPTION text DIRECTORY name [INCLUDED name]
 #   [WITH target] HEADERS file...)
 #
-# Installs the library; its headers in this folder below the include folder; and a
+# Installs the library; its headers in this directory below the include directory; and a
 # package of the target's name for CMake (vorn::target) and pkg-config. INCLUDED
 # is the directory on the path of users, if it is not the include directory itself.
 # WITH is a header-only target that the library needs.
 function(vorn_install_library target)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "DESCRIPTION;FOLDER;INCLUDED;WITH" "HEADERS")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "DESCRIPTION;DIRECTORY;INCLUDED;WITH" "HEADERS")
   install(TARGETS ${target} ${arg_WITH} EXPORT ${target})
   install(FILES ${arg_HEADERS}
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${arg_FOLDER})
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${arg_DIRECTORY})
   set(package ${CMAKE_INSTALL_LIBDIR}/cmake/${target})
   install(EXPORT ${target}
     NAMESPACE vorn::

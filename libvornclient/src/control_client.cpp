@@ -199,8 +199,8 @@ class Exchange {
       return "no launcher is running: there is no socket " + path;
     }
     if (error == ECONNREFUSED) {
-      return "no launcher is running: nobody listens on " + path +
-             ", which one that has ended left behind";
+      return "no launcher is running: " + path +
+             " is a stale socket, no process listens on it";
     }
     if (error == EACCES || error == EPERM) {
       return "no permission to connect to " + path;

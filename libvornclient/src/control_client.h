@@ -26,7 +26,7 @@ enum class Outcome {
   FAILED,          // the launcher could not do it; its log says why
   NOT_FOUND,       // the launcher has no node of that name
   INVALID_NAME,    // not a name that can be sent; nothing was sent
-  NO_LAUNCHER,     // nobody listens, or we may not connect; nothing was sent
+  NO_LAUNCHER,     // no process listens, or no permission; nothing was sent
   UNTRUSTED,       // the listener, or a symbolic link at the socket's path,
                    // belongs to another user; nothing was sent
   NOT_SENT,        // given up before the request was sent: it has no effect

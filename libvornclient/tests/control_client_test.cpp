@@ -341,8 +341,8 @@ TEST(NoLauncherTest, TheSocketIsOneLeftBehind) {
   const ControlReply reply = ControlClient(options).start("planner");
   (void)::unlink(left.c_str());
   EXPECT_EQ(reply.outcome, Outcome::NO_LAUNCHER);
-  EXPECT_EQ(reply.message, "no launcher is running: nobody listens on " + left +
-                               ", which one that has ended left behind");
+  EXPECT_EQ(reply.message, "no launcher is running: " + left +
+                               " is a stale socket, no process listens on it");
 }
 
 TEST(NoLauncherTest, WeMayNotConnect) {
@@ -547,7 +547,7 @@ TEST_F(LinkedSocketTest, IsTheOnlyFileWithAnOwnerThatMatters) {
 
 // -- While others wait before us.
 
-/// Fills the queue of a launcher that accepts nobody.
+/// Fills the queue of a launcher that accepts no connection.
 class Queue {
  public:
   explicit Queue(const std::string& path) {
@@ -812,8 +812,8 @@ TEST(WindowTest, ThousandsOfCallsLeaveNoDescriptorOpen) {
   const FakeLauncher launcher(
       FakeLauncher::replyWith(replyOf(ControlResponse::Result::SUCCESS)));
   const auto descriptors = [] {
-    const std::filesystem::directory_iterator folder("/proc/self/fd");
-    return std::distance(begin(folder), end(folder));
+    const std::filesystem::directory_iterator directory("/proc/self/fd");
+    return std::distance(begin(directory), end(directory));
   };
   ControlClient client = clientOf(launcher);
   const auto before = descriptors();

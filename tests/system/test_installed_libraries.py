@@ -91,7 +91,7 @@ def fixture_prefix(request, tmp_path, build, configure, settings):
         "-DVORN_VORNCTL=OFF", f"-DCMAKE_INSTALL_LIBDIR=lib/{machine}")
     run("cmake", "--build", str(other), "--target", *PROGRAMS)
     made = tmp_path / "made"
-    for folder in ("tools/vornctl", "libvornlib"):
+    for folder in ("include", "libvornclient", "libvornlib"):
         run("cmake", "--install", str(other / folder), "--prefix", str(made))
     return made.rename(tmp_path / "moved")
 

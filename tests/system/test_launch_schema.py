@@ -22,7 +22,7 @@ BEYOND_A_SCHEMA = {
     "clone-refused", "daemonizes", "disabled-autostart", "duplicate-node",
     "executable-folder", "install-misspelt", "install-not-expanded", "launcher-library",
     "launcher-path", "long-sleep", "long-stop", "missing-executable",
-    "missing-interpreter", "missing-tool", "no-nodes", "node-name-replaced",
+    "missing-interpreter", "missing-tool", "name-like-option", "no-nodes", "node-name-replaced",
     "not-executable", "nul-in-text", "quote-in-argv", "relative-path", "repeated-key",
     "repeated-section", "required-cycle", "required-oneshot", "required-self",
     "required-unknown", "shell-in-argv", "shell-in-path", "short-sleep", "sleep-wraps",

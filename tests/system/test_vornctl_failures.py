@@ -285,8 +285,8 @@ def test_a_launcher_that_has_ended_is_exit_status_5(machine):
     machine.wait()
     done = machine.vornctl("status")
     assert (done.returncode, done.stderr) == (
-        5, f"vornctl: no launcher is running: nobody listens on {SOCKET}, which "
-        "one that has ended left behind\n")
+        5, f"vornctl: no launcher is running: {SOCKET} is a stale socket, no "
+        "process listens on it\n")
 
 
 @pytest.mark.parametrize("command, status", [

@@ -209,8 +209,8 @@ def test_the_launchers_sudden_end_is_noticed(robot, command):
         status, _, errors = client.end()
     assert status == 5
     assert errors == (
-        "vornctl: no launcher is running: nobody listens on "
-        "/tmp/vornlaunch/vornlaunch.sock, which one that has ended left behind\n")
+        "vornctl: no launcher is running: /tmp/vornlaunch/vornlaunch.sock is a stale "
+        "socket, no process listens on it\n")
 
 
 def test_another_launcher_is_not_taken_for_the_watched_one(robot):

@@ -23,9 +23,9 @@ int require(int result, const char* call) {
 }  // namespace
 
 FakeLauncher::FakeLauncher(Service service, int backlog) {
-  char folder[] = "/tmp/fake-launcher-XXXXXX";
-  if (::mkdtemp(folder) == nullptr) throw std::runtime_error("mkdtemp");
-  folder_ = folder;
+  char directory[] = "/tmp/fake-launcher-XXXXXX";
+  if (::mkdtemp(directory) == nullptr) throw std::runtime_error("mkdtemp");
+  folder_ = directory;
   path_ = folder_ + "/socket";
   sockaddr_un address{};
   address.sun_family = AF_UNIX;

@@ -10,15 +10,15 @@
 namespace vorn::test {
 
 /// A server in the launcher's place, for one connection after the other. It
-/// listens from its construction to its destruction on a socket in a folder of
-/// its own, in a thread of its own.
+/// listens from its construction to its destruction on a socket in a directory
+/// of its own, in a thread of its own.
 class FakeLauncher {
  public:
   /// Serves one accepted connection, which is closed when this returns.
   using Service = std::function<void(int connection)>;
 
-  /// With `service` empty, nobody accepts: connections stay in the queue, which
-  /// takes `backlog` of them and one more.
+  /// With `service` empty, no connection is accepted: connections stay in the
+  /// queue, which takes `backlog` of them and one more.
   explicit FakeLauncher(Service service, int backlog = 5);
   ~FakeLauncher();
   FakeLauncher(const FakeLauncher&) = delete;
