@@ -334,18 +334,32 @@ def test_another_socket_can_be_named(machine):
 
 
 @contextlib.contextmanager
-def no_room(machine):
-    """Within this context the launcher is held, and no connection can wait."""
-    folder = os.open(machine.tmp / "vornlaunch", os.O_PATH)
-    with contextlib.ExitStack() as stack, held(machine):
-        stack.callback(os.close, folder)
+def full_queue(machine):
+    """Within this context idle connections fill the queue of the launcher, which
+    must not accept any."""
+    directory = os.open(machine.tmp / "vornlaunch", os.O_PATH)
+    with contextlib.ExitStack() as stack:
+        stack.callback(os.close, directory)
         with contextlib.suppress(BlockingIOError):
             while True:
                 client = stack.enter_context(
                     socket.socket(socket.AF_UNIX, socket.SOCK_STREAM))
                 client.setblocking(False)
-                client.connect(f"/proc/self/fd/{folder}/vornlaunch.sock")
+                client.connect(f"/proc/self/fd/{directory}/vornlaunch.sock")
         yield
+
+
+@contextlib.contextmanager
+def no_room(machine):
+    """Within this context the launcher is held, and no connection can wait."""
+    with held(machine), full_queue(machine):
+        yield
+
+
+def suspend(machine):
+    """Stops the launcher with SIGSTOP."""
+    machine.signal(signal.SIGSTOP)
+    eventually(lambda: machine.process.state == "T", "the launcher is suspended")
 
 
 @pytest.mark.parametrize("option", ["--connect-timeout", "--timeout"])
@@ -362,6 +376,16 @@ def test_a_launcher_without_room_is_exit_status_6(machine, command, option):
     # Of all these connections one was a request: the last.
     texts = [line.text for line in machine.log()[before:]]
     assert sum(text.startswith("control cmd:") for text in texts) == 1
+
+
+def test_the_connect_timeout_replaces_the_timeout_while_connecting(machine):
+    machine.start({})
+    suspend(machine)
+    with full_queue(machine):
+        done = machine.vornctl(
+            "ping", "--timeout", "100ms", "--connect-timeout", "200ms")
+    assert done.returncode == 6
+    assert "it accepted no connection within 0.2 s" in done.stderr
 
 
 def test_the_queue_is_waited_for(machine):
@@ -441,8 +465,7 @@ def test_the_connect_timeout_bounds_the_time_to_the_first_answer(slow):
 
 def test_a_suspended_launcher_is_named_with_the_remedy(machine):
     machine.start({})
-    machine.signal(signal.SIGSTOP)
-    eventually(lambda: machine.process.state == "T", "the launcher is suspended")
+    suspend(machine)
     done = machine.vornctl("ping", "--timeout", "300ms")
     assert (done.returncode, done.stderr) == (
         7, "vornctl: no reply within 0.3 s; nothing was changed: launcher "

@@ -51,6 +51,7 @@ ExitStatus Context::findLauncher() {
   ControlOptions options =
       client(kStatusReplyLimit, "waiting for the launcher").options();
   if (settings_.connectLimit) {
+    options.connectLimit = *settings_.connectLimit;
     options.replyLimit = *settings_.connectLimit;
     options.totalLimit = *settings_.connectLimit;
   }
