@@ -473,24 +473,43 @@ def test_a_suspended_launcher_is_named_with_the_remedy(machine):
         "it\n")
 
 
-def test_a_client_that_holds_the_launcher_is_named(machine):
-    machine.start({})
-    holder = machine.file("holder.py", (
+def explanation_while_a_client_blocks(machine):
+    """The message of a ping while another client blocks the launcher, and the
+    pid of that client."""
+    client = machine.file("client.py", (
         "import os, socket, time\nclient = socket.socket(socket.AF_UNIX)\n"
         f"client.connect('{SOCKET}')\nprint(os.getpid(), flush=True)\n"
         "time.sleep(1000)\n"))
-    with subprocess.Popen(machine.enter(PYTHON, "-I", holder),
-                          stdout=subprocess.PIPE) as client:
-        pid = int(client.stdout.readline())
+    with subprocess.Popen(machine.enter(PYTHON, "-I", client),
+                          stdout=subprocess.PIPE) as process:
+        pid = int(process.stdout.readline())
         try:
             wait_until_blocked(machine, "unix_stream")
-            done = machine.vornctl("ping", "--timeout", "300ms")
+            return machine.vornctl("ping", "--timeout", "300ms").stderr, pid
         finally:
             machine.run("kill", str(pid))
-    assert done.stderr == (
+
+
+def test_a_client_that_blocks_the_launcher_is_named(machine):
+    machine.start({})
+    message, pid = explanation_while_a_client_blocks(machine)
+    assert message == (
         "vornctl: no reply within 0.3 s; nothing was changed: launcher "
         f"{machine.pid} waits for the request of another client, process "
         f"{pid} ({pathlib.Path(PYTHON).name})\n")
+
+
+def test_the_reader_of_the_log_is_not_named_as_the_client(machine):
+    # As under a service manager, which reads the log from a Unix socket. The
+    # reader has a lower pid than the client.
+    wrapper = machine.file("log_reader.py", (
+        "import os, socket, sys\nours, theirs = socket.socketpair()\n"
+        "if os.fork() == 0:\n    theirs.close()\n"
+        "    while ours.recv(4096):\n        pass\n    os._exit(0)\n"
+        "os.dup2(theirs.fileno(), 2)\nos.execv(sys.argv[1], sys.argv[1:])\n"))
+    machine.start({}, wrapper=[PYTHON, "-I", wrapper])
+    message, pid = explanation_while_a_client_blocks(machine)
+    assert f"waits for the request of another client, process {pid} (" in message
 
 
 def test_a_launcher_that_a_cycle_blocks_is_told(machine):
