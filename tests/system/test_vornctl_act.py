@@ -80,7 +80,7 @@ def test_what_is_so_already_is_said(robot):
         f"lidar: already enabled and running (pid {pid})\n")
     for command, said in [
             ("stop", "stopped"), ("stop", "already stopped"),
-            ("enable", "already enabled; start it with 'vornctl start lidar'"),
+            ("enable", "already enabled; start it with: vornctl start lidar"),
             ("disable", "disabled"), ("disable", "already disabled"),
             ("stop", "already stopped")]:
         done = robot.vornctl(command, "lidar")
@@ -108,7 +108,22 @@ def test_a_node_that_restarts_by_itself_is_enabled_already(machine):
 def test_a_node_that_the_launch_file_disables_is_enabled(machine):
     machine.start({"vornnode": {"off": {"path": "/bin/true", "disabled": True}}})
     assert machine.vornctl("enable", "off").stdout == (
-        "off: enabled; start it with 'vornctl start off'\n")
+        "off: enabled; start it with: vornctl start off\n")
+
+
+@pytest.mark.parametrize("name, argument", [
+    ("--all", "-- --all"), ("a b", "'a b'"), ("$(touch x)", "'$(touch x)'")])
+def test_the_printed_command_starts_only_that_node(machine, name, argument):
+    path = machine.script("stay", "exec sleep 1000")
+    machine.start({"vornnode": {
+        each: {"path": path, "disabled": True} for each in (name, "other")}})
+    failed = machine.vornctl("start", "--", name)
+    command = failed.stderr.split("; start it with: vornctl ")[1].rstrip("\n")
+    assert command == f"enable --now {argument}"
+    done = machine.execute("sh", "-c", f"{VORNCTL} {command}")
+    assert (done.returncode, done.stderr) == (0, "")
+    assert machine.status(name).state is State.RUNNING
+    assert machine.status("other").state is not State.RUNNING
 
 
 def test_enable_says_how_to_start(robot):
@@ -116,7 +131,7 @@ def test_enable_says_how_to_start(robot):
     assert (done.returncode, done.stdout) == (0, "lidar: disabled\n")
     assert robot.status("lidar").state == State.DISABLED
     done = robot.vornctl("enable", "lidar")
-    assert (done.returncode, done.stdout) == (0, "lidar: enabled; start it with 'vornctl start lidar'\n")
+    assert (done.returncode, done.stdout) == (0, "lidar: enabled; start it with: vornctl start lidar\n")
     assert robot.status("lidar").state != State.RUNNING
     assert commands(robot) == [Cmd.DISABLE, Cmd.ENABLE]
 
@@ -238,8 +253,8 @@ def why(done):
 def test_a_missing_executable_is_told(machine, command):
     missing(machine)
     assert why(machine.vornctl(command, "camera")) == (
-        "its executable /tmp/bin/none is missing, so it was disabled; put it "
-        "there, then 'vornctl enable --now camera'")
+        "its executable /tmp/bin/none is missing, so it was disabled; install "
+        "it, then run: vornctl enable --now camera")
     machine.script("none", "exec sleep 1000")
     assert machine.vornctl("enable", "--now", "camera").returncode == 0
 
@@ -248,8 +263,8 @@ def test_a_oneshot_that_has_run_is_told(machine):
     machine.start({"vornnode": {"camera": {"path": "/bin/true", "oneshot": True}}})
     machine.wait_for_state("camera", State.DISABLED)
     assert why(machine.vornctl("start", "camera")) == (
-        "it is a oneshot and has run; 'vornctl enable --now camera' runs it "
-        "again")
+        "it is a oneshot and has run; run it again with: vornctl enable --now "
+        "camera")
 
 
 def test_the_start_that_autostart_false_skips_is_told(machine):
@@ -265,7 +280,7 @@ def test_the_start_that_autostart_false_skips_is_told(machine):
 def test_a_disabled_node_is_told(robot):
     robot.request(Cmd.DISABLE, "camera")
     assert why(robot.vornctl("start", "camera")) == (
-        "it is disabled; 'vornctl enable --now camera' starts it")
+        "it is disabled; start it with: vornctl enable --now camera")
 
 
 def test_enable_now_of_a_node_that_cannot_start_fails(machine):

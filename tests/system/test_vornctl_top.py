@@ -257,7 +257,7 @@ def test_a_failure_is_explained(robot):
     terminal.press("End", "s")
     screen = terminal.wait_for_text("failed")
     assert screen[-2] == (
-        "off: start failed: it is disabled; 'vornctl enable --now off' starts it")
+        "off: start failed: it is disabled; start it with: vornctl enable --now off")
 
 
 @pytest.mark.parametrize("key, question", [

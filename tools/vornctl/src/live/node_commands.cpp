@@ -1,5 +1,7 @@
 #include "live/node_commands.h"
 
+#include "output/text.h"
+
 namespace vorn::launch {
 namespace {
 
@@ -9,15 +11,15 @@ std::string explainDisabled(const LauncherProcess& launcher,
                             const std::string& name,
                             const StatusReply& status) {
   const LaunchNode* const node = launcher.file.find(name);
-  const std::string remedy = "'vornctl enable --now " + name + "'";
+  const std::string remedy = "vornctl enable --now " + shellArgument(name);
   if (node != nullptr && executableExists(launcher, *node) == false) {
     return "its executable " + node->executable +
-           " is missing, so it was disabled; put it there, then " + remedy;
+           " is missing, so it was disabled; install it, then run: " + remedy;
   }
   if (node != nullptr && node->oneshot && status.startSeconds != 0) {
-    return "it is a oneshot and has run; " + remedy + " runs it again";
+    return "it is a oneshot and has run; run it again with: " + remedy;
   }
-  return "it is disabled; " + remedy + " starts it";
+  return "it is disabled; start it with: " + remedy;
 }
 
 /// Whether the node could be started before it was enabled. The state DISABLED
@@ -47,7 +49,7 @@ std::string describeEnabled(const LauncherProcess& launcher,
       return text + "; it restarts by itself";
     }
   }
-  return text + "; start it with 'vornctl start " + name + "'";
+  return text + "; start it with: vornctl start " + shellArgument(name);
 }
 
 }  // namespace

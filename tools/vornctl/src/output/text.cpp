@@ -15,4 +15,23 @@ std::string upperCase(std::string text) {
   return text;
 }
 
+std::string shellArgument(const std::string& text) {
+  constexpr char kPlain[] =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789%+,-./"
+      ":=@_";
+  const std::string prefix = text.rfind('-', 0) == 0 ? "-- " : "";
+  const bool is_plain =
+      !text.empty() && text.find_first_not_of(kPlain) == std::string::npos;
+  if (is_plain) return prefix + text;
+  std::string quoted;
+  for (const char letter : text) {
+    if (letter == '\'') {
+      quoted += "'\\''";
+    } else {
+      quoted += letter;
+    }
+  }
+  return prefix + '\'' + quoted + '\'';
+}
+
 }  // namespace vorn::launch

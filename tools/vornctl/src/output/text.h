@@ -10,4 +10,9 @@ std::string untilNul(const std::string& text);
 /// The text with its lower-case ASCII letters as capitals.
 std::string upperCase(std::string text);
 
+/// The text as the last argument of a command that a POSIX shell reads: quoted
+/// if it contains other characters than letters, digits and "%+,-./:=@_", and
+/// after "-- " if the command would parse it as an option.
+std::string shellArgument(const std::string& text);
+
 }  // namespace vorn::launch
