@@ -12,6 +12,7 @@
 
 #include "memory_use.h"
 #include "node_manager.h"
+#include "vorn/launch_rules.h"
 #include "vornlib/time.h"
 #include "vornlib/trace.h"
 
@@ -21,8 +22,8 @@ namespace {
 constexpr mode_t kChildUmask = 077;  // what a node creates is its user's alone
 constexpr int kExecFailedStatus = 127;
 constexpr uint32_t kMicrosecondsPerMillisecond = 1000;
-constexpr int kStopPasses = 50;
-constexpr useconds_t kStopPauseUs = 200'000;
+constexpr useconds_t kStopPauseUs =
+    std::chrono::microseconds(kStopPause).count();
 constexpr size_t kCountBufferSize = 5;  // 4 characters per read
 
 void exportEnvironment(const Environment& environment) {

@@ -4,16 +4,11 @@
 #include <new>
 #include <utility>
 
+#include "vorn/launch_rules.h"
 #include "vornlib/time.h"
 #include "vornlib/trace.h"
 
 namespace vorn::launch {
-namespace {
-
-constexpr int kRestartIntervalSeconds = 5;
-
-}  // namespace
-
 NodeManager& NodeManager::getInstance() {
   static NodeManager* instance = nullptr;
   static std::once_flag once;
@@ -58,7 +53,7 @@ bool NodeManager::pollingRestart() {
     if (node->state != NodeState::RESTARTING) continue;
     // From the last start, not from the exit: a node that ran long enough is
     // back at once, one that dies at once cannot spin.
-    if (static_cast<int>(node->getStartInterval()) < kRestartIntervalSeconds) {
+    if (node->getStartInterval() < kRestartInterval.count()) {
       pending = true;
       continue;
     }

@@ -7,6 +7,7 @@
 
 #include "config.h"
 #include "node_manager.h"
+#include "vorn/launch_rules.h"
 #include "vornlib/path.h"
 #include "vornlib/time.h"
 #include "vornlib/trace.h"
@@ -160,7 +161,7 @@ void Parser::parseNodes(const YAML::Node& nodes) {
 void Parser::parseNode(const std::string& name, const YAML::Node& description,
                        const KeyHandlers& handlers) {
   auto node = std::make_unique<Node>(name);
-  node->environment.emplace_back("__VORN_NODE_NAME__", name + "(vornlaunch)");
+  node->environment.emplace_back(kNodeNameVariable, name + kNodeNameSuffix);
   const YAML::Node path = description["path"];
   if (!path) {
     VTRACE(kWarn, kPlain, "No node's path!");

@@ -7,6 +7,7 @@
 
 #include "launchfile/required_graph.h"
 #include "output/table.h"
+#include "vorn/launch_rules.h"
 
 namespace vorn::launch {
 namespace {
@@ -15,9 +16,8 @@ using Json = nlohmann::ordered_json;
 
 // Grows when a member changes its meaning or goes; not when one is added.
 constexpr int kSchemaVersion = 1;
-// Ten seconds of waiting, and the hundred runs of ps meanwhile.
-constexpr std::chrono::milliseconds kLongestStop = std::chrono::seconds(11);
-constexpr char kNodeName[] = "__VORN_NODE_NAME__";
+// A stop runs `ps` a hundred times between its pauses.
+constexpr auto kLongestStopWithChecks = kLongestStop + std::chrono::seconds(1);
 
 /// A variable of a node's environment and its source.
 struct Given {
@@ -36,7 +36,8 @@ std::vector<Given> environmentOf(const ParsedLaunchFile& parsed,
     given.push_back({variable.name.value, variable.value.value, "configure",
                      variable.name.place});
   }
-  given.push_back({kNodeName, nodeNameValue(node.name.value), "launcher", {}});
+  given.push_back(
+      {kNodeNameVariable, nodeNameValue(node.name.value), "launcher", {}});
   for (const Variable& variable : node.environment) {
     given.push_back({variable.name.value, variable.value.value, "node",
                      variable.name.place});
@@ -222,7 +223,7 @@ void printTimeline(Output& out, const ResolvedFile& file) {
 
 void printStopTimeout(Output& out, const ResolvedFile& file) {
   const RequiredGraph graph(file.parsed);
-  const auto duration = graph.stopOfAll(kLongestStop);
+  const auto duration = graph.stopOfAll(kLongestStopWithChecks);
   if (!duration) {
     out << "never\n";
     return;

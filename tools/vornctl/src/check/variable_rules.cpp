@@ -5,12 +5,11 @@
 #include <vector>
 
 #include "check/rules.h"
+#include "vorn/launch_rules.h"
+#include "vornlib/path.h"
 
 namespace vorn::launch {
 namespace {
-
-constexpr char kNodeName[] = "__VORN_NODE_NAME__";
-constexpr char kInstallPrefix[] = "install://";
 
 std::string quoted(const std::string& text) { return "'" + text + "'"; }
 
@@ -91,10 +90,11 @@ std::string misspeltInstall(const std::string& value) {
        {"install:", "install//", "instal:", "intall:", "insatll:"}) {
     for (size_t found = lower.find(word); found != std::string::npos;
          found = lower.find(word, found + 1)) {
-      const size_t end = std::min(value.size(), found + sizeof("install://"));
+      const size_t end =
+          std::min(value.size(), found + path::kInstallPrefix.size() + 1);
       const bool begins = found == 0 || value[found - 1] == ':';
-      const bool is_right =
-          value.compare(found, sizeof(kInstallPrefix) - 1, kInstallPrefix) == 0;
+      const bool is_right = value.compare(found, path::kInstallPrefix.size(),
+                                          path::kInstallPrefix) == 0;
       if (begins && !is_right) return value.substr(found, end - found);
     }
   }
@@ -111,7 +111,7 @@ void checkInstall(const Variable& variable, Diagnostics& diagnostics) {
 
 void checkNotExpanded(const Text& text, const std::string& what,
                       Diagnostics& diagnostics) {
-  if (text.value.find(kInstallPrefix) == std::string::npos &&
+  if (text.value.find(path::kInstallPrefix) == std::string::npos &&
       misspeltInstall(text.value).empty()) {
     return;
   }
@@ -127,9 +127,9 @@ void checkNode(const ParsedNode& node, Diagnostics& diagnostics) {
     checkVariable(variable, diagnostics);
     checkInstall(variable, diagnostics);
     checkNotExpanded(variable.name, "the name of a variable", diagnostics);
-    if (variable.name.value == kNodeName) {
+    if (variable.name.value == kNodeNameVariable) {
       diagnostics.add("node-name-replaced", variable.name.place,
-                      std::string("'") + kNodeName + "'" + of_node +
+                      std::string("'") + kNodeNameVariable + "'" + of_node +
                           " replaces the name by which its process is known");
     }
   }
@@ -162,9 +162,9 @@ bool hasTools(const std::string& path) {
 
 void checkLaunchersOwn(const Variable& variable, Diagnostics& diagnostics) {
   const std::string& name = variable.name.value;
-  if (name == kNodeName) {
+  if (name == kNodeNameVariable) {
     diagnostics.add("node-name-replaced", variable.name.place,
-                    std::string("a global '") + kNodeName +
+                    std::string("a global '") + kNodeNameVariable +
                         "' is replaced in every node by the launcher's own");
   }
   if (name == "PATH" && !hasTools(variable.value.value)) {

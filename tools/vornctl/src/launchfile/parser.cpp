@@ -14,14 +14,15 @@
 
 #include "launchfile/other_language.h"
 #include "output/text.h"
+#include "vorn/launch_rules.h"
+#include "vornlib/path.h"
 
 namespace vorn::launch {
 namespace {
 
 constexpr char kBinPath[] = "VORN_BIN_PATH";
 constexpr char kRoot[] = "VORN_ROOT";
-constexpr char kInstallPrefix[] = "install://";
-constexpr size_t kReplaced = sizeof("install:/") - 1;  // one slash stays
+constexpr size_t kReplaced = path::kInstallPrefix.size() - 1;  // one slash stays
 
 Place placeOf(const YAML::Mark& mark) {
   return mark.is_null() ? Place{} : Place{mark.line + 1, mark.column + 1};
@@ -306,8 +307,8 @@ class Reader {
 
   /// The root is settled at the first use of the prefix, and then stays.
   std::string expand(std::string value) {
-    for (size_t found = value.find(kInstallPrefix); found != std::string::npos;
-         found = value.find(kInstallPrefix)) {
+    for (size_t found = value.find(path::kInstallPrefix);
+         found != std::string::npos; found = value.find(path::kInstallPrefix)) {
       if (!install_root_) {
         install_root_ =
             installRoot(variables_[kRoot], surroundings_.executableRoot);
@@ -497,7 +498,7 @@ std::string ownVariable(const char* name) {
 }  // namespace
 
 std::string nodeNameValue(const std::string& name) {
-  return name + "(vornlaunch)";
+  return name + kNodeNameSuffix;
 }
 
 std::string exportedName(const std::string& name) {

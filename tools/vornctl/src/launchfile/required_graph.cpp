@@ -5,14 +5,14 @@
 #include <unordered_map>
 #include <utility>
 
+#include "vorn/launch_rules.h"
+
 namespace vorn::launch {
 namespace {
 
 using std::chrono::milliseconds;
 
 constexpr uint32_t kMicrosecondsPerMillisecond = 1000;
-constexpr milliseconds kStop = std::chrono::seconds(10);
-constexpr milliseconds kPause{200};  // between a stop and the start behind it
 constexpr milliseconds kLongest = std::chrono::hours(24 * 365);
 constexpr int64_t kMostStops = 1'000'000'000;
 constexpr size_t kNone = static_cast<size_t>(-1);
@@ -117,7 +117,7 @@ RequiredGraph::Cascade RequiredGraph::cascadeOf(
     if (running_above != kNone && edge.to <= running_above) break;
     const ParsedNode& other = reading_.nodes[edge.to];
     sum.stops += others[edge.to]->stops;
-    sum.duration += others[edge.to]->duration + kPause;
+    sum.duration += others[edge.to]->duration + kStopPause;
     if (!other.oneshot.value) {
       sum.duration += milliseconds(effectiveSleepMs(other.sleepMs.value));
     }
@@ -132,7 +132,7 @@ std::vector<std::optional<RequiredGraph::Cascade>> RequiredGraph::cascades()
   std::vector<std::optional<Cascade>> cascades(edges_.size());
   for (const size_t node : order_) {
     if (reachesCycle(node, cascades)) continue;
-    cascades[node] = cascadeOf(edges_[node], kNone, kStop, cascades);
+    cascades[node] = cascadeOf(edges_[node], kNone, kLongestStop, cascades);
   }
   return cascades;
 }

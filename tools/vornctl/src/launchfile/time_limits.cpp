@@ -4,6 +4,7 @@
 #include <set>
 
 #include "launchfile/required_graph.h"
+#include "vorn/launch_rules.h"
 
 namespace vorn::launch {
 namespace {
@@ -11,8 +12,6 @@ namespace {
 using std::chrono::milliseconds;
 using Cmd = ControlRequest::Cmd;
 
-constexpr milliseconds kStop = std::chrono::seconds(10);
-constexpr milliseconds kPause{200};  // after the stop in a restart
 constexpr milliseconds kLongest = std::chrono::hours(24);
 constexpr milliseconds kGrace = std::chrono::seconds(30);
 
@@ -22,14 +21,14 @@ class Estimate {
 
   milliseconds ofStop(const std::string& name) {
     const LaunchNode* const node = file_.find(name);
-    milliseconds sum = kStop;
+    milliseconds sum = kLongestStop;
     // The paths multiply: what is out of all bounds need not be walked.
-    if (++stops_ > kLongest / kStop) return kLongest;
+    if (++stops_ > kLongest / kLongestStop) return kLongest;
     // A node on the way here is no new stop.
     if (node == nullptr || !on_path_.insert(name).second) return sum;
     for (const std::string& other : node->required) {
       if (other == name || file_.find(other) == nullptr) continue;
-      sum += ofStop(other) + kPause + sleepOf(other);
+      sum += ofStop(other) + kStopPause + sleepOf(other);
       if (sum > kLongest) break;
     }
     on_path_.erase(name);
@@ -57,8 +56,9 @@ milliseconds longestDuration(const LaunchFile& file, Cmd cmd,
     case Cmd::DISABLE:
       return estimate.ofStop(name);
     case Cmd::RESTART:
-      return std::min(estimate.ofStop(name) + kPause + estimate.sleepOf(name),
-                      kLongest);
+      return std::min(
+          estimate.ofStop(name) + kStopPause + estimate.sleepOf(name),
+          kLongest);
     case Cmd::START:
       return std::min(estimate.sleepOf(name), kLongest);
     case Cmd::STATUS:

@@ -16,6 +16,7 @@
 #include "live/launcher_file.h"
 #include "live/proc_file.h"
 #include "system/descriptor.h"
+#include "vorn/launch_rules.h"
 
 namespace vorn::launch {
 namespace {
@@ -281,8 +282,8 @@ std::optional<std::vector<pid_t>> childrenOf(pid_t launcher) {
 std::optional<std::string> nodeOf(pid_t process) {
   const auto text = readProcFile(procFile(process, "environ"));
   if (!text) return std::nullopt;
-  const std::string variable = "__VORN_NODE_NAME__=";
-  const std::string ending = "(vornlaunch)";
+  const std::string variable = std::string(kNodeNameVariable) + "=";
+  const std::string ending = kNodeNameSuffix;
   for (const std::string& entry : splitAtNuls(*text)) {
     if (entry.rfind(variable, 0) != 0) continue;
     std::string name = entry.substr(variable.size());

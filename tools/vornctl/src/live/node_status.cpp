@@ -4,10 +4,10 @@
 #include <cstdio>
 #include <ctime>
 
+#include "vorn/launch_rules.h"
+
 namespace vorn::launch {
 namespace {
-
-constexpr int64_t kRestartInterval = 5;  // seconds from start to start
 
 Condition conditionOf(const LauncherProcess& launcher,
                       const StatusReply& status) {
@@ -67,7 +67,8 @@ NodeView viewOf(const LauncherProcess& launcher, const std::string& name,
   }
   if (view.condition == Condition::RESTARTING) {
     view.restartInSeconds = std::clamp<int64_t>(
-        status.startSeconds - now + kRestartInterval, 0, kRestartInterval);
+        status.startSeconds - now + kRestartInterval.count(), 0,
+        kRestartInterval.count());
   }
   return view;
 }
