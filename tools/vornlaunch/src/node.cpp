@@ -10,8 +10,8 @@
 #include <cstring>
 #include <utility>
 
-#include "memory_use.h"
 #include "node_manager.h"
+#include "node_memory.h"
 #include "vorn/launch_rules.h"
 #include "vornlib/time.h"
 #include "vornlib/trace.h"

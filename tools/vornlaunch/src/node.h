@@ -32,7 +32,7 @@ class Node final {
   Node(const Node&) = delete;
   Node& operator=(const Node&) = delete;
 
-  // Next to the other nodes, see memory_use.h. The class is final, because the
+  // Next to the other nodes, see node_memory.h. The class is final, because the
   // place is always of its own size.
   static void* operator new(size_t size);
   static void operator delete(void* memory) noexcept;

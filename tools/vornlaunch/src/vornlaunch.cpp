@@ -16,8 +16,8 @@
 
 #include "control_node.h"
 #include "epoll.h"
-#include "memory_use.h"
 #include "node_manager.h"
+#include "node_memory.h"
 #include "parser.h"
 #include "signal_handler.h"
 #include "vornlib/time.h"

@@ -1,4 +1,4 @@
-#include "memory_use.h"
+#include "node_memory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
