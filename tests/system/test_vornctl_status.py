@@ -328,15 +328,17 @@ def test_a_name_cannot_speak_to_the_terminal(machine):
 
 
 def test_a_name_that_looks_like_an_option_is_not_taken_for_one(machine):
-    machine.start(stay(machine, **{"--all": {}, "-y": {}, "camera": {}}))
-    assert machine.vornctl("names").stdout == "\\x2d-all\n\\x2dy\ncamera\n"
+    machine.start(stay(machine, **{
+        "--all": {}, "-y": {}, "x --version": {}, "camera": {}}))
+    assert machine.vornctl("names").stdout == (
+        "\\x2d-all\n\\x2dy\nx \\x2d-version\ncamera\n")
     done = machine.execute(
         "sh", "-c", f"{VORNCTL} names | grep -v camera | xargs {VORNCTL} stop")
     assert (done.returncode, done.stdout) == (123, "")
     done = machine.execute(
         "sh", "-c", f"{VORNCTL} names -0 | xargs -0 {VORNCTL} stop --")
     assert (done.returncode, done.stdout) == (
-        0, "camera: stopped\n-y: stopped\n--all: stopped\n")
+        0, "camera: stopped\nx --version: stopped\n-y: stopped\n--all: stopped\n")
 
 
 # -- Where the names come from.

@@ -37,7 +37,7 @@ constexpr CheckInfo kChecks[] = {
     {"unknown-ignore", kWarning, "a comment that silences nothing known"},
     // Nodes: checks_nodes.cpp.
     {"name-too-long", kError, "a node that cannot be controlled"},
-    {"name-like-option", kWarning, "a node's name that starts with a dash"},
+    {"name-like-option", kWarning, "a node's name that contains an option"},
     {"nul-in-name", kError, "a node's name with a NUL in it"},
     {"node-dropped", kWarning, "a node without a path"},
     {"duplicate-node", kWarning, "two nodes of one name"},

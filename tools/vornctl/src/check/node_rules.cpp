@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <string>
 
@@ -17,6 +18,15 @@ std::string named(const ParsedNode& node) {
   return "node '" + node.name.value + "'";
 }
 
+/// The position of the first dash that follows a blank; npos if there is none.
+size_t dashAfterBlank(const std::string& text) {
+  for (size_t dash = text.find('-', 1); dash != std::string::npos;
+       dash = text.find('-', dash + 1)) {
+    if (std::strchr(" \t\n", text[dash - 1]) != nullptr) return dash;
+  }
+  return std::string::npos;
+}
+
 void checkName(const ParsedNode& node, Diagnostics& diagnostics) {
   const std::string& name = node.name.value;
   if (name.size() > kLongestName) {
@@ -25,11 +35,17 @@ void checkName(const ParsedNode& node, Diagnostics& diagnostics) {
                         " bytes; with more than 127 it cannot be controlled");
   }
   if (name.rfind('-', 0) == 0) {
-    diagnostics.add(
-        "name-like-option", node.name.place,
-        "the name '" + name +
-            "' starts with a dash; after 'vornctl stop' it is taken "
-            "for an option");
+    diagnostics.add("name-like-option", node.name.place,
+                    "the name '" + name +
+                        "' starts with a dash; 'vornctl stop' parses it as an "
+                        "option");
+  } else if (const size_t dash = dashAfterBlank(name);
+             dash != std::string::npos) {
+    diagnostics.add("name-like-option", node.name.place,
+                    "the name '" + name +
+                        "' has a dash after a blank; where the name is split, "
+                        "as by xargs, 'vornctl stop' parses '" +
+                        name.substr(dash) + "' as an option");
   }
   if (name.find('\0') != std::string::npos) {
     diagnostics.add("nul-in-name", node.name.place,

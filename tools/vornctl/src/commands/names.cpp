@@ -5,11 +5,18 @@
 namespace vorn::launch {
 namespace {
 
-/// A name on a line. A leading dash is escaped, so that "names | xargs vornctl
-/// stop" does not take the name for an option.
+/// The name on a line. A dash at the start or after a space is escaped, which
+/// makes it less likely that a command parses a part of the name as an option.
 OutputText lineFor(const std::string& name) {
-  if (name.rfind('-', 0) != 0) return terminalText(name) + "\n";
-  return "\\x2d" + terminalText(name.substr(1)) + "\n";
+  OutputText line;
+  size_t begin = 0;
+  for (size_t dash = name.find('-'); dash != std::string::npos;
+       dash = name.find('-', dash + 1)) {
+    if (dash > 0 && name[dash - 1] != ' ') continue;
+    line += terminalText(name.substr(begin, dash - begin)) + "\\x2d";
+    begin = dash + 1;
+  }
+  return line + terminalText(name.substr(begin)) + "\n";
 }
 
 }  // namespace
