@@ -284,6 +284,17 @@ def test_a_tab_in_the_indentation_is_named(vornctl, text, line):
         "spaces only [syntax]\n")
 
 
+@pytest.mark.parametrize("text, line", [
+    ('{\n\t"vornnode": {\n\t\t"a": {"path": "/x"}\n\t\t"b": {"path": "/y"}\n\t}\n}\n', 4),
+    ('vornnode:\n  a: {\n\tpath: /x\n', 4),
+    ('vornnode:\n  a: {path: /x,\n\targv: ]}\n', 3),
+])
+def test_a_valid_tab_is_not_the_reason_of_another_error(vornctl, text, line):
+    stdout = vornctl("-", text=text).stdout
+    assert stdout.startswith(f"<stdin>:{line}:"), stdout
+    assert "tab" not in stdout
+
+
 @pytest.mark.parametrize("program_and_arguments", [
     "nginx -c /a", "nginx -p /a", "sshd -D", "sshd -eD", "lighttpd -D -f /a",
     "mosquitto -c /a", "redis-server --daemonize no", "other -d", "cron -f",

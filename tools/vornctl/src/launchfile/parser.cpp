@@ -100,6 +100,36 @@ Place secondDocumentIn(const YAML::Node& root, const std::string& text) {
   return starts.places.size() < 2 ? Place{} : starts.places[1];
 }
 
+/// The text with each tab in the indentation of a line as `width` spaces.
+std::string withoutTabs(const std::string& text, size_t width) {
+  std::string result;
+  bool is_indentation = true;
+  for (const char letter : text) {
+    if (letter == '\t' && is_indentation) {
+      result.append(width, ' ');
+      continue;
+    }
+    result += letter;
+    is_indentation = letter == '\n' || (is_indentation && letter == ' ');
+  }
+  return result;
+}
+
+/// Whether tabs in the indentation cause the syntax error in this line, counted
+/// from 0: with spaces, as many as people usually set for a tab, the line is
+/// valid.
+bool isCausedByTabs(const std::string& text, int line) {
+  const auto widths = {2U, 4U, 8U};
+  return std::any_of(widths.begin(), widths.end(), [&](size_t width) {
+    try {
+      (void)YAML::Load(withoutTabs(text, width));
+    } catch (const YAML::Exception& failure) {
+      return failure.mark.line != line;
+    }
+    return true;
+  });
+}
+
 /// Reads one document. The calls of yaml-cpp are those of the launcher, in its
 /// order, so that the same ones fail.
 class Reader {
@@ -160,8 +190,8 @@ class Reader {
     reading_.loadErrors.push_back({check, place, message, exception.what()});
   }
 
-  /// A tab in the indentation is mentioned, as the parser's message is mostly
-  /// about its consequences.
+  /// Names a tab in the indentation if it is the cause, as the parser's message
+  /// is mostly about its consequences.
   void addSyntaxFault(const YAML::Exception& failure) {
     const Place place = placeOf(failure.mark);
     for (int line = place.line; line >= place.line - 1; --line) {
@@ -169,6 +199,7 @@ class Reader {
       const size_t tab =
           text.substr(0, text.find_first_not_of(" \t")).find('\t');
       if (tab == std::string_view::npos) continue;
+      if (!isCausedByTabs(document_.text(), failure.mark.line)) break;
       addFault("syntax", {line, static_cast<int>(tab) + 1},
                "this line is indented with a tab; indent with spaces only",
                failure);
