@@ -545,6 +545,14 @@ def test_closed_standard_descriptors_change_nothing_of_what_is_done(machine):
         State.STOPPED}
 
 
+@pytest.mark.parametrize("command", ["check", "graph"])
+def test_a_closed_standard_input_cannot_be_read(machine, command):
+    machine.start_without_launcher()
+    done = machine.execute("sh", "-c", f"{VORNCTL} {command} - <&-")
+    assert done.returncode == 2
+    assert "cannot read <stdin>: Bad file descriptor" in done.stderr
+
+
 @pytest.mark.parametrize("command", ["status", "names", "ping", "stop camera"])
 def test_output_that_cannot_be_written_is_an_error(machine, command):
     machine.start({"vornnode": {"camera": {"path": "/bin/true"}}})

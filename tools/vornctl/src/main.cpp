@@ -23,11 +23,12 @@ extern "C" void onStopSignal(int signal) {
   (void)!::write(cancel_pipe[1], &number, sizeof(number));
 }
 
-/// Puts something in the place of standard descriptors that are closed. Else
-/// another would get the number, and what is printed would go there.
+/// Opens /dev/null for standard descriptors that are closed. Otherwise another
+/// file would get the number, and output would go there. Reading a standard
+/// input that was closed still fails.
 void fillStandardDescriptors() {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (::fcntl(fd, F_GETFD) < 0) (void)!::open("/dev/null", O_RDWR);
+    if (::fcntl(fd, F_GETFD) < 0) (void)!::open("/dev/null", O_WRONLY);
   }
 }
 
