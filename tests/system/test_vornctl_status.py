@@ -344,6 +344,14 @@ def test_a_name_that_looks_like_an_option_is_not_taken_for_one(machine):
 # -- Where the names come from.
 
 
+def test_standard_input_is_not_the_launch_file_of_a_launcher(machine):
+    machine.start_without_launcher()
+    done = machine.vornctl("--launch-file", "-", "names")
+    assert (done.returncode, done.stdout, done.stderr) == (
+        2, "", "vornctl: --launch-file: standard input cannot be the launch file "
+        "of a running launcher; name the file\n")
+
+
 def names(machine, *arguments, **options):
     done = machine.vornctl("names", *arguments, **options)
     assert (done.returncode, done.stderr) == (0, "")
@@ -737,9 +745,14 @@ def test_version_and_help_need_no_launcher(machine):
     (["reload"], "unknown command 'reload'"),
     (["help", "reload"], "unknown command 'reload'"),
     (["[fly]"], "unknown command '[fly]'"), (["\x1b"], "unknown command '\\x1b'"),
-    ([], "no command given"),
+    ([], "no command given"), (["-q"], "no command given"),
+    (["--json"], "no command given for '--json'"),
+    (["--bogus"], "unknown option '--bogus'"),
+    (["--json", "--bogus=1"], "unknown option '--bogus=1'"),
+    (["--timeout", "5x"],
+     "'5x' is no duration; write 10s, 500ms, 1.5m or 2h"),
 ], ids=str)
-def test_an_unknown_command_is_named_and_a_near_one_suggested(
+def test_an_invalid_command_line_is_explained(
         machine, arguments, said):
     machine.start_without_launcher()
     done = machine.vornctl(*arguments)

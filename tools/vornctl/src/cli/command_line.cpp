@@ -180,11 +180,7 @@ class CommandLine {
     } catch (const CLI::Success& wish) {
       return app_.exit(wish);  // help or version
     } catch (const CLI::ParseError& error) {
-      const bool has_command = !app_.get_subcommands().empty();
-      standardError() << "vornctl: "
-                      << terminalText(has_command ? error.what()
-                                                  : "no command given")
-                      << "\n"
+      standardError() << "vornctl: " << terminalText(describe(error)) << "\n"
                       << kTryHelp;
       return kUsage;
     }
@@ -192,6 +188,11 @@ class CommandLine {
     unprotect(settings.launchFile);
     unprotect(settings.socketPath);
     for (std::string& node : arguments_.nodes) unprotect(node);
+    if (settings.launchFile == "-") {
+      standardError() << "vornctl: --launch-file: standard input cannot be the "
+                         "launch file of a running launcher; name the file\n";
+      return kUsage;
+    }
     settings.hasColours = mayColour(arguments_.colour);
     settings.terminalWidth = terminalWidth();
     settings.isInteractive =
@@ -490,6 +491,23 @@ class CommandLine {
   bool isCommand(const std::string& word) const {
     const auto names = commandNames();
     return std::find(names.begin(), names.end(), word) != names.end();
+  }
+
+  /// The message for an invalid command line. CLI11 reports a missing command
+  /// before options that it does not know.
+  std::string describe(const CLI::ParseError& error) const {
+    const bool lacks_command =
+        dynamic_cast<const CLI::RequiredError*>(&error) != nullptr &&
+        app_.get_subcommands().empty();
+    if (!lacks_command) return error.what();
+    const std::vector<std::string> rest = app_.remaining();
+    if (rest.empty()) return "no command given";
+    for (const std::string& option : rest) {
+      const std::string name = option.substr(0, option.find('='));
+      if (findOption(name) != nullptr) continue;
+      return "unknown option '" + option + "'";
+    }
+    return "no command given for '" + rest.front() + "'";
   }
 
   /// Always false.
