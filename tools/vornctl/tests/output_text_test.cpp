@@ -63,8 +63,10 @@ INSTANTIATE_TEST_SUITE_P(
                       "\u00ad", "\u200b", "\u200c", "\u200d", "\u2060",
                       "\ufeff",                      // no width
                       "\u061c", "\u200e", "\u200f",  // direction
-                      "\u202a", "\u202e", "\u2066", "\u2069", "\u2028",
-                      "\u2029",                                    // line ends
+                      "\u202a\u202c", "\u202e\u202c", "\u2066\u2069", "\u2028",
+                      "\u2029",  // line ends
+                      "\u034f", "\u115f", "\u1160", "\u2800", "\u3164",
+                      "\ufe00", "\ufe0f", "\uffa0",                // fillers
                       "\U000e0001", "\U000e0041", "\U000e007f"));  // tags
 
 TEST(TerminalTextTest, EscapesBytesThatAreNotUtf8) {

@@ -45,14 +45,20 @@ bool isVisible(char32_t code) {
       {0x00, 0x1f},        // C0 controls
       {0x7f, 0xa0},        // DEL, C1 controls, no-break space
       {0xad, 0xad},        // soft hyphen
+      {0x34f, 0x34f},      // grapheme joiner
       {0x61c, 0x61c},      // direction mark
+      {0x115f, 0x1160},    // Hangul fillers
       {0x1680, 0x1680},    // blank
       {0x180e, 0x180e},    // vowel separator
       {0x2000, 0x200f},    // blanks, zero width, direction marks
       {0x2028, 0x202f},    // line ends, direction, blank
       {0x205f, 0x206f},    // blank, zero width, direction
+      {0x2800, 0x2800},    // Braille blank
       {0x3000, 0x3000},    // blank
+      {0x3164, 0x3164},    // Hangul filler
+      {0xfe00, 0xfe0f},    // variation selectors
       {0xfeff, 0xfeff},    // byte order mark
+      {0xffa0, 0xffa0},    // half-width Hangul filler
       {0xfff9, 0xfffb},    // annotations
       {0xe0000, 0xe0fff},  // tags, variations
   };
