@@ -104,6 +104,7 @@ TEST(RequiredGraphTest, FindsEachOfManyNodesOnOneWayThatRequireTheFirst) {
 TEST(RequiredGraphTest, KeepsAMillionEdgesOfCyclesAndKnowsAllNodesInThem) {
   std::vector<ParsedNode> nodes;
   constexpr int kNodes = 20'000;
+  nodes.reserve(kNodes);
   for (int i = 0; i < kNodes; ++i) {
     nodes.push_back(nodeOf(std::to_string(i), {"0", std::to_string(i + 1)}));
   }
@@ -186,7 +187,9 @@ TEST(StopOfAllTest, RestartsRequiredNodesThatAreNotStoppedYet) {
 
 TEST(StopOfAllTest, IsAYearAtMostForAChainHoweverLong) {
   std::vector<ParsedNode> nodes;
-  for (int i = 0; i < 100'000; ++i) {
+  constexpr int kNodes = 100'000;
+  nodes.reserve(kNodes);
+  for (int i = 0; i < kNodes; ++i) {
     nodes.push_back(nodeOf(std::to_string(i), {std::to_string(i + 1)}));
   }
   const ParsedLaunchFile parsed = readingOf(std::move(nodes));

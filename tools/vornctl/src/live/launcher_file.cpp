@@ -21,13 +21,12 @@ namespace fs = std::filesystem;
 constexpr int kDirectory = O_PATH | O_DIRECTORY | O_CLOEXEC;
 
 /// openat2(2). Fails with ENOSYS where the kernel or a sandbox lacks it.
-int openAt2(int directory, const std::string& path, int flags,
-            uint64_t resolve) {
+int openAt2(int start, const std::string& path, int flags, uint64_t resolve) {
   open_how how{};
   how.flags = static_cast<uint64_t>(flags | O_CLOEXEC);
   how.resolve = resolve;
   const long fd =
-      ::syscall(SYS_openat2, directory, path.c_str(), &how, sizeof(how));
+      ::syscall(SYS_openat2, start, path.c_str(), &how, sizeof(how));
   if (fd < 0 && errno == EPERM) errno = ENOSYS;
   return static_cast<int>(fd);
 }
