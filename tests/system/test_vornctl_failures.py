@@ -1,6 +1,7 @@
 """How vornctl ends when there is no launcher, or one that misbehaves."""
 
 import contextlib
+import fcntl
 import itertools
 import json
 import os
@@ -510,6 +511,32 @@ def test_the_reader_of_the_log_is_not_named_as_the_client(machine):
     machine.start({}, wrapper=[PYTHON, "-I", wrapper])
     message, pid = explanation_while_a_client_blocks(machine)
     assert f"waits for the request of another client, process {pid} (" in message
+
+
+@pytest.mark.parametrize("kind", ["pipe", "socket"])
+def test_a_launcher_whose_log_is_not_read_is_explained(machine, kind):
+    with contextlib.ExitStack() as stack:
+        if kind == "pipe":
+            ends = os.pipe()
+            for end in ends:
+                stack.callback(os.close, end)
+            fcntl.fcntl(ends[1], fcntl.F_SETPIPE_SZ, 4096)
+            kernel_function = "pipe_write"
+        else:
+            ends = [stack.enter_context(end) for end in socket.socketpair()]
+            ends[1].setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 4096)
+            kernel_function = "sock_alloc_send"
+        machine.start({}, stderr=ends[1])
+        # One line of the log per request, until there is no room for the next.
+        with subprocess.Popen(machine.enter(
+                "sh", "-c", f"while {VORNCTL} ping -q; do :; done")) as client:
+            wait_until_blocked(machine, kernel_function)
+            done = machine.vornctl("ping", "--timeout", "300ms")
+            client.kill()
+    assert done.stderr == (
+        "vornctl: no reply within 0.3 s; nothing was changed: launcher "
+        f"{machine.pid} is blocked writing to its standard output or error: the "
+        "process that reads it has stopped reading\n")
 
 
 def test_a_launcher_that_a_cycle_blocks_is_told(machine):

@@ -15,7 +15,7 @@ namespace vorn::launch {
 namespace {
 
 // A launcher that starts ps(1) during a stop is between two sleeps at times.
-constexpr int kLooks = 20;
+constexpr int kSamples = 20;
 constexpr useconds_t kPauseUs = 10'000;
 
 /// ", process 42 (nc)", the client of the connection that the launcher reads;
@@ -38,27 +38,68 @@ bool isIn(const std::string& kernel_function, const char* part) {
   return kernel_function.find(part) != std::string::npos;
 }
 
-/// What the kernel function says in which the launcher sleeps; empty if it runs
-/// just now, or without the permission to look.
-std::string reasonOf(pid_t pid) {
-  const std::string place = readProcFile(procFile(pid, "wchan")).value_or("");
-  if (isIn(place, "unix_stream")) {
-    return " waits for the request of another client" + describeClient(pid);
+BusyReason reasonOf(const std::string& kernel_function) {
+  // Before the other functions of pipes. The second one is that of sockets.
+  if (isIn(kernel_function, "pipe_write") ||
+      isIn(kernel_function, "sock_alloc_send")) {
+    return BusyReason::WRITING_LOG;
   }
-  if (isIn(place, "futex")) {
-    return " is blocked forever, probably by a cycle of 'required', which "
-           "'vornctl check' finds; restart it";
-  }
+  if (isIn(kernel_function, "unix_stream")) return BusyReason::READING_REQUEST;
+  if (isIn(kernel_function, "futex")) return BusyReason::LOCKED;
   // A stop sleeps, and reads the output of ps(1) and waits for it.
-  if (isIn(place, "nanosleep") || isIn(place, "pipe") ||
-      isIn(place, "do_wait")) {
-    return " is stopping a node, which takes up to 10 s, or waits for the "
-           "'sleep' of a node";
+  if (isIn(kernel_function, "nanosleep") || isIn(kernel_function, "pipe") ||
+      isIn(kernel_function, "do_wait")) {
+    return BusyReason::STOPPING_NODE;
   }
-  return "";
+  return BusyReason::UNKNOWN;
+}
+
+std::vector<std::string> sampleKernelFunctions(pid_t pid) {
+  std::vector<std::string> samples;
+  for (int i = 0; i < kSamples; ++i) {
+    if (i > 0) (void)::usleep(kPauseUs);
+    samples.push_back(readProcFile(procFile(pid, "wchan")).value_or(""));
+  }
+  return samples;
+}
+
+/// The part of the sentence after "launcher 42 ".
+std::string describe(BusyReason reason, pid_t pid) {
+  switch (reason) {
+    case BusyReason::READING_REQUEST:
+      return "waits for the request of another client" + describeClient(pid);
+    case BusyReason::WRITING_LOG:
+      return "is blocked writing to its standard output or error: the process "
+             "that reads it has stopped reading";
+    case BusyReason::LOCKED:
+      return "is blocked forever, probably by a cycle of 'required', which "
+             "'vornctl check' finds; restart it";
+    case BusyReason::STOPPING_NODE:
+      return "is stopping a node, which takes up to 10 s, or waits for the "
+             "'sleep' of a node";
+    case BusyReason::UNKNOWN:
+      break;
+  }
+  return "may be stopping a node, which takes up to 10 s, or waiting for the "
+         "'sleep' of a node or for another client";
 }
 
 }  // namespace
+
+BusyReason busyReason(const std::vector<std::string>& kernel_functions) {
+  if (kernel_functions.empty()) return BusyReason::UNKNOWN;
+  const BusyReason first = reasonOf(kernel_functions.front());
+  bool is_constant = true;
+  for (const std::string& kernel_function : kernel_functions) {
+    const BusyReason reason = reasonOf(kernel_function);
+    if (reason == BusyReason::READING_REQUEST ||
+        reason == BusyReason::STOPPING_NODE) {
+      return reason;
+    }
+    is_constant = is_constant && reason == first;
+  }
+  return is_constant ? first : BusyReason::UNKNOWN;
+}
 
 bool hasExited(pid_t pid) {
   if (pid == 0) return false;
@@ -74,14 +115,7 @@ std::string explainSilence(pid_t pid) {
     return name + " is suspended (state " + state + "); 'kill -CONT " +
            std::to_string(pid) + "' resumes it";
   }
-  for (int look = 0; look < kLooks; ++look) {
-    const std::string reason = reasonOf(pid);
-    if (!reason.empty()) return name + reason;
-    (void)::usleep(kPauseUs);
-  }
-  return name +
-         " may be stopping a node, which takes up to 10 s, or waiting for the "
-         "'sleep' of a node or for another client";
+  return name + ' ' + describe(busyReason(sampleKernelFunctions(pid)), pid);
 }
 
 }  // namespace vorn::launch
