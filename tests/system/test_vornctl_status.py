@@ -645,7 +645,7 @@ def test_a_launcher_out_of_sight_needs_the_launch_file(robot):
     done = robot.execute(*inner, "status")
     assert done.returncode == 2
     assert done.stderr == (
-        "vornctl: cannot tell the launch file: the launcher is in another pid "
+        "vornctl: cannot determine the launch file: the launcher is in another pid "
         "namespace; name it by --launch-file or VORNCTL_LAUNCH_FILE\n")
     done = robot.execute(*inner, "--launch-file", "/tmp/launch.yaml", "status",
                          "-o", "node,state", "--no-header")
@@ -675,8 +675,8 @@ class TestAnotherUser:
         done = self.vornctl(machine, "names")
         assert done.returncode == 2
         assert done.stderr == (
-            "vornctl: cannot look into the working folder of the launcher, "
-            f"process {machine.pid}, where its launch file launch.yaml is; name "
+            "vornctl: cannot access the launcher's working directory "
+            f"(process {machine.pid}), where its launch file launch.yaml is; name "
             "it by --launch-file or VORNCTL_LAUNCH_FILE\n")
 
     def test_sees_living_nodes_where_proc_hides_them(self, robot):
@@ -703,8 +703,8 @@ class TestAnotherUser:
         done = self.vornctl(container, "names")
         assert (done.returncode, done.stdout) == (2, "")
         assert done.stderr == (
-            "vornctl: cannot look into the root folder of the launcher, process "
-            f"{pid} in another pid namespace, where its launch file "
+            "vornctl: cannot access the launcher's root directory (process "
+            f"{pid} in another pid namespace), where its launch file "
             "/tmp/launch.yaml is; name it by --launch-file or "
             "VORNCTL_LAUNCH_FILE\n")
 

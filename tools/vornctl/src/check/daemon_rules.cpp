@@ -12,7 +12,7 @@ struct Server {
   std::string_view program;
   std::string_view background;  // options that do it, with a space before and
                                 // after each; empty: it is the default
-  std::string_view foreground;  // letters of options without which it does
+  std::string_view foreground;  // option letters that keep it in the foreground
 };
 
 // Servers whose configuration file can say the same are left out, and with
@@ -83,9 +83,9 @@ bool hasForegroundOption(const Server& server,
 
 void checkDaemon(const ParsedNode& node, Diagnostics& diagnostics) {
   const std::string end =
-      " goes into the background; the launcher takes that for an exit and "
-      "starts node '" +
-      node.name.value + "' again every 5 s: keep it in the foreground";
+      " goes into the background; the launcher treats this as an exit and "
+      "restarts node '" +
+      node.name.value + "' every 5 s; run the program in the foreground";
   if (const Text* const option = daemonizeOption(node.arguments)) {
     diagnostics.add("daemonizes", option->place,
                     "with '--daemonize' the program" + end);

@@ -21,7 +21,7 @@ void checkName(const ParsedNode& node, const Text& name, const NodeIndex& index,
   const std::string requirer = "'" + node.name.value + "' requires ";
   if (name.value == node.name.value) {
     diagnostics.add("required-self", name.place,
-                    requirer + "itself, which is passed over");
+                    requirer + "itself, which is ignored");
     return;
   }
   const auto other = index.find(name.value);
@@ -33,7 +33,7 @@ void checkName(const ParsedNode& node, const Text& name, const NodeIndex& index,
     if (near == node.name.value) near.clear();  // required-self would follow
     diagnostics.add("required-unknown", name.place,
                     requirer + "'" + name.value +
-                        "', which is no node and passed over" +
+                        "', which is not a node; it is ignored" +
                         (near.empty() ? "" : "; did you mean '" + near + "'?"));
     return;
   }

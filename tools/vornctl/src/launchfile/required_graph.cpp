@@ -106,9 +106,9 @@ bool RequiredGraph::reachesCycle(
                      [&](const Edge& edge) { return !others[edge.to]; });
 }
 
-/// What the stop of a node with these edges, in descending order if
-/// `running_above` is a node, brings with it if of all others those above the
-/// index `running_above` run, or all.
+/// The stops that the stop of a node with these edges causes, and their
+/// duration. If `running_above` is kNone, all other nodes run. Otherwise only
+/// those with a higher index run, and the edges must be in descending order.
 RequiredGraph::Cascade RequiredGraph::cascadeOf(
     const std::vector<Edge>& edges, size_t running_above, milliseconds per_stop,
     const std::vector<std::optional<Cascade>>& others) const {

@@ -151,23 +151,23 @@ std::string workingDirectoryOf(pid_t pid) {
 /// can.
 std::string obstacleTo(const LauncherProcess& launcher) {
   if (launcher.pid == 0) {
-    return "cannot tell the launch file: the launcher is in another pid "
+    return "cannot determine the launch file: the launcher is in another pid "
            "namespace";
   }
   const std::string process = "process " + std::to_string(launcher.pid);
   if (launcher.launchFile.empty()) {
-    return "cannot tell the launch file of " + process;
+    return "cannot determine the launch file of " + process;
   }
   const std::string argument = argumentOf(launcher.pid);
   const std::string where = ", where its launch file " + argument + " is";
   const bool is_absolute = !argument.empty() && argument.front() == '/';
   if (!launcher.root && is_absolute) {
-    return "cannot look into the root folder of the launcher, " + process +
-           " in another pid namespace" + where;
+    return "cannot access the launcher's root directory (" + process +
+           " in another pid namespace)" + where;
   }
   const std::string folder = procFile(launcher.pid, "cwd");
   if (!launcher.root || (!is_absolute && ::access(folder.c_str(), X_OK) != 0)) {
-    return "cannot look into the working folder of the launcher, " + process +
+    return "cannot access the launcher's working directory (" + process + ")" +
            where;
   }
   return "";
