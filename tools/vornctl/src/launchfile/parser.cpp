@@ -22,7 +22,8 @@ namespace {
 
 constexpr char kBinPath[] = "VORN_BIN_PATH";
 constexpr char kRoot[] = "VORN_ROOT";
-constexpr size_t kReplaced = path::kInstallPrefix.size() - 1;  // one slash stays
+constexpr size_t kReplaced =
+    path::kInstallPrefix.size() - 1;  // one slash stays
 
 Place placeOf(const YAML::Mark& mark) {
   return mark.is_null() ? Place{} : Place{mark.line + 1, mark.column + 1};
@@ -146,16 +147,16 @@ class Reader {
       root = YAML::Load(document_.text());
     } catch (const YAML::Exception& failure) {
       addSyntaxFault(failure);
-      reading_.otherLanguage = otherLanguageOf(document_.text());
-      return std::move(reading_);
+      parsed_.otherLanguage = otherLanguageOf(document_.text());
+      return std::move(parsed_);
     }
     const bool is_list = root.IsSequence();  // a subscript makes a map of it
-    reading_.secondDocument = secondDocumentIn(root, document_.text());
+    parsed_.secondDocument = secondDocumentIn(root, document_.text());
     try {
       if (const YAML::Node configure = root["configure"]) {
         readConfigure(configure);
       }
-      reading_.binPath = variables_[kBinPath];
+      parsed_.binPath = variables_[kBinPath];
       if (const YAML::Node nodes = root["vornnode"]) readNodes(nodes);
     } catch (const YAML::BadSubscript& failure) {
       addFault("scalar-for-mapping", placeOf(root.Mark()),
@@ -163,11 +164,11 @@ class Reader {
                failure);
     }
     if (is_list) ignore("the file", placeOf(root.Mark()));
-    if (!is_list) reading_.keys = keysOf(root);
-    if (reading_.keys.empty()) {
-      reading_.otherLanguage = otherLanguageOf(document_.text());
+    if (!is_list) parsed_.keys = keysOf(root);
+    if (parsed_.keys.empty()) {
+      parsed_.otherLanguage = otherLanguageOf(document_.text());
     }
-    return std::move(reading_);
+    return std::move(parsed_);
   }
 
  private:
@@ -187,7 +188,7 @@ class Reader {
 
   void addFault(const std::string& check, const Place& place,
                 const std::string& message, const YAML::Exception& exception) {
-    reading_.loadErrors.push_back({check, place, message, exception.what()});
+    parsed_.loadErrors.push_back({check, place, message, exception.what()});
   }
 
   /// Names a tab in the indentation if it is the cause, as the parser's message
@@ -209,7 +210,7 @@ class Reader {
   }
 
   void ignore(const std::string& what, const Place& place) {
-    reading_.ignored.push_back({what, place});
+    parsed_.ignored.push_back({what, place});
   }
 
   /// Where a value stands. A null and an alias are behind their key's colon:
@@ -308,7 +309,7 @@ class Reader {
                exception);
     }
     if (is_list) ignore("'configure'", place);
-    if (!is_list) reading_.configureKeys = keysOf(configure);
+    if (!is_list) parsed_.configureKeys = keysOf(configure);
   }
 
   void readGlobalEnvironment(const YAML::Node& environment) {
@@ -320,7 +321,7 @@ class Reader {
                    if (!name.empty()) {
                      variables_[name] = untilNul(variable->value.value);
                    }
-                   reading_.environment.push_back(std::move(*variable));
+                   parsed_.environment.push_back(std::move(*variable));
                  });
   }
 
@@ -367,7 +368,7 @@ class Reader {
     try {
       const YAML::Node path = description["path"];
       if (!path) {
-        reading_.dropped.push_back(std::move(node));
+        parsed_.dropped.push_back(std::move(node));
         return;
       }
       readPath(node, description, path);
@@ -392,7 +393,7 @@ class Reader {
       (this->*reader->second)(node, entry.second,
                               valuePlace(entry.first, entry.second));
     }
-    reading_.nodes.push_back(std::move(node));
+    parsed_.nodes.push_back(std::move(node));
   }
 
   void readPath(ParsedNode& node, const YAML::Node& description,
@@ -407,7 +408,7 @@ class Reader {
     node.path = {text.value_or(""), place};
     node.hasPath = text.has_value();
     const bool is_absolute = text && text->rfind('/', 0) == 0;
-    const std::string& folder = reading_.binPath;
+    const std::string& folder = parsed_.binPath;
     node.executable = is_absolute || folder.empty()
                           ? node.path.value
                           : folder + '/' + node.path.value;
@@ -504,7 +505,7 @@ class Reader {
 
   const SourceText& document_;
   const LauncherSurroundings& surroundings_;
-  ParsedLaunchFile reading_;
+  ParsedLaunchFile parsed_;
   std::map<std::string, std::string> variables_;  // of the launcher
   std::optional<std::string> install_root_;
   size_t values_ = 0;

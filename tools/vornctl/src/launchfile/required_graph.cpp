@@ -25,7 +25,7 @@ uint32_t effectiveSleepMs(uint32_t sleep_ms) {
 }
 
 RequiredGraph::RequiredGraph(const ParsedLaunchFile& parsed)
-    : reading_(parsed),
+    : parsed_(parsed),
       edges_(parsed.nodes.size()),
       is_in_cycle_(parsed.nodes.size()) {
   std::unordered_map<std::string, size_t> index;
@@ -115,7 +115,7 @@ RequiredGraph::Cascade RequiredGraph::cascadeOf(
   Cascade sum{1, per_stop};
   for (const Edge& edge : edges) {
     if (running_above != kNone && edge.to <= running_above) break;
-    const ParsedNode& other = reading_.nodes[edge.to];
+    const ParsedNode& other = parsed_.nodes[edge.to];
     sum.stops += others[edge.to]->stops;
     sum.duration += others[edge.to]->duration + kStopPause;
     if (!other.oneshot.value) {

@@ -81,7 +81,7 @@ class RequiredGraph {
   bool reachesCycle(size_t node,
                     const std::vector<std::optional<Cascade>>& others) const;
 
-  const ParsedLaunchFile& reading_;
+  const ParsedLaunchFile& parsed_;
   std::vector<std::vector<Edge>> edges_;
   std::vector<std::vector<Step>> cycles_;
   size_t cycle_steps_ = 0;  // in all cycles_
