@@ -17,7 +17,12 @@ constexpr milliseconds kQuietTime{500};
 constexpr milliseconds kStatusReplyLimit = std::chrono::minutes(5);
 
 /// The sentence for a first request, which changes nothing, without a reply.
-std::string explainNoAnswer(const ControlReply& reply, bool is_timed_out) {
+std::string explainNoAnswer(const ControlReply& reply, bool is_timed_out,
+                            const std::string& socket_path) {
+  if (reply.outcome == Outcome::NOT_SENT) {
+    if (!is_timed_out) return reply.message;
+    return reply.message + ": " + explainSilence(findListener(socket_path));
+  }
   // Without "the request ... may still take effect".
   std::string text = reply.message.substr(0, reply.message.find(';'));
   text += "; nothing was changed";
@@ -64,8 +69,11 @@ ExitStatus Context::findLauncher() {
     pid_ = reply.launcherPid;
     return kDone;
   }
-  complain(reply.outcome == Outcome::UNKNOWN
-               ? explainNoAnswer(reply, elapsed >= options.replyLimit)
+  const bool is_without_reply =
+      reply.outcome == Outcome::UNKNOWN || reply.outcome == Outcome::NOT_SENT;
+  complain(is_without_reply
+               ? explainNoAnswer(reply, elapsed >= options.replyLimit,
+                                 options.socketPath)
                : reply.message);
   return exitStatusOf(reply.outcome);
 }

@@ -1,6 +1,7 @@
 #include "live/busy_launcher.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -99,6 +100,20 @@ BusyReason busyReason(const std::vector<std::string>& kernel_functions) {
     is_constant = is_constant && reason == first;
   }
   return is_constant ? first : BusyReason::UNKNOWN;
+}
+
+pid_t findListener(const std::string& socket_path) {
+  struct stat status {};
+  if (::stat(socket_path.c_str(), &status) != 0) return 0;
+  std::vector<uint32_t> listeners;
+  for (const ControlSocket& socket : controlSockets()) {
+    // Launchers in several containers can use the same path.
+    if (socket.isListening &&
+        socket.fileInode == static_cast<uint32_t>(status.st_ino)) {
+      listeners.push_back(socket.inode);
+    }
+  }
+  return ownerOf(listeners);
 }
 
 bool hasExited(pid_t pid) {

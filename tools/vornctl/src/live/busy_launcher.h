@@ -27,6 +27,10 @@ BusyReason busyReason(const std::vector<std::string>& kernel_functions);
 /// the likely reasons.
 std::string explainSilence(pid_t pid);
 
+/// The launcher that listens on the socket at this path, which may refuse
+/// connections because its queue is full; 0 if that cannot be known.
+pid_t findListener(const std::string& socket_path);
+
 /// Whether the process `pid` is known to have exited.
 bool hasExited(pid_t pid);
 
