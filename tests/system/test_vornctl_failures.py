@@ -147,6 +147,27 @@ def test_a_launcher_that_misbehaves_at_once_is_survived(false_launcher, command)
             assert "; nothing was changed" in done.stderr, wrong
 
 
+def status_before(command):
+    """The answer to the status request that precedes this action, if any."""
+    is_asked = command[0] in ("start", "stop", "enable", "disable")
+    return [answer(reply(0))] * is_asked
+
+
+@pytest.mark.parametrize("wrong", ["the request is read", "nothing"])
+@pytest.mark.parametrize("command", ["start", "stop", "enable", "disable"])
+def test_an_action_is_not_sent_without_a_reply_to_the_status_request(
+        false_launcher, command, wrong):
+    what, _ = WRONGS[wrong]
+    false_launcher.answers([NOT_FOUND, what])
+    done = false_launcher.vornctl(command, "camera", limit=limit_for(what))
+    assert (done.returncode, done.stdout) == (6, "")
+    assert done.stderr.startswith("vornctl: camera: ")
+    assert "; nothing was changed" in done.stderr
+    sent = {struct.unpack_from("=I", request)[0]
+            for request in false_launcher.requests() if request}
+    assert sent == {Cmd.STATUS}
+
+
 @pytest.mark.parametrize("command", COMMANDS, ids=name_of)
 def test_a_launcher_that_misbehaves_when_asked_is_survived(false_launcher, command):
     wrongs = dict(WRONGS)
@@ -155,7 +176,7 @@ def test_a_launcher_that_misbehaves_when_asked_is_survived(false_launcher, comma
     for wrong, (what, statuses) in wrongs.items():
         if command[0] == "wait" and what["end"] == "hold":
             statuses = {6}
-        false_launcher.answers([NOT_FOUND, what])
+        false_launcher.answers([NOT_FOUND, *status_before(command), what])
         done = false_launcher.vornctl(*command, limit=limit_for(what))
         assert done.returncode in statuses, wrong
         if statuses <= {6, 7}:
@@ -169,9 +190,8 @@ def test_a_failure_that_cannot_be_explained_refers_to_the_log(
     for wrong, (what, _) in WRONGS.items():
         if what["end"] == "hold":
             continue  # the answers before it might come too late as well
-        # The status before the command is asked for as well.
-        asked = [answer(reply(0))] * (command[0] == "start")
-        false_launcher.answers([NOT_FOUND, *asked, answer(reply(2)), what])
+        false_launcher.answers(
+            [NOT_FOUND, *status_before(command), answer(reply(2)), what])
         done = false_launcher.vornctl(*command)
         assert (done.returncode, done.stderr) == (
             1, f"vornctl: camera: {command[0]} failed: see the launcher's log\n"
@@ -218,7 +238,7 @@ def test_a_request_is_132_bytes_with_the_name_and_nuls(false_launcher):
 
 
 def test_after_an_unknown_outcome_no_other_node_is_tried(false_launcher):
-    false_launcher.answers([NOT_FOUND, answer()])
+    false_launcher.answers([NOT_FOUND, answer(reply(0)), answer()])
     done = false_launcher.vornctl("stop", "one", "two", "three")
     assert done.returncode == 7
     assert done.stderr.splitlines()[1] == "vornctl: 2 more not tried"

@@ -104,9 +104,16 @@ class Action {
     const OperationWords words = wordsFor(cmd);
     ControlClient client = session_.client(
         replyLimit(name, cmd), std::string(words.doing) + ' ' + name);
-    // For the words only. If it fails, the command says why.
+    // Only the report of success needs the previous status.
     const bool is_told = !session_.settings().isQuiet && cmd != Cmd::RESTART;
-    const StatusReply before = is_told ? client.status(name) : StatusReply();
+    const StatusReply before =
+        is_told ? session_.statusBefore(client.options(), name) : StatusReply();
+    // A launcher that does not answer this would not answer the command either.
+    if (is_told && (before.outcome == Outcome::UNKNOWN ||
+                    before.outcome == Outcome::NOT_SENT)) {
+      session_.complainAbout(name, before, subjects_.launcher.file);
+      return Outcome::NOT_SENT;
+    }
     const ControlReply reply = perform(client, cmd, name);
     session_.clearActivity();
     if (reply.isDone()) {

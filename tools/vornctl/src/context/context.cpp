@@ -60,22 +60,27 @@ ExitStatus Context::findLauncher() {
     options.replyLimit = *settings_.connectLimit;
     options.totalLimit = *settings_.connectLimit;
   }
-  const auto begin = std::chrono::steady_clock::now();
   // No node, or one whose status is of no interest.
-  const StatusReply reply = ControlClient(options).status("");
-  const auto elapsed = std::chrono::steady_clock::now() - begin;
-  clearActivity();
+  const StatusReply reply = statusBefore(options, "");
   if (reply.isDone() || reply.outcome == Outcome::NOT_FOUND) {
     pid_ = reply.launcherPid;
     return kDone;
   }
-  const bool is_without_reply =
-      reply.outcome == Outcome::UNKNOWN || reply.outcome == Outcome::NOT_SENT;
-  complain(is_without_reply
-               ? explainNoAnswer(reply, elapsed >= options.replyLimit,
-                                 options.socketPath)
-               : reply.message);
+  complain(reply.message);
   return exitStatusOf(reply.outcome);
+}
+
+StatusReply Context::statusBefore(const ControlOptions& options,
+                                  const std::string& name) const {
+  const auto begin = std::chrono::steady_clock::now();
+  StatusReply reply = ControlClient(options).status(name);
+  const auto elapsed = std::chrono::steady_clock::now() - begin;
+  clearActivity();
+  if (reply.outcome == Outcome::UNKNOWN || reply.outcome == Outcome::NOT_SENT) {
+    reply.message = explainNoAnswer(reply, elapsed >= options.replyLimit,
+                                    options.socketPath);
+  }
+  return reply;
 }
 
 const LauncherProcess* Context::launcher(std::string& error) {

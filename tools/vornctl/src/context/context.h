@@ -45,6 +45,12 @@ class Context {
   /// if there is a launcher.
   ExitStatus findLauncher();
 
+  /// Sends a status request for `name` before a request that changes something.
+  /// If the outcome is UNKNOWN or NOT_SENT, the message contains the reason and
+  /// that nothing was changed.
+  StatusReply statusBefore(const ControlOptions& options,
+                           const std::string& name) const;
+
   /// After findLauncher(): its nodes by its launch file. Null if they cannot be
   /// known; `error` then tells why. If the file was changed after the launcher
   /// started, says so, once.
