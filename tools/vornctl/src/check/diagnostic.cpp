@@ -14,7 +14,7 @@ constexpr Severity kWarning = Severity::WARNING;
 constexpr Severity kError = Severity::ERROR;
 
 constexpr CheckInfo kChecks[] = {
-    // What ends the launcher when it reads the file: reading.cpp.
+    // Errors that terminate the launcher while it reads: launchfile/parser.cpp.
     {"syntax", kError, "no valid YAML"},
     {"other-language", kError, "a file in another language than YAML"},
     {"null-value", kError, "nothing where a value must be"},
@@ -25,7 +25,7 @@ constexpr CheckInfo kChecks[] = {
     {"not-a-key", kError, "a name or key that is nothing, or no text"},
     {"scalar-for-mapping", kError, "a single value where a mapping must be"},
     {"list-for-mapping", kError, "a list where a mapping must be"},
-    // What is not read, or not applied as it stands: checks_document.cpp.
+    // Parts that are ignored or changed: document_rules.cpp.
     {"second-document", kError, "a second document, which is not read"},
     {"repeated-section", kError,
      "a second 'vornnode' or 'configure', which is not read"},
@@ -35,7 +35,7 @@ constexpr CheckInfo kChecks[] = {
     {"repeated-key", kWarning, "a key or variable that is there twice"},
     {"merge-key", kWarning, "'<<', which merges nothing"},
     {"unknown-ignore", kWarning, "a comment that silences nothing known"},
-    // Nodes: checks_nodes.cpp.
+    // Nodes: node_rules.cpp.
     {"name-too-long", kError, "a node that cannot be controlled"},
     {"name-like-option", kWarning, "a node's name that contains an option"},
     {"nul-in-name", kError, "a node's name with a NUL in it"},
@@ -52,7 +52,7 @@ constexpr CheckInfo kChecks[] = {
     {"nul-in-text", kWarning, "a text that a NUL cuts off"},
     {"disabled-autostart", kWarning, "both disabled and not autostart"},
     {"daemonizes", kWarning, "a program that goes into the background"},
-    // Variables: checks_environment.cpp.
+    // Variables: variable_rules.cpp.
     {"refused-variable", kWarning, "a name that no variable can have"},
     {"node-name-replaced", kWarning, "__VORN_NODE_NAME__ replaced"},
     {"launcher-path", kWarning, "a PATH by which ps or grep is not found"},
@@ -60,14 +60,14 @@ constexpr CheckInfo kChecks[] = {
     {"variable-not-expanded", kWarning, "shell syntax in a variable's value"},
     {"install-not-expanded", kWarning, "install:// where it means nothing"},
     {"install-misspelt", kWarning, "what was meant to be install://"},
-    // `required`: checks_required.cpp.
+    // `required`: required_rules.cpp.
     {"required-cycle", kError, "nodes that require each other"},
     {"required-unknown", kWarning, "a required node that does not exist"},
     {"required-self", kWarning, "a node that requires itself"},
     {"required-oneshot", kWarning, "a required node that ends disabled"},
     {"required-twice", kWarning, "a node that is required twice"},
     {"long-stop", kWarning, "a stop that takes too long"},
-    // The machine: checks_host.cpp.
+    // The machine: host_rules.cpp.
     {"missing-executable", kWarning, "a program that is not there"},
     {"executable-folder", kWarning, "a folder in the place of a program"},
     {"not-executable", kWarning, "a program that may not be executed"},

@@ -4,12 +4,12 @@
 #include "launchfile/parser.h"
 #include "launchfile/source_text.h"
 
-// What can be wrong with a launch file, one function for each source file
-// checks_*.cpp. The names of the findings are in findings.cpp.
+// The checks of a launch file, one function for each source file *_rules.cpp.
+// The names of the diagnostics are in diagnostic.cpp.
 
 namespace vorn::launch {
 
-/// What ends the launcher, and what of the file it does not read.
+/// Errors that terminate the launcher, and parts of the file that it ignores.
 void checkDocument(const ParsedLaunchFile& parsed, Diagnostics& diagnostics);
 
 /// Names, paths, arguments and flags of the nodes.
