@@ -750,7 +750,7 @@ def test_version_and_help_need_no_launcher(machine):
     (["--bogus"], "unknown option '--bogus'"),
     (["--json", "--bogus=1"], "unknown option '--bogus=1'"),
     (["--timeout", "5x"],
-     "'5x' is no duration; write 10s, 500ms, 1.5m or 2h"),
+     "'5x' is not a duration; write 10s, 500ms, 1.5m or 2h"),
 ], ids=str)
 def test_an_invalid_command_line_is_explained(
         machine, arguments, said):

@@ -85,7 +85,7 @@ CLI::callback_t readDuration(Target& target) {
     const auto span = parseDuration(texts.back());
     if (!span)
       throw CLI::ValidationError("'" + texts.back() +
-                                 "' is no duration; write 10s, 500ms, "
+                                 "' is not a duration; write 10s, 500ms, "
                                  "1.5m or 2h");
     target = *span;
     return true;
