@@ -587,22 +587,27 @@ class TestAnotherRootDirectory:
             "; name it by --launch-file or VORNCTL_LAUNCH_FILE\n")
 
 
+def names_without_openat2(machine, error):
+    """Runs "vornctl names" where openat2(2) fails with this error."""
+    return machine.execute(
+        "strace", "-f", "-o", "/dev/null", "-e", f"inject=openat2:error={error}",
+        VORNCTL, "names",
+        # The leak check does not work under another tracer.
+        environment={"ASAN_OPTIONS": "detect_leaks=0"})
+
+
 @pytest.mark.parametrize("system", ["ENOSYS", "EPERM"])
 def test_without_openat2_only_files_in_another_root_are_refused(
         container, system):
     machine = container("/tmp/work/launch.yaml")
-    done = machine.execute(
-        "strace", "-f", "-o", "/dev/null", "-e", f"inject=openat2:error={system}",
-        VORNCTL, "names")
+    done = names_without_openat2(machine, system)
     assert done.returncode == 2
     assert "this system lacks openat2(2)" in done.stderr
 
 
 @pytest.mark.parametrize("system", ["ENOSYS", "EPERM"])
 def test_without_openat2_a_file_in_the_same_root_is_read(robot, system):
-    done = robot.execute(
-        "strace", "-f", "-o", "/dev/null", "-e", f"inject=openat2:error={system}",
-        VORNCTL, "names")
+    done = names_without_openat2(robot, system)
     assert (done.returncode, done.stdout) == (0, "camera\nlidar\nplanner\n")
 
 
