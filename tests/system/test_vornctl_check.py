@@ -1,6 +1,7 @@
 """vornctl check: its options, forms of output and exit statuses. What it finds
 is in test_check_examples.py."""
 
+import fcntl
 import json
 import os
 import pathlib
@@ -8,6 +9,7 @@ import pty
 import re
 import signal
 import subprocess
+import termios
 
 import pytest
 
@@ -448,9 +450,12 @@ def test_a_cycle_of_many_nodes_has_few_notes(vornctl):
 @pytest.mark.parametrize("command", ["check", "graph"])
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
 def test_a_stop_signal_terminates_it_at_once(program, command, number):
-    """Here it still reads; there is no handler later either."""
     process = subprocess.Popen([program.with_name("vornctl"), command, "-"],
                                stdin=subprocess.PIPE)
+    process.stdin.write(b"vornnode:\n")
+    process.stdin.flush()
+    eventually(lambda: not any(fcntl.ioctl(process.stdin, termios.FIONREAD, bytes(4))),
+               "the beginning of the file is read")
     process.send_signal(number)
     assert process.wait(timeout=PATIENCE) == -number
     process.stdin.close()
