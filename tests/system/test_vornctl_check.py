@@ -524,7 +524,7 @@ def test_sarif_has_rules_results_and_related_places(vornctl):
         assert "helpUri" not in rule
         assert len(rule["help"]["text"]) > 20 and "](" not in rule["help"]["text"]
         assert rule["help"]["markdown"] == rule["help"]["text"]
-    assert "a circle" in rules["required-cycle"]["help"]["text"]
+    assert "deadlocks the launcher" in rules["required-cycle"]["help"]["text"]
     (result,) = run["results"]
     assert result["ruleId"] == "required-cycle" and result["level"] == "error"
     (place,) = result["locations"]
