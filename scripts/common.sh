@@ -7,7 +7,7 @@ set -euo pipefail
 # shellcheck disable=SC2034  # used by the scripts that source this file
 {
   BUILD_PACKAGES=(build-essential cmake libyaml-cpp-dev procps libcli11-dev
-    nlohmann-json3-dev libncurses-dev)
+    nlohmann-json3-dev libncurses-dev lowdown)
   TEST_PACKAGES=(mandoc systemd libgtest-dev libgmock-dev python3 python3-pytest
     python3-pytest-xdist python3-pytest-timeout python3-hypothesis
     python3-jsonschema python3-yaml pkgconf strace socat)

@@ -100,21 +100,6 @@ def blocks(path, *languages):
     ]
 
 
-def displays(path):
-    """The displays of a manual page, as a reader sees them: those for the shell as
-    blocks of the language `console`."""
-    page = subprocess.run(["mandoc", "-T", "ascii", path], stdout=subprocess.PIPE,
-                          encoding="utf-8", check=True).stdout
-    page = re.sub(".\b", "", page)  # bold and underlined
-    found = re.finditer(r"^ {11}(\$ |\w+:$)[^\n]*\n( {11}[^\n]*\n)*", page, re.M)
-    return [
-        Block(path, page.count("\n", 0, match.start()) + 1,
-              "console" if match[1] == "$ " else "",
-              re.sub("^ {11}", "", match[0], flags=re.M))
-        for match in found
-    ]
-
-
 def commands(block):
     """The commands of a block for the shell."""
     if block.language == "sh":

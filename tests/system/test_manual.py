@@ -1,16 +1,13 @@
-"""The manual pages: well-formed, and the same as what the programs take."""
+"""The manual pages, and the agreement of the reference of vornctl with its help and
+with the completions."""
 
-import dataclasses
 import pathlib
 import re
 import subprocess
 
 import pytest
 
-from support.document import commands, displays
-
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-PAGES = sorted((ROOT / "docs/man").iterdir())
 COMPLETION = ROOT / "tools/vornctl/completion"
 
 
@@ -50,101 +47,52 @@ def long_ones(options):
     return {names[-1] for names in options}
 
 
-def page(name):
-    return (ROOT / "docs/man" / name).read_text(encoding="utf-8")
+def section(title):
+    """The text below a heading of the reference of vornctl."""
+    text = (ROOT / "docs/vornctl.md").read_text(encoding="utf-8")
+    return re.split(f"^#+ {title}\n", text, flags=re.M)[1].split("\n#")[0]
 
 
-@pytest.mark.parametrize("path", PAGES, ids=lambda path: path.name)
-def test_a_manual_page_is_well_formed(path):
-    said = run("mandoc", "-T", "lint", "-W", "style", str(path))
-    # Which other pages are installed here is no matter.
-    ignored = ("referenced manual not found", "outdated mandoc.db", "mandoc.db")
-    assert [line for line in said.splitlines()
+def terms_of(title):
+    """The first column of the table below a heading, a list of words for each row."""
+    rows = re.findall(r"^\| (`.*?) \|", section(title), re.M)
+    return [re.findall("`([^` ]+)[^`]*`", row) for row in rows]
+
+
+def words(names_of_options):
+    return sorted(word for names in names_of_options for word in names)
+
+
+@pytest.mark.parametrize("name", [
+    "vornctl.1", "vornlaunch.yaml.5", "vornlaunch-control.7", "vornlaunch.8"])
+def test_a_manual_page_is_well_formed(name, program):
+    page = program.parents[1] / "man" / name
+    assert page.exists(), "the build needs lowdown"
+    # Other pages and the database of this machine's pages do not matter.
+    ignored = ("referenced manual not found", "mandoc.db")
+    assert [line for line in run("mandoc", "-T", "lint", str(page)).splitlines()
             if not any(text in line for text in ignored)] == []
 
 
-def test_every_manual_page_has_what_an_operator_looks_for():
-    wanted = {"EXIT STATUS", "SIGNALS", "FILES", "ENVIRONMENT", "EXAMPLES", "BUGS"}
-    assert len(PAGES) == 4
-    for path in PAGES:
-        assert wanted <= set(re.findall(r"^\.Sh (.*)$", page(path.name), re.M)), path
+def test_the_reference_has_the_commands_of_the_help(help_of):
+    assert set(words(terms_of("Commands"))) == commands_of(help_of())
 
 
-# The machine that the examples take for granted.
-ROBOT = """
-mkdir share && touch calibration.bin
-cat >robot.yaml <<'EOF'
-vornnode:
-  camera: {path: /bin/sleep, argv: infinity}
-  planner: {path: /bin/sleep, argv: infinity}
-  monitor: {path: /bin/sleep, argv: infinity, autostart: false}
-EOF
-"""
-LAUNCHED = ROBOT + "vornlaunch robot.yaml 2>LOG &"
-PREPARATIONS = {
-    "vornctl.1": LAUNCHED,
-    "vornlaunch-control.7": LAUNCHED,
-    # In the foreground it would keep the shell from the next example.
-    "vornlaunch.8": ROBOT + """
-vornlaunch() {
-  command vornlaunch "$@" 2>LOG &
-  until grep -q autostart LOG; do sleep 0.1; done
-}""",
-}
-
-
-@pytest.mark.parametrize("path", PAGES, ids=lambda path: path.name)
-def test_the_examples_of_a_manual_page_work(path, shell):
-    found = displays(path)
-    shell.type(PREPARATIONS.get(path.name, "true"))
-    for display in found:
-        if display.language != "console":
-            # The page on launch files has one, and commands for it.
-            shell.type(f"cat >launch.yaml <<'EOF'\n{display.text}EOF\n"
-                       "vornctl check --no-host --fail-on warning launch.yaml")
-    typed = [command for display in found if display.language == "console"
-             for command in commands(display)]
-    assert typed
-    for command in typed:
-        if not command.output:  # then it is not shown
-            command = dataclasses.replace(command, output=None)
-        shell.perform(command)
-    # What a page tells to do is nothing that the launcher complains about.
-    assert shell.run("grep -sE 'poll timeout|received:|send fail' LOG")[1] == []
-
-
-def test_the_manual_page_has_the_commands_of_the_help(help_of):
-    text = page("vornctl.1")
-    block = text.split(".Ss Commands\n")[1].split("\n.Ss")[0]
-    names = re.findall(r"\bCm (\w+)", " ".join(re.findall(r"^\.It (.*)$", block, re.M)))
-    assert set(names) == commands_of(help_of())
-
-
-def options_in(roff):
-    """The options that a part of a manual page names, as they are typed."""
-    return {"-" + name for name in re.findall(r"\bFl (-?\w[\w-]*)", roff)}
-
-
-def test_the_manual_page_explains_the_options_of_the_help(options):
-    text = page("vornctl.1").split(".Ss Options of every command\n")[1]
-    text = "\n".join(re.findall(r"^\.(?:It|S[hs]) .*$", text, re.M))
-    general, own = text.split(".Sh ")[0].split(".Ss Options of single commands\n")
-    assert options_in(general) == {word for names in options[""] for word in names}
-    assert options_in(own) == {
-        word for command in options if command for names in options[command]
-        for word in names}
+def test_the_reference_has_the_options_of_the_help(options):
+    assert words(terms_of("Options of every command")) == words(options[""])
+    own = {names for command in options if command for names in options[command]}
+    assert words(terms_of("Options of single commands")) == words(own)
 
 
 def test_the_synopsis_has_each_command_with_its_options(options):
-    names_of = {word: names for command in options for names in options[command]
+    names_of = {word: names for own in options.values() for names in own
                 for word in names}
-    synopsis = page("vornctl.1").split(".Sh SYNOPSIS\n")[1].split("\n.Sh")[0]
     found = {}
-    for use in synopsis.split(".Nm\n")[1:]:
-        commands_line = re.search(r"^\.Cm (.*)$", use, re.M)
-        for command in commands_line[1].split(" | ") if commands_line else []:
-            found[command] = {names_of.get(word, word) for word in options_in(use)}
-    assert found == {command: options[command] for command in options if command}
+    for use in section("Synopsis").split("\nvornctl ")[1:]:
+        for command in use.split()[0].split("|"):
+            found[command] = {names_of[word] for word in
+                              re.findall(r"(?<![\w-])--?\w[\w-]*", use)}
+    assert found == {command: own for command, own in options.items() if command}
 
 
 # Prints, for each command given and for none, what the tab key offers behind a dash;
@@ -211,15 +159,9 @@ def exit_statuses(help_text):
     return dict(re.findall(r"^  (\d)  (.*)$", help_text.split("Exit status:\n")[1], re.M))
 
 
-def test_the_exit_statuses_of_the_documents_are_those_of_the_help(help_of):
-    shown = exit_statuses(help_of())
-    block = page("vornctl.1").split(".Sh EXIT STATUS\n")[1].split(".El")[0]
-    explained = re.findall(r"^\.It (\d)\n([^.].*?)\.\n(?=\.)", block + ".", re.M | re.S)
-    assert {status: text[0].lower() + text[1:].replace("\n", " ")
-            for status, text in explained} == shown
-    guide = (ROOT / "docs/vornctl.md").read_text(encoding="utf-8")
-    block = guide.split("## Exit status\n")[1].split("\n\n")[0]
-    assert dict(re.findall(r"^\| (\d) \| (.*) \|$", block, re.M)) == shown
+def test_the_exit_statuses_of_the_reference_are_those_of_the_help(help_of):
+    explained = re.findall(r"^\| (\d) \| (.*) \|$", section("Exit status"), re.M)
+    assert dict(explained) == exit_statuses(help_of())
 
 
 def test_a_command_shows_only_its_own_exit_statuses(help_of):
