@@ -12,7 +12,7 @@ import pytest
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
 
 from support.debian_root import DebianRoot  # noqa: E402
-from support.document import Shell  # noqa: E402
+from support.doc_runner import Shell  # noqa: E402
 from support.machine import (  # noqa: E402
     Machine,
     is_emulated,

@@ -6,8 +6,8 @@ import re
 import signal
 
 from harness.world import World
-from support.family import has_ended
-from support.holding import NO_LIMIT, limit_of_wait
+from support.process_tree import has_ended
+from support.blocking import NO_LIMIT, limit_of_wait
 from support.waiting import eventually
 
 OUTPUT = "callgrind.out"

@@ -16,7 +16,7 @@ from support import control
 from support.containerfile import ROOT, read_stages
 from support.control import Cmd, State
 from support.debian_root import DebianRoot
-from support.family import children_of, has_ended, status_field
+from support.process_tree import children_of, has_ended, status_field
 from support.log import parse_log
 from support.waiting import eventually
 

@@ -13,7 +13,7 @@ import subprocess
 import state_model
 from support.control import RESPONSE, Cmd, Result, State, pack_request
 from support.control import read_exactly, unpack_response
-from support.holding import NO_LIMIT, held, limit_of_wait
+from support.blocking import NO_LIMIT, held, limit_of_wait
 from support.log import parse_log
 from support.machine import Machine
 from support.waiting import PATIENCE, eventually

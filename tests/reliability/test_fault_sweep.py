@@ -17,7 +17,7 @@ from fault_table import AwaitRestart, Ask, Die, Exit, Halt, Signal
 from support.control import RESPONSE, State, pack_request, read_exactly
 from support.control import unpack_response
 from support.machine import PYTHON, Machine
-from support.outside import Outside, node_of
+from support.proc_view import LauncherView, node_of
 from support.trace import on_every_machine, parse_trace
 from support.waiting import eventually
 
@@ -108,7 +108,7 @@ class Run:
         self.machine = machine
         self.scenario = scenario
         self.outcome = outcome
-        self.outside = None
+        self.launcher = None
         self.replies = []
         self.slowest_close = 0.0  # seconds from a reply to the client's close
         self.trace = self.lines = self.status = None
@@ -123,7 +123,7 @@ class Run:
         begin = time.monotonic()
         self.start(strace)
         if self.outcome.ends is None and self.scenario.arguments is None:
-            self.outside = Outside(self.machine)
+            self.launcher = LauncherView(self.machine)
             self.settle()
             for step in self.scenario.steps:
                 self.take(step)
@@ -179,7 +179,7 @@ class Run:
         )
 
     def settle(self, **options):
-        self.outside.wait_until_quiet(
+        self.launcher.wait_until_quiet(
             notices_exits=self.outcome.is_supervising, **options)
 
     def take(self, step):
@@ -196,16 +196,16 @@ class Run:
         elif isinstance(step, AwaitRestart):
             self.settle(without_limit=True)
         elif isinstance(step, Signal):
-            os.kill(self.outside.host_pid, step.number)
+            os.kill(self.launcher.host_pid, step.number)
             return
         self.settle()
 
     def executed(self, node):
-        return eventually(lambda: self.outside.node(node), f"{node} is executed")
+        return eventually(lambda: self.launcher.node(node), f"{node} is executed")
 
     def halted(self, node):
         def halted():
-            child = self.outside.node(node)
+            child = self.launcher.node(node)
             return child if child and child.state == "T" else None
 
         return eventually(halted, f"{node} halts")
@@ -214,7 +214,7 @@ class Run:
         os.kill(child.host_pid, number)
         eventually(
             lambda: child.host_pid not in
-            (c.host_pid for c in self.outside.children() if not c.is_zombie),
+            (c.host_pid for c in self.launcher.children() if not c.is_zombie),
             "the node is dead",
         )
 
@@ -229,7 +229,7 @@ class Run:
             if is_readable(client):
                 return True
             no_reply_until = now
-            return self.outside.is_quiet()
+            return self.launcher.is_quiet()
 
         with self.machine.connect() as client:
             no_reply_until = time.monotonic()
@@ -249,17 +249,17 @@ class Run:
         """Notes what is there, of which a restart may change something soon."""
         eventually(
             lambda: all(child.node or child.is_zombie for child in
-                        self.outside.children()),
+                        self.launcher.children()),
             "its children are nodes that have been executed",
         )
         self.settle()
         self.trace = self.read_trace()
         self.lines = self.read_lines()
-        self.children = self.outside.children()
+        self.children = self.launcher.children()
         self.alive = {c.node: c.pid for c in self.children if not c.is_zombie}
         self.inherits = {c.node for c in self.children if c.has_socket}
         self.blocks = {c.node for c in self.children if c.blocks_signals}
-        self.descriptors = self.outside.descriptors()
+        self.descriptors = self.launcher.descriptors()
         if self.outcome.has_socket:
             self.status = {n: self.machine.status(n) for n in self.scenario.states}
 
@@ -294,7 +294,7 @@ class Run:
             self.check_descriptors()
             self.check_nodes()
             self.check_inheritance()
-            os.kill(self.outside.host_pid, self.outcome.end)
+            os.kill(self.launcher.host_pid, self.outcome.end)
         self.check_end()
 
     def check_descriptors(self):

@@ -28,7 +28,7 @@ import pytest
 from support.control import REQUEST, RESPONSE, Cmd, Response, Result, State
 from support.control import exchange, pack_request, read_exactly
 from support.control import read_until_end, unpack_response
-from support.holding import held, wait_until_blocked, wait_until_idle
+from support.blocking import held, wait_until_blocked, wait_until_idle
 from support.log import parse_log
 from support.machine import PYTHON
 from support.start_time import RESTART_TICKS, start_ticks, wait_for_start

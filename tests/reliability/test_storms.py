@@ -17,9 +17,9 @@ import time
 import pytest
 from support.control import Cmd, Result, State, pack_request, read_exactly
 from support.control import unpack_response
-from support.family import Family, children_of, has_ended, is_stopped
-from support.family import status_field, waits_in
-from support.holding import held, start_signalled_while_reading
+from support.process_tree import ProcessTree, children_of, has_ended, is_stopped
+from support.process_tree import status_field, waits_in
+from support.blocking import held, start_signalled_while_reading
 from support.log import parse_log
 from support.waiting import eventually
 
@@ -85,30 +85,30 @@ def all_end(host_pids):
     eventually(lambda: all(has_ended(pid) for pid in host_pids), "the children end")
 
 
-def supervision_goes_on(machine, family, name):
+def supervision_goes_on(machine, tree, name):
     """Makes sure that a death is followed by a restart, and that commands are
     carried out. Needs no log."""
     first = machine.status(name).pid
-    os.kill(family.by_machine_pid()[first], signal.SIGKILL)
+    os.kill(tree.by_machine_pid()[first], signal.SIGKILL)
     eventually(lambda: machine.status(name).pid not in (0, first), f"{name} is back")
-    commands_are_obeyed(machine, family, name)
+    commands_are_obeyed(machine, tree, name)
 
 
-def commands_are_obeyed(machine, family, name):
+def commands_are_obeyed(machine, tree, name):
     """Makes sure that they do what they say."""
     assert machine.request(Cmd.RESTART, name).result == Result.SUCCESS
     assert machine.request(Cmd.STOP, name).result == Result.SUCCESS
     assert machine.status(name).state == State.STOPPED
-    family.wait_until_no_zombie_is_left()
-    assert machine.status(name).pid not in family.by_machine_pid()
+    tree.wait_until_no_zombie_is_left()
+    assert machine.status(name).pid not in tree.by_machine_pid()
     assert machine.request(Cmd.START, name).result == Result.SUCCESS
-    assert machine.status(name).pid in family.by_machine_pid()
+    assert machine.status(name).pid in tree.by_machine_pid()
 
 
-def ends_on_sigterm(machine, family):
+def ends_on_sigterm(machine, tree):
     """Makes sure that SIGTERM stops all children and ends the launcher with 0."""
-    children = family.children()
-    family.signal(signal.SIGTERM)
+    children = tree.children()
+    tree.signal(signal.SIGTERM)
     assert machine.wait() == 0
     all_end(children)
 
@@ -121,8 +121,8 @@ def open_gate(machine):
     os.close(os.open(machine.tmp / "gate", os.O_WRONLY))
 
 
-def kill_all(family):
-    for child in family.children():
+def kill_all(tree):
+    for child in tree.children():
         os.kill(child, signal.SIGKILL)
 
 
@@ -132,22 +132,22 @@ def test_children_that_die_together_are_each_restarted_once(machine, is_long, ho
     os.mkfifo(machine.tmp / "gate")
     node = {"path": "/bin/cat", "argv": "/tmp/gate"}
     machine.start({"vornnode": {name: node for name in names}})
-    family, log = Family(machine), LogReader(machine)
-    descriptors, memory = family.descriptors(), None
+    tree, log = ProcessTree(machine), LogReader(machine)
+    descriptors, memory = tree.descriptors(), None
     for turn in range(3 if is_long else 1):
         eventually(lambda: all(waits_in(child, "wait_for_partner")
-                               for child in family.children()), "all are at the gate")
+                               for child in tree.children()), "all are at the gate")
         before = {name: machine.status(name).pid for name in names}
         log.restart()
         if how == "exit":
             open_gate(machine)
         elif how == "killed":
-            kill_all(family)
+            kill_all(tree)
         else:
-            family.hold()
-            kill_all(family)
-            eventually(lambda: len(family.zombies()) == len(names), "all are dead")
-            family.resume()
+            tree.hold()
+            kill_all(tree)
+            eventually(lambda: len(tree.zombies()) == len(names), "all are dead")
+            tree.resume()
         log.wait_for_starts(len(names))
 
         texts = log.texts()
@@ -157,19 +157,19 @@ def test_children_that_die_together_are_each_restarted_once(machine, is_long, ho
             assert texts[f"Node '{name}' ready to restarting"] == 1
             assert texts[f"Node start '{name}' ok"] == 1
         assert log.collected() == collections.Counter(before.values())
-        family.wait_until_no_zombie_is_left()
+        tree.wait_until_no_zombie_is_left()
         after = [machine.status(name) for name in names]
         assert {status.state for status in after} == {State.RUNNING}
-        assert {status.pid for status in after} == family.by_machine_pid().keys()
-        eventually(lambda: family.descriptors() == descriptors, "no descriptor more")
+        assert {status.pid for status in after} == tree.by_machine_pid().keys()
+        eventually(lambda: tree.descriptors() == descriptors, "no descriptor more")
         if turn == 0:
-            memory = family.memory()
+            memory = tree.memory()
         elif not machine.sanitized:
-            assert family.memory() <= memory + 1024
+            assert tree.memory() <= memory + 1024
         looks = [line for line in log.lines() if line.func == "reapOneProcess"]
         took = looks[-1].seconds - looks[0].seconds
         figure(f"{len(names)} children, {how}: collected in {took:.2f} s, "
-               f"{family.memory()} KiB, {family.descriptors()} descriptors")
+               f"{tree.memory()} KiB, {tree.descriptors()} descriptors")
 
 
 # Nodes that fork without end. They stay behind the launcher and the test.
@@ -197,8 +197,8 @@ def test_fork_bombs_cost_no_exit_no_restart_and_no_answer(machine, is_long):
             paths[f"{name}-{i}"] = path
     nodes = {name: {"path": path} for name, path in paths.items()}
     machine.start({"vornnode": {"steady": SLEEPER, "pawn": SLEEPER, **nodes}})
-    family, log = Family(machine), LogReader(machine)
-    descriptors, memory = family.descriptors(), family.memory()
+    tree, log = ProcessTree(machine), LogReader(machine)
+    descriptors, memory = tree.descriptors(), tree.memory()
     steady = machine.status("steady")
 
     answers, slowest = 0, 0.0
@@ -217,11 +217,11 @@ def test_fork_bombs_cost_no_exit_no_restart_and_no_answer(machine, is_long):
         time.sleep(0.02)  # the rate of the requests
 
     assert machine.status("steady") == steady
-    eventually(lambda: family.descriptors() == descriptors, "no descriptor more")
-    growth = family.memory() - memory
+    eventually(lambda: tree.descriptors() == descriptors, "no descriptor more")
+    growth = tree.memory() - memory
     for name in nodes:
         assert machine.request(Cmd.STOP, name).result == Result.SUCCESS
-    family.wait_until_no_zombie_is_left()
+    tree.wait_until_no_zombie_is_left()
     texts = log.texts()
     longest = 0.0
     for name in quitters:
@@ -243,35 +243,35 @@ def test_fork_bombs_cost_no_exit_no_restart_and_no_answer(machine, is_long):
     figure(f"fork bombs for {seconds} s: {answers} requests, the slowest took "
            f"{slowest:.2f} s; {exits} exits; at most "
            f"{longest:.2f} s from start to start; memory {growth:+} KiB")
-    assert family.by_machine_pid().keys() == {
+    assert tree.by_machine_pid().keys() == {
         machine.status("steady").pid, machine.status("pawn").pid}
-    ends_on_sigterm(machine, family)
+    ends_on_sigterm(machine, tree)
 
 
 # -- Floods of signals.
 
 
-def flood(family, send, count):
+def flood(tree, send, count):
     """Sends `count` signals, faster than they can be taken, and now and then
     lets the receiver run."""
     for i in range(count):
-        send(family.pid)
+        send(tree.pid)
         if i % 50 == 0:
             time.sleep(0.001)
 
 
 def test_a_flood_of_sigpipe_costs_nothing_but_log_lines(machine, is_long):
     machine.start(sleepers("worker", "other"))
-    family, log = Family(machine), LogReader(machine)
+    tree, log = ProcessTree(machine), LogReader(machine)
     first = machine.status("worker").pid
     kept = machine.status("other")
     rounds, answers = (2000 if is_long else 100), 0
     for turn in range(rounds):
-        flood(family, lambda pid: os.kill(pid, signal.SIGPIPE), 50)
+        flood(tree, lambda pid: os.kill(pid, signal.SIGPIPE), 50)
         with machine.connect() as client:  # goes before it is answered
             client.sendall(pack_request(Cmd.STATUS, "worker"))
         if turn == rounds // 2:
-            os.kill(family.by_machine_pid()[first], signal.SIGKILL)
+            os.kill(tree.by_machine_pid()[first], signal.SIGKILL)
         answers += machine.status("other") == kept
     assert answers == rounds
     log.wait_for_starts(3)
@@ -279,8 +279,8 @@ def test_a_flood_of_sigpipe_costs_nothing_but_log_lines(machine, is_long):
     assert log.texts()["epoll_wait failed."] > 0
     figure(f"{50 * rounds} SIGPIPE: {log.texts()['epoll_wait failed.']} waits "
            f"interrupted, {rounds} clients gone, {answers} requests answered")
-    commands_are_obeyed(machine, family, "worker")
-    ends_on_sigterm(machine, family)
+    commands_are_obeyed(machine, tree, "worker")
+    ends_on_sigterm(machine, tree)
     assert machine.stdout() == ""
 
 
@@ -296,18 +296,18 @@ def queue_sigchld(pid):
 @pytest.mark.parametrize("send", [kill_sigchld, queue_sigchld])
 def test_sigchld_from_strangers_ends_no_node(machine, is_long, send):
     machine.start(sleepers("worker", "other"))
-    family, log = Family(machine), LogReader(machine)
+    tree, log = ProcessTree(machine), LogReader(machine)
     first, kept = machine.status("worker").pid, machine.status("other")
     count = 100_000 if is_long else 5000
-    flood(family, send, count // 2)
-    os.kill(family.by_machine_pid()[first], signal.SIGKILL)
-    flood(family, send, count // 2)
+    flood(tree, send, count // 2)
+    os.kill(tree.by_machine_pid()[first], signal.SIGKILL)
+    flood(tree, send, count // 2)
     log.wait_for_starts(3)
     assert machine.status("other") == kept
     assert log.collected() == {first: 1}
     assert log.texts()["ssi_signo: 17"] > 1
-    commands_are_obeyed(machine, family, "worker")
-    ends_on_sigterm(machine, family)
+    commands_are_obeyed(machine, tree, "worker")
+    ends_on_sigterm(machine, tree)
 
 
 # -- As process 1, such as in a container.
@@ -318,9 +318,9 @@ AS_PROCESS_1 = ["unshare", "--pid", "--fork", "--kill-child", "--mount-proc",
 
 
 def process_1(machine):
-    """The family of a launcher started by AS_PROCESS_1."""
+    """The tree of a launcher started by AS_PROCESS_1."""
     wrapper = machine.process.host_pid
-    return Family(machine, eventually(lambda: children_of(wrapper), "it runs")[0])
+    return ProcessTree(machine, eventually(lambda: children_of(wrapper), "it runs")[0])
 
 
 @pytest.mark.parametrize("end", ["exit", "sigkill"])
@@ -335,10 +335,10 @@ def test_as_process_1_it_collects_every_orphan_and_spares_the_nodes(
     content["vornnode"]["crasher"] = {"path": machine.script("crasher", "exit 1")}
     content["vornnode"]["breeder"] = {"path": breeder}
     machine.start(content, wrapper=AS_PROCESS_1)
-    family, log = process_1(machine), LogReader(machine)
+    tree, log = process_1(machine), LogReader(machine)
     worker = machine.status("worker")
     eventually((machine.tmp / "done").exists, "all orphans were made", timeout=300)
-    family.wait_until_no_zombie_is_left()
+    tree.wait_until_no_zombie_is_left()
 
     def crashes():
         return log.raw().count(b": 'crasher' exited with status: 1.")
@@ -353,8 +353,8 @@ def test_as_process_1_it_collects_every_orphan_and_spares_the_nodes(
     assert machine.status("breeder").state == State.RUNNING
     before = crashes()
     eventually(lambda: crashes() > before, "the crasher is restarted")
-    supervision_goes_on(machine, family, "worker")
-    ends_on_sigterm(machine, family)
+    supervision_goes_on(machine, tree, "worker")
+    ends_on_sigterm(machine, tree)
 
 
 # -- Signals that the launcher does not handle.
@@ -370,9 +370,9 @@ def others_of(default):
 @pytest.mark.parametrize("number", others_of("ends"), ids=lambda number: number.name)
 def test_a_signal_it_does_not_handle_ends_it_and_leaves_the_nodes(machine, number):
     machine.start(sleepers("worker"))
-    family = Family(machine)
-    children = family.children()
-    family.signal(number)
+    tree = ProcessTree(machine)
+    children = tree.children()
+    tree.signal(number)
     assert machine.wait() == -number
     assert machine.stdout() == ""
     assert not any(has_ended(child) for child in children)
@@ -380,14 +380,14 @@ def test_a_signal_it_does_not_handle_ends_it_and_leaves_the_nodes(machine, numbe
 
 def test_signals_that_the_system_ignores_are_not_even_logged(machine):
     machine.start(sleepers("worker"))
-    family, log = Family(machine), LogReader(machine)
+    tree, log = ProcessTree(machine), LogReader(machine)
     before = log.raw()
     for number in others_of("ignored") * 100:
-        family.signal(number)
-    supervision_goes_on(machine, family, "worker")
+        tree.signal(number)
+    supervision_goes_on(machine, tree, "worker")
     assert log.raw().startswith(before)
     assert "epoll_wait failed." not in log.texts()
-    ends_on_sigterm(machine, family)
+    ends_on_sigterm(machine, tree)
 
 
 # -- The signals that end the launcher, at any moment.
@@ -398,19 +398,19 @@ def is_pending(pid, number):
     return int(status_field(pid, "ShdPnd"), 16) & 1 << (number - 1)
 
 
-def send_and_wait_until_taken(family, number):
-    family.signal(number)
-    eventually(lambda: not is_pending(family.pid, number), "the signal is taken")
+def send_and_wait_until_taken(tree, number):
+    tree.signal(number)
+    eventually(lambda: not is_pending(tree.pid, number), "the signal is taken")
 
 
 def test_all_fatal_signals_at_once_end_it_once_with_one_line(machine):
     machine.start(sleepers("one", "two"))
-    family = Family(machine)
-    children = family.children()
-    family.hold()
+    tree = ProcessTree(machine)
+    children = tree.children()
+    tree.hold()
     for number in FATAL:
-        family.signal(number)
-    family.resume()
+        tree.signal(number)
+    tree.resume()
     assert machine.wait() == 0
     assert len(printed_signals(machine)) == 1
     assert machine.stdout() == printed_signals(machine)[0]
@@ -425,11 +425,11 @@ def test_a_storm_of_sigterm_stops_each_node_once(machine, is_long):
                                 for name in names}})
     for name in names:
         eventually((machine.tmp / f"ready-{name}").exists, f"{name} is ready")
-    family, log = Family(machine), LogReader(machine)
-    children = family.children()
-    family.signal(signal.SIGTERM)
+    tree, log = ProcessTree(machine), LogReader(machine)
+    children = tree.children()
+    tree.signal(signal.SIGTERM)
     eventually((machine.tmp / "order").exists, "the first stop has begun")
-    flood(family, lambda pid: os.kill(pid, signal.SIGTERM),
+    flood(tree, lambda pid: os.kill(pid, signal.SIGTERM),
           20_000 if is_long else 1000)
     (machine.tmp / "go").touch()
     assert machine.wait() == 0
@@ -448,7 +448,7 @@ def fixture_reluctant(machine):
                            **content["vornnode"]}
     machine.start(content)
     eventually((machine.tmp / "ready").exists, "the node is ready")
-    return Family(machine)
+    return ProcessTree(machine)
 
 
 def test_a_stop_that_sigint_interrupts_is_finished_and_answered(machine, reluctant):
@@ -497,11 +497,11 @@ def test_fatal_signals_after_sigterm_do_not_spare_the_nodes(machine, reluctant):
 
 def test_sigterm_after_sigint_stops_no_node(machine):
     machine.start(sleepers("worker"))
-    family, log = Family(machine), LogReader(machine)
-    children = family.children()
+    tree, log = ProcessTree(machine), LogReader(machine)
+    children = tree.children()
     with held(machine):
-        send_and_wait_until_taken(family, signal.SIGINT)
-        family.signal(signal.SIGTERM)
+        send_and_wait_until_taken(tree, signal.SIGINT)
+        tree.signal(signal.SIGTERM)
     assert machine.wait() == 0
     assert machine.stdout() == handled_with(signal.SIGINT)
     assert "ssi_signo: 15" not in log.texts()
@@ -523,10 +523,10 @@ def test_sigint_during_start_up_cuts_one_sleep_and_starts_every_node(machine):
                                 "second": {**SLEEPER, "sleep": 500}}},
                   wait_until_up=False)
     log = LogReader(machine)
-    family = Family(machine)
+    tree = ProcessTree(machine)
     machine.wait_for_log("first sleep 600000ms")
-    eventually(lambda: waits_in(family.pid, "nanosleep"), "it sleeps")
-    family.signal(signal.SIGINT)
+    eventually(lambda: waits_in(tree.pid, "nanosleep"), "it sleeps")
+    tree.signal(signal.SIGINT)
     assert machine.wait() == 0
     lines = {line.text: line for line in log.lines()}
     assert "Node start 'first' ok" in lines
@@ -542,11 +542,11 @@ def test_a_start_command_is_answered_when_its_sleep_meets_a_signal(machine, numb
     nap = 600_000 if number == signal.SIGINT else 700
     machine.start({"vornnode": {
         "other": SLEEPER, "late": {**SLEEPER, "sleep": nap, "autostart": False}}})
-    family = Family(machine)
+    tree = ProcessTree(machine)
     with machine.connect() as client:
         client.sendall(pack_request(Cmd.START, "late"))
-        eventually(lambda: waits_in(family.pid, "nanosleep"), "it sleeps")
-        family.signal(number)
+        eventually(lambda: waits_in(tree.pid, "nanosleep"), "it sleeps")
+        tree.signal(number)
         assert unpack_response(read_exactly(client, 24)).result == Result.SUCCESS
     assert machine.wait() == 0
     sleepers_left = [p for p in machine.processes() if p.argv == SLEEPER_ARGV]
@@ -559,12 +559,12 @@ def test_a_start_command_is_answered_when_its_sleep_meets_a_signal(machine, numb
 def test_sigpipe_cuts_a_sleep_short_and_ends_nothing(machine):
     machine.start({"vornnode": {"late": {**SLEEPER, "sleep": 600_000}}},
                   wait_until_up=False)
-    family = Family(machine)
-    eventually(lambda: waits_in(family.pid, "nanosleep"), "it sleeps")
-    family.signal(signal.SIGPIPE)
+    tree = ProcessTree(machine)
+    eventually(lambda: waits_in(tree.pid, "nanosleep"), "it sleeps")
+    tree.signal(signal.SIGPIPE)
     machine.wait_until_up()
     assert machine.status("late").state == State.RUNNING
-    ends_on_sigterm(machine, family)
+    ends_on_sigterm(machine, tree)
 
 
 # -- SIGSTOP.
@@ -572,27 +572,27 @@ def test_sigpipe_cuts_a_sleep_short_and_ends_nothing(machine):
 
 def test_what_waited_while_the_launcher_was_stopped_is_served_afterwards(machine):
     machine.start(sleepers("worker"))
-    family = Family(machine)
+    tree = ProcessTree(machine)
     status = machine.status("worker")
     with contextlib.ExitStack() as stack:
         for _ in range(20):
-            family.hold()
+            tree.hold()
             clients = [stack.enter_context(machine.connect()) for _ in range(5)]
             for client in clients:
                 client.sendall(pack_request(Cmd.STATUS, "worker"))
-            family.resume()
+            tree.resume()
             for client in clients:
                 assert unpack_response(read_exactly(client, 24)) == status
                 client.close()
-    ends_on_sigterm(machine, family)
+    ends_on_sigterm(machine, tree)
 
 
 def test_stopped_and_continued_nodes_are_still_running_ones(machine, is_long):
     names = [f"node-{i}" for i in range(1000 if is_long else 100)]
     machine.start(sleepers(*names))
-    family, log = Family(machine), LogReader(machine)
+    tree, log = ProcessTree(machine), LogReader(machine)
     before = [machine.status(name) for name in names]
-    children = family.children()
+    children = tree.children()
     log.restart()
     for number in (signal.SIGSTOP, signal.SIGCONT) * 3:
         for child in children:
@@ -604,21 +604,21 @@ def test_stopped_and_continued_nodes_are_still_running_ones(machine, is_long):
     # Killed while it is stopped, each is back all the same.
     for child in children:
         os.kill(child, signal.SIGSTOP)
-    kill_all(family)
+    kill_all(tree)
     log.wait_for_starts(len(names))
     assert log.collected() == collections.Counter(status.pid for status in before)
 
 
 def test_a_stopped_node_is_killed_after_its_stop_has_waited(machine):
     machine.start(sleepers("worker"))
-    family, log = Family(machine), LogReader(machine)
-    [child] = family.children()
+    tree, log = ProcessTree(machine), LogReader(machine)
+    [child] = tree.children()
     os.kill(child, signal.SIGSTOP)
     eventually(lambda: is_stopped(child), "the node is stopped")
     assert machine.request(Cmd.STOP, "worker").result == Result.SUCCESS
     eventually(lambda: log.texts()["Node 'worker' stoped"], "it is collected")
     assert log.texts()["'worker' receive signal: 9."] == 1
-    assert family.children() == []
+    assert tree.children() == []
 
 
 # -- Standard input, output and error that are of no use.
@@ -653,22 +653,22 @@ def start_without_streams(machine, streams):
     machine.start(sleepers("worker", "other"), **options)
     if "stdout" in options:
         os.close(options["stdout"])
-    return Family(machine)
+    return ProcessTree(machine)
 
 
 @pytest.mark.parametrize("streams", USELESS_STREAMS)
 def test_supervision_goes_on_when_streams_are_useless(machine, streams):
-    family = start_without_streams(machine, streams)
-    supervision_goes_on(machine, family, "worker")
-    assert len(family.children()) == 2
-    ends_on_sigterm(machine, family)
+    tree = start_without_streams(machine, streams)
+    supervision_goes_on(machine, tree, "worker")
+    assert len(tree.children()) == 2
+    ends_on_sigterm(machine, tree)
 
 
 @pytest.mark.parametrize("streams", USELESS_STREAMS)
 def test_sigint_ends_with_0_when_streams_are_useless(machine, streams):
-    family = start_without_streams(machine, streams)
-    children = family.children()
-    family.signal(signal.SIGINT)
+    tree = start_without_streams(machine, streams)
+    children = tree.children()
+    tree.signal(signal.SIGINT)
     assert machine.wait() == 0
     assert not any(has_ended(child) for child in children)
 
@@ -702,12 +702,12 @@ def test_a_slow_reader_gets_every_line_whole_though_signals_cut_the_writes(machi
     reading.start()
     machine.start(sleepers("worker"), stderr=writer)
     os.close(writer)
-    family = Family(machine)
+    tree = ProcessTree(machine)
     done = threading.Event()
 
     def signal_until_done():
         while not done.wait(0.0002):
-            family.signal(signal.SIGPIPE)
+            tree.signal(signal.SIGPIPE)
 
     signalling = threading.Thread(target=signal_until_done, daemon=True)
     signalling.start()
@@ -717,9 +717,9 @@ def test_a_slow_reader_gets_every_line_whole_though_signals_cut_the_writes(machi
     finally:
         done.set()
         signalling.join()
-    supervision_goes_on(machine, family, "worker")
-    children = family.children()
-    family.signal(signal.SIGTERM)
+    supervision_goes_on(machine, tree, "worker")
+    children = tree.children()
+    tree.signal(signal.SIGTERM)
     assert machine.wait() == 0
     all_end(children)
     ended.set()
@@ -738,13 +738,13 @@ def test_a_reader_that_comes_back_gets_whole_lines_again(machine):
     writer = os.open(pipe, os.O_WRONLY)
     machine.start(sleepers("worker"), stderr=writer)
     os.close(writer)
-    family = Family(machine)
+    tree = ProcessTree(machine)
     assert "Node start 'worker' ok" in os.read(reader, 65536).decode()
     os.close(reader)
-    supervision_goes_on(machine, family, "worker")
+    supervision_goes_on(machine, tree, "worker")
     reader = os.open(pipe, os.O_RDONLY | os.O_NONBLOCK)
     assert machine.request(Cmd.ENABLE, "worker").result == Result.SUCCESS
-    ends_on_sigterm(machine, family)
+    ends_on_sigterm(machine, tree)
     lines = lines_of(os.read(reader, 65536).decode())
     assert [line.text for line in lines] == ["control cmd: 5", "ssi_signo: 15"]
     os.close(reader)
@@ -757,7 +757,7 @@ ON_SMALL_DISK = ["sh", "-c",
 
 def test_a_full_disk_costs_lines_only_and_the_next_one_is_whole(machine):
     machine.start(sleepers("worker"), wrapper=ON_SMALL_DISK)
-    family = Family(machine)
+    tree = ProcessTree(machine)
 
     def log():
         return machine.run("cat", "/tmp/disk/log")
@@ -777,8 +777,8 @@ def test_a_full_disk_costs_lines_only_and_the_next_one_is_whole(machine):
         [line] = lines_of(more.removeprefix("\n"))
         assert line.text == "control cmd: 5"
     machine.run("sh", "-c", "cat /dev/zero 2>&- >/tmp/disk/fill", check=False)
-    supervision_goes_on(machine, family, "worker")
-    ends_on_sigterm(machine, family)
+    supervision_goes_on(machine, tree, "worker")
+    ends_on_sigterm(machine, tree)
 
 
 # -- Limits.
@@ -790,12 +790,12 @@ DESCRIPTORS = 6
 
 def test_a_log_at_its_size_limit_ends_nothing(machine):
     machine.start(sleepers("worker"), wrapper=["prlimit", "--fsize=2000"])
-    family, log = Family(machine), LogReader(machine)
+    tree, log = ProcessTree(machine), LogReader(machine)
     for _ in range(100):
         assert machine.request(Cmd.ENABLE, "worker").result == Result.SUCCESS
     assert len(log.raw()) == 2000
-    supervision_goes_on(machine, family, "worker")
-    ends_on_sigterm(machine, family)
+    supervision_goes_on(machine, tree, "worker")
+    ends_on_sigterm(machine, tree)
     assert len(log.raw()) == 2000
 
 
@@ -825,22 +825,22 @@ def fixture_as_user(machine):
 
 def test_without_processes_starts_fail_and_stops_take_their_time(machine, as_user):
     machine.start(sleepers("crashing", "stopping", "starting"), wrapper=as_user)
-    family, log = Family(machine), LogReader(machine)
+    tree, log = ProcessTree(machine), LogReader(machine)
     assert machine.request(Cmd.STOP, "starting").result == Result.SUCCESS
     log.restart()
-    stopping = family.by_machine_pid()[machine.status("stopping").pid]
+    stopping = tree.by_machine_pid()[machine.status("stopping").pid]
     with limited(machine, "nproc", 1, as_user):
         assert machine.request(Cmd.START, "starting").result == Result.FAILED
         assert machine.status("starting").state == State.STOPPED
         crashing = machine.status("crashing").pid
-        os.kill(family.by_machine_pid()[crashing], signal.SIGKILL)
+        os.kill(tree.by_machine_pid()[crashing], signal.SIGKILL)
         eventually(lambda: log.texts()["name: crashing fork failed."], "it was tried")
         assert machine.status("crashing").state == State.STOPPED
         # Neither look at the process table can be taken.
         assert machine.request(Cmd.STOP, "stopping").result == Result.SUCCESS
         assert has_ended(stopping)
         assert machine.status("crashing").state == State.STOPPED
-    family.wait_until_no_zombie_is_left()
+    tree.wait_until_no_zombie_is_left()
     texts = log.texts()
     assert texts["name: starting fork failed."] == 1
     assert texts["name: crashing fork failed."] == 1
@@ -848,32 +848,32 @@ def test_without_processes_starts_fail_and_stops_take_their_time(machine, as_use
     for name in ("crashing", "stopping", "starting"):
         assert machine.request(Cmd.START, name).result == Result.SUCCESS
         assert machine.status(name).state == State.RUNNING
-    ends_on_sigterm(machine, family)
+    ends_on_sigterm(machine, tree)
 
 
 def test_with_one_descriptor_left_commands_and_restarts_work(machine):
     machine.start(sleepers("worker"))
-    family, log = Family(machine), LogReader(machine)
-    [child] = family.children()
+    tree, log = ProcessTree(machine), LogReader(machine)
+    [child] = tree.children()
     with limited(machine, "nofile", DESCRIPTORS + 1):
         os.kill(child, signal.SIGKILL)
         log.wait_for_starts(2)
-        [child] = family.children()
+        [child] = tree.children()
         # The process table cannot be looked at, so this takes all 50 passes.
         assert machine.request(Cmd.STOP, "worker").result == Result.SUCCESS
         assert has_ended(child)
-        family.wait_until_no_zombie_is_left()
+        tree.wait_until_no_zombie_is_left()
         assert machine.request(Cmd.START, "worker").result == Result.SUCCESS
-        assert machine.status("worker").pid in family.by_machine_pid()
-    ends_on_sigterm(machine, family)
+        assert machine.status("worker").pid in tree.by_machine_pid()
+    ends_on_sigterm(machine, tree)
 
 
 def test_without_a_descriptor_left_restarts_work_and_requests_wait(machine):
     machine.start(sleepers("worker"))
-    family, log = Family(machine), LogReader(machine)
+    tree, log = ProcessTree(machine), LogReader(machine)
     first = machine.status("worker").pid
-    [child] = family.children()
-    eventually(lambda: family.descriptors() == DESCRIPTORS, "it waits for events")
+    [child] = tree.children()
+    eventually(lambda: tree.descriptors() == DESCRIPTORS, "it waits for events")
     with limited(machine, "nofile", DESCRIPTORS):
         with machine.connect() as client:
             client.sendall(pack_request(Cmd.STATUS, "worker"))
@@ -882,6 +882,6 @@ def test_without_a_descriptor_left_restarts_work_and_requests_wait(machine):
             with limited(machine, "nofile", DESCRIPTORS + 1):
                 reply = unpack_response(read_exactly(client, 24))
     assert reply.state == State.RUNNING
-    assert reply.pid in family.by_machine_pid() and reply.pid != first
-    commands_are_obeyed(machine, family, "worker")
-    ends_on_sigterm(machine, family)
+    assert reply.pid in tree.by_machine_pid() and reply.pid != first
+    commands_are_obeyed(machine, tree, "worker")
+    ends_on_sigterm(machine, tree)

@@ -22,7 +22,7 @@ import warnings
 import pytest
 
 from support.control import Cmd, Result, State, pack_request
-from support.holding import held
+from support.blocking import held
 from support.machine import Machine
 from support.start_time import start_ticks
 from support.waiting import eventually

@@ -13,7 +13,7 @@ import pytest
 from support.control import TIMEOUT, Cmd, Result, State
 from support.control import pack_request, read_exactly, read_until_end
 from support.control import unpack_response
-from support.holding import held, wait_until_blocked, wait_until_idle
+from support.blocking import held, wait_until_blocked, wait_until_idle
 from support.trace import QUICK, calls, injected
 from support.waiting import eventually
 

@@ -7,7 +7,7 @@ import subprocess
 
 import pytest
 
-from support.document import blocks
+from support.doc_runner import blocks
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 TUTORIALS = ROOT / "docs/tutorials"

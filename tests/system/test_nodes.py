@@ -6,7 +6,7 @@ import signal
 import pytest
 from support.control import Cmd, Result, State, pack_request, read_exactly
 from support.control import unpack_response
-from support.holding import held, wait_until_idle
+from support.blocking import held, wait_until_idle
 from support.trace import QUICK, calls, injected
 from support.waiting import eventually
 

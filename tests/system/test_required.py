@@ -3,7 +3,7 @@
 import signal
 
 from support.control import Cmd, Result, State, pack_request
-from support.holding import wait_until_blocked, wait_until_idle
+from support.blocking import wait_until_blocked, wait_until_idle
 from support.trace import injected
 from support.waiting import eventually
 

@@ -8,8 +8,8 @@ import signal
 import pytest
 from support.control import Cmd, Result, State, pack_request, read_exactly
 from support.control import unpack_response
-from support.holding import held, start_signalled_while_reading
-from support.holding import wait_until_blocked, wait_until_idle
+from support.blocking import held, start_signalled_while_reading
+from support.blocking import wait_until_blocked, wait_until_idle
 from support.machine import Machine
 from support.trace import QUICK, calls, injected
 from support.waiting import eventually

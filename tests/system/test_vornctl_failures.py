@@ -15,8 +15,8 @@ import pytest
 
 import support
 from support.control import Cmd, State, pack_request
-from support.family import Family
-from support.holding import held, wait_until_blocked
+from support.process_tree import ProcessTree
+from support.blocking import held, wait_until_blocked
 from support.machine import PYTHON
 from support.vornctl import VORNCTL, running
 from support.waiting import eventually
@@ -76,21 +76,21 @@ def limit_for(what):
     return "200ms" if what["end"] == "hold" else "60s"
 
 
-class FalseLauncher:
+class FakeLauncher:
     """Another program in the launcher's place."""
 
     def __init__(self, machine, user=()):
         self._machine = machine
         self._counter = itertools.count()
-        script = pathlib.Path(support.__file__).with_name("false_launcher.py")
-        path = machine.file("false_launcher.py", script.read_bytes())
+        script = pathlib.Path(support.__file__).with_name("fake_launcher.py")
+        path = machine.file("fake_launcher.py", script.read_bytes())
         machine.launch_file({"vornnode": {"camera": {"path": "/bin/true"}}})
         self.answers([NOT_FOUND])
         machine.start(arguments=["/tmp/launch.yaml"], wait_until_up=False,
                       wrapper=[*user, PYTHON, "-I", path])
         eventually(lambda: self._machine.execute(
             VORNCTL, "--trust-any-user", "ping").returncode == 0,
-            "the false launcher listens")
+            "the fake launcher listens")
 
     def answers(self, answers):
         """What it does with the next connections, and with all after them."""
@@ -118,9 +118,9 @@ class FalseLauncher:
         return done
 
 
-@pytest.fixture(name="false_launcher")
-def fixture_false_launcher(machine):
-    return FalseLauncher(machine)
+@pytest.fixture(name="fake_launcher")
+def fixture_fake_launcher(machine):
+    return FakeLauncher(machine)
 
 
 def name_of(command):
@@ -136,12 +136,12 @@ def is_before_the_request(command, what):
 
 
 @pytest.mark.parametrize("command", COMMANDS + LOOKERS, ids=name_of)
-def test_a_launcher_that_misbehaves_at_once_is_survived(false_launcher, command):
+def test_a_launcher_that_misbehaves_at_once_is_survived(fake_launcher, command):
     for wrong, (what, statuses) in WRONGS.items():
         if is_before_the_request(command, what):
             statuses = {6 if status == 7 else status for status in statuses}
-        false_launcher.answers([what])
-        done = false_launcher.vornctl(*command, limit=limit_for(what))
+        fake_launcher.answers([what])
+        done = fake_launcher.vornctl(*command, limit=limit_for(what))
         assert done.returncode in statuses, wrong
         if done.returncode in (6, 7):
             assert "; nothing was changed" in done.stderr, wrong
@@ -156,28 +156,28 @@ def status_before(command):
 @pytest.mark.parametrize("wrong", ["the request is read", "nothing"])
 @pytest.mark.parametrize("command", ["start", "stop", "enable", "disable"])
 def test_an_action_is_not_sent_without_a_reply_to_the_status_request(
-        false_launcher, command, wrong):
+        fake_launcher, command, wrong):
     what, _ = WRONGS[wrong]
-    false_launcher.answers([NOT_FOUND, what])
-    done = false_launcher.vornctl(command, "camera", limit=limit_for(what))
+    fake_launcher.answers([NOT_FOUND, what])
+    done = fake_launcher.vornctl(command, "camera", limit=limit_for(what))
     assert (done.returncode, done.stdout) == (6, "")
     assert done.stderr.startswith("vornctl: camera: ")
     assert "; nothing was changed" in done.stderr
     sent = {struct.unpack_from("=I", request)[0]
-            for request in false_launcher.requests() if request}
+            for request in fake_launcher.requests() if request}
     assert sent == {Cmd.STATUS}
 
 
 @pytest.mark.parametrize("command", COMMANDS, ids=name_of)
-def test_a_launcher_that_misbehaves_when_asked_is_survived(false_launcher, command):
+def test_a_launcher_that_misbehaves_when_asked_is_survived(fake_launcher, command):
     wrongs = dict(WRONGS)
     if command[0] in ("status", "wait", "monitor"):
         wrongs |= {key: (what, {8}) for key, what in WRONG_STATES.items()}
     for wrong, (what, statuses) in wrongs.items():
         if command[0] == "wait" and what["end"] == "hold":
             statuses = {6}
-        false_launcher.answers([NOT_FOUND, *status_before(command), what])
-        done = false_launcher.vornctl(*command, limit=limit_for(what))
+        fake_launcher.answers([NOT_FOUND, *status_before(command), what])
+        done = fake_launcher.vornctl(*command, limit=limit_for(what))
         assert done.returncode in statuses, wrong
         if statuses <= {6, 7}:
             assert done.stderr.endswith(MAY_TAKE_EFFECT), wrong
@@ -186,60 +186,60 @@ def test_a_launcher_that_misbehaves_when_asked_is_survived(false_launcher, comma
 @pytest.mark.parametrize("command", [["start", "camera"], ["restart", "camera"]],
                          ids=name_of)
 def test_a_failure_that_cannot_be_explained_refers_to_the_log(
-        false_launcher, command):
+        fake_launcher, command):
     for wrong, (what, _) in WRONGS.items():
         if what["end"] == "hold":
             continue  # the answers before it might come too late as well
-        false_launcher.answers(
+        fake_launcher.answers(
             [NOT_FOUND, *status_before(command), answer(reply(2)), what])
-        done = false_launcher.vornctl(*command)
+        done = fake_launcher.vornctl(*command)
         assert (done.returncode, done.stderr) == (
             1, f"vornctl: camera: {command[0]} failed: see the launcher's log\n"
         ), wrong
 
 
-def test_a_stop_or_disable_that_fails_tells_of_the_signal(false_launcher):
+def test_a_stop_or_disable_that_fails_tells_of_the_signal(fake_launcher):
     for command in ["stop", "disable"]:
-        false_launcher.answers([NOT_FOUND, answer(reply(2))])
-        done = false_launcher.vornctl(command, "camera")
+        fake_launcher.answers([NOT_FOUND, answer(reply(2))])
+        done = fake_launcher.vornctl(command, "camera")
         assert done.returncode == 1
         assert "the launcher could not signal its process" in done.stderr
 
 
 @pytest.mark.parametrize("command", COMMANDS[:-1], ids=name_of)
-def test_bytes_after_the_reply_are_left_alone(false_launcher, command):
+def test_bytes_after_the_reply_are_left_alone(fake_launcher, command):
     # Its own pid, as that of a process which exists.
-    running_reply = reply(0, pid=false_launcher.pid, state=1)
-    false_launcher.answers([NOT_FOUND, answer(running_reply + "ff")])
-    assert false_launcher.vornctl(*command).returncode == 0
+    running_reply = reply(0, pid=fake_launcher.pid, state=1)
+    fake_launcher.answers([NOT_FOUND, answer(running_reply + "ff")])
+    assert fake_launcher.vornctl(*command).returncode == 0
 
 
 @pytest.mark.parametrize("state", [0, 1, 2, 3])
-def test_a_start_out_of_all_bounds_is_shown(false_launcher, state):
+def test_a_start_out_of_all_bounds_is_shown(fake_launcher, state):
     latest = 2 ** 63 - 1
-    false_launcher.answers([NOT_FOUND, answer(
-        reply(0, pid=false_launcher.pid, state=state, start=latest))])
-    done = false_launcher.vornctl("status", "camera", "-o", "started", "--no-header")
+    fake_launcher.answers([NOT_FOUND, answer(
+        reply(0, pid=fake_launcher.pid, state=state, start=latest))])
+    done = fake_launcher.vornctl("status", "camera", "-o", "started", "--no-header")
     assert (done.returncode, done.stdout) == (0 if state == 1 else 3, f"{latest}\n")
 
 
-def test_the_padding_of_a_reply_means_nothing(false_launcher):
+def test_the_padding_of_a_reply_means_nothing(fake_launcher):
     noise = struct.pack("=iIiiq", 0, 0xdeadbeef, 0, 3, 0).hex()
-    false_launcher.answers([NOT_FOUND, answer(noise)])
-    done = false_launcher.vornctl("status", "camera", "-o", "state", "--no-header")
+    fake_launcher.answers([NOT_FOUND, answer(noise)])
+    done = fake_launcher.vornctl("status", "camera", "-o", "state", "--no-header")
     assert (done.returncode, done.stdout) == (3, "disabled\n")
 
 
-def test_a_request_is_132_bytes_with_the_name_and_nuls(false_launcher):
-    false_launcher.answers([NOT_FOUND, answer(reply(0))])
-    assert false_launcher.vornctl("stop", "camera").returncode == 0
-    assert false_launcher.requests()[-1] == (
+def test_a_request_is_132_bytes_with_the_name_and_nuls(fake_launcher):
+    fake_launcher.answers([NOT_FOUND, answer(reply(0))])
+    assert fake_launcher.vornctl("stop", "camera").returncode == 0
+    assert fake_launcher.requests()[-1] == (
         struct.pack("=I", Cmd.STOP) + b"camera".ljust(128, b"\0"))
 
 
-def test_after_an_unknown_outcome_no_other_node_is_tried(false_launcher):
-    false_launcher.answers([NOT_FOUND, answer(reply(0)), answer()])
-    done = false_launcher.vornctl("stop", "one", "two", "three")
+def test_after_an_unknown_outcome_no_other_node_is_tried(fake_launcher):
+    fake_launcher.answers([NOT_FOUND, answer(reply(0)), answer()])
+    done = fake_launcher.vornctl("stop", "one", "two", "three")
     assert done.returncode == 7
     assert done.stderr.splitlines()[1] == "vornctl: 2 more not tried"
 
@@ -251,23 +251,23 @@ def test_after_an_unknown_outcome_no_other_node_is_tried(false_launcher):
 @pytest.mark.parametrize("command", COMMANDS + LOOKERS, ids=name_of)
 def test_a_launcher_of_another_user_gets_nothing(machine, command):
     machine.tmp.chmod(0o1777)
-    false_launcher = FalseLauncher(machine, user=AS_NOBODY)
-    before = len(false_launcher.requests())
-    done = false_launcher.vornctl(*command)
+    fake_launcher = FakeLauncher(machine, user=AS_NOBODY)
+    before = len(fake_launcher.requests())
+    done = fake_launcher.vornctl(*command)
     assert (done.returncode, done.stdout) == (9, "")
     assert done.stderr == (
         f"vornctl: the launcher on {SOCKET} belongs to user 65534, neither root "
         "nor you\n")
-    assert false_launcher.vornctl("--trust-any-user", "ping").returncode == 0
+    assert fake_launcher.vornctl("--trust-any-user", "ping").returncode == 0
     # The refused one was read as well, before: it held nothing.
-    received = false_launcher.requests()[before:]
+    received = fake_launcher.requests()[before:]
     assert [len(request) for request in received] == [0, 132]
 
 
 @needs_root
 def test_ones_own_launcher_is_trusted(machine):
     machine.tmp.chmod(0o1777)
-    FalseLauncher(machine, user=AS_NOBODY)
+    FakeLauncher(machine, user=AS_NOBODY)
     assert machine.execute(*AS_NOBODY, VORNCTL, "ping").returncode == 0
 
 
@@ -278,7 +278,7 @@ def test_ones_own_launcher_is_trusted(machine):
 @pytest.mark.parametrize("command", [
     ["status"], ["stop", "camera"], ["wait", "camera", "--state", "running"],
     ["monitor", "camera"]], ids=name_of)
-@pytest.mark.usefixtures("false_launcher")
+@pytest.mark.usefixtures("fake_launcher")
 def test_a_launch_file_that_does_not_fit_into_memory_is_reported(machine, command):
     path = machine.file("large.yaml", "a: [" + "b, " * 1_000_000)
     done = machine.execute("prlimit", f"--as={80 << 20}", VORNCTL,
@@ -314,11 +314,11 @@ def test_a_launcher_that_has_ended_is_exit_status_5(machine):
     ("ping", 7), ("stop", 6)])
 def test_a_launcher_that_ends_before_it_accepts_is_noticed(machine, command, status):
     machine.start({"vornnode": {"camera": {"path": "/bin/true"}}})
-    family = Family(machine)
-    family.hold()
+    tree = ProcessTree(machine)
+    tree.hold()
     with running(machine, command, *["camera"] * (command == "stop")) as client:
         client.wait_until_polling()
-        family.signal(signal.SIGKILL)
+        tree.signal(signal.SIGKILL)
         assert client.end() == (
             status, "", "vornctl: no reply: Connection reset by peer; nothing was "
             f"changed: launcher {machine.pid} has exited\n")

@@ -7,7 +7,7 @@ import signal
 import pytest
 
 import support
-from support.family import Family
+from support.process_tree import ProcessTree
 from support.machine import PYTHON
 from support.vornctl import VORNCTL
 from support.waiting import eventually
@@ -22,10 +22,10 @@ def fixture_robot(machine):
         "camera": {"path": "/tmp/bin/none", "autostart": False}}})
 
 
-def interrupted(machine, how, name, argument, command):
-    """What tests/support/interrupted.py finds."""
-    script = pathlib.Path(support.__file__).with_name("interrupted.py")
-    path = machine.file("interrupted.py", script.read_bytes())
+def injected(machine, how, name, argument, command):
+    """What tests/support/signal_injection.py finds."""
+    script = pathlib.Path(support.__file__).with_name("signal_injection.py")
+    path = machine.file("signal_injection.py", script.read_bytes())
     # The leak check cannot work under another tracer.
     environment = {"ASAN_OPTIONS": "detect_leaks=0"} if machine.sanitized else {}
     done = machine.execute(
@@ -44,7 +44,7 @@ def expected(command):
 @pytest.mark.native  # the emulator has more calls, and each signal to itself
 @pytest.mark.parametrize("command", COMMANDS)
 def test_a_client_stopped_from_a_terminal_holds_no_launcher(robot, command):
-    found = interrupted(robot, "stop", "SIGTSTP", robot.pid, command)
+    found = injected(robot, "stop", "SIGTSTP", robot.pid, command)
     status, out = expected(command)
     assert (found["status"], found["errors"]) == (status, "")
     assert found["out"].startswith(out)
@@ -55,7 +55,7 @@ def test_a_client_stopped_from_a_terminal_holds_no_launcher(robot, command):
 @pytest.mark.parametrize("command", COMMANDS)
 def test_a_stop_that_cannot_be_held_off_holds_it_between_connect_and_send(
         robot, command):
-    found = interrupted(robot, "stop", "SIGSTOP", robot.pid, command)
+    found = injected(robot, "stop", "SIGSTOP", robot.pid, command)
     status, out = expected(command)
     assert (found["status"], found["errors"]) == (status, "")
     assert found["out"].startswith(out)
@@ -69,7 +69,7 @@ def test_a_stop_that_cannot_be_held_off_holds_it_between_connect_and_send(
 def test_a_client_that_is_ended_holds_no_launcher(robot, name, command):
     # A run with the sanitizers takes much longer.
     step = 6 if robot.sanitized else 1
-    found = interrupted(robot, "end", name, step, command)
+    found = injected(robot, "end", name, step, command)
     statuses = {int(key) for key in found["statuses"]}
     assert sum(found["statuses"].values()) > found["points"] / 2
     if name == "SIGKILL":
@@ -111,15 +111,15 @@ def ask_by_one_process(machine, count):
 
 def leaves_nothing(machine, ask, count):
     """Asks so many times; whether the launcher is as it was."""
-    family = Family(machine)
+    tree = ProcessTree(machine)
     ask(machine, max(10, count // 10))  # what is made once
-    descriptors, memory = family.descriptors(), family.memory()
+    descriptors, memory = tree.descriptors(), tree.memory()
     ask(machine, count)
     # The last connection is closed right after its reply.
-    eventually(lambda: family.descriptors() <= descriptors,
+    eventually(lambda: tree.descriptors() <= descriptors,
                "the descriptors are as before")
     assert [x.name for x in machine.processes() if x.name == "vornctl"] == []
-    grown = family.memory() - memory
+    grown = tree.memory() - memory
     print(f"{count} questions: {descriptors} descriptors, {memory} KiB, "
           f"{grown} KiB more")
     # The sanitizers keep what is freed for a while.

@@ -7,7 +7,7 @@ import signal
 import pytest
 
 from support.control import Cmd, State
-from support.holding import held
+from support.blocking import held
 from support.terminal import Terminal
 from support.vornctl import VORNCTL
 from support.waiting import eventually

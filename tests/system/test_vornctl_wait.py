@@ -7,7 +7,7 @@ import time
 import pytest
 
 from support.control import Cmd, State
-from support.holding import held
+from support.blocking import held
 from support.vornctl import running
 from support.waiting import eventually
 

@@ -46,7 +46,7 @@ def waits_in(host_pid, kernel_function):
     return kernel_function in _read(host_pid, "wchan")
 
 
-class Family:
+class ProcessTree:
     """The launcher of a machine, and its children; pids are the host's."""
 
     def __init__(self, machine, pid=None):

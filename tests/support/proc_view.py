@@ -5,7 +5,7 @@ import pathlib
 import re
 import signal
 
-from support.family import children_of, status_field, waits_in
+from support.process_tree import children_of, status_field, waits_in
 from support.waiting import eventually
 
 # What the launcher blocks for its signal descriptor, as a mask.
@@ -62,7 +62,7 @@ class Child:
         return bool(int(status_field(self.host_pid, "SigBlk"), 16) & _ROUTED)
 
 
-class Outside:
+class LauncherView:
     """Looks at the launcher of a machine that has been started. Cheaper than
     the machine's own looks, which go through all processes."""
 

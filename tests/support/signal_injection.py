@@ -1,7 +1,7 @@
 """Runs vornctl in a machine and signals it at every system call.
 
-    interrupted.py stop SIGNAL LAUNCHER COMMAND [ARGUMENT...]
-    interrupted.py end SIGNAL STEP COMMAND [ARGUMENT...]
+    signal_injection.py stop SIGNAL LAUNCHER COMMAND [ARGUMENT...]
+    signal_injection.py end SIGNAL STEP COMMAND [ARGUMENT...]
 
 With "stop" the signal comes with each call of one run; each time that this has
 stopped it, the launcher must answer another client, and then the run goes on.
@@ -26,7 +26,7 @@ import sys
 import time
 
 SOCKET = "/tmp/vornlaunch/vornlaunch.sock"
-TRACE = "/tmp/interrupted.trace"
+TRACE = "/tmp/signal_injection.trace"
 PATIENCE = 60
 
 

@@ -1,6 +1,6 @@
 """Stands in a launcher's place on its control socket, and answers wrongly.
 
-    false_launcher.py [ARGUMENT...]
+    fake_launcher.py [ARGUMENT...]
 
 What it does with each connection stands in /tmp/answers, one JSON array: the
 first element is for the first connection since the file was written, and so
