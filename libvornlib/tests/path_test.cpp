@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <string>
 
+#include "support/case_name.h"
 #include "support/library_calls.h"
 #include "support/log_capture.h"
 
@@ -36,10 +37,6 @@ struct RootCase {
   const char* expected;
 };
 
-std::string nameOf(const ::testing::TestParamInfo<RootCase>& info) {
-  return info.param.name;
-}
-
 class ChosenRoot : public ::testing::TestWithParam<RootCase> {};
 
 TEST_P(ChosenRoot, IsVornRootWithoutTrailingSlashes) {
@@ -59,7 +56,7 @@ INSTANTIATE_TEST_SUITE_P(
                       RootCase{"WithSpaces", "/opt/my root ", "/opt/my root "},
                       RootCase{"LikeThePrefix", "/opt/install/x",
                                "/opt/install/x"}),
-    nameOf);
+    test::caseName<RootCase>);
 
 TEST(PathTest, WithoutVornRootTheRootIsTheParentOfTheProgramsFolder) {
   const test::LogCapture log;
@@ -129,7 +126,7 @@ INSTANTIATE_TEST_SUITE_P(
                       RootCase{"ItsWordInside", "/opt/install:/x", nullptr},
                       RootCase{"ItsWordLast", "/opt/install:", nullptr},
                       RootCase{"ItsWordAlone", "install:", nullptr}),
-    nameOf);
+    test::caseName<RootCase>);
 
 /// What root() is where this executable runs and VORN_ROOT is not set.
 const std::string& rootOfExecutable(const std::string& executable) {

@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "support/case_name.h"
+
 namespace vorn {
 namespace {
 
@@ -21,11 +23,6 @@ constexpr int32_t kMaxSignedSec = std::numeric_limits<int32_t>::max();
 constexpr int64_t kMinSignedInput = std::numeric_limits<int64_t>::min();
 constexpr int64_t kMaxSignedInput = std::numeric_limits<int64_t>::max();
 constexpr int64_t kSecond = kNanosecondsPerSecond;
-
-template <typename Case>
-std::string nameOf(const ::testing::TestParamInfo<Case>& info) {
-  return info.param.name;
-}
 
 TEST(TimeTest, APointInTimeAndASpanAreZeroUntilTheyAreSet) {
   EXPECT_EQ(0U, Time().sec);
@@ -63,7 +60,7 @@ INSTANTIATE_TEST_SUITE_P(
                  {kMaxSec, 7}},
         TimeCase{"Largest", kMaxSec, 999'999'999, {kMaxSec, 999'999'999}},
         TimeCase{"LargestByCarry", kMaxSec - 1, 1'000'000'000, {kMaxSec, 0}}),
-    nameOf<TimeCase>);
+    test::caseName<TimeCase>);
 
 struct TimeInput {
   const char* name;
@@ -87,7 +84,7 @@ INSTANTIATE_TEST_SUITE_P(
                       TimeInput{"LargestSeconds", kMaxInput, 0},
                       // The sum of these would be a small one again.
                       TimeInput{"SumBeyond64Bits", kMaxInput, 1'000'000'000}),
-    nameOf<TimeInput>);
+    test::caseName<TimeInput>);
 
 struct DurationCase {
   const char* name;
@@ -145,7 +142,7 @@ INSTANTIATE_TEST_SUITE_P(
                      9'223'372'036,
                      kMinSignedInput,
                      {-1, 145'224'192}}),
-    nameOf<DurationCase>);
+    test::caseName<DurationCase>);
 
 struct DurationInput {
   const char* name;
@@ -173,7 +170,7 @@ INSTANTIATE_TEST_SUITE_P(
         // The sums of these would be of the other sign.
         DurationInput{"SumAbove64Bits", kMaxSignedInput, kMaxSignedInput},
         DurationInput{"SumBelow64Bits", kMinSignedInput, kMinSignedInput}),
-    nameOf<DurationInput>);
+    test::caseName<DurationInput>);
 
 TEST(TimeLimitsTest, TheSmallestTimeIsZero) {
   EXPECT_EQ(0U, kTimeMin.sec);

@@ -27,6 +27,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/case_name.h"
 #include "support/library_calls.h"
 #include "support/log_capture.h"
 #include "support/standard_error.h"
@@ -83,11 +84,6 @@ std::string readToEnd(int fd) {
     all.append(part.data(), static_cast<size_t>(got));
   }
   return all;
-}
-
-template <typename Case>
-std::string nameOf(const ::testing::TestParamInfo<Case>& info) {
-  return info.param.name;
 }
 
 // --- The line
@@ -201,7 +197,7 @@ TEST_P(TraceLevel, IsShownAsAWordPaddedToFiveOrAsItsNumber) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Trace, TraceLevel, ::testing::ValuesIn(kLevelCases),
-                         nameOf<LevelCase>);
+                         test::caseName<LevelCase>);
 
 TEST(TraceTest, OnlyAnOperatorsEventHasAStarBeforeItsLevel) {
   const test::LogCapture log;
@@ -732,7 +728,7 @@ TEST_P(TraceJournal, GetsThePriorityInPlaceOfTheTime) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Trace, TraceJournal, ::testing::ValuesIn(kLevelCases),
-                         nameOf<LevelCase>);
+                         test::caseName<LevelCase>);
 
 TEST(TraceJournalTest, TheStarStandsBetweenPriorityAndLevel) {
   const test::LogCapture log;
@@ -786,7 +782,7 @@ INSTANTIATE_TEST_SUITE_P(Trace, TraceMalformedStream,
                                            StreamCase{"LettersAfter", "", "x"},
                                            StreamCase{"AThirdNumber", "",
                                                       ":1"}),
-                         nameOf<StreamCase>);
+                         test::caseName<StreamCase>);
 
 struct TextCase {
   const char* name;
@@ -807,7 +803,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(TextCase{"Empty", ""}, TextCase{"ColonOnly", ":"},
                       TextCase{"DeviceOnly", "12"}, TextCase{"NoInode", "12:"},
                       TextCase{"NoDevice", ":12"}, TextCase{"Words", "a:b"}),
-    nameOf<TextCase>);
+    test::caseName<TextCase>);
 
 // --- The terminal
 
@@ -856,7 +852,7 @@ INSTANTIATE_TEST_SUITE_P(
         ColourCase{"Error", kError, kPlain, "\x1b\\[31mERROR\x1b\\[0m "},
         ColourCase{"Event", kError, kEvent, "\\*\x1b\\[31mERROR\x1b\\[0m "},
         ColourCase{"UnknownLevel", 2, kPlain, "2     "}),
-    nameOf<ColourCase>);
+    test::caseName<ColourCase>);
 
 class TraceNoColour : public ::testing::TestWithParam<TextCase> {};
 
@@ -871,7 +867,7 @@ INSTANTIATE_TEST_SUITE_P(Trace, TraceNoColour,
                          ::testing::Values(TextCase{"Empty", ""},
                                            TextCase{"Zero", "0"},
                                            TextCase{"One", "1"}),
-                         nameOf<TextCase>);
+                         test::caseName<TextCase>);
 
 TEST(TraceTerminalTest, ATextCannotDriveTheTerminal) {
   ::setenv("NO_COLOR", "1", 1);

@@ -27,12 +27,14 @@
 #include "node_manager.h"
 #include "support/locked_node.h"
 #include "support/log_capture.h"
+#include "support/node_fixture.h"
 #include "support/private_tmp.h"
 #include "support/system_calls.h"
 
 namespace vorn::launch {
 namespace {
 
+using test::addNode;
 using test::failWith;
 using test::logLine;
 using test::LogLine;
@@ -549,15 +551,6 @@ std::string reply(Result result) {
   std::string bytes(24, '\0');
   bytes.front() = static_cast<char>(result);
   return bytes;
-}
-
-/// Registers a stopped node.
-Node& addNode(const std::string& name) {
-  auto node = std::make_unique<Node>(name);
-  node->argv = {"/bin/" + name};
-  Node& added = *node;
-  NodeManager::getInstance().addNode(name, std::move(node));
-  return added;
 }
 
 /// Lets node operations run without any process: executables exist, forks give

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "parser.h"
+#include "support/case_name.h"
 #include "support/log_capture.h"
 #include "vornlib/path.h"
 
@@ -27,10 +28,6 @@ class InstallRoot : public ::testing::TestWithParam<ExpansionCase> {};
 TEST_P(InstallRoot, ReplacesThePrefixUpToItsLastSlash) {
   ::setenv("VORN_ROOT", GetParam().root, 1);
   EXPECT_EQ(GetParam().expected, expandInstallRoot(GetParam().value));
-}
-
-std::string nameOf(const ::testing::TestParamInfo<ExpansionCase>& info) {
-  return info.param.name;
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -58,7 +55,7 @@ INSTANTIATE_TEST_SUITE_P(
                       "install:/lib"},
         ExpansionCase{"CapitalsAreNoPrefix", "/opt/x", "INSTALL://lib",
                       "INSTALL://lib"}),
-    nameOf);
+    test::caseName<ExpansionCase>);
 
 INSTANTIATE_TEST_SUITE_P(
     Roots, InstallRoot,
@@ -72,7 +69,7 @@ INSTANTIATE_TEST_SUITE_P(
         // The root's slashes complete a prefix that stands before it.
         ExpansionCase{"TwoLeadingSlashesAfterAHalfPrefix", "//x",
                       "install:install://lib", "//x/x/lib"}),
-    nameOf);
+    test::caseName<ExpansionCase>);
 
 class RefusedInstallRoot : public ::testing::TestWithParam<ExpansionCase> {};
 
@@ -94,7 +91,7 @@ INSTANTIATE_TEST_SUITE_P(
                       ExpansionCase{"ThatCompletesThePrefixForEver",
                                     "//install:/install:", "install:///lib",
                                     "//lib"}),
-    nameOf);
+    test::caseName<ExpansionCase>);
 
 }  // namespace
 }  // namespace vorn::launch

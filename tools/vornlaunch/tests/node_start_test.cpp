@@ -258,15 +258,16 @@ TEST_F(NodeStartTest, TheLauncherIsBusyForTheWholeSleep) {
   EXPECT_GE(steady_clock::now() - begin, 50ms);
 }
 
-struct SleepCase {
+struct SleepAfterStart {
   const char* name;
   uint32_t milliseconds;
   const char* call;
   const char* text;
 };
 
-class NodeStartSleepTest : public test::FakedNodeTest,
-                           public ::testing::WithParamInterface<SleepCase> {};
+class NodeStartSleepTest
+    : public test::FakedNodeTest,
+      public ::testing::WithParamInterface<SleepAfterStart> {};
 
 TEST_P(NodeStartSleepTest, ItsMicrosecondsWrapAt32Bits) {
   node_.sleep = GetParam().milliseconds;
@@ -280,14 +281,14 @@ TEST_P(NodeStartSleepTest, ItsMicrosecondsWrapAt32Bits) {
 
 INSTANTIATE_TEST_SUITE_P(
     Wrap, NodeStartSleepTest,
-    ::testing::Values(SleepCase{"OneMillisecond", 1, "usleep 1000",
-                                "worker sleep 1ms"},
-                      SleepCase{"Longest", 4'294'967, "usleep 4294967000",
-                                "worker sleep 4294967ms"},
-                      SleepCase{"FirstThatWraps", 4'294'968, "usleep 704",
-                                "worker sleep 4294968ms"},
-                      SleepCase{"LargestNumber", 4'294'967'295,
-                                "usleep 4294966296", "worker sleep -1ms"}),
+    ::testing::Values(
+        SleepAfterStart{"OneMillisecond", 1, "usleep 1000", "worker sleep 1ms"},
+        SleepAfterStart{"Longest", 4'294'967, "usleep 4294967000",
+                        "worker sleep 4294967ms"},
+        SleepAfterStart{"FirstThatWraps", 4'294'968, "usleep 704",
+                        "worker sleep 4294968ms"},
+        SleepAfterStart{"LargestNumber", 4'294'967'295, "usleep 4294966296",
+                        "worker sleep -1ms"}),
     test::CaseName());
 
 // ---- Real children.

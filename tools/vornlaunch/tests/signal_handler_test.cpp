@@ -26,6 +26,7 @@
 #include "node_manager.h"
 #include "support/locked_node.h"
 #include "support/log_capture.h"
+#include "support/node_fixture.h"
 #include "support/system_calls.h"
 
 namespace vorn::launch {
@@ -440,11 +441,7 @@ class HandleSignalTest : public ::testing::Test {
 
   /// Registers a node; its "name:" line is kept out of newLines().
   Node& addNode(const std::string& name, NodeState state, pid_t pid) {
-    auto node = std::make_unique<Node>(name);
-    node->state = state;
-    node->pid = pid;
-    Node& added = *node;
-    NodeManager::getInstance().addNode(name, std::move(node));
+    Node& added = test::addNode(name, state, pid);
     seen_ = log_.lines().size();
     return added;
   }

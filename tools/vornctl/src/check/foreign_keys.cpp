@@ -83,7 +83,7 @@ constexpr ForeignKeys kNodeKeys[] = {
      "write one node for each process"},
 };
 
-constexpr ForeignKeys kRootKeys[] = {
+constexpr ForeignKeys kForeignRootKeys[] = {
     {" node nodes service services process processes program programs unit "
      "units ",
      "write the nodes in 'vornnode'"},
@@ -122,7 +122,7 @@ const char* adviceForNodeKey(const std::string& key) {
 }
 
 const char* adviceForRootKey(const std::string& key) {
-  return adviceIn(kRootKeys, key);
+  return adviceIn(kForeignRootKeys, key);
 }
 
 }  // namespace vorn::launch

@@ -117,7 +117,7 @@ bool hasArgument(const std::string& path) {
 }
 
 /// Characters of which a shell would make something, as people write them.
-std::string shellPartOf(const std::string& argument) {
+std::string shellPartOfArgument(const std::string& argument) {
   for (const char* const sign : {"&&", "||", "$(", "`"}) {
     if (argument.find(sign) != std::string::npos) return sign;
   }
@@ -148,7 +148,7 @@ void checkArgument(const ParsedNode& node, const Text& argument,
                         " keeps its quotes; arguments are cut at every space, "
                         "and nothing takes quotes away");
   }
-  if (const std::string part = shellPartOf(argument.value); !part.empty()) {
+  if (const std::string part = shellPartOfArgument(argument.value); !part.empty()) {
     diagnostics.add("shell-in-argv", argument.place,
                     subject +
                         " is handed over as it stands; no shell sees its '" +

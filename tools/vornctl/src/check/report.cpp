@@ -16,7 +16,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 // Grows when a member changes its meaning or goes; not when one is added.
-constexpr int kSchemaVersion = 1;
+constexpr int kReportSchema = 1;
 constexpr size_t kLongestSource = 120;  // bytes of a source line
 
 Colour colourOf(Severity severity) {
@@ -184,7 +184,7 @@ void printAsJson(Output& out, const std::vector<CheckedFile>& files) {
                     {"loads", file.isLoaded},
                     {"findings", std::move(diagnostics)}});
   }
-  out << jsonText({{"schema", kSchemaVersion}, {"files", std::move(list)}});
+  out << jsonText({{"schema", kReportSchema}, {"files", std::move(list)}});
 }
 
 void printAsSarif(Output& out, const std::vector<CheckedFile>& files) {

@@ -15,7 +15,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 // Grows when a member changes its meaning or goes; not when one is added.
-constexpr int kSchemaVersion = 1;
+constexpr int kResolvedSchema = 1;
 // A stop runs `ps` a hundred times between its pauses.
 constexpr auto kLongestStopWithChecks = kLongestStop + std::chrono::seconds(1);
 
@@ -197,7 +197,7 @@ void printResolvedAsJson(Output& out, const std::vector<ResolvedFile>& files) {
     }
     list.push_back(std::move(json));
   }
-  const Json document = {{"schema", kSchemaVersion},
+  const Json document = {{"schema", kResolvedSchema},
                          {"files", std::move(list)}};
   out << jsonText(document);
 }

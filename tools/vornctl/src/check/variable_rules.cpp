@@ -21,7 +21,7 @@ bool isIn(const std::string& text, size_t position, const char* letters) {
 /// The first part of a value that a shell would replace: "$NAME", "${NAME}" or
 /// "~". Names in lower case are not meant: they are frequent in formats and
 /// patterns that the program itself replaces.
-std::string shellPartOf(const std::string& value) {
+std::string shellPartOfValue(const std::string& value) {
   constexpr char kName[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZ_0123456789";
   for (size_t i = value.find_first_of("$~"); i != std::string::npos;
        i = value.find_first_of("$~", i + 1)) {
@@ -55,7 +55,7 @@ void checkVariable(const Variable& variable, Diagnostics& diagnostics) {
     diagnostics.add("nul-in-text", variable.value.place,
                     "variable " + quoted(name) + " ends at its first NUL");
   }
-  if (const std::string part = shellPartOf(variable.written); !part.empty()) {
+  if (const std::string part = shellPartOfValue(variable.written); !part.empty()) {
     diagnostics.add("variable-not-expanded", variable.value.place,
                     "variable " + quoted(name) + " keeps its " + quoted(part) +
                         " as written; no shell expands it");

@@ -15,7 +15,7 @@ namespace vorn::launch {
 namespace {
 
 // Grows when a member changes its meaning or goes; not when one is added.
-constexpr int kSchemaVersion = 1;
+constexpr int kStatusSchema = 1;
 constexpr std::chrono::minutes kReplyLimit{5};
 constexpr size_t kUsualColumns = 7;
 // Of them, those that a narrow terminal does without, the first one first:
@@ -57,7 +57,7 @@ void printJson(const LauncherProcess& launcher,
     nodes.push_back(jsonOf(view, launcher.file.find(view.name)));
   }
   const nlohmann::ordered_json document = {
-      {"schema", kSchemaVersion},
+      {"schema", kStatusSchema},
       {"launcher",
        {{"pid", launcher.pid},
         {"startSeconds", launcher.startSeconds == 0
