@@ -581,33 +581,12 @@ def suites_of(path):
     return r"(^|/)(" + "|".join(sorted(suites)) + r")\." if suites else None
 
 
-# The whole-program tests to begin with, by source file.
-SYSTEM_FIRST = {
-    "config": "test_launch_file",
-    "control_node": "test_control",
-    "control_protocol": "test_control",
-    "epoll": "test_system_calls",
-    "node": "test_nodes",
-    "node_manager": "test_nodes",
-    "parser": "test_launch_file",
-    "signal_handler": "test_signals",
-    "vornlaunch": "test_startup",
-    "path": "test_launch_file",
-    "trace": "test_log",
-}
-
-
-# Whole-program tests that check other programs under the launcher.
-SYSTEM_LEFT_OUT = ("test_demo", "test_real_servers")
-
-
-def system_tests(path):
-    """The files of whole-program tests, the nearest to the source first."""
-    first = SYSTEM_FIRST.get(pathlib.PurePath(path).stem)
-    files = sorted((ROOT / "tests/system").glob("test_*.py"))
-    files = [file for file in files if file.stem not in SYSTEM_LEFT_OUT]
-    files.sort(key=lambda file: file.stem != first)
-    return [str(file.relative_to(ROOT)) for file in files]
+# The whole-program tests of the launcher.
+SYSTEM = [
+    f"tests/system/test_{area}.py"
+    for area in ("startup", "startup_signals", "signals", "control", "nodes",
+                 "required", "launch_file", "log", "memory")
+]  # fmt: skip
 
 
 class Tester:
@@ -652,7 +631,7 @@ class Tester:
         limits = {}
         for suite, command in (
             ("unit", self._unit()),
-            ("system", self._system("all")),
+            ("system", self._system()),
         ):
             begin = time.monotonic()
             status, said = place.run(*command, limit=1800)
@@ -671,17 +650,14 @@ class Tester:
         ]  # fmt: skip
 
     @staticmethod
-    def _system(path):
-        return [
-            *PYTEST, "-q", "-x", "-n8", "--tb=no", "--build=build",
-            *system_tests(path),
-        ]  # fmt: skip
+    def _system():
+        return [*PYTEST, "-q", "-x", "-n8", "--tb=no", "--build=build", *SYSTEM]
 
     def _suites(self, mutant):
         """What to build and to run, in this order: name, target, command."""
         path = pathlib.PurePath(mutant.path)
         area = self._unit("-R", suites_of(path) or "-")
-        system = ("system", "vornlaunch", self._system(path))
+        system = ("system", "vornlaunch", self._system())
         if path.suffix == ".h":
             # It takes every unit test's source to build anew.
             return [system, ("unit", "all", self._unit())]

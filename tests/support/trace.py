@@ -56,13 +56,12 @@ def on_every_machine(options):
     return [all_names(option) for option in options]
 
 
-def sa_flags(*flags):
-    """A pattern for the flags that sigaction() is given for these. On x86-64 the C
-    library adds one of its own, and what belongs to it."""
+def sa_flags():
+    """A pattern for the flags of a sigaction() that is given none. On x86-64 the C
+    library adds one of its own, with its value."""
     if platform.machine() == "x86_64":
-        return (r"sa_flags=" + r"\|".join(["SA_RESTORER", *flags])
-                + ", sa_restorer=0x[0-9a-f]+")
-    return "sa_flags=" + (r"\|".join(flags) or "0")
+        return r"sa_flags=SA_RESTORER, sa_restorer=0x[0-9a-f]+"
+    return "sa_flags=0"
 
 
 @dataclasses.dataclass
@@ -164,11 +163,7 @@ def calls(machine, *names):
 QUICK = "--seccomp-bpf"
 
 
-def injected(*faults, also=""):
-    """strace's options for these faults, each "call:what=...", and for tracing
-    their calls and the ones in `also`, a list with commas."""
-    names = [fault.split(":")[0] for fault in faults]
-    options = [QUICK, "-e", "trace=" + ",".join(names + [also] * bool(also))]
-    for fault in faults:
-        options += ["-e", f"inject={fault}"]
-    return options
+def injected(fault):
+    """strace's options for this fault, "call:error", and for tracing its calls."""
+    call = fault.partition(":")[0]
+    return [QUICK, "-e", f"trace={call}", "-e", f"inject={fault}"]

@@ -7,7 +7,6 @@ import subprocess
 import pytest
 
 from support.control import Result, State
-from support.machine import Machine
 from support.trace import launcher_calls, parse_trace, sa_flags
 from support.waiting import eventually
 
@@ -24,16 +23,6 @@ DESCRIPTIONS = [
 ]
 # Takes from root the right to pass permissions by.
 OBEYING_PERMISSIONS = ["setpriv", "--bounding-set=-dac_override,-dac_read_search"]
-
-
-@pytest.fixture(name="rehearsal")
-def fixture_rehearsal(tmp_path_factory, program, namespaces):
-    """A second machine, on which calls can be counted before one of them is made
-    to fail."""
-    del namespaces
-    machine = Machine(tmp_path_factory.mktemp("rehearsal"), program)
-    yield machine
-    machine.shut_down()
 
 
 def worker(machine):
@@ -63,13 +52,12 @@ def trace_at_the_end(machine):
 
 @pytest.mark.parametrize(
     "arguments",
-    [[], ["launch.yaml", "launch.yaml"], ["--help", "a", "b"]],
-    ids=["none", "two", "three"],
+    [[], ["launch.yaml", "launch.yaml"]],
+    ids=["none", "two"],
 )
-def test_a_wrong_number_of_arguments_prints_the_usage_and_ends_with_1(
+def test_a_wrong_number_of_arguments_prints_the_usage_and_exits_with_1(
     machine, arguments
 ):
-    machine.launch_file(worker(machine))
     assert run_to_the_end(machine, *arguments) == 1
     assert machine.stdout() == USAGE
     assert machine.stderr() == ""
@@ -109,25 +97,7 @@ def test_the_twelve_fatal_signals_are_armed_in_order(machine):
 
 
 @pytest.mark.native
-@pytest.mark.parametrize("index", [0, 1, 5, 8, 9, 11])
-def test_a_refused_sigaction_is_reported_by_index(machine, program, tmp_path, index):
-    nth = count_before_arming(program, tmp_path) + 1 + index
-    status = run_to_the_end(
-        machine,
-        strace=[
-            "-e", "trace=rt_sigaction",
-            "-e", f"inject=rt_sigaction:error=EINVAL:when={nth}",
-        ],
-    )
-    refused = [c for c in trace_at_the_end(machine) if c.was_injected]
-    assert [c.arguments.split(",")[0] for c in refused] == [FATAL_SIGNALS[index]]
-    report = f"Failed to setup fatal sigaction({DESCRIPTIONS[index]})\n"
-    assert machine.stdout() == report + USAGE, "start-up goes on"
-    assert status == 1
-
-
-@pytest.mark.native
-def test_a_launcher_without_any_fatal_signal_starts_its_nodes(
+def test_refused_fatal_signals_are_reported_by_list_index_and_the_nodes_start(
     machine, program, tmp_path
 ):
     first = count_before_arming(program, tmp_path) + 1
@@ -151,25 +121,8 @@ def test_a_launcher_without_any_fatal_signal_starts_its_nodes(
 # -- The launch file's existence.
 
 
-def prepare_missing_paths(machine):
-    machine.file("file", "")
-    (machine.tmp / "dangling").symlink_to("/tmp/nothing")
-
-
-@pytest.mark.parametrize(
-    "path",
-    [
-        "/tmp/missing.yaml",
-        "missing.yaml",
-        "/tmp/no/such//folder/launch.yaml",
-        "/tmp/dangling",
-        "/tmp/file/launch.yaml",
-        "",
-    ],
-    ids=["absolute", "relative", "as-typed", "dangling-link", "below-a-file", "empty"],
-)
+@pytest.mark.parametrize("path", ["/tmp/missing.yaml", ""], ids=["path", "empty"])
 def test_a_missing_launch_file_is_one_event_line_and_status_0(machine, path):
-    prepare_missing_paths(machine)
     assert run_to_the_end(machine, path) == 0
     assert machine.heads() == [
         ("ERROR", True, "main", f"No launch file exists: {path}")
@@ -178,29 +131,11 @@ def test_a_missing_launch_file_is_one_event_line_and_status_0(machine, path):
     assert machine.stdout() == ""
 
 
-def prepare_unknowable_paths(machine):
-    machine.file("locked/launch.yaml", "")
-    (machine.tmp / "locked").chmod(0)
+def test_a_launch_file_whose_existence_is_unknown_aborts_the_launcher(machine):
     (machine.tmp / "loop").symlink_to("/tmp/loop")
-
-
-@pytest.mark.parametrize(
-    "path, error",
-    [
-        ("/tmp/locked/launch.yaml", "Permission denied"),
-        ("/tmp/loop", "Too many levels of symbolic links"),
-        ("/tmp/" + 300 * "x", "File name too long"),
-    ],
-    ids=["EACCES", "ELOOP", "ENAMETOOLONG"],
-)
-def test_a_path_that_cannot_be_looked_up_ends_the_launcher_abnormally(
-    machine, path, error
-):
-    prepare_unknowable_paths(machine)
-    status = run_to_the_end(machine, path, wrapper=OBEYING_PERMISSIONS)
-    assert status == -signal.SIGABRT
+    assert run_to_the_end(machine, "/tmp/loop") == -signal.SIGABRT
     assert "filesystem_error" in machine.stderr()
-    assert error in machine.stderr()
+    assert "Too many levels of symbolic links" in machine.stderr()
     assert machine.heads() == []
 
 
@@ -235,39 +170,13 @@ def test_the_existence_check_reads_runs_of_slashes_as_one(machine, typed, checke
     ]
 
 
-def opened_to_read(calls, path):
-    return [c for c in calls if c.text == f'openat(AT_FDCWD, "{path}", O_RDONLY)']
-
-
-@pytest.mark.parametrize(
-    "typed, checked",
-    [
-        ("/tmp//dir///launch.yaml", "/tmp/dir/launch.yaml"),
-        ("///tmp/dir//launch.yaml", "/tmp/dir/launch.yaml"),
-        ("//tmp//dir/launch.yaml", "//tmp/dir/launch.yaml"),
-        ("dir//launch.yaml", "dir/launch.yaml"),
-    ],
-)
-def test_the_parser_receives_the_path_as_typed(machine, typed, checked):
+def test_the_parser_receives_the_path_as_typed(machine):
+    typed = "/tmp//dir///launch.yaml"
     machine.file("dir/launch.yaml", "vornnode: {first: {path: /tmp/nothing}}")
-    machine.start(arguments=[typed], strace=["-e", "trace=%%stat,openat"])
-    calls = launcher_calls(machine)
-    assert checked in paths_looked_up(calls)
-    assert typed not in paths_looked_up(calls)
-    assert len(opened_to_read(calls, typed)) == 1
+    machine.start(arguments=[typed], strace=["-e", "trace=openat"])
+    opened = [call.arguments for call in launcher_calls(machine)]
+    assert f'AT_FDCWD, "{typed}", O_RDONLY' in opened
     assert machine.log_lines("name: first")
-
-
-@pytest.mark.parametrize(
-    "typed, checked", [("/tmp/folder", "/tmp/folder"), ("//", "/")]
-)
-def test_a_folder_is_handed_to_the_parser(machine, typed, checked):
-    (machine.tmp / "folder").mkdir()
-    run_to_the_end(machine, typed, strace=["-e", "trace=%%stat,openat"])
-    calls = trace_at_the_end(machine)
-    assert checked in paths_looked_up(calls)
-    assert [call.number >= 0 for call in opened_to_read(calls, typed)] == [True]
-    assert machine.heads() == []
 
 
 def test_an_unreadable_launch_file_ends_with_status_0(machine):
@@ -353,14 +262,6 @@ def test_the_steps_of_start_up_come_in_their_order(machine):
     assert first_fork == positions[-3]
 
 
-def test_nodes_are_started_in_the_order_of_the_file(machine):
-    machine.script("worker", "exec sleep 1000")
-    names = ["zebra", "apple", "mango", "beech"]
-    machine.start({"vornnode": {name: {"path": "/tmp/bin/worker"} for name in names}})
-    started = [text for _, _, func, text in machine.heads() if func == "startInternal"]
-    assert started == [f"Node start '{name}' ok" for name in names]
-
-
 # -- Steps that fail.
 
 
@@ -378,23 +279,14 @@ def test_without_an_event_loop_the_launcher_ends_with_status_0(machine):
     assert not (machine.tmp / "vornlaunch").exists()
 
 
-def number_of_call(rehearsal, name, arguments):
-    """Which call of `name`, counted from 1, the launcher makes with these
-    arguments."""
-    rehearsal.start({}, strace=["-e", f"trace={name}"])
-    calls = [call for call in launcher_calls(rehearsal) if call.name == name]
-    return [call.arguments for call in calls].index(arguments) + 1
-
-
-def assert_runs_without_supervision(machine, line):
-    """The worker runs, commands are served, but its end goes unnoticed."""
-    heads = machine.heads()
-    assert line in heads
+def test_the_launcher_runs_on_without_supervision(machine):
+    machine.start(worker(machine), strace=["-e", "inject=signalfd4:error=EMFILE"])
+    failed = ("ERROR", False, "installSignalHandler", "Failed to create signalfd")
     started = ("INFO", True, "startInternal", "Node start 'worker' ok")
-    assert heads.index(line) < heads.index(started)
+    heads = machine.heads()
+    assert heads.index(failed) < heads.index(started)
     status = machine.status("worker")
-    child = machine.find_process(status.pid)
-    child.signal(signal.SIGKILL)
+    machine.find_process(status.pid).signal(signal.SIGKILL)
     eventually(
         lambda: machine.find_process(status.pid).state == "Z", "the child is a zombie"
     )
@@ -402,66 +294,14 @@ def assert_runs_without_supervision(machine, line):
     assert machine.find_process(status.pid).state == "Z"
 
 
-@pytest.mark.native
-def test_the_launcher_runs_on_without_blocked_signals(machine, rehearsal):
-    nth = number_of_call(rehearsal, "rt_sigprocmask", "SIG_BLOCK, [TERM CHLD], NULL, 8")
-    machine.start(
-        worker(machine), strace=["-e", f"inject=rt_sigprocmask:error=EPERM:when={nth}"]
-    )
-    assert_runs_without_supervision(
-        machine, ("ERROR", False, "installSignalHandler", "Failed to block signals")
-    )
-
-
-def test_the_launcher_runs_on_without_a_signal_descriptor(machine):
-    machine.start(worker(machine), strace=["-e", "inject=signalfd4:error=EMFILE"])
-    assert_runs_without_supervision(
-        machine, ("ERROR", False, "installSignalHandler", "Failed to create signalfd")
-    )
-
-
-def test_the_launcher_runs_on_without_a_registered_signal_descriptor(machine):
-    machine.start(
-        worker(machine), strace=["-e", "inject=epoll_ctl:error=ENOMEM:when=1"]
-    )
-    assert_runs_without_supervision(
-        machine, ("ERROR", False, "registerHandler", "epoll_ctl failed to add fd.")
-    )
-
-
-def prepare_socket_folder(machine):
-    (machine.tmp / "vornlaunch/vornlaunch.sock/in-the-way").mkdir(parents=True)
-
-
-@pytest.mark.parametrize(
-    "injected, func, text",
-    [
-        ("socket:error=EMFILE", "createSocket",
-         "Failed to open socket 'vornlaunch.sock': Too many open files"),
-        (None, "createSocket",
-         "Failed to unlink old socket 'vornlaunch.sock': Is a directory"),
-        ("bind:error=EACCES", "createSocket",
-         "Failed to bind socket 'vornlaunch.sock': Permission denied"),
-        ("listen:error=EADDRINUSE", "init", "listen failed"),
-        ("epoll_ctl:error=ENOMEM:when=2", "registerHandler",
-         "epoll_ctl failed to add fd."),
-    ],
-    ids=["socket", "unlink", "bind", "listen", "epoll_ctl"],
-)
-def test_the_launcher_runs_on_without_a_control_socket(machine, injected, func, text):
-    if injected is None:
-        prepare_socket_folder(machine)
-    machine.start(
-        worker(machine),
-        strace=None if injected is None else ["-e", f"inject={injected}"],
-        wait_until_up=False,
-    )
+def test_the_launcher_runs_on_without_a_control_socket(machine):
+    (machine.tmp / "vornlaunch/vornlaunch.sock").mkdir(parents=True)
+    machine.start(worker(machine), wait_until_up=False)
     machine.wait_for_log("Node start 'worker' ok")
-    heads = [head for head in machine.heads() if head[0] != "INFO"]
-    assert heads == [("ERROR", False, func, text)]
-    with pytest.raises(OSError):
-        machine.connect()
-
+    assert [head for head in machine.heads() if head[0] != "INFO"] == [
+        ("ERROR", False, "createSocket",
+         "Failed to unlink old socket 'vornlaunch.sock': Is a directory")
+    ]
     # Its nodes are supervised all the same.
     child = eventually(
         lambda: next((p for p in machine.processes() if p.name == "sleep"), None),
@@ -473,7 +313,7 @@ def test_the_launcher_runs_on_without_a_control_socket(machine, injected, func, 
     assert machine.wait() == 0
 
 
-def test_a_control_folder_that_cannot_be_made_ends_the_launcher(machine):
+def test_a_control_directory_that_cannot_be_created_aborts_the_launcher(machine):
     machine.file("vornlaunch", "a file is in the way")
     path = machine.launch_file(worker(machine))
     assert run_to_the_end(machine, path) == -signal.SIGABRT

@@ -62,9 +62,9 @@ void armFatalSignals() {
   action.sa_flags = 0;  // without SA_RESTART: a signal ends a blocking wait
   for (size_t i = 0; i < std::size(kFatalSignals); ++i) {
     if (::sigaction(kFatalSignals[i], &action, nullptr) != 0) {
-      // KEEP: describes signal number `i`, the place in the list, not the
-      // signal that was refused. Intended.
-      // Test: test_startup.py, test_a_refused_sigaction_is_reported_by_index
+      // KEEP: describes signal number `i`, the list index, not the refused
+      // signal. Intended. Test: test_startup.py,
+      // test_refused_fatal_signals_are_reported_by_list_index_and_the_nodes_start
       std::printf("Failed to setup fatal sigaction(%s)\n",
                   ::strsignal(static_cast<int>(i)));
     }
@@ -172,6 +172,7 @@ int main(int argc, char** argv) {
   vorn::launch::NodeManager::getInstance().startingUp();
   runMainLoop(epoll);
   // KEEP: the nodes run on as orphans; only SIGTERM stops them. Intended.
-  // Test: test_signals.py, test_sigint_ends_with_status_0_and_leaves_children
+  // Test: test_signals.py,
+  // test_a_fatal_signal_interrupts_the_wait_and_ends_the_loop
   return 0;
 }
