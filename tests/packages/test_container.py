@@ -220,12 +220,12 @@ def test_as_process_1_the_launcher_collects_orphans(container):
 
 
 @pytest.mark.native  # the emulator stands before the launcher
-def test_what_the_image_starts_becomes_the_launcher(container):
+def test_the_process_that_the_image_starts_becomes_the_launcher(container):
     container.start_image(container.careful("camera")).wait_until_up()
     assert os.readlink(f"/proc/{container.host_pid}/exe") == LAUNCHER
 
 
-def test_a_stop_of_the_image_ends_all_nodes_well_and_within_the_grace_period(container):
+def test_stopping_the_image_stops_all_nodes_within_the_grace_period(container):
     nodes = ["camera", "detector"]
     container.start_image(container.careful(*nodes)).wait_until_ready(*nodes)
     grace = int(container.execute("vornctl", "check", "--print", "stop-timeout",
@@ -253,7 +253,7 @@ def test_the_image_works_without_root(container):
     assert container.has_ended_well("camera")
 
 
-def test_the_end_of_process_1_is_the_end_of_all_nodes(container):
+def test_all_nodes_terminate_with_process_1(container):
     container.start(container.careful("camera")).wait_until_ready("camera")
     node = container.host_pid_of("camera")
     container.process.kill()
@@ -261,7 +261,7 @@ def test_the_end_of_process_1_is_the_end_of_all_nodes(container):
     assert not container.has_ended_well("camera")
 
 
-def test_a_wrong_launch_file_ends_the_image_with_status_1(container):
+def test_an_invalid_launch_file_makes_the_image_exit_with_status_1(container):
     status, said = container.run_image("vornnode: {camera: {path: }}\n")
     assert status == 1
     assert "[null-value]" in said
@@ -269,7 +269,7 @@ def test_a_wrong_launch_file_ends_the_image_with_status_1(container):
 
 
 @pytest.mark.native  # the emulator waits for that end, and takes no core
-def test_as_process_1_the_launcher_does_not_end_with_a_wrong_launch_file(container):
+def test_as_process_1_the_launcher_does_not_exit_on_an_invalid_launch_file(container):
     container.start("vornnode: {camera: {path: }}\n")
     eventually(lambda: "terminate called" in container.output(), "it has failed")
     stat = pathlib.Path(f"/proc/{container.host_pid}/stat")
@@ -331,7 +331,7 @@ def test_a_client_outside_reads_the_launch_file_of_the_container(container, prog
 
 
 @pytest.mark.native  # the emulator's threads take pids
-def test_nodes_of_low_pids_are_started_and_supervised(container):
+def test_nodes_with_low_pids_are_started_and_supervised(container):
     container.start(container.careful("camera", "detector"))
     container.wait_until_ready("camera", "detector")
     assert (container.pid("camera"), container.pid("detector")) == (2, 3)
@@ -342,7 +342,7 @@ def test_nodes_of_low_pids_are_started_and_supervised(container):
     assert container.request(Cmd.STATUS, "detector").state == State.RUNNING
 
 
-def test_a_stop_of_a_low_pid_takes_no_longer_than_the_node(container):
+def test_stopping_a_low_pid_takes_no_longer_than_the_node(container):
     """Its own zombie ends the wait, whatever else has its digits."""
     container.start(container.careful("camera", "detector"))
     container.wait_until_ready("camera", "detector")
@@ -353,7 +353,7 @@ def test_a_stop_of_a_low_pid_takes_no_longer_than_the_node(container):
 
 
 @pytest.mark.native  # as above
-def test_a_stop_of_a_low_pid_is_a_kill_when_a_zombie_has_its_digits(container):
+def test_stopping_a_low_pid_kills_it_if_a_zombie_has_its_digits(container):
     container.start(container.careful("camera", "detector"))
     container.wait_until_ready("camera", "detector")
     # The camera, stopped first, shall have the pid 13 and the detector has 3.
@@ -377,7 +377,7 @@ def test_the_image_starts_with_high_pids(container, may_set_pids):
     assert HIGH < container.pid("camera") < HIGH + 100
 
 
-def test_the_image_can_be_stopped_while_it_makes_the_pids_high(container):
+def test_the_image_can_be_stopped_while_it_raises_the_pids(container):
     # Never high enough: no end of it but the signal's.
     path = "/usr/libexec/vornlaunch/high-pids"
     slow = container.image.view.path(path).read_text(encoding="utf-8")
@@ -409,7 +409,7 @@ def test_without_ps_a_stop_does_not_wait_for_the_node(container, without_ps):
     eventually(lambda: container.has_ended_well("camera"), "the camera ends")
 
 
-def test_without_ps_the_end_of_the_launcher_kills_the_nodes(container, without_ps):
+def test_without_ps_a_shutdown_kills_the_nodes(container, without_ps):
     container.start(container.careful("camera", seconds=3), *without_ps)
     container.wait_until_ready("camera")
     assert container.stop()[0] == 0

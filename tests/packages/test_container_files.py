@@ -35,7 +35,7 @@ def in_seconds(text):
 # -- The Containerfile.
 
 
-def test_the_image_has_nothing_of_its_build_but_the_programs():
+def test_the_image_contains_only_the_programs_of_its_build():
     build, final = read_stages()
     assert build.base == "debian:12 AS build"
     assert final.base == "debian:12-slim"
@@ -44,14 +44,14 @@ def test_the_image_has_nothing_of_its_build_but_the_programs():
         ("build", ["/build/bin/vornlaunch", "/build/bin/vornctl"], "/usr/bin/")]
 
 
-def test_the_build_stage_installs_what_a_build_here_installs():
+def test_the_build_stage_installs_the_same_files_as_a_local_build():
     build, _ = read_stages()
     scripts = (ROOT / "scripts/common.sh").read_text(encoding="utf-8")
     packages = re.search(r"BUILD_PACKAGES=\((.*?)\)", scripts, re.S)[1].split()
     assert set(build.packages) == set(packages) - {"procps"}
 
 
-def test_what_the_image_copies_is_there_and_may_be_executed():
+def test_the_files_that_the_image_copies_exist_and_are_executable():
     _, final = read_stages()
     sources = [source for stage, files, _ in final.copies if stage is None
                for source in files]
@@ -69,13 +69,13 @@ def test_the_launcher_is_process_1_and_is_stopped_by_sigterm():
     assert final.one("VOLUME") == "/tmp/vornlaunch"
 
 
-def test_the_launcher_is_root_unless_the_image_is_built_for_another_user():
+def test_the_launcher_runs_as_root_unless_the_image_is_built_for_another_user():
     _, final = read_stages()
     assert final.one("ARG") == "USER_ID=0"
     assert final.one("USER") == "${USER_ID}"
 
 
-def test_the_health_command_gives_up_before_the_engine_does():
+def test_the_health_command_times_out_before_the_engine_does():
     _, final = read_stages()
     engine = re.search(r"--timeout=(\w+)", final.one("HEALTHCHECK"))[1]
     own = re.findall(r"--(?:connect-)?timeout (\w+)", final.health_command)
@@ -91,7 +91,7 @@ def test_the_health_command_is_the_documented_one():
 # -- The folder of the control socket.
 
 
-def test_the_folder_that_is_mounted_is_made_by_the_documented_line(tmp_path):
+def test_the_documented_line_creates_the_mounted_directory(tmp_path):
     if os.geteuid() != 0:
         pytest.skip("only root can make a folder of root")
     document = (ROOT / "docs/containers.md").read_text(encoding="utf-8")
@@ -104,7 +104,7 @@ def test_the_folder_that_is_mounted_is_made_by_the_documented_line(tmp_path):
     assert (tmp_path / mounted[1:]).is_dir()
 
 
-def test_who_mounts_a_folder_of_the_machine_is_told_how_to_make_it(pod, job):
+def test_every_file_that_mounts_a_host_directory_says_how_to_create_it(pod, job):
     [folder] = [volume["hostPath"]["path"] for volume in pod["volumes"]
                 if "hostPath" in volume]
     daemon_set = (FOLDER / "kubernetes.yaml").read_text(encoding="utf-8")
@@ -127,7 +127,7 @@ def fixture_pod(documents):
     return documents["DaemonSet"]["spec"]["template"]["spec"]
 
 
-def test_the_launch_file_of_the_daemon_set_is_right(documents, pod, vornctl):
+def test_the_launch_file_of_the_daemon_set_is_valid(documents, pod, vornctl):
     config = documents["ConfigMap"]
     assert vornctl(config["data"]["launch.yaml"], "--fail-on", "warning") == (0, "")
     volumes = {volume["name"]: volume for volume in pod["volumes"]}
@@ -138,14 +138,14 @@ def test_the_launch_file_of_the_daemon_set_is_right(documents, pod, vornctl):
     assert "/tmp/vornlaunch" in mounts
 
 
-def test_the_daemon_set_gives_a_stop_the_time_it_may_take(documents, pod, vornctl):
+def test_the_daemon_set_allows_the_longest_possible_stop(documents, pod, vornctl):
     launch = documents["ConfigMap"]["data"]["launch.yaml"]
     status, needed = vornctl(launch, "--print", "stop-timeout")
     assert status == 0
     assert pod["terminationGracePeriodSeconds"] >= int(needed)
 
 
-def test_the_daemon_set_runs_one_launcher_a_machine(documents, pod):
+def test_the_daemon_set_runs_one_launcher_per_machine(documents, pod):
     spec = documents["DaemonSet"]["spec"]
     assert spec["updateStrategy"] == {
         "type": "RollingUpdate",
@@ -156,7 +156,7 @@ def test_the_daemon_set_runs_one_launcher_a_machine(documents, pod):
     assert "lifecycle" not in pod["containers"][0]
 
 
-def test_no_probe_ends_a_launcher_that_is_busy(documents, pod, vornctl):
+def test_no_probe_terminates_a_busy_launcher(documents, pod, vornctl):
     [container] = pod["containers"]
     _, longest = vornctl(documents["ConfigMap"]["data"]["launch.yaml"],
                          "--print", "stop-timeout")
@@ -192,7 +192,7 @@ def launch_file_of(job):
     return re.search(r"<<EOT\n(.*?)^EOT$", job, re.M | re.S)[1]
 
 
-def test_every_block_of_the_job_is_closed_where_its_indentation_says(job):
+def test_every_block_of_the_job_ends_where_its_indentation_ends(job):
     job = job.replace(launch_file_of(job), "")
     opened = []
     for line in job.splitlines():
@@ -206,18 +206,18 @@ def test_every_block_of_the_job_is_closed_where_its_indentation_says(job):
     assert opened == []
 
 
-def test_the_launch_file_of_the_job_is_that_of_the_daemon_set(job, documents):
+def test_the_job_and_the_daemon_set_have_the_same_launch_file(job, documents):
     assert yaml.safe_load(launch_file_of(job)) == yaml.safe_load(
         documents["ConfigMap"]["data"]["launch.yaml"])
 
 
-def test_the_job_runs_one_launcher_on_each_machine(job):
+def test_the_job_runs_one_launcher_per_machine(job):
     assert re.search(r'^  type += "system" ', job, re.M)
     assert re.search(r"^    max_parallel += 1 ", job, re.M)
     assert ':/tmp/vornlaunch"]' in job
 
 
-def test_the_job_gives_a_stop_the_time_it_may_take(job, vornctl):
+def test_the_job_allows_the_longest_possible_stop(job, vornctl):
     setting = dict(re.findall(r'^ *(\w+) += "?([^"\s]+)"?', job, re.M))
     _, needed = vornctl(launch_file_of(job), "--print", "stop-timeout")
     assert in_seconds(setting["kill_timeout"]) >= int(needed)

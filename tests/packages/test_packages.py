@@ -36,7 +36,7 @@ def field(path, name):
 # -- The files.
 
 
-def test_debians_checker_finds_nothing(built):
+def test_lintian_reports_nothing(built):
     [changes] = built.glob("*.changes")
     # It does not know Static-Built-Using, which dpkg does.
     said = run("lintian", "--allow-root", "--display-info", "--suppress-tags",
@@ -44,7 +44,7 @@ def test_debians_checker_finds_nothing(built):
     assert said == ""
 
 
-def test_the_launchers_package_depends_on_what_it_runs(packages):
+def test_the_launchers_package_depends_on_the_programs_that_it_runs(packages):
     depends = field(packages["vornlaunch"], "Depends").split(", ")
     assert {"procps", "grep", f"vornctl (= {version()})"} <= set(depends)
 
@@ -87,7 +87,7 @@ def documented_files():
 
 
 @pytest.mark.parametrize("package, file", documented_files())
-def test_a_package_holds_what_the_document_says(package, file, contents):
+def test_a_package_contains_the_documented_files(package, file, contents):
     assert (contents[package] / file).exists()
 
 
@@ -193,7 +193,7 @@ def test_the_installation_starts_and_enables_nothing(installed):
     assert list(installed.path("/etc/vornlaunch").iterdir()) == []
 
 
-def test_what_the_packages_need_comes_with_security_updates(installed):
+def test_the_dependencies_of_the_packages_get_security_updates(installed):
     assert "/debian-security " in installed.run("apt-cache", "policy")
 
 
@@ -222,7 +222,7 @@ def newer(path, folder):
     return run("dpkg-deb", "--root-owner-group", "--build", unpacked, folder)
 
 
-def test_an_upgrade_leaves_the_launcher_its_nodes_and_its_file_alone(
+def test_an_upgrade_does_not_touch_the_launcher_its_nodes_or_its_file(
         service, installed, packages, steps, tmp_path):
     launch_file = installed.path("/etc/vornlaunch/launch.yaml")
     before = launch_file.read_bytes()
@@ -243,7 +243,7 @@ def test_an_upgrade_leaves_the_launcher_its_nodes_and_its_file_alone(
     assert service.states()["camera"] == "running"
 
 
-def test_the_removal_stops_every_launcher_and_leaves_the_launch_files(
+def test_the_removal_stops_every_launcher_and_keeps_the_launch_files(
         service, installed, steps):
     told_systemctl(installed)
     service.follow(steps["Remove"])
@@ -262,7 +262,7 @@ def files(debian):
             if not KEPT.match(path)}
 
 
-def test_a_purge_leaves_nothing_behind(debian, installed):
+def test_a_purge_removes_every_file(debian, installed):
     installed.run("apt-get", "purge", "--autoremove", "vornlaunch", "vornctl",
                   "libvornlib-dev")
     assert files(installed) - files(debian) == {
@@ -273,7 +273,7 @@ def test_a_purge_leaves_nothing_behind(debian, installed):
 
 
 @pytest.mark.long
-def test_the_packages_are_built_and_tested_with_their_build_dependencies_alone(debian):
+def test_the_packages_need_only_their_build_dependencies_to_be_built_and_tested(debian):
     tracked = run("git", "-C", ROOT, "ls-files", "-z").split("\0")[:-1]
     for file in tracked:
         target = debian.path(f"/root/source/{file}")
@@ -303,7 +303,7 @@ DEBIANS_OWN = re.compile("/usr/share/(lintian/|doc/.*/(changelog.gz|copyright)$)
 
 
 @pytest.mark.long
-def test_the_rpm_holds_what_the_debian_packages_hold(rpm, contents, tmp_path):
+def test_the_rpm_contains_the_files_of_the_debian_packages(rpm, contents, tmp_path):
     expected = {"/usr/share/doc/vornlaunch/LICENSE"}
     for folder in contents.values():
         for path in folder.rglob("*"):
@@ -322,7 +322,7 @@ def test_the_rpm_holds_what_the_debian_packages_hold(rpm, contents, tmp_path):
 
 
 @pytest.mark.long
-def test_the_rpm_depends_on_what_the_launcher_runs_and_is_of_the_same_version(rpm):
+def test_the_rpm_has_the_same_version_and_the_dependencies_of_the_launcher(rpm):
     requires = run("rpm", "-qp", "--requires", rpm).splitlines()
     assert {"procps-ng", "grep"} <= set(requires)
     assert "/usr/bin/pkg-config" not in requires

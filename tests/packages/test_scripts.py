@@ -47,20 +47,20 @@ def fixture_bare(debian):
     ("test.sh", ["--all", "--allow-skips"],
      "--all leaves nothing to choose; see ./test.sh --help"),
 ])
-def test_what_cannot_be_done_is_refused_at_once(script, options, said, bare):
+def test_impossible_requests_are_refused_at_once(script, options, said, bare):
     done = bare.execute(f"/srv/{script}", *options)
     assert done.stdout.startswith(f"{script}: {said}")
     assert done.returncode == 2
 
 
-def test_without_root_the_check_does_not_begin(bare):
+def test_without_root_the_check_does_not_start(bare):
     done = bare.execute("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
                         "/srv/package.sh", "--check")
     assert done.stdout == "package.sh: --check needs root\n"
     assert done.returncode == 2
 
 
-def test_without_dpkg_there_is_help_and_a_reason(bare):
+def test_without_dpkg_the_help_works_and_an_error_has_the_reason(bare):
     bare.path("/usr/bin/dpkg").unlink()
     assert bare.run("/srv/package.sh", "--help").startswith("Usage: ./package.sh")
     done = bare.execute("/srv/package.sh")
@@ -137,7 +137,7 @@ def test_a_build_that_fails_leaves_the_packages_of_the_last_one(checkout):
     assert checkout.built() == before
 
 
-def test_git_itself_says_why_it_tells_no_files(checkout):
+def test_an_error_of_git_is_printed(checkout):
     if os.geteuid() != 0:
         pytest.skip("only root can give a folder to another user")
     os.chown(checkout.folder, 65533, 65533)

@@ -421,7 +421,7 @@ def injection(case, directory, before_main):
     [pytest.param(case, marks=[] if case.is_short else pytest.mark.long, id=case.id)
      for case in CASES],
 )
-def test_a_failed_call_has_its_outcome_and_no_other(case, new_machine, before_main):
+def test_a_failed_call_has_exactly_the_expected_outcome(case, new_machine, before_main):
     a_run = run(
         new_machine, case.scenario,
         lambda directory: injection(case, directory, before_main), case.outcome)

@@ -182,7 +182,7 @@ def boot_ticks():
 
 
 @every_leaving
-def test_requests_and_restarts_go_on_when_a_silent_client(launcher, leave):
+def test_requests_and_restarts_continue_when_a_silent_client(launcher, leave):
     worker = launcher.find_process(launcher.status("worker").pid)
     due = start_ticks(worker) + RESTART_TICKS * 1.2
     with silent_client(launcher) as client, contextlib.ExitStack() as stack:
@@ -202,7 +202,7 @@ def test_requests_and_restarts_go_on_when_a_silent_client(launcher, leave):
 
 
 @every_leaving
-def test_a_sigterm_is_carried_out_when_a_silent_client(machine, leave):
+def test_sigterm_takes_effect_when_a_silent_client(machine, leave):
     path = machine.script("worker", "exec sleep 1000")
     machine.start({"vornnode": {name: {"path": path} for name in ("one", "two")}})
     nodes = [machine.child(name, ["sleep", "1000"]) for name in ("one", "two")]
@@ -258,7 +258,7 @@ def test_a_request_in_pieces_is_refused_after_the_first(launcher, pieces):
 
 
 @in_pieces
-def test_pieces_that_have_all_come_are_one_request(launcher, pieces):
+def test_pieces_that_have_all_arrived_are_one_request(launcher, pieces):
     with held(launcher) as silent, launcher.connect() as client:
         for piece in cut(pack_request(Cmd.STATUS, "worker"), pieces):
             client.sendall(piece)
@@ -304,7 +304,7 @@ def test_each_client_that_stays_costs_one_poll_timeout(launcher, reads, is_long)
     (socket.SHUT_RD, None, "send fail, size: -1"),
     (socket.SHUT_RDWR, None, "send fail, size: -1"),
 ], ids=["writing", "reading", "both"])
-def test_a_client_that_shuts_down_is_served_all_the_same(
+def test_a_client_that_shuts_down_its_side_is_served(
         launcher, direction, reply, line):
     with held(launcher) as silent, launcher.connect() as client:
         client.sendall(pack_request(Cmd.ENABLE, "worker"))
@@ -323,7 +323,8 @@ def test_a_client_that_shuts_down_is_served_all_the_same(
     (Cmd.DISABLE, State.DISABLED, "Node 'slow' disabled!"),
     (Cmd.RESTART, State.RUNNING, "Node 'slow' success"),
 ], ids=lambda x: x.name if isinstance(x, Cmd) else "")
-def test_a_client_that_goes_during_a_stop_does_not_end_it(machine, cmd, state, line):
+def test_a_client_that_leaves_during_a_stop_does_not_abort_it(
+        machine, cmd, state, line):
     # Takes SIGTERM, and goes when it may.
     path = machine.script("slow", "\n".join([
         "trap 'touch /tmp/asked; until [ -e /tmp/go ]; do sleep 0.1; done; exit' TERM",
@@ -400,7 +401,7 @@ def test_each_of_thousands_that_close_at_once_is_one_line(launcher, is_long):
 # -- Names and junk.
 
 
-def test_every_byte_in_a_name_is_taken_as_it_is(launcher):
+def test_every_byte_of_a_name_is_used_unchanged(launcher):
     names = [shape for value in range(256) for shape in (
         bytes([value]), bytes([value]) * 127, bytes([value]) * 128,
         b"worker"[:value % 6] + bytes([value]) + b"worker")]
@@ -423,7 +424,7 @@ def as_shown(name):
         for x in name)
 
 
-def test_names_that_would_break_a_line_are_one_line_each(machine):
+def test_names_with_line_breaks_are_logged_on_one_line_each(machine):
     names = [f"a{chr(value)}b" for value in [*range(1, 32), *range(127, 160)]]
     names += ["\u2028", "\ufeff", "\U0001f600", "\x1b[2J\x1b]0;title\x07",
               "x ok\n2026-01-01T00:00:00.000000Z *ERROR vornlaunch[1] a.cpp:1 main: x"]
@@ -461,7 +462,7 @@ def expected_outcome(data):
 
 
 @pytest.mark.parametrize("seed", [1, 2])
-def test_random_requests_all_have_their_outcome(launcher, seed, is_long):
+def test_every_random_request_has_its_expected_outcome(launcher, seed, is_long):
     rng = random.Random(seed)
     known = len(launcher.log())
     expected_lines = []
@@ -495,7 +496,7 @@ def has_ended(reading):
 
 
 @pytest.mark.parametrize("length", [1, 132, 1000])
-def test_descriptors_that_come_with_a_request_are_not_kept(launcher, length):
+def test_descriptors_passed_with_a_request_are_not_kept(launcher, length):
     data = (pack_request(Cmd.STATUS, "worker") * 8)[:length]
     for _ in range(50):
         reading, writing = os.pipe()
@@ -508,7 +509,7 @@ def test_descriptors_that_come_with_a_request_are_not_kept(launcher, length):
         os.close(reading)
 
 
-def test_descriptors_that_come_with_a_start_do_not_reach_the_child(launcher):
+def test_descriptors_passed_with_a_start_do_not_reach_the_child(launcher):
     assert launcher.request(Cmd.STOP, "worker") == SUCCESS
     launcher.wait_for_log("Node 'worker' stoped")
     reading, writing = os.pipe()
@@ -531,7 +532,7 @@ def test_descriptors_that_come_with_a_start_do_not_reach_the_child(launcher):
     [(pack_request(Cmd.ENABLE, "worker"), False), (b"!", True)],
     [(b"!", True)] * 200,
 ], ids=["alone", "before", "within", "after", "many"])
-def test_out_of_band_data_do_no_harm(launcher, parts):
+def test_out_of_band_data_is_harmless(launcher, parts):
     before = count_texts(launcher)
     for _ in range(10):
         with launcher.connect() as client:
@@ -542,7 +543,7 @@ def test_out_of_band_data_do_no_harm(launcher, parts):
     assert connections(count_texts(launcher) - before) == 10
 
 
-def test_another_user_is_served_as_well(launcher):
+def test_another_user_is_served_too(launcher):
     if os.geteuid() != 0:
         pytest.skip("only root can be another user")
     other_user = 65534

@@ -9,7 +9,7 @@ NODES = 60
 
 # The other tests take the same code paths under the sanitizers in less time.
 @pytest.mark.plain
-def test_a_minute_of_everything_loses_no_restart_and_leaves_nothing_behind(machine):
+def test_a_minute_of_mixed_load_loses_no_restart_and_leaks_nothing(machine):
     soak = Soak(machine, NODES)
     soak.run(SECONDS)
     # The delay of restarts does not matter here: other tests load the machine.

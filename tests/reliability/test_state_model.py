@@ -299,17 +299,17 @@ def imagine(figures, nodes, steps):
 
 
 @pytest.mark.parametrize("story", KEPT)
-def test_a_kept_story_goes_as_the_model_says(player, story):
+def test_a_kept_story_agrees_with_the_model(player, story):
     player.play(*KEPT[story])
 
 
 @pytest.mark.parametrize("seed", SHORT_SEEDS)
-def test_random_stories_go_as_the_model_says(player, seed):
+def test_random_stories_agree_with_the_model(player, seed):
     for_each_story(seed, SHORT_STORIES, player.play)
 
 
 @pytest.mark.plain  # it runs no launcher, only the model
-def test_the_stories_take_every_row_of_the_table_of_states():
+def test_the_stories_take_every_transition_of_the_state_table():
     figures = Figures()
     for story in KEPT.values():
         imagine(figures, *story)
@@ -328,7 +328,7 @@ def play_seed(tmp, program, library, seed):
 
 
 @pytest.mark.long
-def test_ten_thousand_random_steps_go_as_the_model_says(
+def test_ten_thousand_random_steps_agree_with_the_model(
     tmp_path, program, library, namespaces  # pylint: disable=unused-argument
 ):
     begin = time.monotonic()

@@ -185,7 +185,7 @@ QUITTERS = {
 
 
 @pytest.mark.plain  # the fault sweep tests refused forks under the sanitizers
-def test_fork_bombs_cost_no_exit_no_restart_and_no_answer(machine, is_long):
+def test_fork_bombs_lose_no_exit_no_restart_and_no_reply(machine, is_long):
     seconds = 600 if is_long else 12
     paths = {name: machine.script(name, "exec nice -n 10 sh -c '" + body + "'")
              for name, body in BOMBS.items()}
@@ -260,7 +260,7 @@ def flood(tree, send, count):
             time.sleep(0.001)
 
 
-def test_a_flood_of_sigpipe_costs_nothing_but_log_lines(machine, is_long):
+def test_a_flood_of_sigpipe_only_adds_log_lines(machine, is_long):
     machine.start(sleepers("worker", "other"))
     tree, log = ProcessTree(machine), LogReader(machine)
     first = machine.status("worker").pid
@@ -294,7 +294,7 @@ def queue_sigchld(pid):
 
 
 @pytest.mark.parametrize("send", [kill_sigchld, queue_sigchld])
-def test_sigchld_from_strangers_ends_no_node(machine, is_long, send):
+def test_sigchld_from_other_processes_affects_no_node(machine, is_long, send):
     machine.start(sleepers("worker", "other"))
     tree, log = ProcessTree(machine), LogReader(machine)
     first, kept = machine.status("worker").pid, machine.status("other")
@@ -324,7 +324,7 @@ def process_1(machine):
 
 
 @pytest.mark.parametrize("end", ["exit", "sigkill"])
-def test_as_process_1_it_collects_every_orphan_and_spares_the_nodes(
+def test_as_process_1_it_collects_every_orphan_and_keeps_the_nodes(
         machine, is_long, end):
     count = 20_000 if is_long else 2000
     orphan = "(:)" if end == "exit" else "sh -c 'kill -9 $$'"
@@ -368,7 +368,7 @@ def others_of(default):
 
 
 @pytest.mark.parametrize("number", others_of("ends"), ids=lambda number: number.name)
-def test_a_signal_it_does_not_handle_ends_it_and_leaves_the_nodes(machine, number):
+def test_a_signal_without_a_handler_terminates_it_and_leaves_the_nodes(machine, number):
     machine.start(sleepers("worker"))
     tree = ProcessTree(machine)
     children = tree.children()
@@ -403,7 +403,7 @@ def send_and_wait_until_taken(tree, number):
     eventually(lambda: not is_pending(tree.pid, number), "the signal is taken")
 
 
-def test_all_fatal_signals_at_once_end_it_once_with_one_line(machine):
+def test_all_fatal_signals_at_once_terminate_it_with_one_line(machine):
     machine.start(sleepers("one", "two"))
     tree = ProcessTree(machine)
     children = tree.children()
@@ -451,7 +451,7 @@ def fixture_reluctant(machine):
     return ProcessTree(machine)
 
 
-def test_a_stop_that_sigint_interrupts_is_finished_and_answered(machine, reluctant):
+def test_a_stop_is_finished_and_answered_despite_sigint(machine, reluctant):
     other = reluctant.by_machine_pid()[machine.status("other").pid]
     with machine.connect() as client:
         client.sendall(pack_request(Cmd.STOP, "reluctant"))
@@ -467,7 +467,7 @@ def test_a_stop_that_sigint_interrupts_is_finished_and_answered(machine, relucta
     assert not has_ended(other)
 
 
-def test_a_stop_that_sigterm_meets_is_answered_and_the_others_follow(
+def test_a_stop_during_sigterm_is_answered_before_the_other_nodes_stop(
         machine, reluctant):
     children = reluctant.children()
     with machine.connect() as client:
@@ -482,7 +482,7 @@ def test_a_stop_that_sigterm_meets_is_answered_and_the_others_follow(
     assert machine.stdout() == ""
 
 
-def test_fatal_signals_after_sigterm_do_not_spare_the_nodes(machine, reluctant):
+def test_fatal_signals_after_sigterm_do_not_abort_the_shutdown(machine, reluctant):
     children = reluctant.children()
     reluctant.signal(signal.SIGTERM)
     eventually((machine.tmp / "asked").exists, "the stops have begun")
@@ -508,7 +508,7 @@ def test_sigterm_after_sigint_stops_no_node(machine):
     assert not any(has_ended(child) for child in children)
 
 
-def test_sigint_while_the_launch_file_is_read_starts_and_leaves_the_nodes(machine):
+def test_after_sigint_while_the_launch_file_is_read_the_nodes_start_and_stay(machine):
     start_signalled_while_reading(
         machine, "vornnode: {worker: {path: /bin/sleep, argv: 100000}}\n",
         signal.SIGINT)
@@ -518,7 +518,7 @@ def test_sigint_while_the_launch_file_is_read_starts_and_leaves_the_nodes(machin
                "the node runs on")
 
 
-def test_sigint_during_start_up_cuts_one_sleep_and_starts_every_node(machine):
+def test_sigint_during_start_up_shortens_one_sleep_and_every_node_starts(machine):
     machine.start({"vornnode": {"first": {**SLEEPER, "sleep": 600_000},
                                 "second": {**SLEEPER, "sleep": 500}}},
                   wait_until_up=False)
@@ -538,7 +538,7 @@ def test_sigint_during_start_up_cuts_one_sleep_and_starts_every_node(machine):
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM],
                          ids=lambda number: number.name)
-def test_a_start_command_is_answered_when_its_sleep_meets_a_signal(machine, number):
+def test_a_start_command_is_answered_if_a_signal_interrupts_its_sleep(machine, number):
     nap = 600_000 if number == signal.SIGINT else 700
     machine.start({"vornnode": {
         "other": SLEEPER, "late": {**SLEEPER, "sleep": nap, "autostart": False}}})
@@ -556,7 +556,7 @@ def test_a_start_command_is_answered_when_its_sleep_meets_a_signal(machine, numb
         assert not [p for p in sleepers_left if p.is_alive]
 
 
-def test_sigpipe_cuts_a_sleep_short_and_ends_nothing(machine):
+def test_sigpipe_shortens_a_sleep_and_terminates_nothing(machine):
     machine.start({"vornnode": {"late": {**SLEEPER, "sleep": 600_000}}},
                   wait_until_up=False)
     tree = ProcessTree(machine)
@@ -570,7 +570,7 @@ def test_sigpipe_cuts_a_sleep_short_and_ends_nothing(machine):
 # -- SIGSTOP.
 
 
-def test_what_waited_while_the_launcher_was_stopped_is_served_afterwards(machine):
+def test_events_during_a_suspension_of_the_launcher_are_served_afterwards(machine):
     machine.start(sleepers("worker"))
     tree = ProcessTree(machine)
     status = machine.status("worker")
@@ -587,7 +587,7 @@ def test_what_waited_while_the_launcher_was_stopped_is_served_afterwards(machine
     ends_on_sigterm(machine, tree)
 
 
-def test_stopped_and_continued_nodes_are_still_running_ones(machine, is_long):
+def test_suspended_and_continued_nodes_are_still_running(machine, is_long):
     names = [f"node-{i}" for i in range(1000 if is_long else 100)]
     machine.start(sleepers(*names))
     tree, log = ProcessTree(machine), LogReader(machine)
@@ -609,7 +609,7 @@ def test_stopped_and_continued_nodes_are_still_running_ones(machine, is_long):
     assert log.collected() == collections.Counter(status.pid for status in before)
 
 
-def test_a_stopped_node_is_killed_after_its_stop_has_waited(machine):
+def test_a_suspended_node_is_killed_at_the_end_of_its_stop(machine):
     machine.start(sleepers("worker"))
     tree, log = ProcessTree(machine), LogReader(machine)
     [child] = tree.children()
@@ -657,7 +657,7 @@ def start_without_streams(machine, streams):
 
 
 @pytest.mark.parametrize("streams", USELESS_STREAMS)
-def test_supervision_goes_on_when_streams_are_useless(machine, streams):
+def test_supervision_continues_when_streams_are_useless(machine, streams):
     tree = start_without_streams(machine, streams)
     supervision_goes_on(machine, tree, "worker")
     assert len(tree.children()) == 2
@@ -665,7 +665,7 @@ def test_supervision_goes_on_when_streams_are_useless(machine, streams):
 
 
 @pytest.mark.parametrize("streams", USELESS_STREAMS)
-def test_sigint_ends_with_0_when_streams_are_useless(machine, streams):
+def test_sigint_exits_with_0_when_streams_are_useless(machine, streams):
     tree = start_without_streams(machine, streams)
     children = tree.children()
     tree.signal(signal.SIGINT)
@@ -685,7 +685,7 @@ def count(lines, text):
     return sum(line.text == text for line in lines)
 
 
-def test_a_slow_reader_gets_every_line_whole_though_signals_cut_the_writes(machine):
+def test_a_slow_reader_gets_whole_lines_though_signals_interrupt_the_writes(machine):
     reader, writer = os.pipe()
     fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
     pieces, ended = [], threading.Event()
@@ -731,7 +731,7 @@ def test_a_slow_reader_gets_every_line_whole_though_signals_cut_the_writes(machi
     assert lines[-1].text == "ssi_signo: 15"
 
 
-def test_a_reader_that_comes_back_gets_whole_lines_again(machine):
+def test_a_reader_that_returns_gets_whole_lines_again(machine):
     pipe = machine.tmp / "log.pipe"
     os.mkfifo(pipe)
     reader = os.open(pipe, os.O_RDONLY | os.O_NONBLOCK)
@@ -755,7 +755,7 @@ ON_SMALL_DISK = ["sh", "-c",
                  ' exec "$@" 2>>/tmp/disk/log', "sh"]
 
 
-def test_a_full_disk_costs_lines_only_and_the_next_one_is_whole(machine):
+def test_a_full_disk_loses_only_lines_and_the_next_one_is_whole(machine):
     machine.start(sleepers("worker"), wrapper=ON_SMALL_DISK)
     tree = ProcessTree(machine)
 
@@ -788,7 +788,7 @@ def test_a_full_disk_costs_lines_only_and_the_next_one_is_whole(machine):
 DESCRIPTORS = 6
 
 
-def test_a_log_at_its_size_limit_ends_nothing(machine):
+def test_a_log_at_its_size_limit_terminates_nothing(machine):
     machine.start(sleepers("worker"), wrapper=["prlimit", "--fsize=2000"])
     tree, log = ProcessTree(machine), LogReader(machine)
     for _ in range(100):
@@ -823,7 +823,7 @@ def fixture_as_user(machine):
     return ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups"]
 
 
-def test_without_processes_starts_fail_and_stops_take_their_time(machine, as_user):
+def test_without_processes_starts_fail_and_stops_time_out(machine, as_user):
     machine.start(sleepers("crashing", "stopping", "starting"), wrapper=as_user)
     tree, log = ProcessTree(machine), LogReader(machine)
     assert machine.request(Cmd.STOP, "starting").result == Result.SUCCESS
@@ -851,7 +851,7 @@ def test_without_processes_starts_fail_and_stops_take_their_time(machine, as_use
     ends_on_sigterm(machine, tree)
 
 
-def test_with_one_descriptor_left_commands_and_restarts_work(machine):
+def test_with_one_free_descriptor_commands_and_restarts_work(machine):
     machine.start(sleepers("worker"))
     tree, log = ProcessTree(machine), LogReader(machine)
     [child] = tree.children()
@@ -868,7 +868,7 @@ def test_with_one_descriptor_left_commands_and_restarts_work(machine):
     ends_on_sigterm(machine, tree)
 
 
-def test_without_a_descriptor_left_restarts_work_and_requests_wait(machine):
+def test_without_a_free_descriptor_restarts_work_and_requests_wait(machine):
     machine.start(sleepers("worker"))
     tree, log = ProcessTree(machine), LogReader(machine)
     first = machine.status("worker").pid

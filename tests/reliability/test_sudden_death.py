@@ -397,7 +397,7 @@ def assert_the_next_one_serves(machine):
     assert lines and {line.level for line in lines} == {"INFO"}
 
 
-def test_every_client_sees_the_end_when_the_launcher_is_killed(machine):
+def test_every_client_sees_end_of_file_when_the_launcher_is_killed(machine):
     machine.start(stay(machine))
     with held(machine) as silent:
         # One is being served, the others wait for their turn.
@@ -414,7 +414,7 @@ def test_every_client_sees_the_end_when_the_launcher_is_killed(machine):
         machine.connect()
 
 
-def test_beside_a_living_launcher_the_next_one_takes_the_socket_alone(machine):
+def test_a_second_launcher_takes_only_the_socket_of_the_first(machine):
     machine.start(stay(machine))
     first = machine.process
     old = running(machine, machine.status("stay").pid)
@@ -438,7 +438,7 @@ def test_beside_a_living_launcher_the_next_one_takes_the_socket_alone(machine):
     assert machine.status("stay").pid == new.pid
 
 
-def test_a_launcher_whose_folder_is_removed_goes_on_and_the_next_makes_it(machine):
+def test_the_next_launcher_creates_a_removed_socket_directory(machine):
     machine.start(stay(machine))
     old = running(machine, machine.status("stay").pid)
     shutil.rmtree(machine.tmp / "vornlaunch")
@@ -453,7 +453,7 @@ def test_a_launcher_whose_folder_is_removed_goes_on_and_the_next_makes_it(machin
     assert_the_next_one_serves(machine)
 
 
-def test_a_launcher_uses_a_folder_that_is_a_link(machine):
+def test_a_launcher_uses_a_socket_directory_that_is_a_link(machine):
     (machine.tmp / "elsewhere").mkdir()
     (machine.tmp / "vornlaunch").symlink_to("elsewhere")
     machine.start(stay(machine))
@@ -463,7 +463,7 @@ def test_a_launcher_uses_a_folder_that_is_a_link(machine):
     assert os.listdir(machine.tmp / "elsewhere") == ["vornlaunch.sock"]
 
 
-def test_a_folder_that_is_a_link_to_nowhere_ends_the_launcher(machine):
+def test_a_dangling_link_as_socket_directory_terminates_the_launcher(machine):
     (machine.tmp / "vornlaunch").symlink_to("nowhere")
     machine.start(stay(machine), wait_until_up=False)
     assert machine.wait() == -signal.SIGABRT

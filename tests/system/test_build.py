@@ -40,7 +40,7 @@ def test_a_program_guards_its_stack_and_checks_the_sizes_of_buffers(
 
 
 @pytest.mark.parametrize("name", PROGRAMS)
-def test_a_function_of_a_program_begins_with_a_target_for_indirect_branches(
+def test_functions_of_a_program_begin_with_a_target_for_indirect_branches(
         program, name, settings):
     code = subprocess.run(
         [settings["CMAKE_OBJDUMP"], "--disassemble=main", program.with_name(name)],
@@ -90,7 +90,7 @@ def fixture_prefix(tmp_path):
 
 @pytest.mark.native
 @pytest.mark.plain  # does not depend on the build under test
-def test_the_static_launcher_uses_the_yaml_cpp_of_a_prefix_of_its_own(
+def test_the_static_launcher_uses_yaml_cpp_from_a_separate_prefix(
         tmp_path, prefix):
     configure(tmp_path, f"-DCMAKE_PREFIX_PATH={prefix}")
     [archive] = prefix.glob("lib/*/libyaml-cpp.a")

@@ -133,13 +133,13 @@ def test_there_are_enough_files_and_most_kinds_of_outcomes(program, tmp_path, ba
         assert any(text in end for end in ends), text
 
 
-def test_the_checker_reads_what_the_launchers_parser_reads(program, tmp_path, base):
+def test_the_checker_and_the_launchers_parser_read_the_same(program, tmp_path, base):
     paths = write(tmp_path / "files", all_files())
     assert disagreements(program, paths, base) == []
 
 
 @pytest.mark.long
-def test_the_checker_reads_what_the_parser_reads_of_very_many_files(
+def test_the_checker_and_the_parser_read_the_same_from_very_many_files(
     program, tmp_path, base
 ):
     for seed in range(200):
@@ -267,11 +267,11 @@ def check_against_launcher(machine, files):
 
 
 @pytest.mark.parametrize("chunk", range(CHUNKS))
-def test_the_launcher_does_what_the_checker_reads(machine, chunk):
+def test_the_launcher_does_what_the_checker_predicts(machine, chunk):
     check_against_launcher(machine, all_files()[chunk::CHUNKS])
 
 
 @pytest.mark.long
 @pytest.mark.parametrize("seed", range(1000, 1020))
-def test_the_launcher_does_what_the_checker_reads_of_many_files(machine, seed):
+def test_the_launcher_does_what_the_checker_predicts_for_many_files(machine, seed):
     check_against_launcher(machine, generated(seed, 250))

@@ -82,18 +82,18 @@ def listed(vornctl):
     return [tuple(line.split("\t")) for line in printed.splitlines()]
 
 
-def test_every_kind_of_finding_has_an_example_with_its_output(vornctl):
+def test_every_check_has_an_example_with_its_output(vornctl):
     assert sorted(name for name, _, _ in listed(vornctl)) == NAMES
     assert sorted(path.stem for path in EXAMPLES.glob("*.txt")) == NAMES
 
 
-def test_the_names_of_findings_are_words_with_hyphens(vornctl):
+def test_the_names_of_checks_are_words_with_hyphens(vornctl):
     for name, _, summary in listed(vornctl):
         assert re.fullmatch(r"[a-z]+(-[a-z]+)*", name)
         assert summary
 
 
-def test_every_kind_of_finding_is_documented_with_its_severity(vornctl):
+def test_every_check_is_documented_with_its_severity(vornctl):
     text = (ROOT / "docs/checks.md").read_text(encoding="utf-8")
     headings = re.findall(r"^### ([a-z-]+)\n\n(Error|Warning|Note)\. ", text, re.M)
     assert headings == [
@@ -102,7 +102,7 @@ def test_every_kind_of_finding_is_documented_with_its_severity(vornctl):
 
 
 @pytest.mark.parametrize("name", CASES)
-def test_an_example_is_told_word_for_word(vornctl, folder, name):
+def test_an_example_has_exactly_the_expected_output(vornctl, folder, name):
     finished = run(vornctl, name, folder=folder)
     expected = (EXAMPLES / f"{name}.txt").read_text(encoding="utf-8")
     assert finished.stdout.replace(str(folder), "FOLDER") == expected
@@ -111,7 +111,7 @@ def test_an_example_is_told_word_for_word(vornctl, folder, name):
 
 
 @pytest.mark.parametrize("name", CASES)
-def test_an_example_has_what_it_is_called_after(vornctl, name):
+def test_an_example_has_the_diagnostic_of_its_name(vornctl, name):
     expected = (EXAMPLES / f"{name}.txt").read_text(encoding="utf-8")
     severity = dict((each[0], each[1]) for each in listed(vornctl))[name]
     pattern = rf"^{name}\.yaml:\d+:\d+: {severity}: .* \[{name}\]$"
@@ -119,14 +119,14 @@ def test_an_example_has_what_it_is_called_after(vornctl, name):
 
 
 @pytest.mark.parametrize("name", CASES)
-def test_an_option_silences_a_finding(vornctl, folder, name):
+def test_an_option_silences_a_diagnostic(vornctl, folder, name):
     finished = run(vornctl, name, f"--ignore={name}", folder=folder)
     assert f"[{name}]" not in finished.stdout
     assert finished.stderr == ""
 
 
 @pytest.mark.parametrize("name", CASES)
-def test_a_comment_silences_a_finding_on_its_line(vornctl, folder, name):
+def test_a_comment_silences_a_diagnostic_on_its_line(vornctl, folder, name):
     path = folder / f"{name}.yaml"
     printed = run(vornctl, name, "--format=json", folder=folder).stdout
     findings = json.loads(printed)["files"][0]["findings"]

@@ -30,7 +30,7 @@ def test_status_right_after_a_start_shows_state_pid_and_time(machine):
 
 
 @pytest.mark.parametrize("cmd", [x for x in Cmd if x != Cmd.STATUS], ids=lambda cmd: cmd.name)
-def test_a_reply_holds_nothing_but_the_result(machine, cmd):
+def test_a_reply_contains_only_the_result(machine, cmd):
     machine.start(worker(machine))
     with machine.connect() as client:
         client.sendall(pack_request(cmd, "worker"))
@@ -39,7 +39,7 @@ def test_a_reply_holds_nothing_but_the_result(machine, cmd):
     assert line.head[:3] == ("INFO", False, "controlHandler")
 
 
-def test_a_silent_client_holds_the_launcher_until_it_goes(machine):
+def test_a_silent_client_blocks_the_launcher_until_it_disconnects(machine):
     machine.start(worker(machine))
     child = machine.find_process(machine.status("worker").pid)
     with held(machine):

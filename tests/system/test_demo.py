@@ -47,7 +47,7 @@ def frames(machine, pattern):
     return [int(n) for n in re.findall(f"^{pattern}", text, re.MULTILINE)]
 
 
-def test_the_nodes_that_start_by_themselves_start(demo):
+def test_the_nodes_with_autostart_start(demo):
     wait_for_line(demo, "camera: looking, a frame every 2 s")
     wait_for_line(demo, "detector: waiting for frames, limit 7")
     wait_for_line(demo, "lamp: on")
@@ -85,7 +85,7 @@ def test_prepare_runs_once_and_is_disabled(demo):
     assert demo.status("prepare").state == State.DISABLED
 
 
-def test_the_lamp_breaks_and_is_back_not_before_5_s_since_its_start(demo):
+def test_the_lamp_fails_and_restarts_at_the_earliest_5_s_after_its_start(demo):
     broken, first_start = wait_for_start(demo, "lamp")
     demo.wait_for_log("'lamp' exited with status: 3.")
     _, next_start = wait_for_start(demo, "lamp", other_than=broken)
@@ -156,7 +156,7 @@ def test_diagnostics_starts_only_after_it_has_been_enabled(demo):
     wait_for_start(demo, "diagnostics")
 
 
-def test_sigterm_ends_the_demo_politely_with_status_0_and_nothing_left(demo):
+def test_sigterm_stops_the_whole_demo_with_status_0(demo):
     wait_for_line(demo, "camera: frame 1 taken")
     camera = demo.status("camera").pid
     demo.signal(signal.SIGTERM)
@@ -170,7 +170,7 @@ def test_sigterm_ends_the_demo_politely_with_status_0_and_nothing_left(demo):
 # -- control.py itself
 
 
-def test_control_py_tells_the_state_the_pid_and_the_last_start(demo):
+def test_control_py_prints_the_state_the_pid_and_the_last_start(demo):
     wait_for_line(demo, "camera: looking, a frame every 2 s")
     pid = demo.status("camera").pid
     status, text = control(demo, "status", "camera")
@@ -190,7 +190,7 @@ def test_control_py_tells_the_state_the_pid_and_the_last_start(demo):
     "arguments", [[], ["status"], ["status", "a", "b"], ["reboot", "camera"]],
     ids=["none", "no node", "two nodes", "unknown command"],
 )
-def test_control_py_shows_its_usage_and_ends_with_2(demo, arguments):
+def test_control_py_prints_its_usage_and_exits_with_2(demo, arguments):
     status, text = control(demo, *arguments)
     assert status == 2
     assert text.startswith("usage: control.py start|stop|restart|status|")
@@ -204,14 +204,14 @@ def test_control_py_refuses_a_name_beyond_127_bytes_with_2(demo):
     )
 
 
-def test_control_py_ends_with_3_for_an_unknown_node(demo):
+def test_control_py_exits_with_3_for_an_unknown_node(demo):
     assert control(demo, "stop", "nobody") == (
         3,
         "control.py: nobody: no such node\n",
     )
 
 
-def test_control_py_ends_with_4_when_no_launcher_runs(demo):
+def test_control_py_exits_with_4_when_no_launcher_runs(demo):
     demo.signal(signal.SIGTERM)
     demo.wait()
     status, text = control(demo, "status", "camera")
@@ -233,7 +233,7 @@ def trace_control(machine, *arguments):
     return re.findall(r"^(\w+)\(.* = (-?\d+)", trace, re.MULTILINE)
 
 
-def test_control_py_sends_once_and_reads_no_more_than_the_reply(demo):
+def test_control_py_sends_once_and_reads_only_the_reply(demo):
     calls = [(call, int(result)) for call, result in
              trace_control(demo, "status", "camera")]
     assert calls == [

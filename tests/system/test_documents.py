@@ -49,12 +49,12 @@ def check_links(path):
 
 
 @pytest.mark.parametrize("path", DOCUMENTS, ids=name)
-def test_every_link_of_a_document_leads_somewhere(path):
+def test_every_link_of_a_document_has_a_target(path):
     check_links(path)
 
 
 @pytest.mark.usefixtures("shell")  # which has the installation made
-def test_an_installation_has_the_documents_and_what_they_link_to(machine):
+def test_an_installation_has_the_documents_and_the_targets_of_their_links(machine):
     folder = machine.install / "share/doc/vornlaunch"
     installed = list(folder.rglob("*.md"))
     assert {path.relative_to(folder) for path in installed} == {
@@ -64,7 +64,7 @@ def test_an_installation_has_the_documents_and_what_they_link_to(machine):
 
 
 @pytest.mark.parametrize("path", DOCUMENTS, ids=name)
-def test_every_document_is_found_from_the_readme(path):
+def test_every_document_is_reachable_from_the_readme(path):
     seen, left = set(), [ROOT / "README.md"]
     while left:
         document = left.pop()
@@ -98,7 +98,7 @@ LAUNCH_FILES = [
 
 
 @pytest.mark.parametrize("text", LAUNCH_FILES)
-def test_a_launch_file_in_a_document_is_right_for_checker_and_launcher(text, machine,
+def test_a_launch_file_in_a_document_is_valid_for_checker_and_launcher(text, machine,
                                                                        program):
     checked = subprocess.run(
         [program.with_name("vornctl"), "check", "--fail-on", "warning", "-"],
@@ -210,14 +210,14 @@ $ for i in 1 2 3; do
 """
 
 
-def test_a_document_that_is_right_is_followed_in_one_shell(shell, tmp_path):
+def test_a_correct_document_is_followed_in_one_shell(shell, tmp_path):
     document = tmp_path / "right.md"
     document.write_text(RIGHT, encoding="utf-8")
     shell.follow(document, "console", "sh")
     assert shell.run("echo $number") == (0, ["12"])
 
 
-def test_a_document_that_is_wrong_is_found(shell, tmp_path):
+def test_an_incorrect_document_is_detected(shell, tmp_path):
     for what, text in WRONG.items():
         document = tmp_path / "wrong.md"
         document.write_text(text, encoding="utf-8")
@@ -308,7 +308,7 @@ def check_command(words, program):
     path for path in DOCUMENTS
     if TUTORIALS not in path.parents and blocks(path, "sh")
 ], ids=name)
-def test_what_a_document_calls_in_the_shell_is_there(path, program):
+def test_the_commands_files_and_options_in_a_document_exist(path, program):
     for block in blocks(path, "sh"):
         subprocess.run(["bash", "-n"], input=block.text, encoding="utf-8", check=True)
         found = list(simple_commands(block.text))

@@ -47,7 +47,7 @@ GOOD_NODE = "vornnode:\n  good: {path: /tmp/bin/good}\n"
     ],
     ids=["syntax", "scalar-for-mapping"],
 )
-def test_a_wrong_document_ends_the_launcher_before_any_node_is_read(
+def test_an_invalid_document_aborts_the_launcher_before_any_node_is_read(
     machine, content, text
 ):
     machine.script("good", ": > /tmp/good.ran")
@@ -121,7 +121,7 @@ def fixture_example(machine):
     return machine
 
 
-def test_the_complete_example_starts_as_it_says(example):
+def test_the_complete_example_starts_as_documented(example):
     assert texts(example, "startInternal") == [
         "Node start 'controller' ok",
         "planner sleep 1500ms",
@@ -145,7 +145,7 @@ def test_the_complete_example_starts_as_it_says(example):
     assert example.status("calibrate").state == State.DISABLED
 
 
-def test_the_complete_example_restarts_what_the_controller_requires(example):
+def test_the_complete_example_restarts_the_nodes_that_the_controller_requires(example):
     planner, monitor = example.status("planner"), example.status("monitor")
     assert example.request(Cmd.STOP, "controller").result == Result.SUCCESS
     assert example.status("planner").state == State.RUNNING

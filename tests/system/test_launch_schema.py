@@ -49,7 +49,7 @@ def errors_in(text):
     return list(validator.iter_errors(yaml.load(text, Loader)))
 
 
-def test_the_schema_is_a_schema():
+def test_the_schema_is_a_valid_schema():
     jsonschema.Draft202012Validator.check_schema(SCHEMA)
 
 
@@ -62,7 +62,7 @@ def test_every_key_is_described():
 
 
 @pytest.mark.parametrize("path", EXAMPLES, ids=lambda path: path.stem)
-def test_a_bad_example_is_refused_if_a_schema_can_tell(path):
+def test_a_bad_example_is_refused_if_a_schema_can_detect_it(path):
     text = path.read_text(encoding="utf-8")
     if path.stem in NOT_LOADED:
         with pytest.raises(yaml.YAMLError):
@@ -98,19 +98,19 @@ BAD_NODES = {
 
 
 @pytest.mark.parametrize("node", GOOD_NODES.values(), ids=GOOD_NODES.keys())
-def test_a_good_node_is_taken(node):
+def test_a_valid_node_is_accepted(node):
     assert errors_in(f"vornnode:\n  a: {node}\n") == []
 
 
 @pytest.mark.parametrize("node", BAD_NODES.values(), ids=BAD_NODES.keys())
-def test_a_bad_node_is_refused(node):
+def test_an_invalid_node_is_refused(node):
     assert errors_in(f"vornnode:\n  a: {node}\n")
 
 
 @pytest.mark.parametrize("path", [
     *(ROOT / "examples").glob("**/*.yaml"), *(ROOT / "docs").glob("launch-file.md"),
 ], ids=lambda path: path.name)
-def test_the_examples_of_the_documentation_are_taken(path):
+def test_the_examples_of_the_documentation_are_accepted(path):
     text = path.read_text(encoding="utf-8")
     if path.suffix == ".md":
         text = text.split("```yaml\n")[1].split("```")[0]
@@ -118,7 +118,7 @@ def test_the_examples_of_the_documentation_are_taken(path):
     assert errors_in(text) == []
 
 
-def test_what_the_checker_finds_nothing_wrong_with_is_taken(program, tmp_path):
+def test_launch_files_without_diagnostics_are_accepted(program, tmp_path):
     files = {name: text for name, text in [*hand_made(), *generated(7, 300)]}
     for name, text in files.items():
         (tmp_path / name).write_bytes(text.encode())

@@ -26,7 +26,7 @@ def test_a_line_names_time_level_process_place_and_text(machine):
     assert line.line > 0
 
 
-def test_a_node_s_own_turns_are_marked_and_other_lines_are_not(machine):
+def test_the_events_of_a_node_are_marked_and_other_lines_are_not(machine):
     content = with_node(machine, "worker")
     content["vornnode"]["worker"]["sleep"] = 1
     content["vornnode"]["lost"] = {"path": "/tmp/nothing"}
@@ -68,7 +68,7 @@ def test_lines_for_the_journal_begin_with_their_priority(machine):
 
 
 @pytest.mark.parametrize("how", ["closed", "full"])
-def test_a_log_that_takes_nothing_leaves_the_launcher_working(machine, how):
+def test_the_launcher_works_without_a_writable_log(machine, how):
     content = with_node(machine, "worker")
     content["vornnode"]["broken"] = {"path": machine.file("not-executable", "")}
     if how == "closed":

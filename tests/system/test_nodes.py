@@ -30,7 +30,7 @@ def test_a_child_inherits_no_descriptor_mask_or_signal_setting(machine):
 
 
 @pytest.mark.parametrize("kind", ["file without execute permission", "directory"])
-def test_what_cannot_be_executed_exits_with_127_and_is_tried_again(machine, kind):
+def test_a_non_executable_file_exits_with_127_and_is_tried_again(machine, kind):
     if kind == "directory":
         (machine.tmp / "program").mkdir()
     else:
@@ -50,7 +50,7 @@ def test_what_cannot_be_executed_exits_with_127_and_is_tried_again(machine, kind
     assert (status.state, status.pid) == (State.RESTARTING, 0)
 
 
-def test_a_polite_child_is_stopped_and_sent_sigkill_while_a_zombie(machine):
+def test_a_child_that_obeys_sigterm_is_sent_sigkill_as_a_zombie(machine):
     machine.start(worker(machine), strace=[QUICK, "-e", "trace=kill"])
     pid = machine.status("worker").pid
     assert machine.request(Cmd.STOP, "worker").result == Result.SUCCESS

@@ -74,7 +74,7 @@ def reply(result=0, pid=0, state=0, start=0):
 # -- The six commands.
 
 
-def test_status_tells_state_pid_and_last_start(machine, launcher):
+def test_status_returns_state_pid_and_last_start(machine, launcher):
     expected = machine.status("worker")
     assert launcher.status("worker") == vornctl.Status(
         vornctl.State.RUNNING, expected.pid, expected.start_seconds
@@ -140,7 +140,7 @@ def test_the_request_is_the_command_and_the_name(server):
     assert received == [REQUEST.pack(Cmd.ENABLE, "plänner".encode())]
 
 
-def test_a_signal_just_before_leaves_none_blocked(server, monkeypatch):
+def test_a_signal_before_the_call_leaves_no_signal_blocked(server, monkeypatch):
     class Interrupt(Exception):
         pass
 
@@ -177,7 +177,7 @@ def test_a_name_that_cannot_be_encoded_is_not_sent():
         vornctl.Launcher("/nonexistent").start("\ud800")
 
 
-def test_signals_are_held_off_while_connected_and_not_sent(server, monkeypatch):
+def test_signals_are_blocked_between_connect_and_send(server, monkeypatch):
     masks = []
     original = vornctl.Launcher._check_user
 
@@ -195,12 +195,12 @@ def test_signals_are_held_off_while_connected_and_not_sent(server, monkeypatch):
 # -- What can go wrong.
 
 
-def test_no_socket_is_no_launcher():
+def test_a_missing_socket_is_a_missing_launcher():
     with pytest.raises(vornctl.NoLauncher, match="No such file"):
         vornctl.Launcher("/nonexistent").status("worker")
 
 
-def test_a_socket_that_nobody_listens_on_is_no_launcher(tmp_path):
+def test_a_socket_without_a_listener_is_a_missing_launcher(tmp_path):
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as left:
         folder = os.open(tmp_path, os.O_PATH)
         path = f"/proc/self/fd/{folder}/left"
@@ -210,7 +210,7 @@ def test_a_socket_that_nobody_listens_on_is_no_launcher(tmp_path):
     os.close(folder)
 
 
-def test_a_full_queue_is_given_up_after_the_limit(server):
+def test_a_full_queue_is_a_timeout_after_the_limit(server):
     server.listen(0)
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as waiting:
         waiting.connect(server.getsockname())

@@ -155,7 +155,7 @@ def test_it_answers_its_client(machine, server):
 
 
 @each_server
-def test_killed_it_is_back_not_before_5_s_since_its_start_and_answers(machine, server):
+def test_after_a_kill_it_restarts_5_s_after_its_start_and_answers(machine, server):
     launch(machine, server)
     killed, first_start = wait_for_start(machine, server.name)
     kill(machine, killed)
@@ -166,7 +166,7 @@ def test_killed_it_is_back_not_before_5_s_since_its_start_and_answers(machine, s
 
 
 @each_server
-def test_stopped_it_stays_down_and_started_it_answers(machine, server):
+def test_after_a_stop_it_stays_down_and_after_a_start_it_answers(machine, server):
     launch(machine, server)
     pid = machine.status(server.name).pid
     assert machine.request(Cmd.STOP, server.name).result == Result.SUCCESS
@@ -180,7 +180,7 @@ def test_stopped_it_stays_down_and_started_it_answers(machine, server):
 
 
 @each_server
-def test_restarted_it_answers_as_another_process(machine, server):
+def test_after_a_restart_it_answers_as_another_process(machine, server):
     launch(machine, server)
     pid = machine.status(server.name).pid
     assert machine.request(Cmd.RESTART, server.name).result == Result.SUCCESS
@@ -190,7 +190,7 @@ def test_restarted_it_answers_as_another_process(machine, server):
 
 
 @each_server
-def test_killed_it_leaves_the_other_servers_alone(machine, server):
+def test_killing_it_does_not_affect_the_other_servers(machine, server):
     launch(machine, *SERVERS)
     others = [other for other in SERVERS if other is not server]
     pids = {other.name: machine.status(other.name).pid for other in others}
@@ -202,7 +202,7 @@ def test_killed_it_leaves_the_other_servers_alone(machine, server):
     assert {other.name: machine.status(other.name).pid for other in others} == pids
 
 
-def test_sigterm_ends_all_servers_and_then_the_launcher(machine):
+def test_sigterm_terminates_all_servers_and_then_the_launcher(machine):
     launch(machine, *SERVERS)
     pids = [machine.status(server.name).pid for server in SERVERS]
     machine.signal(signal.SIGTERM)

@@ -32,7 +32,7 @@ def test_a_stop_restarts_the_required_running_node(machine):
     assert starts(machine) == ["a", "b", "b"]
 
 
-def test_a_cycle_blocks_the_launcher_for_good(machine):
+def test_a_cycle_blocks_the_launcher_permanently(machine):
     machine.start(launch(machine, a={"required": ["b"]}, b={"required": ["a"]}))
     child = machine.status("b").pid
     with machine.connect() as client:

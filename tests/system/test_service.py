@@ -34,7 +34,7 @@ def installed(root, name):
 
 
 @pytest.mark.parametrize("unit", UNITS)
-def test_a_unit_is_as_the_service_manager_wants_it(root, unit):
+def test_a_unit_is_valid_for_the_service_manager(root, unit):
     instance = unit.replace("@", "@robot")
     if instance != unit:
         installed(root, unit).with_name(instance).symlink_to(unit)
@@ -43,7 +43,7 @@ def test_a_unit_is_as_the_service_manager_wants_it(root, unit):
 
 
 @pytest.mark.parametrize("unit", UNITS)
-def test_a_unit_stops_the_launcher_first_and_checks_its_file_before(root, unit):
+def test_a_unit_checks_its_file_and_stops_the_launcher_first(root, unit):
     text = installed(root, unit).read_text(encoding="utf-8")
     setting = dict(re.findall(r"^(\w+)=(.*)$", text, re.M))
     file = "/etc/vornlaunch/" + ("%i" if "@" in unit else "launch") + ".yaml"
@@ -56,7 +56,7 @@ def test_a_unit_stops_the_launcher_first_and_checks_its_file_before(root, unit):
 
 
 @pytest.mark.parametrize("unit", UNITS)
-def test_a_unit_keeps_nothing_from_the_nodes(root, unit):
+def test_a_unit_does_not_restrict_the_nodes(root, unit):
     """What the service manager's review finds set is not about them."""
     status, said = run("systemd-analyze", "security", "--offline=true", "--no-pager",
                        f"--root={root}", unit.replace("@", "@robot"))
@@ -69,7 +69,7 @@ def test_a_unit_keeps_nothing_from_the_nodes(root, unit):
     assert found - by_default == {"KeyringMode"}
 
 
-def test_the_cleaning_of_tmp_leaves_the_control_socket_alone(root):
+def test_the_cleaning_of_tmp_keeps_the_control_socket(root):
     rules = root / "etc/tmpfiles.d"
     rules.mkdir(parents=True)
     (rules / "all.conf").write_text("d /tmp 1777 - - 0\n", encoding="utf-8")

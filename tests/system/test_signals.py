@@ -91,7 +91,7 @@ def test_a_fatal_signal_interrupts_the_wait_and_ends_the_loop(machine, number):
     assert machine.is_alive(child)
 
 
-def test_a_log_at_its_size_limit_makes_no_other_end_of_sigint(machine):
+def test_a_log_at_its_size_limit_does_not_change_the_exit_by_sigint(machine):
     log = machine.tmp / "log"
     with open(log, "ab") as file:
         machine.start({}, stdout=file, stderr=file,
@@ -113,7 +113,7 @@ def test_only_the_first_fatal_signal_prints(machine):
     assert machine.stdout() == handled_with(signal.SIGHUP)
 
 
-def test_a_fatal_signal_is_heeded_after_the_whole_batch(machine):
+def test_a_fatal_signal_takes_effect_after_the_whole_batch(machine):
     machine.start(workers(machine, "worker"))
     child = machine.find_process(machine.status("worker").pid)
     wait_until_idle(machine)
@@ -158,7 +158,7 @@ def test_a_batch_is_served_in_the_order_of_its_events(machine, first):
     machine.wait_for_log("Node 'worker' ready to restarting")
 
 
-def test_sigint_during_the_sleep_of_a_node_cuts_it_short(machine):
+def test_sigint_during_the_sleep_of_a_node_shortens_it(machine):
     machine.start(workers(machine, "worker", sleep=600_000), wait_until_up=False)
     machine.wait_for_log("worker sleep 600000ms")
     wait_until_blocked(machine, "nanosleep")
@@ -170,7 +170,7 @@ def test_sigint_during_the_sleep_of_a_node_cuts_it_short(machine):
                "the child runs on")
 
 
-def test_sigpipe_neither_ends_the_launcher_nor_prints(machine):
+def test_sigpipe_neither_terminates_the_launcher_nor_prints(machine):
     machine.start({})
     wait_until_idle(machine)
     machine.signal(signal.SIGPIPE)

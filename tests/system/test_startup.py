@@ -179,7 +179,7 @@ def test_the_parser_receives_the_path_as_typed(machine):
     assert machine.log_lines("name: first")
 
 
-def test_an_unreadable_launch_file_ends_with_status_0(machine):
+def test_an_unreadable_launch_file_exits_with_status_0(machine):
     path = machine.launch_file(worker(machine))
     (machine.tmp / "launch.yaml").chmod(0)
     assert run_to_the_end(machine, path, wrapper=OBEYING_PERMISSIONS) == 0
@@ -221,7 +221,7 @@ def test_main_leaves_the_global_settings_to_the_parser_and_the_children(build):
 
 
 @pytest.mark.native
-def test_the_steps_of_start_up_come_in_their_order(machine):
+def test_the_steps_of_start_up_are_in_order(machine):
     machine.start(
         worker(machine),
         strace=["-s", "200", "-e", "trace=!mmap,mprotect,munmap,brk,clock_gettime"],
@@ -265,7 +265,7 @@ def test_the_steps_of_start_up_come_in_their_order(machine):
 # -- Steps that fail.
 
 
-def test_without_an_event_loop_the_launcher_ends_with_status_0(machine):
+def test_without_an_event_loop_the_launcher_exits_with_status_0(machine):
     path = machine.launch_file(worker(machine))
     status = run_to_the_end(
         machine, path, strace=["-e", "inject=epoll_create1:error=EMFILE"]
@@ -294,7 +294,7 @@ def test_the_launcher_runs_on_without_supervision(machine):
     assert machine.find_process(status.pid).state == "Z"
 
 
-def test_the_launcher_runs_on_without_a_control_socket(machine):
+def test_the_launcher_continues_without_a_control_socket(machine):
     (machine.tmp / "vornlaunch/vornlaunch.sock").mkdir(parents=True)
     machine.start(worker(machine), wait_until_up=False)
     machine.wait_for_log("Node start 'worker' ok")
@@ -348,7 +348,7 @@ def test_an_idle_launcher_waits_without_a_limit_for_its_two_descriptors(machine)
     assert set(waits) == {(2, -1, 1)}
 
 
-def test_a_launcher_with_a_waiting_node_looks_at_it_every_second(machine):
+def test_a_launcher_with_a_waiting_node_checks_it_every_second(machine):
     machine.script(
         "second-try", "[ -e /tmp/tried ] && exec sleep 1000\n: > /tmp/tried\nexit 1"
     )

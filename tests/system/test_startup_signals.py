@@ -32,7 +32,7 @@ def sleeping_nodes(count):
         for i in range(count)}}
 
 
-def test_sigint_at_a_random_time_of_the_start_up_is_reported_and_ends_the_launcher(
+def test_sigint_at_a_random_time_of_the_start_up_terminates_the_launcher(
         machine, program, is_long):
     runs, nodes = (3000, 4000) if is_long else (300, 400)
     results = signalled_starts(machine, program, sleeping_nodes(nodes), "times",
@@ -43,7 +43,7 @@ def test_sigint_at_a_random_time_of_the_start_up_is_reported_and_ends_the_launch
 
 @pytest.mark.native
 @pytest.mark.plain  # a sanitizer has an allocator of its own
-def test_the_handler_of_sigint_allocates_nothing_whichever_allocation_it_interrupts(
+def test_the_handler_of_sigint_never_allocates_within_an_allocation(
         machine, program):
     dynamic = program.with_name("vornlaunch-dynamic")
     library = machine.tmp / "signal_in_allocation.so"

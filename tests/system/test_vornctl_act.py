@@ -52,7 +52,7 @@ def commands(machine):
 # -- What is done.
 
 
-def test_stop_and_start_say_what_was_done(robot):
+def test_stop_and_start_print_their_results(robot):
     done = robot.vornctl("stop", "lidar")
     assert (done.returncode, done.stdout, done.stderr) == (
         0, "lidar: stopped\n", "")
@@ -72,7 +72,7 @@ def test_restart_gives_a_node_another_process(robot):
     assert commands(robot) == [Cmd.RESTART]
 
 
-def test_what_is_so_already_is_said(robot):
+def test_a_state_that_is_already_reached_is_reported(robot):
     pid = robot.status("lidar").pid
     assert robot.vornctl("start", "lidar").stdout == (
         f"lidar: already running (pid {pid})\n")
@@ -144,7 +144,7 @@ def test_enable_now_starts_as_well(robot):
     assert robot.status("lidar").state == State.RUNNING
 
 
-def test_quiet_says_nothing_of_what_was_done(robot):
+def test_quiet_suppresses_the_results(robot):
     done = robot.vornctl("stop", "-q", "lidar")
     assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
     assert robot.status("lidar").state == State.STOPPED
@@ -180,7 +180,7 @@ def test_starts_go_through_the_file_forwards(robot):
         for name in NAMES]
 
 
-def test_a_failure_is_the_exit_status_and_the_others_are_done(robot):
+def test_a_failure_sets_the_exit_status_and_the_other_nodes_follow(robot):
     robot.request(Cmd.DISABLE, "camera")
     robot.request(Cmd.STOP, "lidar")
     done = robot.vornctl("start", "camera", "unknown", "lidar")
@@ -191,7 +191,7 @@ def test_a_failure_is_the_exit_status_and_the_others_are_done(robot):
     assert robot.status("lidar").state == State.STOPPED
 
 
-def test_a_reader_that_has_gone_leaves_no_node_out(robot):
+def test_a_closed_output_does_not_stop_the_remaining_nodes(robot):
     done = robot.execute("bash", "-c", f"{VORNCTL} stop --all --yes | true; "
                          "exit ${PIPESTATUS[0]}")
     assert (done.returncode, done.stderr) == (
@@ -200,7 +200,7 @@ def test_a_reader_that_has_gone_leaves_no_node_out(robot):
 
 
 @pytest.mark.parametrize("command", ["stop", "disable"])
-def test_all_need_a_yes_where_nobody_can_be_asked(robot, command):
+def test_all_needs_yes_without_a_terminal(robot, command):
     done = robot.vornctl(command, "--all", stdin="y\n")
     assert (done.returncode, done.stdout) == (2, "")
     assert done.stderr == (
@@ -210,7 +210,7 @@ def test_all_need_a_yes_where_nobody_can_be_asked(robot, command):
 
 @pytest.mark.parametrize("answer, status", [
     ("y\n", 0), ("yes\n", 0), ("n\n", 2), ("\n", 2), ("\x04", 2)])
-def test_all_are_asked_for_on_a_terminal(robot, answer, status):
+def test_all_asks_for_confirmation_on_a_terminal(robot, answer, status):
     returned, shown = on_terminal(
         robot, "stop", "--all", question="stop all 3 nodes? [y/N] ", answer=answer)
     assert returned == status
@@ -218,7 +218,7 @@ def test_all_are_asked_for_on_a_terminal(robot, answer, status):
     assert shown.count(": stopped") == (3 if status == 0 else 0)
 
 
-def test_starting_all_is_not_asked_for(robot):
+def test_starting_all_needs_no_confirmation(robot):
     status, shown = on_terminal(robot, "start", "--all")
     assert (status, shown.splitlines()) == (
         0, [f"{x}: already running (pid {robot.status(x).pid})" for x in NAMES])
@@ -250,7 +250,7 @@ def why(done):
 
 
 @pytest.mark.parametrize("command", ["start", "restart"])
-def test_a_missing_executable_is_told(machine, command):
+def test_a_missing_executable_is_reported(machine, command):
     missing(machine)
     assert why(machine.vornctl(command, "camera")) == (
         "its executable /tmp/bin/none is missing, so it was disabled; install "
@@ -259,7 +259,7 @@ def test_a_missing_executable_is_told(machine, command):
     assert machine.vornctl("enable", "--now", "camera").returncode == 0
 
 
-def test_a_oneshot_that_has_run_is_told(machine):
+def test_a_oneshot_that_has_run_is_reported(machine):
     machine.start({"vornnode": {"camera": {"path": "/bin/true", "oneshot": True}}})
     machine.wait_for_state("camera", State.DISABLED)
     assert why(machine.vornctl("start", "camera")) == (
@@ -267,7 +267,7 @@ def test_a_oneshot_that_has_run_is_told(machine):
         "camera")
 
 
-def test_the_start_that_autostart_false_skips_is_told(machine):
+def test_the_start_that_autostart_false_skips_is_reported(machine):
     path = machine.script("stay", "exec sleep 1000")
     machine.start({"vornnode": {"camera": {
         "path": path, "autostart": False, "disabled": True}}})
@@ -277,7 +277,7 @@ def test_the_start_that_autostart_false_skips_is_told(machine):
     assert machine.vornctl("start", "camera").returncode == 0
 
 
-def test_a_disabled_node_is_told(robot):
+def test_a_disabled_node_is_reported(robot):
     robot.request(Cmd.DISABLE, "camera")
     assert why(robot.vornctl("start", "camera")) == (
         "it is disabled; start it with: vornctl enable --now camera")
@@ -293,7 +293,7 @@ def test_enable_now_of_a_node_that_cannot_start_fails(machine):
 # -- What takes long.
 
 
-def test_a_terminal_shows_that_it_takes_time(machine):
+def test_a_terminal_shows_the_progress(machine):
     slow_to_stop(machine)
     status, shown = on_terminal(
         machine, "stop", "camera", question="stopping camera 1s", answer="")
@@ -306,7 +306,7 @@ def test_a_terminal_shows_that_it_takes_time(machine):
     assert shown.endswith("s\r\x1b[Kcamera: stopped\r\n")
 
 
-def test_a_pipe_gets_nothing_of_that(machine):
+def test_a_pipe_gets_no_progress(machine):
     slow_to_stop(machine)
     done = machine.vornctl("stop", "camera")
     assert (done.returncode, done.stdout, done.stderr) == (

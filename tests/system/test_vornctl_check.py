@@ -56,7 +56,7 @@ def names_in(finished):
 
 
 @pytest.mark.native  # its programs are for this machine, as they should be
-def test_a_good_file_is_passed_in_silence(vornctl):
+def test_a_valid_file_prints_nothing(vornctl):
     finished = vornctl(write(vornctl, CLEAN), "--ignore=writable-by-others")
     assert (finished.returncode, finished.stdout, finished.stderr) == (0, "", "")
 
@@ -76,16 +76,16 @@ def test_the_exit_status_is_1_from_the_chosen_severity_on(
     assert vornctl("-", text=text).returncode == (1 if severity == "error" else 0)
 
 
-def test_a_finding_is_a_line_that_editors_know(vornctl):
+def test_a_diagnostic_is_a_line_that_editors_understand(vornctl):
     finished = vornctl(write(vornctl, ERROR), "--no-host")
     assert finished.stdout == "launch.yaml:" + ERROR_LINE
 
 
-def test_standard_input_is_called_so(vornctl):
+def test_standard_input_is_named_stdin(vornctl):
     assert vornctl("-", text=ERROR).stdout == "<stdin>:" + ERROR_LINE
 
 
-def test_what_cannot_be_read_ends_with_2_and_the_rest_is_checked(vornctl):
+def test_an_unreadable_file_exits_with_2_and_the_others_are_checked(vornctl):
     (vornctl.folder / "folder").mkdir()
     finished = vornctl("missing.yaml", "folder", write(vornctl, ERROR))
     assert finished.returncode == 2
@@ -126,7 +126,7 @@ LARGE = CLEAN + "# a comment\n" * 20_000 + "["
     ("error=EIO:when=2", "Input/output error"),
     ("retval=0:when=2", "the file ended before its size was reached"),
 ], ids=["error", "end"])
-def test_a_file_that_is_read_in_part_does_not_pass(vornctl, injected, reason):
+def test_a_partly_read_file_does_not_pass(vornctl, injected, reason):
     name = write(vornctl, LARGE)
     strace = ["strace", "-o", "/dev/null", "-P", vornctl.folder / name,
               "-e", "trace=read", "-e", f"inject=read:{injected}"]
@@ -157,21 +157,21 @@ def test_a_file_that_does_not_fit_into_memory_does_not_pass(vornctl):
     [], ["--format=xml", "-"], ["--fail-on=never", "-"], ["--print=all", "-"],
     ["--ignore=nonsense", "-"],
 ])
-def test_wrong_usage_ends_with_2(vornctl, arguments):
+def test_wrong_usage_exits_with_2(vornctl, arguments):
     finished = vornctl(*arguments, text=CLEAN)
     assert finished.returncode == 2
     assert finished.stdout == ""
     assert finished.stderr.startswith("vornctl: ")
 
 
-def test_several_findings_are_ignored_with_commas_between_them(vornctl):
+def test_several_checks_are_ignored_with_commas_between_them(vornctl):
     text = WARNING + "    argv: \"'a'\"\n    sleep: 20000\n"
     finished = vornctl("--ignore=unknown-key,long-sleep", "-", text=text)
     assert finished.stdout.count("\n") == 1
     assert "[quote-in-argv]" in finished.stdout
 
 
-def test_the_machine_is_looked_at_for_a_file_alone_unless_it_is_said(vornctl):
+def test_the_machine_is_checked_only_for_files_by_default(vornctl):
     text = "vornnode:\n  a:\n    path: /nonexistent/a\n"
     name = write(vornctl, text)
     finding = (3, "missing-executable")
@@ -183,7 +183,7 @@ def test_the_machine_is_looked_at_for_a_file_alone_unless_it_is_said(vornctl):
 
 
 @pytest.mark.native  # as above
-def test_the_programs_are_those_of_the_variables_that_the_launcher_would_have(
+def test_programs_are_found_by_the_variables_of_the_launcher(
     vornctl,
 ):
     text = "vornnode:\n  a:\n    path: sh\n"
@@ -207,7 +207,7 @@ def test_the_programs_are_those_of_the_variables_that_the_launcher_would_have(
     ("# why\n---\nvornnode: {a: {path: /a}}\n...\n# the end\n", None),
     ("%YAML 1.2\n---\nvornnode: {a: {path: /a, argv: a --- b ...}}\n", None),
 ], ids=["indented", "flow", "wrong", "second", "end", "directive"])
-def test_whatever_follows_the_first_document_is_found(vornctl, text, line):
+def test_text_after_the_first_document_is_reported(vornctl, text, line):
     expected = [] if line is None else [(line, "second-document")]
     assert names_in(vornctl("--format=json", "-", text=text)) == expected
 
@@ -223,7 +223,7 @@ INVISIBLE = (
     "check --print=resolved", "check --print=resolved --format=json",
     "check --print=timeline", "graph", "graph --format=mermaid",
 ])
-def test_no_text_of_a_file_drives_a_terminal_or_a_ci_system(vornctl, arguments):
+def test_no_text_of_a_file_controls_a_terminal_or_a_ci_system(vornctl, arguments):
     name = f"::set-output name=x::{INVISIBLE}##[set-output name=x]y"
     text = json.dumps({
         "configure": {"environment": {name: name}},
@@ -261,7 +261,7 @@ def test_a_file_in_another_language_is_recognized(vornctl, text, what, line):
     '{"vornnode": {"a": {"path": "/a"}}}', "[a, b]\n", "[a]\n", "a=b: c\n",
     "- a=b\n", "text\n", "", "vornnode: {a: {path: /a}}\n# a = b\n",
 ])
-def test_yaml_is_not_taken_for_another_language(vornctl, text):
+def test_yaml_is_not_mistaken_for_another_language(vornctl, text):
     assert "other-language" not in vornctl("-", text=text).stdout
 
 
@@ -269,7 +269,7 @@ def test_yaml_is_not_taken_for_another_language(vornctl, text):
     "", "[", "[a, b]\n", "[0]\n", "- a\n", "text\n", "[section]\na=b\n",
     "configure: [a]\n", "configure: []\nvornnode: []\n", "~\n", "vornnode: {~: 1}\n",
 ])
-def test_every_finding_has_a_line_of_the_file(vornctl, text):
+def test_every_diagnostic_has_a_line_of_the_file(vornctl, text):
     assert "line=0" not in vornctl("-", "--format=github", text=text).stdout
     for line, name in names_in(vornctl("-", "--format=json", text=text)):
         assert line >= 1, name
@@ -291,7 +291,7 @@ def test_a_tab_in_the_indentation_is_named(vornctl, text, line):
     ('vornnode:\n  a: {\n\tpath: /x\n', 4),
     ('vornnode:\n  a: {path: /x,\n\targv: ]}\n', 3),
 ])
-def test_a_valid_tab_is_not_the_reason_of_another_error(vornctl, text, line):
+def test_a_valid_tab_is_not_reported_as_the_cause_of_another_error(vornctl, text, line):
     stdout = vornctl("-", text=text).stdout
     assert stdout.startswith(f"<stdin>:{line}:"), stdout
     assert "tab" not in stdout
@@ -313,7 +313,7 @@ def test_a_file_name_can_begin_with_a_bracket(vornctl):
     assert vornctl(name, command="graph").returncode == 0
 
 
-def test_quiet_leaves_the_exit_status_alone(vornctl):
+def test_quiet_does_not_change_the_exit_status(vornctl):
     finished = vornctl("-q", "-", text=ERROR)
     assert (finished.returncode, finished.stdout, finished.stderr) == (1, "", "")
 
@@ -402,7 +402,7 @@ def test_too_many_global_variables_for_all_nodes_are_not_resolved(vornctl):
         "together are more than 1000000 values or 64 MiB of text\n")
 
 
-def test_of_many_findings_of_a_kind_100_are_shown(vornctl):
+def test_of_many_diagnostics_of_a_kind_100_are_shown(vornctl):
     keys = "".join(f"    k{i}: 1\n" for i in range(150))
     finished = vornctl("-", text=CLEAN + keys + "    sleep: 20000\n")
     lines = finished.stdout.splitlines()
@@ -413,7 +413,7 @@ def test_of_many_findings_of_a_kind_100_are_shown(vornctl):
     assert "[long-sleep]" in lines[101] and len(lines) == 102
 
 
-def test_silenced_findings_do_not_count_towards_the_limit(vornctl):
+def test_silenced_diagnostics_do_not_count_towards_the_limit(vornctl):
     keys = "".join(f"    k{i}: 1  # vornctl: ignore=unknown-key\n" for i in range(150))
     assert vornctl("-", text=CLEAN + keys).stdout == ""
 
@@ -483,7 +483,7 @@ CYCLE = (
 )
 
 
-def test_json_has_all_of_a_finding(vornctl):
+def test_json_has_every_field_of_a_diagnostic(vornctl):
     name = write(vornctl, CYCLE)
     finished = vornctl("--format=json", "--no-host", name)
     assert finished.returncode == 1
@@ -503,7 +503,7 @@ def test_json_has_all_of_a_finding(vornctl):
     }
 
 
-def test_json_tells_which_files_the_launcher_loads(vornctl):
+def test_json_says_which_files_the_launcher_loads(vornctl):
     names = [write(vornctl, CLEAN, "a"), write(vornctl, ERROR, "b"),
              write(vornctl, "[", "c")]
     files = json.loads(vornctl("--format=json", *names).stdout)["files"]
@@ -538,7 +538,7 @@ def test_sarif_has_rules_results_and_related_places(vornctl):
     assert related["message"]["text"] == "'b' requires 'ä' here"
 
 
-def test_github_is_given_a_command_a_finding(vornctl):
+def test_github_gets_a_command_per_diagnostic(vornctl):
     name = write(vornctl, CYCLE + "  100%: {path: x, pid: 1}\n", "a,b.yaml")
     lines = vornctl("--format=github", "--no-host", name).stdout.splitlines()
     assert lines[0] == (
@@ -585,7 +585,7 @@ vornnode:
 ROOT = {"VORN_ROOT": "/opt/v"}
 
 
-def test_resolved_tells_where_everything_comes_from(vornctl):
+def test_resolved_shows_the_origin_of_everything(vornctl):
     finished = vornctl("--print=resolved", "-", text=SEVERAL, environment=ROOT)
     blocks = finished.stdout.split("camera  # line 9\n")
     assert blocks[1].splitlines()[:9] == [
@@ -604,14 +604,14 @@ def test_resolved_tells_where_everything_comes_from(vornctl):
             "below VORN_BIN_PATH, line 4\n") in blocks[0]
 
 
-def test_resolved_names_the_environment_where_the_folder_comes_from_it(vornctl):
+def test_resolved_names_the_environment_if_the_directory_comes_from_it(vornctl):
     finished = vornctl("--print=resolved", "-", text="vornnode: {a: {path: x}}\n",
                        environment={"VORN_BIN_PATH": "/b"})
     assert ("/b/x                              path, line 1, below VORN_BIN_PATH of "
             "the environment") in finished.stdout
 
 
-def test_the_timeline_sums_the_delays_of_what_is_started(vornctl):
+def test_the_timeline_sums_the_delays_of_the_started_nodes(vornctl):
     finished = vornctl("--print=timeline", "-", text=SEVERAL)
     assert finished.stdout.splitlines() == [
         "START    NODE      SLEEP",
@@ -623,7 +623,7 @@ def test_the_timeline_sums_the_delays_of_what_is_started(vornctl):
     ]
 
 
-def test_the_stop_timeout_has_all_stops_and_the_restarts_before_a_nodes_own(vornctl):
+def test_the_stop_timeout_includes_all_stops_and_earlier_restarts(vornctl):
     # Five stops of 11 s; with camera, the detector's stop, 0.2 s and its 0.3 s.
     finished = vornctl("--print=stop-timeout", "-", text=SEVERAL)
     assert finished.stdout == "67\n"
@@ -634,13 +634,13 @@ def test_a_node_that_was_stopped_before_is_not_restarted(vornctl):
     assert vornctl("--print=stop-timeout", "-", text=text).stdout == "22\n"
 
 
-def test_a_stop_that_may_hang_has_no_timeout(vornctl):
+def test_a_stop_that_can_deadlock_has_no_timeout(vornctl):
     finished = vornctl("--print=stop-timeout", "-", text=CYCLE)
     assert finished.stdout == "never\n"
     assert finished.returncode == 1
 
 
-def test_what_is_printed_leaves_findings_to_standard_error(vornctl):
+def test_with_print_diagnostics_go_to_standard_error(vornctl):
     finished = vornctl("--print=timeline", "-", text=ERROR)
     assert finished.stdout == ""
     assert finished.stderr == "<stdin>:" + ERROR_LINE
@@ -713,7 +713,7 @@ def test_a_graph_that_cannot_be_drawn_is_a_failure(vornctl):
     assert finished.stderr == "vornctl: Graphviz could not draw the graph\n"
 
 
-def test_svg_without_graphviz_is_a_clear_word(vornctl):
+def test_svg_without_graphviz_is_a_clear_error(vornctl):
     finished = vornctl("--format=svg", "-", text=GRAPH, command="graph",
                        environment={"PATH": "/nonexistent"})
     assert finished.returncode == 1
@@ -723,7 +723,7 @@ def test_svg_without_graphviz_is_a_clear_word(vornctl):
     )
 
 
-def test_there_is_no_graph_of_what_the_launcher_does_not_load(vornctl):
+def test_a_file_that_does_not_load_has_no_graph(vornctl):
     finished = vornctl("-", text=ERROR, command="graph")
     assert (finished.returncode, finished.stdout) == (2, "")
     assert finished.stderr == (

@@ -163,7 +163,7 @@ BEGUN = [
 ]
 
 
-def test_what_is_begun_is_completed(shell):
+def test_a_partial_word_is_completed(shell):
     for line, completed in BEGUN:
         shell.complete(line, completed)
         shell.press("C-u")
@@ -178,7 +178,7 @@ def test_what_is_begun_is_completed(shell):
     ("vornctl status ", {"lidar", "camera1", "camera2", "radar"}),
     ("vornctl stop camera1 lidar ", {"camera2", "radar"}),
 ])
-def test_what_is_possible_is_offered(shell, line, offered):
+def test_every_possible_word_is_offered(shell, line, offered):
     possible = shell.offers(line)
     everything = {"status", "lidar", "camera1", "camera2", "radar", "running", "bash",
                   "never", "launch.yaml", "bin/"}
@@ -196,12 +196,12 @@ def test_every_command_about_nodes_completes_their_names(shell):
         shell.press("C-u")
 
 
-def test_a_name_that_was_given_is_not_offered_again(shell):
+def test_a_given_name_is_not_offered_again(shell):
     shell.complete("vornctl stop camera1 cam", "vornctl stop camera1 camera2")
 
 
 @pytest.mark.parametrize("shell_name", SHELLS)
-def test_every_name_arrives_as_it_is(machine, shell_name):
+def test_every_name_is_completed_unchanged(machine, shell_name):
     node = {"path": "/bin/true", "disabled": True}
     machine.start({"vornnode": dict.fromkeys(NAMES, node)})
     shell = Shell(machine, shell_name)
@@ -218,7 +218,7 @@ def test_every_name_arrives_as_it_is(machine, shell_name):
 
 
 @pytest.mark.parametrize("shell_name", SHELLS)
-def test_a_name_is_completed_behind_what_breaks_words(machine, shell_name):
+def test_a_name_is_completed_after_characters_that_break_words(machine, shell_name):
     node = {"path": "/bin/true", "disabled": True}
     machine.start({"vornnode": dict.fromkeys(NAMES, node)})
     shell = Shell(machine, shell_name)
@@ -294,21 +294,21 @@ def test_fish_offers_no_name_that_looks_like_an_option(machine, quote):
     assert Shell(machine, "fish").completes_to_nothing(f"vornctl stop {quote}")
 
 
-def test_the_names_are_those_of_the_file_that_is_named(shell):
+def test_the_names_are_those_of_the_given_file(shell):
     shell.machine.file("my other.yaml", "vornnode: {other: {path: x}}\n")
     shell.complete("vornctl --launch-file /tmp/my\\ other.yaml start o",
                    "vornctl --launch-file /tmp/my\\ other.yaml start other")
 
 
 @pytest.mark.parametrize("option", ["--launch-file ", "--launch-file="])
-def test_files_are_completed_where_one_is_wanted(shell, option):
+def test_files_are_completed_where_one_is_expected(shell, option):
     shell.machine.file("some folder/file.yaml", "")
     shell.complete(f"vornctl {option}/tmp/some",
                    f"vornctl {option}/tmp/some\\ folder/")
     shell.complete("fi", f"vornctl {option}/tmp/some\\ folder/file.yaml")
 
 
-def test_the_program_that_is_named_is_asked(robot, shell):
+def test_the_named_program_is_called(robot, shell):
     shell.run("PATH=/usr/bin:/bin" if shell.name != "fish" else "set PATH /usr/bin")
     shell.complete(f"{VORNCTL} start li", f"{VORNCTL} start lidar")
 
@@ -316,7 +316,7 @@ def test_the_program_that_is_named_is_asked(robot, shell):
 # -- Without an answer.
 
 
-def test_nothing_happens_where_no_launcher_runs(shell):
+def test_nothing_happens_without_a_launcher(shell):
     shell.machine.signal(signal.SIGKILL)
     shell.machine.wait()
     assert shell.completes_to_nothing("vornctl start li")

@@ -136,7 +136,7 @@ def is_before_the_request(command, what):
 
 
 @pytest.mark.parametrize("command", COMMANDS + LOOKERS, ids=name_of)
-def test_a_launcher_that_misbehaves_at_once_is_survived(fake_launcher, command):
+def test_an_immediate_misbehaviour_of_the_launcher_is_survived(fake_launcher, command):
     for wrong, (what, statuses) in WRONGS.items():
         if is_before_the_request(command, what):
             statuses = {6 if status == 7 else status for status in statuses}
@@ -169,7 +169,7 @@ def test_an_action_is_not_sent_without_a_reply_to_the_status_request(
 
 
 @pytest.mark.parametrize("command", COMMANDS, ids=name_of)
-def test_a_launcher_that_misbehaves_when_asked_is_survived(fake_launcher, command):
+def test_a_misbehaviour_of_the_launcher_later_is_survived(fake_launcher, command):
     wrongs = dict(WRONGS)
     if command[0] in ("status", "wait", "monitor"):
         wrongs |= {key: (what, {8}) for key, what in WRONG_STATES.items()}
@@ -198,7 +198,7 @@ def test_a_failure_that_cannot_be_explained_refers_to_the_log(
         ), wrong
 
 
-def test_a_stop_or_disable_that_fails_tells_of_the_signal(fake_launcher):
+def test_a_stop_or_disable_that_fails_names_the_signal(fake_launcher):
     for command in ["stop", "disable"]:
         fake_launcher.answers([NOT_FOUND, answer(reply(2))])
         done = fake_launcher.vornctl(command, "camera")
@@ -207,7 +207,7 @@ def test_a_stop_or_disable_that_fails_tells_of_the_signal(fake_launcher):
 
 
 @pytest.mark.parametrize("command", COMMANDS[:-1], ids=name_of)
-def test_bytes_after_the_reply_are_left_alone(fake_launcher, command):
+def test_bytes_after_the_reply_are_not_read(fake_launcher, command):
     # Its own pid, as that of a process which exists.
     running_reply = reply(0, pid=fake_launcher.pid, state=1)
     fake_launcher.answers([NOT_FOUND, answer(running_reply + "ff")])
@@ -215,7 +215,7 @@ def test_bytes_after_the_reply_are_left_alone(fake_launcher, command):
 
 
 @pytest.mark.parametrize("state", [0, 1, 2, 3])
-def test_a_start_out_of_all_bounds_is_shown(fake_launcher, state):
+def test_a_start_time_out_of_all_bounds_is_shown(fake_launcher, state):
     latest = 2 ** 63 - 1
     fake_launcher.answers([NOT_FOUND, answer(
         reply(0, pid=fake_launcher.pid, state=state, start=latest))])
@@ -223,7 +223,7 @@ def test_a_start_out_of_all_bounds_is_shown(fake_launcher, state):
     assert (done.returncode, done.stdout) == (0 if state == 1 else 3, f"{latest}\n")
 
 
-def test_the_padding_of_a_reply_means_nothing(fake_launcher):
+def test_the_padding_of_a_reply_is_ignored(fake_launcher):
     noise = struct.pack("=iIiiq", 0, 0xdeadbeef, 0, 3, 0).hex()
     fake_launcher.answers([NOT_FOUND, answer(noise)])
     done = fake_launcher.vornctl("status", "camera", "-o", "state", "--no-header")
@@ -249,7 +249,7 @@ def test_after_an_unknown_outcome_no_other_node_is_tried(fake_launcher):
 
 @needs_root
 @pytest.mark.parametrize("command", COMMANDS + LOOKERS, ids=name_of)
-def test_a_launcher_of_another_user_gets_nothing(machine, command):
+def test_a_launcher_of_another_user_gets_no_data(machine, command):
     machine.tmp.chmod(0o1777)
     fake_launcher = FakeLauncher(machine, user=AS_NOBODY)
     before = len(fake_launcher.requests())
@@ -265,7 +265,7 @@ def test_a_launcher_of_another_user_gets_nothing(machine, command):
 
 
 @needs_root
-def test_ones_own_launcher_is_trusted(machine):
+def test_the_users_own_launcher_is_trusted(machine):
     machine.tmp.chmod(0o1777)
     FakeLauncher(machine, user=AS_NOBODY)
     assert machine.execute(*AS_NOBODY, VORNCTL, "ping").returncode == 0
@@ -300,7 +300,7 @@ def test_no_launcher_is_exit_status_5(machine, command):
         f"vornctl: no launcher is running: there is no socket {SOCKET}\n")
 
 
-def test_a_launcher_that_has_ended_is_exit_status_5(machine):
+def test_a_terminated_launcher_is_exit_status_5(machine):
     machine.start({})
     machine.signal(signal.SIGKILL)
     machine.wait()
@@ -312,7 +312,7 @@ def test_a_launcher_that_has_ended_is_exit_status_5(machine):
 
 @pytest.mark.parametrize("command, status", [
     ("ping", 7), ("stop", 6)])
-def test_a_launcher_that_ends_before_it_accepts_is_noticed(machine, command, status):
+def test_a_launcher_that_exits_before_it_accepts_is_detected(machine, command, status):
     machine.start({"vornnode": {"camera": {"path": "/bin/true"}}})
     tree = ProcessTree(machine)
     tree.hold()
@@ -324,7 +324,7 @@ def test_a_launcher_that_ends_before_it_accepts_is_noticed(machine, command, sta
             f"changed: launcher {machine.pid} has exited\n")
 
 
-def test_a_launcher_that_ends_while_it_works_is_noticed(slow):
+def test_a_launcher_that_exits_during_a_request_is_detected(slow):
     with running(slow, "stop", "lidar", "camera") as client:
         slow.wait_for_log("control cmd: 1")
         slow.signal(signal.SIGKILL)
@@ -334,7 +334,7 @@ def test_a_launcher_that_ends_while_it_works_is_noticed(slow):
 
 
 @needs_root
-def test_a_socket_that_is_closed_to_us_is_exit_status_5(machine):
+def test_a_socket_without_permission_is_exit_status_5(machine):
     machine.start({})
     machine.tmp.chmod(0o1777)
     (machine.tmp / "vornlaunch/vornlaunch.sock").chmod(0o600)
@@ -385,7 +385,7 @@ def suspend(machine):
 
 @pytest.mark.parametrize("option", ["--connect-timeout", "--timeout"])
 @pytest.mark.parametrize("command", COMMANDS[:3] + LOOKERS, ids=name_of)
-def test_a_launcher_without_room_is_exit_status_6(machine, command, option):
+def test_a_launcher_with_a_full_queue_is_exit_status_6(machine, command, option):
     machine.start({"vornnode": {"camera": {"path": "/bin/true"}}})
     before = len(machine.log())
     with no_room(machine):
@@ -411,7 +411,7 @@ def test_the_connect_timeout_replaces_the_timeout_while_connecting(machine):
     assert "it accepted no connection within 0.2 s" in done.stderr
 
 
-def test_the_queue_is_waited_for(machine):
+def test_a_connection_waits_for_the_queue(machine):
     machine.start({})
     with contextlib.ExitStack() as stack:
         with no_room(machine):
@@ -421,7 +421,7 @@ def test_the_queue_is_waited_for(machine):
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
-def test_giving_up_before_the_request_is_exit_status_6(machine, number):
+def test_a_timeout_before_the_request_is_exit_status_6(machine, number):
     machine.start({})
     with no_room(machine), running(machine, "ping") as client:
         client.wait_until_polling()
@@ -456,7 +456,7 @@ def test_no_reply_in_time_is_exit_status_7(slow):
     assert is_stopped_all_the_same(slow)
 
 
-def test_no_answer_to_the_first_question_leaves_an_action_undone(machine):
+def test_no_reply_to_the_status_request_leaves_an_action_unsent(machine):
     machine.start({"vornnode": {"camera": {"path": "/bin/true"}}})
     with held(machine):
         done = machine.vornctl("disable", "camera", "--timeout", "300ms")
@@ -474,7 +474,7 @@ def asked(machine, cmd, name):
         yield
 
 
-def test_the_connect_timeout_bounds_the_time_to_the_first_answer(slow):
+def test_the_connect_timeout_bounds_the_time_to_the_first_reply(slow):
     # The connection is accepted at once by the kernel; a reply would last as
     # long as the stop of the node.
     with asked(slow, Cmd.STOP, "lidar"):
@@ -572,7 +572,7 @@ def test_a_launcher_whose_log_is_not_read_is_explained(machine, kind):
         "process that reads it has stopped reading\n")
 
 
-def test_a_launcher_that_a_cycle_blocks_is_told(machine):
+def test_a_launcher_that_a_cycle_blocks_is_reported(machine):
     path = machine.script("stay", "exec sleep 1000")
     machine.start({"vornnode": {"a": {"path": path, "required": ["b"]},
                                 "b": {"path": path, "required": ["a"]}}})
@@ -582,7 +582,7 @@ def test_a_launcher_that_a_cycle_blocks_is_told(machine):
             machine.vornctl("ping", "--timeout", "300ms").stderr)
 
 
-def test_giving_up_after_the_request_is_exit_status_7(slow):
+def test_a_timeout_after_the_request_is_exit_status_7(slow):
     with running(slow, "stop", "lidar", "camera") as client:
         slow.wait_for_log("control cmd: 1")
         client.signal(signal.SIGINT)
@@ -595,7 +595,7 @@ def test_giving_up_after_the_request_is_exit_status_7(slow):
 # -- Its own surroundings.
 
 
-def test_closed_standard_descriptors_change_nothing_of_what_is_done(machine):
+def test_closed_standard_descriptors_do_not_change_the_effect(machine):
     path = machine.script("stay", "exec sleep 1000")
     machine.start({"vornnode": {x: {"path": path} for x in ("camera", "lidar")}})
     done = machine.execute(

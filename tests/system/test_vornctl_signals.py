@@ -43,7 +43,7 @@ def expected(command):
 
 @pytest.mark.native  # the emulator has more calls, and each signal to itself
 @pytest.mark.parametrize("command", COMMANDS)
-def test_a_client_stopped_from_a_terminal_holds_no_launcher(robot, command):
+def test_a_client_suspended_from_a_terminal_does_not_block_the_launcher(robot, command):
     found = injected(robot, "stop", "SIGTSTP", robot.pid, command)
     status, out = expected(command)
     assert (found["status"], found["errors"]) == (status, "")
@@ -53,7 +53,7 @@ def test_a_client_stopped_from_a_terminal_holds_no_launcher(robot, command):
 
 @pytest.mark.native
 @pytest.mark.parametrize("command", COMMANDS)
-def test_a_stop_that_cannot_be_held_off_holds_it_between_connect_and_send(
+def test_sigstop_between_connect_and_send_blocks_the_launcher(
         robot, command):
     found = injected(robot, "stop", "SIGSTOP", robot.pid, command)
     status, out = expected(command)
@@ -66,7 +66,7 @@ def test_a_stop_that_cannot_be_held_off_holds_it_between_connect_and_send(
 
 @pytest.mark.parametrize("command", COMMANDS)
 @pytest.mark.parametrize("name", ["SIGINT", "SIGTERM", "SIGHUP", "SIGKILL"])
-def test_a_client_that_is_ended_holds_no_launcher(robot, name, command):
+def test_a_terminated_client_does_not_block_the_launcher(robot, name, command):
     # A run with the sanitizers takes much longer.
     step = 6 if robot.sanitized else 1
     found = injected(robot, "end", name, step, command)
@@ -126,15 +126,15 @@ def leaves_nothing(machine, ask, count):
     return grown <= ALLOWANCE or machine.sanitized
 
 
-def test_questions_of_many_clients_leave_nothing(robot):
+def test_requests_of_many_clients_leak_nothing(robot):
     assert leaves_nothing(robot, ask_by_processes, 50)
 
 
-def test_many_questions_of_one_client_leave_nothing(robot):
+def test_many_requests_of_one_client_leak_nothing(robot):
     assert leaves_nothing(robot, ask_by_one_process, 1000)
 
 
 @pytest.mark.long
 @pytest.mark.parametrize("ask", [ask_by_processes, ask_by_one_process])
-def test_ten_thousand_questions_leave_nothing(robot, ask):
+def test_ten_thousand_requests_leak_nothing(robot, ask):
     assert leaves_nothing(robot, ask, 10_000)

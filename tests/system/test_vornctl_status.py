@@ -80,7 +80,7 @@ def test_names_and_patterns_select_each_node_once_in_file_order(robot):
         ["lidar"], ["planner"]]
 
 
-def test_a_pattern_may_be_brackets_alone(machine):
+def test_a_pattern_may_consist_of_brackets(machine):
     machine.start(stay(machine, a={}, b={}, c={}, ab={}))
     assert plain(machine, "[ab]", "--no-header", "-o", "node") == [["a"], ["b"]]
     done = machine.vornctl("status", "[x,y]")
@@ -92,7 +92,7 @@ def test_a_pattern_may_be_brackets_alone(machine):
 @pytest.mark.parametrize("name", [
     "status", "stop", "a,b", "[x]", "{}", " lead", "trail ", "a b", "%%", "null",
     "'q'", '"dq"', "x=y", "*", "näme", ""])
-def test_any_name_is_a_name(machine, name):
+def test_any_name_is_accepted(machine, name):
     machine.start(stay(machine, first={}, **{name: {}}))
     assert machine.vornctl("stop", name).stdout == f"{name}: stopped\n"
     assert machine.status(name).state == State.STOPPED
@@ -102,21 +102,21 @@ def test_any_name_is_a_name(machine, name):
 
 
 @pytest.mark.parametrize("name", ["-q", "--all", "--"])
-def test_a_name_like_an_option_stands_behind_two_dashes(machine, name):
+def test_a_name_like_an_option_follows_two_dashes(machine, name):
     machine.start(stay(machine, first={}, **{name: {}}))
     done = machine.vornctl("stop", "--", name)
     assert (done.returncode, done.stdout) == (0, f"{name}: stopped\n")
     assert machine.status("first").state == State.RUNNING
 
 
-def test_a_name_that_is_no_text_is_shown_escaped(robot):
+def test_a_name_that_is_not_text_is_shown_escaped(robot):
     for option in [[], ["--json"]]:
         done = robot.vornctl("status", *option, b"\xff\xfe")
         assert (done.returncode, done.stderr) == (
             4, "vornctl: \\xff\\xfe: no such node\n")
 
 
-def test_json_holds_the_launcher_and_every_node(robot):
+def test_json_contains_the_launcher_and_every_node(robot):
     document = json.loads(robot.vornctl("status", "camera", "--json").stdout)
     camera = robot.status("camera")
     [node] = document["nodes"]
@@ -145,7 +145,7 @@ def test_plain_has_tabs_and_bare_numbers(robot):
     assert camera[4:] == [str(status.start_seconds), "restart", "lidar"]
 
 
-def test_columns_are_shown_as_they_are_asked_for(robot):
+def test_the_requested_columns_are_shown(robot):
     shown = robot.vornctl("status", "lidar", "-o", "executable,node,pid")
     assert rows(shown.stdout) == [
         ["EXECUTABLE", "NODE", "PID"],
@@ -158,21 +158,21 @@ def test_columns_are_shown_as_they_are_asked_for(robot):
     assert "colour" in unknown.stderr
 
 
-def test_quiet_leaves_the_answer_to_the_exit_status(robot):
+def test_quiet_prints_nothing_and_sets_the_exit_status(robot):
     robot.request(Cmd.STOP, "lidar")
     for names, status in [(["camera"], 0), (["lidar"], 3), ([], 0)]:
         done = robot.vornctl("status", "-q", *names)
         assert (done.returncode, done.stdout, done.stderr) == (status, "", "")
 
 
-def test_a_named_node_that_does_not_run_makes_the_exit_status_3(robot):
+def test_a_named_node_that_does_not_run_is_exit_status_3(robot):
     robot.request(Cmd.STOP, "lidar")
     assert robot.vornctl("status", "camera", "lidar").returncode == 3
     assert robot.vornctl("status", "camera", "planner").returncode == 0
     assert robot.vornctl("status").returncode == 0
 
 
-def test_an_unknown_name_is_told_with_the_nearest_and_the_others_are_shown(robot):
+def test_an_unknown_name_is_reported_with_the_nearest_and_the_others_are_shown(robot):
     done = robot.vornctl("status", "camrea", "lidar", "-o", "node", "--no-header")
     assert (done.returncode, done.stdout) == (4, "lidar\n")
     assert done.stderr == (
@@ -298,7 +298,7 @@ def test_a_terminal_without_colours_gets_none(robot, environment):
     assert "\x1b" not in shown
 
 
-def test_colours_can_be_demanded_and_refused(robot):
+def test_colours_can_be_forced_and_disabled(robot):
     assert is_coloured(robot.vornctl("status", "--color=always").stdout)
     shown = on_terminal(robot, "status", "--color=never")[1]
     assert "running" in shown and "\x1b" not in shown
@@ -317,7 +317,7 @@ def test_only_a_failure_is_red(machine):
         "\x1b[2mdisabled\x1b[0m"]
 
 
-def test_a_name_cannot_speak_to_the_terminal(machine):
+def test_a_name_cannot_control_the_terminal(machine):
     name = "bell\x07\nline"
     machine.start(stay(machine, **{name: {}}))
     assert plain(machine, "-o", "node", "--no-header") == [["bell\\x07\\nline"]]
@@ -327,7 +327,7 @@ def test_a_name_cannot_speak_to_the_terminal(machine):
     assert machine.vornctl("names", "-0").stdout == name + "\0"
 
 
-def test_a_name_that_looks_like_an_option_is_not_taken_for_one(machine):
+def test_a_name_that_looks_like_an_option_is_used_as_a_name(machine):
     machine.start(stay(machine, **{
         "--all": {}, "-y": {}, "x --version": {}, "camera": {}}))
     assert machine.vornctl("names").stdout == (
@@ -367,7 +367,7 @@ def test_names_come_from_the_file_that_the_launcher_was_started_with(machine):
     assert machine.vornctl("names", "--null").stdout == "b\0a\0"
 
 
-def test_a_relative_launch_file_is_found_in_the_launchers_folder(machine):
+def test_a_relative_launch_file_is_found_in_the_launchers_directory(machine):
     machine.launch_file(stay(machine, camera={}))
     machine.start(arguments=["./bin/../launch.yaml"])
     assert names(machine) == ["camera"]
@@ -398,12 +398,12 @@ def test_a_launch_file_named_relatively_is_shown_with_its_whole_path(robot):
     assert json.loads(done.stdout)["launcher"]["launchFile"] == "/tmp/launch.yaml"
 
 
-def test_the_launcher_is_left_out_where_the_titles_are_and_of_chosen_columns(robot):
+def test_without_titles_and_with_chosen_columns_the_launcher_is_omitted(robot):
     for options in (["--plain"], ["--no-header"], ["-o", "node"], ["-q"]):
         assert "launcher" not in robot.vornctl("status", *options).stdout
 
 
-def test_a_relative_executable_is_looked_for_in_the_launchers_folder(machine):
+def test_a_relative_executable_is_searched_for_in_the_launchers_directory(machine):
     machine.script("stay", "exec sleep 1000")
     machine.start({"vornnode": {"there": {"path": "bin/stay"},
                                 "missing": {"path": "bin/none"}}})
@@ -434,7 +434,7 @@ def test_names_of_a_named_launch_file_need_no_launcher(machine):
     assert names(machine, "--launch-file", other) == ["lidar"]
 
 
-def test_a_file_changed_after_the_start_is_told_once(robot):
+def test_a_file_changed_after_the_start_is_reported_once(robot):
     path = robot.tmp / "launch.yaml"
     os.utime(path, (time.time() + 5, time.time() + 5))
     for command in [["status", "camera", "lidar"], ["stop", "*a*"]]:
@@ -468,7 +468,7 @@ def test_without_the_launch_file_nodes_can_be_named(robot):
         "vornctl: lidra: no such node\n")
 
 
-def test_a_folder_is_no_launch_file(robot):
+def test_a_directory_is_not_a_launch_file(robot):
     (robot.tmp / "[folder]").mkdir()
     done = robot.vornctl("names", "--launch-file", "/tmp/[folder]")
     assert (done.returncode, done.stderr) == (
@@ -495,7 +495,7 @@ def test_thousands_of_nodes_are_shown(machine):
     assert machine.vornctl("stop", "n0").stdout == "n0: already stopped\n"
 
 
-def test_a_wrong_launch_file_is_told_with_its_line(robot):
+def test_an_invalid_launch_file_is_reported_with_its_line(robot):
     other = robot.file("other.yaml", "vornnode: {\n")
     done = robot.vornctl("names", "--launch-file", other)
     assert done.returncode == 2
@@ -611,7 +611,7 @@ def test_without_openat2_a_file_in_the_same_root_is_read(robot, system):
     assert (done.returncode, done.stdout) == (0, "camera\nlidar\nplanner\n")
 
 
-def test_the_launchers_standard_input_is_not_taken_for_ours(machine):
+def test_the_launchers_standard_input_is_not_read(machine):
     machine.file("input.yaml", json.dumps(stay(machine, camera={})))
     machine.start(arguments=["/dev/stdin"], wrapper=[
         "sh", "-c", 'exec "$@" < /tmp/input.yaml', "sh"])
@@ -644,7 +644,7 @@ def test_executables_are_resolved_as_the_launcher_does(
         [expected], ["/opt/prog"]]
 
 
-def test_a_launcher_out_of_sight_needs_the_launch_file(robot):
+def test_an_inaccessible_launcher_needs_the_launch_file(robot):
     """In a pid namespace of its own, vornctl is told no pid."""
     inner = ["unshare", "--pid", "--fork", "--mount-proc", VORNCTL]
     done = robot.execute(*inner, "status")
@@ -717,7 +717,7 @@ class TestAnotherUser:
 # -- The small commands.
 
 
-def test_ping_tells_the_launchers_pid(robot):
+def test_ping_prints_the_launchers_pid(robot):
     done = robot.vornctl("ping")
     assert (done.returncode, done.stderr) == (0, "")
     pid = robot.pid

@@ -132,7 +132,7 @@ def test_the_screen_shows_every_node_in_the_order_of_the_file(robot):
     ]
 
 
-def test_the_named_nodes_are_shown_alone(robot):
+def test_only_the_named_nodes_are_shown(robot):
     screen = shown(robot, "lidar", "o*").screen()
     assert [line.split(" ")[0] for line in screen if line] == [
         "launcher", "NODE", "lidar", "off", "Up/Down"]
@@ -153,7 +153,7 @@ def test_a_launch_file_without_nodes_leaves_the_table_empty(machine):
     assert wait_for_end(terminal, 0) == ""
 
 
-def test_the_uptime_grows_without_a_question(robot):
+def test_the_uptime_grows_without_a_status_request(robot):
     terminal = shown(robot)
     before = questions(robot)
     terminal.wait_for(
@@ -163,7 +163,7 @@ def test_the_uptime_grows_without_a_question(robot):
     assert questions(robot) == before == 1 + 4 + 1
 
 
-def test_wide_and_control_characters_keep_the_columns_straight(machine):
+def test_wide_and_control_characters_do_not_shift_the_columns(machine):
     path = stay(machine)
     machine.start({"vornnode": {
         "日本語": {"path": path}, "tab\tescape\x1b": {"path": path},
@@ -199,7 +199,7 @@ def test_states_are_coloured(robot):
     ([], {"NO_COLOR": "1"}), (["--color", "never"], {}),
     ([], {"TERM": "xterm-mono"}),
 ], ids=["NO_COLOR", "never", "a terminal without colours"])
-def test_no_colours_are_used_where_none_are_wanted(robot, arguments, environment):
+def test_no_colours_are_used_if_they_are_disabled(robot, arguments, environment):
     # tmux itself needs another TERM than the program.
     words = [f"{name}={value}" for name, value in environment.items()]
     terminal = Terminal(robot, "env", *words, VORNCTL, "top", *arguments)
@@ -263,7 +263,7 @@ def test_a_failure_is_explained(robot):
 @pytest.mark.parametrize("key, question", [
     ("t", "stop camera? y/n"), ("r", "restart camera? y/n"),
     ("d", "disable camera? y/n")])
-def test_a_key_that_ends_a_process_asks_first(robot, key, question):
+def test_a_key_that_terminates_a_process_asks_first(robot, key, question):
     before = robot.status("camera")
     terminal = shown(robot)
     for answer in ("n", "q", "Down"):
@@ -298,7 +298,7 @@ def test_a_key_shows_help_in_ten_rows_of_forty_columns(robot):
     assert terminal.screen()[-1] == NARROW_KEYS
 
 
-def test_the_message_goes_with_the_next_key(robot):
+def test_the_message_disappears_with_the_next_key(robot):
     terminal = shown(robot)
     terminal.press("e")
     terminal.wait_for_text("camera: already enabled")
@@ -306,7 +306,7 @@ def test_the_message_goes_with_the_next_key(robot):
     terminal.wait_for(lambda screen: not screen[-2], "no message")
 
 
-def test_an_act_asks_only_for_its_node(robot):
+def test_an_action_requests_only_the_status_of_its_node(robot):
     terminal = shown(robot)
     before = questions(robot)
     terminal.press("NPage", "Up", "s", "s")
@@ -322,7 +322,7 @@ def test_an_act_asks_only_for_its_node(robot):
     assert questions(robot) == before
 
 
-def test_a_required_node_that_restarts_too_is_seen(robot):
+def test_a_required_node_that_restarts_too_is_detected(robot):
     terminal = shown(robot)
     before = pid_of_row(terminal.screen(), "lidar")
     terminal.press("r", "y")
@@ -331,7 +331,7 @@ def test_a_required_node_that_restarts_too_is_seen(robot):
         and pid_of_row(screen, "lidar") != before, "lidar has another process")
 
 
-def test_u_asks_for_what_no_process_shows(robot):
+def test_the_u_key_requests_the_status_that_no_process_shows(robot):
     terminal = shown(robot)
     robot.request(Cmd.DISABLE, "manual")
     before = questions(robot)
@@ -352,7 +352,7 @@ def test_keys_without_a_meaning_do_nothing(robot):
 # -- What happens meanwhile.
 
 
-def test_a_death_is_seen_and_asked_about_a_few_times(robot):
+def test_a_death_is_detected_and_requested_a_few_times(robot):
     terminal = shown(robot)
     lidar = robot.child("lidar", ["sleep", "1000"])
     before = questions(robot)
@@ -367,7 +367,7 @@ def test_a_death_is_seen_and_asked_about_a_few_times(robot):
     assert questions(robot) - before <= 6
 
 
-def test_a_start_by_another_client_is_seen(robot):
+def test_a_start_by_another_client_is_detected(robot):
     terminal = shown(robot)
     before = questions(robot)
     robot.request(Cmd.START, "manual")
@@ -376,7 +376,7 @@ def test_a_start_by_another_client_is_seen(robot):
     assert questions(robot) - before <= 2
 
 
-def test_a_stop_by_another_client_is_seen(robot):
+def test_a_stop_by_another_client_is_detected(robot):
     terminal = shown(robot)
     robot.request(Cmd.STOP, "lidar")
     wait_for_row(terminal, "lidar", "stopped")
@@ -421,14 +421,14 @@ def test_the_rows_follow_the_selection(fleet):
         wait_for_selected(terminal, name)
 
 
-def test_a_key_acts_on_a_node_that_had_to_be_scrolled_to(fleet):
+def test_a_key_acts_on_a_node_after_scrolling(fleet):
     terminal = shown(fleet, rows=14)
     terminal.press("End", "e", "s")
     terminal.wait_for_text("node29: started")
     assert fleet.status("node29").state is State.RUNNING
 
 
-def test_another_size_of_the_screen_is_filled_at_once(fleet):
+def test_a_resized_screen_is_filled_at_once(fleet):
     terminal = shown(fleet, rows=14)
     terminal.press("End")
     wait_for_rows(terminal, 20, 29)
@@ -443,7 +443,7 @@ def test_another_size_of_the_screen_is_filled_at_once(fleet):
 
 
 @pytest.mark.parametrize("height", [1, 2, 3, 4])
-def test_a_screen_with_too_few_rows_shows_nodes_alone(fleet, height):
+def test_a_screen_with_too_few_rows_shows_only_nodes(fleet, height):
     terminal = shown(fleet)
     terminal.resize(40, height)
     screen = wait_for_rows(terminal, 0, height - 1)
@@ -472,20 +472,20 @@ def test_lines_are_cut_where_the_screen_ends(robot, width):
 
 
 @pytest.mark.parametrize("key", ["q", "C-c"])
-def test_a_key_ends_it_and_the_terminal_is_as_before(robot, key):
+def test_a_key_quits_and_restores_the_terminal(robot, key):
     terminal = shown(robot)
     terminal.press(key)
     assert wait_for_end(terminal, 0).strip("^C\n") == ""
 
 
 @pytest.mark.parametrize("name", ["SIGTERM", "SIGHUP", "SIGINT"])
-def test_a_signal_ends_it_and_the_terminal_is_as_before(robot, name):
+def test_a_signal_quits_and_restores_the_terminal(robot, name):
     terminal = shown(robot)
     process_of(robot).signal(getattr(signal, name))
     assert wait_for_end(terminal, 0) == ""
 
 
-def test_a_second_signal_does_not_end_it_before_the_terminal_is_as_before(robot):
+def test_a_second_signal_does_not_prevent_the_restoration_of_the_terminal(robot):
     terminal = shown(robot)
     client = process_of(robot)
     # Nothing more can be written, so that the end has to wait.
@@ -499,13 +499,13 @@ def test_a_second_signal_does_not_end_it_before_the_terminal_is_as_before(robot)
     assert wait_for_end(terminal, 0) == ""
 
 
-def test_the_end_of_the_launcher_ends_it(robot):
+def test_it_exits_when_the_launcher_exits(robot):
     terminal = shown(robot)
     robot.signal(signal.SIGTERM)
     assert wait_for_end(terminal, 5).startswith("vornctl: ")
 
 
-def test_another_launcher_in_its_place_ends_it(robot):
+def test_it_exits_when_another_launcher_replaces_the_first(robot):
     terminal = shown(robot)
     client = process_of(robot)
     client.signal(signal.SIGSTOP)
@@ -517,7 +517,7 @@ def test_another_launcher_in_its_place_ends_it(robot):
         "vornctl: the launcher has ended, and another one is running\n")
 
 
-def test_it_is_stopped_and_goes_on(robot):
+def test_it_can_be_suspended_and_continued(robot):
     terminal = Terminal(robot, "bash", "--norc", "--noprofile", "-i",
                         environment={"PS1": "$ "})
     terminal.wait_for_text("$")
@@ -547,7 +547,7 @@ def test_it_does_not_outlive_its_terminal(robot):
                "top ends")
 
 
-def test_a_long_stop_is_shown_and_can_be_given_up(machine):
+def test_a_long_stop_is_shown_and_can_be_cancelled(machine):
     path = machine.script("stubborn", "trap : TERM; while :; do sleep 1000; done")
     machine.start({"vornnode": {"stubborn": {"path": path}}})
     terminal = shown(machine, columns=120)
@@ -557,14 +557,14 @@ def test_a_long_stop_is_shown_and_can_be_given_up(machine):
     assert "may still take effect" in wait_for_end(terminal, 7)
 
 
-def test_a_busy_launcher_can_be_given_up(robot):
+def test_waiting_for_a_busy_launcher_can_be_cancelled(robot):
     terminal = shown(robot)
     with held(robot):
         terminal.press("u", "C-c")
         assert wait_for_end(terminal, 0).strip("^C\n") == ""
 
 
-def test_an_act_that_meets_a_busy_launcher_can_be_given_up(robot):
+def test_an_action_on_a_busy_launcher_can_be_cancelled(robot):
     terminal = shown(robot)
     with held(robot):
         terminal.press("r", "y")

@@ -47,7 +47,7 @@ def wait_for_question(machine, before):
 @pytest.mark.parametrize("arguments", [
     ["camera", "lidar", "--state", "running"], ["manual", "--state", "stopped"]],
     ids=" ".join)
-def test_what_is_so_is_not_waited_for(robot, arguments):
+def test_a_state_that_is_already_reached_is_not_awaited(robot, arguments):
     done = robot.vornctl("wait", *arguments)
     assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
 
@@ -56,7 +56,7 @@ def test_what_is_so_is_not_waited_for(robot, arguments):
     ("running", Cmd.START, "manual"), ("stopped", Cmd.STOP, "camera"),
     ("disabled", Cmd.DISABLE, "camera"), ("restarted", Cmd.RESTART, "camera"),
 ], ids=["running", "stopped", "disabled", "restarted"])
-def test_the_state_is_waited_for(robot, state, cmd, name):
+def test_the_state_is_awaited(robot, state, cmd, name):
     with running(robot, "wait", name, "--state", state) as client:
         # The one that finds the launcher, and the one about the node.
         eventually(lambda: questions(robot) >= 3, "vornctl asks")
@@ -65,7 +65,7 @@ def test_the_state_is_waited_for(robot, state, cmd, name):
         assert client.end() == (0, "", "")
 
 
-def test_all_of_several_nodes_are_waited_for(robot):
+def test_all_of_several_nodes_are_awaited(robot):
     with running(robot, "wait", "*", "--state", "running") as client:
         eventually(lambda: questions(robot) >= 5, "vornctl asks")
         assert client.popen.poll() is None
@@ -73,7 +73,7 @@ def test_all_of_several_nodes_are_waited_for(robot):
         assert client.end() == (0, "", "")
 
 
-def test_a_state_must_last_as_long_as_it_is_told(robot):
+def test_a_state_must_last_for_the_given_time(robot):
     begin = time.monotonic()
     done = robot.vornctl("wait", "camera", "--state", "running", "--for", "700ms")
     assert (done.returncode, done.stderr) == (0, "")
@@ -91,7 +91,7 @@ def test_a_state_that_does_not_last_is_exit_status_3(robot):
     assert errors.startswith("vornctl: it did not last: camera is ")
 
 
-def test_a_wait_that_is_too_long_is_exit_status_6(robot):
+def test_a_wait_that_times_out_is_exit_status_6(robot):
     done = robot.vornctl("wait", "camera", "manual", "--state", "running",
                          "--timeout", "300ms")
     assert (done.returncode, done.stdout, done.stderr) == (
@@ -106,7 +106,7 @@ def test_a_wait_for_a_busy_launcher_is_not_longer(robot, arguments):
     assert (done.returncode, done.stdout) == (6, "")
 
 
-def test_a_wait_for_a_busy_launcher_can_be_broken_off(robot):
+def test_a_wait_for_a_busy_launcher_can_be_interrupted(robot):
     with held(robot), running(
             robot, "wait", "camera", "--state", "running") as client:
         client.wait_until_polling()
@@ -117,13 +117,13 @@ def test_a_wait_for_a_busy_launcher_can_be_broken_off(robot):
 @pytest.mark.parametrize("command", [
     ["wait", "camera", "camrea", "--state", "running"],
     ["monitor", "camrea", "camera"]], ids=name_of)
-def test_an_unknown_node_is_not_waited_for(robot, command):
+def test_an_unknown_node_is_not_awaited(robot, command):
     done = robot.vornctl(*command)
     assert (done.returncode, done.stderr) == (
         4, "vornctl: camrea: no such node; did you mean 'camera'?\n")
 
 
-def test_a_node_that_is_newer_than_the_launcher_is_no_reason_to_end(robot):
+def test_a_node_that_is_newer_than_the_launcher_does_not_end_the_wait(robot):
     other = robot.file("other.yaml", "vornnode: {new: {path: /bin/x}, "
                        "camera: {path: /bin/x}}")
     with running(robot, "--launch-file", other, "monitor") as client:
@@ -170,7 +170,7 @@ def test_monitor_prints_a_line_for_each_change(robot):
         assert client.end() == (0, "", "")
 
 
-def test_monitor_prints_a_document_a_line(robot):
+def test_monitor_prints_a_json_document_per_line(robot):
     with running(robot, "monitor", "--json", "camera") as client:
         first = json.loads(client.line())
         status = robot.status("camera")
@@ -185,7 +185,7 @@ def test_monitor_prints_a_document_a_line(robot):
         assert (line["pid"], line["startSeconds"]) == (None, status.start_seconds)
 
 
-def test_monitor_asks_only_when_something_has_changed(robot):
+def test_monitor_requests_the_status_only_after_a_change(robot):
     with running(robot, "monitor", "camera", "lidar", "manual") as client:
         for _ in range(3):
             client.line()
@@ -200,7 +200,7 @@ def test_monitor_asks_only_when_something_has_changed(robot):
 
 @pytest.mark.parametrize("command", [
     ["monitor"], ["wait", "camera", "--state", "stopped"]], ids=" ".join)
-def test_the_launchers_sudden_end_is_noticed(robot, command):
+def test_the_launchers_sudden_exit_is_detected(robot, command):
     before = questions(robot)
     with running(robot, *command) as client:
         wait_for_question(robot, before + 1)
@@ -213,7 +213,7 @@ def test_the_launchers_sudden_end_is_noticed(robot, command):
         "socket, no process listens on it\n")
 
 
-def test_another_launcher_is_not_taken_for_the_watched_one(robot):
+def test_another_launcher_is_not_mistaken_for_the_watched_one(robot):
     before = questions(robot)
     with running(robot, "wait", "camera", "--state", "stopped") as client:
         wait_for_question(robot, before + 1)
@@ -233,7 +233,7 @@ def test_another_launcher_is_not_taken_for_the_watched_one(robot):
 @pytest.mark.parametrize("number, status", [
     (signal.SIGINT, 6), (signal.SIGTERM, 6), (signal.SIGHUP, 6)],
     ids=["SIGINT", "SIGTERM", "SIGHUP"])
-def test_a_wait_can_be_broken_off(robot, number, status):
+def test_a_wait_can_be_interrupted(robot, number, status):
     before = questions(robot)
     with running(robot, "wait", "manual", "--state", "running") as client:
         wait_for_question(robot, before + 1)
@@ -252,7 +252,7 @@ def test_a_hangup_that_the_caller_ignores_is_ignored(robot):
     assert robot.status("manual").state == State.RUNNING
 
 
-def test_monitor_ends_with_its_reader(robot):
+def test_monitor_exits_with_its_reader(robot):
     with running(robot, "monitor", "camera") as client:
         client.line()
         client.popen.stdout.close()

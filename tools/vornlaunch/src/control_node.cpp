@@ -178,7 +178,8 @@ bool ControlNode::init(Epoll* epoll) {
 // KEEP: one blocking recv() without a time limit and without a second one for
 // the rest: a silent client holds the launcher, a request in two pieces is
 // refused. Commands so never overlap each other or supervision. Intended.
-// Test: test_control.py, test_a_silent_client_holds_the_launcher_until_it_goes
+// Test: test_control.py,
+// test_a_silent_client_blocks_the_launcher_until_it_disconnects
 void ControlNode::controlHandler() {
   std::shared_ptr<ControlResponse> response;  // released after the close
   const Connection connection(acceptConnection(socket_fd_));

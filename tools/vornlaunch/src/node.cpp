@@ -35,7 +35,7 @@ void exportEnvironment(const Environment& environment) {
 // KEEP: only a failing call counts. A directory, or a file that may not be
 // executed, fails in the child and is tried again every 5 s. Intended.
 // Test: test_nodes.py,
-// test_what_cannot_be_executed_exits_with_127_and_is_tried_again
+// test_a_non_executable_file_exits_with_127_and_is_tried_again
 bool exists(const std::string& path) {
   struct stat status {};
   return ::stat(path.c_str(), &status) == 0;
@@ -216,7 +216,7 @@ bool Node::stopRequired() {
 
 // KEEP: neither cycles nor repeated names are looked for. A node named twice
 // is restarted twice; a cycle blocks on a held lock for good. Intended.
-// Test: test_required.py, test_a_cycle_blocks_the_launcher_for_good
+// Test: test_required.py, test_a_cycle_blocks_the_launcher_permanently
 void Node::restartRequired() {
   NodeManager& nodes = NodeManager::getInstance();
   for (const std::string& other : required) {

@@ -108,7 +108,7 @@ bool Parser::Parse(const std::string& path) {
   // KEEP: no other exception is caught, here or in main: a malformed launch
   // file ends the launcher at once, before any node runs. Intended.
   // Test: test_launch_file.py,
-  // test_a_wrong_document_ends_the_launcher_before_any_node_is_read
+  // test_an_invalid_document_aborts_the_launcher_before_any_node_is_read
   YAML::Node root;
   try {
     root = YAML::LoadFile(path);

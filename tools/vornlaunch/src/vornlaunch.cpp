@@ -155,7 +155,7 @@ int main(int argc, char** argv) {
   }
   // KEEP: status 1 is for a wrong number of arguments alone; main returns 0
   // after every other failure. Intended.
-  // Test: test_startup.py, test_an_unreadable_launch_file_ends_with_status_0
+  // Test: test_startup.py, test_an_unreadable_launch_file_exits_with_status_0
   if (!vorn::launch::Parser().Parse(launch_file)) return 0;
   vorn::launch::packNodes(vorn::launch::NodeManager::getInstance().nodes());
 
@@ -166,7 +166,7 @@ int main(int argc, char** argv) {
   }
   // KEEP: a launcher without supervision or without a control socket still
   // starts its nodes. Intended.
-  // Test: test_startup.py, test_the_launcher_runs_on_without_a_control_socket
+  // Test: test_startup.py, test_the_launcher_continues_without_a_control_socket
   (void)vorn::launch::installSignalHandler(&epoll);
   (void)vorn::launch::ControlNode::getInstance().init(&epoll);
   vorn::launch::NodeManager::getInstance().startingUp();
