@@ -25,7 +25,7 @@ set -euo pipefail
   BENCH_BUILD_PACKAGES=(libbenchmark-dev valgrind)
   BENCH_PACKAGES=(linux-perf python3-matplotlib supervisor runit s6 daemontools)
   LINT_PACKAGES=(git clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck
-    pyflakes3 codespell)
+    pyflakes3 codespell mkdocs linkchecker)
   EMULATION_PACKAGES=(qemu-user-static)  # for scripts/emulate_arm64.sh
   ARM64_PACKAGES=(g++-aarch64-linux-gnu libyaml-cpp0.7:arm64 libncurses-dev:arm64
     libgtest-dev:arm64 libgmock-dev:arm64)

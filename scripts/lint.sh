@@ -84,6 +84,12 @@ run_clang_tidy() {
   return "$status"
 }
 
+build_site() (
+  directory=$(mktemp -d)
+  trap 'rm -rf "$directory"' EXIT
+  scripts/site.sh "$directory/site"
+)
+
 only_outputs_write() {
   ! git grep -nE '^[^/]*\b(std::(cout|cerr|clog)|(printf|fprintf|f?puts|putchar|perror) ?\()' \
     -- tools/vornctl/src ':!tools/vornctl/src/output/output.cpp'
@@ -108,6 +114,7 @@ check "directions of includes" /usr/bin/python3 scripts/check_layers.py
 check "vornctl writes only by an Output" only_outputs_write
 check "plain English" /usr/bin/python3 scripts/prose_lint.py
 check codespell codespell --ignore-words scripts/codespell_ignore.txt "${prose[@]}"
+check "links of documents" build_site
 check cppcheck cppcheck --quiet --std=c++17 --language=c++ \
   --enable=warning,performance,portability,style --inline-suppr \
   --suppressions-list=.cppcheck-suppressions --error-exitcode=1 \

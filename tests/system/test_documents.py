@@ -1,4 +1,4 @@
-"""The documents: what they point at is there, and what they show is right."""
+"""The examples of the documents work. scripts/site.sh checks the links."""
 
 import pathlib
 import re
@@ -22,59 +22,11 @@ def name(path):
     return str(path.relative_to(ROOT))
 
 
-def without_code(text):
-    text = re.sub(r"^ *```.*?^ *```", "", text, flags=re.M | re.S)
-    return re.sub(r"`[^`]*`", "", text)
-
-
-def anchors(path):
-    """The anchors of a document's headings, as they are made of their text."""
-    text = path.read_text(encoding="utf-8")
-    headings = re.findall(r"^#+ (.*)$", text, re.M)
-    plain = [re.sub(r"[^\w\- ]", "", heading.lower()) for heading in headings]
-    return {heading.replace(" ", "-") for heading in plain}
-
-
-def check_links(path):
-    """Fails if a link of a document does not lead somewhere."""
-    text = without_code(path.read_text(encoding="utf-8"))
-    for target in re.findall(r"\]\(([^)]*)\)", text):
-        if re.match("https?://", target):
-            continue  # the world outside is not reached from a test
-        file, _, anchor = target.partition("#")
-        there = (path.parent / file).resolve() if file else path
-        assert there.exists(), f"{path}: {target}"
-        if anchor:
-            assert anchor in anchors(there), f"{path}: {target}"
-
-
-@pytest.mark.parametrize("path", DOCUMENTS, ids=name)
-def test_every_link_of_a_document_has_a_target(path):
-    check_links(path)
-
-
-@pytest.mark.usefixtures("shell")  # which has the installation made
-def test_an_installation_has_the_documents_and_the_targets_of_their_links(machine):
-    folder = machine.install / "share/doc/vornlaunch"
-    installed = list(folder.rglob("*.md"))
-    assert {path.relative_to(folder) for path in installed} == {
+@pytest.mark.usefixtures("shell")  # which makes the installation
+def test_an_installation_has_the_documents(machine):
+    directory = machine.install / "share/doc/vornlaunch"
+    assert {path.relative_to(directory) for path in directory.rglob("*.md")} == {
         path.relative_to(ROOT) for path in DOCUMENTS}
-    for path in installed:
-        check_links(path)
-
-
-@pytest.mark.parametrize("path", DOCUMENTS, ids=name)
-def test_every_document_is_reachable_from_the_readme(path):
-    seen, left = set(), [ROOT / "README.md"]
-    while left:
-        document = left.pop()
-        if document in seen or document.suffix != ".md":
-            continue
-        seen.add(document)
-        text = without_code(document.read_text(encoding="utf-8"))
-        left += [(document.parent / file).resolve()
-                 for file in re.findall(r"\]\(([^):#]+)[^)]*\)", text)]
-    assert path in seen
 
 
 def launch_files(path):
