@@ -1,5 +1,3 @@
-#include "launchfile/launch_file.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -7,6 +5,8 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
+
+#include "launchfile/parser.h"
 
 namespace vorn::launch {
 namespace {
@@ -35,7 +35,8 @@ class ReadLaunchFileTest : public ::testing::Test {
 
   std::vector<std::string> namesIn(const std::string& text) {
     std::vector<std::string> names;
-    for (const LaunchNode& node : read(text).nodes) names.push_back(node.name);
+    for (const LaunchFile::Node& node : read(text).nodes)
+      names.push_back(node.name.value);
     return names;
   }
 
@@ -48,7 +49,7 @@ class ReadLaunchFileTest : public ::testing::Test {
   std::optional<LaunchFile> readFile() {
     const auto document = readSourceText(path_, error_);
     EXPECT_TRUE(document) << error_;
-    return launchFileFrom(*document, surroundings_, error_);
+    return loadLaunchFile(*document, surroundings_, error_);
   }
 
   std::string path_;
@@ -83,27 +84,27 @@ TEST_F(ReadLaunchFileTest, ReadsThePoliciesOfANode) {
   const LaunchFile file = read(
       "vornnode: {a: {path: /a, oneshot: yes, autostart: no, disabled: on, "
       "sleep: 0x10, required: [b, c]}}");
-  const LaunchNode& node = file.nodes.at(0);
-  EXPECT_TRUE(node.oneshot);
-  EXPECT_FALSE(node.autostart);
-  EXPECT_TRUE(node.disabled);
-  EXPECT_EQ(node.sleepMs, 16U);
-  EXPECT_THAT(node.required, ElementsAre("b", "c"));
+  const LaunchFile::Node& node = file.nodes.at(0);
+  EXPECT_TRUE(node.oneshot.value);
+  EXPECT_FALSE(node.autostart.value);
+  EXPECT_TRUE(node.disabled.value);
+  EXPECT_EQ(node.sleepMs.value, 16U);
+  EXPECT_THAT(valuesOf(node.required), ElementsAre("b", "c"));
 }
 
 TEST_F(ReadLaunchFileTest, GivesAPlainNodeTheUsualPolicies) {
   const LaunchFile file = read("vornnode: {a: {path: /a}}");
-  const LaunchNode& node = file.nodes.at(0);
-  EXPECT_FALSE(node.oneshot);
-  EXPECT_TRUE(node.autostart);
-  EXPECT_FALSE(node.disabled);
-  EXPECT_EQ(node.sleepMs, 0U);
+  const LaunchFile::Node& node = file.nodes.at(0);
+  EXPECT_FALSE(node.oneshot.value);
+  EXPECT_TRUE(node.autostart.value);
+  EXPECT_FALSE(node.disabled.value);
+  EXPECT_EQ(node.sleepMs.value, 0U);
   EXPECT_THAT(node.required, IsEmpty());
 }
 
 TEST_F(ReadLaunchFileTest, TakesTheLastValueOfARepeatedKey) {
   const LaunchFile file = read("vornnode: {a: {path: /a, sleep: 1, sleep: 2}}");
-  EXPECT_EQ(file.nodes.at(0).sleepMs, 2U);
+  EXPECT_EQ(file.nodes.at(0).sleepMs.value, 2U);
 }
 
 TEST_F(ReadLaunchFileTest, FindsANodeByName) {

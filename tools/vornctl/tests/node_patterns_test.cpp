@@ -12,8 +12,8 @@ using ::testing::IsEmpty;
 LaunchFile fileOf(const std::vector<std::string>& names) {
   LaunchFile file;
   for (const std::string& name : names) {
-    LaunchNode node;
-    node.name = name;
+    LaunchFile::Node node;
+    node.name.value = name;
     file.nodes.push_back(node);
   }
   return file;

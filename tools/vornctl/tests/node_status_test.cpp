@@ -22,7 +22,7 @@ StatusReply statusOf(NodeState state, pid_t pid, int64_t start) {
 }
 
 /// A launcher that shares our pids.
-LauncherProcess launcherOf(std::vector<LaunchNode> nodes = {}) {
+LauncherProcess launcherOf(std::vector<LaunchFile::Node> nodes = {}) {
   LauncherProcess launcher;
   launcher.pid = ::getpid();
   launcher.file.nodes = std::move(nodes);
@@ -107,10 +107,10 @@ TEST(NodeViewTest, AnUnknownNodeIsUnknown) {
 
 TEST(NodeViewTest, ThePolicyIsWhatTheLaunchFileSays) {
   const auto policy = [](bool oneshot, bool autostart) {
-    LaunchNode node;
-    node.name = "a";
-    node.oneshot = oneshot;
-    node.autostart = autostart;
+    LaunchFile::Node node;
+    node.name.value = "a";
+    node.oneshot.value = oneshot;
+    node.autostart.value = autostart;
     return viewOf(launcherOf({node}), "a", statusOf(NodeState::STOPPED, 0, 0),
                   1)
         .policy;
@@ -125,9 +125,9 @@ TEST(NodeViewTest, ThePolicyIsWhatTheLaunchFileSays) {
 }
 
 TEST(NodeViewTest, RequiredNodesStandSideBySide) {
-  LaunchNode node;
-  node.name = "a";
-  node.required = {"b", "c"};
+  LaunchFile::Node node;
+  node.name.value = "a";
+  node.required = {{"b", {}}, {"c", {}}};
   EXPECT_EQ(
       viewOf(launcherOf({node}), "a", statusOf(NodeState::STOPPED, 0, 0), 1)
           .required,

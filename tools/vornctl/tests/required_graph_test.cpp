@@ -15,10 +15,10 @@ using std::chrono::seconds;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-ParsedNode nodeOf(const std::string& name,
-                  const std::vector<std::string>& required,
-                  uint32_t sleep_ms = 0, bool oneshot = false) {
-  ParsedNode node;
+LaunchFile::Node nodeOf(const std::string& name,
+                        const std::vector<std::string>& required,
+                        uint32_t sleep_ms = 0, bool oneshot = false) {
+  LaunchFile::Node node;
   node.name.value = name;
   node.sleepMs.value = sleep_ms;
   node.oneshot.value = oneshot;
@@ -27,15 +27,15 @@ ParsedNode nodeOf(const std::string& name,
   return node;
 }
 
-ParsedLaunchFile readingOf(std::vector<ParsedNode> nodes) {
-  ParsedLaunchFile parsed;
-  parsed.nodes = std::move(nodes);
-  return parsed;
+LaunchFile readingOf(std::vector<LaunchFile::Node> nodes) {
+  LaunchFile file;
+  file.nodes = std::move(nodes);
+  return file;
 }
 
 /// The cycles, by the indices of their nodes.
-std::vector<std::vector<size_t>> cyclesIn(const ParsedLaunchFile& parsed) {
-  const RequiredGraph graph(parsed);
+std::vector<std::vector<size_t>> cyclesIn(const LaunchFile& file) {
+  const RequiredGraph graph(file);
   std::vector<std::vector<size_t>> cycles;
   for (const auto& cycle : graph.cycles()) {
     std::vector<size_t> nodes;
@@ -47,9 +47,8 @@ std::vector<std::vector<size_t>> cyclesIn(const ParsedLaunchFile& parsed) {
   return cycles;
 }
 
-std::optional<RequiredGraph::Cascade> cascadeOfFirst(
-    const ParsedLaunchFile& parsed) {
-  return RequiredGraph(parsed).cascades().at(0);
+std::optional<RequiredGraph::Cascade> cascadeOfFirst(const LaunchFile& file) {
+  return RequiredGraph(file).cascades().at(0);
 }
 
 TEST(EffectiveSleepTest, WrapsAround32BitsOfMicroseconds) {
@@ -60,19 +59,19 @@ TEST(EffectiveSleepTest, WrapsAround32BitsOfMicroseconds) {
 }
 
 TEST(RequiredGraphTest, HasNoEdgeToTheNodeItselfOrToNobody) {
-  const ParsedLaunchFile parsed =
+  const LaunchFile file =
       readingOf({nodeOf("a", {"a", "x", "b", "b"}), nodeOf("b", {})});
-  const RequiredGraph graph(parsed);
+  const RequiredGraph graph(file);
   EXPECT_EQ(graph.edgesFrom(0).size(), 2U);
   EXPECT_EQ(graph.edgesFrom(0)[0].to, 1U);
   EXPECT_THAT(graph.edgesFrom(1), IsEmpty());
 }
 
 TEST(RequiredGraphTest, FindsTheFirstOfTwoNodesOfOneName) {
-  const ParsedLaunchFile parsed =
+  const LaunchFile file =
       readingOf({nodeOf("b", {}), nodeOf("a", {"b"}), nodeOf("b", {"a"})});
-  EXPECT_EQ(RequiredGraph(parsed).edgesFrom(1)[0].to, 0U);
-  EXPECT_THAT(cyclesIn(parsed), IsEmpty());
+  EXPECT_EQ(RequiredGraph(file).edgesFrom(1)[0].to, 0U);
+  EXPECT_THAT(cyclesIn(file), IsEmpty());
 }
 
 TEST(RequiredGraphTest, FindsNoCycleWherePathsOnlyMeet) {
@@ -102,14 +101,14 @@ TEST(RequiredGraphTest, FindsEachOfManyNodesOnOneWayThatRequireTheFirst) {
 }
 
 TEST(RequiredGraphTest, KeepsAMillionEdgesOfCyclesAndKnowsAllNodesInThem) {
-  std::vector<ParsedNode> nodes;
+  std::vector<LaunchFile::Node> nodes;
   constexpr int kNodes = 20'000;
   nodes.reserve(kNodes);
   for (int i = 0; i < kNodes; ++i) {
     nodes.push_back(nodeOf(std::to_string(i), {"0", std::to_string(i + 1)}));
   }
-  const ParsedLaunchFile parsed = readingOf(std::move(nodes));
-  const RequiredGraph graph(parsed);
+  const LaunchFile file = readingOf(std::move(nodes));
+  const RequiredGraph graph(file);
   size_t edges = 0;
   for (const auto& cycle : graph.cycles()) edges += cycle.size();
   EXPECT_LE(edges, 1'000'000U + kNodes);
@@ -117,15 +116,15 @@ TEST(RequiredGraphTest, KeepsAMillionEdgesOfCyclesAndKnowsAllNodesInThem) {
 }
 
 TEST(RequiredGraphTest, FollowsAChainHoweverLong) {
-  std::vector<ParsedNode> nodes;
+  std::vector<LaunchFile::Node> nodes;
   constexpr int kNodes = 100'000;
   nodes.reserve(kNodes);
   for (int i = 0; i < kNodes; ++i) {
     nodes.push_back(nodeOf(std::to_string(i), {std::to_string(i + 1)}));
   }
-  const ParsedLaunchFile parsed = readingOf(std::move(nodes));
-  EXPECT_THAT(cyclesIn(parsed), IsEmpty());
-  EXPECT_EQ(cascadeOfFirst(parsed)->stops, kNodes);
+  const LaunchFile file = readingOf(std::move(nodes));
+  EXPECT_THAT(cyclesIn(file), IsEmpty());
+  EXPECT_EQ(cascadeOfFirst(file)->stops, kNodes);
 }
 
 TEST(CascadeTest, IsOneStopForANodeThatRequiresNone) {
@@ -150,10 +149,9 @@ TEST(CascadeTest, DoesNotStartAOneshotAgain) {
 }
 
 TEST(CascadeTest, IsUnknownForANodeThatReachesACycleAlone) {
-  const ParsedLaunchFile parsed =
-      readingOf({nodeOf("a", {"b"}), nodeOf("b", {"c"}), nodeOf("c", {"b"}),
-                 nodeOf("d", {})});
-  const auto cascades = RequiredGraph(parsed).cascades();
+  const LaunchFile file = readingOf({nodeOf("a", {"b"}), nodeOf("b", {"c"}),
+                                     nodeOf("c", {"b"}), nodeOf("d", {})});
+  const auto cascades = RequiredGraph(file).cascades();
   EXPECT_FALSE(cascades[0]);
   EXPECT_FALSE(cascades[1]);
   EXPECT_FALSE(cascades[2]);
@@ -161,7 +159,7 @@ TEST(CascadeTest, IsUnknownForANodeThatReachesACycleAlone) {
 }
 
 TEST(CascadeTest, IsAYearAtMostHoweverThePathsMultiply) {
-  std::vector<ParsedNode> nodes;
+  std::vector<LaunchFile::Node> nodes;
   nodes.reserve(200);
   for (int i = 0; i < 200; ++i) {
     const std::string next = std::to_string(i + 1);
@@ -172,34 +170,32 @@ TEST(CascadeTest, IsAYearAtMostHoweverThePathsMultiply) {
 }
 
 TEST(StopOfAllTest, AddsTheStopsOfAllNodes) {
-  const ParsedLaunchFile parsed =
-      readingOf({nodeOf("a", {}, 5), nodeOf("b", {})});
-  EXPECT_EQ(RequiredGraph(parsed).stopOfAll(seconds(11)), seconds(22));
+  const LaunchFile file = readingOf({nodeOf("a", {}, 5), nodeOf("b", {})});
+  EXPECT_EQ(RequiredGraph(file).stopOfAll(seconds(11)), seconds(22));
 }
 
 TEST(StopOfAllTest, RestartsRequiredNodesThatAreNotStoppedYet) {
-  const ParsedLaunchFile parsed = readingOf(
+  const LaunchFile file = readingOf(
       {nodeOf("b", {}), nodeOf("a", {"b", "c"}), nodeOf("c", {}, 100)});
   // b, a, c for a with its pause and delay, c.
-  EXPECT_EQ(RequiredGraph(parsed).stopOfAll(seconds(10)),
+  EXPECT_EQ(RequiredGraph(file).stopOfAll(seconds(10)),
             seconds(40) + milliseconds(300));
 }
 
 TEST(StopOfAllTest, IsAYearAtMostForAChainHoweverLong) {
-  std::vector<ParsedNode> nodes;
+  std::vector<LaunchFile::Node> nodes;
   constexpr int kNodes = 100'000;
   nodes.reserve(kNodes);
   for (int i = 0; i < kNodes; ++i) {
     nodes.push_back(nodeOf(std::to_string(i), {std::to_string(i + 1)}));
   }
-  const ParsedLaunchFile parsed = readingOf(std::move(nodes));
-  EXPECT_EQ(RequiredGraph(parsed).stopOfAll(seconds(11)), hours(24 * 365));
+  const LaunchFile file = readingOf(std::move(nodes));
+  EXPECT_EQ(RequiredGraph(file).stopOfAll(seconds(11)), hours(24 * 365));
 }
 
 TEST(StopOfAllTest, NeverEndsWithACycle) {
-  const ParsedLaunchFile parsed =
-      readingOf({nodeOf("a", {"b"}), nodeOf("b", {"a"})});
-  EXPECT_FALSE(RequiredGraph(parsed).stopOfAll(seconds(10)));
+  const LaunchFile file = readingOf({nodeOf("a", {"b"}), nodeOf("b", {"a"})});
+  EXPECT_FALSE(RequiredGraph(file).stopOfAll(seconds(10)));
 }
 
 }  // namespace

@@ -10,58 +10,68 @@ using std::chrono::hours;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-LaunchNode nodeOf(const std::string& name, uint32_t sleep_ms,
-                  std::vector<std::string> required) {
-  LaunchNode node;
-  node.name = name;
-  node.sleepMs = sleep_ms;
-  node.required = std::move(required);
+LaunchFile::Node nodeOf(const std::string& name, uint32_t sleep_ms,
+                        std::vector<std::string> required) {
+  LaunchFile::Node node;
+  node.name.value = name;
+  node.sleepMs.value = sleep_ms;
+  for (std::string& each : required) {
+    node.required.push_back({std::move(each), {}});
+  }
   return node;
 }
 
+LaunchFile fileOf(std::vector<LaunchFile::Node> nodes) {
+  LaunchFile file;
+  file.nodes = std::move(nodes);
+  return file;
+}
+
 TEST(LongestDurationTest, OfAStopIsTenSeconds) {
-  EXPECT_EQ(longestDuration({{nodeOf("a", 700, {})}}, Cmd::STOP, "a"),
+  EXPECT_EQ(longestDuration(fileOf({nodeOf("a", 700, {})}), Cmd::STOP, "a"),
             seconds(10));
-  EXPECT_EQ(longestDuration({{nodeOf("a", 700, {})}}, Cmd::DISABLE, "a"),
+  EXPECT_EQ(longestDuration(fileOf({nodeOf("a", 700, {})}), Cmd::DISABLE, "a"),
             seconds(10));
 }
 
 TEST(LongestDurationTest, OfAStartIsTheNodesSleep) {
-  EXPECT_EQ(longestDuration({{nodeOf("a", 700, {"a"})}}, Cmd::START, "a"),
+  EXPECT_EQ(longestDuration(fileOf({nodeOf("a", 700, {"a"})}), Cmd::START, "a"),
             milliseconds(700));
 }
 
 TEST(LongestDurationTest, OfASleepThatWrapsAroundIsWhatTheLauncherSleeps) {
-  EXPECT_EQ(longestDuration({{nodeOf("a", 4'294'978, {})}}, Cmd::START, "a"),
-            milliseconds(10));
+  EXPECT_EQ(
+      longestDuration(fileOf({nodeOf("a", 4'294'978, {})}), Cmd::START, "a"),
+      milliseconds(10));
 }
 
 TEST(LongestDurationTest, OfARestartHasAStopAPauseAndTheSleep) {
-  EXPECT_EQ(longestDuration({{nodeOf("a", 700, {})}}, Cmd::RESTART, "a"),
+  EXPECT_EQ(longestDuration(fileOf({nodeOf("a", 700, {})}), Cmd::RESTART, "a"),
             milliseconds(10'900));
 }
 
 TEST(LongestDurationTest, OfStatusAndEnableIsNothing) {
-  EXPECT_EQ(longestDuration({{nodeOf("a", 700, {})}}, Cmd::STATUS, "a"),
+  EXPECT_EQ(longestDuration(fileOf({nodeOf("a", 700, {})}), Cmd::STATUS, "a"),
             seconds(0));
-  EXPECT_EQ(longestDuration({{nodeOf("a", 700, {})}}, Cmd::ENABLE, "a"),
+  EXPECT_EQ(longestDuration(fileOf({nodeOf("a", 700, {})}), Cmd::ENABLE, "a"),
             seconds(0));
 }
 
 TEST(LongestDurationTest, HasTheRestartsOfAllRequiredNodesOnEveryPath) {
-  const LaunchFile file = {{
+  const LaunchFile file = fileOf({
       nodeOf("a", 0, {"b", "c", "a", "nobody"}),
       nodeOf("b", 0, {"d"}),
       nodeOf("c", 0, {"d"}),
       nodeOf("d", 300, {}),
-  }};
+  });
   // a; b and c with their pauses; d twice with pause and sleep.
   EXPECT_EQ(longestDuration(file, Cmd::STOP, "a"),
             5 * seconds(10) + 4 * milliseconds(200) + 2 * milliseconds(300));
 }
 
 TEST(LongestDurationTest, FollowsACycleOnce) {
-  const LaunchFile file = {{nodeOf("a", 0, {"b"}), nodeOf("b", 0, {"a"})}};
+  const LaunchFile file =
+      fileOf({nodeOf("a", 0, {"b"}), nodeOf("b", 0, {"a"})});
   EXPECT_LE(longestDuration(file, Cmd::STOP, "a"), seconds(31));
 }
 
@@ -79,9 +89,9 @@ TEST(LongestDurationTest, OfAnUnknownNodeIsThatOfAPlainOne) {
 }
 
 TEST(DefaultReplyLimitTest, IsTwiceTheLongestDurationAndHalfAMinute) {
-  EXPECT_EQ(defaultReplyLimit({{nodeOf("a", 0, {})}}, Cmd::STOP, "a"),
+  EXPECT_EQ(defaultReplyLimit(fileOf({nodeOf("a", 0, {})}), Cmd::STOP, "a"),
             seconds(50));
-  EXPECT_EQ(defaultReplyLimit({{nodeOf("a", 0, {})}}, Cmd::STATUS, "a"),
+  EXPECT_EQ(defaultReplyLimit(fileOf({nodeOf("a", 0, {})}), Cmd::STATUS, "a"),
             seconds(30));
 }
 

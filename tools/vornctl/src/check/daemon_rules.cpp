@@ -81,7 +81,7 @@ bool hasForegroundOption(const Server& server,
   });
 }
 
-void checkDaemon(const ParsedNode& node, Diagnostics& diagnostics) {
+void checkDaemon(const LaunchFile::Node& node, Diagnostics& diagnostics) {
   const std::string end =
       " goes into the background; the launcher treats this as an exit and "
       "restarts node '" +
@@ -110,8 +110,8 @@ void checkDaemon(const ParsedNode& node, Diagnostics& diagnostics) {
 
 }  // namespace
 
-void checkDaemons(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
-  for (const ParsedNode& node : parsed.nodes) {
+void checkDaemons(const LaunchFile& file, Diagnostics& diagnostics) {
+  for (const LaunchFile::Node& node : file.nodes) {
     // A oneshot is not started again, so it can start a daemon.
     if (!node.oneshot.value) checkDaemon(node, diagnostics);
   }

@@ -76,10 +76,10 @@ void checkRepeated(const std::vector<Text>& keys, const std::string& owner,
   }
 }
 
-void checkSections(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
+void checkSections(const LaunchFile& file, Diagnostics& diagnostics) {
   std::map<std::string, Place> first;
   std::vector<Text> others;
-  for (const Text& key : parsed.keys) {
+  for (const Text& key : file.keys) {
     if (!isPrivate(key.value)) others.push_back(key);
     const auto [before, is_new] = first.emplace(key.value, key.place);
     if (is_new || (key.value != "vornnode" && key.value != "configure")) {
@@ -93,10 +93,10 @@ void checkSections(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
   }
   checkUnknown(others, "at the top level", kRootKeys, adviceForRootKey,
                diagnostics);
-  checkUnknown(parsed.configureKeys, "in 'configure'", kConfigureKeys, nullptr,
+  checkUnknown(file.configureKeys, "in 'configure'", kConfigureKeys, nullptr,
                diagnostics);
   Place environment;
-  for (const Text& key : parsed.configureKeys) {
+  for (const Text& key : file.configureKeys) {
     if (key.value != "environment") continue;
     if (environment.line == 0) {
       environment = key.place;
@@ -110,7 +110,7 @@ void checkSections(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
   }
 }
 
-void checkKeys(const ParsedNode& node, Diagnostics& diagnostics) {
+void checkKeys(const LaunchFile::Node& node, Diagnostics& diagnostics) {
   const std::string owner = "in node '" + node.name.value + "'";
   checkUnknown(node.keys, owner, nodeKeys(), adviceForNodeKey, diagnostics);
   checkRepeated(node.keys, owner, nodeKeys(), diagnostics);
@@ -118,32 +118,32 @@ void checkKeys(const ParsedNode& node, Diagnostics& diagnostics) {
 
 }  // namespace
 
-void checkDocument(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
-  if (const Text& language = parsed.otherLanguage; !language.value.empty()) {
+void checkDocument(const LaunchFile& file, Diagnostics& diagnostics) {
+  if (const Text& language = file.otherLanguage; !language.value.empty()) {
     diagnostics.add("other-language", language.place,
                     "this looks like " + language.value +
                         "; a launch file is YAML with nodes in 'vornnode'");
     return;
   }
-  for (const LoadError& loadError : parsed.loadErrors) {
+  for (const LoadError& loadError : file.loadErrors) {
     diagnostics.add(loadError.check, loadError.place, loadError.message);
   }
-  if (!parsed.loadErrors.empty() && parsed.loadErrors[0].check == "syntax")
-    return;
-  if (parsed.secondDocument.line != 0) {
-    diagnostics.add("second-document", parsed.secondDocument,
+  if (!file.loadErrors.empty() && file.loadErrors[0].check == "syntax") return;
+  if (file.secondDocument.line != 0) {
+    diagnostics.add("second-document", file.secondDocument,
                     "what follows the first document is not read; one file is "
                     "one document");
   }
-  for (const Text& value : parsed.ignored) {
+  for (const Text& value : file.ignored) {
     diagnostics.add(
         "ignored-value", value.place,
         "this is no mapping, so " + value.value + " is taken for an empty one");
   }
-  checkSections(parsed, diagnostics);
-  for (const ParsedNode& node : parsed.nodes) checkKeys(node, diagnostics);
-  for (const ParsedNode& node : parsed.dropped) checkKeys(node, diagnostics);
-  if (parsed.nodes.empty() && parsed.loadErrors.empty()) {
+  checkSections(file, diagnostics);
+  for (const LaunchFile::Node& node : file.nodes) checkKeys(node, diagnostics);
+  for (const LaunchFile::Node& node : file.dropped)
+    checkKeys(node, diagnostics);
+  if (file.nodes.empty() && file.loadErrors.empty()) {
     diagnostics.add(
         "no-nodes", {1, 1},
         "no node in this file: the launcher runs, and starts nothing");

@@ -227,10 +227,10 @@ std::string pathFrom(const std::vector<Variable>& variables,
   return value;
 }
 
-void checkPrograms(const ParsedLaunchFile& parsed, const std::string& path,
+void checkPrograms(const LaunchFile& file, const std::string& path,
                    Diagnostics& diagnostics) {
   std::map<std::pair<std::string, std::string>, std::optional<Defect>> known;
-  for (const ParsedNode& node : parsed.nodes) {
+  for (const LaunchFile::Node& node : file.nodes) {
     if (!node.hasPath) continue;
     const std::string program = untilNul(node.executable);
     const std::string node_path = pathFrom(node.environment, path);
@@ -243,10 +243,10 @@ void checkPrograms(const ParsedLaunchFile& parsed, const std::string& path,
   }
 }
 
-void checkTools(const ParsedLaunchFile& parsed, const std::string& path,
+void checkTools(const LaunchFile& file, const std::string& path,
                 Diagnostics& diagnostics) {
   Place place{1, 1};
-  for (const Variable& variable : parsed.environment) {
+  for (const Variable& variable : file.environment) {
     if (variable.name.value == "PATH") place = variable.value.place;
   }
   for (const char* const tool : {"ps", "grep"}) {
@@ -295,11 +295,11 @@ std::string writableByOthers(const std::string& path) {
   return "";
 }
 
-void checkRights(const SourceText& document, const ParsedLaunchFile& parsed,
+void checkRights(const SourceText& document, const LaunchFile& file,
                  Diagnostics& diagnostics) {
   if (::geteuid() != 0) return;
-  const auto check = [&](const std::string& file, const Place& place) {
-    const std::string writable = writableByOthers(file);
+  const auto check = [&](const std::string& path, const Place& place) {
+    const std::string writable = writableByOthers(path);
     if (writable.empty()) return;
     diagnostics.add("writable-by-others", place,
                     "any user can change '" + writable +
@@ -307,7 +307,7 @@ void checkRights(const SourceText& document, const ParsedLaunchFile& parsed,
   };
   check(document.name(), {1, 1});
   std::set<std::string> seen;
-  for (const ParsedNode& node : parsed.nodes) {
+  for (const LaunchFile::Node& node : file.nodes) {
     if (!seen.insert(node.executable).second) continue;
     check(node.executable, node.path.place);
   }
@@ -315,16 +315,16 @@ void checkRights(const SourceText& document, const ParsedLaunchFile& parsed,
 
 }  // namespace
 
-void checkHost(const SourceText& document, const ParsedLaunchFile& parsed,
+void checkHost(const SourceText& document, const LaunchFile& file,
                Diagnostics& diagnostics) {
   const char* const own_path = std::getenv("PATH");
   // What the C library takes for a missing PATH.
   const std::string path = pathFrom(
-      parsed.environment, own_path == nullptr ? "/bin:/usr/bin" : own_path);
-  checkPrograms(parsed, path, diagnostics);
-  checkTools(parsed, path, diagnostics);
+      file.environment, own_path == nullptr ? "/bin:/usr/bin" : own_path);
+  checkPrograms(file, path, diagnostics);
+  checkTools(file, path, diagnostics);
   checkClone(diagnostics);
-  checkRights(document, parsed, diagnostics);
+  checkRights(document, file, diagnostics);
 }
 
 }  // namespace vorn::launch

@@ -14,7 +14,7 @@ constexpr uint32_t kLongestSleepMs = 4'294'967;  // its microseconds fit
 constexpr uint32_t kLongSleepMs = 10'000;
 constexpr uint32_t kShortSleepMs = 100;
 
-std::string named(const ParsedNode& node) {
+std::string named(const LaunchFile::Node& node) {
   return "node '" + node.name.value + "'";
 }
 
@@ -27,7 +27,7 @@ size_t dashAfterBlank(const std::string& text) {
   return std::string::npos;
 }
 
-void checkName(const ParsedNode& node, Diagnostics& diagnostics) {
+void checkName(const LaunchFile::Node& node, Diagnostics& diagnostics) {
   const std::string& name = node.name.value;
   if (name.size() > kLongestName) {
     diagnostics.add("name-too-long", node.name.place,
@@ -55,9 +55,9 @@ void checkName(const ParsedNode& node, Diagnostics& diagnostics) {
   }
 }
 
-void checkDuplicates(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
+void checkDuplicates(const LaunchFile& file, Diagnostics& diagnostics) {
   std::map<std::string, Place> first;
-  for (const ParsedNode& node : parsed.nodes) {
+  for (const LaunchFile::Node& node : file.nodes) {
     const auto [before, is_new] =
         first.emplace(node.name.value, node.name.place);
     if (is_new) continue;
@@ -69,7 +69,7 @@ void checkDuplicates(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
   }
 }
 
-void checkSleep(const ParsedNode& node, Diagnostics& diagnostics) {
+void checkSleep(const LaunchFile::Node& node, Diagnostics& diagnostics) {
   const uint32_t sleep = node.sleepMs.value;
   const uint32_t effective = effectiveSleepMs(sleep);
   const std::string written = std::to_string(sleep) + " ms";
@@ -136,7 +136,7 @@ std::string shellPartOfArgument(const std::string& argument) {
   return is_glob ? argument.substr(glob, 1) : "";
 }
 
-void checkArgument(const ParsedNode& node, const Text& argument,
+void checkArgument(const LaunchFile::Node& node, const Text& argument,
                    Diagnostics& diagnostics) {
   const std::string subject =
       "argument '" + argument.value + "' of " + named(node);
@@ -168,14 +168,14 @@ void checkNul(const Text& text, const std::string& what,
   diagnostics.add("nul-in-text", text.place, what + " ends at its first NUL");
 }
 
-void checkTexts(const ParsedNode& node, Diagnostics& diagnostics) {
+void checkTexts(const LaunchFile::Node& node, Diagnostics& diagnostics) {
   checkNul(node.path, "the path of " + named(node), diagnostics);
   for (const Text& argv : node.argvs) {
     checkNul(argv, "the argv of " + named(node), diagnostics);
   }
 }
 
-void checkPath(const ParsedLaunchFile& parsed, const ParsedNode& node,
+void checkPath(const LaunchFile& file, const LaunchFile::Node& node,
                Diagnostics& diagnostics) {
   if (!node.hasPath) return;
   const std::string subject =
@@ -191,7 +191,7 @@ void checkPath(const ParsedLaunchFile& parsed, const ParsedNode& node,
                         (is_home ? "~'" : "$'"));
     return;
   }
-  if (parsed.hasBinPath()) return;
+  if (!file.binPath.empty()) return;
   if (node.path.value.rfind('/', 0) == 0) return;
   // A better word for these is elsewhere.
   if (node.path.value.rfind("install:", 0) == 0) return;
@@ -201,7 +201,7 @@ void checkPath(const ParsedLaunchFile& parsed, const ParsedNode& node,
                       "VORN_BIN_PATH in 'configure', or write it in full");
 }
 
-void checkFlags(const ParsedNode& node, Diagnostics& diagnostics) {
+void checkFlags(const LaunchFile::Node& node, Diagnostics& diagnostics) {
   if (!node.disabled.value || node.autostart.value) return;
   diagnostics.add(
       "disabled-autostart", node.autostart.place,
@@ -213,9 +213,9 @@ void checkFlags(const ParsedNode& node, Diagnostics& diagnostics) {
 
 }  // namespace
 
-void checkNodes(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
-  checkDuplicates(parsed, diagnostics);
-  for (const ParsedNode& node : parsed.dropped) {
+void checkNodes(const LaunchFile& file, Diagnostics& diagnostics) {
+  checkDuplicates(file, diagnostics);
+  for (const LaunchFile::Node& node : file.dropped) {
     diagnostics.add("node-dropped", node.name.place,
                     isNodeKey(node.name.value)
                         ? "'" + node.name.value +
@@ -223,9 +223,9 @@ void checkNodes(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
                               "indent it below the name of its node"
                         : named(node) + " has no 'path' and is left out");
   }
-  for (const ParsedNode& node : parsed.nodes) {
+  for (const LaunchFile::Node& node : file.nodes) {
     checkName(node, diagnostics);
-    checkPath(parsed, node, diagnostics);
+    checkPath(file, node, diagnostics);
     for (const Text& argument : node.arguments) {
       checkArgument(node, argument, diagnostics);
     }

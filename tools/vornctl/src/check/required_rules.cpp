@@ -13,10 +13,10 @@ namespace {
 constexpr std::chrono::seconds kLongStop{60};
 constexpr int64_t kManyStops = 20;
 
-using NodeIndex = std::unordered_map<std::string, const ParsedNode*>;
+using NodeIndex = std::unordered_map<std::string, const LaunchFile::Node*>;
 
-void checkName(const ParsedNode& node, const Text& name, const NodeIndex& index,
-               const std::vector<std::string>& names,
+void checkName(const LaunchFile::Node& node, const Text& name,
+               const NodeIndex& index, const std::vector<std::string>& names,
                Diagnostics& diagnostics) {
   const std::string requirer = "'" + node.name.value + "' requires ";
   if (name.value == node.name.value) {
@@ -46,14 +46,14 @@ void checkName(const ParsedNode& node, const Text& name, const NodeIndex& index,
   }
 }
 
-void checkNames(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
+void checkNames(const LaunchFile& file, Diagnostics& diagnostics) {
   NodeIndex index;
   std::vector<std::string> names;
-  for (const ParsedNode& node : parsed.nodes) {
+  for (const LaunchFile::Node& node : file.nodes) {
     index.emplace(node.name.value, &node);
     names.push_back(node.name.value);
   }
-  for (const ParsedNode& node : parsed.nodes) {
+  for (const LaunchFile::Node& node : file.nodes) {
     std::unordered_map<std::string, Place> before;
     for (const Text& name : node.required) {
       checkName(node, name, index, names, diagnostics);
@@ -67,11 +67,9 @@ void checkNames(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
   }
 }
 
-void checkCycles(const ParsedLaunchFile& parsed, const RequiredGraph& graph,
+void checkCycles(const LaunchFile& file, const RequiredGraph& graph,
                  Diagnostics& diagnostics) {
-  const auto name_of = [&](size_t node) {
-    return parsed.nodes[node].name.value;
-  };
+  const auto name_of = [&](size_t node) { return file.nodes[node].name.value; };
   for (const auto& cycle : graph.cycles()) {
     std::string chain = name_of(cycle.front().from);
     std::vector<Note> notes;
@@ -89,7 +87,7 @@ void checkCycles(const ParsedLaunchFile& parsed, const RequiredGraph& graph,
   }
 }
 
-void checkCascades(const ParsedLaunchFile& parsed, const RequiredGraph& graph,
+void checkCascades(const LaunchFile& file, const RequiredGraph& graph,
                    Diagnostics& diagnostics) {
   const auto cascades = graph.cascades();
   const auto is_long = [&](size_t node) {
@@ -106,8 +104,8 @@ void checkCascades(const ParsedLaunchFile& parsed, const RequiredGraph& graph,
     if (!is_long(i) || covered.count(i) > 0) continue;
     const auto seconds =
         std::chrono::duration_cast<std::chrono::seconds>(cascades[i]->duration);
-    diagnostics.add("long-stop", parsed.nodes[i].required.front().place,
-                    "to stop '" + parsed.nodes[i].name.value + "' may take " +
+    diagnostics.add("long-stop", file.nodes[i].required.front().place,
+                    "to stop '" + file.nodes[i].name.value + "' may take " +
                         std::to_string(cascades[i]->stops) + " stops and " +
                         std::to_string(seconds.count()) +
                         " s, by the nodes it requires and those that they "
@@ -117,11 +115,11 @@ void checkCascades(const ParsedLaunchFile& parsed, const RequiredGraph& graph,
 
 }  // namespace
 
-void checkRequired(const ParsedLaunchFile& parsed, Diagnostics& diagnostics) {
-  checkNames(parsed, diagnostics);
-  const RequiredGraph graph(parsed);
-  checkCycles(parsed, graph, diagnostics);
-  checkCascades(parsed, graph, diagnostics);
+void checkRequired(const LaunchFile& file, Diagnostics& diagnostics) {
+  checkNames(file, diagnostics);
+  const RequiredGraph graph(file);
+  checkCycles(file, graph, diagnostics);
+  checkCascades(file, graph, diagnostics);
 }
 
 }  // namespace vorn::launch

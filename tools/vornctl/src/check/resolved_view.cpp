@@ -29,10 +29,10 @@ struct Given {
 };
 
 /// What a node's environment is given on top of the launcher's, in order.
-std::vector<Given> environmentOf(const ParsedLaunchFile& parsed,
-                                 const ParsedNode& node) {
+std::vector<Given> environmentOf(const LaunchFile& file,
+                                 const LaunchFile::Node& node) {
   std::vector<Given> given;
-  for (const Variable& variable : parsed.environment) {
+  for (const Variable& variable : file.environment) {
     given.push_back({variable.name.value, variable.value.value, "configure",
                      variable.name.place});
   }
@@ -54,14 +54,13 @@ OutputText lineOf(const Place& place) {
 }
 
 /// Where argv[0] comes from.
-OutputText sourceOfPath(const ParsedLaunchFile& parsed,
-                        const ParsedNode& node) {
+OutputText sourceOfPath(const LaunchFile& file, const LaunchFile::Node& node) {
   const bool is_joined = node.executable != node.path.value;
   OutputText source = "path, " + lineOf(node.path.place);
   if (!is_joined) return source;
   source += ", below VORN_BIN_PATH";
-  for (auto variable = parsed.environment.rbegin();
-       variable != parsed.environment.rend(); ++variable) {
+  for (auto variable = file.environment.rbegin();
+       variable != file.environment.rend(); ++variable) {
     if (exportedName(variable->name.value) == "VORN_BIN_PATH") {
       return source + ", " + lineOf(variable->name.place);
     }
@@ -69,7 +68,7 @@ OutputText sourceOfPath(const ParsedLaunchFile& parsed,
   return source + " of the environment";
 }
 
-OutputText flagsOf(const ParsedNode& node) {
+OutputText flagsOf(const LaunchFile::Node& node) {
   OutputText flags;
   const auto add = [&](const OutputText& text, const Place& place) {
     if (place.line == 0) return;
@@ -99,14 +98,14 @@ Json jsonOf(const Setting<T>& setting) {
   return json;
 }
 
-Json jsonOf(const ParsedLaunchFile& parsed, const ParsedNode& node) {
+Json jsonOf(const LaunchFile& file, const LaunchFile::Node& node) {
   Json json = {{"name", node.name.value}, {"line", node.name.place.line}};
   json["argv"] = Json::array({{{"value", node.executable},
                                {"line", node.path.place.line},
                                {"column", node.path.place.column}}});
   for (const Text& text : node.arguments) json["argv"].push_back(jsonOf(text));
   json["environment"] = Json::array();
-  for (const Given& each : environmentOf(parsed, node)) {
+  for (const Given& each : environmentOf(file, node)) {
     json["environment"].push_back(
         {{"name", each.name},
          {"value", each.value},
@@ -136,22 +135,21 @@ OutputText secondsOf(uint64_t milliseconds) {
 
 }  // namespace
 
-void printResolved(Output& out, const ResolvedFile& file) {
-  const ParsedLaunchFile& parsed = file.parsed;
-  for (const ParsedNode& node : parsed.nodes) {
+void printResolved(Output& out, const LaunchFile& file) {
+  for (const LaunchFile::Node& node : file.nodes) {
     out << terminalText(node.name.value) << "  # " << lineOf(node.name.place)
         << "\n";
     Table table;
     table.rows.push_back({{"  argv"},
                           {terminalText(node.executable)},
-                          {sourceOfPath(parsed, node), Colour::FAINT}});
+                          {sourceOfPath(file, node), Colour::FAINT}});
     for (const Text& argument : node.arguments) {
       table.rows.push_back({{""},
                             {terminalText(argument.value)},
                             {"argv, " + lineOf(argument.place)}});
     }
     OutputText title = "  environment";
-    for (const Given& each : environmentOf(parsed, node)) {
+    for (const Given& each : environmentOf(file, node)) {
       OutputText source = terminalText(each.from);
       if (each.place.line != 0) source += ", " + lineOf(each.place);
       if (each.isOverwritten) source += ", overwritten below";
@@ -173,25 +171,24 @@ void printResolved(Output& out, const ResolvedFile& file) {
   }
 }
 
-void printResolvedAsJson(Output& out, const std::vector<ResolvedFile>& files) {
+void printResolvedAsJson(Output& out, const std::vector<LaunchFile>& files) {
   Json list = Json::array();
-  for (const ResolvedFile& file : files) {
-    const ParsedLaunchFile& parsed = file.parsed;
-    const bool loads = parsed.loadErrors.empty();
+  for (const LaunchFile& file : files) {
+    const bool loads = file.loadErrors.empty();
     Json json = {{"file", file.name}, {"loads", loads}};
-    json["exception"] = loads ? Json() : Json(parsed.loadErrors[0].exception);
+    json["exception"] = loads ? Json() : Json(file.loadErrors[0].exception);
     json["configure"] = Json::array();
-    for (const Variable& variable : parsed.environment) {
+    for (const Variable& variable : file.environment) {
       json["configure"].push_back({{"name", variable.name.value},
                                    {"value", variable.value.value},
                                    {"line", variable.name.place.line}});
     }
     json["nodes"] = Json::array();
-    for (const ParsedNode& node : parsed.nodes) {
-      json["nodes"].push_back(jsonOf(parsed, node));
+    for (const LaunchFile::Node& node : file.nodes) {
+      json["nodes"].push_back(jsonOf(file, node));
     }
     json["dropped"] = Json::array();
-    for (const ParsedNode& node : parsed.dropped) {
+    for (const LaunchFile::Node& node : file.dropped) {
       json["dropped"].push_back(
           {{"name", node.name.value}, {"line", node.name.place.line}});
     }
@@ -202,11 +199,11 @@ void printResolvedAsJson(Output& out, const std::vector<ResolvedFile>& files) {
   out << jsonText(document);
 }
 
-void printTimeline(Output& out, const ResolvedFile& file) {
+void printTimeline(Output& out, const LaunchFile& file) {
   Table table;
   table.header = {"START", "NODE", "SLEEP", ""};
   uint64_t now = 0;
-  for (const ParsedNode& node : file.parsed.nodes) {
+  for (const LaunchFile::Node& node : file.nodes) {
     const uint32_t sleep = effectiveSleepMs(node.sleepMs.value);
     const bool is_left_alone = node.disabled.value || !node.autostart.value;
     if (!is_left_alone) now += sleep;
@@ -221,8 +218,8 @@ void printTimeline(Output& out, const ResolvedFile& file) {
   printAligned(out, table, false);
 }
 
-void printStopTimeout(Output& out, const ResolvedFile& file) {
-  const RequiredGraph graph(file.parsed);
+void printStopTimeout(Output& out, const LaunchFile& file) {
+  const RequiredGraph graph(file);
   const auto duration = graph.stopOfAll(kLongestStopWithChecks);
   if (!duration) {
     out << "never\n";

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "check/diagnostic.h"
-#include "launchfile/parser.h"
+#include "launchfile/launch_file.h"
 #include "launchfile/source_text.h"
 
 // The checks of a launch file, one function for each source file *_rules.cpp.
@@ -10,22 +10,22 @@
 namespace vorn::launch {
 
 /// Errors that terminate the launcher, and parts of the file that it ignores.
-void checkDocument(const ParsedLaunchFile& parsed, Diagnostics& diagnostics);
+void checkDocument(const LaunchFile& file, Diagnostics& diagnostics);
 
 /// Names, paths, arguments and flags of the nodes.
-void checkNodes(const ParsedLaunchFile& parsed, Diagnostics& diagnostics);
+void checkNodes(const LaunchFile& file, Diagnostics& diagnostics);
 
 /// Programs that do not stay in the foreground.
-void checkDaemons(const ParsedLaunchFile& parsed, Diagnostics& diagnostics);
+void checkDaemons(const LaunchFile& file, Diagnostics& diagnostics);
 
 /// Variables, and install:// in all texts.
-void checkEnvironment(const ParsedLaunchFile& parsed, Diagnostics& diagnostics);
+void checkEnvironment(const LaunchFile& file, Diagnostics& diagnostics);
 
 /// The nodes that are named in `required`.
-void checkRequired(const ParsedLaunchFile& parsed, Diagnostics& diagnostics);
+void checkRequired(const LaunchFile& file, Diagnostics& diagnostics);
 
 /// The programs on this machine, as a launcher that is started here finds them.
-void checkHost(const SourceText& document, const ParsedLaunchFile& parsed,
+void checkHost(const SourceText& document, const LaunchFile& file,
                Diagnostics& diagnostics);
 
 }  // namespace vorn::launch

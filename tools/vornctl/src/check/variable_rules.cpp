@@ -120,7 +120,7 @@ void checkNotExpanded(const Text& text, const std::string& what,
                       ", only in the value of a variable");
 }
 
-void checkNode(const ParsedNode& node, Diagnostics& diagnostics) {
+void checkNode(const LaunchFile::Node& node, Diagnostics& diagnostics) {
   const std::string of_node = " of node " + quoted(node.name.value);
   checkRepeated(node.environment, diagnostics);
   for (const Variable& variable : node.environment) {
@@ -183,16 +183,15 @@ void checkLaunchersOwn(const Variable& variable, Diagnostics& diagnostics) {
 
 }  // namespace
 
-void checkEnvironment(const ParsedLaunchFile& parsed,
-                      Diagnostics& diagnostics) {
-  checkRepeated(parsed.environment, diagnostics);
-  for (const Variable& variable : parsed.environment) {
+void checkEnvironment(const LaunchFile& file, Diagnostics& diagnostics) {
+  checkRepeated(file.environment, diagnostics);
+  for (const Variable& variable : file.environment) {
     checkVariable(variable, diagnostics);
     checkInstall(variable, diagnostics);
     checkNotExpanded(variable.name, "the name of a variable", diagnostics);
     checkLaunchersOwn(variable, diagnostics);
   }
-  for (const ParsedNode& node : parsed.nodes) checkNode(node, diagnostics);
+  for (const LaunchFile::Node& node : file.nodes) checkNode(node, diagnostics);
 }
 
 }  // namespace vorn::launch

@@ -9,6 +9,7 @@
 #include "check/report.h"
 #include "check/resolved_view.h"
 #include "check/rules.h"
+#include "launchfile/parser.h"
 #include "system/stop_signals.h"
 
 namespace vorn::launch {
@@ -20,22 +21,21 @@ using Print = CheckOptions::Print;
 
 struct Results {
   std::vector<CheckedFile> checked;
-  std::vector<ResolvedFile> resolved;
+  std::vector<LaunchFile> resolved;
   bool isUnreadable = false;  // one of the files
 };
 
-Diagnostics findingsIn(const SourceText& document,
-                       const ParsedLaunchFile& parsed,
+Diagnostics findingsIn(const SourceText& document, const LaunchFile& file,
                        const CheckOptions& options) {
   Diagnostics diagnostics(document, options.ignored);
-  checkDocument(parsed, diagnostics);
-  checkNodes(parsed, diagnostics);
-  checkDaemons(parsed, diagnostics);
-  checkEnvironment(parsed, diagnostics);
-  checkRequired(parsed, diagnostics);
+  checkDocument(file, diagnostics);
+  checkNodes(file, diagnostics);
+  checkDaemons(file, diagnostics);
+  checkEnvironment(file, diagnostics);
+  checkRequired(file, diagnostics);
   const bool is_file = !document.isStandardInput();
   if (options.host == Host::YES || (options.host == Host::AUTO && is_file)) {
-    checkHost(document, parsed, diagnostics);
+    checkHost(document, file, diagnostics);
   }
   diagnostics.settle();
   return diagnostics;
@@ -49,12 +49,11 @@ bool checkFile(const std::string& path,
                std::string& error) {
   auto document = readSourceText(path, error);
   if (!document) return false;
-  ParsedLaunchFile parsed = readAsLauncher(*document, surroundings);
-  Diagnostics diagnostics = findingsIn(*document, parsed, options);
-  results.checked.push_back({std::move(*document), parsed.loadErrors.empty(),
-                             std::move(diagnostics)});
-  results.resolved.push_back(
-      {results.checked.back().document.name(), std::move(parsed)});
+  LaunchFile file = parseLaunchFile(*document, surroundings);
+  Diagnostics diagnostics = findingsIn(*document, file, options);
+  results.checked.push_back(
+      {std::move(*document), file.loadErrors.empty(), std::move(diagnostics)});
+  results.resolved.push_back(std::move(file));
   return true;
 }
 
@@ -100,12 +99,12 @@ void printDiagnostics(Output& out, const Settings& settings, Format format,
 
 /// Throws TooLarge if the environments of all nodes are too much to print: each
 /// node has all global variables.
-void checkEnvironments(const std::vector<ResolvedFile>& files) {
+void checkEnvironments(const std::vector<LaunchFile>& files) {
   size_t values = 0;
   size_t bytes = 0;
-  for (const ResolvedFile& file : files) {
-    const size_t nodes = file.parsed.nodes.size();
-    for (const Variable& variable : file.parsed.environment) {
+  for (const LaunchFile& file : files) {
+    const size_t nodes = file.nodes.size();
+    for (const Variable& variable : file.environment) {
       values += nodes;
       bytes += nodes * variable.value.value.size();
     }
@@ -117,17 +116,17 @@ void checkEnvironments(const std::vector<ResolvedFile>& files) {
 }
 
 void printWish(const CheckOptions& options,
-               const std::vector<ResolvedFile>& files) {
+               const std::vector<LaunchFile>& files) {
   if (options.print == Print::RESOLVED) checkEnvironments(files);
   Output out = standardOutput();
   if (options.print == Print::RESOLVED && options.format == Format::JSON) {
     printResolvedAsJson(out, files);
     return;
   }
-  for (const ResolvedFile& file : files) {
+  for (const LaunchFile& file : files) {
     if (files.size() > 1) out << "# " << terminalText(file.name) << "\n";
     // What the launcher does not load it does not start.
-    if (!file.parsed.loadErrors.empty()) continue;
+    if (!file.loadErrors.empty()) continue;
     if (options.print == Print::RESOLVED) printResolved(out, file);
     if (options.print == Print::TIMELINE) printTimeline(out, file);
     if (options.print == Print::STOP_TIMEOUT) {

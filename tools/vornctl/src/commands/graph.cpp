@@ -21,7 +21,7 @@ constexpr char kNoDot[] =
     "--format mermaid or dot";
 
 /// The policies of a node in a few words, a line each.
-std::vector<OutputText> policiesOf(const ParsedNode& node) {
+std::vector<OutputText> policiesOf(const LaunchFile::Node& node) {
   std::vector<OutputText> policies;
   if (node.disabled.value) policies.emplace_back("disabled");
   if (!node.autostart.value) policies.emplace_back("not started automatically");
@@ -42,19 +42,18 @@ std::set<std::pair<size_t, size_t>> arrowsInCycles(const RequiredGraph& graph) {
   return arrows;
 }
 
-void printDot(Output& out, const ParsedLaunchFile& parsed,
-              const RequiredGraph& graph) {
+void printDot(Output& out, const LaunchFile& file, const RequiredGraph& graph) {
   const auto red = arrowsInCycles(graph);
   out << "digraph launch {\n  rankdir=LR;\n  node [shape=box];\n";
-  for (size_t i = 0; i < parsed.nodes.size(); ++i) {
-    const ParsedNode& node = parsed.nodes[i];
+  for (size_t i = 0; i < file.nodes.size(); ++i) {
+    const LaunchFile::Node& node = file.nodes[i];
     out << "  n" << i << " [label=\"" << dotText(node.name.value);
     for (const OutputText& policy : policiesOf(node)) out << "\\n" << policy;
     out << "\"";
     if (node.disabled.value || !node.autostart.value) out << ", style=dashed";
     out << "];\n";
   }
-  for (size_t i = 0; i < parsed.nodes.size(); ++i) {
+  for (size_t i = 0; i < file.nodes.size(); ++i) {
     for (const auto& edge : graph.edgesFrom(i)) {
       out << "  n" << i << " -> n" << edge.to;
       if (red.count({i, edge.to}) > 0) out << " [color=red]";
@@ -64,13 +63,13 @@ void printDot(Output& out, const ParsedLaunchFile& parsed,
   out << "}\n";
 }
 
-void printMermaid(Output& out, const ParsedLaunchFile& parsed,
+void printMermaid(Output& out, const LaunchFile& file,
                   const RequiredGraph& graph) {
   const auto red = arrowsInCycles(graph);
   std::vector<size_t> red_links;
   out << "flowchart LR\n";
-  for (size_t i = 0; i < parsed.nodes.size(); ++i) {
-    const ParsedNode& node = parsed.nodes[i];
+  for (size_t i = 0; i < file.nodes.size(); ++i) {
+    const LaunchFile::Node& node = file.nodes[i];
     out << "  n" << i << "[\"" << mermaidText(node.name.value);
     for (const OutputText& policy : policiesOf(node)) {
       out << "<br>" << policy;
@@ -78,7 +77,7 @@ void printMermaid(Output& out, const ParsedLaunchFile& parsed,
     out << "\"]\n";
   }
   size_t link = 0;
-  for (size_t i = 0; i < parsed.nodes.size(); ++i) {
+  for (size_t i = 0; i < file.nodes.size(); ++i) {
     for (const auto& edge : graph.edgesFrom(i)) {
       out << "  n" << i << " --> n" << edge.to << "\n";
       if (red.count({i, edge.to}) > 0) red_links.push_back(link);
@@ -91,7 +90,7 @@ void printMermaid(Output& out, const ParsedLaunchFile& parsed,
 }
 
 /// Has Graphviz draw the graph on our standard output.
-ExitStatus drawSvg(const Context& context, const ParsedLaunchFile& parsed,
+ExitStatus drawSvg(const Context& context, const LaunchFile& file,
                    const RequiredGraph& graph) {
   if (std::system("command -v dot >/dev/null 2>&1") != 0) {
     context.complain(kNoDot);
@@ -99,7 +98,7 @@ ExitStatus drawSvg(const Context& context, const ParsedLaunchFile& parsed,
   }
   std::ostringstream stream;
   Output out(stream);
-  printDot(out, parsed, graph);
+  printDot(out, file, graph);
   if (!stream) throw std::bad_alloc();  // the stream does not report it
   const std::string text = stream.str();
   standardOutput().flush();
@@ -123,25 +122,25 @@ ExitStatus printGraphOf(const Context& context, const GraphOptions& options) {
     context.complain(error);
     return kUsage;
   }
-  const ParsedLaunchFile parsed = readAsLauncher(*document, ownSurroundings());
-  if (!parsed.loadErrors.empty()) {
+  const LaunchFile file = parseLaunchFile(*document, ownSurroundings());
+  if (!file.loadErrors.empty()) {
     context.complain("the launcher would not load " + options.file + ": " +
-                     parsed.loadErrors[0].exception +
+                     file.loadErrors[0].exception +
                      "; 'vornctl check' tells more");
     return kUsage;
   }
-  const RequiredGraph graph(parsed);
+  const RequiredGraph graph(file);
   Output out = standardOutput();
   switch (options.format) {
     case GraphOptions::Format::MERMAID:
-      printMermaid(out, parsed, graph);
+      printMermaid(out, file, graph);
       return kDone;
     case GraphOptions::Format::SVG:
-      return drawSvg(context, parsed, graph);
+      return drawSvg(context, file, graph);
     case GraphOptions::Format::DOT:
       break;
   }
-  printDot(out, parsed, graph);
+  printDot(out, file, graph);
   return kDone;
 }
 

@@ -34,9 +34,9 @@ ExitStatus showNames(Context& context, char separator) {
     context.complain(error);
     return kUsage;
   }
-  for (const LaunchNode& node : launcher->file.nodes) {
-    standardOutput() << (separator == '\0' ? nulTerminated(node.name)
-                                           : lineFor(node.name));
+  for (const LaunchFile::Node& node : launcher->file.nodes) {
+    standardOutput() << (separator == '\0' ? nulTerminated(node.name.value)
+                                           : lineFor(node.name.value));
   }
   return kDone;
 }

@@ -22,7 +22,8 @@ constexpr size_t kUsualColumns = 7;
 // started, required, policy, uptime, pid.
 const std::vector<size_t> kLeastNeeded = {4, 6, 5, 3, 2};
 
-nlohmann::ordered_json jsonOf(const NodeView& view, const LaunchNode* node) {
+nlohmann::ordered_json jsonOf(const NodeView& view,
+                              const LaunchFile::Node* node) {
   const auto or_null = [](int64_t number) {
     return number == 0 ? nlohmann::ordered_json()
                        : nlohmann::ordered_json(number);
@@ -41,10 +42,10 @@ nlohmann::ordered_json jsonOf(const NodeView& view, const LaunchNode* node) {
                                : nlohmann::ordered_json()},
   };
   if (node != nullptr) {
-    json["policy"] = {{"oneshot", node->oneshot},
-                      {"autostart", node->autostart},
-                      {"disabled", node->disabled}};
-    json["required"] = node->required;
+    json["policy"] = {{"oneshot", node->oneshot.value},
+                      {"autostart", node->autostart.value},
+                      {"disabled", node->disabled.value}};
+    json["required"] = valuesOf(node->required);
     json["executable"] = node->executable;
   }
   return json;

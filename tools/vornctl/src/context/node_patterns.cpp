@@ -30,9 +30,9 @@ std::vector<std::string> selectNodes(const LaunchFile& file,
       continue;
     }
     bool is_matched = false;
-    for (const LaunchNode& node : file.nodes) {
-      if (::fnmatch(argument.c_str(), node.name.c_str(), 0) != 0) continue;
-      wanted.insert(node.name);
+    for (const LaunchFile::Node& node : file.nodes) {
+      if (::fnmatch(argument.c_str(), node.name.value.c_str(), 0) != 0) continue;
+      wanted.insert(node.name.value);
       is_matched = true;
     }
     if (!is_matched) {
@@ -42,9 +42,9 @@ std::vector<std::string> selectNodes(const LaunchFile& file,
     }
   }
   std::vector<std::string> selected;
-  for (const LaunchNode& node : file.nodes) {
-    if (arguments.empty() || wanted.count(node.name) > 0) {
-      selected.push_back(node.name);
+  for (const LaunchFile::Node& node : file.nodes) {
+    if (arguments.empty() || wanted.count(node.name.value) > 0) {
+      selected.push_back(node.name.value);
     }
   }
   selected.insert(selected.end(), strangers.begin(), strangers.end());
@@ -53,7 +53,8 @@ std::vector<std::string> selectNodes(const LaunchFile& file,
 
 std::string nearestName(const LaunchFile& file, const std::string& name) {
   std::vector<std::string> names;
-  for (const LaunchNode& node : file.nodes) names.push_back(node.name);
+  for (const LaunchFile::Node& node : file.nodes)
+    names.push_back(node.name.value);
   return nearestOf(names, name);
 }
 

@@ -2,57 +2,49 @@
 
 #include <algorithm>
 #include <unordered_set>
+#include <utility>
+
+#include "output/text.h"
+#include "vorn/launch_rules.h"
 
 namespace vorn::launch {
-namespace {
 
-LaunchNode nodeFrom(const ParsedNode& parsed) {
-  LaunchNode node;
-  node.name = parsed.name.value;
-  node.executable = parsed.executable;
-  node.disabled = parsed.disabled.value;
-  node.oneshot = parsed.oneshot.value;
-  node.autostart = parsed.autostart.value;
-  node.sleepMs = parsed.sleepMs.value;
-  for (const Text& name : parsed.required) {
-    node.required.push_back(name.value);
-  }
-  return node;
-}
-
-}  // namespace
-
-const LaunchNode* LaunchFile::find(const std::string& name) const {
-  const auto node =
-      std::find_if(nodes.begin(), nodes.end(),
-                   [&](const LaunchNode& each) { return each.name == name; });
+const LaunchFile::Node* LaunchFile::find(const std::string& node_name) const {
+  const auto node = std::find_if(
+      nodes.begin(), nodes.end(),
+      [&](const Node& each) { return each.name.value == node_name; });
   return node == nodes.end() ? nullptr : &*node;
 }
 
-std::optional<LaunchFile> launchFileFrom(
-    const SourceText& document, const LauncherSurroundings& surroundings,
-    std::string& error) {
-  const std::string& path = document.name();
-  ParsedLaunchFile parsed;
-  try {
-    parsed = readAsLauncher(document, surroundings);
-  } catch (const TooLarge& failure) {
-    error = "cannot read the launch file " + path + ": " + failure.what();
-    return std::nullopt;
-  }
-  if (!parsed.loadErrors.empty()) {
-    error = "the launch file " + path +
-            " is wrong: " + parsed.loadErrors.front().exception;
-    return std::nullopt;
-  }
-  LaunchFile file;
+void LaunchFile::removeRepeatedNodes() {
   std::unordered_set<std::string> names;
-  for (const ParsedNode& node : parsed.nodes) {
-    if (names.insert(node.name.value).second) {
-      file.nodes.push_back(nodeFrom(node));
-    }
+  std::vector<Node> first;
+  for (Node& node : nodes) {
+    const bool is_new = names.insert(node.name.value).second;
+    if (is_new) first.push_back(std::move(node));
   }
-  return file;
+  nodes = std::move(first);
+}
+
+std::string nodeNameValue(const std::string& name) {
+  return name + kNodeNameSuffix;
+}
+
+const std::vector<std::string>& nodeKeys() {
+  static const std::vector<std::string> keys = {
+      "path",  "argv",      "disabled", "oneshot",
+      "sleep", "autostart", "required", "environment"};
+  return keys;
+}
+
+bool isNodeKey(const std::string& name) {
+  const auto& keys = nodeKeys();
+  return std::find(keys.begin(), keys.end(), name) != keys.end();
+}
+
+std::string exportedName(const std::string& name) {
+  std::string exported = untilNul(name);
+  return exported.find('=') == std::string::npos ? exported : "";
 }
 
 }  // namespace vorn::launch

@@ -1,40 +1,93 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "launchfile/parser.h"
+#include "launchfile/source_text.h"
+
+// The content of a launch file as the launcher uses it, with the location of
+// each part and every error that terminates the launcher.
 
 namespace vorn::launch {
 
-/// A node as its launch file describes it.
-struct LaunchNode {
-  std::string name;
-  std::string executable;  // as the launcher runs it; may be relative to the
-                           // launcher's working folder
-  bool disabled = false;
-  bool oneshot = false;
-  bool autostart = true;
-  uint32_t sleepMs = 0;  // before each start
-  std::vector<std::string> required;
+/// An exception that terminates the launcher.
+struct LoadError {
+  std::string check;      // its name in the table of diagnostics
+  Place place;            // where the user has to fix it
+  std::string message;    // for users
+  std::string exception;  // as the launcher writes it
 };
 
-/// The nodes of one launch file that can be controlled, in file order: of
-/// several with one name the first alone is within reach.
+/// A variable of an `environment`.
+struct Variable {
+  Text name;
+  Text value;           // "install://" expanded
+  std::string written;  // the value before that
+};
+
+/// A bool or a number of a node; line 0 if the file does not set it.
+template <typename T>
+struct Setting {
+  T value;
+  Place place = {};
+};
+
 struct LaunchFile {
-  std::vector<LaunchNode> nodes;
+  /// A node as the launcher would hold it. After a load error only the parts
+  /// that could be read are set.
+  struct Node {
+    Text name;
+    std::vector<Text> keys;  // of its description, in file order; an empty text
+                             // for a key that is not a scalar
+    Text path;               // as written
+    bool hasPath = false;    // it could be read
+    std::string executable;  // argv[0], with VORN_BIN_PATH; may be relative to
+                             // the launcher's working directory
+    std::vector<Text> argvs;            // the values of `argv` as written
+    std::vector<Text> arguments;        // argv[1] and so on
+    std::vector<Variable> environment;  // after the built-in entry
+    Setting<bool> disabled{false};
+    Setting<bool> oneshot{false};
+    Setting<bool> autostart{true};
+    Setting<uint32_t> sleepMs{0};  // before each start
+    std::vector<Text> required;
+  };
 
-  /// The node of this name; null if there is none. Borrowed.
-  const LaunchNode* find(const std::string& name) const;
+  std::string name;        // of the source text
+  std::vector<Text> keys;  // of the top level, as Node::keys
+  std::vector<Text> configureKeys;
+  std::vector<Variable> environment;  // of `configure`
+  std::vector<Node> nodes;            // in file order
+  std::vector<Node> dropped;          // without a path: only name and keys
+  std::vector<Text> ignored;          // values of a wrong kind that have no
+                                      // effect: their description and location
+  std::vector<LoadError> loadErrors;  // the first one terminates the launcher
+  Place secondDocument;               // line 0: none
+  Text otherLanguage;   // the language of a file that is not a launch file, and
+                        // the location of its first line; otherwise empty
+  std::string binPath;  // VORN_BIN_PATH when the nodes are read
+
+  /// The node that a request with this name controls, the first of that name;
+  /// null if no node has it. Borrowed.
+  const Node* find(const std::string& node_name) const;
+
+  /// Removes the nodes that no request can control, since another node of their
+  /// name is before them.
+  void removeRepeatedNodes();
 };
 
-/// Parses a launch file as a launcher in these surroundings does. Nothing if
-/// the launcher would not load it; `error` is then one sentence with the
-/// reason.
-std::optional<LaunchFile> launchFileFrom(
-    const SourceText& document, const LauncherSurroundings& surroundings,
-    std::string& error);
+/// The value of __VORN_NODE_NAME__ for the node `name`.
+std::string nodeNameValue(const std::string& name);
+
+/// The keys of a node's description.
+const std::vector<std::string>& nodeKeys();
+
+/// Whether a name in 'vornnode' is a key of a node's description.
+bool isNodeKey(const std::string& name);
+
+/// The name that setenv() uses for a variable: up to its first NUL. Empty if
+/// setenv() refuses it.
+std::string exportedName(const std::string& name);
 
 }  // namespace vorn::launch

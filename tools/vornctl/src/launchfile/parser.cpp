@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -14,7 +13,6 @@
 
 #include "launchfile/other_language.h"
 #include "output/text.h"
-#include "vorn/launch_rules.h"
 #include "vornlib/path.h"
 
 namespace vorn::launch {
@@ -139,24 +137,25 @@ class Reader {
       : document_(document), surroundings_(surroundings) {
     variables_[kBinPath] = surroundings.binPath;
     variables_[kRoot] = surroundings.root;
+    file_.name = document.name();
   }
 
-  ParsedLaunchFile read() {
+  LaunchFile read() {
     YAML::Node root;
     try {
       root = YAML::Load(document_.text());
     } catch (const YAML::Exception& failure) {
       addSyntaxFault(failure);
-      parsed_.otherLanguage = otherLanguageOf(document_.text());
-      return std::move(parsed_);
+      file_.otherLanguage = otherLanguageOf(document_.text());
+      return std::move(file_);
     }
     const bool is_list = root.IsSequence();  // a subscript makes a map of it
-    parsed_.secondDocument = secondDocumentIn(root, document_.text());
+    file_.secondDocument = secondDocumentIn(root, document_.text());
     try {
       if (const YAML::Node configure = root["configure"]) {
         readConfigure(configure);
       }
-      parsed_.binPath = variables_[kBinPath];
+      file_.binPath = variables_[kBinPath];
       if (const YAML::Node nodes = root["vornnode"]) readNodes(nodes);
     } catch (const YAML::BadSubscript& failure) {
       addFault("scalar-for-mapping", placeOf(root.Mark()),
@@ -164,11 +163,11 @@ class Reader {
                failure);
     }
     if (is_list) ignore("the file", placeOf(root.Mark()));
-    if (!is_list) parsed_.keys = keysOf(root);
-    if (parsed_.keys.empty()) {
-      parsed_.otherLanguage = otherLanguageOf(document_.text());
+    if (!is_list) file_.keys = keysOf(root);
+    if (file_.keys.empty()) {
+      file_.otherLanguage = otherLanguageOf(document_.text());
     }
-    return std::move(parsed_);
+    return std::move(file_);
   }
 
  private:
@@ -188,7 +187,7 @@ class Reader {
 
   void addFault(const std::string& check, const Place& place,
                 const std::string& message, const YAML::Exception& exception) {
-    parsed_.loadErrors.push_back({check, place, message, exception.what()});
+    file_.loadErrors.push_back({check, place, message, exception.what()});
   }
 
   /// Names a tab in the indentation if it is the cause, as the parser's message
@@ -210,7 +209,7 @@ class Reader {
   }
 
   void ignore(const std::string& what, const Place& place) {
-    parsed_.ignored.push_back({what, place});
+    file_.ignored.push_back({what, place});
   }
 
   /// Where a value stands. A null and an alias are behind their key's colon:
@@ -309,7 +308,7 @@ class Reader {
                exception);
     }
     if (is_list) ignore("'configure'", place);
-    if (!is_list) parsed_.configureKeys = keysOf(configure);
+    if (!is_list) file_.configureKeys = keysOf(configure);
   }
 
   void readGlobalEnvironment(const YAML::Node& environment) {
@@ -321,7 +320,7 @@ class Reader {
                    if (!name.empty()) {
                      variables_[name] = untilNul(variable->value.value);
                    }
-                   parsed_.environment.push_back(std::move(*variable));
+                   file_.environment.push_back(std::move(*variable));
                  });
   }
 
@@ -362,13 +361,13 @@ class Reader {
 
   void readNode(Text name, const YAML::Node& key,
                 const YAML::Node& description) {
-    ParsedNode node;
+    LaunchFile::Node node;
     node.name = counted(std::move(name));
     node.keys = keysOf(description);
     try {
       const YAML::Node path = description["path"];
       if (!path) {
-        parsed_.dropped.push_back(std::move(node));
+        file_.dropped.push_back(std::move(node));
         return;
       }
       readPath(node, description, path);
@@ -393,10 +392,10 @@ class Reader {
       (this->*reader->second)(node, entry.second,
                               valuePlace(entry.first, entry.second));
     }
-    parsed_.nodes.push_back(std::move(node));
+    file_.nodes.push_back(std::move(node));
   }
 
-  void readPath(ParsedNode& node, const YAML::Node& description,
+  void readPath(LaunchFile::Node& node, const YAML::Node& description,
                 const YAML::Node& path) {
     Place place = placeOf(path.Mark());
     for (const auto& entry : description) {
@@ -408,13 +407,14 @@ class Reader {
     node.path = {text.value_or(""), place};
     node.hasPath = text.has_value();
     const bool is_absolute = text && text->rfind('/', 0) == 0;
-    const std::string& folder = parsed_.binPath;
+    const std::string& folder = file_.binPath;
     node.executable = is_absolute || folder.empty()
                           ? node.path.value
                           : folder + '/' + node.path.value;
   }
 
-  void readArgv(ParsedNode& node, const YAML::Node& value, const Place& place) {
+  void readArgv(LaunchFile::Node& node, const YAML::Node& value,
+                const Place& place) {
     const auto text = readText(value, place, "'argv'");
     if (!text) return;
     node.argvs.push_back({*text, place});
@@ -423,17 +423,17 @@ class Reader {
     }
   }
 
-  void readDisabled(ParsedNode& node, const YAML::Node& value,
+  void readDisabled(LaunchFile::Node& node, const YAML::Node& value,
                     const Place& place) {
     readBool(node.disabled, value, place, "disabled");
   }
 
-  void readOneshot(ParsedNode& node, const YAML::Node& value,
+  void readOneshot(LaunchFile::Node& node, const YAML::Node& value,
                    const Place& place) {
     readBool(node.oneshot, value, place, "oneshot");
   }
 
-  void readAutostart(ParsedNode& node, const YAML::Node& value,
+  void readAutostart(LaunchFile::Node& node, const YAML::Node& value,
                      const Place& place) {
     readBool(node.autostart, value, place, "autostart");
   }
@@ -452,7 +452,7 @@ class Reader {
     }
   }
 
-  void readSleep(ParsedNode& node, const YAML::Node& value,
+  void readSleep(LaunchFile::Node& node, const YAML::Node& value,
                  const Place& place) {
     try {
       node.sleepMs = {value.as<unsigned int>(), place};
@@ -467,7 +467,7 @@ class Reader {
     }
   }
 
-  void readEnvironment(ParsedNode& node, const YAML::Node& value,
+  void readEnvironment(LaunchFile::Node& node, const YAML::Node& value,
                        const Place& place) {
     forEachEntry(value, place, "'environment'",
                  [&](const YAML::Node& name, const YAML::Node& text) {
@@ -477,7 +477,7 @@ class Reader {
                  });
   }
 
-  void readRequired(ParsedNode& node, const YAML::Node& value,
+  void readRequired(LaunchFile::Node& node, const YAML::Node& value,
                     const Place& place) {
     node.required.clear();
     if (!value.IsSequence()) {
@@ -499,13 +499,13 @@ class Reader {
     }
   }
 
-  using KeyReader = void (Reader::*)(ParsedNode&, const YAML::Node&,
+  using KeyReader = void (Reader::*)(LaunchFile::Node&, const YAML::Node&,
                                      const Place&);
   static const std::map<std::string, KeyReader> kReaders;
 
   const SourceText& document_;
   const LauncherSurroundings& surroundings_;
-  ParsedLaunchFile parsed_;
+  LaunchFile file_;
   std::map<std::string, std::string> variables_;  // of the launcher
   std::optional<std::string> install_root_;
   size_t values_ = 0;
@@ -529,27 +529,6 @@ std::string ownVariable(const char* name) {
 
 }  // namespace
 
-std::string nodeNameValue(const std::string& name) {
-  return name + kNodeNameSuffix;
-}
-
-std::string exportedName(const std::string& name) {
-  std::string exported = untilNul(name);
-  return exported.find('=') == std::string::npos ? exported : "";
-}
-
-const std::vector<std::string>& nodeKeys() {
-  static const std::vector<std::string> keys = {
-      "path",  "argv",      "disabled", "oneshot",
-      "sleep", "autostart", "required", "environment"};
-  return keys;
-}
-
-bool isNodeKey(const std::string& name) {
-  const auto& keys = nodeKeys();
-  return std::find(keys.begin(), keys.end(), name) != keys.end();
-}
-
 LauncherSurroundings ownSurroundings() {
   std::error_code error;
   const auto executable =
@@ -558,9 +537,29 @@ LauncherSurroundings ownSurroundings() {
           executable.parent_path().parent_path().string()};
 }
 
-ParsedLaunchFile readAsLauncher(const SourceText& document,
-                                const LauncherSurroundings& surroundings) {
+LaunchFile parseLaunchFile(const SourceText& document,
+                           const LauncherSurroundings& surroundings) {
   return Reader(document, surroundings).read();
+}
+
+std::optional<LaunchFile> loadLaunchFile(
+    const SourceText& document, const LauncherSurroundings& surroundings,
+    std::string& error) {
+  LaunchFile file;
+  try {
+    file = parseLaunchFile(document, surroundings);
+  } catch (const TooLarge& failure) {
+    error = "cannot read the launch file " + document.name() + ": " +
+            failure.what();
+    return std::nullopt;
+  }
+  if (!file.loadErrors.empty()) {
+    error = "the launch file " + document.name() +
+            " is wrong: " + file.loadErrors.front().exception;
+    return std::nullopt;
+  }
+  file.removeRepeatedNodes();
+  return file;
 }
 
 }  // namespace vorn::launch

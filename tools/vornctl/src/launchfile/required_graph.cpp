@@ -24,16 +24,14 @@ uint32_t effectiveSleepMs(uint32_t sleep_ms) {
   return sleep_ms * kMicrosecondsPerMillisecond / kMicrosecondsPerMillisecond;
 }
 
-RequiredGraph::RequiredGraph(const ParsedLaunchFile& parsed)
-    : parsed_(parsed),
-      edges_(parsed.nodes.size()),
-      is_in_cycle_(parsed.nodes.size()) {
+RequiredGraph::RequiredGraph(const LaunchFile& file)
+    : file_(file), edges_(file.nodes.size()), is_in_cycle_(file.nodes.size()) {
   std::unordered_map<std::string, size_t> index;
-  for (size_t i = 0; i < parsed.nodes.size(); ++i) {
-    index.emplace(parsed.nodes[i].name.value, i);
+  for (size_t i = 0; i < file.nodes.size(); ++i) {
+    index.emplace(file.nodes[i].name.value, i);
   }
-  for (size_t i = 0; i < parsed.nodes.size(); ++i) {
-    const ParsedNode& node = parsed.nodes[i];
+  for (size_t i = 0; i < file.nodes.size(); ++i) {
+    const LaunchFile::Node& node = file.nodes[i];
     for (const Text& name : node.required) {
       const auto found = index.find(name.value);
       if (found == index.end() || name.value == node.name.value) continue;
@@ -115,7 +113,7 @@ RequiredGraph::Cascade RequiredGraph::cascadeOf(
   Cascade sum{1, per_stop};
   for (const Edge& edge : edges) {
     if (running_above != kNone && edge.to <= running_above) break;
-    const ParsedNode& other = parsed_.nodes[edge.to];
+    const LaunchFile::Node& other = file_.nodes[edge.to];
     sum.stops += others[edge.to]->stops;
     sum.duration += others[edge.to]->duration + kStopPause;
     if (!other.oneshot.value) {

@@ -5,7 +5,7 @@
 #include <optional>
 #include <vector>
 
-#include "launchfile/parser.h"
+#include "launchfile/launch_file.h"
 
 namespace vorn::launch {
 
@@ -37,8 +37,8 @@ class RequiredGraph {
     std::chrono::milliseconds duration{0};
   };
 
-  /// `parsed` must live as long as the graph.
-  explicit RequiredGraph(const ParsedLaunchFile& parsed);
+  /// `file` must live as long as the graph.
+  explicit RequiredGraph(const LaunchFile& file);
 
   const std::vector<Edge>& edgesFrom(size_t node) const { return edges_[node]; }
 
@@ -81,7 +81,7 @@ class RequiredGraph {
   bool reachesCycle(size_t node,
                     const std::vector<std::optional<Cascade>>& others) const;
 
-  const ParsedLaunchFile& parsed_;
+  const LaunchFile& file_;
   std::vector<std::vector<Edge>> edges_;
   std::vector<std::vector<Step>> cycles_;
   size_t cycle_steps_ = 0;  // in all cycles_

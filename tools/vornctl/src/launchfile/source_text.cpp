@@ -43,6 +43,13 @@ std::string readAll(int fd, std::string& text) {
 
 }  // namespace
 
+std::vector<std::string> valuesOf(const std::vector<Text>& texts) {
+  std::vector<std::string> values;
+  values.reserve(texts.size());
+  for (const Text& text : texts) values.push_back(text.value);
+  return values;
+}
+
 std::vector<std::string> split(const std::string& text, char separator) {
   std::vector<std::string> parts;
   size_t begin = 0;

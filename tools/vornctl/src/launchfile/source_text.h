@@ -27,6 +27,9 @@ struct Text {
   Place place;
 };
 
+/// The values of these texts.
+std::vector<std::string> valuesOf(const std::vector<Text>& texts);
+
 /// The text of a launch file and its lines.
 class SourceText {
  public:

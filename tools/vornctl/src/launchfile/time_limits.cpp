@@ -20,13 +20,13 @@ class Estimate {
   explicit Estimate(const LaunchFile& file) : file_(file) {}
 
   milliseconds ofStop(const std::string& name) {
-    const LaunchNode* const node = file_.find(name);
+    const LaunchFile::Node* const node = file_.find(name);
     milliseconds sum = kLongestStop;
     // The paths multiply: what is out of all bounds need not be walked.
     if (++stops_ > kLongest / kLongestStop) return kLongest;
     // A node on the way here is no new stop.
     if (node == nullptr || !on_path_.insert(name).second) return sum;
-    for (const std::string& other : node->required) {
+    for (const std::string& other : valuesOf(node->required)) {
       if (other == name || file_.find(other) == nullptr) continue;
       sum += ofStop(other) + kStopPause + sleepOf(other);
       if (sum > kLongest) break;
@@ -36,8 +36,9 @@ class Estimate {
   }
 
   milliseconds sleepOf(const std::string& name) const {
-    const LaunchNode* const node = file_.find(name);
-    return milliseconds(node == nullptr ? 0 : effectiveSleepMs(node->sleepMs));
+    const LaunchFile::Node* const node = file_.find(name);
+    return milliseconds(
+        node == nullptr ? 0 : effectiveSleepMs(node->sleepMs.value));
   }
 
  private:

@@ -13,6 +13,7 @@
 #include <iterator>
 #include <sstream>
 
+#include "launchfile/parser.h"
 #include "live/launcher_file.h"
 #include "live/proc_file.h"
 #include "system/descriptor.h"
@@ -249,7 +250,7 @@ std::optional<LauncherProcess> inspectLauncher(pid_t pid,
   const bool is_ours = !launch_file.empty();
   const auto document =
       is_ours ? readOurs(launcher, error) : readItsArgument(launcher, error);
-  auto file = document ? launchFileFrom(*document, surroundingsOf(pid), error)
+  auto file = document ? loadLaunchFile(*document, surroundingsOf(pid), error)
                        : std::nullopt;
   if (!file) {
     if (!is_ours) error += kHowToName;
@@ -260,7 +261,7 @@ std::optional<LauncherProcess> inspectLauncher(pid_t pid,
 }
 
 std::optional<bool> executableExists(const LauncherProcess& launcher,
-                                     const LaunchNode& node) {
+                                     const LaunchFile::Node& node) {
   if (launcher.pid == 0 || node.executable.empty() || !launcher.root) {
     return std::nullopt;
   }

@@ -42,7 +42,7 @@ std::optional<LauncherProcess> inspectLauncher(pid_t pid,
 /// Whether the executable of `node` is there, as the launcher sees it. Nothing
 /// if that cannot be known.
 std::optional<bool> executableExists(const LauncherProcess& launcher,
-                                     const LaunchNode& node);
+                                     const LaunchFile::Node& node);
 
 /// The launcher's children, zombies included, in no particular order. Nothing
 /// if they cannot be known.

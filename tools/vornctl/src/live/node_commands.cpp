@@ -10,13 +10,13 @@ using Cmd = ControlRequest::Cmd;
 std::string explainDisabled(const LauncherProcess& launcher,
                             const std::string& name,
                             const StatusReply& status) {
-  const LaunchNode* const node = launcher.file.find(name);
+  const LaunchFile::Node* const node = launcher.file.find(name);
   const std::string remedy = "vornctl enable --now " + shellArgument(name);
   if (node != nullptr && executableExists(launcher, *node) == false) {
     return "its executable " + node->executable +
            " is missing, so it was disabled; install it, then run: " + remedy;
   }
-  if (node != nullptr && node->oneshot && status.startSeconds != 0) {
+  if (node != nullptr && node->oneshot.value && status.startSeconds != 0) {
     return "it is a oneshot and has run; run it again with: " + remedy;
   }
   return "it is disabled; start it with: " + remedy;
@@ -24,12 +24,12 @@ std::string explainDisabled(const LauncherProcess& launcher,
 
 /// Whether the node could be started before it was enabled. The state DISABLED
 /// stays after an enable, and does not say.
-bool wasEnabled(const LaunchNode* node, const StatusReply& before) {
+bool wasEnabled(const LaunchFile::Node* node, const StatusReply& before) {
   if (before.state != NodeState::STOPPED) {
     return before.state != NodeState::DISABLED;
   }
   const bool was_started = before.startSeconds != 0;
-  return was_started || (node != nullptr && !node->disabled);
+  return was_started || (node != nullptr && !node->disabled.value);
 }
 
 std::string runningWith(pid_t pid) {
@@ -122,7 +122,7 @@ std::string explainFailure(ControlClient& client,
   }
   const StatusReply status = client.status(name);
   if (!status.isDone()) return kSeeLog;
-  const LaunchNode* const node = launcher.file.find(name);
+  const LaunchFile::Node* const node = launcher.file.find(name);
   if (status.state == NodeState::DISABLED) {
     return explainDisabled(launcher, name, status);
   }
@@ -130,7 +130,7 @@ std::string explainFailure(ControlClient& client,
     return std::string("its process could not be signalled and runs on; ") +
            kSeeLog;
   }
-  if (status.startSeconds == 0 && node != nullptr && !node->autostart) {
+  if (status.startSeconds == 0 && node != nullptr && !node->autostart.value) {
     return "its first start is skipped by 'autostart: false'; start it again";
   }
   return std::string("no process could be made; ") + kSeeLog;

@@ -27,16 +27,17 @@ Condition conditionOf(const LauncherProcess& launcher,
   return Condition::UNKNOWN_NODE;
 }
 
-std::string policyOf(const LaunchNode& node) {
-  if (node.oneshot) return node.autostart ? "oneshot" : "manual+oneshot";
-  return node.autostart ? "restart" : "manual";
+std::string policyOf(const LaunchFile::Node& node) {
+  if (node.oneshot.value)
+    return node.autostart.value ? "oneshot" : "manual+oneshot";
+  return node.autostart.value ? "restart" : "manual";
 }
 
-std::string joined(const std::vector<std::string>& names) {
+std::string joined(const std::vector<Text>& names) {
   std::string text;
-  for (const std::string& name : names) {
+  for (const Text& name : names) {
     if (!text.empty()) text += ' ';
-    text += name;
+    text += name.value;
   }
   return text;
 }
@@ -47,12 +48,12 @@ NodeView viewOf(const LauncherProcess& launcher, const std::string& name,
                 const StatusReply& status, int64_t now) {
   NodeView view;
   view.name = name;
-  if (const LaunchNode* const node = launcher.file.find(name)) {
+  if (const LaunchFile::Node* const node = launcher.file.find(name)) {
     view.policy = policyOf(*node);
     view.required = joined(node->required);
     view.executable = node->executable;
     // A oneshot that has run is disabled as well, without a failure.
-    const bool has_run = node->oneshot && status.startSeconds != 0;
+    const bool has_run = node->oneshot.value && status.startSeconds != 0;
     view.isExecutableMissing =
         status.isDone() && status.state == NodeState::DISABLED && !has_run &&
         executableExists(launcher, *node) == false;
