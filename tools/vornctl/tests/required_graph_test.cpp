@@ -9,6 +9,7 @@
 namespace vorn::launch {
 namespace {
 
+using Cmd = ControlRequest::Cmd;
 using std::chrono::hours;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
@@ -47,8 +48,13 @@ std::vector<std::vector<size_t>> cyclesIn(const LaunchFile& file) {
   return cycles;
 }
 
-std::optional<RequiredGraph::Cascade> cascadeOfFirst(const LaunchFile& file) {
+RequiredGraph::Cascade cascadeOfFirst(const LaunchFile& file) {
   return RequiredGraph(file).cascades().at(0);
+}
+
+milliseconds longestDuration(const LaunchFile& file, Cmd cmd,
+                             const std::string& node) {
+  return RequiredGraph(file).longestDuration(cmd, node);
 }
 
 TEST(EffectiveSleepTest, WrapsAround32BitsOfMicroseconds) {
@@ -58,7 +64,7 @@ TEST(EffectiveSleepTest, WrapsAround32BitsOfMicroseconds) {
   EXPECT_EQ(effectiveSleepMs(4'295'968), 1000U);
 }
 
-TEST(RequiredGraphTest, HasNoEdgeToTheNodeItselfOrToNobody) {
+TEST(RequiredGraphTest, HasNoEdgeToTheNodeItselfOrToAnUnknownNode) {
   const LaunchFile file =
       readingOf({nodeOf("a", {"a", "x", "b", "b"}), nodeOf("b", {})});
   const RequiredGraph graph(file);
@@ -112,7 +118,9 @@ TEST(RequiredGraphTest, KeepsAMillionEdgesOfCyclesAndKnowsAllNodesInThem) {
   size_t edges = 0;
   for (const auto& cycle : graph.cycles()) edges += cycle.size();
   EXPECT_LE(edges, 1'000'000U + kNodes);
-  for (const auto& cascade : graph.cascades()) EXPECT_FALSE(cascade);
+  for (const auto& cascade : graph.cascades()) {
+    EXPECT_TRUE(cascade.isEndless);
+  }
 }
 
 TEST(RequiredGraphTest, FollowsAChainHoweverLong) {
@@ -124,38 +132,38 @@ TEST(RequiredGraphTest, FollowsAChainHoweverLong) {
   }
   const LaunchFile file = readingOf(std::move(nodes));
   EXPECT_THAT(cyclesIn(file), IsEmpty());
-  EXPECT_EQ(cascadeOfFirst(file)->stops, kNodes);
+  EXPECT_EQ(cascadeOfFirst(file).stops, kNodes);
 }
 
 TEST(CascadeTest, IsOneStopForANodeThatRequiresNone) {
   const auto cascade = cascadeOfFirst(readingOf({nodeOf("a", {}, 700)}));
-  EXPECT_EQ(cascade->stops, 1);
-  EXPECT_EQ(cascade->duration, seconds(10));
+  EXPECT_EQ(cascade.stops, 1);
+  EXPECT_EQ(cascade.duration, seconds(10));
 }
 
 TEST(CascadeTest, CountsEveryPathWithPausesAndDelays) {
   const auto cascade =
       cascadeOfFirst(readingOf({nodeOf("a", {"b", "c"}), nodeOf("b", {"d"}),
                                 nodeOf("c", {"d"}), nodeOf("d", {}, 300)}));
-  EXPECT_EQ(cascade->stops, 5);
-  EXPECT_EQ(cascade->duration,
+  EXPECT_EQ(cascade.stops, 5);
+  EXPECT_EQ(cascade.duration,
             seconds(50) + 4 * milliseconds(200) + 2 * milliseconds(300));
 }
 
 TEST(CascadeTest, DoesNotStartAOneshotAgain) {
   const auto cascade = cascadeOfFirst(
       readingOf({nodeOf("a", {"b"}), nodeOf("b", {}, 300, true)}));
-  EXPECT_EQ(cascade->duration, milliseconds(20'200));
+  EXPECT_EQ(cascade.duration, milliseconds(20'200));
 }
 
-TEST(CascadeTest, IsUnknownForANodeThatReachesACycleAlone) {
+TEST(CascadeTest, IsEndlessOnlyForANodeThatReachesACycle) {
   const LaunchFile file = readingOf({nodeOf("a", {"b"}), nodeOf("b", {"c"}),
                                      nodeOf("c", {"b"}), nodeOf("d", {})});
   const auto cascades = RequiredGraph(file).cascades();
-  EXPECT_FALSE(cascades[0]);
-  EXPECT_FALSE(cascades[1]);
-  EXPECT_FALSE(cascades[2]);
-  EXPECT_TRUE(cascades[3]);
+  EXPECT_TRUE(cascades[0].isEndless);
+  EXPECT_TRUE(cascades[1].isEndless);
+  EXPECT_TRUE(cascades[2].isEndless);
+  EXPECT_FALSE(cascades[3].isEndless);
 }
 
 TEST(CascadeTest, IsAYearAtMostHoweverThePathsMultiply) {
@@ -165,21 +173,20 @@ TEST(CascadeTest, IsAYearAtMostHoweverThePathsMultiply) {
     const std::string next = std::to_string(i + 1);
     nodes.push_back(nodeOf(std::to_string(i), {next, next}));
   }
-  EXPECT_EQ(cascadeOfFirst(readingOf(std::move(nodes)))->duration,
+  EXPECT_EQ(cascadeOfFirst(readingOf(std::move(nodes))).duration,
             hours(24 * 365));
 }
 
 TEST(StopOfAllTest, AddsTheStopsOfAllNodes) {
   const LaunchFile file = readingOf({nodeOf("a", {}, 5), nodeOf("b", {})});
-  EXPECT_EQ(RequiredGraph(file).stopOfAll(seconds(11)), seconds(22));
+  EXPECT_EQ(RequiredGraph(file).stopOfAll(), seconds(22));
 }
 
 TEST(StopOfAllTest, RestartsRequiredNodesThatAreNotStoppedYet) {
   const LaunchFile file = readingOf(
       {nodeOf("b", {}), nodeOf("a", {"b", "c"}), nodeOf("c", {}, 100)});
   // b, a, c for a with its pause and delay, c.
-  EXPECT_EQ(RequiredGraph(file).stopOfAll(seconds(10)),
-            seconds(40) + milliseconds(300));
+  EXPECT_EQ(RequiredGraph(file).stopOfAll(), seconds(44) + milliseconds(300));
 }
 
 TEST(StopOfAllTest, IsAYearAtMostForAChainHoweverLong) {
@@ -190,12 +197,68 @@ TEST(StopOfAllTest, IsAYearAtMostForAChainHoweverLong) {
     nodes.push_back(nodeOf(std::to_string(i), {std::to_string(i + 1)}));
   }
   const LaunchFile file = readingOf(std::move(nodes));
-  EXPECT_EQ(RequiredGraph(file).stopOfAll(seconds(11)), hours(24 * 365));
+  EXPECT_EQ(RequiredGraph(file).stopOfAll(), hours(24 * 365));
 }
 
 TEST(StopOfAllTest, NeverEndsWithACycle) {
   const LaunchFile file = readingOf({nodeOf("a", {"b"}), nodeOf("b", {"a"})});
-  EXPECT_FALSE(RequiredGraph(file).stopOfAll(seconds(10)));
+  EXPECT_FALSE(RequiredGraph(file).stopOfAll());
+}
+
+TEST(LongestDurationTest, OfAStopIsTenSeconds) {
+  EXPECT_EQ(longestDuration(readingOf({nodeOf("a", {}, 700)}), Cmd::STOP, "a"),
+            seconds(10));
+  EXPECT_EQ(
+      longestDuration(readingOf({nodeOf("a", {}, 700)}), Cmd::DISABLE, "a"),
+      seconds(10));
+}
+
+TEST(LongestDurationTest, OfAStartIsTheNodesSleep) {
+  EXPECT_EQ(
+      longestDuration(readingOf({nodeOf("a", {"a"}, 700)}), Cmd::START, "a"),
+      milliseconds(700));
+}
+
+TEST(LongestDurationTest, OfARestartHasAStopAPauseAndTheSleep) {
+  EXPECT_EQ(
+      longestDuration(readingOf({nodeOf("a", {}, 700)}), Cmd::RESTART, "a"),
+      milliseconds(10'900));
+}
+
+TEST(LongestDurationTest, OfStatusAndEnableIsNothing) {
+  EXPECT_EQ(
+      longestDuration(readingOf({nodeOf("a", {}, 700)}), Cmd::STATUS, "a"),
+      seconds(0));
+  EXPECT_EQ(
+      longestDuration(readingOf({nodeOf("a", {}, 700)}), Cmd::ENABLE, "a"),
+      seconds(0));
+}
+
+TEST(LongestDurationTest, FollowsACycleOnce) {
+  const LaunchFile file = readingOf({nodeOf("a", {"b"}), nodeOf("b", {"a"})});
+  EXPECT_EQ(longestDuration(file, Cmd::STOP, "a"), milliseconds(30'400));
+}
+
+TEST(LongestDurationTest, IsADayAtMostHoweverThePathsMultiply) {
+  LaunchFile file;
+  for (int i = 0; i < 60; ++i) {
+    const std::string next = std::to_string(i + 1);
+    file.nodes.push_back(nodeOf(std::to_string(i), {next, next}));
+  }
+  EXPECT_EQ(longestDuration(file, Cmd::STOP, "0"), hours(24));
+}
+
+TEST(LongestDurationTest, OfAnUnknownNodeIsThatOfAPlainOne) {
+  EXPECT_EQ(longestDuration({}, Cmd::STOP, "a"), seconds(10));
+}
+
+TEST(DefaultReplyLimitTest, IsTwiceTheLongestDurationAndHalfAMinute) {
+  EXPECT_EQ(
+      RequiredGraph(readingOf({nodeOf("a", {})})).replyLimit(Cmd::STOP, "a"),
+      seconds(50));
+  EXPECT_EQ(
+      RequiredGraph(readingOf({nodeOf("a", {})})).replyLimit(Cmd::STATUS, "a"),
+      seconds(30));
 }
 
 }  // namespace

@@ -89,12 +89,12 @@ void checkCycles(const LaunchFile& file, const RequiredGraph& graph,
 
 void checkCascades(const LaunchFile& file, const RequiredGraph& graph,
                    Diagnostics& diagnostics) {
-  const auto cascades = graph.cascades();
+  const auto& cascades = graph.cascades();
   const auto is_long = [&](size_t node) {
-    return cascades[node] && (cascades[node]->duration > kLongStop ||
-                              cascades[node]->stops > kManyStops);
+    return !cascades[node].isEndless && (cascades[node].duration > kLongStop ||
+                                         cascades[node].stops > kManyStops);
   };
-  // A node that a long one requires needs no word of its own.
+  // The diagnostic of a node covers the nodes that it requires.
   std::set<size_t> covered;
   for (size_t i = 0; i < cascades.size(); ++i) {
     if (!is_long(i)) continue;
@@ -103,10 +103,10 @@ void checkCascades(const LaunchFile& file, const RequiredGraph& graph,
   for (size_t i = 0; i < cascades.size(); ++i) {
     if (!is_long(i) || covered.count(i) > 0) continue;
     const auto seconds =
-        std::chrono::duration_cast<std::chrono::seconds>(cascades[i]->duration);
+        std::chrono::duration_cast<std::chrono::seconds>(cascades[i].duration);
     diagnostics.add("long-stop", file.nodes[i].required.front().place,
                     "to stop '" + file.nodes[i].name.value + "' may take " +
-                        std::to_string(cascades[i]->stops) + " stops and " +
+                        std::to_string(cascades[i].stops) + " stops and " +
                         std::to_string(seconds.count()) +
                         " s, by the nodes it requires and those that they "
                         "require; meanwhile the launcher does nothing else");

@@ -16,8 +16,6 @@ using Json = nlohmann::ordered_json;
 
 // Grows when a member changes its meaning or goes; not when one is added.
 constexpr int kResolvedSchema = 1;
-// A stop runs `ps` a hundred times between its pauses.
-constexpr auto kLongestStopWithChecks = kLongestStop + std::chrono::seconds(1);
 
 /// A variable of a node's environment and its source.
 struct Given {
@@ -219,8 +217,7 @@ void printTimeline(Output& out, const LaunchFile& file) {
 }
 
 void printStopTimeout(Output& out, const LaunchFile& file) {
-  const RequiredGraph graph(file);
-  const auto duration = graph.stopOfAll(kLongestStopWithChecks);
+  const auto duration = RequiredGraph(file).stopOfAll();
   if (!duration) {
     out << "never\n";
     return;

@@ -4,9 +4,10 @@
 
 #include <algorithm>
 #include <iostream>
+#include <optional>
 
 #include "context/targets.h"
-#include "launchfile/time_limits.h"
+#include "launchfile/required_graph.h"
 #include "live/node_commands.h"
 #include "output/output.h"
 
@@ -33,6 +34,7 @@ class Action {
     subjects_ = findTargets(session_, options_.nodes);
     if (subjects_.status == kUnknown) return kTimedOut;  // before the command
     if (subjects_.status != kDone) return subjects_.status;
+    if (subjects_.isFileKnown) graph_.emplace(subjects_.launcher.file);
     names_ = subjects_.names;
     if (options_.isAll && !mayActOnAll()) return kUsage;
     if (options_.cmd == Cmd::STOP || options_.cmd == Cmd::DISABLE) {
@@ -84,8 +86,7 @@ class Action {
   }
 
   milliseconds replyLimit(const std::string& name, Cmd cmd) const {
-    if (!subjects_.isFileKnown) return ControlOptions().replyLimit;
-    return defaultReplyLimit(subjects_.launcher.file, cmd, name);
+    return graph_ ? graph_->replyLimit(cmd, name) : ControlOptions().replyLimit;
   }
 
   void report(const std::string& name, Cmd cmd,
@@ -130,6 +131,7 @@ class Action {
   Context& session_;
   const ActOptions& options_;
   Targets subjects_;
+  std::optional<RequiredGraph> graph_;  // of the launch file if that is known
   std::vector<std::string> names_;  // in the order in which they are acted on
 };
 

@@ -15,7 +15,7 @@
 #include <optional>
 
 #include "context/targets.h"
-#include "launchfile/time_limits.h"
+#include "launchfile/required_graph.h"
 #include "live/node_cells.h"
 #include "live/node_commands.h"
 #include "live/node_status.h"
@@ -122,6 +122,7 @@ class Top {
   Top(Context& context, const Targets& targets, const Screen& screen)
       : session_(context),
         launcher_(targets.launcher),
+        graph_(targets.launcher.file),
         screen_(screen),
         watcher_(context.client(NodeWatcher::kReplyLimit),
                  context.settings().cancelFd, targets.launcher, targets.names) {
@@ -262,7 +263,7 @@ class Top {
     const std::string& name = watcher_.names()[chosen_];
     const OperationWords words = wordsFor(cmd);
     ControlOptions options =
-        session_.client(defaultReplyLimit(launcher_.file, cmd, name)).options();
+        session_.client(graph_.replyLimit(cmd, name)).options();
     options.onWait = [&](milliseconds elapsed) {
       message_ = std::string(words.doing) + ' ' + name + ' ' +
                  std::to_string(elapsed.count() / 1000) +
@@ -431,6 +432,7 @@ class Top {
 
   Context& session_;
   const LauncherProcess& launcher_;
+  const RequiredGraph graph_;
   const Screen& screen_;
   NodeWatcher watcher_;
   bool is_known_ = false;  // the launcher has answered for every node

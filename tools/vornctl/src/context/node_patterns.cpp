@@ -31,7 +31,8 @@ std::vector<std::string> selectNodes(const LaunchFile& file,
     }
     bool is_matched = false;
     for (const LaunchFile::Node& node : file.nodes) {
-      if (::fnmatch(argument.c_str(), node.name.value.c_str(), 0) != 0) continue;
+      if (::fnmatch(argument.c_str(), node.name.value.c_str(), 0) != 0)
+        continue;
       wanted.insert(node.name.value);
       is_matched = true;
     }

@@ -3,22 +3,25 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "launchfile/launch_file.h"
+#include "vorn/control_protocol.h"
 
 namespace vorn::launch {
 
-/// How long the launcher really sleeps for a `sleep`: it counts microseconds in
-/// 32 bits.
+/// The time that the launcher sleeps for this `sleep`, which it converts to
+/// microseconds in 32 bits.
 uint32_t effectiveSleepMs(uint32_t sleep_ms);
 
-/// The nodes of a launch file, by their index in it, and the restarts that a
-/// stop of one brings to others.
+/// The nodes of a launch file, by their index in it; the restarts of others
+/// that the stop of one causes, and the time that the launcher needs for it.
 class RequiredGraph {
  public:
-  /// One node in the `required` of another. A node's own name and names of
-  /// nobody are none; a name given twice is two.
+  /// One node in the `required` of another. A node's own name and unknown names
+  /// are not edges; a name that is given twice is two edges.
   struct Edge {
     size_t to = 0;
     Place place;  // of the name
@@ -30,14 +33,16 @@ class RequiredGraph {
     Edge edge;
   };
 
-  /// What one stop brings with it, itself included, if all nodes run and none
-  /// ends before it is killed.
+  /// The stops that one stop causes, itself included, if all nodes run and each
+  /// of them has to be killed.
   struct Cascade {
     int64_t stops = 0;
-    std::chrono::milliseconds duration{0};
+    std::chrono::milliseconds duration{0};  // at most a year
+    bool isEndless = false;  // reaches a cycle, which the values above follow
+                             // only once
   };
 
-  /// `file` must live as long as the graph.
+  /// Borrows `file`.
   explicit RequiredGraph(const LaunchFile& file);
 
   const std::vector<Edge>& edgesFrom(size_t node) const { return edges_[node]; }
@@ -47,14 +52,23 @@ class RequiredGraph {
   /// have more than a million edges.
   const std::vector<std::vector<Step>>& cycles() const { return cycles_; }
 
-  /// By node; nothing for one whose stop may never end, by a cycle. At most a
-  /// year.
-  std::vector<std::optional<Cascade>> cascades() const;
+  /// The cascade of each node.
+  const std::vector<Cascade>& cascades() const { return cascades_; }
 
-  /// How long the launcher may take to exit after SIGTERM, with `per_stop`, at
-  /// least 10 s, for each stop. At most a year. Nothing if it may never exit.
-  std::optional<std::chrono::milliseconds> stopOfAll(
-      std::chrono::milliseconds per_stop) const;
+  /// The time after SIGTERM in which the launcher exits. At most a year.
+  /// Nothing if it may never exit.
+  std::optional<std::chrono::milliseconds> stopOfAll() const;
+
+  /// The longest time that the launcher is busy with this command on this node,
+  /// according to the launch file. At most a day.
+  std::chrono::milliseconds longestDuration(ControlRequest::Cmd cmd,
+                                            const std::string& name) const;
+
+  /// The default time to wait for the reply: twice the longest duration, and
+  /// half a minute for the work that the launcher does when the request
+  /// arrives.
+  std::chrono::milliseconds replyLimit(ControlRequest::Cmd cmd,
+                                       const std::string& name) const;
 
  private:
   struct Visit {
@@ -77,16 +91,20 @@ class RequiredGraph {
   void addCycle(Search& search, const Step& back);
   Cascade cascadeOf(const std::vector<Edge>& edges, size_t running_above,
                     std::chrono::milliseconds per_stop,
-                    const std::vector<std::optional<Cascade>>& others) const;
-  bool reachesCycle(size_t node,
-                    const std::vector<std::optional<Cascade>>& others) const;
+                    const std::vector<Cascade>& others) const;
+  std::vector<size_t> runningFrom(size_t node,
+                                  const std::vector<std::vector<Edge>>& edges,
+                                  std::vector<size_t>& reached_from) const;
 
   const LaunchFile& file_;
+  std::unordered_map<std::string, size_t> index_;  // of each name
   std::vector<std::vector<Edge>> edges_;
   std::vector<std::vector<Step>> cycles_;
   size_t cycle_steps_ = 0;  // in all cycles_
   std::vector<bool> is_in_cycle_;
   std::vector<size_t> order_;  // required nodes before those that require them
+  std::vector<size_t> rank_;   // by node: its position in order_
+  std::vector<Cascade> cascades_;
 };
 
 }  // namespace vorn::launch
