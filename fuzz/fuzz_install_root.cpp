@@ -12,6 +12,7 @@
 #include "support/input.h"
 #include "support/library_calls.h"
 #include "support/log.h"
+#include "vornlib/install_root.h"
 #include "vornlib/path.h"
 
 namespace {

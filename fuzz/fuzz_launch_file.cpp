@@ -17,6 +17,7 @@
 #include "support/check.h"
 #include "support/log.h"
 #include "support/registry.h"
+#include "vornlib/install_root.h"
 #include "vornlib/path.h"
 
 namespace {

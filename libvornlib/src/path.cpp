@@ -4,36 +4,23 @@
 #include <filesystem>
 #include <system_error>
 
+#include "vornlib/install_root.h"
 #include "vornlib/trace.h"
 
 namespace vorn::path {
 namespace {
 
-// Between two slashes this would be the prefix anew, so a root with less than
-// the whole prefix in it is refused.
-constexpr std::string_view kRefused = "install:";
-static_assert(kInstallPrefix.substr(0, kRefused.size()) == kRefused);
-// The executable's root has no two slashes together. It needs this to complete
-// prefixes, and then their number doubles with each slash behind one.
-constexpr std::string_view kRefusedTwice = "install:/install:";
-
-std::string withoutTrailingSlashes(std::string path) {
-  while (!path.empty() && path.back() == '/') path.pop_back();
-  return path;
-}
-
-/// The parent of the directory that holds the running executable; the root
-/// directory where /proc cannot tell or the expansion would not come to an end.
+/// The parent of the directory that contains the running executable; the root
+/// directory if /proc does not show it or the expansion would not end.
 std::string executableRoot() {
   std::error_code error;
   const auto executable =
       std::filesystem::read_symlink("/proc/self/exe", error);
-  std::string folder =
-      withoutTrailingSlashes(executable.parent_path().parent_path());
-  if (folder.find(kRefusedTwice) == std::string::npos) return folder;
+  const std::string directory = executable.parent_path().parent_path();
+  if (auto root = rootFromExecutable(directory)) return *std::move(root);
   vtrace(kWarn, __FILE__, __LINE__, "root", kPlain,
          "The executable's root '%s' contains install:/install:, using /",
-         folder.c_str());
+         directory.c_str());
   return "";
 }
 
@@ -41,9 +28,7 @@ std::string executableRoot() {
 
 std::string rootFor(const char* chosen) {
   if (chosen == nullptr || *chosen == '\0') return executableRoot();
-  if (std::string_view(chosen).find(kRefused) == std::string_view::npos) {
-    return withoutTrailingSlashes(chosen);
-  }
+  if (auto root = rootFromVariable(chosen)) return *std::move(root);
   vtrace(kWarn, __FILE__, __LINE__, "root", kPlain,
          "VORN_ROOT '%s' contains install:, using the executable's root",
          chosen);

@@ -8,6 +8,7 @@
 #include "config.h"
 #include "node_manager.h"
 #include "vorn/launch_rules.h"
+#include "vornlib/install_root.h"
 #include "vornlib/path.h"
 #include "vornlib/time.h"
 #include "vornlib/trace.h"
@@ -93,15 +94,7 @@ void readRequired(const std::unique_ptr<Node>& node, const YAML::Node& value) {
 }  // namespace
 
 std::string expandInstallRoot(std::string value) {
-  // KEEP: nine of the prefix's ten characters are replaced; its last slash
-  // stays and separates the root, which ends without one, from the rest.
-  // Test: InstallRoot.ReplacesThePrefixUpToItsLastSlash
-  constexpr size_t kReplaced = path::kInstallPrefix.size() - 1;
-  for (size_t found = value.find(path::kInstallPrefix);
-       found != std::string::npos; found = value.find(path::kInstallPrefix)) {
-    value.replace(found, kReplaced, path::root());
-  }
-  return value;
+  return path::expandInstallPrefix(std::move(value), path::root);
 }
 
 bool Parser::Parse(const std::string& path) {

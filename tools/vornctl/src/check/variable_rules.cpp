@@ -6,7 +6,7 @@
 
 #include "check/rules.h"
 #include "vorn/launch_rules.h"
-#include "vornlib/path.h"
+#include "vornlib/install_root.h"
 
 namespace vorn::launch {
 namespace {

@@ -13,31 +13,16 @@
 
 #include "launchfile/other_language.h"
 #include "output/text.h"
-#include "vornlib/path.h"
+#include "vornlib/install_root.h"
 
 namespace vorn::launch {
 namespace {
 
 constexpr char kBinPath[] = "VORN_BIN_PATH";
 constexpr char kRoot[] = "VORN_ROOT";
-constexpr size_t kReplaced =
-    path::kInstallPrefix.size() - 1;  // one slash stays
 
 Place placeOf(const YAML::Mark& mark) {
   return mark.is_null() ? Place{} : Place{mark.line + 1, mark.column + 1};
-}
-
-/// The variable that the root of an installation comes from, if it is a good
-/// one; else the folder of the executable.
-std::string installRoot(const std::string& chosen,
-                        const std::string& executable_root) {
-  std::string root = chosen;
-  if (root.empty() || root.find("install:") != std::string::npos) {
-    root = executable_root;
-    if (root.find("install:/install:") != std::string::npos) return "";
-  }
-  while (!root.empty() && root.back() == '/') root.pop_back();
-  return root;
 }
 
 /// What a person calls the kind of a value.
@@ -336,18 +321,22 @@ class Reader {
     return Variable{std::move(*name), {expand(*text), place}, *text};
   }
 
-  /// The root is settled at the first use of the prefix, and then stays.
-  std::string expand(std::string value) {
-    for (size_t found = value.find(path::kInstallPrefix);
-         found != std::string::npos; found = value.find(path::kInstallPrefix)) {
-      if (!install_root_) {
-        install_root_ =
-            installRoot(variables_[kRoot], surroundings_.executableRoot);
-      }
-      count(install_root_->size());
-      value.replace(found, kReplaced, *install_root_);
+  std::string expand(const std::string& value) {
+    return path::expandInstallPrefix(value, [this]() -> const std::string& {
+      count(installRoot().size());
+      return installRoot();
+    });
+  }
+
+  /// Determined at the first use of the prefix, and then constant.
+  const std::string& installRoot() {
+    if (!install_root_)
+      install_root_ = path::rootFromVariable(variables_[kRoot]);
+    if (!install_root_) {
+      install_root_ = path::rootFromExecutable(surroundings_.executableRoot);
     }
-    return value;
+    if (!install_root_) install_root_ = "";
+    return *install_root_;
   }
 
   void readNodes(const YAML::Node& nodes) {
