@@ -12,6 +12,8 @@
 #include <cstring>
 #include <utility>
 
+#include "descriptor.h"
+
 namespace vorn::launch {
 namespace {
 
@@ -24,22 +26,6 @@ constexpr milliseconds kLongestPause{100};
 
 constexpr char kMayTakeEffect[] =
     "; the request was delivered and may still take effect";
-
-/// Closes its descriptor, if it is one, at the end of the scope.
-class Socket {
- public:
-  explicit Socket(int fd) : fd_(fd) {}
-  ~Socket() {
-    if (fd_ >= 0) (void)::close(fd_);
-  }
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
-
-  int fd() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 /// Blocks every signal that can be blocked in this thread, until the end of the
 /// scope.
@@ -85,14 +71,14 @@ class Exchange {
     }
     // At least one NUL stays behind it.
     options_.socketPath.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    const Socket socket(
+    const Descriptor socket(
         ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (socket.fd() < 0) {
+    if (socket.number() < 0) {
       return end(reply, Outcome::NOT_SENT,
                  std::string("cannot make a socket: ") + std::strerror(errno));
     }
-    return deliver(socket.fd(), address, reply) &&
-           receive(socket.fd(), reply, response);
+    return deliver(socket.number(), address, reply) &&
+           receive(socket.number(), reply, response);
   }
 
  private:

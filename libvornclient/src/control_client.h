@@ -122,14 +122,15 @@ class ControlClient {
   /// Allows starts again; starts nothing.
   ControlReply enable(std::string_view name);
 
-  /// How the node is.
+  /// Reads the status of the node.
   StatusReply status(std::string_view name);
+
+  /// Sends one of the commands above; the fields of a status are not returned.
+  ControlReply command(ControlRequest::Cmd cmd, std::string_view name);
 
   const ControlOptions& options() const { return options_; }
 
  private:
-  ControlReply command(ControlRequest::Cmd cmd, std::string_view name);
-
   ControlOptions options_;
 };
 

@@ -4,6 +4,8 @@
 #include <iterator>
 #include <string_view>
 
+#include "output/text.h"
+
 namespace vorn::launch {
 namespace {
 
@@ -109,10 +111,8 @@ const char* adviceIn(const ForeignKeys (&table)[kSize],
 
 std::string normalizedKey(const std::string& key) {
   std::string normalized;
-  for (const char letter : key) {
-    if (letter == '-' || letter == '_') continue;
-    const bool is_upper = letter >= 'A' && letter <= 'Z';
-    normalized += is_upper ? static_cast<char>(letter - 'A' + 'a') : letter;
+  for (const char letter : lowerCase(key)) {
+    if (letter != '-' && letter != '_') normalized += letter;
   }
   return normalized;
 }

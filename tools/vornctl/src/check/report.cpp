@@ -4,18 +4,15 @@
 #include <string>
 #include <string_view>
 
-#include <nlohmann/json.hpp>
-
 #include "check/rule_help.h"
+#include "output/json.h"
 #include "output/table.h"
 #include "vornctl_version.h"
 
 namespace vorn::launch {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
-// Grows when a member changes its meaning or goes; not when one is added.
+// Grows when a member changes its meaning or is removed, not when one is added.
 constexpr int kReportSchema = 1;
 constexpr size_t kLongestSource = 120;  // bytes of a source line
 

@@ -3,18 +3,15 @@
 #include <cstdio>
 #include <set>
 
-#include <nlohmann/json.hpp>
-
 #include "launchfile/required_graph.h"
+#include "output/json.h"
 #include "output/table.h"
 #include "vorn/launch_rules.h"
 
 namespace vorn::launch {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
-// Grows when a member changes its meaning or goes; not when one is added.
+// Grows when a member changes its meaning or is removed, not when one is added.
 constexpr int kResolvedSchema = 1;
 
 /// A variable of a node's environment and its source.
@@ -92,7 +89,7 @@ Json jsonOf(const Text& text) {
 template <typename T>
 Json jsonOf(const Setting<T>& setting) {
   Json json = {{"value", setting.value}};
-  json["line"] = setting.place.line == 0 ? Json() : Json(setting.place.line);
+  json["line"] = orNull(setting.place.line);
   return json;
 }
 
@@ -104,12 +101,11 @@ Json jsonOf(const LaunchFile& file, const LaunchFile::Node& node) {
   for (const Text& text : node.arguments) json["argv"].push_back(jsonOf(text));
   json["environment"] = Json::array();
   for (const Given& each : environmentOf(file, node)) {
-    json["environment"].push_back(
-        {{"name", each.name},
-         {"value", each.value},
-         {"from", each.from},
-         {"line", each.place.line == 0 ? Json() : Json(each.place.line)},
-         {"overwritten", each.isOverwritten}});
+    json["environment"].push_back({{"name", each.name},
+                                   {"value", each.value},
+                                   {"from", each.from},
+                                   {"line", orNull(each.place.line)},
+                                   {"overwritten", each.isOverwritten}});
   }
   json["disabled"] = jsonOf(node.disabled);
   json["oneshot"] = jsonOf(node.oneshot);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "check/rules.h"
+#include "output/text.h"
 #include "vorn/launch_rules.h"
 #include "vornlib/install_root.h"
 
@@ -80,12 +81,7 @@ void checkRepeated(const std::vector<Variable>& variables,
 /// What stands where "install://" was meant: in other letters, or with another
 /// number of slashes or colons.
 std::string misspeltInstall(const std::string& value) {
-  std::string lower = value;
-  std::transform(lower.begin(), lower.end(), lower.begin(), [](char letter) {
-    return letter >= 'A' && letter <= 'Z'
-               ? static_cast<char>(letter - 'A' + 'a')
-               : letter;
-  });
+  const std::string lower = lowerCase(value);
   for (const char* const word :
        {"install:", "install//", "instal:", "intall:", "insatll:"}) {
     for (size_t found = lower.find(word); found != std::string::npos;

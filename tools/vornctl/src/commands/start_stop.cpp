@@ -115,7 +115,7 @@ class Action {
       session_.complainAbout(name, before, subjects_.launcher.file);
       return Outcome::NOT_SENT;
     }
-    const ControlReply reply = perform(client, cmd, name);
+    const ControlReply reply = client.command(cmd, name);
     session_.clearActivity();
     if (reply.isDone()) {
       report(name, cmd, before);

@@ -3,18 +3,17 @@
 #include <chrono>
 #include <ctime>
 
-#include <nlohmann/json.hpp>
-
 #include "context/targets.h"
 #include "live/launcher_description.h"
 #include "live/node_cells.h"
+#include "output/json.h"
 #include "output/output.h"
 #include "output/text.h"
 
 namespace vorn::launch {
 namespace {
 
-// Grows when a member changes its meaning or goes; not when one is added.
+// Grows when a member changes its meaning or is removed, not when one is added.
 constexpr int kStatusSchema = 1;
 constexpr std::chrono::minutes kReplyLimit{5};
 constexpr size_t kUsualColumns = 7;
@@ -22,24 +21,19 @@ constexpr size_t kUsualColumns = 7;
 // started, required, policy, uptime, pid.
 const std::vector<size_t> kLeastNeeded = {4, 6, 5, 3, 2};
 
-nlohmann::ordered_json jsonOf(const NodeView& view,
-                              const LaunchFile::Node* node) {
-  const auto or_null = [](int64_t number) {
-    return number == 0 ? nlohmann::ordered_json()
-                       : nlohmann::ordered_json(number);
-  };
-  nlohmann::ordered_json json = {
+Json jsonOf(const NodeView& view, const LaunchFile::Node* node) {
+  Json json = {
       {"name", view.name},
       {"state", wordFor(view.state)},
       {"condition", wordFor(view.condition)},
-      {"pid", or_null(view.pid)},
-      {"startSeconds", or_null(view.startSeconds)},
+      {"pid", orNull(view.pid)},
+      {"startSeconds", orNull(view.startSeconds)},
       {"uptimeSeconds", view.condition == Condition::RUNNING
-                            ? nlohmann::ordered_json(view.uptimeSeconds)
-                            : nlohmann::ordered_json()},
+                            ? Json(view.uptimeSeconds)
+                            : Json()},
       {"restartInSeconds", view.condition == Condition::RESTARTING
-                               ? nlohmann::ordered_json(view.restartInSeconds)
-                               : nlohmann::ordered_json()},
+                               ? Json(view.restartInSeconds)
+                               : Json()},
   };
   if (node != nullptr) {
     json["policy"] = {{"oneshot", node->oneshot.value},
@@ -53,20 +47,17 @@ nlohmann::ordered_json jsonOf(const NodeView& view,
 
 void printJson(const LauncherProcess& launcher,
                const std::vector<NodeView>& views) {
-  nlohmann::ordered_json nodes = nlohmann::ordered_json::array();
+  Json nodes = Json::array();
   for (const NodeView& view : views) {
     nodes.push_back(jsonOf(view, launcher.file.find(view.name)));
   }
-  const nlohmann::ordered_json document = {
+  const Json document = {
       {"schema", kStatusSchema},
       {"launcher",
        {{"pid", launcher.pid},
-        {"startSeconds", launcher.startSeconds == 0
-                             ? nlohmann::ordered_json()
-                             : nlohmann::ordered_json(launcher.startSeconds)},
-        {"launchFile", launcher.launchFile.empty()
-                           ? nlohmann::ordered_json()
-                           : nlohmann::ordered_json(launcher.launchFile)},
+        {"startSeconds", orNull(launcher.startSeconds)},
+        {"launchFile",
+         launcher.launchFile.empty() ? Json() : Json(launcher.launchFile)},
         {"launchFileChanged", launcher.hasChanged}}},
       {"nodes", nodes},
   };

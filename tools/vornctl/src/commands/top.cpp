@@ -152,9 +152,8 @@ class Top {
  private:
   /// Whether a stop signal has come, or the terminal has gone.
   bool isOver() const {
-    pollfd watched[] = {{session_.settings().cancelFd, POLLIN, 0},
-                        {STDIN_FILENO, 0, 0}};
-    return ::poll(watched, 2, 0) > 0;
+    pollfd terminal{STDIN_FILENO, 0, 0};
+    return session_.isCancelled() || ::poll(&terminal, 1, 0) > 0;
   }
 
   size_t count() const { return watcher_.names().size(); }
@@ -272,7 +271,7 @@ class Top {
     };
     ControlClient client(options);
     const StatusReply before = watcher_.status(name);
-    const ControlReply reply = perform(client, cmd, name);
+    const ControlReply reply = client.command(cmd, name);
     message_ = name + ": ";
     if (reply.isDone()) {
       message_ += describeDone(cmd, launcher_, name, before);

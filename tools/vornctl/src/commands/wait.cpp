@@ -1,16 +1,13 @@
 #include "commands/wait.h"
 
-#include <poll.h>
-
 #include <algorithm>
 #include <map>
-
-#include <nlohmann/json.hpp>
 
 #include "context/targets.h"
 #include "live/node_cells.h"
 #include "live/node_status.h"
 #include "live/node_watcher.h"
+#include "output/json.h"
 #include "output/output.h"
 
 namespace vorn::launch {
@@ -20,13 +17,10 @@ using Clock = std::chrono::steady_clock;
 using Goal = WaitOptions::Goal;
 using std::chrono::milliseconds;
 
+// Grows when a member changes its meaning or is removed, not when one is added.
+constexpr int kMonitorSchema = 1;
 constexpr int kOneLine = -1;
 constexpr milliseconds kNoLimit = std::chrono::hours(24);
-
-bool isCancelled(const Context& context) {
-  pollfd watched{context.settings().cancelFd, POLLIN, 0};
-  return ::poll(&watched, 1, 0) > 0;
-}
 
 class Wait {
  public:
@@ -52,7 +46,7 @@ class Wait {
         session_.complain(watcher_.failure().message);
         return exitStatusOf(watcher_.failure().outcome);
       }
-      if (isCancelled(session_)) return kTimedOut;
+      if (session_.isCancelled()) return kTimedOut;
       for (const auto& change : changes) {
         if (change.status.isDone()) continue;
         session_.complainAbout(change.name, change.status, file_);
@@ -138,19 +132,14 @@ void printChange(const LauncherProcess& launcher,
   const NodeView view = viewOf(launcher, change.name, change.status, now);
   Output out = standardOutput();
   if (is_json) {
-    const nlohmann::ordered_json line = {
-        {"schema", 1},
+    const Json line = {
+        {"schema", kMonitorSchema},
         {"time", now},
         {"name", view.name},
-        {"state", change.status.isDone()
-                      ? nlohmann::ordered_json(wordFor(view.state))
-                      : nlohmann::ordered_json()},
+        {"state", change.status.isDone() ? Json(wordFor(view.state)) : Json()},
         {"condition", wordFor(view.condition)},
-        {"pid", view.pid == 0 ? nlohmann::ordered_json()
-                              : nlohmann::ordered_json(view.pid)},
-        {"startSeconds", view.startSeconds == 0
-                             ? nlohmann::ordered_json()
-                             : nlohmann::ordered_json(view.startSeconds)}};
+        {"pid", orNull(view.pid)},
+        {"startSeconds", orNull(view.startSeconds)}};
     out << jsonText(line, kOneLine);
     out.flush();
     return;
@@ -173,7 +162,7 @@ ExitStatus waitForNodes(Context& context, const WaitOptions& options) {
       targets.status == kDone ? Wait(context, options, targets, deadline).run()
                               : targets.status;
   // A question without an answer has no outcome that anyone could want to know.
-  const bool is_given_up = Clock::now() >= deadline || isCancelled(context);
+  const bool is_given_up = Clock::now() >= deadline || context.isCancelled();
   return status == kUnknown && is_given_up ? kTimedOut : status;
 }
 
@@ -198,7 +187,7 @@ ExitStatus monitor(Context& context, const std::vector<std::string>& nodes,
                   context.settings().hasColours);
     }
     if (!standardOutput().isGood()) return kDone;  // nobody reads any more
-    if (isCancelled(context)) return kDone;
+    if (context.isCancelled()) return kDone;
     if (!watcher.failure().isDone()) {
       context.complain(watcher.failure().message);
       return exitStatusOf(watcher.failure().outcome);

@@ -1,5 +1,7 @@
 #include "context/context.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -97,6 +99,11 @@ const LauncherProcess* Context::launcher(std::string& error) {
 
 LauncherProcess Context::launcherWithoutFile() const {
   return identifyLauncher(pid_, settings_.launchFile);
+}
+
+bool Context::isCancelled() const {
+  pollfd watched{settings_.cancelFd, POLLIN, 0};
+  return ::poll(&watched, 1, 0) > 0;
 }
 
 void Context::complain(const std::string& text) const {

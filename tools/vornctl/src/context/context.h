@@ -59,6 +59,9 @@ class Context {
   /// The launcher without its nodes, for when those are not known.
   LauncherProcess launcherWithoutFile() const;
 
+  /// Whether a stop signal has arrived.
+  bool isCancelled() const;
+
   /// Writes "vornctl: TEXT" to standard error.
   void complain(const std::string& text) const;
 

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <utility>
 
-#include "system/descriptor.h"
+#include "descriptor.h"
 
 namespace vorn::launch {
 namespace {

@@ -6,7 +6,6 @@
 #include <linux/unix_diag.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -14,6 +13,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "descriptor.h"
 #include "live/proc_file.h"
 #include "vorn/control_protocol.h"
 
@@ -105,14 +105,11 @@ bool receivePart(int diagnosis, std::vector<ControlSocket>& sockets) {
 
 std::vector<ControlSocket> controlSockets() {
   std::vector<ControlSocket> sockets;
-  const int diagnosis =
-      ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
-  if (diagnosis < 0) return sockets;
-  if (requestAll(diagnosis)) {
-    while (receivePart(diagnosis, sockets)) {
-    }
+  const Descriptor diagnosis(
+      ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+  if (diagnosis.number() < 0 || !requestAll(diagnosis.number())) return sockets;
+  while (receivePart(diagnosis.number(), sockets)) {
   }
-  (void)::close(diagnosis);
   return sockets;
 }
 

@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "system/descriptor.h"
+#include "descriptor.h"
 
 namespace vorn::launch {
 namespace {

@@ -13,10 +13,10 @@
 #include <iterator>
 #include <sstream>
 
+#include "descriptor.h"
 #include "launchfile/parser.h"
 #include "live/launcher_file.h"
 #include "live/proc_file.h"
-#include "system/descriptor.h"
 #include "vorn/launch_rules.h"
 
 namespace vorn::launch {

@@ -72,25 +72,6 @@ OperationWords wordsFor(Cmd cmd) {
   return {"status", "asking about", "asked about"};
 }
 
-ControlReply perform(ControlClient& client, Cmd cmd, const std::string& name) {
-  switch (cmd) {
-    case Cmd::START:
-      return client.start(name);
-    case Cmd::STOP:
-      return client.stop(name);
-    case Cmd::RESTART:
-      return client.restart(name);
-    case Cmd::DISABLE:
-      return client.disable(name);
-    case Cmd::ENABLE:
-      return client.enable(name);
-    case Cmd::STATUS:
-      break;
-  }
-  const StatusReply reply = client.status(name);
-  return static_cast<const ControlReply&>(reply);
-}
-
 std::string describeDone(Cmd cmd, const LauncherProcess& launcher,
                          const std::string& name, const StatusReply& before) {
   const bool was_down =

@@ -18,10 +18,6 @@ struct OperationWords {
 
 OperationWords wordsFor(ControlRequest::Cmd cmd);
 
-/// The client's call for a command.
-ControlReply perform(ControlClient& client, ControlRequest::Cmd cmd,
-                     const std::string& name);
-
 /// The sentence for a command that is DONE: "started", or "already running
 /// (pid 42)" if `before`, the status of the node before the command, says so.
 /// `before` that is not DONE is ignored.

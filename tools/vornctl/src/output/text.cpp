@@ -15,6 +15,15 @@ std::string upperCase(std::string text) {
   return text;
 }
 
+std::string lowerCase(std::string text) {
+  for (char& letter : text) {
+    if (letter >= 'A' && letter <= 'Z') {
+      letter = static_cast<char>(letter - 'A' + 'a');
+    }
+  }
+  return text;
+}
+
 std::string shellArgument(const std::string& text) {
   constexpr char kPlain[] =
       "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789%+,-./"

@@ -7,8 +7,9 @@ namespace vorn::launch {
 /// The text up to its first NUL, which is where the C library sees it end.
 std::string untilNul(const std::string& text);
 
-/// The text with its lower-case ASCII letters as capitals.
+/// The text with its ASCII letters in upper or lower case.
 std::string upperCase(std::string text);
+std::string lowerCase(std::string text);
 
 /// The text as the last argument of a command that a POSIX shell reads: quoted
 /// if it contains other characters than letters, digits and "%+,-./:=@_", and

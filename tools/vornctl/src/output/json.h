@@ -1,0 +1,15 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+namespace vorn::launch {
+
+using Json = nlohmann::ordered_json;
+
+/// The number, or null for 0, which means that it is not known.
+template <typename Number>
+Json orNull(Number number) {
+  return number == 0 ? Json() : Json(number);
+}
+
+}  // namespace vorn::launch
