@@ -21,7 +21,7 @@ set(CPACK_RPM_SPEC_MORE_DEFINE
 %define _build_id_links none")
 set(CPACK_RPM_PRE_UNINSTALL_SCRIPT_FILE
   ${PROJECT_SOURCE_DIR}/packaging/rpm/preun.sh)
-# Folders of others.
+# Directories of others.
 set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION
   /usr/lib/systemd /usr/lib/systemd/system /usr/lib/tmpfiles.d /usr/lib64/cmake
   /usr/lib64/pkgconfig /usr/share/bash-completion

@@ -8,7 +8,7 @@ set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++ CACHE STRING "C++ compiler")
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64-static)
 
 # The cross compiler has a C library of its own, which gets no security updates;
-# what is linked statically shall be Debian's for arm64.
+# link statically with Debian's libraries for arm64.
 set(CMAKE_EXE_LINKER_FLAGS_INIT -L/usr/lib/aarch64-linux-gnu)
 
 # Debian's libyaml-cpp-dev cannot be installed for two architectures at a time;

@@ -226,7 +226,7 @@ void checkReply(const ControlRequest& request, const std::string& reply) {
         node->startWallTime.time_since_epoch() / std::chrono::seconds(1);
   }
   check(std::memcmp(&expected, &response, sizeof(expected)) == 0,
-        "the status is the node's, and nobody else's reply has one");
+        "only the reply of an existing node has a status");
   if (node != nullptr) checkEffect(request.cmd, response.result, *node);
 }
 
@@ -268,7 +268,7 @@ void serve(test::ProcessCalls& processes, unsigned int faults,
   if (connection.isReceived() && request.cmd <= Cmd::ENABLE) {
     checkReply(request, connection.reply());
   } else {
-    check(connection.reply().empty(), "what is no request has no reply");
+    check(connection.reply().empty(), "an invalid request has no reply");
   }
   checkNodes(processes.next_pid);
   if ((faults & kChildrenExit) != 0) letChildrenExit();

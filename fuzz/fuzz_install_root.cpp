@@ -55,10 +55,11 @@ std::string rootFor(const std::string& chosen, const std::string& executable) {
   const bool is_refused = contains(chosen, "install:");
   int refusals = is_refused ? 1 : 0;
   if (is_refused || chosen.empty()) {
-    const std::string folder = parentOf(parentOf(executable));
-    const bool is_doubled = contains(folder, "install:/install:");
+    const std::string directory = parentOf(parentOf(executable));
+    const bool is_doubled = contains(directory, "install:/install:");
     refusals += is_doubled ? 1 : 0;
-    check(root == (is_doubled ? "" : folder), "the executable's root is used");
+    check(root == (is_doubled ? "" : directory),
+          "the executable's root is used");
   } else {
     const size_t end = chosen.find_last_not_of('/') + 1;  // 0 for none
     check(root == chosen.substr(0, end), "VORN_ROOT is used");

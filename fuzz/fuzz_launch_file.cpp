@@ -128,7 +128,7 @@ void checkNode(const Node& node) {
             node.environment.front().first == "__VORN_NODE_NAME__" &&
             node.environment.front().second == node.name + "(vornlaunch)",
         "the first variable is the node's name");
-  // The built-in entry holds the name as it stands.
+  // The built-in entry contains the unchanged name.
   checkExpanded({node.environment.begin() + 1, node.environment.end()});
   check(node.pid == 0 && node.state == NodeState::STOPPED && !node.stopped,
         "a node that was read is stopped");

@@ -28,8 +28,8 @@
 namespace vorn::fuzz {
 namespace {
 
-// What a byte of the text about the writes stands for; any other is the number
-// of bytes that the write takes. Without a byte left it takes all.
+// The meanings of the bytes that describe the writes; any other byte is the
+// number of bytes that the write accepts. Without a byte left it accepts all.
 constexpr char kInterrupted = '\xff';
 constexpr char kRefused = '\xfe';
 
@@ -168,7 +168,7 @@ class StandardError {
   void checkTaken(const std::string& line) const {
     const std::string expected = (begins_torn_ ? "\n" : "") + line;
     check(taken_ == expected.substr(0, taken_.size()),
-          "a line is as documented and stands at the beginning of a line");
+          "a line has the documented form and begins after a line end");
     check(has_refused_ || taken_ == expected,
           "a line that is not refused is there whole");
   }

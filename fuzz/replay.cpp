@@ -1,6 +1,6 @@
 // Hands files to a fuzz target, one after the other, where there is no
-// libFuzzer: each file and every file in each folder named on the command line.
-// A target ends the process when something is not as it should be.
+// libFuzzer: each file and every file in each directory named on the command
+// line. A target ends the process when something is not as it should be.
 
 #include <algorithm>
 #include <cstddef>
@@ -52,5 +52,5 @@ int main(int argc, char* argv[]) {
                                  input.size());
   }
   (void)std::fprintf(stderr, "%zu inputs\n", files.size());
-  return files.empty() ? 1 : 0;  // a folder that is gone proves nothing
+  return files.empty() ? 1 : 0;  // a directory that is gone proves nothing
 }

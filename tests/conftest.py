@@ -28,7 +28,7 @@ def pytest_addoption(parser):
     parser.addoption(
         "--build",
         default=os.environ.get("VORN_BUILD", str(ROOT / "build")),
-        help="the build folder whose bin/vornlaunch is tested",
+        help="the build directory whose bin/vornlaunch is tested",
     )
     parser.addoption(
         "--long",
@@ -90,7 +90,7 @@ def fixture_program(request):
 
 @pytest.fixture(scope="session", name="build")
 def fixture_build(program):
-    """The build folder."""
+    """The build directory."""
     return program.parent.parent
 
 
@@ -147,13 +147,13 @@ def fixture_architecture(program):
 
 @pytest.fixture(scope="session", name="debian_root")
 def fixture_debian_root(architecture):
-    """The folder of a Debian root for the programs, which stays as it is."""
-    folder = ROOT / "build-packages" / f"root-{architecture}"
+    """The directory of a Debian root for the programs, which stays as it is."""
+    directory = ROOT / "build-packages" / f"root-{architecture}"
     if os.geteuid() != 0:
         pytest.skip("only root can use a Debian root")
-    if not folder.exists():
-        pytest.fail(f"{folder} is missing; ./test.sh --packages makes it")
-    return folder
+    if not directory.exists():
+        pytest.fail(f"{directory} is missing; ./test.sh --packages makes it")
+    return directory
 
 
 @pytest.fixture(name="debian")

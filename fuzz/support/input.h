@@ -38,7 +38,7 @@ class Input {
     return taken;
   }
 
-  /// What stands before the next NUL, which is passed over.
+  /// The text before the next NUL, which is skipped.
   std::string text() {
     const std::string_view taken = rest_.substr(0, rest_.find('\0'));
     rest_.remove_prefix(std::min(rest_.size(), taken.size() + 1));

@@ -9,8 +9,9 @@
 namespace vorn::fuzz {
 
 /// Empties what lives as long as the process, so that an input finds nothing
-/// of the one before it and memory does not grow. The registry gives out its
-/// list as const only because nobody shall change it; the list itself is not.
+/// of the one before it and memory does not grow. The registry returns its
+/// list as const so that callers do not change it; the list itself is not
+/// const.
 inline void forgetEverything() {
   using Nodes = std::vector<std::unique_ptr<launch::Node>>;
   const_cast<Nodes&>(launch::NodeManager::getInstance().nodes()).clear();

@@ -22,8 +22,8 @@ using test::logLine;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-/// The parent of the folder of this test program.
-std::string parentOfProgramFolder() {
+/// The parent of the directory of this test program.
+std::string parentOfProgramDirectory() {
   std::array<char, 4096> path{};
   const ssize_t length = ::readlink("/proc/self/exe", path.data(), path.size());
   std::string root(path.data(), length > 0 ? static_cast<size_t>(length) : 0);
@@ -58,23 +58,23 @@ INSTANTIATE_TEST_SUITE_P(
                                "/opt/install/x"}),
     test::caseName<RootCase>);
 
-TEST(PathTest, WithoutVornRootTheRootIsTheParentOfTheProgramsFolder) {
+TEST(PathTest, WithoutVornRootTheRootIsTheParentOfTheProgramsDirectory) {
   const test::LogCapture log;
   ::unsetenv("VORN_ROOT");
-  EXPECT_EQ(parentOfProgramFolder(), path::root());
+  EXPECT_EQ(parentOfProgramDirectory(), path::root());
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
 TEST(PathTest, AnEmptyVornRootIsAsGoodAsNone) {
   const test::LogCapture log;
   ::setenv("VORN_ROOT", "", 1);
-  EXPECT_EQ(parentOfProgramFolder(), path::root());
+  EXPECT_EQ(parentOfProgramDirectory(), path::root());
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
 TEST(PathTest, TheRootDoesNotDependOnTheWorkingDirectory) {
   ::unsetenv("VORN_ROOT");
-  const std::string expected = parentOfProgramFolder();
+  const std::string expected = parentOfProgramDirectory();
   std::filesystem::current_path("/");
   EXPECT_EQ(expected, path::root());
 }
@@ -108,8 +108,8 @@ TEST_P(RefusedRoot, IsOneWarningAndTheProgramsRoot) {
   const test::LogCapture log;
   const std::string chosen = GetParam().variable;
   ::setenv("VORN_ROOT", chosen.c_str(), 1);
-  EXPECT_EQ(parentOfProgramFolder(), path::root());
-  EXPECT_EQ(parentOfProgramFolder(), path::root());
+  EXPECT_EQ(parentOfProgramDirectory(), path::root());
+  EXPECT_EQ(parentOfProgramDirectory(), path::root());
   EXPECT_THAT(log.lines(),
               ElementsAre(logLine("WARN", false, "root",
                                   "VORN_ROOT '" + chosen +
@@ -140,7 +140,7 @@ const std::string& rootOfExecutable(const std::string& executable) {
   return root;
 }
 
-TEST(ExecutableRootTest, WithDoubledInstallFoldersIsOneWarningAndRefused) {
+TEST(ExecutableRootTest, WithDoubledInstallDirectoriesIsOneWarningAndRefused) {
   const test::LogCapture log;
   EXPECT_EQ("", rootOfExecutable("/opt/install:/install:/bin/vornlaunch"));
   EXPECT_EQ("", path::root());
@@ -151,7 +151,7 @@ TEST(ExecutableRootTest, WithDoubledInstallFoldersIsOneWarningAndRefused) {
                                   "install:/install:, using /")));
 }
 
-TEST(ExecutableRootTest, WithOneInstallFolderIsUsed) {
+TEST(ExecutableRootTest, WithOneInstallDirectoryIsUsed) {
   const test::LogCapture log;
   EXPECT_EQ("/opt/install:", rootOfExecutable("/opt/install:/bin/vornlaunch"));
   EXPECT_THAT(log.lines(), IsEmpty());

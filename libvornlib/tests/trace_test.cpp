@@ -47,7 +47,7 @@ using ::testing::Not;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
 
-// What stands before the text in a line of write(), time stamp left out.
+// The part of a line of write() before the text, without the time stamp.
 constexpr const char* kHead = "INFO  ?[";
 
 /// One line with this text and the place "a.cpp:1 f".
@@ -142,7 +142,7 @@ TEST(TraceTest, AProcessWithoutANameLogsAsAQuestionMark) {
   EXPECT_THAT(log.bytes(), HasSubstr(" ?[" + std::to_string(::getpid()) + "]"));
 }
 
-TEST(TraceTest, TheFileIsShownWithoutItsFolders) {
+TEST(TraceTest, TheFileIsShownWithoutItsDirectories) {
   const test::LogCapture log;
   vtrace(kInfo, "/a/b/deep.cpp", 7, "f", kPlain, "x");
   vtrace(kInfo, "flat.cpp", 8, "f", kPlain, "x");

@@ -69,11 +69,11 @@ job "robot" {
         args  = ["/local/launch.yaml"]
 
         # The control socket for clients on the machine. The clients' plugin
-        # must permit such volumes. podman does not make the folder: let systemd
+        # must permit such volumes. podman does not make the directory: let systemd
         # do it, by a line `d /run/robot-launcher 0755 root root` for tmpfiles.d.
         volumes = ["/run/robot-launcher:/tmp/vornlaunch"]
 
-        # The launcher shall be process 1: no init of the engine's. `true` suits
+        # The launcher must be process 1, without an init of the engine. `true` suits
         # nodes that leave more orphans than the launcher can collect.
         init = false
       }

@@ -24,11 +24,11 @@ esac
 
 @pytest.fixture(scope="session", name="built")
 def fixture_built(architecture):
-    """The folder of the packages."""
-    folder = ROOT / "build-packages" / architecture
-    if not list(folder.glob("*.deb")):
-        pytest.fail(f"no packages in {folder}; ./package.sh builds them")
-    return folder
+    """The directory of the packages."""
+    directory = ROOT / "build-packages" / architecture
+    if not list(directory.glob("*.deb")):
+        pytest.fail(f"no packages in {directory}; ./package.sh builds them")
+    return directory
 
 
 @pytest.fixture(scope="session", name="packages")
@@ -42,11 +42,11 @@ def fixture_packages(built):
 
 @pytest.fixture(scope="session", name="contents")
 def fixture_contents(packages, tmp_path_factory):
-    """A folder with what each package holds, by the package's name."""
-    folder = tmp_path_factory.mktemp("contents")
+    """A directory with what each package holds, by the package's name."""
+    directory = tmp_path_factory.mktemp("contents")
     for name, path in packages.items():
-        subprocess.run(["dpkg-deb", "-x", path, folder / name], check=True)
-    return {name: folder / name for name in packages}
+        subprocess.run(["dpkg-deb", "-x", path, directory / name], check=True)
+    return {name: directory / name for name in packages}
 
 
 @pytest.fixture(scope="session", name="steps")

@@ -69,10 +69,11 @@ class Image:
         view.run("apt-get", "-qq", "install", "-y", "--no-install-recommends",
                  *self.final.packages, network=True)
         for stage, sources, target in self.final.copies:
-            folder = view.path(target)
-            folder.mkdir(parents=True, exist_ok=True)
+            directory = view.path(target)
+            directory.mkdir(parents=True, exist_ok=True)
             for source in map(pathlib.Path, sources):
-                shutil.copy2(programs / source.name if stage else ROOT / source, folder)
+                built = programs / source.name if stage else ROOT / source
+                shutil.copy2(built, directory)
 
 
 @pytest.fixture(scope="module", name="image")
@@ -84,20 +85,20 @@ def fixture_image(debian_root, namespaces, program, tmp_path_factory):
 
 
 class Container:
-    """A container of the image, with its own /tmp. The folder /srv/NAME holds its
+    """A container of the image, with its own /tmp. The directory /srv/NAME holds its
     launch file and programs, and outlives it."""
 
     def __init__(self, image, name, log):
         self.image = image
         self._log = log
         self.inside = f"/srv/{name}"
-        self.folder = image.view.path(self.inside)
-        self.folder.mkdir(parents=True)
+        self.directory = image.view.path(self.inside)
+        self.directory.mkdir(parents=True)
         self.launch_file = f"{self.inside}/launch.yaml"
         self.process = None
 
     def script(self, name, text):
-        path = self.folder / name
+        path = self.directory / name
         path.write_text(text, encoding="utf-8")
         path.chmod(0o755)
         return f"{self.inside}/{name}"
@@ -131,7 +132,7 @@ class Container:
 
     def _prepared(self, launch, command, may_set_pids):
         text = launch if isinstance(launch, str) else json.dumps(launch)
-        (self.folder / "launch.yaml").write_text(text, encoding="utf-8")
+        (self.directory / "launch.yaml").write_text(text, encoding="utf-8")
         return ["sh", "-c", PREPARE, "sh", "true" if may_set_pids else "false",
                 *command, self.launch_file]
 
@@ -156,7 +157,7 @@ class Container:
         """Waits until these careful nodes are prepared for SIGTERM."""
         self.wait_until_up()
         for name in names:
-            eventually((self.folder / f"{name}.ready").exists, f"{name} is ready")
+            eventually((self.directory / f"{name}.ready").exists, f"{name} is ready")
         return self
 
     def pid(self, name):
@@ -171,7 +172,7 @@ class Container:
 
     def has_ended_well(self, name):
         """Whether a careful node has come to its end."""
-        return (self.folder / name).exists()
+        return (self.directory / name).exists()
 
     def execute(self, *command):
         return self.image.view.execute(*command, of=self.process)
@@ -219,7 +220,7 @@ def test_as_process_1_the_launcher_collects_orphans(container):
     assert children_of(container.host_pid) == [container.host_pid_of("leaves")]
 
 
-@pytest.mark.native  # the emulator stands before the launcher
+@pytest.mark.native  # the emulator precedes the launcher
 def test_the_process_that_the_image_starts_becomes_the_launcher(container):
     container.start_image(container.careful("camera")).wait_until_up()
     assert os.readlink(f"/proc/{container.host_pid}/exe") == LAUNCHER
@@ -238,10 +239,10 @@ def test_stopping_the_image_stops_all_nodes_within_the_grace_period(container):
 
 def test_the_image_works_without_root(container):
     """As when it is built for another user."""
-    container.folder.chmod(0o777)
+    container.directory.chmod(0o777)
     final = container.image.final
-    [make_folder] = [run for run in final.all("RUN") if run.startswith("install ")]
-    as_user = (f"USER_ID=1000; rmdir /tmp/vornlaunch; {make_folder}; "
+    [make_directory] = [run for run in final.all("RUN") if run.startswith("install ")]
+    as_user = (f"USER_ID=1000; rmdir /tmp/vornlaunch; {make_directory}; "
                f"exec setpriv --reuid={final.one('USER')} --regid=1000 "
                '--clear-groups --bounding-set=-all "$@"')
     container.start(container.careful("camera"), "sh", "-ec", as_user, "sh",
@@ -356,11 +357,11 @@ def test_stopping_a_low_pid_takes_no_longer_than_the_node(container):
 def test_stopping_a_low_pid_kills_it_if_a_zombie_has_its_digits(container):
     container.start(container.careful("camera", "detector"))
     container.wait_until_ready("camera", "detector")
-    # The camera, stopped first, shall have the pid 13 and the detector has 3.
+    # The camera, stopped first, must have the pid 13; the detector has 3.
     container.request(Cmd.STOP, "camera")
     eventually(lambda: container.pid("camera") == 0, "the camera is collected")
     for name in ("camera", "camera.ready"):
-        (container.folder / name).unlink()
+        (container.directory / name).unlink()
     container.execute("sh", "-c", "echo 12 >/proc/sys/kernel/ns_last_pid")
     container.request(Cmd.START, "camera")
     container.wait_until_ready("camera")
@@ -394,9 +395,9 @@ def test_the_image_can_be_stopped_while_it_raises_the_pids(container):
 
 @pytest.fixture(name="without_ps")
 def fixture_without_ps(container):
-    folder = container.folder / "bin"
-    folder.mkdir()
-    (folder / "grep").symlink_to("/usr/bin/grep")
+    directory = container.directory / "bin"
+    directory.mkdir()
+    (directory / "grep").symlink_to("/usr/bin/grep")
     return ["env", f"PATH={container.inside}/bin", LAUNCHER]
 
 

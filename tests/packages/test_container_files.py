@@ -10,7 +10,7 @@ import yaml
 
 from support.containerfile import CONTAINERFILE, ROOT, read_stages
 
-FOLDER = CONTAINERFILE.parent
+DIRECTORY = CONTAINERFILE.parent
 
 
 @pytest.fixture(name="vornctl")
@@ -88,12 +88,12 @@ def test_the_health_command_is_the_documented_one():
     assert f"\n{read_stages()[-1].health_command}\n" in document
 
 
-# -- The folder of the control socket.
+# -- The directory of the control socket.
 
 
 def test_the_documented_line_creates_the_mounted_directory(tmp_path):
     if os.geteuid() != 0:
-        pytest.skip("only root can make a folder of root")
+        pytest.skip("only root can make a directory of root")
     document = (ROOT / "docs/containers.md").read_text(encoding="utf-8")
     [line] = re.findall("^echo '(.*)' >/etc/tmpfiles.d/", document, re.M)
     [mounted] = re.findall(r"^ +-v (\S+):/tmp/vornlaunch ", document, re.M)
@@ -105,12 +105,12 @@ def test_the_documented_line_creates_the_mounted_directory(tmp_path):
 
 
 def test_every_file_that_mounts_a_host_directory_says_how_to_create_it(pod, job):
-    [folder] = [volume["hostPath"]["path"] for volume in pod["volumes"]
+    [directory] = [volume["hostPath"]["path"] for volume in pod["volumes"]
                 if "hostPath" in volume]
-    daemon_set = (FOLDER / "kubernetes.yaml").read_text(encoding="utf-8")
-    assert f"`d {folder} 0755 1000 1000`" in daemon_set
-    assert f'volumes = ["{folder}:/tmp/vornlaunch"]' in job
-    assert f"`d {folder} 0755 root root`" in job
+    daemon_set = (DIRECTORY / "kubernetes.yaml").read_text(encoding="utf-8")
+    assert f"`d {directory} 0755 1000 1000`" in daemon_set
+    assert f'volumes = ["{directory}:/tmp/vornlaunch"]' in job
+    assert f"`d {directory} 0755 root root`" in job
 
 
 # -- The DaemonSet.
@@ -118,7 +118,7 @@ def test_every_file_that_mounts_a_host_directory_says_how_to_create_it(pod, job)
 
 @pytest.fixture(name="documents")
 def fixture_documents():
-    text = (FOLDER / "kubernetes.yaml").read_text(encoding="utf-8")
+    text = (DIRECTORY / "kubernetes.yaml").read_text(encoding="utf-8")
     return {document["kind"]: document for document in yaml.safe_load_all(text)}
 
 
@@ -185,7 +185,7 @@ def test_the_ready_nodes_are_nodes_of_the_launch_file(documents, pod):
 
 @pytest.fixture(name="job")
 def fixture_job():
-    return (FOLDER / "vornlaunch.nomad.hcl").read_text(encoding="utf-8")
+    return (DIRECTORY / "vornlaunch.nomad.hcl").read_text(encoding="utf-8")
 
 
 def launch_file_of(job):

@@ -1,5 +1,5 @@
-"""The packages: what is in them, and what comes of it on a machine that has
-nothing else."""
+"""The contents of the packages, and their effect on a machine that has nothing
+else."""
 
 import pathlib
 import re
@@ -105,9 +105,9 @@ int main() {
             << vorn::launch::ControlClient(options).status("camera").message;
 }
 """, encoding="utf-8")
-    [folder] = contents["libvornlib-dev"].rglob("pkgconfig")
+    [directory] = contents["libvornlib-dev"].rglob("pkgconfig")
     flags = run("pkg-config", "--cflags", "--libs", "vornctl_client", "vornlib",
-                env={"PKG_CONFIG_LIBDIR": str(folder)}).split()
+                env={"PKG_CONFIG_LIBDIR": str(directory)}).split()
     run(settings["CMAKE_CXX_COMPILER"], "-std=c++17", source, *flags, "-o",
         tmp_path / "user")
     assert run(tmp_path / "user", env={"VORN_ROOT": "/opt/robot"}) == (
@@ -118,7 +118,7 @@ int main() {
 
 
 def settings(debian, unit):
-    """What stands in a unit, by name."""
+    """The settings of a unit, by name."""
     text = debian.path(f"/lib/systemd/system/{unit}").read_text(encoding="utf-8")
     return dict(re.findall(r"^(\w+)=(.*)$", text, re.M))
 
@@ -210,16 +210,16 @@ def test_the_document_has_all_steps_from_the_installation_to_the_stop(steps):
                         "systemctl", "vornctl", "systemctl"]
 
 
-def newer(path, folder):
+def newer(path, directory):
     """A package that differs from this one in its version."""
-    unpacked = folder / path.stem
+    unpacked = directory / path.stem
     run("dpkg-deb", "--raw-extract", path, unpacked)
     control = unpacked / "DEBIAN/control"
     text = control.read_text(encoding="utf-8")
     text = re.sub(rf"(^Version: |vornctl \(= ){re.escape(version())}", r"\g<1>99.0",
                   text, flags=re.M)
     control.write_text(text, encoding="utf-8")
-    return run("dpkg-deb", "--root-owner-group", "--build", unpacked, folder)
+    return run("dpkg-deb", "--root-owner-group", "--build", unpacked, directory)
 
 
 def test_an_upgrade_does_not_touch_the_launcher_its_nodes_or_its_file(
@@ -305,9 +305,9 @@ DEBIANS_OWN = re.compile("/usr/share/(lintian/|doc/.*/(changelog.gz|copyright)$)
 @pytest.mark.long
 def test_the_rpm_contains_the_files_of_the_debian_packages(rpm, contents, tmp_path):
     expected = {"/usr/share/doc/vornlaunch/LICENSE"}
-    for folder in contents.values():
-        for path in folder.rglob("*"):
-            name = "/" + str(path.relative_to(folder))
+    for directory in contents.values():
+        for path in directory.rglob("*"):
+            name = "/" + str(path.relative_to(directory))
             if path.is_dir() or DEBIANS_OWN.match(name):
                 continue
             for pattern, there in ELSEWHERE:

@@ -68,24 +68,24 @@ def test_without_dpkg_the_help_works_and_an_error_has_the_reason(bare):
     assert done.returncode == 2
 
 
-# -- With a stand-in for the builder.
+# -- With a fake builder.
 
 
 class Checkout:
     """A checkout of the script, with another builder."""
 
-    def __init__(self, folder):
-        self.folder = folder / "checkout"
-        self._builder = folder / "bin/dpkg-buildpackage"
+    def __init__(self, directory):
+        self.directory = directory / "checkout"
+        self._builder = directory / "bin/dpkg-buildpackage"
         self._builder.parent.mkdir()
         for file in ("package.sh", "scripts/common.sh", "README.md"):
-            (self.folder / file).parent.mkdir(parents=True, exist_ok=True)
-            shutil.copy(ROOT / file, self.folder / file)
+            (self.directory / file).parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy(ROOT / file, self.directory / file)
         self.git("init", "--quiet")
         self.git("add", ".")
 
     def git(self, *command):
-        subprocess.run(["git", "-C", self.folder, *command],
+        subprocess.run(["git", "-C", self.directory, *command],
                        stdout=subprocess.DEVNULL, check=True)
 
     def build(self, builder):
@@ -94,7 +94,7 @@ class Checkout:
         self._builder.chmod(0o755)
         path = f"{self._builder.parent}:{os.environ['PATH']}"
         done = subprocess.run(
-            [self.folder / "package.sh"], stdout=subprocess.PIPE,
+            [self.directory / "package.sh"], stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT, encoding="utf-8", check=False,
             env={**os.environ, "PATH": path, "GIT_CONFIG_GLOBAL": "/dev/null"})
         return done.returncode, done.stdout
@@ -102,7 +102,7 @@ class Checkout:
     def built(self):
         """The text of each package that was built, by its name."""
         return {path.name: path.read_text(encoding="utf-8")
-                for path in self.folder.glob("build-packages/*/*.deb")
+                for path in self.directory.glob("build-packages/*/*.deb")
                 if path.parent.suffix != ".new"}
 
 
@@ -112,14 +112,14 @@ def fixture_checkout(tmp_path):
 
 
 def test_the_packages_are_built_from_tracked_files_as_they_are_now(checkout):
-    (checkout.folder / "new").touch()
-    (checkout.folder / "untracked").touch()
+    (checkout.directory / "new").touch()
+    (checkout.directory / "untracked").touch()
     checkout.git("add", "new")
     status, said = checkout.build(BUILDER)
     assert status == 0, said
     assert checkout.built() == {
         "one_1.deb": "./README.md\n./new\n./package.sh\n./scripts/common.sh\n"}
-    (checkout.folder / "new").unlink()
+    (checkout.directory / "new").unlink()
     status, said = checkout.build(BUILDER)
     assert status == 0, said
     assert "./new\n" not in checkout.built()["one_1.deb"]
@@ -139,13 +139,13 @@ def test_a_build_that_fails_leaves_the_packages_of_the_last_one(checkout):
 
 def test_an_error_of_git_is_printed(checkout):
     if os.geteuid() != 0:
-        pytest.skip("only root can give a folder to another user")
-    os.chown(checkout.folder, 65533, 65533)
-    os.chown(checkout.folder / ".git", 65533, 65533)
+        pytest.skip("only root can give a directory to another user")
+    os.chown(checkout.directory, 65533, 65533)
+    os.chown(checkout.directory / ".git", 65533, 65533)
     status, said = checkout.build(BUILDER)
     assert status == 2
     assert "dubious ownership" in said
-    assert not (checkout.folder / "build-packages").exists()
+    assert not (checkout.directory / "build-packages").exists()
 
 
 # -- The counts at the end of test.sh.

@@ -555,7 +555,7 @@ def signals_and_socket():
             f"ERROR createSocket: Failed to {what} 'vornlaunch.sock': {{error}}",))
 
     refused = "ERROR registerHandler: epoll_ctl failed to add fd."
-    no_folder = also(
+    no_directory = also(
         ABORTED,
         says="filesystem error: cannot create directories: {error} [/tmp/vornlaunch]")
     return (
@@ -580,11 +580,11 @@ def signals_and_socket():
         Call("epoll_ctl", r"\d+, EPOLL_CTL_ADD", "watches the signal descriptor",
              faults(("ENOMEM ENOSPC", unsupervised(refused.split(maxsplit=1)[1])))),
         Call("newfstatat", r'AT_FDCWD, "/tmp/vornlaunch"', "looks for the directory",
-             faults(("EACCES EIO ELOOP", no_folder))),
+             faults(("EACCES EIO ELOOP", no_directory))),
         Call("newfstatat", r'AT_FDCWD, "/tmp"', "looks for the directory's parent",
              faults(("EACCES EIO ELOOP", NO_MATTER))),
         Call("mkdir", r'"/tmp/vornlaunch", 0777', "makes the directory",
-             faults(("EACCES EIO EMLINK ENOSPC EROFS", no_folder))),
+             faults(("EACCES EIO EMLINK ENOSPC EROFS", no_directory))),
         Call("socket", r"AF_UNIX, SOCK_STREAM", "makes the control socket", faults(
             ("EACCES EAFNOSUPPORT EMFILE ENFILE ENOBUFS ENOMEM",
              fails("open socket")))),

@@ -290,7 +290,7 @@ class LauncherProcess:
     """What the kernel tells of the launcher."""
 
     def __init__(self, machine):
-        self._folder = pathlib.Path(f"/proc/{machine.process.host_pid}")
+        self._directory = pathlib.Path(f"/proc/{machine.process.host_pid}")
         counts = []
         for _ in range(50):
             counts.append(self._open_descriptors())
@@ -299,16 +299,16 @@ class LauncherProcess:
 
     def memory(self):
         """Its resident memory in kB."""
-        status = (self._folder / "status").read_text(encoding="ascii")
+        status = (self._directory / "status").read_text(encoding="ascii")
         return int(re.search(r"VmRSS:\s+(\d+) kB", status)[1])
 
     def waited(self):
         """How many seconds it has been ready to run and was not let to."""
-        schedstat = (self._folder / "schedstat").read_text(encoding="ascii")
+        schedstat = (self._directory / "schedstat").read_text(encoding="ascii")
         return int(schedstat.split()[1]) / 1e9
 
     def _open_descriptors(self):
-        return len(os.listdir(self._folder / "fd"))
+        return len(os.listdir(self._directory / "fd"))
 
     def descriptors(self):
         """How many are open while it waits; for a moment it opens others, which
@@ -321,7 +321,7 @@ class LauncherProcess:
         return fewest
 
     def children(self):
-        path = next((self._folder / "task").iterdir()) / "children"
+        path = next((self._directory / "task").iterdir()) / "children"
         return path.read_text(encoding="ascii").split()
 
     def zombies(self):

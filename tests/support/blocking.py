@@ -43,7 +43,7 @@ def held(machine):
 def limit_of_wait(read):
     """The limit with which the launcher waits for events, in milliseconds, or
     NO_LIMIT; None while it does something else. `read` returns the bytes of a
-    file of its /proc folder."""
+    file of its /proc directory."""
     if not re.search(b"epoll|ep_poll", read("wchan")):
         return None
     # The number of the call, then its arguments; "running" while awake.

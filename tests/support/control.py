@@ -58,7 +58,7 @@ def unpack_response(data):
 
 def connect(directory):
     """A connection to the socket in `directory`, however long its path is."""
-    folder = os.open(directory, os.O_PATH)
+    directory_fd = os.open(directory, os.O_PATH)
     try:
         client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         # Not settimeout(): a non-blocking connect fails while the backlog is
@@ -66,10 +66,10 @@ def connect(directory):
         for option in (socket.SO_SNDTIMEO, socket.SO_RCVTIMEO):
             timeval = struct.pack("=qq", TIMEOUT, 0)
             client.setsockopt(socket.SOL_SOCKET, option, timeval)
-        client.connect(f"/proc/self/fd/{folder}/vornlaunch.sock")
+        client.connect(f"/proc/self/fd/{directory_fd}/vornlaunch.sock")
         return client
     finally:
-        os.close(folder)
+        os.close(directory_fd)
 
 
 def read_exactly(client, count):

@@ -67,8 +67,8 @@ class Started:
 
 
 class DebianRoot:
-    """A private view of the Debian root in the folder `lower`: all changes are
-    this view's alone. `mount_point` is an empty folder. With `above`, another
+    """A private view of the Debian root in the directory `lower`: all changes are
+    this view's alone. `mount_point` is an empty directory. With `above`, another
     view, both are in that, which must not change any more."""
 
     def __init__(self, lower, mount_point, above=None):
@@ -89,9 +89,8 @@ class DebianRoot:
         return ["nsenter", f"--target={self._holder.pid}", "--mount", "--root", "--wd"]
 
     def path(self, inside):
-        """Where this test finds the file `inside`, an absolute path, for
-        reading and writing. No symbolic link must stand in the path but with a
-        relative target."""
+        """The path of the file `inside`, an absolute path of the view, for this
+        test. Symbolic links in the path must have relative targets."""
         return pathlib.Path(f"/proc/{self._holder.pid}/root{inside}")
 
     def execute(self, *command, check=False, timeout=300.0, of=None, **options):

@@ -5,7 +5,7 @@ what is printed.
 A fenced block of these languages is for the reader's shell:
 
     console   lines "$ COMMAND", continued by lines "> MORE", each followed by
-              what it prints. A line "..." stands for any number of lines
+              what it prints. A line "..." matches any number of lines
     sh        commands that succeed, without what they print
 """
 
@@ -46,7 +46,7 @@ done
 """
 _MARKED_STATUS = re.compile("\x1e(\\d+)\x1e")
 
-# What a reader's home folder is called in documents.
+# What a reader's home directory is called in documents.
 SHOWN_HOME = "/home/you"
 
 # A person types so slowly that a launcher is up before the next command.
@@ -150,12 +150,12 @@ def agree(shown, printed):
 
 class Shell:
     """A bash in the machine, which must have been started: a terminal, one
-    folder and one set of variables for all commands that it is given."""
+    directory and one set of variables for all commands that it is given."""
 
-    def __init__(self, machine, folder, environment):
+    def __init__(self, machine, directory, environment):
         self._machine = machine
-        self._folder = folder
-        self._environment = {"HOME": folder, "NO_COLOR": "1", "TERM": "xterm",
+        self._directory = directory
+        self._environment = {"HOME": directory, "NO_COLOR": "1", "TERM": "xterm",
                              **environment}
         self._terminal, other_end = pty.openpty()
         fcntl.ioctl(other_end, termios.TIOCSWINSZ,
@@ -186,7 +186,7 @@ class Shell:
         if _STARTS_LAUNCHER.search(command):
             self._run(_WAIT_FOR_LAUNCHER)
         text = _CONTROL_SEQUENCE.sub("", text.replace("\r\n", "\n"))
-        text = _JOB_NOTICE.sub("", text.replace(self._folder, SHOWN_HOME))
+        text = _JOB_NOTICE.sub("", text.replace(self._directory, SHOWN_HOME))
         # A line that was written over is as it was last.
         lines = text.removesuffix("\n").split("\n") if text else []
         return status, [line.split("\r")[-1] for line in lines]
@@ -214,14 +214,14 @@ class Shell:
 
     def shows(self, command, screen):
         """Runs a command of the whole screen until that agrees with `screen`."""
-        folder = self._run("pwd")[1].strip()
+        directory = self._run("pwd")[1].strip()
         terminal = Terminal(
-            self._machine, "sh", "-c", f"cd {folder} && exec {command}",
+            self._machine, "sh", "-c", f"cd {directory} && exec {command}",
             columns=COLUMNS, rows=len(screen), environment=self._environment,
         )
 
         def is_shown(lines):
-            text = "\n".join(lines).replace(self._folder, SHOWN_HOME)
+            text = "\n".join(lines).replace(self._directory, SHOWN_HOME)
             return agree(screen, text.split("\n"))
 
         terminal.wait_for(is_shown, "\n".join(screen))

@@ -1,9 +1,8 @@
-"""Stands in a launcher's place on its control socket, and answers wrongly.
+"""Listens on a launcher's control socket, and sends invalid replies.
 
     fake_launcher.py [ARGUMENT...]
 
-What it does with each connection stands in /tmp/answers, one JSON array: the
-first element is for the first connection since the file was written, and so
+/tmp/answers defines its actions, one JSON array: the first element is for the first connection since the file was written, and so
 on; the last for all others. An element is
 
     {"read": N, "send": HEX, "end": "close", "reset" or "hold"}
@@ -18,7 +17,7 @@ import os
 import socket
 import struct
 
-FOLDER = "/tmp/vornlaunch"
+DIRECTORY = "/tmp/vornlaunch"
 
 
 def read_exactly(client, count):
@@ -50,9 +49,9 @@ def serve(client, answer):
 
 
 def main():
-    os.makedirs(FOLDER, exist_ok=True)
+    os.makedirs(DIRECTORY, exist_ok=True)
     listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    listener.bind(FOLDER + "/vornlaunch.sock")
+    listener.bind(DIRECTORY + "/vornlaunch.sock")
     listener.listen()
     written, answers = None, []
     while True:

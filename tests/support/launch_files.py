@@ -1,5 +1,5 @@
 """Launch files of all kinds: good, odd and wrong. Their programs are in the
-folder /tmp/bin, which is also install://bin where VORN_ROOT is /tmp."""
+directory /tmp/bin, which is also install://bin where VORN_ROOT is /tmp."""
 
 import random
 
@@ -37,7 +37,7 @@ KEYS = [
     "sleep: 4294967295, sleep: 1", "sleep: 4294967296", "sleep: 0xffffffff, sleep: 0",
     "sleep: [1]", "sleep: .inf", "sleep: .nan", "sleep: 99999999999999999999",
     "required:", "required: ~", "required: good", "required: []", "required: [good]",
-    "required: [good, good, bad, nobody]", "required: [~]", "required: [[good]]",
+    "required: [good, good, bad, missing]", "required: [~]", "required: [[good]]",
     "required: {a: b}", "required: [good], required: [bad]", "required: ''",
     "required: [1, true, '']", "required: [good, ~], required: [good]",
     "environment:", "environment: ~", "environment: x", "environment: ''",
@@ -174,7 +174,7 @@ class Generator:
         return text
 
     def _entry(self, indent, key, value):
-        """A key and its value, which brings what stands behind the colon."""
+        """A key and its value, which contains everything after the colon."""
         comment = self._pick(["", "", "", "  # why"])
         text = value(indent)
         if text.startswith("\n") or "\n" in text:

@@ -58,16 +58,16 @@ def describe(pid, launcher):
     """A child that has executed its program and waits; None while it does not,
     and an empty dictionary if it has ended. A worker that is stopped has been
     executed for sure: in the middle of that its arguments may be missing."""
-    folder = pathlib.Path(f"/proc/{pid}")
+    directory = pathlib.Path(f"/proc/{pid}")
     try:
-        stat = (folder / "stat").read_text(encoding="ascii", errors="replace")
+        stat = (directory / "stat").read_text(encoding="ascii", errors="replace")
         state = stat.rsplit(")", 1)[1].split()[0]
         if state in "ZX":
             return {}
-        if state not in "TS" or os.readlink(folder / "exe") == launcher:
+        if state not in "TS" or os.readlink(directory / "exe") == launcher:
             return None
-        return {"argv": words(folder / "cmdline"),
-                "environment": words(folder / "environ")}
+        return {"argv": words(directory / "cmdline"),
+                "environment": words(directory / "environ")}
     except (FileNotFoundError, ProcessLookupError):
         return {}
 

@@ -45,7 +45,7 @@ class Process:
         return self.state not in "ZX"
 
     def read(self, file):
-        """The bytes of a file of its /proc folder."""
+        """The bytes of a file of its /proc directory."""
         return pathlib.Path(f"/proc/{self.host_pid}/{file}").read_bytes()
 
     @property
@@ -62,8 +62,9 @@ class Process:
     @property
     def descriptors(self):
         """What its open descriptors are, by number."""
-        folder = f"/proc/{self.host_pid}/fd"
-        return {int(fd): os.readlink(f"{folder}/{fd}") for fd in os.listdir(folder)}
+        directory = f"/proc/{self.host_pid}/fd"
+        return {int(fd): os.readlink(f"{directory}/{fd}")
+                for fd in os.listdir(directory)}
 
     def signal(self, number):
         os.kill(self.host_pid, number)
@@ -97,7 +98,7 @@ def is_sanitized(program):
 
 class Machine:
     """What a test puts into the machine, and the launcher that runs in it. The
-    folder `tmp` is the machine's /tmp; /tmp/install is the launcher's
+    directory `tmp` is the machine's /tmp; /tmp/install is the launcher's
     installation root. Use start() once."""
 
     def __init__(self, tmp, program):

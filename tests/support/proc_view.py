@@ -25,11 +25,11 @@ def node_of(host_pid):
 
 def descriptors_of(host_pid):
     """What a process's open descriptors are, in order, without their numbers."""
-    folder = f"/proc/{host_pid}/fd"
+    directory = f"/proc/{host_pid}/fd"
     links = []
-    for fd in os.listdir(folder):
+    for fd in os.listdir(directory):
         try:
-            links.append(os.readlink(f"{folder}/{fd}"))
+            links.append(os.readlink(f"{directory}/{fd}"))
         except FileNotFoundError:
             pass  # closed meanwhile
     return sorted(re.sub(r":\[\d+\]$", "", link) for link in links)

@@ -9,7 +9,7 @@ from support.waiting import eventually
 
 
 def _read(host_pid, file):
-    """A file of the /proc folder; nothing once the process is gone."""
+    """A file of the /proc directory; nothing once the process is gone."""
     try:
         return pathlib.Path(f"/proc/{host_pid}/{file}").read_text(encoding="utf-8")
     except (FileNotFoundError, ProcessLookupError):

@@ -24,7 +24,7 @@ def read_terminal(terminal, until=None):
         assert ready and time.monotonic() < deadline, f"only {text!r} came"
         try:
             piece = os.read(terminal, 4096)
-        except OSError:  # EIO: nobody has the other end open
+        except OSError:  # EIO: the other end is closed
             break
         if not piece:
             break

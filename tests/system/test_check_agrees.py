@@ -34,12 +34,12 @@ def all_files(seed=SEED, count=GENERATED):
     return [*hand_made(), *existing(), *generated(seed, count)]
 
 
-def write(folder, files):
+def write(directory, files):
     """Writes the files; returns their paths."""
-    folder.mkdir(parents=True)
+    directory.mkdir(parents=True)
     paths = []
     for name, text in files:
-        path = folder / f"{name}.yaml"
+        path = directory / f"{name}.yaml"
         path.write_bytes(text if isinstance(text, bytes) else text.encode())
         paths.append(path)
     return paths

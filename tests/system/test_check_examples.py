@@ -40,7 +40,7 @@ def options_of(text):
     return match.group(1).split() if match else ["--no-host"]
 
 
-def run(vornctl, name, *options, folder=EXAMPLES, text=None):
+def run(vornctl, name, *options, directory=EXAMPLES, text=None):
     """Checks an example, or `text` in its place."""
     shown = (EXAMPLES / f"{name}.yaml").read_text(encoding="utf-8")
     environment = {
@@ -56,20 +56,20 @@ def run(vornctl, name, *options, folder=EXAMPLES, text=None):
     if prefix:
         command[0] = shutil.which(command[0])
     return subprocess.run(
-        [*command, "-" if text is not None else f"{name}.yaml"], cwd=folder,
+        [*command, "-" if text is not None else f"{name}.yaml"], cwd=directory,
         env=environment, input=text, capture_output=True, check=False,
         encoding="utf-8", timeout=60,
     )
 
 
-@pytest.fixture(name="folder")
-def fixture_folder(tmp_path, request):
+@pytest.fixture(name="directory")
+def fixture_directory(tmp_path, request):
     """A copy of the examples with the rights that git does not keep."""
-    folder = tmp_path / "check"
-    shutil.copytree(EXAMPLES, folder)
+    directory = tmp_path / "check"
+    shutil.copytree(EXAMPLES, directory)
     if request.node.callspec.params["name"] in NEEDS_ROOT:
-        (folder / "programs/good").chmod(0o777)
-    return folder
+        (directory / "programs/good").chmod(0o777)
+    return directory
 
 
 @functools.lru_cache
@@ -102,10 +102,10 @@ def test_every_check_is_documented_with_its_severity(vornctl):
 
 
 @pytest.mark.parametrize("name", CASES)
-def test_an_example_has_exactly_the_expected_output(vornctl, folder, name):
-    finished = run(vornctl, name, folder=folder)
+def test_an_example_has_exactly_the_expected_output(vornctl, directory, name):
+    finished = run(vornctl, name, directory=directory)
     expected = (EXAMPLES / f"{name}.txt").read_text(encoding="utf-8")
-    assert finished.stdout.replace(str(folder), "FOLDER") == expected
+    assert finished.stdout.replace(str(directory), "DIRECTORY") == expected
     assert finished.stderr == ""
     assert finished.returncode == (1 if ": error: " in expected else 0)
 
@@ -119,22 +119,22 @@ def test_an_example_has_the_diagnostic_of_its_name(vornctl, name):
 
 
 @pytest.mark.parametrize("name", CASES)
-def test_an_option_silences_a_diagnostic(vornctl, folder, name):
-    finished = run(vornctl, name, f"--ignore={name}", folder=folder)
+def test_an_option_silences_a_diagnostic(vornctl, directory, name):
+    finished = run(vornctl, name, f"--ignore={name}", directory=directory)
     assert f"[{name}]" not in finished.stdout
     assert finished.stderr == ""
 
 
 @pytest.mark.parametrize("name", CASES)
-def test_a_comment_silences_a_diagnostic_on_its_line(vornctl, folder, name):
-    path = folder / f"{name}.yaml"
-    printed = run(vornctl, name, "--format=json", folder=folder).stdout
+def test_a_comment_silences_a_diagnostic_on_its_line(vornctl, directory, name):
+    path = directory / f"{name}.yaml"
+    printed = run(vornctl, name, "--format=json", directory=directory).stdout
     findings = json.loads(printed)["files"][0]["findings"]
     found = [finding["line"] for finding in findings if finding["name"] == name]
     lines = path.read_text(encoding="utf-8").splitlines()
     lines[found[0] - 1] += f"  # vornctl: ignore={name} as a test"
     path.write_text("\n".join(lines) + "\n", encoding="utf-8")
-    printed = run(vornctl, name, "--format=json", folder=folder).stdout
+    printed = run(vornctl, name, "--format=json", directory=directory).stdout
     findings = json.loads(printed)["files"][0]["findings"]
     left = [finding["line"] for finding in findings if finding["name"] == name]
     assert left == [line for line in found if line != found[0]]

@@ -205,9 +205,9 @@ def test_control_py_refuses_a_name_beyond_127_bytes_with_2(demo):
 
 
 def test_control_py_exits_with_3_for_an_unknown_node(demo):
-    assert control(demo, "stop", "nobody") == (
+    assert control(demo, "stop", "lidar") == (
         3,
-        "control.py: nobody: no such node\n",
+        "control.py: lidar: no such node\n",
     )
 
 
@@ -226,7 +226,7 @@ def trace_control(machine, *arguments):
     calls = "trace=socket,connect,sendto,sendmsg,recvfrom,recvmsg,shutdown"
     machine.run(
         "strace", "-o", "/tmp/control.strace", "-e", calls,
-        # Without Python's own look at the user's folders, which asks nscd.
+        # Without Python's own look at the user's directories, which asks nscd.
         "python3", "-I", "-S", "/tmp/control.py", *arguments, check=False, timeout=300,
     )
     trace = (machine.tmp / "control.strace").read_text(encoding="utf-8")

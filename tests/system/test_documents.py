@@ -13,8 +13,8 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 TUTORIALS = ROOT / "docs/tutorials"
 DOCUMENTS = sorted([
     *ROOT.glob("*.md"),
-    *(path for folder in ("bench", "docs", "examples", "packaging", "tests", "tools")
-      for path in (ROOT / folder).rglob("*.md")),
+    *(path for directory in ("bench", "docs", "examples", "packaging", "tests", "tools")
+      for path in (ROOT / directory).rglob("*.md")),
 ])
 
 
@@ -178,10 +178,10 @@ def test_an_incorrect_document_is_detected(shell, tmp_path):
             pytest.fail(f"{what} is not found")
 
 
-# Programs in documents that stand for the reader's own, or that no test needs.
+# Programs in documents that are the reader's own, or that no test needs.
 NOT_HERE = {"docker", "podman", "robot-config"}
 
-# Words behind which a command stands.
+# Words that a command can follow.
 KEYWORDS = {"!", "{", "}", "do", "done", "else", "fi", "if", "sudo", "then", "until",
             "while"}
 
@@ -233,12 +233,12 @@ def help_of(words, program):
 
 
 def is_there(word, program):
-    """Whether a word is no file of this project, or one that there is."""
+    """Whether a word does not name a file of this project, or an existing one."""
     if word.startswith("build/bin/"):
         return program.with_name(word.rpartition("/")[2]).exists()
-    folder, _, rest = word.partition("/")
-    if folder in ("", ".") or not rest or not (ROOT / folder).is_dir():
-        return True  # such as /tmp/x, or ./x in a folder of the reader's
+    directory, _, rest = word.partition("/")
+    if directory in ("", ".") or not rest or not (ROOT / directory).is_dir():
+        return True  # such as /tmp/x, or ./x in a directory of the reader's
     return any(ROOT.glob(word))
 
 

@@ -63,7 +63,7 @@ def fixture_library(request):
 
 @pytest.fixture(name="project")
 def fixture_project(tmp_path, library):
-    """The folder of a project that uses the library."""
+    """The directory of a project that uses the library."""
     (tmp_path / "user.cpp").write_text(PROGRAMS[library][0], encoding="utf-8")
     (tmp_path / "CMakeLists.txt").write_text(
         CMAKE_PROJECT.format(library=library), encoding="utf-8")
@@ -83,7 +83,7 @@ def fixture_prefix(request, tmp_path, build, configure, settings):
         made = tmp_path / "made"
         run("cmake", "--install", str(build), "--prefix", str(made))
         return made.rename(tmp_path / "moved")
-    # A folder of libraries of another name needs another configuration.
+    # A directory of libraries of another name needs another configuration.
     source = pathlib.Path(__file__).resolve().parents[2]
     machine = run(settings["CMAKE_CXX_COMPILER"], "-print-multiarch").strip()
     other = tmp_path / "build"
@@ -91,8 +91,8 @@ def fixture_prefix(request, tmp_path, build, configure, settings):
         "-DVORN_VORNCTL=OFF", f"-DCMAKE_INSTALL_LIBDIR=lib/{machine}")
     run("cmake", "--build", str(other), "--target", *PROGRAMS)
     made = tmp_path / "made"
-    for folder in ("include", "libvornclient", "libvornlib"):
-        run("cmake", "--install", str(other / folder), "--prefix", str(made))
+    for directory in ("include", "libvornclient", "libvornlib"):
+        run("cmake", "--install", str(other / directory), "--prefix", str(made))
     return made.rename(tmp_path / "moved")
 
 
@@ -114,9 +114,9 @@ def test_a_cmake_project_finds_the_library(
 
 def test_pkg_config_finds_the_library(
         project, prefix, library, program, settings):
-    folder = next(prefix.rglob(f"{library}.pc")).parent
+    directory = next(prefix.rglob(f"{library}.pc")).parent
     flags = run("pkg-config", "--cflags", "--libs", library,
-                PKG_CONFIG_PATH=str(folder)).split()
+                PKG_CONFIG_PATH=str(directory)).split()
     user = str(project / "user")
     run(settings["CMAKE_CXX_COMPILER"], "-std=c++17", str(project / "user.cpp"), *flags,
         *sanitizers(program).split(), "-o", user)

@@ -29,7 +29,7 @@ BEYOND_A_SCHEMA = {
     "space-in-argument", "unknown-ignore", "variable-not-expanded",
     "writable-by-others", "wrong-format",
 }
-# What is no YAML, or more than one document: an editor says so without us.
+# Invalid YAML, or more than one document: an editor reports it by itself.
 NOT_LOADED = {"syntax", "second-document", "not-a-key"}
 
 

@@ -112,7 +112,7 @@ offer vornctl ""
 
 
 def test_bash_offers_each_command_with_its_options(options):
-    # With an empty word for what stands before a command.
+    # With an empty word before the command.
     said = run("bash", "-c", BASH_OFFERS, "bash", str(COMPLETION / "vornctl.bash"),
                *options).splitlines()
     offered = [set(line.split()) for line in said]

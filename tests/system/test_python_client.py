@@ -33,9 +33,9 @@ def fixture_launcher(machine):
     machine.script("worker", STAY)
     machine.start({"vornnode": {"worker": {"path": "/tmp/bin/worker"}}})
     # The path from here is too long for a socket; a link in /proc is not.
-    folder = os.open(machine.tmp / "vornlaunch", os.O_PATH)
-    yield vornctl.Launcher(f"/proc/self/fd/{folder}/vornlaunch.sock")
-    os.close(folder)
+    directory = os.open(machine.tmp / "vornlaunch", os.O_PATH)
+    yield vornctl.Launcher(f"/proc/self/fd/{directory}/vornlaunch.sock")
+    os.close(directory)
 
 
 @pytest.fixture(name="server")
@@ -202,12 +202,12 @@ def test_a_missing_socket_is_a_missing_launcher():
 
 def test_a_socket_without_a_listener_is_a_missing_launcher(tmp_path):
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as left:
-        folder = os.open(tmp_path, os.O_PATH)
-        path = f"/proc/self/fd/{folder}/left"
+        directory = os.open(tmp_path, os.O_PATH)
+        path = f"/proc/self/fd/{directory}/left"
         left.bind(path)
     with pytest.raises(vornctl.NoLauncher, match="refused"):
         vornctl.Launcher(path).status("worker")
-    os.close(folder)
+    os.close(directory)
 
 
 def test_a_full_queue_is_a_timeout_after_the_limit(server):

@@ -73,11 +73,11 @@ def test_the_cleaning_of_tmp_keeps_the_control_socket(root):
     rules = root / "etc/tmpfiles.d"
     rules.mkdir(parents=True)
     (rules / "all.conf").write_text("d /tmp 1777 - - 0\n", encoding="utf-8")
-    folder = root / "tmp/vornlaunch"
-    folder.mkdir(parents=True)
-    (folder / "vornlaunch.sock").touch()
+    directory = root / "tmp/vornlaunch"
+    directory.mkdir(parents=True)
+    (directory / "vornlaunch.sock").touch()
     (root / "tmp/other").touch()
     # Where rules are looked for; the one of an installation below /usr/local is.
     run("systemd-tmpfiles", f"--root={root}", "--clean")
     assert not (root / "tmp/other").exists()
-    assert (folder / "vornlaunch.sock").exists()
+    assert (directory / "vornlaunch.sock").exists()

@@ -66,10 +66,10 @@ def test_a_wrong_number_of_arguments_prints_the_usage_and_exits_with_1(
 # -- The fatal signals.
 
 
-def count_before_arming(program, folder):
+def count_before_arming(program, directory):
     """How many rt_sigaction calls the process makes before the launcher's
     first; a sanitizer has some of its own."""
-    output = folder / "arming.log"
+    output = directory / "arming.log"
     subprocess.run(
         ["strace", "-f", "-o", str(output), "-e", "trace=rt_sigaction", str(program)],
         stdout=subprocess.DEVNULL, check=False, timeout=60,

@@ -26,7 +26,7 @@ ERROR_LINE = (
 
 @pytest.fixture(name="vornctl")
 def fixture_vornctl(program, tmp_path):
-    """Runs vornctl in a folder of its own."""
+    """Runs vornctl in a directory of its own."""
 
     def run(*arguments, text=None, environment=None, command="check", wrapper=(),
             **options):
@@ -38,12 +38,12 @@ def fixture_vornctl(program, tmp_path):
             capture_output=True, check=False, encoding="utf-8", timeout=60, **options,
         )
 
-    run.folder = tmp_path
+    run.directory = tmp_path
     return run
 
 
 def write(vornctl, text, name="launch.yaml"):
-    path = vornctl.folder / name
+    path = vornctl.directory / name
     path.write_text(text, encoding="utf-8")
     return name
 
@@ -86,13 +86,13 @@ def test_standard_input_is_named_stdin(vornctl):
 
 
 def test_an_unreadable_file_exits_with_2_and_the_others_are_checked(vornctl):
-    (vornctl.folder / "folder").mkdir()
-    finished = vornctl("missing.yaml", "folder", write(vornctl, ERROR))
+    (vornctl.directory / "directory").mkdir()
+    finished = vornctl("missing.yaml", "directory", write(vornctl, ERROR))
     assert finished.returncode == 2
     assert finished.stdout == "launch.yaml:" + ERROR_LINE
     assert finished.stderr == (
         "vornctl: cannot read missing.yaml: No such file or directory\n"
-        "vornctl: cannot read folder: Is a directory\n"
+        "vornctl: cannot read directory: Is a directory\n"
     )
 
 
@@ -128,7 +128,7 @@ LARGE = CLEAN + "# a comment\n" * 20_000 + "["
 ], ids=["error", "end"])
 def test_a_partly_read_file_does_not_pass(vornctl, injected, reason):
     name = write(vornctl, LARGE)
-    strace = ["strace", "-o", "/dev/null", "-P", vornctl.folder / name,
+    strace = ["strace", "-o", "/dev/null", "-P", vornctl.directory / name,
               "-e", "trace=read", "-e", f"inject=read:{injected}"]
     assert failure_of(vornctl, name, wrapper=strace,
                       environment={"ASAN_OPTIONS": "detect_leaks=0"}) == (
@@ -137,7 +137,7 @@ def test_a_partly_read_file_does_not_pass(vornctl, injected, reason):
 
 def test_an_interrupted_read_is_repeated(vornctl):
     name = write(vornctl, LARGE)
-    strace = ["strace", "-o", "/dev/null", "-P", vornctl.folder / name,
+    strace = ["strace", "-o", "/dev/null", "-P", vornctl.directory / name,
               "-e", "trace=read", "-e", "inject=read:error=EINTR:when=2"]
     finished = vornctl(name, "--no-host", wrapper=strace,
                        environment={"ASAN_OPTIONS": "detect_leaks=0"})
@@ -348,7 +348,7 @@ def on_terminal(program, path, *options):
 
 def test_a_terminal_is_shown_the_source_and_a_caret(vornctl, program):
     text = "vornnode:\n  größe: {\tsleep: x, path: /bin/sh}\n"
-    path = vornctl.folder / write(vornctl, text)
+    path = vornctl.directory / write(vornctl, text)
     assert on_terminal(program, path, "--color=never") == (
         "launch.yaml:2:21: error: 'x' for 'sleep' is no whole number of "
         "milliseconds from 0 to 4294967295 [not-a-number]\n"
@@ -358,7 +358,7 @@ def test_a_terminal_is_shown_the_source_and_a_caret(vornctl, program):
 
 
 def test_a_terminal_is_shown_colours(vornctl, program):
-    path = vornctl.folder / write(vornctl, ERROR)
+    path = vornctl.directory / write(vornctl, ERROR)
     shown = on_terminal(program, path)
     assert shown.startswith("\x1b[1mlaunch.yaml:3:11:\x1b[0m \x1b[31merror:\x1b[0m ")
 
@@ -690,12 +690,12 @@ def test_the_graph_is_drawn_for_documents(vornctl):
 
 
 def false_dot(vornctl, body):
-    """A folder with another program in the place of Graphviz."""
-    folder = vornctl.folder / "bin"
-    folder.mkdir()
-    (folder / "dot").write_text(f"#!/bin/sh\n{body}\n", encoding="ascii")
-    (folder / "dot").chmod(0o755)
-    return {"PATH": f"{folder}:/usr/bin:/bin"}
+    """A directory with another program in the place of Graphviz."""
+    directory = vornctl.directory / "bin"
+    directory.mkdir()
+    (directory / "dot").write_text(f"#!/bin/sh\n{body}\n", encoding="ascii")
+    (directory / "dot").chmod(0o755)
+    return {"PATH": f"{directory}:/usr/bin:/bin"}
 
 
 def test_svg_is_drawn_by_graphviz(vornctl):

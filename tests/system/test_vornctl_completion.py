@@ -65,8 +65,8 @@ class Shell(Terminal):
         self.wait_for(lambda screen: screen[0] == PROMPT.rstrip(), "a prompt")
 
     def complete(self, line, completed):
-        """Types this, presses the tab key, and waits until this stands there.
-        zsh may put a = or a comma behind it."""
+        """Types `line`, presses the tab key, and waits for the line `completed`,
+        to which zsh may append a = or a comma."""
         self.type(line + "\t")
         possible = [completed, *[completed + mark for mark in "=,"]]
         self.wait_for(lambda screen: self.line(screen) in possible, completed)
@@ -104,7 +104,7 @@ class Shell(Terminal):
 
     @staticmethod
     def line(screen):
-        """What stands in the line with the last prompt, without the prompt."""
+        """The text after the last prompt."""
         lines = [line for line in screen if line.startswith(PROMPT.rstrip())]
         return lines[-1][len(PROMPT):] if lines else ""
 
@@ -302,10 +302,10 @@ def test_the_names_are_those_of_the_given_file(shell):
 
 @pytest.mark.parametrize("option", ["--launch-file ", "--launch-file="])
 def test_files_are_completed_where_one_is_expected(shell, option):
-    shell.machine.file("some folder/file.yaml", "")
+    shell.machine.file("some directory/file.yaml", "")
     shell.complete(f"vornctl {option}/tmp/some",
-                   f"vornctl {option}/tmp/some\\ folder/")
-    shell.complete("fi", f"vornctl {option}/tmp/some\\ folder/file.yaml")
+                   f"vornctl {option}/tmp/some\\ directory/")
+    shell.complete("fi", f"vornctl {option}/tmp/some\\ directory/file.yaml")
 
 
 def test_the_named_program_is_called(robot, shell):

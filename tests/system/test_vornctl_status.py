@@ -13,7 +13,7 @@ from support.trace import injected
 from support.vornctl import VORNCTL, on_terminal
 from support.waiting import eventually
 
-NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
+UNPRIVILEGED = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
 AS_A_COMMAND = ["unshare", "--mount", "sh", "-c"]
 
 
@@ -469,10 +469,10 @@ def test_without_the_launch_file_nodes_can_be_named(robot):
 
 
 def test_a_directory_is_not_a_launch_file(robot):
-    (robot.tmp / "[folder]").mkdir()
-    done = robot.vornctl("names", "--launch-file", "/tmp/[folder]")
+    (robot.tmp / "[directory]").mkdir()
+    done = robot.vornctl("names", "--launch-file", "/tmp/[directory]")
     assert (done.returncode, done.stderr) == (
-        2, "vornctl: cannot read /tmp/[folder]: Is a directory\n")
+        2, "vornctl: cannot read /tmp/[directory]: Is a directory\n")
 
 
 def test_the_launch_file_is_the_launchers_last_argument(machine):
@@ -666,7 +666,7 @@ class TestAnotherUser:
     @staticmethod
     def vornctl(machine, *arguments):
         machine.tmp.chmod(0o1777)
-        return machine.execute(*NOBODY, VORNCTL, *arguments)
+        return machine.execute(*UNPRIVILEGED, VORNCTL, *arguments)
 
     def test_sees_the_nodes_of_roots_launcher(self, robot):
         done = self.vornctl(robot, "status", "-o", "node,state", "--no-header")

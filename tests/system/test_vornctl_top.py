@@ -12,8 +12,8 @@ from support.terminal import Terminal
 from support.vornctl import VORNCTL
 from support.waiting import eventually
 
-# Runs top, then tells its exit status. The shell survives a Ctrl-C. What the
-# terminal was and is, but for its size, stands in two files.
+# Runs top, then prints its exit status. The shell survives a Ctrl-C. Two files
+# contain the settings of the terminal before and after, without its size.
 SCRIPT = f"""trap : INT
 echo before
 stty -a | tail -n +2 >/tmp/before

@@ -3,9 +3,9 @@
 
 # The launcher sets __VORN_NODE_NAME__ to the name followed by "(vornlaunch)".
 NAME=${__VORN_NODE_NAME__%"(vornlaunch)"}
-FOLDER=${TMPDIR:-/tmp}/$DEMO_FOLDER
-FRAMES=$FOLDER/frames
-RESULT=$FOLDER/result
+DIRECTORY=${TMPDIR:-/tmp}/$DEMO_DIRECTORY
+FRAMES=$DIRECTORY/frames
+RESULT=$DIRECTORY/result
 
 say() {
   echo "$NAME: $*"

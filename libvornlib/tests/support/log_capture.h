@@ -13,7 +13,7 @@
 
 namespace vorn::test {
 
-/// One log line, taken apart.
+/// One parsed log line.
 struct LogLine {
   std::string level;  // "INFO", "WARN", "ERROR" or a number
   bool event = false;

@@ -15,7 +15,7 @@ function __vornctl_nodes
     set options (string replace -r '=~/' "=$HOME/" -- $options)
     set -a options (string match -- --trust-any-user $words)
     for name in ($program --connect-timeout 1s --timeout 1s $options names --null 2>/dev/null | string split0)
-        # fish takes what stands behind a tab for a description.
+        # fish uses text after a tab as a description.
         string match -qr '[\t\n]' -- $name; and continue
         # A name that looks like an option is one without "--" before it.
         string match -q -- '-*' $name; and not contains -- -- $words; and continue

@@ -553,8 +553,8 @@ std::string reply(Result result) {
   return bytes;
 }
 
-/// Lets node operations run without any process: executables exist, forks give
-/// kForkedPid, signals arrive, and whoever is waited for is gone.
+/// Lets node operations run without any process: executables exist, forks
+/// return kForkedPid, signals arrive, and stopped processes disappear at once.
 void pretendProcesses() {
   auto& calls = systemCalls();
   calls.stat = [](const char*, struct stat*) { return 0; };

@@ -423,7 +423,7 @@ TEST_F(OpenEpollTest, ARemovalWithoutAHandlerIsOneErrorLineAndFalse) {
   EXPECT_THAT(log_.lines(),
               ElementsAre(logLine("ERROR", false, "unregisterHandler",
                                   "handler erase failed.")));
-  // The kernel has let go of it all the same.
+  // The kernel has removed it nevertheless.
   EXPECT_EQ(-1, real.epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, event.fd(), nullptr));
 }
 

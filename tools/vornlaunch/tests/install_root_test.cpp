@@ -59,16 +59,16 @@ INSTANTIATE_TEST_SUITE_P(
 
 INSTANTIATE_TEST_SUITE_P(
     Roots, InstallRoot,
-    ::testing::Values(
-        ExpansionCase{"TrailingSlash", "/opt/x/", "install://lib",
-                      "/opt/x/lib"},
-        ExpansionCase{"RootDirectory", "/", "install://lib", "/lib"},
-        ExpansionCase{"TwoLeadingSlashes", "//host/x",
-                      "install://lib:install://bin",
-                      "//host/x/lib://host/x/bin"},
-        // The root's slashes complete a prefix that stands before it.
-        ExpansionCase{"TwoLeadingSlashesAfterAHalfPrefix", "//x",
-                      "install:install://lib", "//x/x/lib"}),
+    ::testing::Values(ExpansionCase{"TrailingSlash", "/opt/x/", "install://lib",
+                                    "/opt/x/lib"},
+                      ExpansionCase{"RootDirectory", "/", "install://lib",
+                                    "/lib"},
+                      ExpansionCase{"TwoLeadingSlashes", "//host/x",
+                                    "install://lib:install://bin",
+                                    "//host/x/lib://host/x/bin"},
+                      // The root's slashes complete a prefix in front of it.
+                      ExpansionCase{"TwoLeadingSlashesAfterAHalfPrefix", "//x",
+                                    "install:install://lib", "//x/x/lib"}),
     test::caseName<ExpansionCase>);
 
 class RefusedInstallRoot : public ::testing::TestWithParam<ExpansionCase> {};

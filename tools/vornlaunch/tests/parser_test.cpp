@@ -769,8 +769,8 @@ INSTANTIATE_TEST_SUITE_P(Of, WrongSleepTest,
                          nameOfText);
 
 TEST_F(LaunchFileTest, RequiredKeepsItsOrderAndUnknownNames) {
-  EXPECT_THAT(parseOnly("path: /n\nrequired: [z, nobody, n, a, z]").required,
-              ElementsAre("z", "nobody", "n", "a", "z"));
+  EXPECT_THAT(parseOnly("path: /n\nrequired: [z, other, n, a, z]").required,
+              ElementsAre("z", "other", "n", "a", "z"));
 }
 
 TEST_F(LaunchFileTest, AnEmptyRequiredListIsEmpty) {

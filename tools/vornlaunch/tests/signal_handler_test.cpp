@@ -343,7 +343,7 @@ TEST_F(SignalHandlerTest, TheSignalfdIsCloseOnExecAndTakesExactlyTheTwo) {
   std::string line;
   while (std::getline(file, line) && line.rfind("sigmask:", 0) != 0) {
   }
-  // Bit n-1 stands for signal n: 15 and 17.
+  // Bit n-1 is signal n: 15 and 17.
   EXPECT_EQ(line, "sigmask:\t0000000000014000");
 }
 

@@ -17,16 +17,16 @@
 namespace vorn::test {
 
 /// Real children of this process, started through the launcher's fork, and a
-/// folder for what they write. Whoever is left in the end is killed and
-/// collected.
+/// directory for their files. The destructor kills and collects the remaining
+/// children.
 class Children {
  public:
   Children() {
     std::string name = "/tmp/children-XXXXXX";
     if (::mkdtemp(name.data()) == nullptr) {
-      throw std::runtime_error("cannot make a folder for the children");
+      throw std::runtime_error("cannot create a directory for the children");
     }
-    folder_ = name;
+    directory_ = name;
     systemCalls().fork = [this] {
       const pid_t pid = real.fork();
       if (pid > 0) pids_.insert(pid);
@@ -40,7 +40,7 @@ class Children {
       (void)real.waitpid(pid, nullptr, 0);
     }
     std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
+    std::filesystem::remove_all(directory_, ignored);
   }
   Children(const Children&) = delete;
   Children& operator=(const Children&) = delete;
@@ -55,8 +55,8 @@ class Children {
     return status;
   }
 
-  /// The path of `name` in the folder.
-  std::string path(const std::string& name) const { return folder_ / name; }
+  /// The path of `name` in the directory.
+  std::string path(const std::string& name) const { return directory_ / name; }
 
   /// Writes the file `name` with these permissions; returns its path.
   std::string write(const std::string& name, const std::string& content,
@@ -74,7 +74,7 @@ class Children {
   }
 
  private:
-  std::filesystem::path folder_;
+  std::filesystem::path directory_;
   std::set<pid_t> pids_;  // those not collected
 };
 

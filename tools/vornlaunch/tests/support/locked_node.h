@@ -6,7 +6,7 @@
 
 namespace vorn::test {
 
-/// Locks the node's mutex for good, in such a way that an operation that wants
+/// Locks the node's mutex permanently, so that an operation that needs
 /// it throws std::system_error instead of waiting.
 inline void lockSoThatLockingThrows(launch::Node& node) {
   pthread_mutex_t* const mutex = node.mutex.native_handle();

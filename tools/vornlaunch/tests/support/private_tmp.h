@@ -11,8 +11,8 @@
 
 namespace vorn::test {
 
-/// Gives this process, for good, a mount namespace of its own whose /tmp is
-/// empty, so that the launcher's fixed paths there are the test's alone.
+/// Moves this process permanently into a mount namespace of its own whose /tmp
+/// is empty, so that the launcher's fixed paths there are the test's alone.
 /// Without the privilege a user namespace provides it. Returns the empty text,
 /// or a sentence that tells why it is not permitted here.
 inline std::string enterPrivateTmp() {
