@@ -1,17 +1,14 @@
 #include "launchfile/parser.h"
 
-#include <yaml-cpp/eventhandler.h>
 #include <yaml-cpp/yaml.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <optional>
-#include <sstream>
-#include <string_view>
 
 #include "launchfile/other_language.h"
+#include "launchfile/yaml_text.h"
 #include "output/text.h"
 #include "vornlib/install_root.h"
 
@@ -20,99 +17,6 @@ namespace {
 
 constexpr char kBinPath[] = "VORN_BIN_PATH";
 constexpr char kRoot[] = "VORN_ROOT";
-
-Place placeOf(const YAML::Mark& mark) {
-  return mark.is_null() ? Place{} : Place{mark.line + 1, mark.column + 1};
-}
-
-/// What a person calls the kind of a value.
-std::string kindOf(const YAML::Node& value) {
-  if (value.IsNull()) return "nothing";
-  if (value.IsSequence()) return "a list";
-  if (value.IsMap()) return "a mapping";
-  return "'" + value.Scalar() + "'";
-}
-
-/// Notes where each document begins.
-class DocumentStarts : public YAML::EventHandler {
- public:
-  std::vector<Place> places;
-
-  void OnDocumentStart(const YAML::Mark& mark) override {
-    places.push_back(placeOf(mark));
-  }
-  void OnDocumentEnd() override {}
-  void OnNull(const YAML::Mark&, YAML::anchor_t) override {}
-  void OnAlias(const YAML::Mark&, YAML::anchor_t) override {}
-  void OnScalar(const YAML::Mark&, const std::string&, YAML::anchor_t,
-                const std::string&) override {}
-  void OnSequenceStart(const YAML::Mark&, const std::string&, YAML::anchor_t,
-                       YAML::EmitterStyle::value) override {}
-  void OnSequenceEnd() override {}
-  void OnMapStart(const YAML::Mark&, const std::string&, YAML::anchor_t,
-                  YAML::EmitterStyle::value) override {}
-  void OnMapEnd() override {}
-};
-
-/// Whether the text can go on behind its first document, whose root this is. A
-/// mapping in block style that is not indented goes on to the end of the text
-/// or to such a line.
-bool canGoOn(const YAML::Node& root, const std::string& text) {
-  const bool is_block =
-      root.IsMap() && root.Style() == YAML::EmitterStyle::Block;
-  if (!is_block || root.Mark().column != 0) return true;
-  if (text.find('\0') != std::string::npos) return true;  // not in UTF-8
-  const auto lines = {"\n---", "\n...", "\n%"};
-  return std::any_of(lines.begin(), lines.end(), [&](const char* line) {
-    return text.find(line) != std::string::npos;
-  });
-}
-
-/// Where a second document begins, which the launcher does not read.
-Place secondDocumentIn(const YAML::Node& root, const std::string& text) {
-  // Most files are spared the work of being taken apart twice.
-  if (!canGoOn(root, text)) return {};
-  std::istringstream stream(text);
-  YAML::Parser parser(stream);
-  DocumentStarts starts;
-  try {
-    if (!parser.HandleNextDocument(starts)) return {};
-    if (!parser.HandleNextDocument(starts)) return {};
-  } catch (const YAML::Exception& failure) {
-    if (starts.places.size() < 2) return placeOf(failure.mark);
-  }
-  return starts.places.size() < 2 ? Place{} : starts.places[1];
-}
-
-/// The text with each tab in the indentation of a line as `width` spaces.
-std::string withoutTabs(const std::string& text, size_t width) {
-  std::string result;
-  bool is_indentation = true;
-  for (const char letter : text) {
-    if (letter == '\t' && is_indentation) {
-      result.append(width, ' ');
-      continue;
-    }
-    result += letter;
-    is_indentation = letter == '\n' || (is_indentation && letter == ' ');
-  }
-  return result;
-}
-
-/// Whether tabs in the indentation cause the syntax error in this line, counted
-/// from 0: with spaces, as many as people usually set for a tab, the line is
-/// valid.
-bool isCausedByTabs(const std::string& text, int line) {
-  const auto widths = {2U, 4U, 8U};
-  return std::any_of(widths.begin(), widths.end(), [&](size_t width) {
-    try {
-      (void)YAML::Load(withoutTabs(text, width));
-    } catch (const YAML::Exception& failure) {
-      return failure.mark.line != line;
-    }
-    return true;
-  });
-}
 
 /// Reads one document. The calls of yaml-cpp are those of the launcher, in its
 /// order, so that the same ones fail.
@@ -130,12 +34,12 @@ class Reader {
     try {
       root = YAML::Load(document_.text());
     } catch (const YAML::Exception& failure) {
-      addSyntaxFault(failure);
+      file_.loadErrors.push_back(syntaxError(document_, failure));
       file_.otherLanguage = otherLanguageOf(document_.text());
       return std::move(file_);
     }
     const bool is_list = root.IsSequence();  // a subscript makes a map of it
-    file_.secondDocument = secondDocumentIn(root, document_.text());
+    file_.secondDocument = findSecondDocument(root, document_.text());
     try {
       if (const YAML::Node configure = root["configure"]) {
         readConfigure(configure);
@@ -143,7 +47,7 @@ class Reader {
       file_.binPath = variables_[kBinPath];
       if (const YAML::Node nodes = root["vornnode"]) readNodes(nodes);
     } catch (const YAML::BadSubscript& failure) {
-      addFault("scalar-for-mapping", placeOf(root.Mark()),
+      addError("scalar-for-mapping", placeOf(root.Mark()),
                kindOf(root) + " where a mapping with 'vornnode' must be",
                failure);
     }
@@ -170,51 +74,13 @@ class Reader {
     return text;
   }
 
-  void addFault(const std::string& check, const Place& place,
+  void addError(const std::string& check, const Place& place,
                 const std::string& message, const YAML::Exception& exception) {
     file_.loadErrors.push_back({check, place, message, exception.what()});
   }
 
-  /// Names a tab in the indentation if it is the cause, as the parser's message
-  /// is mostly about its consequences.
-  void addSyntaxFault(const YAML::Exception& failure) {
-    const Place place = placeOf(failure.mark);
-    for (int line = place.line; line >= place.line - 1; --line) {
-      const std::string_view text = document_.line(line);
-      const size_t tab =
-          text.substr(0, text.find_first_not_of(" \t")).find('\t');
-      if (tab == std::string_view::npos) continue;
-      if (!isCausedByTabs(document_.text(), failure.mark.line)) break;
-      addFault("syntax", {line, static_cast<int>(tab) + 1},
-               "this line is indented with a tab; indent with spaces only",
-               failure);
-      return;
-    }
-    addFault("syntax", place, failure.msg, failure);
-  }
-
   void ignore(const std::string& what, const Place& place) {
     file_.ignored.push_back({what, place});
-  }
-
-  /// Where a value stands. A null and an alias are behind their key's colon:
-  /// yaml-cpp places them at the next token and at the anchor.
-  Place valuePlace(const YAML::Node& key, const YAML::Node& value) const {
-    const YAML::Mark key_mark = key.Mark();
-    const YAML::Mark mark = value.Mark();
-    const bool is_alias = mark.pos <= key_mark.pos;
-    const bool is_elsewhere = value.IsNull() && mark.line != key_mark.line;
-    if (!is_alias && !is_elsewhere) return placeOf(mark);
-    const Place place = placeOf(key_mark);
-    const std::string_view line = document_.line(place.line);
-    const std::string text = key.IsScalar() ? key.Scalar() : "";
-    const size_t behind = static_cast<size_t>(key_mark.column) + text.size();
-    for (size_t colon = line.find(':', behind); colon != std::string::npos;
-         colon = line.find(':', colon + 1)) {
-      if (colon + 1 < line.size() && line[colon + 1] != ' ') continue;
-      return {place.line, static_cast<int>(colon) + 3};
-    }
-    return place;
   }
 
   /// The keys of a mapping; none of anything else.
@@ -239,11 +105,11 @@ class Reader {
     }
     const YAML::TypedBadConversion<std::string> exception(value.Mark());
     if (value.IsNull()) {
-      addFault("null-value", place,
+      addError("null-value", place,
                "null value for " + what + "; write \"\" for an empty value",
                exception);
     } else {
-      addFault("not-a-text", place,
+      addError("not-a-text", place,
                kindOf(value) + " for " + what + ", which takes one value",
                exception);
     }
@@ -255,7 +121,7 @@ class Reader {
     const Place place = placeOf(key.Mark());
     if (key.IsScalar()) return Text{key.Scalar(), place};
     const YAML::TypedBadConversion<std::string> exception(key.Mark());
-    addFault("not-a-key", place, kindOf(key) + " as " + what, exception);
+    addError("not-a-key", place, kindOf(key) + " as " + what, exception);
     return std::nullopt;
   }
 
@@ -272,7 +138,7 @@ class Reader {
       try {
         (void)entry.first.IsNull();
       } catch (const YAML::InvalidNode& exception) {
-        addFault("list-for-mapping", place,
+        addError("list-for-mapping", place,
                  "a list for " + what + "; write 'name: ...' without a dash",
                  exception);
         return;
@@ -288,7 +154,7 @@ class Reader {
       const YAML::Node environment = configure["environment"];
       if (environment) readGlobalEnvironment(environment);
     } catch (const YAML::BadSubscript& exception) {
-      addFault("scalar-for-mapping", place,
+      addError("scalar-for-mapping", place,
                kindOf(configure) + " for 'configure', which is a mapping",
                exception);
     }
@@ -314,7 +180,7 @@ class Reader {
     auto name = readKey(key, "the name of a variable");
     const std::string what =
         name ? "variable '" + name->value + "'" : "a variable";
-    const Place place = valuePlace(key, value);
+    const Place place = placeOfValue(document_, key, value);
     const auto text = readText(value, place, what);
     if (!name || !text) return std::nullopt;
     count(name->value.size());
@@ -362,7 +228,7 @@ class Reader {
       readPath(node, description, path);
     } catch (const YAML::BadSubscript& exception) {
       const std::string& owner = node.name.value;
-      addFault("scalar-for-mapping", valuePlace(key, description),
+      addError("scalar-for-mapping", placeOfValue(document_, key, description),
                isNodeKey(owner)
                    ? "'" + owner +
                          "' is read as the name of a node; indent it "
@@ -378,8 +244,9 @@ class Reader {
       if (!text) continue;
       const auto reader = kReaders.find(text->value);
       if (reader == kReaders.end()) continue;
-      (this->*reader->second)(node, entry.second,
-                              valuePlace(entry.first, entry.second));
+      (this->*reader->second)(
+          node, entry.second,
+          placeOfValue(document_, entry.first, entry.second));
     }
     file_.nodes.push_back(std::move(node));
   }
@@ -389,7 +256,7 @@ class Reader {
     Place place = placeOf(path.Mark());
     for (const auto& entry : description) {
       if (!entry.first.IsScalar() || entry.first.Scalar() != "path") continue;
-      place = valuePlace(entry.first, entry.second);
+      place = placeOfValue(document_, entry.first, entry.second);
       break;
     }
     const auto text = readText(path, place, "'path'");
@@ -432,7 +299,7 @@ class Reader {
     try {
       setting = {value.as<bool>(), place};
     } catch (const YAML::BadConversion& exception) {
-      addFault(value.IsNull() ? "null-value" : "not-a-bool", place,
+      addError(value.IsNull() ? "null-value" : "not-a-bool", place,
                value.IsNull()
                    ? "null value for '" + key + "'; write true or false"
                    : kindOf(value) + " for '" + key +
@@ -446,7 +313,7 @@ class Reader {
     try {
       node.sleepMs = {value.as<unsigned int>(), place};
     } catch (const YAML::BadConversion& exception) {
-      addFault(value.IsNull() ? "null-value" : "not-a-number", place,
+      addError(value.IsNull() ? "null-value" : "not-a-number", place,
                value.IsNull()
                    ? "null value for 'sleep'; write a number of milliseconds"
                    : kindOf(value) +
@@ -472,7 +339,7 @@ class Reader {
     if (!value.IsSequence()) {
       const YAML::TypedBadConversion<std::vector<std::string>> exception(
           value.Mark());
-      addFault(value.IsNull() ? "null-value" : "not-a-list", place,
+      addError(value.IsNull() ? "null-value" : "not-a-list", place,
                value.IsNull()
                    ? "null value for 'required'; write [] for an empty list"
                    : kindOf(value) +
