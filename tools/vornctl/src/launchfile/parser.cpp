@@ -18,8 +18,8 @@ namespace {
 constexpr char kBinPath[] = "VORN_BIN_PATH";
 constexpr char kRoot[] = "VORN_ROOT";
 
-/// Reads one document. The calls of yaml-cpp are those of the launcher, in its
-/// order, so that the same ones fail.
+/// Reads one document. It makes the launcher's calls of yaml-cpp in the same
+/// order, so that the same calls fail.
 class Reader {
  public:
   Reader(const SourceText& document, const LauncherSurroundings& surroundings)
@@ -38,7 +38,7 @@ class Reader {
       file_.otherLanguage = otherLanguageOf(document_.text());
       return std::move(file_);
     }
-    const bool is_list = root.IsSequence();  // a subscript makes a map of it
+    const bool is_list = root.IsSequence();  // the subscript makes it a map
     file_.secondDocument = findSecondDocument(root, document_.text());
     try {
       if (const YAML::Node configure = root["configure"]) {
@@ -60,6 +60,13 @@ class Reader {
   }
 
  private:
+  /// A value, its location and its name in messages.
+  struct Value {
+    const YAML::Node& yaml;
+    Place place;
+    std::string name;
+  };
+
   /// Counts a value of this size towards the limits.
   void count(size_t size) {
     bytes_ += size;
@@ -79,6 +86,20 @@ class Reader {
     file_.loadErrors.push_back({check, place, message, exception.what()});
   }
 
+  /// Adds the error of a value of the wrong kind: `problem` follows its name;
+  /// `remedy` is the text to write if there is no value.
+  void addValueError(const Value& value, const std::string& check,
+                     const std::string& problem, const std::string& remedy,
+                     const YAML::Exception& exception) {
+    if (value.yaml.IsNull()) {
+      addError("null-value", value.place,
+               "null value for " + value.name + "; write " + remedy, exception);
+    } else {
+      addError(check, value.place,
+               kindOf(value.yaml) + " for " + value.name + problem, exception);
+    }
+  }
+
   void ignore(const std::string& what, const Place& place) {
     file_.ignored.push_back({what, place});
   }
@@ -95,28 +116,19 @@ class Reader {
     return keys;
   }
 
-  /// The launcher's reading of a text. `what` is what a person calls it.
-  std::optional<std::string> readText(const YAML::Node& value,
-                                      const Place& place,
-                                      const std::string& what) {
-    if (value.IsScalar()) {
-      count(value.Scalar().size());
-      return value.Scalar();
+  /// The text as the launcher reads it; nothing after an error.
+  std::optional<std::string> readText(const Value& value) {
+    if (value.yaml.IsScalar()) {
+      count(value.yaml.Scalar().size());
+      return value.yaml.Scalar();
     }
-    const YAML::TypedBadConversion<std::string> exception(value.Mark());
-    if (value.IsNull()) {
-      addError("null-value", place,
-               "null value for " + what + "; write \"\" for an empty value",
-               exception);
-    } else {
-      addError("not-a-text", place,
-               kindOf(value) + " for " + what + ", which takes one value",
-               exception);
-    }
+    addValueError(value, "not-a-text", ", which takes one value",
+                  "\"\" for an empty value",
+                  YAML::TypedBadConversion<std::string>(value.yaml.Mark()));
     return std::nullopt;
   }
 
-  /// The launcher's reading of a key; nothing after a fault.
+  /// The key as the launcher reads it; nothing after an error.
   std::optional<Text> readKey(const YAML::Node& key, const std::string& what) {
     const Place place = placeOf(key.Mark());
     if (key.IsScalar()) return Text{key.Scalar(), place};
@@ -125,8 +137,9 @@ class Reader {
     return std::nullopt;
   }
 
-  /// Goes through a mapping as the launcher does: it takes a single value for
-  /// an empty mapping, and fails at the first element of a list.
+  /// Calls `function` for each entry of a mapping as the launcher does: it
+  /// treats a single value as an empty mapping, and fails at the first element
+  /// of a list.
   template <typename Function>
   void forEachEntry(const YAML::Node& mapping, const Place& place,
                     const std::string& what, Function function) {
@@ -181,7 +194,7 @@ class Reader {
     const std::string what =
         name ? "variable '" + name->value + "'" : "a variable";
     const Place place = placeOfValue(document_, key, value);
-    const auto text = readText(value, place, what);
+    const auto text = readText({value, place, what});
     if (!name || !text) return std::nullopt;
     count(name->value.size());
     return Variable{std::move(*name), {expand(*text), place}, *text};
@@ -196,12 +209,11 @@ class Reader {
 
   /// Determined at the first use of the prefix, and then constant.
   const std::string& installRoot() {
-    if (!install_root_)
-      install_root_ = path::rootFromVariable(variables_[kRoot]);
     if (!install_root_) {
-      install_root_ = path::rootFromExecutable(surroundings_.executableRoot);
+      auto root = path::rootFromVariable(variables_[kRoot]);
+      if (!root) root = path::rootFromExecutable(surroundings_.executableRoot);
+      install_root_ = root.value_or("");
     }
-    if (!install_root_) install_root_ = "";
     return *install_root_;
   }
 
@@ -239,14 +251,14 @@ class Reader {
       return;
     }
     for (const auto& entry : description) {
-      const auto text =
+      const auto key_text =
           readKey(entry.first, "a key of node '" + node.name.value + "'");
-      if (!text) continue;
-      const auto reader = kReaders.find(text->value);
+      if (!key_text) continue;
+      const auto reader = kReaders.find(key_text->value);
       if (reader == kReaders.end()) continue;
-      (this->*reader->second)(
-          node, entry.second,
-          placeOfValue(document_, entry.first, entry.second));
+      const Place place = placeOfValue(document_, entry.first, entry.second);
+      const std::string value_name = "'" + key_text->value + "'";
+      (this->*reader->second)(node, {entry.second, place, value_name});
     }
     file_.nodes.push_back(std::move(node));
   }
@@ -259,104 +271,70 @@ class Reader {
       place = placeOfValue(document_, entry.first, entry.second);
       break;
     }
-    const auto text = readText(path, place, "'path'");
+    const auto text = readText({path, place, "'path'"});
     node.path = {text.value_or(""), place};
     node.hasPath = text.has_value();
     const bool is_absolute = text && text->rfind('/', 0) == 0;
-    const std::string& folder = file_.binPath;
-    node.executable = is_absolute || folder.empty()
-                          ? node.path.value
-                          : folder + '/' + node.path.value;
+    const bool is_joined = !is_absolute && !file_.binPath.empty();
+    node.executable = (is_joined ? file_.binPath + '/' : "") + node.path.value;
   }
 
-  void readArgv(LaunchFile::Node& node, const YAML::Node& value,
-                const Place& place) {
-    const auto text = readText(value, place, "'argv'");
+  void readArgv(LaunchFile::Node& node, const Value& value) {
+    const auto text = readText(value);
     if (!text) return;
-    node.argvs.push_back({*text, place});
+    node.argvs.push_back({*text, value.place});
     for (std::string& argument : split(untilNul(*text), ' ')) {
-      node.arguments.push_back(counted({std::move(argument), place}));
+      node.arguments.push_back(counted({std::move(argument), value.place}));
     }
   }
 
-  void readDisabled(LaunchFile::Node& node, const YAML::Node& value,
-                    const Place& place) {
-    readBool(node.disabled, value, place, "disabled");
-  }
-
-  void readOneshot(LaunchFile::Node& node, const YAML::Node& value,
-                   const Place& place) {
-    readBool(node.oneshot, value, place, "oneshot");
-  }
-
-  void readAutostart(LaunchFile::Node& node, const YAML::Node& value,
-                     const Place& place) {
-    readBool(node.autostart, value, place, "autostart");
-  }
-
-  void readBool(Setting<bool>& setting, const YAML::Node& value,
-                const Place& place, const std::string& key) {
+  template <Setting<bool> LaunchFile::Node::*kFlag>
+  void readFlag(LaunchFile::Node& node, const Value& value) {
     try {
-      setting = {value.as<bool>(), place};
+      node.*kFlag = {value.yaml.as<bool>(), value.place};
     } catch (const YAML::BadConversion& exception) {
-      addError(value.IsNull() ? "null-value" : "not-a-bool", place,
-               value.IsNull()
-                   ? "null value for '" + key + "'; write true or false"
-                   : kindOf(value) + " for '" + key +
-                         "' is no bool; write true or false",
-               exception);
+      addValueError(value, "not-a-bool", " is not a bool; write true or false",
+                    "true or false", exception);
     }
   }
 
-  void readSleep(LaunchFile::Node& node, const YAML::Node& value,
-                 const Place& place) {
+  void readSleep(LaunchFile::Node& node, const Value& value) {
     try {
-      node.sleepMs = {value.as<unsigned int>(), place};
+      node.sleepMs = {value.yaml.as<unsigned int>(), value.place};
     } catch (const YAML::BadConversion& exception) {
-      addError(value.IsNull() ? "null-value" : "not-a-number", place,
-               value.IsNull()
-                   ? "null value for 'sleep'; write a number of milliseconds"
-                   : kindOf(value) +
-                         " for 'sleep' is no whole number of milliseconds "
-                         "from 0 to 4294967295",
-               exception);
+      addValueError(
+          value, "not-a-number",
+          " is not a whole number of milliseconds from 0 to 4294967295",
+          "a number of milliseconds", exception);
     }
   }
 
-  void readEnvironment(LaunchFile::Node& node, const YAML::Node& value,
-                       const Place& place) {
-    forEachEntry(value, place, "'environment'",
+  void readEnvironment(LaunchFile::Node& node, const Value& value) {
+    forEachEntry(value.yaml, value.place, value.name,
                  [&](const YAML::Node& name, const YAML::Node& text) {
-                   auto variable = readVariable(name, text);
-                   if (!variable) return;
-                   node.environment.push_back(std::move(*variable));
+                   if (auto variable = readVariable(name, text)) {
+                     node.environment.push_back(std::move(*variable));
+                   }
                  });
   }
 
-  void readRequired(LaunchFile::Node& node, const YAML::Node& value,
-                    const Place& place) {
+  void readRequired(LaunchFile::Node& node, const Value& value) {
     node.required.clear();
-    if (!value.IsSequence()) {
-      const YAML::TypedBadConversion<std::vector<std::string>> exception(
-          value.Mark());
-      addError(value.IsNull() ? "null-value" : "not-a-list", place,
-               value.IsNull()
-                   ? "null value for 'required'; write [] for an empty list"
-                   : kindOf(value) +
-                         " for 'required', which is a list; write [NAME]",
-               exception);
+    if (!value.yaml.IsSequence()) {
+      addValueError(value, "not-a-list", ", which is a list; write [NAME]",
+                    "[] for an empty list",
+                    YAML::TypedBadConversion<std::vector<std::string>>(
+                        value.yaml.Mark()));
       return;
     }
-    for (const auto& element : value) {
-      const Place element_place = placeOf(element.Mark());
-      const auto text =
-          readText(element, element_place, "an element of 'required'");
-      if (text) node.required.push_back({*text, element_place});
+    for (const auto& element : value.yaml) {
+      const Place place = placeOf(element.Mark());
+      const auto text = readText({element, place, "an element of 'required'"});
+      if (text) node.required.push_back({*text, place});
     }
   }
 
-  using KeyReader = void (Reader::*)(LaunchFile::Node&, const YAML::Node&,
-                                     const Place&);
+  using KeyReader = void (Reader::*)(LaunchFile::Node&, const Value&);
   static const std::map<std::string, KeyReader> kReaders;
 
   const SourceText& document_;
@@ -370,11 +348,11 @@ class Reader {
 
 const std::map<std::string, Reader::KeyReader> Reader::kReaders = {
     {"argv", &Reader::readArgv},
-    {"disabled", &Reader::readDisabled},
-    {"oneshot", &Reader::readOneshot},
+    {"disabled", &Reader::readFlag<&LaunchFile::Node::disabled>},
+    {"oneshot", &Reader::readFlag<&LaunchFile::Node::oneshot>},
     {"sleep", &Reader::readSleep},
     {"environment", &Reader::readEnvironment},
-    {"autostart", &Reader::readAutostart},
+    {"autostart", &Reader::readFlag<&LaunchFile::Node::autostart>},
     {"required", &Reader::readRequired},
 };
 
