@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <map>
+#include <sstream>
 
-#include "context/exit_status.h"
+#include "cli/usage_errors.h"
 #include "live/node_cells.h"
+#include "output/output.h"
 
 namespace vorn::launch {
 namespace {
@@ -62,6 +64,24 @@ std::string helpFooter(const std::string& command) {
             "\n  vornctl " + lines.second + "\n\n";
   return footer + exitStatusHelp(command) +
          "\n\n'vornctl --help' lists the options of every command.";
+}
+
+ExitStatus printHelp(const CLI::App& app, const std::string& topic) {
+  const CLI::App* const command =
+      topic.empty() ? nullptr : findCommand(app, topic);
+  if (command == nullptr && !topic.empty()) {
+    printUnknownCommand(app, topic);
+    return kUsage;
+  }
+  const CLI::App* const subject = command == nullptr ? &app : command;
+  // Not subject->help(), which is that of the command "help".
+  std::istringstream help(subject->get_formatter()->make_help(
+      subject, topic.empty() ? "vornctl" : "vornctl " + topic,
+      CLI::AppFormatMode::Normal));
+  for (std::string line; std::getline(help, line);) {
+    standardOutput() << terminalText(line) << "\n";
+  }
+  return kDone;
 }
 
 }  // namespace vorn::launch

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "commands/check.h"
+#include "commands/graph.h"
+#include "commands/start_stop.h"
+#include "commands/status.h"
+#include "commands/wait.h"
+#include "context/context.h"
+
+namespace vorn::launch {
+
+enum class ColourMode { AUTO, ALWAYS, NEVER };
+
+/// The content of a command line.
+struct Arguments {
+  Settings settings;
+  ColourMode colour = ColourMode::AUTO;
+  std::vector<std::string> nodes;
+  ActOptions act;
+  StatusOptions status;
+  WaitOptions wait;
+  CheckOptions check;
+  bool isCheckList = false;
+  GraphOptions graph;
+  bool isJson = false;
+  bool isNulSeparated = false;
+  std::string shell;
+  std::string topic;  // of help
+};
+
+}  // namespace vorn::launch

@@ -1,0 +1,286 @@
+#include "cli/commands.h"
+
+#include <utility>
+#include <vector>
+
+#include "cli/help.h"
+#include "cli/options.h"
+#include "commands/completion.h"
+#include "commands/names.h"
+#include "commands/ping.h"
+#include "commands/top.h"
+#include "live/node_cells.h"
+#include "output/output.h"
+
+namespace vorn::launch {
+namespace {
+
+std::vector<std::string> columnNames() {
+  std::vector<std::string> names;
+  for (const Column& column : statusColumns()) names.push_back(column.name);
+  return names;
+}
+
+}  // namespace
+
+Commands::Commands(CLI::App& app) : app_(app) {
+  addCommonOptions();
+  addStatus();
+  addActions();
+  addWait();
+  addMonitor();
+  addTop();
+  addCheck();
+  addGraph();
+  addCommand("ping", "Tell whether a launcher answers",
+             [](Context& context) { return ping(context); });
+  addNames();
+  addHelpers();
+}
+
+void Commands::addCommonOptions() {
+  Settings& settings = arguments_.settings;
+  app_.add_option("--launch-file", settings.launchFile,
+                  "Read the names of the nodes here, not in the file that "
+                  "the launcher was started with")
+      ->envname("VORNCTL_LAUNCH_FILE")
+      ->type_name("FILE");
+  app_.add_option("--timeout", readDuration(settings.replyLimit),
+                  "How long to wait for each reply; by default twice what "
+                  "the launch file makes possible, and 30 s")
+      ->type_name("TIME");
+  app_.add_option("--connect-timeout", readDuration(settings.connectLimit),
+                  "How long to wait for the first answer of a busy launcher; "
+                  "default: as --timeout")
+      ->type_name("TIME");
+  app_.add_option("--socket", settings.socketPath,
+                  "The launcher's control socket")
+      ->type_name("PATH");
+  app_.add_flag("--trust-any-user", settings.trustAnyUser,
+                "Talk to a launcher that is neither root's nor yours");
+  addChoice<ColourMode>(app_, "--color", arguments_.colour,
+                        "When to use colours; auto (default): on a terminal",
+                        {{"auto", ColourMode::AUTO},
+                         {"always", ColourMode::ALWAYS},
+                         {"never", ColourMode::NEVER}});
+  app_.add_flag("-q,--quiet", settings.isQuiet, "Print errors only");
+}
+
+CLI::App* Commands::addCommand(const std::string& name,
+                               const std::string& description,
+                               std::function<ExitStatus(Context&)> command) {
+  CLI::App* const app = app_.add_subcommand(name, description);
+  app->footer(helpFooter(name));
+  app->callback([this, command = std::move(command)] {
+    command_ = [this, command] {
+      Context context(arguments_.settings);
+      return command(context);
+    };
+  });
+  return app;
+}
+
+CLI::Option* Commands::addNodes(CLI::App* app, const std::string& description) {
+  return app->add_option("NODE", arguments_.nodes, description)
+      ->type_name("NAME|PATTERN");
+}
+
+void Commands::addStatus() {
+  CLI::App* const app =
+      addCommand("status", "Show node status", [this](Context& context) {
+        arguments_.status.nodes = arguments_.nodes;
+        arguments_.status.isJson = arguments_.isJson;
+        return showStatus(context, arguments_.status);
+      });
+  StatusOptions& options = arguments_.status;
+  addNodes(app, "Names or quoted patterns; all nodes if none are given");
+  auto* const json = app->add_flag("--json", arguments_.isJson, "Print JSON");
+  app->add_flag("--plain", options.isPlain,
+                "Tabs between columns, bare words and numbers")
+      ->excludes(json);
+  app->add_flag_callback(
+      "--no-header", [&options] { options.hasHeader = false; },
+      "No line of titles");
+  app->add_option("-o,--columns", options.columns,
+                  "Columns to show, separated by commas; see below")
+      ->delimiter(',')
+      ->allow_extra_args(false)  // what follows is a node
+      ->check(CLI::IsMember(columnNames()).description(""))
+      ->type_name("COLUMNS")
+      ->excludes(json);
+}
+
+void Commands::addAction(ControlRequest::Cmd cmd, const std::string& name,
+                         const std::string& description) {
+  ActOptions& options = arguments_.act;
+  CLI::App* const app =
+      addCommand(name, description, [this, cmd](Context& context) {
+        arguments_.act.cmd = cmd;
+        arguments_.act.nodes = arguments_.nodes;
+        if (arguments_.nodes.empty() != arguments_.act.isAll) {
+          context.complain(arguments_.act.isAll
+                               ? "--all leaves no nodes to name"
+                               : "name a node, or say --all");
+          return kUsage;
+        }
+        return act(context, arguments_.act);
+      });
+  addNodes(app, "Names or quoted patterns");
+  app->add_flag("--all", options.isAll, "Every node of the launch file");
+  if (cmd == ControlRequest::Cmd::STOP || cmd == ControlRequest::Cmd::DISABLE) {
+    app->add_flag("-y,--yes", options.isConfirmed,
+                  "Do not ask before acting on all");
+  }
+  if (cmd == ControlRequest::Cmd::ENABLE) {
+    app->add_flag("--now", options.isStartedToo, "Start them as well");
+  }
+}
+
+void Commands::addActions() {
+  addAction(ControlRequest::Cmd::START, "start", "Start nodes");
+  addAction(ControlRequest::Cmd::STOP, "stop",
+            "Stop nodes; the running nodes that they require restart");
+  addAction(ControlRequest::Cmd::RESTART, "restart",
+            "Stop nodes if they run, and start them");
+  addAction(ControlRequest::Cmd::ENABLE, "enable",
+            "Allow nodes to be started; starts nothing without --now");
+  addAction(ControlRequest::Cmd::DISABLE, "disable",
+            "Stop nodes and refuse their starts");
+}
+
+void Commands::addWait() {
+  WaitOptions& options = arguments_.wait;
+  CLI::App* const app = addCommand(
+      "wait", "Wait for nodes to reach a state", [this](Context& context) {
+        arguments_.wait.nodes = arguments_.nodes;
+        arguments_.wait.limit = arguments_.settings.replyLimit;
+        return waitForNodes(context, arguments_.wait);
+      });
+  addNodes(app, "Names or quoted patterns")->required();
+  addChoice<WaitOptions::Goal>(
+      *app, "--state", options.goal,
+      "The state to wait for; restarted: running with another start than now",
+      {{"running", WaitOptions::Goal::RUNNING},
+       {"stopped", WaitOptions::Goal::STOPPED},
+       {"disabled", WaitOptions::Goal::DISABLED},
+       {"restarted", WaitOptions::Goal::RESTARTED}})
+      ->required();
+  app->add_option("--for", readDuration(options.heldFor),
+                  "How long it must last")
+      ->type_name("TIME");
+}
+
+void Commands::addMonitor() {
+  CLI::App* const watch =
+      addCommand("monitor", "Print a line for each change of a node",
+                 [this](Context& context) {
+                   return monitor(context, arguments_.nodes, arguments_.isJson);
+                 });
+  addNodes(watch, "Names or quoted patterns; all nodes if none are given");
+  watch->add_flag("--json", arguments_.isJson, "A JSON document a line");
+}
+
+void Commands::addTop() {
+  CLI::App* const screen = addCommand(
+      "top", "Show all nodes on the whole screen, and act on them",
+      [this](Context& context) { return showTop(context, arguments_.nodes); });
+  addNodes(screen, "Names or quoted patterns; all nodes if none are given");
+}
+
+void Commands::addCheck() {
+  using Options = CheckOptions;
+  Options& options = arguments_.check;
+  CLI::App* const app = addCommand(
+      "check", "Say what is wrong with launch files; needs no launcher",
+      [this](Context& context) {
+        if (arguments_.isCheckList) return listChecks();
+        if (!arguments_.check.files.empty()) {
+          return check(context, arguments_.check);
+        }
+        context.complain("name a launch file, or - for standard input");
+        return kUsage;
+      });
+  app->add_option("FILE", options.files, "Launch files; - is standard input")
+      ->type_name("FILE");
+  addCheckOutput(*app);
+  app->add_option("--ignore", options.ignored, "Findings to leave out")
+      ->allow_extra_args(false)
+      ->delimiter(',')
+      ->type_name("NAME");
+  app->add_flag_callback(
+      "--host", [&options] { options.host = Options::Host::YES; },
+      "Look at this machine, too; the default for files");
+  app->add_flag_callback(
+      "--no-host", [&options] { options.host = Options::Host::NO; },
+      "Look at the file alone");
+  app->add_flag("--list", arguments_.isCheckList,
+                "Print what can be found: name, severity, summary");
+}
+
+void Commands::addCheckOutput(CLI::App& app) {
+  using Options = CheckOptions;
+  Options& options = arguments_.check;
+  addChoice<Options::Format>(app, "--format", options.format,
+                             "Output format; default: text",
+                             {{"text", Options::Format::TEXT},
+                              {"json", Options::Format::JSON},
+                              {"sarif", Options::Format::SARIF},
+                              {"github", Options::Format::GITHUB}});
+  addChoice<Severity>(
+      app, "--fail-on", options.failOn,
+      "Lowest severity that makes the exit status 1; default: error",
+      {{"error", Severity::ERROR},
+       {"warning", Severity::WARNING},
+       {"note", Severity::NOTE}});
+  addChoice<Options::Print>(app, "--print", options.print,
+                            "Print this instead; problems go to standard error",
+                            {{"resolved", Options::Print::RESOLVED},
+                             {"timeline", Options::Print::TIMELINE},
+                             {"stop-timeout", Options::Print::STOP_TIMEOUT}});
+}
+
+void Commands::addGraph() {
+  GraphOptions& options = arguments_.graph;
+  CLI::App* const app =
+      addCommand("graph", "Draw the nodes of a launch file; needs no launcher",
+                 [this](Context& context) {
+                   return printGraph(context, arguments_.graph);
+                 });
+  app->add_option("FILE", options.file, "A launch file; - is standard input")
+      ->required()
+      ->type_name("FILE");
+  addChoice<GraphOptions::Format>(*app, "--format", options.format,
+                                  "Output format; default: dot",
+                                  {{"dot", GraphOptions::Format::DOT},
+                                   {"mermaid", GraphOptions::Format::MERMAID},
+                                   {"svg", GraphOptions::Format::SVG}});
+}
+
+void Commands::addNames() {
+  CLI::App* const names = addCommand(
+      "names", "Print the names of the nodes in the launch file",
+      [this](Context& context) {
+        return showNames(context, arguments_.isNulSeparated ? '\0' : '\n');
+      });
+  names->add_flag("-0,--null", arguments_.isNulSeparated,
+                  "A NUL after each name, not a new line");
+}
+
+void Commands::addHelpers() {
+  CLI::App* const completion = addCommand(
+      "completion", "Print a script for tab completion", [this](Context&) {
+        standardOutput() << completionScript(arguments_.shell);
+        return kDone;
+      });
+  completion->add_option("SHELL", arguments_.shell, "The shell")
+      ->required()
+      ->check(CLI::IsMember({"bash", "zsh", "fish"}).description(""))
+      ->type_name("bash|zsh|fish");
+  CLI::App* const help = addCommand(
+      "help", "Show this text, or that of a command",
+      [this](Context&) { return printHelp(app_, arguments_.topic); });
+  help->add_option("COMMAND", arguments_.topic, "A command")
+      ->type_name("COMMAND");
+}
+
+}  // namespace vorn::launch
