@@ -1,19 +1,15 @@
 #include "commands/top.h"
 
-#include <ncurses.h>
 #include <poll.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <clocale>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <map>
 #include <optional>
 
+#include "commands/top_screen.h"
 #include "context/targets.h"
 #include "launchfile/required_graph.h"
 #include "live/node_cells.h"
@@ -48,74 +44,6 @@ constexpr const char* kHelp[] = {"Up/Down j/k         choose a node",
                                  "q                   quit"};
 const char* const kColumns[] = {"node",   "state",  "pid",
                                 "uptime", "policy", "required"};
-
-/// The terminal in ncurses' hands, from its construction to its destruction.
-class Screen {
- public:
-  explicit Screen(bool has_colours) {
-    screen_ = ::newterm(nullptr, stdout, stdin);
-    if (!isOpen()) return;
-    keepStopSignals();
-    (void)::cbreak();
-    (void)::noecho();
-    (void)nodelay(stdscr, true);
-    (void)::keypad(stdscr, true);
-    (void)::curs_set(0);
-    has_colours_ = has_colours && ::has_colors();
-    if (!has_colours_) return;
-    (void)::start_color();
-    (void)::use_default_colors();
-    for (const int colour : {COLOR_GREEN, COLOR_YELLOW, COLOR_RED}) {
-      const auto number = static_cast<short>(colour);
-      (void)::init_pair(number, number, -1);
-    }
-  }
-  ~Screen() {
-    if (screen_ == nullptr) return;
-    (void)::endwin();
-    ::delscreen(screen_);
-  }
-  Screen(const Screen&) = delete;
-  Screen& operator=(const Screen&) = delete;
-
-  /// Whether it is one that can be drawn on.
-  bool isOpen() const {
-    return screen_ != nullptr && ::tigetstr("cup") != nullptr;
-  }
-
-  attr_t attributeFor(Colour colour) const {
-    switch (colour) {
-      case Colour::GREEN:
-        return has_colours_ ? COLOR_PAIR(COLOR_GREEN) : A_NORMAL;
-      case Colour::YELLOW:
-        return has_colours_ ? COLOR_PAIR(COLOR_YELLOW) : A_NORMAL;
-      case Colour::RED:
-        return has_colours_ ? COLOR_PAIR(COLOR_RED) : A_NORMAL;
-      case Colour::FAINT:
-        return A_DIM;
-      case Colour::BOLD:
-        return A_BOLD;
-      case Colour::NONE:
-        break;
-    }
-    return A_NORMAL;
-  }
-
- private:
-  /// Makes a second stop signal no worse than the first: one that killed would
-  /// leave the terminal as it is now.
-  static void keepStopSignals() {
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-      struct sigaction action {};
-      (void)::sigaction(signal, nullptr, &action);
-      action.sa_flags &= ~static_cast<int>(SA_RESETHAND);
-      (void)::sigaction(signal, &action, nullptr);
-    }
-  }
-
-  SCREEN* screen_ = nullptr;
-  bool has_colours_ = false;
-};
 
 class Top {
  public:
@@ -303,17 +231,18 @@ class Top {
       return;
     }
     if (!is_known_) {
-      write(0, "asking the launcher ...", A_NORMAL);
+      Screen::write(0, "asking the launcher ...", A_NORMAL);
     } else {
       const auto all = views();
-      if (hasFrame()) write(0, summary(all), A_NORMAL);
+      if (hasFrame()) Screen::write(0, summary(all), A_NORMAL);
       drawNodes(all);
     }
-    if (hasFrame()) write(LINES - 1, keyLine(), A_DIM);
+    if (hasFrame()) Screen::write(LINES - 1, keyLine(), A_DIM);
     if (!message_.empty()) {
-      write(LINES - (hasFrame() ? 2 : 1), terminalText(message_), A_BOLD);
+      Screen::write(LINES - (hasFrame() ? 2 : 1), terminalText(message_),
+                    A_BOLD);
     }
-    if (asked_) write(LINES - 1, question(), A_BOLD);
+    if (asked_) Screen::write(LINES - 1, question(), A_BOLD);
     (void)refresh();
   }
 
@@ -340,9 +269,9 @@ class Top {
   static void drawHelp() {
     int row = 0;
     for (const char* const line : kHelp) {
-      write(row++, terminalText(line), A_NORMAL);
+      Screen::write(row++, terminalText(line), A_NORMAL);
     }
-    write(LINES - 1, "Press a key to return.", A_DIM);
+    Screen::write(LINES - 1, "Press a key to return.", A_DIM);
     (void)refresh();
   }
 
@@ -387,8 +316,8 @@ class Top {
     if (hasFrame()) drawTitles(widths);
     const int above = hasFrame() ? kAbove : 0;
     for (size_t i = first_; i < lines.size() && i < first_ + rows; ++i) {
-      drawLine(above + static_cast<int>(i - first_), lines[i], widths,
-               i == chosen_ ? A_REVERSE : A_NORMAL);
+      screen_.writeCells(above + static_cast<int>(i - first_), lines[i], widths,
+                         i == chosen_ ? A_REVERSE : A_NORMAL);
     }
   }
 
@@ -397,36 +326,7 @@ class Top {
     for (const char* const title : kColumns) {
       titles.push_back({terminalText(upperCase(title)), Colour::BOLD});
     }
-    drawLine(kAbove - 1, titles, widths, A_NORMAL);
-  }
-
-  void drawLine(int row, const std::vector<Cell>& cells,
-                const std::vector<size_t>& widths, attr_t attribute) const {
-    int column = 0;
-    for (size_t i = 0; i < cells.size() && column < COLS; ++i) {
-      const auto room = static_cast<size_t>(COLS - column);
-      const OutputText text =
-          truncated(cells[i].text, std::min(room, widths[i]));
-      const auto kind = attribute | screen_.attributeFor(cells[i].colour);
-      (void)attrset(static_cast<int>(kind));
-      (void)mvaddstr(row, column, text.str().c_str());
-      (void)attrset(static_cast<int>(attribute));
-      column += static_cast<int>(displayWidth(text));
-      const int next =
-          column + static_cast<int>(widths[i] - displayWidth(text)) + 2;
-      for (; column < next && column < COLS; ++column) (void)addch(' ');
-    }
-    (void)attrset(A_NORMAL);
-  }
-
-  /// Writes this text in the place of all that stands in the row.
-  static void write(int row, const OutputText& text, attr_t attribute) {
-    (void)::move(row, 0);
-    (void)clrtoeol();
-    (void)attrset(static_cast<int>(attribute));
-    (void)mvaddstr(row, 0,
-                   truncated(text, static_cast<size_t>(COLS)).str().c_str());
-    (void)attrset(A_NORMAL);
+    screen_.writeCells(kAbove - 1, titles, widths, A_NORMAL);
   }
 
   Context& session_;
