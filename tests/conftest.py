@@ -38,9 +38,9 @@ def pytest_addoption(parser):
 
 
 def isolate_from_caller():
-    """Undoes what this process has inherited and would pass on to the programs
-    under test: a shell without job control starts a background job with SIGINT
-    and SIGQUIT ignored, and a caller's umask may hide files from other users."""
+    """Resets inherited attributes that would affect the programs under test: a shell
+    without job control starts a background job with SIGINT and SIGQUIT ignored, and a
+    caller's umask may hide files from other users."""
     signal.signal(signal.SIGINT, signal.default_int_handler)
     signal.signal(signal.SIGQUIT, signal.SIG_DFL)
     os.umask(0o022)
@@ -58,8 +58,8 @@ def pytest_configure(config):
 
 
 def pytest_collection_modifyitems(config, items):
-    """Leaves out what is not meant for this form or this build. It is not
-    skipped: a skipped test is one that should have run."""
+    """Deselects the tests that are not for this form or this build. They are not
+    skipped, because a skipped test counts as failed."""
     markers = [] if config.getoption("--long") else ["long"]
     program = pathlib.Path(config.getoption("--build")) / "bin/vornlaunch"
     if program.exists() and is_sanitized(program):
@@ -103,7 +103,7 @@ def fixture_settings(build):
 
 @pytest.fixture(scope="session", name="namespaces")
 def fixture_namespaces():
-    """Makes sure that namespaces can be made."""
+    """Fails if namespaces cannot be created."""
     probe = subprocess.run(
         [*unshare_command(), "true"], capture_output=True, text=True, check=False
     )
@@ -141,13 +141,13 @@ def fixture_shell(machine, program):
 
 @pytest.fixture(scope="session", name="architecture")
 def fixture_architecture(program):
-    """Debian's name of the kind of machine that the programs are for."""
+    """Debian's name of the architecture of the programs."""
     return {b"\x3e\0": "amd64", b"\xb7\0": "arm64"}[machine_of(program)]
 
 
 @pytest.fixture(scope="session", name="debian_root")
 def fixture_debian_root(architecture):
-    """The directory of a Debian root for the programs, which stays as it is."""
+    """The directory of a Debian root for the programs, which tests do not change."""
     directory = ROOT / "build-packages" / f"root-{architecture}"
     if os.geteuid() != 0:
         pytest.skip("only root can use a Debian root")

@@ -1,1 +1,1 @@
-"""What the whole-program tests share."""
+"""The common code of the whole-program tests."""

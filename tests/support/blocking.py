@@ -1,4 +1,5 @@
-"""Holding the launcher still, so that what happens meanwhile meets it at once."""
+"""Blocks the launcher, so that it handles several events in one iteration of its
+loop."""
 
 import contextlib
 import os
@@ -41,9 +42,9 @@ def held(machine):
 
 
 def limit_of_wait(read):
-    """The limit with which the launcher waits for events, in milliseconds, or
-    NO_LIMIT; None while it does something else. `read` returns the bytes of a
-    file of its /proc directory."""
+    """The timeout of the launcher's wait for events in milliseconds, or NO_LIMIT; None
+    while it does something else. `read` returns the bytes of a file in its /proc
+    directory."""
     if not re.search(b"epoll|ep_poll", read("wchan")):
         return None
     # The number of the call, then its arguments; "running" while awake.
@@ -52,8 +53,8 @@ def limit_of_wait(read):
 
 
 def wait_until_idle(machine):
-    """Waits until the launcher waits for events without a limit, which it does
-    while no node is about to be restarted."""
+    """Waits until the launcher waits for events without a limit, which means that no
+    node is about to be restarted."""
     eventually(
         lambda: limit_of_wait(machine.process.read) == NO_LIMIT,
         "the launcher waits without a limit")

@@ -15,17 +15,17 @@ class Stage:
     instructions: tuple  # pairs: the word, the rest on one line
 
     def all(self, word):
-        """The arguments of each instruction of this word."""
+        """The arguments of each instruction with this keyword."""
         return [rest for instruction, rest in self.instructions if instruction == word]
 
     def one(self, word):
-        """The arguments of the only instruction of this word."""
+        """The arguments of the only instruction with this keyword."""
         [rest] = self.all(word)
         return rest
 
     @property
     def packages(self):
-        """What apt-get installs."""
+        """The packages that apt-get installs."""
         commands = re.split("&&|;", " && ".join(self.all("RUN")))
         words = [word for command in commands
                  if re.match(r"\s*apt-get install ", command)
@@ -44,7 +44,7 @@ class Stage:
 
     @property
     def command(self):
-        """What process 1 is started with; both parts are in exec form."""
+        """The command of process 1; both parts are in exec form."""
         return json.loads(self.one("ENTRYPOINT")) + json.loads(self.one("CMD"))
 
     @property

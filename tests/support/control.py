@@ -57,7 +57,7 @@ def unpack_response(data):
 
 
 def connect(directory):
-    """A connection to the socket in `directory`, however long its path is."""
+    """A connection to the socket in `directory`, whose path can be of any length."""
     directory_fd = os.open(directory, os.O_PATH)
     try:
         client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
@@ -73,7 +73,7 @@ def connect(directory):
 
 
 def read_exactly(client, count):
-    """`count` bytes, or fewer if the stream ends before."""
+    """`count` bytes, or fewer if the stream ends."""
     data = b""
     while len(data) < count:
         piece = client.recv(count - len(data))
@@ -96,7 +96,7 @@ def read_until_end(client):
 
 
 def exchange(directory, cmd, name):
-    """One request and its reply, as a well-behaved client makes them."""
+    """One request and its reply, as a well-behaved client exchanges them."""
     with connect(directory) as client:
         client.sendall(pack_request(cmd, name))
         return unpack_response(read_exactly(client, RESPONSE.size))

@@ -1,5 +1,5 @@
-"""A small Debian for a test: a root of its own, into which packages can be
-installed and in which programs run, without a trace on this machine."""
+"""A small Debian root for a test, in which packages can be installed and programs can
+run without any effect on this machine."""
 
 import contextlib
 import os
@@ -9,9 +9,8 @@ import subprocess
 
 from support.waiting import eventually
 
-# The changes lie in memory and go with the mount namespace. The new root is the
-# only one that is left in it. `cat` holds the namespace until the test closes
-# its end, or ends in whatever way.
+# The changes are in memory and disappear with the mount namespace, which contains no
+# other root. `cat` keeps the namespace until the test closes the pipe or exits.
 MAKE_VIEW = """
 set -e
 mount --make-rprivate /
@@ -59,17 +58,17 @@ class Started:
         return self._process.wait(timeout)
 
     def kill(self):
-        """Ends it and everything that it has started."""
-        with contextlib.suppress(ProcessLookupError):  # it is just ending
+        """Kills it and everything that it has started."""
+        with contextlib.suppress(ProcessLookupError):  # it is exiting
             if not self.has_ended:
                 self.signal(signal.SIGKILL)
         self._process.wait()
 
 
 class DebianRoot:
-    """A private view of the Debian root in the directory `lower`: all changes are
-    this view's alone. `mount_point` is an empty directory. With `above`, another
-    view, both are in that, which must not change any more."""
+    """A private view of the Debian root in the directory `lower`: only this view shows
+    the changes. `mount_point` is an empty directory. With `above`, both directories are
+    in that view, which must not change afterwards."""
 
     def __init__(self, lower, mount_point, above=None):
         self._started = []
@@ -110,8 +109,8 @@ class DebianRoot:
         return self.execute(*command, check=True, **options).stdout
 
     def start(self, *command, stdout=None, stderr=None, **options):
-        """Starts a program as process 1 of a pid namespace. It is ended with
-        the view at the latest. The options are those of command()."""
+        """Starts a program as process 1 of a pid namespace. close() kills it if it
+        still runs. The options are those of command()."""
         process = subprocess.Popen(
             self.command(*command, **options), env=self._environment(),
             stdin=subprocess.DEVNULL, stdout=stdout, stderr=stderr)
@@ -119,9 +118,9 @@ class DebianRoot:
         return self._started[-1]
 
     def command(self, *command, network=False, of=None):
-        """The command that runs a command in the view, as process 1 of its own
-        pid namespace, or in that of what start() returned, `of`. It has no
-        network, or that of this machine."""
+        """The command that runs a command in the view, as process 1 of its own pid
+        namespace, or of the program `of` that start() returned. It has no network, or
+        that of this machine."""
         if of is not None:
             return ["nsenter", f"--target={of.host_pid}", "--mount", "--root",
                     "--wd", "--pid", "--net", *command]
@@ -137,7 +136,7 @@ class DebianRoot:
                 "DEBIAN_FRONTEND": "noninteractive"}
 
     def close(self):
-        """Ends whatever runs in the view, and the view."""
+        """Kills all programs in the view, and removes the view."""
         for started in self._started:
             started.kill()
         self._holder.communicate()

@@ -1,6 +1,5 @@
-"""Documents whose commands are run: what a reader would type into a terminal is
-typed into a shell of the machine, and what the document shows is compared with
-what is printed.
+"""Runs the commands of documents: types them into a shell of the machine as a reader
+would, and compares the output with the document.
 
 A fenced block of these languages is for the reader's shell:
 
@@ -27,9 +26,9 @@ from support.waiting import PATIENCE, eventually
 
 COLUMNS = 100
 
-# Reads commands from the descriptor $1, a NUL after each, and prints the status of
-# each between two marks. A command sees the status of the one before it. What is
-# put into the background is a job with a process group, as in a terminal.
+# Reads commands from the descriptor $1, a NUL after each, and prints the status of each
+# between two marks. A command sees the status of the one before it. Background jobs
+# have process groups of their own, as in a terminal.
 _READ_AND_RUN = r"""
 if [ "$1" -ne 9 ]; then
   exec 9<&"$1"
@@ -46,10 +45,10 @@ done
 """
 _MARKED_STATUS = re.compile("\x1e(\\d+)\x1e")
 
-# What a reader's home directory is called in documents.
+# The reader's home directory in documents.
 SHOWN_HOME = "/home/you"
 
-# A person types so slowly that a launcher is up before the next command.
+# A reader types so slowly that a launcher is running before the next command.
 _STARTS_LAUNCHER = re.compile(r"^vornlaunch .*&$", re.M)
 _WAIT_FOR_LAUNCHER = r"""
 while kill -0 $! && ! grep -q ' 00010000 .*/vornlaunch.sock$' /proc/net/unix; do
@@ -57,8 +56,8 @@ while kill -0 $! && ! grep -q ' 00010000 .*/vornlaunch.sock$' /proc/net/unix; do
 done 2>/dev/null
 """
 
-# What the shell tells of jobs in the background; documents leave it out, since
-# it comes sooner or later.
+# The shell's messages about background jobs, which documents omit because the time at
+# which they appear varies.
 _JOB_NOTICE = re.compile(r"^(\[\d+\]|bash: line \d+: +\d+ ).*\n", re.M)
 
 _WHOLE_SCREEN = re.compile(r"(\S*/)?vornctl top\b")
@@ -81,8 +80,8 @@ class Block:
 
 @dataclasses.dataclass(frozen=True)
 class Command:
-    """A command of a block. `output` is what a console shows below it; None for
-    a `sh` block, all of which must succeed."""
+    """A command of a block. `output` is the text below it in a `console` block; None
+    for a `sh` block, all of which must succeed."""
 
     place: str
     text: str
@@ -119,8 +118,8 @@ def commands(block):
     return found
 
 
-# What differs from run to run, and what to say for it. The width of a column is
-# that of its widest value.
+# Text that differs from run to run, and its replacement. The width of a column is that
+# of its widest value.
 _DIFFERING = [
     (r"\d{4}-\d\d-\d\d", "DATE"),
     (r"\d\d:\d\d:\d\d(\.\d+Z?)?", "TIME"),
@@ -132,7 +131,7 @@ _DIFFERING = [
 
 
 def without_differences(lines):
-    """The lines as they are in every run."""
+    """The lines without text that differs from run to run."""
     text = "\n".join(line.rstrip() for line in lines)
     for pattern, word in _DIFFERING:
         text = re.sub(pattern, word, text)
@@ -140,7 +139,7 @@ def without_differences(lines):
 
 
 def agree(shown, printed):
-    """Whether a command has printed what a document shows."""
+    """Whether the output of a command agrees with the document."""
     shown, printed = without_differences(shown), without_differences(printed)
     pattern = "".join(
         r"(?:.*\n)*" if line == "..." else re.escape(line) + r"\n" for line in shown
@@ -172,22 +171,21 @@ class Shell:
         os.close(other_end)
 
     def close(self):
-        """Takes the terminal away; what runs in it is left to the machine's
-        end."""
+        """Closes the terminal. Programs in it run until the machine is shut down."""
         self._bash.kill()
         self._bash.wait()
         os.close(self._commands)
         os.close(self._terminal)
 
     def run(self, command):
-        """Runs it to its end, and waits for a launcher that it starts. Returns
-        its exit status and the lines that were printed meanwhile."""
+        """Runs a command to its end, and waits for a launcher that it starts. Returns
+        the exit status and the printed lines."""
         status, text = self._run(command)
         if _STARTS_LAUNCHER.search(command):
             self._run(_WAIT_FOR_LAUNCHER)
         text = _CONTROL_SEQUENCE.sub("", text.replace("\r\n", "\n"))
         text = _JOB_NOTICE.sub("", text.replace(self._directory, SHOWN_HOME))
-        # A line that was written over is as it was last.
+        # Of an overwritten line, only the last text remains.
         lines = text.removesuffix("\n").split("\n") if text else []
         return status, [line.split("\r")[-1] for line in lines]
 
@@ -213,7 +211,7 @@ class Shell:
         return text.decode(errors="replace")
 
     def shows(self, command, screen):
-        """Runs a command of the whole screen until that agrees with `screen`."""
+        """Runs a full-screen command until the terminal agrees with `screen`."""
         directory = self._run("pwd")[1].strip()
         terminal = Terminal(
             self._machine, "sh", "-c", f"cd {directory} && exec {command}",
@@ -229,21 +227,21 @@ class Shell:
         eventually(terminal.is_closed, f"the key q ends {command!r}")
 
     def type(self, text, place="typed"):
-        """Runs what must succeed, each command of it."""
+        """Runs commands, each of which must succeed."""
         status, printed = self.run(
             f"failed=\ntrap failed=1 ERR\n{text}\ntrap - ERR\ntest -z \"$failed\"")
         said = "\n".join([f"{place}: {text}", *printed])
         assert status == 0, f"{said}\nstatus {status}"
 
     def follow(self, path, *languages):
-        """Types what the document tells in blocks of these languages, from its
-        beginning to its end."""
+        """Types the commands of the document's blocks in these languages, in their
+        order."""
         for block in blocks(path, *languages):
             for command in commands(block):
                 self.perform(command)
 
     def perform(self, command):
-        """Types one command, and sees that it prints what is shown."""
+        """Types one command, and compares its output."""
         if command.output is None:
             self.type(command.text, command.place)
         elif command.output and _WHOLE_SCREEN.match(command.text):

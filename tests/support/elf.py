@@ -1,11 +1,11 @@
-"""The protection of a program against exploits, as its ELF headers show it."""
+"""The protections against exploits in a program's ELF headers."""
 
 import re
 import subprocess
 
 
 def protections(program):
-    """Which of the protections that this project wants the program has."""
+    """The protections of the program, out of those that this project requires."""
     text = subprocess.run(
         ["readelf", "--wide", "--file-header", "--program-headers", "--dynamic",
          program], check=True, stdout=subprocess.PIPE, encoding="utf-8",

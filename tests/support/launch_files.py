@@ -1,11 +1,11 @@
-"""Launch files of all kinds: good, odd and wrong. Their programs are in the
+"""Launch files of all kinds: valid, unusual and invalid. Their programs are in the
 directory /tmp/bin, which is also install://bin where VORN_ROOT is /tmp."""
 
 import random
 
 GOOD = "/tmp/bin/worker"
 
-# What may be wrong with, or odd about, the description of a node.
+# Errors and oddities in the description of a node.
 DESCRIPTIONS = [
     "", "~", "oops", "'quoted'", "!!str", "[path, /tmp/bin/worker]", "[]", "{}",
     "{path: }", "{path: ~}", "{path: null}", "{path: [a]}", "{path: {a: b}}",
@@ -18,7 +18,7 @@ DESCRIPTIONS = [
     "{path: /tmp/bin/worker, [a]: b}", "{path: /tmp/bin/worker, {a: b}: c}",
     "{path: /tmp/bin/worker, <<: {argv: -a}}", "{<<: {path: /tmp/bin/worker}}",
 ]
-# The same for one more key of a good node.
+# The same for one more key of a valid node.
 KEYS = [
     "argv:", "argv: ~", "argv: null", "argv: NULL", "argv: Null", "argv: nuLL",
     "argv: ''", "argv: 3", "argv: true", "argv: [-a]", "argv: {a: b}",
@@ -131,9 +131,9 @@ def hand_made():
 
 
 class Generator:
-    """Writes files by the grammar of launch files, with a fault here and there,
-    in all styles of YAML. Programs that stay or are missing; delays of at most a
-    few milliseconds where a node may be started."""
+    """Generates launch files with occasional errors, in all styles of YAML. Programs
+    run until they are stopped, or are missing; a node that can be started has a delay
+    of at most a few milliseconds."""
 
     def __init__(self, seed):
         self._random = random.Random(seed)
@@ -185,7 +185,7 @@ class Generator:
         return "".join("\n" + entry.rstrip("\n") for entry in entries)
 
     def _wrong(self):
-        """A value that most places do not take."""
+        """A value that is invalid in most places."""
         return self._pick(["", " ~", " null", " []", " [a]", " [~]", " {}", " {a: b}",
                            " x", " ''", " 1", " !!str", " *nothing", " - a"])
 

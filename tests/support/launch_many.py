@@ -1,12 +1,11 @@
-"""Starts launchers, one after the other, and writes down what becomes of each.
+"""Starts launchers one after the other, and records the result of each.
 
     launch_many.py OUTCOMES LAUNCHER FILE...
 
-Runs in the machine, beside copies of control.py. For each file, OUTCOMES gets a
-JSON document in a line: `status`, the number that subprocess gives, None for a
-launcher that has started its nodes; `log`, all it wrote to standard error;
-`pid`; and `children`, with `argv` and `environment` of each that has executed
-a program and not ended."""
+Runs in the machine, next to copies of control.py. For each file, OUTCOMES gets a JSON
+document in a line: `status`, the number that subprocess gives, None for a launcher that
+has started its nodes; `log`, all it wrote to standard error; `pid`; and `children`,
+with `argv` and `environment` of each that has executed a program and still runs."""
 
 import json
 import os
@@ -55,9 +54,9 @@ def children_of(pid):
 
 
 def describe(pid, launcher):
-    """A child that has executed its program and waits; None while it does not,
-    and an empty dictionary if it has ended. A worker that is stopped has been
-    executed for sure: in the middle of that its arguments may be missing."""
+    """A child that has executed its program and waits; None before that, and an empty
+    dictionary if it has exited. A stopped worker has certainly executed its program:
+    during the exec, its arguments can be missing."""
     directory = pathlib.Path(f"/proc/{pid}")
     try:
         stat = (directory / "stat").read_text(encoding="ascii", errors="replace")

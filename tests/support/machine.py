@@ -21,7 +21,8 @@ PYTHON = "/usr/bin/python3" if os.path.exists("/usr/bin/python3") else sys.execu
 
 
 def unshare_command():
-    """The command that makes the namespaces; what follows runs as process 1."""
+    """The command that creates the namespaces; the appended command runs as process
+    1."""
     command = ["unshare", "--mount", "--pid", "--net", "--fork"]
     command += ["--kill-child", "--mount-proc"]
     if os.geteuid() != 0:
@@ -61,7 +62,7 @@ class Process:
 
     @property
     def descriptors(self):
-        """What its open descriptors are, by number."""
+        """The targets of its open descriptors, by number."""
         directory = f"/proc/{self.host_pid}/fd"
         return {int(fd): os.readlink(f"{directory}/{fd}")
                 for fd in os.listdir(directory)}
@@ -76,18 +77,19 @@ def _status_fields(host_pid):
 
 
 def machine_of(program):
-    """The kind of machine that a program is for, as its header has it."""
+    """The architecture of a program, as the bytes in its ELF header."""
     with open(program, "rb") as file:
         return file.read(20)[18:]
 
 
 def is_emulated(program):
-    """Whether the program is for another kind of machine than this one."""
+    """Whether the program is for another architecture than this machine's."""
     return machine_of(program) != machine_of(sys.executable)
 
 
 def is_emulator(path):
-    """Whether it is what the kernel starts programs of other machines by."""
+    """Whether it is the emulator with which the kernel starts programs of other
+    architectures."""
     return path.startswith("/usr/libexec/qemu-binfmt/")
 
 
@@ -97,8 +99,8 @@ def is_sanitized(program):
 
 
 class Machine:
-    """What a test puts into the machine, and the launcher that runs in it. The
-    directory `tmp` is the machine's /tmp; /tmp/install is the launcher's
+    """The files that a test puts into the machine, and the launcher that runs in it.
+    The directory `tmp` is the machine's /tmp; /tmp/install is the launcher's
     installation root. Use start() once."""
 
     def __init__(self, tmp, program):
@@ -111,7 +113,7 @@ class Machine:
                              ("vornctl", program.with_name("vornctl"))):
             copy = self.install / "bin" / name
             shutil.copy2(source, copy)
-            copy.chmod(0o755)  # for other users, whatever umask it was built with
+            copy.chmod(0o755)  # for other users, whatever the umask was
         self.sanitized = is_sanitized(program)
         self.counted = b"__gcov_dump" in program.read_bytes()
 
@@ -164,12 +166,13 @@ class Machine:
         return self
 
     def start_without_launcher(self):
-        """Starts the machine alone, for commands in it."""
+        """Starts the machine without a launcher, for commands in it."""
         self._boot(["true"], self.environment({}))
         return self
 
     def _boot(self, command, environment, stderr=None, stdout=None):
-        """Starts the machine with this command, and waits until it has one."""
+        """Starts the machine with this command, and waits until the command has a
+        pid."""
         with open(self.tmp / "stdout", "ab") as out, open(
             self.tmp / "stderr", "ab"
         ) as err:
@@ -189,9 +192,9 @@ class Machine:
         assert self.unshare.poll() is None, self.stderr()
 
     def start_again(self, wait_until_up=True):
-        """Starts another launcher on the launch file of the first, which has
-        ended or is left alone. What this class calls the launcher is the new one
-        from now on; the log is that of both."""
+        """Starts another launcher on the launch file of the first, which has exited or
+        continues. From now on this class refers to the new launcher; the log is that of
+        both."""
         init = self.tmp / ".init"
         (init / "command").write_text(
             "/tmp/install/bin/vornlaunch\0/tmp/launch.yaml", encoding="utf-8"
@@ -245,7 +248,7 @@ class Machine:
 
     @property
     def process(self):
-        """The launcher's process; None once it has been collected."""
+        """The launcher's process; None after it has been collected."""
         return self.find_process(self.pid)
 
     @property
@@ -256,8 +259,8 @@ class Machine:
         self.process.signal(number)
 
     def wait(self, timeout=120.0):
-        """Waits for the launcher's end. Returns its exit status, a signal's
-        number negative."""
+        """Waits until the launcher exits. Returns its exit status, or the negative
+        number of a signal."""
         eventually(lambda: self.has_ended, "the launcher ends", timeout)
         return int((self.tmp / ".init/status").read_text(encoding="ascii"))
 
@@ -334,7 +337,7 @@ class Machine:
             try:
                 fields = _status_fields(entry)
                 pids = fields["NSpid"].split()
-                # A zombie has no namespace left to look at; its pids tell.
+                # The namespace of a zombie cannot be read; it is in its list of pids.
                 own = len(pids) > 1 and (
                     fields["State"][0] == "Z"
                     or os.readlink(f"/proc/{entry}/ns/pid") == namespace
@@ -369,8 +372,8 @@ class Machine:
         return next((p for p in self.processes() if p.pid == pid), None)
 
     def child(self, name, argv):
-        """The node's process, once it runs the program with these arguments: a
-        start answers before that."""
+        """The node's process, after it has executed the program with these arguments:
+        the reply to a start precedes the exec."""
 
         def executed():
             process = self.find_process(self.status(name).pid)
@@ -413,8 +416,8 @@ class Machine:
         )
 
     def shut_down(self):
-        """Kills everything that runs in the machine. Its files stay for a look,
-        but for the large ones."""
+        """Kills everything that runs in the machine. Its files remain, except for the
+        large ones."""
         if self.unshare is not None:
             if self.counted:
                 self._end_with_counters()
@@ -423,9 +426,9 @@ class Machine:
         shutil.rmtree(self.install)
 
     def _end_with_counters(self):
-        """Lets a launcher of the coverage build write its counters down."""
+        """Lets a launcher of the coverage build write its counters."""
         try:
             self.signal(signal.SIGINT)
             self.wait(timeout=5.0)
         except (AssertionError, AttributeError, OSError):
-            pass  # it has ended or is held up
+            pass  # it has exited or is blocked

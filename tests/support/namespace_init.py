@@ -4,9 +4,9 @@ collects orphans until it is killed.
     namespace_init.py TMP COMMAND [ARGUMENT...]
 
 The directory TMP becomes /tmp. The command's pid goes to /tmp/.init/pid, its exit
-status, as Popen.returncode gives it, to /tmp/.init/status. SIGUSR1 makes it run
-another command, whose words are in /tmp/.init/command, a NUL between them;
-from then on the two files are about that one.
+status, as Popen.returncode gives it, to /tmp/.init/status. SIGUSR1 makes it run another
+command, whose words are in /tmp/.init/command, separated by NULs; from then on the two
+files are about that command.
 """
 
 import ctypes

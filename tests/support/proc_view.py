@@ -1,4 +1,4 @@
-"""The launcher as /proc shows it, without a call of its own."""
+"""The launcher as /proc shows it, without a request to it."""
 
 import os
 import pathlib
@@ -8,13 +8,13 @@ import signal
 from support.process_tree import children_of, status_field, waits_in
 from support.waiting import eventually
 
-# What the launcher blocks for its signal descriptor, as a mask.
+# The signals that the launcher blocks for its signal descriptor, as a mask.
 _ROUTED = 1 << (signal.SIGCHLD - 1) | 1 << (signal.SIGTERM - 1)
 
 
 def node_of(host_pid):
-    """The node that a process runs; None before it has executed its program and
-    while it dies."""
+    """The node that a process runs; None before it has executed its program and while
+    it exits."""
     try:
         environment = pathlib.Path(f"/proc/{host_pid}/environ").read_bytes()
     except (FileNotFoundError, ProcessLookupError):
@@ -24,19 +24,19 @@ def node_of(host_pid):
 
 
 def descriptors_of(host_pid):
-    """What a process's open descriptors are, in order, without their numbers."""
+    """The sorted targets of a process's open descriptors, without inode numbers."""
     directory = f"/proc/{host_pid}/fd"
     links = []
     for fd in os.listdir(directory):
         try:
             links.append(os.readlink(f"{directory}/{fd}"))
         except FileNotFoundError:
-            pass  # closed meanwhile
+            pass  # closed in the meantime
     return sorted(re.sub(r":\[\d+\]$", "", link) for link in links)
 
 
 class Child:
-    """A child of the launcher; its `state` is "" once it has been collected."""
+    """A child of the launcher; its `state` is "" after it has been collected."""
 
     def __init__(self, host_pid):
         self.host_pid = host_pid
@@ -49,7 +49,7 @@ class Child:
 
     @property
     def pid(self):
-        """As the machine sees it."""
+        """The pid in the machine."""
         return int(status_field(self.host_pid, "NSpid").split()[-1])
 
     @property
@@ -58,13 +58,13 @@ class Child:
 
     @property
     def blocks_signals(self):
-        """Those that the launcher blocks for its signal descriptor."""
+        """Whether it blocks signals of the launcher's signal descriptor."""
         return bool(int(status_field(self.host_pid, "SigBlk"), 16) & _ROUTED)
 
 
 class LauncherView:
-    """Looks at the launcher of a machine that has been started. Cheaper than
-    the machine's own looks, which go through all processes."""
+    """Observes the launcher of a machine that has been started. Cheaper than the
+    machine's own methods, which read all processes."""
 
     def __init__(self, machine):
         [init] = children_of(machine.unshare.pid)
@@ -75,8 +75,8 @@ class LauncherView:
         self._machine = machine
 
     def is_quiet(self, notices_exits=True, without_limit=False):
-        """Whether it waits for events and has served all there were. Without
-        `notices_exits` those of children do not count; `without_limit`: no
+        """Whether it waits for events and has handled all of them. Without
+        `notices_exits`, exits of children do not count; with `without_limit`, no
         restart is due either."""
         if notices_exits:
             pending = int(status_field(self.host_pid, "ShdPnd") or "0", 16)
@@ -92,7 +92,7 @@ class LauncherView:
         return True
 
     def wait_until_quiet(self, **options):
-        """Waits for that, or for the launcher's end."""
+        """Waits until it is quiet or has exited."""
 
         def quiet():
             try:
@@ -112,5 +112,5 @@ class LauncherView:
         return next((child for child in self.children() if child.node == name), None)
 
     def descriptors(self):
-        """What its open descriptors are."""
+        """The sorted targets of its open descriptors."""
         return descriptors_of(self.host_pid)

@@ -1,5 +1,5 @@
-"""The launcher and its children as the host sees them: cheap to ask, however many
-there are."""
+"""The launcher and its children as the host sees them, at low cost even for many
+children."""
 
 import os
 import pathlib
@@ -9,7 +9,7 @@ from support.waiting import eventually
 
 
 def _read(host_pid, file):
-    """A file of the /proc directory; nothing once the process is gone."""
+    """A file in the process's /proc directory; "" if the process does not exist."""
     try:
         return pathlib.Path(f"/proc/{host_pid}/{file}").read_text(encoding="utf-8")
     except (FileNotFoundError, ProcessLookupError):
@@ -17,7 +17,7 @@ def _read(host_pid, file):
 
 
 def status_field(host_pid, field):
-    """A line of /proc/PID/status; "" once the process is gone."""
+    """A field of /proc/PID/status; "" if the process does not exist."""
     for line in _read(host_pid, "status").splitlines():
         if line.startswith(field + ":"):
             return line.split(":")[1].strip()
@@ -79,9 +79,9 @@ class ProcessTree:
         self.signal(signal.SIGCONT)
 
     def descriptors(self):
-        """How many the launcher has open."""
+        """The number of open descriptors of the launcher."""
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
     def memory(self):
-        """What the launcher has in memory, in KiB."""
+        """The resident memory of the launcher in KiB."""
         return int(status_field(self.pid, "VmRSS").split()[0])

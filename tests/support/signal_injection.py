@@ -3,15 +3,15 @@
     signal_injection.py stop SIGNAL LAUNCHER COMMAND [ARGUMENT...]
     signal_injection.py end SIGNAL STEP COMMAND [ARGUMENT...]
 
-With "stop" the signal comes with each call of one run; each time that this has
-stopped it, the launcher must answer another client, and then the run goes on.
-SIGSTOP, which cannot be held off, stops it between connecting and sending as
-well; there the launcher must be found waiting.
+With "stop" the signal arrives at each call of one run. Each time it has stopped
+vornctl, the launcher must answer another client; then the run continues. SIGSTOP, which
+cannot be blocked, also stops vornctl between connect and send: there the launcher must
+wait for it.
 
-With "end" the signal comes once in each run, with each STEP-th call from the
-first socket() on. When the run has ended, the launcher must answer.
+With "end" the signal arrives once in each run, at each STEP-th call from the first
+socket() on. After the run, the launcher must answer.
 
-Prints a JSON document of what was found.
+Prints the results as a JSON document.
 """
 
 import collections
@@ -31,7 +31,7 @@ PATIENCE = 60
 
 
 def ask():
-    """Asks the launcher for a node. A launcher that is held answers never."""
+    """Sends a status request. A blocked launcher never answers."""
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as client:
         client.settimeout(PATIENCE)
         client.connect(SOCKET)
@@ -47,10 +47,10 @@ def wait_for(condition):
 
 
 def traced(command, options):
-    """The command under strace, with a process group of its own: not one that
-    is orphaned, in which SIGTSTP would do nothing."""
+    """The command under strace, in a process group of its own that is not orphaned: in
+    an orphaned one, SIGTSTP has no effect."""
     with open(TRACE, "w", encoding="ascii"):
-        pass  # strace makes it a little later
+        pass  # strace creates it later
     return subprocess.Popen(
         ["strace", "-o", TRACE, *options, *command], process_group=0,
         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
@@ -80,8 +80,8 @@ def is_in_window(lines):
 
 def stop_everywhere(number, launcher, command):
     name = signal.Signals(number).name
-    # A poll() that a signal stops goes on as restart_syscall(), which may not be
-    # stopped again, and again.
+    # A stopped poll() continues as restart_syscall(), which must not be stopped again
+    # and again.
     process = traced(command, ["-e", f"inject=!restart_syscall:signal={name}"])
     children = f"/proc/{process.pid}/task/{process.pid}/children"
     stops = 0
@@ -110,8 +110,8 @@ def stop_everywhere(number, launcher, command):
 
 
 def came_as_meant(name):
-    """Whether the signal came, and not before the first socket(): not each run has
-    the same calls."""
+    """Whether the signal arrived, and not before the first socket(): the calls differ
+    between runs."""
     has_socket = False
     for line in read_trace():
         has_socket = has_socket or name_of(line) == "socket"
@@ -122,7 +122,7 @@ def came_as_meant(name):
 
 def end_everywhere(number, step, command):
     name = signal.Signals(number).name
-    # Once without a signal, for the calls that there are.
+    # One run without a signal, to find the calls.
     traced(command, []).communicate(timeout=PATIENCE)
     counts = collections.Counter()
     points = []

@@ -4,12 +4,12 @@ computes.
     signalled_starts.py RESULTS LAUNCHER FILE times RUNS SEED
     signalled_starts.py RESULTS LAUNCHER FILE allocations LIBRARY
 
-Runs in the machine. With "times" the signal comes at a random time between the
-moment when the launcher handles it and the end of its start-up. With
-"allocations" LIBRARY raises it in the first allocation, in the next start in
-the second, and so on until the start-up has no further one or fails. For each start,
-RESULTS gets a JSON document in a line: `status`, the number that subprocess
-gives, None for a launcher that had to be killed; and `stdout`."""
+Runs in the machine. With "times" the signal arrives at a random time between the
+installation of its handler and the end of the start-up. With "allocations" LIBRARY
+raises it in the first allocation, in the next start in the second, and so on until the
+start-up has no further one or fails. For each start, RESULTS gets a JSON document in a
+line: `status`, the number that subprocess gives, None for a launcher that had to be
+killed; and `stdout`."""
 
 import json
 import os

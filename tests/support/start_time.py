@@ -1,4 +1,4 @@
-"""When processes were started, as the kernel keeps it."""
+"""The start times of processes from the kernel."""
 
 import os
 
@@ -26,6 +26,6 @@ def wait_for_start(machine, node, other_than=0):
         try:
             return process and (pid, start_ticks(process))
         except (FileNotFoundError, ProcessLookupError):
-            return None  # it crashed meanwhile
+            return None  # it has crashed in the meantime
 
     return eventually(running, f"{node} is started")

@@ -8,12 +8,12 @@ import pytest
 from support.waiting import PATIENCE
 
 SOCKET = "/tmp/tmux"
-PAUSE = 0.03  # between two looks; each is a process
+PAUSE = 0.03  # between two reads, each of which starts a process
 
 
 class Terminal:
-    """A window of tmux in which `command` runs. What is typed goes to it, and
-    what it shows is read. The machine must have been started."""
+    """A window of tmux in which `command` runs, with methods to type and to read the
+    screen. The machine must have been started."""
 
     def __init__(self, machine, *command, columns=80, rows=24, environment=None):
         if shutil.which("tmux") is None:
@@ -52,7 +52,7 @@ class Terminal:
         return self.tmux("display-message", "-p", f"#{{{variable}}}").strip()
 
     def is_closed(self):
-        """Whether the program has ended, and the window with it."""
+        """Whether the program has exited and the window is closed."""
         done = self.machine.execute("tmux", "-S", SOCKET, "has-session")
         return done.returncode != 0
 

@@ -1,7 +1,7 @@
-"""What strace saw, call by call.
+"""The calls in the output of strace.
 
-arm64 has newer calls in place of some that x86-64 has. Tests name those of x86-64;
-on either machine they are given, and get, these."""
+arm64 has newer calls in place of some that x86-64 has. Tests use the names of x86-64 on
+both machines."""
 
 import dataclasses
 import platform
@@ -13,8 +13,8 @@ _UNFINISHED = re.compile(r"(?P<begin>(?P<name>\w+)\(.*?) <unfinished \.\.\.>")
 _RESUMED = re.compile(r"<\.\.\. \w+ resumed>(?P<end>.*)")
 _END = re.compile(r"\+\+\+ (?P<how>.*) \+\+\+")
 
-# What tests name, and all that does it; strace knows some of them on one machine
-# alone.
+# The names in tests, and all equivalent calls; strace knows some of them on only one
+# architecture.
 _NAMES = {
     "accept": ("accept", "accept4"),
     "chmod": ("chmod", "fchmodat"),
@@ -66,13 +66,13 @@ def sa_flags():
 
 @dataclasses.dataclass
 class Call:
-    """A system call. The end of a process is a call "end" whose arguments say
-    how, for example "exited with 0"."""
+    """A system call. The exit of a process is a call "end" whose arguments describe it,
+    for example "exited with 0"."""
 
     pid: int
     name: str
     arguments: str
-    result: str = None  # None as long as it lasts
+    result: str = None  # None until it returns
 
     @property
     def text(self):
@@ -89,8 +89,8 @@ class Call:
 
 
 def parse_trace(text):
-    """The calls in the output of `strace -f -o`, in the order of their
-    beginning, those that were cut in two by others put together."""
+    """The calls in the output of `strace -f -o` in the order in which they began. Calls
+    that are split by others are joined."""
     calls = []
     open_calls = {}  # by pid: the call and its text so far
     # A last line without its end is still being written.
@@ -117,11 +117,11 @@ def parse_trace(text):
 
 
 def _rename(call):
-    """Makes the call the older one that does the same, if there is one."""
+    """Replaces the call by the equivalent older one, if there is one."""
     if call.name not in _OLDER:
         return
     name, form = _OLDER[call.name]
-    if call.result is not None:  # else not all its arguments are there
+    if call.result is not None:  # otherwise arguments are missing
         match = form.fullmatch(call.arguments)
         if not match:
             return

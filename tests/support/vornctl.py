@@ -1,4 +1,4 @@
-"""Running vornctl in other ways than to its end on pipes."""
+"""Runs vornctl on a terminal, or in the background."""
 
 import contextlib
 import os
@@ -16,7 +16,7 @@ VORNCTL = "/tmp/install/bin/vornctl"
 
 
 def read_terminal(terminal, until=None):
-    """What is written to the terminal until this text, or to the end."""
+    """The output of the terminal up to this text, or to its end."""
     text = b""
     deadline = time.monotonic() + PATIENCE
     while until is None or until not in text.decode(errors="replace"):
@@ -35,7 +35,7 @@ def read_terminal(terminal, until=None):
 def on_terminal(machine, *arguments, question=None, answer=None, environment=None,
                 columns=0):
     """Runs vornctl on a terminal with this many columns (0: unknown), answers the
-    `question`, and returns the exit status and all that was shown."""
+    `question`, and returns the exit status and the whole output."""
     terminal, other_end = pty.openpty()
     termios.tcsetwinsize(other_end, (24 if columns else 0, columns))
     environment = {"TERM": "xterm", **(environment or {})}
@@ -64,11 +64,11 @@ class Running:
             stderr=subprocess.PIPE, encoding="utf-8",
             env=machine.environment(environment),
         )
-        self._read = b""  # and not asked for yet
+        self._read = b""  # and not yet read
         self.host_pid = eventually(self._find, "vornctl runs")
 
     def _find(self):
-        """nsenter's child, once it is vornctl."""
+        """The child of nsenter, after it has executed vornctl."""
         own = self.popen.pid
         children = pathlib.Path(f"/proc/{own}/task/{own}/children")
         try:
@@ -96,15 +96,15 @@ class Running:
         os.kill(self.host_pid, number)
 
     def wait_until_polling(self):
-        """Waits until it waits for something."""
+        """Waits until it sleeps in a system call."""
         wchan = pathlib.Path(f"/proc/{self.host_pid}/wchan")
         eventually(lambda: b"poll" in wchan.read_bytes(), "vornctl waits")
 
     @contextlib.contextmanager
     def stopped(self):
-        """Within this context it is stopped."""
+        """Suspends it within this context."""
         self.signal(signal.SIGSTOP)
-        # nsenter stops when its child does, and wakes it as it is woken.
+        # nsenter stops and continues together with its child.
         stat = pathlib.Path(f"/proc/{self.popen.pid}/stat")
         eventually(lambda: stat.read_text(encoding="ascii").split()[2] == "T",
                    "vornctl is stopped")
@@ -112,15 +112,15 @@ class Running:
         self.popen.send_signal(signal.SIGCONT)
 
     def end(self):
-        """Waits for its end; returns its exit status, a signal's number
-        negative, and the rest of its output and errors."""
+        """Waits until it exits. Returns its exit status or the negative number of a
+        signal, and the rest of its output and errors."""
         out, err = self.popen.communicate(timeout=PATIENCE)
         return self.popen.returncode, self._read.decode() + out, err
 
 
 @contextlib.contextmanager
 def running(machine, *arguments, environment=None, wrapper=()):
-    """A vornctl that has been started and is killed in the end."""
+    """A running vornctl, which is killed at the end of the context."""
     client = Running(machine, arguments, environment or {}, wrapper)
     try:
         yield client

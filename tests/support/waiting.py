@@ -8,8 +8,8 @@ PAUSE = 0.01
 
 
 def eventually(condition, what, timeout=PATIENCE):
-    """Returns the first true value of `condition()`; fails after `timeout`
-    seconds, saying that `what` did not come true."""
+    """Returns the first true value of `condition()`; fails after `timeout` seconds with
+    `what` in the message."""
     deadline = time.monotonic() + timeout
     while True:
         value = condition()
