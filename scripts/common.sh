@@ -65,7 +65,7 @@ install_packages() {
   mapfile -t missing < <(missing_packages "$@")
   [[ ${#missing[@]} -gt 0 ]] || return 0
   command -v apt-get >/dev/null ||
-    die "this is not a Debian system; install the equivalents of: ${missing[*]}, and build with cmake as README.md says"
+    die "this is not a Debian system; install the equivalents of: ${missing[*]}, and build with cmake as docs/install.md says"
   [[ $EUID -eq 0 ]] || sudo -n true 2>/dev/null ||
     die "no right to install packages; run once as root: apt-get install ${missing[*]}"
   say "installing ${missing[*]}"

@@ -1,5 +1,6 @@
 """The examples of the documents work. scripts/site.sh checks the links."""
 
+import html
 import pathlib
 import re
 import shlex
@@ -83,14 +84,6 @@ PREPARATIONS = {
     "docs/vornctl.md": [CAMERA_RUNS],
     "docs/control-protocol.md": [CAMERA_RUNS],
     "docs/vornlaunch.md": [CAMERA_RUNS.rpartition("vornlaunch")[0]],
-    "README.md": ["""
-cp -r /tmp/install/share/doc/vornlaunch/examples/demo . && cd demo
-mkdir build && ln -s /tmp/install/bin build/bin
-export VORN_ROOT=$PWD
-vornlaunch launch.yaml >nodes.log 2>launch.log &
-""", """
-until vornctl status lamp | grep restarting; do sleep 0.2; done
-"""],
     "docs/checks.md": ["""
 cat >launch.yaml <<'EOF'
 configure:
@@ -133,6 +126,24 @@ def test_a_document_prints_what_it_shows(path, shell):
     shell.follow(path, "console")
     # The launcher does not complain about a documented client.
     assert shell.run("grep -sE 'poll timeout|received:|send fail' launch.log")[1] == []
+
+
+def screen_of(picture):
+    """The lines of the screen that scripts/screenshot.py has drawn."""
+    text = picture.read_text(encoding="utf-8")
+    lines = {}
+    for y, part in re.findall(r'<text [^>]*\by="(\d+)"[^>]*>([^<]*)<', text):
+        lines[y] = lines.get(y, "") + html.unescape(part)
+    return list(lines.values())
+
+
+def test_the_picture_in_the_readme_shows_the_demo(shell):
+    shell.type("""
+cp -r /tmp/install/share/doc/vornlaunch/examples/demo . && cd demo
+mkdir build && ln -s /tmp/install/bin build/bin
+VORN_ROOT=$PWD vornlaunch launch.yaml >nodes.log 2>launch.log &
+""")
+    shell.shows("vornctl top", screen_of(ROOT / "docs/top.svg"))
 
 
 WRONG = {
