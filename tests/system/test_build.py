@@ -1,4 +1,4 @@
-"""The programs as the build makes them."""
+"""The programs that the build produces."""
 
 import os
 import pathlib
@@ -49,7 +49,7 @@ def test_functions_of_a_program_begin_with_a_target_for_indirect_branches(
 
 
 def configure(tmp_path, *options):
-    """Configures the launcher; returns what CMake prints."""
+    """Configures the launcher; returns the output of CMake."""
     return subprocess.run(
         ["cmake", "-S", ROOT, "-B", tmp_path / "build", "-DVORN_VORNCTL=OFF",
          "-DBUILD_TESTING=OFF", *options], check=True, stdout=subprocess.PIPE,

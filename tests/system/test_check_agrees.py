@@ -17,13 +17,13 @@ from support.machine import PYTHON
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 SEED = 20261121
 GENERATED = 240
-CHUNKS = 4  # of the files, for as many tests at a time
+CHUNKS = 4  # the number of groups of files, each for one test
 INSTALL_ROOT = "/tmp"
 ABORTED = -6
 
 
 def existing():
-    """Files that are there for other purposes."""
+    """Files that have other purposes as well."""
     files = [*(ROOT / "fuzz/seeds/launch_file").iterdir(),
              *(ROOT / "tests/check").glob("*.yaml"),
              *(ROOT / "examples").glob("**/*.yaml")]
@@ -59,7 +59,7 @@ def resolved(vornctl, paths, environment):
 
 
 def bare(reading):
-    """A reading without places, as the launcher's own parser gives it."""
+    """The result of the launcher's own parser, which has no locations."""
     def pairs(variables, *sources):
         return [[each["name"], each["value"]] for each in variables
                 if not sources or each["from"] in sources]
@@ -82,8 +82,8 @@ def bare(reading):
 
 
 def until_fault(reading, parsed):
-    """Of a file that ends the launcher, what it has read until then: the
-    checker's reading goes on behind the fault."""
+    """The part of a file that the launcher has read when the file aborts it: the
+    checker reads the rest as well."""
     if reading["exception"] is None:
         return reading
     return {
@@ -94,7 +94,7 @@ def until_fault(reading, parsed):
 
 
 def disagreements(program, paths, base):
-    """What the launcher's parser and the checker read differently."""
+    """The differences between the launcher's parser and the checker."""
     environment = {**base, "VORN_ROOT": INSTALL_ROOT}
     parser = program.with_name("parse_launch_files")
     printed = subprocess.run(
@@ -159,12 +159,12 @@ def escaped(text):
 
 
 def is_set(name):
-    """Whether setenv() takes the name."""
+    """Whether setenv() accepts the name."""
     return name.split("\0")[0] not in ("",) and "=" not in name.split("\0")[0]
 
 
 def environment_for(reading, node, base):
-    """What the node's process is given."""
+    """The arguments and the environment of the node's process."""
     environment = dict(base)
     for variable in [*reading["configure"], *node["environment"]]:
         if is_set(variable["name"]):
@@ -233,7 +233,7 @@ def check_outcome(reading, outcome, base):
 
 
 def outcomes(machine, paths, environment):
-    """What becomes of the launcher with each file."""
+    """The outcome of the launcher with each file."""
     helpers = pathlib.Path(support.__file__).parent
     for name in ("launch_many.py", "control.py"):
         machine.file(name, (helpers / name).read_bytes())
@@ -253,7 +253,7 @@ def check_against_launcher(machine, files):
     paths = write(machine.tmp / "files", files)
     environment = {"VORN_ROOT": INSTALL_ROOT}
     told = outcomes(machine, paths, environment)
-    # Beside the launcher, for the root of the installation.
+    # Next to the launcher, for the root of the installation.
     printed = machine.vornctl(*RESOLVE, *(each["file"] for each in told),
                               environment=environment).stdout
     readings = json.loads(printed)["files"]

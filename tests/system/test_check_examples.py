@@ -1,5 +1,5 @@
-"""What vornctl check says about the bad examples in tests/check, one for each
-kind of finding, and that all kinds are documented."""
+"""The diagnostics of the examples in tests/check, one example for each check, and the
+documentation of all checks."""
 
 import functools
 import json
@@ -14,10 +14,10 @@ import pytest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 EXAMPLES = ROOT / "tests/check"
 NAMES = sorted(path.stem for path in EXAMPLES.glob("*.yaml"))
-# What an example needs besides its file.
+# Environments and rights that an example needs besides its file.
 PATHS = {"missing-tool": "/nonexistent"}
 NEEDS_ROOT = {"writable-by-others"}
-# A filter for system calls, as a container engine has one.
+# A filter of system calls like that of a container engine.
 FILTERED = {"clone-refused": ["strace", "-o", "/dev/null", "-e", "trace=clone3",
                               "-e", "inject=clone3:error=EPERM"]}
 CASES = [pytest.param(name, marks=[pytest.mark.native] if name in FILTERED else [])
@@ -30,12 +30,12 @@ def fixture_vornctl(program):
 
 
 def as_root():
-    """The command that makes a command root, at least in its own eyes."""
+    """The prefix that runs a command as root, if necessary in a user namespace."""
     return [] if os.geteuid() == 0 else ["unshare", "--user", "--map-root-user"]
 
 
 def options_of(text):
-    """The options in an example's first line; most are about the file alone."""
+    """The options in an example's first line; most need only the file."""
     match = re.match(r"# options: (.*)\n", text)
     return match.group(1).split() if match else ["--no-host"]
 
@@ -64,7 +64,7 @@ def run(vornctl, name, *options, directory=EXAMPLES, text=None):
 
 @pytest.fixture(name="directory")
 def fixture_directory(tmp_path, request):
-    """A copy of the examples with the rights that git does not keep."""
+    """A copy of the examples with permissions that git does not store."""
     directory = tmp_path / "check"
     shutil.copytree(EXAMPLES, directory)
     if request.node.callspec.params["name"] in NEEDS_ROOT:
@@ -74,7 +74,7 @@ def fixture_directory(tmp_path, request):
 
 @functools.lru_cache
 def listed(vornctl):
-    """The kinds of findings: name, severity and summary."""
+    """The checks: name, severity and summary."""
     printed = subprocess.run(
         [vornctl, "check", "--list"], capture_output=True, check=True,
         encoding="utf-8",

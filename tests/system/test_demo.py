@@ -1,4 +1,4 @@
-"""The demo machine of examples/demo, acted on by examples/control.py."""
+"""The demo in examples/demo, controlled by examples/control.py."""
 
 import pathlib
 import re
@@ -26,7 +26,7 @@ def fixture_demo(machine):
 
 
 def control(machine, *arguments):
-    """Runs control.py; returns its exit status and all that it prints."""
+    """Runs control.py; returns its exit status and output."""
     script = 'python3 /tmp/control.py "$@" 2>&1; echo "status $?"'
     output = machine.run("sh", "-c", script, "sh", *arguments, timeout=300)
     text, _, status = output.rpartition("status ")
@@ -34,7 +34,7 @@ def control(machine, *arguments):
 
 
 def wait_for_line(machine, line, count=1):
-    """Waits until the nodes have said `line`, `count` times."""
+    """Waits until the nodes have printed `line` `count` times."""
     eventually(
         lambda: machine.stdout().splitlines().count(line) >= count,
         f"the demo says '{line}'",
@@ -77,7 +77,7 @@ def test_every_line_begins_with_the_name_of_its_node(demo):
 
 def test_prepare_runs_once_and_is_disabled(demo):
     demo.wait_for_state("prepare", State.DISABLED)
-    # As long as it takes the lamp to be started again, prepare is not.
+    # While the lamp is restarted, prepare is not.
     lamp, _ = wait_for_start(demo, "lamp")
     wait_for_start(demo, "lamp", other_than=lamp)
     assert demo.stdout().count("prepare: /tmp/vornlaunch-demo is ready\n") == 1
@@ -129,7 +129,7 @@ def test_a_restart_of_the_camera_restarts_the_detector_that_it_requires(demo):
     wait_for_start(demo, "detector", other_than=detector)
     wait_for_line(demo, "camera: stopping")
     wait_for_line(demo, "detector: stopping")
-    # Camera and detector begin anew.
+    # Camera and detector start again.
     wait_for_line(demo, "detector: frame 1: 5 parts, fine", count=2)
 
 
@@ -139,7 +139,7 @@ def test_the_recorder_starts_on_request_with_its_own_interval(demo):
         demo, "recorder: recording every 4 s to /tmp/vornlaunch-demo/record"
     )
     said = "recorder: recorded: "
-    # Which frame it meets depends on how busy the machine is.
+    # The frame that it affects depends on the load of the machine.
     line = eventually(
         lambda: next((x for x in demo.stdout().splitlines() if x.startswith(said)), None),
         "the recorder has recorded a frame",
@@ -222,11 +222,11 @@ def test_control_py_exits_with_4_when_no_launcher_runs(demo):
 
 
 def trace_control(machine, *arguments):
-    """What control.py does with sockets, by system call."""
+    """The socket calls of control.py, by system call."""
     calls = "trace=socket,connect,sendto,sendmsg,recvfrom,recvmsg,shutdown"
     machine.run(
         "strace", "-o", "/tmp/control.strace", "-e", calls,
-        # Without Python's own look at the user's directories, which asks nscd.
+        # Without Python's lookup of the user's directories, which connects to nscd.
         "python3", "-I", "-S", "/tmp/control.py", *arguments, check=False, timeout=300,
     )
     trace = (machine.tmp / "control.strace").read_text(encoding="utf-8")

@@ -31,8 +31,8 @@ def test_an_installation_has_the_documents(machine):
 
 
 def launch_files(path):
-    """What a document shows as YAML, all of which is to be launch files, and the
-    launch files that it writes."""
+    """The YAML blocks of a document, all of which are launch files, and the launch
+    files that its commands write."""
     yield from (block.text for block in blocks(path, "yaml"))
     written = {}
     for block in blocks(path, "sh"):
@@ -58,7 +58,7 @@ def test_a_launch_file_in_a_document_is_valid_for_checker_and_launcher(text, mac
         input=text, encoding="utf-8", capture_output=True, check=False,
     )
     assert (checked.returncode, checked.stdout) == (0, "")
-    # The programs are no part of the document; nothing is started without them.
+    # The programs are not part of the document; without them no node starts.
     machine.start(text)
     assert not machine.has_ended
 
@@ -69,7 +69,7 @@ def test_there_are_launch_files_in_the_documents():
 
 # -- Blocks for the shell. Those of the tutorials are run by test_tutorials.py.
 
-# What a document takes for granted is typed before its commands.
+# Preparations that a document assumes; they are typed before its commands.
 CAMERA_RUNS = """
 mkdir share && touch calibration.bin
 cat >robot.yaml <<'EOF'
@@ -218,7 +218,7 @@ def simple_commands(text):
 
 
 def is_known(program_name):
-    """Whether the shell finds a program of this name, or has it itself."""
+    """Whether the shell finds a program or a builtin of this name."""
     path = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
     done = subprocess.run(["bash", "-c", 'type -- "$1"', "bash", program_name],
                           env=path, capture_output=True, check=False)
@@ -226,7 +226,7 @@ def is_known(program_name):
 
 
 def help_of(words, program):
-    """What a program of ours says about this command; None for another's."""
+    """The help of this project's programs for this command; None for other programs."""
 
     def said(*call):
         return subprocess.run(
@@ -254,7 +254,7 @@ def is_there(word, program):
 
 
 def check_command(words, program):
-    """Fails if the program, a file of ours or an option is not there."""
+    """Fails if the program, a file of this project or an option does not exist."""
     for word in words:
         assert is_there(word, program), word
     if words[0].startswith("./"):

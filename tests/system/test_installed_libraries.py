@@ -1,4 +1,4 @@
-"""The libraries as other projects find them once they are installed."""
+"""The installed libraries as other projects find them."""
 
 import os
 import pathlib
@@ -7,7 +7,7 @@ import subprocess
 
 import pytest
 
-# For each library what a program does with it, and what that prints.
+# For each library, a program that uses it, and the program's output.
 PROGRAMS = {
     "vornctl_client": ("""
 #include <control_client.h>
@@ -51,7 +51,7 @@ def run(*command, **environment):
 
 @pytest.fixture(name="configure")
 def fixture_configure(settings):
-    """CMake, told to build for the same kind of machine."""
+    """CMake with the options to build for the same architecture."""
     toolchain = settings.get("CMAKE_TOOLCHAIN_FILE")
     return ["cmake", *([f"-DCMAKE_TOOLCHAIN_FILE={toolchain}"] if toolchain else [])]
 
@@ -71,19 +71,19 @@ def fixture_project(tmp_path, library):
 
 
 def does_its_work(user, library):
-    """Whether the program of the library's user prints what it should."""
+    """Checks the output of the program that uses the library."""
     said = run(str(user), VORN_ROOT="/opt/robot")
     return re.fullmatch(PROGRAMS[library][1], said)
 
 
 @pytest.fixture(name="prefix", params=["lib", "lib of this machine"])
 def fixture_prefix(request, tmp_path, build, configure, settings):
-    """An installation that has been moved since."""
+    """An installation that has been moved."""
     if request.param == "lib":
         made = tmp_path / "made"
         run("cmake", "--install", str(build), "--prefix", str(made))
         return made.rename(tmp_path / "moved")
-    # A directory of libraries of another name needs another configuration.
+    # Another name of the library directory needs another configuration.
     source = pathlib.Path(__file__).resolve().parents[2]
     machine = run(settings["CMAKE_CXX_COMPILER"], "-print-multiarch").strip()
     other = tmp_path / "build"
@@ -97,7 +97,7 @@ def fixture_prefix(request, tmp_path, build, configure, settings):
 
 
 def sanitizers(program):
-    """What a program needs to link a sanitized library."""
+    """The options that a program needs to link a sanitized library."""
     if b"__asan_init" in program.read_bytes():
         return "-fsanitize=address,undefined"
     return ""

@@ -7,12 +7,12 @@ import pytest
 from support.control import Cmd, Result, State
 from support.waiting import eventually
 
-# Stays, so that its arguments and environment can be read.
+# Runs on, so that its arguments and environment can be read.
 STAY = "sleep 1000 &\nwait"
 
 
 def child_of(machine, name):
-    """The node's process, once it runs its program."""
+    """The node's process, after it has executed its program."""
 
     def executed():
         process = machine.find_process(machine.status(name).pid)
@@ -23,7 +23,7 @@ def child_of(machine, name):
 
 
 def arguments_of(machine, name):
-    """The node's argument vector; the kernel has put the interpreter in
+    """The node's argument vector, without the interpreter that the kernel puts in
     front."""
     argv = child_of(machine, name).argv
     assert argv[0] == "/bin/sh"
@@ -31,7 +31,7 @@ def arguments_of(machine, name):
 
 
 def texts(machine, func):
-    """What the function has logged so far."""
+    """The texts that the function has logged."""
     return [line.text for line in machine.log() if line.func == func]
 
 

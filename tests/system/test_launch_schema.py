@@ -1,5 +1,5 @@
-"""The JSON Schema of launch files takes and refuses what it should, as far as a
-schema can tell."""
+"""The JSON Schema of launch files accepts valid files and refuses invalid ones, as far
+as a schema can detect them."""
 
 import json
 import pathlib
@@ -16,8 +16,8 @@ SCHEMA = json.loads(
     (ROOT / "tools/vornctl/schema/launch.schema.json").read_text(encoding="utf-8")
 )
 EXAMPLES = sorted((ROOT / "tests/check").glob("*.yaml"))
-# What only one who knows the launcher can tell: what one node says of another,
-# what is lost when the text is read, what is on the machine.
+# Checks that a schema cannot make: references between nodes, details that are lost when
+# YAML is read, and the state of the machine.
 BEYOND_A_SCHEMA = {
     "clone-refused", "daemonizes", "disabled-autostart", "duplicate-node",
     "executable-folder", "install-misspelt", "install-not-expanded", "launcher-library",
@@ -34,7 +34,7 @@ NOT_LOADED = {"syntax", "second-document", "not-a-key"}
 
 
 class Loader(yaml.SafeLoader):
-    """As the editors read: the words of YAML 1.2 and no merge keys."""
+    """Reads YAML like editors: with the words of YAML 1.2 and without merge keys."""
 
 
 Loader.yaml_implicit_resolvers = {

@@ -1,4 +1,4 @@
-"""The log as the launcher writes it."""
+"""The log of the launcher."""
 
 import datetime
 import re

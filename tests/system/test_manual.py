@@ -30,7 +30,7 @@ def commands_of(help_text):
 
 
 def options_of(help_text):
-    """Of each option all that can be typed for it."""
+    """The spellings of each option."""
     block = help_text.split("Options:\n")[1].split("\n\n")[0]
     return {tuple(names.split(",")) for names in re.findall(r"^  (-\S+)", block, re.M)}
 
@@ -95,8 +95,8 @@ def test_the_synopsis_has_each_command_with_its_options(options):
     assert found == {command: own for command, own in options.items() if command}
 
 
-# Prints, for each command given and for none, what the tab key offers behind a dash;
-# and what it offers for a command.
+# Prints the completions after a dash, for each given command and for none; and the
+# completions of a command.
 BASH_OFFERS = r"""
 source "$1"
 shift
@@ -204,5 +204,5 @@ def test_each_command_has_two_examples_that_can_be_typed(help_of, machine):
             assert line.startswith(f"  vornctl {name}")
             done = machine.execute(
                 "sh", "-c", f"cd /tmp && PATH=/tmp/install/bin:$PATH && {line}")
-            # Without a launcher and a terminal, the command line itself is right.
+            # Without a launcher and a terminal, the command line itself is accepted.
             assert "--help" not in done.stderr, line

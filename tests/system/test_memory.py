@@ -1,4 +1,4 @@
-"""What memory the launcher keeps for itself."""
+"""The memory that the launcher keeps."""
 
 import re
 
@@ -8,7 +8,7 @@ from support.control import State
 
 
 def heap_in_use(machine):
-    """The pages of the launcher's heap that it has touched and kept, in KiB."""
+    """The resident pages of the launcher's heap in KiB."""
     text = machine.process.read("smaps").decode()
     heap = text[text.index("[heap]"):]
     return int(re.search(r"^Private_Dirty: +(\d+) kB$", heap, re.M)[1])
@@ -21,5 +21,5 @@ def test_the_heap_is_less_than_a_kilobyte_for_each_of_a_thousand_nodes(machine):
              for i in range(1000)}
     machine.start({"vornnode": nodes})
     assert machine.status("node999").state == State.STOPPED
-    # Without being packed they would keep the whole tree's place: 3.2 MiB.
+    # Without packing, they would keep the whole tree's 3.2 MiB.
     assert heap_in_use(machine) < 1000

@@ -58,7 +58,7 @@ def test_a_child_that_obeys_sigterm_is_sent_sigkill_as_a_zombie(machine):
     assert ("WARN", True, "reap", "Node 'worker' stoped") in machine.heads()
     assert ("INFO", False, "reapOneProcess",
             "'worker' receive signal: 15.") in machine.heads()
-    # 0 for the second one: the child had not been collected yet.
+    # The second one succeeded: the child had not been collected yet.
     assert calls(machine, "kill") == [
         f"kill({pid}, SIGTERM) = 0", f"kill({pid}, SIGKILL) = 0"]
     status = machine.status("worker")

@@ -1,4 +1,4 @@
-"""vornctl.py against the real launcher, and against others in its place."""
+"""vornctl.py with the real launcher, and with other programs at its socket."""
 
 import importlib.util
 import os
@@ -32,7 +32,7 @@ def fixture_launcher(machine):
     """A client of a launcher with one node "worker" that runs."""
     machine.script("worker", STAY)
     machine.start({"vornnode": {"worker": {"path": "/tmp/bin/worker"}}})
-    # The path from here is too long for a socket; a link in /proc is not.
+    # The path is too long for a socket address; a link in /proc is not.
     directory = os.open(machine.tmp / "vornlaunch", os.O_PATH)
     yield vornctl.Launcher(f"/proc/self/fd/{directory}/vornlaunch.sock")
     os.close(directory)
@@ -40,8 +40,7 @@ def fixture_launcher(machine):
 
 @pytest.fixture(name="server")
 def fixture_server():
-    """A listening socket in the launcher's place; address in the abstract
-    namespace."""
+    """A listening socket instead of the launcher's, in the abstract namespace."""
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listening:
         listening.bind(f"\0vornctl-test-{os.getpid()}-{id(listening)}")
         listening.listen(1)
@@ -49,8 +48,8 @@ def fixture_server():
 
 
 def answering(server, *replies):
-    """A client of `server`, which answers each request with these bytes; None
-    leaves the connection open without an answer."""
+    """A client of `server`, which answers each request with these bytes; None leaves
+    the connection open without a reply."""
     kept = []
 
     def serve():
@@ -121,7 +120,7 @@ def test_many_calls_leave_no_descriptor_open(launcher):
     assert len(os.listdir("/proc/self/fd")) == len(before)
 
 
-# -- What is sent.
+# -- Requests.
 
 
 def test_the_request_is_the_command_and_the_name(server):
@@ -192,7 +191,7 @@ def test_signals_are_blocked_between_connect_and_send(server, monkeypatch):
     assert signal.pthread_sigmask(signal.SIG_BLOCK, []) == before
 
 
-# -- What can go wrong.
+# -- Errors.
 
 
 def test_a_missing_socket_is_a_missing_launcher():
@@ -265,7 +264,7 @@ def test_a_symbolic_link_of_root_or_ourselves_is_followed(link, monkeypatch, own
 
 
 class OtherUser:
-    """Unpacks credentials as those of another user."""
+    """Replaces the credentials by those of another user."""
 
     size = struct.calcsize("=iII")
 

@@ -1,4 +1,4 @@
-"""Real servers under the launcher, asked by their own clients."""
+"""Real servers under the launcher, queried by their own clients."""
 
 import dataclasses
 import os
@@ -51,7 +51,7 @@ user root
 
 @dataclasses.dataclass(frozen=True)
 class Server:
-    """A server, its configuration, and how its client asks it."""
+    """A server, its configuration, and the command of its client."""
 
     name: str
     packages: str
@@ -64,7 +64,7 @@ class Server:
     needs_root: bool = False
 
     def node(self):
-        """The launch file's description of it."""
+        """Its node in the launch file."""
         return {"path": self.program, "argv": self.argv}
 
 
@@ -125,7 +125,7 @@ def launch(machine, *servers):
 
 
 def answers(machine, server):
-    """Whether the server's client gets the answer."""
+    """Whether the server's client gets the expected reply."""
     return machine.run("sh", "-c", server.ask, check=False) == server.answer
 
 
@@ -134,8 +134,8 @@ def wait_for_answer(machine, server):
 
 
 def wait_for_two_restarts_of_the_crasher(machine):
-    """Waits until two rounds of restarts have passed. The crasher is the last
-    node: whatever was to be restarted has been before it."""
+    """Waits until two rounds of restarts have passed. The crasher is the last node:
+    other nodes are restarted before it."""
     text = "Node start 'crasher' ok"
     machine.wait_for_log(text, len(machine.log_lines(text)) + 2)
 

@@ -1,4 +1,4 @@
-"""Nodes that are tied to others by `required`."""
+"""Nodes that require others."""
 
 import signal
 

@@ -1,4 +1,4 @@
-"""The units of the service manager, as they are installed."""
+"""The installed units of the service manager."""
 
 import os
 import re
@@ -57,13 +57,13 @@ def test_a_unit_checks_its_file_and_stops_the_launcher_first(root, unit):
 
 @pytest.mark.parametrize("unit", UNITS)
 def test_a_unit_does_not_restrict_the_nodes(root, unit):
-    """What the service manager's review finds set is not about them."""
+    """The settings that the service manager's review reports do not affect nodes."""
     status, said = run("systemd-analyze", "security", "--offline=true", "--no-pager",
                        f"--root={root}", unit.replace("@", "@robot"))
     assert status == 0, said
     found = {line.split()[1].rstrip("=") for line in said.splitlines()
              if line.startswith("✓")}
-    # These are found set where nothing is said.
+    # These are reported as set by default.
     by_default = {"AmbientCapabilities", "Delegate", "NotifyAccess",
                   "SupplementaryGroups"}
     assert found - by_default == {"KeyringMode"}
@@ -77,7 +77,7 @@ def test_the_cleaning_of_tmp_keeps_the_control_socket(root):
     directory.mkdir(parents=True)
     (directory / "vornlaunch.sock").touch()
     (root / "tmp/other").touch()
-    # Where rules are looked for; the one of an installation below /usr/local is.
+    # systemd-tmpfiles also searches this directory for rules of /usr/local.
     run("systemd-tmpfiles", f"--root={root}", "--clean")
     assert not (root / "tmp/other").exists()
     assert (directory / "vornlaunch.sock").exists()

@@ -22,12 +22,12 @@ def workers(machine, *names, **keys):
 
 
 def handled_with(number):
-    """What the launcher prints for the signal that ends it."""
+    """The launcher's output for the signal that terminates it."""
     return f"vornlaunch handle with {signal.strsignal(number)}({int(number)})\n"
 
 
 def send_and_wait_until_handled(machine, number):
-    """Sends a signal to the blocked launcher and waits until it has taken it."""
+    """Sends a signal to the blocked launcher and waits until its handler has run."""
     bit = 1 << (number - 1)
     machine.signal(number)
 
@@ -59,7 +59,7 @@ def test_sigterm_stops_every_node_in_order_and_exits_0(machine):
         f"{name}(vornlaunch)" for name in names]
     assert not [pid for pid in children if machine.is_alive(pid)]
     assert machine.stdout() == ""
-    # It leaves without collecting the children.
+    # It exits without collecting the children.
     assert machine.heads()[-1] == ("INFO", False, "handleSignalFd", "ssi_signo: 15")
 
 
@@ -98,7 +98,7 @@ def test_a_log_at_its_size_limit_does_not_change_the_exit_by_sigint(machine):
                       wrapper=["prlimit", "--fsize=2000"])
     while log.stat().st_size < 2000:
         machine.status("nobody")
-    # What is printed now is written at the exit, and refused.
+    # Output from now on is written at the exit, and fails.
     machine.signal(signal.SIGINT)
     assert machine.wait() == 0
     assert log.stat().st_size == 2000
@@ -151,7 +151,7 @@ def test_a_batch_is_served_in_the_order_of_its_events(machine, first):
         if first == "connection":
             end_child()
         machine.signal(signal.SIGCONT)
-        # The silent client holds what comes after it.
+        # The silent client blocks all later events.
         wait_until_blocked(machine, "unix_stream")
         is_reaped = bool(machine.log_lines("'worker' receive signal: 9."))
         assert is_reaped == (first == "exit")
@@ -182,7 +182,7 @@ def test_sigpipe_neither_terminates_the_launcher_nor_prints(machine):
     assert machine.stdout() == handled_with(signal.SIGINT)
 
 
-# Code that reads the byte at the address 0, by the kind of machine.
+# Code that reads the byte at the address 0, by architecture.
 FAULTS = {
     "x86_64": b"\x31\xc0\x8a\x00",  # xor %eax,%eax; mov (%rax),%al
     "aarch64": b"\x00\x00\x80\xd2\x00\x00\x40\x39",  # mov x0,#0; ldrb w0,[x0]

@@ -15,13 +15,13 @@ FATAL_SIGNALS = [
     "SIGTERM", "SIGQUIT", "SIGHUP", "SIGSEGV", "SIGBUS", "SIGABRT", "SIGILL",
     "SIGFPE", "SIGINT", "SIGABRT", "SIGTRAP", "SIGPIPE",
 ]
-# What strsignal() says to the numbers 0 to 11.
+# The results of strsignal() for the numbers 0 to 11.
 DESCRIPTIONS = [
     "Unknown signal 0", "Hangup", "Interrupt", "Quit", "Illegal instruction",
     "Trace/breakpoint trap", "Aborted", "Bus error", "Floating point exception",
     "Killed", "User defined signal 1", "Segmentation fault",
 ]
-# Takes from root the right to pass permissions by.
+# Removes root's capability to bypass permissions.
 OBEYING_PERMISSIONS = ["setpriv", "--bounding-set=-dac_override,-dac_read_search"]
 
 
@@ -38,7 +38,7 @@ def run_to_the_end(machine, *arguments, **options):
 
 
 def trace_at_the_end(machine):
-    """The launcher's calls, when it has ended and strace has written all."""
+    """The launcher's calls, after it has exited and strace has written all of them."""
 
     def whole():
         calls = launcher_calls(machine)
@@ -140,7 +140,7 @@ def test_a_launch_file_whose_existence_is_unknown_aborts_the_launcher(machine):
 
 
 def paths_looked_up(calls):
-    """The paths that the process has asked the status of."""
+    """The paths of the process's stat calls."""
     found = [
         re.match(r'(?:AT_FDCWD, )?"([^"]+)"', call.arguments)
         for call in calls
@@ -193,8 +193,7 @@ def test_an_unreadable_launch_file_exits_with_status_0(machine):
 
 
 def matching_positions(calls, patterns):
-    """Where each pattern is first found, each search beginning behind the match
-    before."""
+    """The first match of each pattern, each searched for after the previous match."""
     texts = [call.text for call in calls]
     positions, position = [], -1
     for pattern in patterns:
@@ -253,7 +252,7 @@ def test_the_steps_of_start_up_are_in_order(machine):
     ]
     calls = launcher_calls(machine)
     positions = matching_positions(calls, steps)
-    # None of the decisive ones has come earlier as well.
+    # None of the relevant calls occurs earlier as well.
     for name in ("epoll_create1", "signalfd4", "socket", "listen"):
         assert [call.name for call in calls].count(name) == 1
     first_fork = next(
@@ -302,7 +301,7 @@ def test_the_launcher_continues_without_a_control_socket(machine):
         ("ERROR", False, "createSocket",
          "Failed to unlink old socket 'vornlaunch.sock': Is a directory")
     ]
-    # Its nodes are supervised all the same.
+    # Its nodes are supervised nevertheless.
     child = eventually(
         lambda: next((p for p in machine.processes() if p.name == "sleep"), None),
         "the worker runs",
@@ -326,8 +325,8 @@ def test_a_control_directory_that_cannot_be_created_aborts_the_launcher(machine)
 
 
 def finished_waits(machine):
-    """The limits and results of the waits that have come back, the number of
-    events asked for among them."""
+    """The arguments and results of the completed waits, with the requested number of
+    events."""
     waits = []
     for call in launcher_calls(machine):
         if call.name == "epoll_wait" and call.result is not None:

@@ -1,4 +1,4 @@
-"""A signal that ends the launcher arrives while it computes."""
+"""A fatal signal arrives while the launcher computes."""
 
 import json
 import pathlib
@@ -13,7 +13,7 @@ ENDED_BY_SIGINT = {"status": 0, "stdout": "vornlaunch handle with Interrupt(2)\n
 
 
 def signalled_starts(machine, program, content, *arguments):
-    """The results of signalled_starts.py, each one once."""
+    """The different results of signalled_starts.py."""
     shutil.copy2(SUPPORT / "signalled_starts.py", machine.tmp)
     shutil.copy2(program, machine.install / "bin/launcher")
     file = machine.launch_file(content)
@@ -53,6 +53,6 @@ def test_the_handler_of_sigint_never_allocates_within_an_allocation(
     results = signalled_starts(
         machine, dynamic if dynamic.exists() else program, sleeping_nodes(1),
         "allocations", f"/tmp/{library.name}")
-    assert len(results) > 100  # reading the launch file alone takes more
+    assert len(results) > 100  # reading the launch file needs more
     failed = [x for x in results if {**x, **ENDED_BY_SIGINT} != x]
     assert failed == []

@@ -1,4 +1,4 @@
-"""The tutorials, typed from their beginnings to their ends."""
+"""The commands of the tutorials."""
 
 import pathlib
 
@@ -11,7 +11,7 @@ TUTORIALS = sorted((ROOT / "docs/tutorials").glob("*.md"))
 MARKS = {"client": [pytest.mark.plain]}
 
 
-# They have the machine's own compiler and programs, and find launchers by name.
+# The commands use the machine's own compiler and programs, and find launchers by name.
 @pytest.mark.native
 @pytest.mark.parametrize("path", [
     pytest.param(path, id=path.stem, marks=MARKS.get(path.stem, []))

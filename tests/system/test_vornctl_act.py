@@ -19,12 +19,12 @@ def fixture_robot(machine):
 
 
 def missing(machine):
-    """A launcher with a node whose program is not there."""
+    """A launcher with a node whose program does not exist."""
     return machine.start({"vornnode": {"camera": {"path": "/tmp/bin/none"}}})
 
 
 def slow_to_stop(machine):
-    """A launcher with a node that ends two seconds after it is asked to."""
+    """A launcher with a node that exits two seconds after SIGTERM."""
     path = machine.script(
         "slow", "trap 'sleep 2; exit 0' TERM\n"
         "touch /tmp/ready\nwhile :; do sleep 0.1; done")
@@ -37,19 +37,19 @@ def states(machine):
 
 
 def order(machine, pattern):
-    """The nodes in the log lines of this kind, in their order."""
+    """The nodes in the matching log lines, in their order."""
     found = [re.fullmatch(pattern, line.text) for line in machine.log()]
     return [match[1] for match in found if match]
 
 
 def commands(machine):
-    """The numbers of the commands that the launcher has got, but the questions
-    how nodes are."""
+    """The numbers of the commands that the launcher has received, except status
+    requests."""
     texts = order(machine, r"control cmd: (\d)")
     return [int(number) for number in texts if int(number) != Cmd.STATUS]
 
 
-# -- What is done.
+# -- Results.
 
 
 def test_stop_and_start_print_their_results(robot):
@@ -85,7 +85,7 @@ def test_a_state_that_is_already_reached_is_reported(robot):
             ("stop", "already stopped")]:
         done = robot.vornctl(command, "lidar")
         assert (done.returncode, done.stdout) == (0, f"lidar: {said}\n")
-    # Each is sent all the same: the node may have changed meanwhile.
+    # Each command is sent nevertheless: the node may have changed in the meantime.
     assert commands(robot) == [
         Cmd.START, Cmd.ENABLE, Cmd.STOP, Cmd.STOP, Cmd.ENABLE, Cmd.DISABLE,
         Cmd.DISABLE, Cmd.STOP]
@@ -156,7 +156,7 @@ def test_quiet_suppresses_the_results(robot):
 @pytest.mark.parametrize("command, word", [
     ("stop", "stopped"), ("disable", "disabled")])
 def test_stops_go_through_the_file_backwards(machine, command, word):
-    # The launcher logs the ends in the order in which it collects them.
+    # The launcher logs the exits in the order in which it collects them.
     path = machine.script("tells", "trap 'echo $1 stops; exit 0' TERM\n"
                           "echo $1 is ready\nwhile :; do sleep 0.05; done")
     machine.start({"vornnode": {name: {"path": path, "argv": name}
@@ -238,7 +238,7 @@ def test_wrong_usage_is_exit_status_2_and_does_nothing(robot, arguments):
     assert commands(robot) == []
 
 
-# -- A failure is explained.
+# -- Reasons for failures.
 
 
 def why(done):
@@ -290,7 +290,7 @@ def test_enable_now_of_a_node_that_cannot_start_fails(machine):
     assert "its executable /tmp/bin/none is missing" in done.stderr
 
 
-# -- What takes long.
+# -- Progress.
 
 
 def test_a_terminal_shows_the_progress(machine):
@@ -302,7 +302,7 @@ def test_a_terminal_shows_the_progress(machine):
     assert {turn for turn, _ in turns} == set("|/-\\")
     seconds = [int(second) for _, second in turns]
     assert seconds == sorted(seconds) and seconds[0] == 0
-    # Nothing of it stays.
+    # The progress line is erased.
     assert shown.endswith("s\r\x1b[Kcamera: stopped\r\n")
 
 

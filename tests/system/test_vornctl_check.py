@@ -1,5 +1,5 @@
-"""vornctl check: its options, forms of output and exit statuses. What it finds
-is in test_check_examples.py."""
+"""vornctl check: its options, output formats and exit statuses. test_check_examples.py
+tests the diagnostics."""
 
 import fcntl
 import json
@@ -49,13 +49,13 @@ def write(vornctl, text, name="launch.yaml"):
 
 
 def names_in(finished):
-    """The findings in JSON, as (line, name)."""
+    """The diagnostics in JSON, as (line, name)."""
     files = json.loads(finished.stdout)["files"]
     return [(each["line"], each["name"]) for file in files
             for each in file["findings"]]
 
 
-@pytest.mark.native  # its programs are for this machine, as they should be
+@pytest.mark.native  # its programs are for this machine
 def test_a_valid_file_prints_nothing(vornctl):
     finished = vornctl(write(vornctl, CLEAN), "--ignore=writable-by-others")
     assert (finished.returncode, finished.stdout, finished.stderr) == (0, "", "")
@@ -327,7 +327,7 @@ def test_a_file_of_5000_nodes_is_checked(vornctl):
 
 
 def on_terminal(program, path, *options):
-    """What check shows on a terminal."""
+    """The output of check on a terminal."""
     terminal, other_end = pty.openpty()
     process = subprocess.Popen(
         [program.with_name("vornctl"), "check", "--no-host", *options, path.name],
@@ -474,7 +474,7 @@ def test_a_stop_signal_that_the_caller_ignores_stays_ignored(program):
     assert process.returncode == 0
 
 
-# -- Forms for programs.
+# -- Machine-readable formats.
 
 CYCLE = (
     "vornnode:\n"
@@ -552,7 +552,7 @@ def test_github_gets_a_command_per_diagnostic(vornctl):
     assert noted.startswith("::notice file=<stdin>,line=1,col=1,title=no-nodes::")
 
 
-# -- What else it prints.
+# -- Other output.
 
 SEVERAL = """\
 configure:
@@ -690,7 +690,7 @@ def test_the_graph_is_drawn_for_documents(vornctl):
 
 
 def false_dot(vornctl, body):
-    """A directory with another program in the place of Graphviz."""
+    """A directory with a replacement for Graphviz."""
     directory = vornctl.directory / "bin"
     directory.mkdir()
     (directory / "dot").write_text(f"#!/bin/sh\n{body}\n", encoding="ascii")

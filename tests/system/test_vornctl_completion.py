@@ -15,7 +15,7 @@ from support.vornctl import VORNCTL
 SCRIPTS = pathlib.Path(__file__).resolve().parents[2] / "tools/vornctl/completion"
 BASH_COMPLETION = "/usr/share/bash-completion/bash_completion"
 PROMPT = "ready> "
-# How each shell is told to complete, and where it looks by itself.
+# How to load the completion in each shell, and where the shell searches for it.
 BASH = f"PS1='{PROMPT}'; PATH=/tmp/install/bin:$PATH; bind 'set bell-style none'\n"
 ZSH = (f"PS1='{PROMPT}'; PATH=/tmp/install/bin:$PATH; setopt no_beep\n"
        "fpath=(/tmp/functions $fpath); autoload -U compinit; compinit -u -D\n")
@@ -30,18 +30,17 @@ WAYS = {
     "fish-autoload": FISH,
 }
 SHELLS = ["bash", "zsh", "fish"]
-# Names with all that means something to a shell, each with a first letter of
-# its own.
+# Names with all special characters of shells, each with a different first letter.
 NAMES = [
     "a space", "b'quote", 'c"quotes"', "d$HOME", "e*", "f?[x]", "g;h", "i\\j",
     "k:l", "m@n", "o=p", "q&r|s", "t{u,v}", "w!x", "y(z)", "A~", "B#",
     "E<F>", "G--h", "日本語", "J^K", "Lé", "M%", "N:O:P", "Q=R@S:T",
-    "C`D`",  # the last: bash itself completes no word behind it
+    "C`D`",  # the last: bash itself completes no word after it
 ]
 
 
 class Shell(Terminal):
-    """A terminal with a shell in it, which completes vornctl this way."""
+    """A terminal with a shell whose completion of vornctl is loaded in this way."""
 
     def __init__(self, machine, way):
         self.name = way.split("-")[0]
@@ -72,20 +71,20 @@ class Shell(Terminal):
         self.wait_for(lambda screen: self.line(screen) in possible, completed)
 
     def _complete_and_type_x(self, line):
-        """Types this, presses the tab key and X, and returns the screen with the
-        X, which the shell reads after it has completed the line."""
+        """Types a line, the tab key and X, and returns the screen with the X, which the
+        shell reads after the completion."""
         self.type(line)
         self.press("Tab", "X")
         return self.wait_for(lambda screen: self.typed(screen).endswith("X"), "an X")
 
     def completes_to_nothing(self, line):
-        """Whether the tab key adds nothing to this line, nor shows anything."""
+        """Whether the tab key neither changes this line nor shows words."""
         screen = self._complete_and_type_x(line)
         return [text for text in screen if text] == [PROMPT + line + "X"]
 
     def completed(self, line):
-        """Types this, presses the tab key, and returns the line that the shell
-        has made of it, without a blank at its end."""
+        """Types a line and the tab key, and returns the completed line without trailing
+        blanks."""
         completed = self.typed(self._complete_and_type_x(line))[:-1].rstrip()
         self.press("BSpace")
         self.wait_for(lambda screen: self.typed(screen) == completed, completed)
@@ -94,7 +93,7 @@ class Shell(Terminal):
     def offers(self, line):
         """The words shown below this line after the tab key."""
         self.type(line)
-        # bash lists at the second.
+        # bash lists the words at the second key.
         self.press(*["Tab"] * (2 if self.name == "bash" else 1))
         screen = self.wait_for(lambda screen: any(screen[1:]), "a list")
         # fish shows descriptions too, in parentheses.
@@ -142,7 +141,7 @@ def test_the_script_is_printed(robot, shell_name, file):
     assert done.stdout == (SCRIPTS / file).read_text(encoding="utf-8")
 
 
-# -- What is not a name.
+# -- Words other than names.
 
 
 BEGUN = [
@@ -257,7 +256,7 @@ def test_no_completed_name_executes_anything(machine, shell_name, quote):
     shell = Shell(machine, shell_name)
     executed = 0
     for name in HOSTILE:
-        # An argument that history expansion can take from here.
+        # An argument that history expansion can insert.
         shell.type("true \"';touch /tmp/x;#\"")
         shell.press("Enter")
         begun = f"vornctl status {quote}{name[0]}"
@@ -313,7 +312,7 @@ def test_the_named_program_is_called(robot, shell):
     shell.complete(f"{VORNCTL} start li", f"{VORNCTL} start lidar")
 
 
-# -- Without an answer.
+# -- Without a reply.
 
 
 def test_nothing_happens_without_a_launcher(shell):

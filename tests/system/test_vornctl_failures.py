@@ -1,4 +1,4 @@
-"""How vornctl ends when there is no launcher, or one that misbehaves."""
+"""vornctl without a launcher, or with one that misbehaves."""
 
 import contextlib
 import fcntl
@@ -27,14 +27,14 @@ AS_NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
 needs_root = pytest.mark.skipif(
     os.geteuid() != 0, reason="no right to become another user")
 
-# Every command that asks the launcher something about a node.
+# Every command that sends a request about a node.
 COMMANDS = [
     ["status", "camera"], ["start", "camera"], ["stop", "camera"],
     ["restart", "camera"], ["enable", "camera"], ["enable", "--now", "camera"],
     ["disable", "camera"], ["wait", "camera", "--state", "running"],
     ["monitor", "camera"],
 ]
-# And those that only look for the launcher.
+# The commands that only search for the launcher.
 LOOKERS = [["ping"], ["names"], ["status"]]
 
 
@@ -47,7 +47,7 @@ def answer(send="", read=132, end="close"):
 
 
 NOT_FOUND = answer(reply(1))
-# What a launcher may do wrong, and the exit statuses that may come of it.
+# Misbehaviour of a launcher, and the possible exit statuses.
 WRONGS = {
     "no request is read": (answer(read=0), {5, 7}),
     "a part of the request is read": (answer(read=10), {7}),
@@ -72,12 +72,12 @@ WRONG_STATES = {
 
 
 def limit_for(what):
-    """What never ends is not waited for as long as a person would."""
+    """A short time limit for a connection that never ends."""
     return "200ms" if what["end"] == "hold" else "60s"
 
 
 class FakeLauncher:
-    """Another program in the launcher's place."""
+    """Another program instead of the launcher."""
 
     def __init__(self, machine, user=()):
         self._machine = machine
@@ -93,8 +93,9 @@ class FakeLauncher:
             "the fake launcher listens")
 
     def answers(self, answers):
-        """What it does with the next connections, and with all after them."""
-        # A file of its own each time, that the old one's number is not reused.
+        """Sets the actions for the next connections; the last one is for all later
+        connections."""
+        # A new file each time, so that the old one's inode number is not reused.
         name = f"answers.{next(self._counter)}"
         self._machine.file(name, json.dumps(answers))
         os.link(self._machine.tmp / name, self._machine.tmp / "answers.new")
@@ -110,7 +111,7 @@ class FakeLauncher:
         return [bytes.fromhex(json.loads(line)) for line in text.splitlines()]
 
     def vornctl(self, *arguments, limit="60s"):
-        """Runs vornctl, which waits for a reply so long."""
+        """Runs vornctl with this time limit for replies."""
         options = [] if arguments == ("names",) else [
             "--launch-file", "/tmp/launch.yaml"]
         done = self._machine.vornctl(*options, *arguments, "--timeout", limit)
@@ -128,8 +129,8 @@ def name_of(command):
 
 
 def is_before_the_request(command, what):
-    """Whether no answer to the first question means that there was no request,
-    or that there was no time left."""
+    """Whether the message about a missing reply to the status request is about the
+    reply or about the time limit."""
     if command[0] == "wait":
         return what["end"] == "hold"
     return command[0] in ("start", "stop", "restart", "enable", "disable")
@@ -148,7 +149,7 @@ def test_an_immediate_misbehaviour_of_the_launcher_is_survived(fake_launcher, co
 
 
 def status_before(command):
-    """The answer to the status request that precedes this action, if any."""
+    """The reply to the status request that precedes this action, if any."""
     is_asked = command[0] in ("start", "stop", "enable", "disable")
     return [answer(reply(0))] * is_asked
 
@@ -189,7 +190,7 @@ def test_a_failure_that_cannot_be_explained_refers_to_the_log(
         fake_launcher, command):
     for wrong, (what, _) in WRONGS.items():
         if what["end"] == "hold":
-            continue  # the answers before it might come too late as well
+            continue  # the replies before it could be late as well
         fake_launcher.answers(
             [NOT_FOUND, *status_before(command), answer(reply(2)), what])
         done = fake_launcher.vornctl(*command)
@@ -244,7 +245,7 @@ def test_after_an_unknown_outcome_no_other_node_is_tried(fake_launcher):
     assert done.stderr.splitlines()[1] == "vornctl: 2 more not tried"
 
 
-# -- Whose launcher it is.
+# -- A launcher of another user.
 
 
 @needs_root
@@ -259,7 +260,7 @@ def test_a_launcher_of_another_user_gets_no_data(machine, command):
         f"vornctl: the launcher on {SOCKET} belongs to user 65534, neither root "
         "nor you\n")
     assert fake_launcher.vornctl("--trust-any-user", "ping").returncode == 0
-    # The refused one was read as well, before: it held nothing.
+    # The refused connection was read before: it was empty.
     received = fake_launcher.requests()[before:]
     assert [len(request) for request in received] == [0, 132]
 
@@ -351,7 +352,7 @@ def test_another_socket_can_be_named(machine):
         "ping", "--socket", "/tmp/elsewhere/vornlaunch.sock").returncode == 0
 
 
-# -- A launcher that is busy.
+# -- A busy launcher.
 
 
 @contextlib.contextmanager
@@ -372,7 +373,7 @@ def full_queue(machine):
 
 @contextlib.contextmanager
 def no_room(machine):
-    """Within this context the launcher is held, and no connection can wait."""
+    """Within this context the launcher is blocked, and no connection can wait."""
     with held(machine), full_queue(machine):
         yield
 
@@ -396,7 +397,7 @@ def test_a_launcher_with_a_full_queue_is_exit_status_6(machine, command, option)
         f"nothing was sent: launcher {machine.pid} waits for the request of another "
         "client")
     assert machine.vornctl("ping").returncode == 0
-    # Of all these connections one was a request: the last.
+    # Only the last of these connections contains a request.
     texts = [line.text for line in machine.log()[before:]]
     assert sum(text.startswith("control cmd:") for text in texts) == 1
 
@@ -432,7 +433,7 @@ def test_a_timeout_before_the_request_is_exit_status_6(machine, number):
 
 @pytest.fixture(name="slow")
 def fixture_slow(machine):
-    """A launcher with nodes that end only when /tmp/go is there."""
+    """A launcher with nodes that exit only when /tmp/go exists."""
     path = machine.script(
         "slow", "trap 'while [ ! -e /tmp/go ]; do sleep 0.1; done; exit 0' TERM\n"
         "echo ready\nwhile :; do sleep 0.1; done")
@@ -445,7 +446,7 @@ def fixture_slow(machine):
 def is_stopped_all_the_same(machine):
     machine.file("go", "")
     machine.wait_for_state("lidar", State.STOPPED)
-    # The other one was never asked for.
+    # No request named the other node.
     return machine.status("camera").state == State.RUNNING
 
 
@@ -475,8 +476,8 @@ def asked(machine, cmd, name):
 
 
 def test_the_connect_timeout_bounds_the_time_to_the_first_reply(slow):
-    # The connection is accepted at once by the kernel; a reply would last as
-    # long as the stop of the node.
+    # The connection is accepted at once by the kernel; the reply arrives after the stop
+    # of the node.
     with asked(slow, Cmd.STOP, "lidar"):
         slow.wait_for_log("control cmd: 1")
         done = slow.vornctl("status", "--connect-timeout", "300ms")
@@ -592,7 +593,7 @@ def test_a_timeout_after_the_request_is_exit_status_7(slow):
     assert is_stopped_all_the_same(slow)
 
 
-# -- Its own surroundings.
+# -- The environment of vornctl.
 
 
 def test_closed_standard_descriptors_do_not_change_the_effect(machine):

@@ -1,4 +1,4 @@
-"""However vornctl is stopped or ended, no launcher waits for it."""
+"""A suspended or terminated vornctl does not block the launcher."""
 
 import json
 import pathlib
@@ -17,13 +17,13 @@ COMMANDS = ["status", "stop"]
 
 @pytest.fixture(name="robot")
 def fixture_robot(machine):
-    """A machine with a node whose stop takes no time: its program is missing."""
+    """A machine with a node that stops immediately, because its program is missing."""
     return machine.start({"vornnode": {
         "camera": {"path": "/tmp/bin/none", "autostart": False}}})
 
 
 def injected(machine, how, name, argument, command):
-    """What tests/support/signal_injection.py finds."""
+    """The results of tests/support/signal_injection.py."""
     script = pathlib.Path(support.__file__).with_name("signal_injection.py")
     path = machine.file("signal_injection.py", script.read_bytes())
     # The leak check cannot work under another tracer.
@@ -37,11 +37,11 @@ def injected(machine, how, name, argument, command):
 
 
 def expected(command):
-    """The exit status and the beginning of the output without a signal."""
+    """The exit status and the first line of the output without a signal."""
     return {"status": (3, "launcher "), "stop": (0, "camera: already stopped")}[command]
 
 
-@pytest.mark.native  # the emulator has more calls, and each signal to itself
+@pytest.mark.native  # the emulator makes more calls and handles each signal itself
 @pytest.mark.parametrize("command", COMMANDS)
 def test_a_client_suspended_from_a_terminal_does_not_block_the_launcher(robot, command):
     found = injected(robot, "stop", "SIGTSTP", robot.pid, command)
@@ -59,7 +59,8 @@ def test_sigstop_between_connect_and_send_blocks_the_launcher(
     status, out = expected(command)
     assert (found["status"], found["errors"]) == (status, "")
     assert found["out"].startswith(out)
-    # A request for the launcher, and the status of the node, before a stop too.
+    # One request for the launcher and one for the status of the node, also before a
+    # stop.
     requests = {"status": 2, "stop": 3}[command]
     assert found["blocked"] == ["connect", "getsockopt"] * requests
 
@@ -75,23 +76,23 @@ def test_a_terminated_client_does_not_block_the_launcher(robot, name, command):
     if name == "SIGKILL":
         assert statuses == {-signal.SIGKILL}
     else:
-        # Given up at one of the points where it would have waited, or done.
+        # It gives up where it would have waited, or completes.
         assert statuses <= {expected(command)[0], 6, 7} and len(statuses) > 1
-        # With a step the few points behind the send may be passed over.
+        # With a step, the few points after the send can be skipped.
         assert 7 in statuses or step > 1
     assert robot.vornctl("ping").returncode == 0
     assert not robot.has_ended
 
 
-# -- Nothing is left over.
+# -- Leaks.
 
 
-# A leak of 24 bytes a question would be more in the long form. In KiB.
+# In KiB. A leak of 24 bytes per request would exceed it in the long form.
 ALLOWANCE = 128
 
 
 def ask_by_processes(machine, count):
-    """Runs `vornctl status` so many times in a row."""
+    """Runs `vornctl status` `count` times."""
     finished = machine.execute(
         "sh", "-c", "i=0; while [ $i -lt $1 ]; do $0 status -q camera; "
         "[ $? = 3 ] || exit 1; i=$((i + 1)); done", VORNCTL, str(count),
@@ -100,7 +101,7 @@ def ask_by_processes(machine, count):
 
 
 def ask_by_one_process(machine, count):
-    """One vornctl asks so many times, one connection a question. It has hardly
+    """One vornctl sends `count` requests, each on a connection of its own. It has few
     more descriptors than it needs."""
     names = [f"unknown-{i}" for i in range(count)]
     done = machine.execute(
@@ -110,9 +111,10 @@ def ask_by_one_process(machine, count):
 
 
 def leaves_nothing(machine, ask, count):
-    """Asks so many times; whether the launcher is as it was."""
+    """Sends `count` requests, and checks that the launcher has no more descriptors or
+    memory."""
     tree = ProcessTree(machine)
-    ask(machine, max(10, count // 10))  # what is made once
+    ask(machine, max(10, count // 10))  # one-time allocations
     descriptors, memory = tree.descriptors(), tree.memory()
     ask(machine, count)
     # The last connection is closed right after its reply.
@@ -122,7 +124,7 @@ def leaves_nothing(machine, ask, count):
     grown = tree.memory() - memory
     print(f"{count} questions: {descriptors} descriptors, {memory} KiB, "
           f"{grown} KiB more")
-    # The sanitizers keep what is freed for a while.
+    # The sanitizers delay the release of memory.
     return grown <= ALLOWANCE or machine.sanitized
 
 

@@ -1,4 +1,4 @@
-"""vornctl tells how the nodes are, whose names it finds by itself."""
+"""vornctl shows the status of nodes, and finds their names by itself."""
 
 import json
 import os
@@ -18,7 +18,7 @@ AS_A_COMMAND = ["unshare", "--mount", "sh", "-c"]
 
 
 def stay(machine, **nodes):
-    """A launch file with these nodes, whose program runs until it is stopped."""
+    """A launch file with these nodes, which run until they are stopped."""
     path = machine.script("stay", "exec sleep 1000")
     return {"vornnode": {name: {"path": path, **keys}
                          for name, keys in nodes.items()}}
@@ -32,7 +32,7 @@ def fixture_robot(machine):
 
 
 def rows(text):
-    """The words of each line."""
+    """The words in each line."""
     return [line.split() for line in text.splitlines()]
 
 
@@ -43,7 +43,7 @@ def plain(machine, *arguments, **options):
 
 
 def start_of(machine):
-    """When the launcher was started, in seconds since the epoch."""
+    """The start time of the launcher in seconds since the epoch."""
     fields = machine.process.read("stat").rpartition(b")")[2].split()
     since_boot = int(fields[19]) / os.sysconf("SC_CLK_TCK")
     now = time.clock_gettime(time.CLOCK_BOOTTIME)
@@ -150,7 +150,7 @@ def test_the_requested_columns_are_shown(robot):
     assert rows(shown.stdout) == [
         ["EXECUTABLE", "NODE", "PID"],
         ["/tmp/bin/stay", "lidar", str(robot.status("lidar").pid)]]
-    # What follows the columns is a node.
+    # The word after the columns is a node.
     shown = robot.vornctl("status", "-o", "node", "lidar")
     assert shown.stdout == "NODE\nlidar\n"
     unknown = robot.vornctl("status", "-o", "node,colour")
@@ -192,7 +192,7 @@ def test_a_pattern_that_matches_nothing_is_an_error_that_says_to_quote(robot):
     assert robot.status("camera").state == State.RUNNING
 
 
-# -- The states, and what follows from the other values.
+# -- States.
 
 
 def test_the_states_without_a_process_have_a_word_each(machine):
@@ -225,7 +225,7 @@ def test_a_restarting_node_shows_the_seconds_until_its_restart(machine):
         text = machine.vornctl("status", "crasher", "-o", "state").stdout
         same = machine.status("crasher") == status
         if not same or status.state != State.RESTARTING:
-            return None  # it was started meanwhile
+            return None  # it was started in the meantime
         return status.start_seconds, node, now, text
 
     start, node, now, text = eventually(shown, "the node waits for its restart")
@@ -341,7 +341,7 @@ def test_a_name_that_looks_like_an_option_is_used_as_a_name(machine):
         0, "camera: stopped\nx --version: stopped\n-y: stopped\n--all: stopped\n")
 
 
-# -- Where the names come from.
+# -- The source of the names.
 
 
 def test_standard_input_is_not_the_launch_file_of_a_launcher(machine):
@@ -359,7 +359,7 @@ def names(machine, *arguments, **options):
 
 
 def test_names_come_from_the_file_that_the_launcher_was_started_with(machine):
-    # A name given twice is one that can be reached; one without a path is none.
+    # A duplicate name is listed once; a node without a path is not listed.
     machine.start(
         "vornnode:\n  b: {path: /bin/true}\n  a: {path: /bin/true}\n"
         "  none: {argv: x}\n  b: {path: /bin/false}\n")
@@ -387,7 +387,7 @@ def test_a_relative_launch_file_is_shown_with_its_whole_path(machine):
     (machine.tmp / "launch.yaml").unlink()
     assert machine.vornctl("names").stderr.startswith(
         "vornctl: cannot read the launch file /tmp/launch.yaml: ")
-    # The launcher is named all the same.
+    # The launcher is named nevertheless.
     done = machine.vornctl("status", "camera")
     assert ", launch file /tmp/launch.yaml, since 20" in done.stdout
 
@@ -427,7 +427,7 @@ def test_another_launch_file_can_be_named(robot):
 
 
 def test_names_of_a_named_launch_file_need_no_launcher(machine):
-    # A launcher that has ended at once, so that there is the machine alone.
+    # The launcher exits at once, so that only the machine remains.
     machine.start(arguments=[], wait_until_up=False)
     machine.wait()
     other = machine.file("other.yaml", "vornnode: {lidar: {path: /bin/x}}")
@@ -531,8 +531,8 @@ NOT_REGULAR = "it is not a regular file"
 
 @pytest.fixture(name="container")
 def fixture_container(machine):
-    """A machine whose launcher has its root directory in /mnt, with the launch
-    file /tmp/work/launch.yaml. A file of the same path outside has other nodes."""
+    """A machine whose launcher has its root directory in /mnt, with the launch file
+    /tmp/work/launch.yaml. The host's file with the same path has other nodes."""
     machine.file("work/real.yaml", json.dumps(stay(machine, secret={})))
     inside = machine.file("inside.yaml", json.dumps(stay(machine, camera={})))
     machine.script("enter", f"""
@@ -557,8 +557,8 @@ def fixture_container(machine):
 @pytest.mark.parametrize("argument", [
     "/tmp/work/launch.yaml", "launch.yaml", "../../tmp/work/launch.yaml"])
 class TestAnotherRootDirectory:
-    """Of a launcher in a container, where the launch file is changed by somebody
-    who wants root's vornctl to read another file."""
+    """A launcher in a container, where an attacker changes the launch file so that
+    root's vornctl reads another file."""
 
     @pytest.mark.parametrize("link", [
         "/tmp/work/real.yaml", "../../../../../../tmp/work/real.yaml"])
@@ -588,7 +588,7 @@ class TestAnotherRootDirectory:
 
 
 def names_without_openat2(machine, error):
-    """Runs "vornctl names" where openat2(2) fails with this error."""
+    """Runs "vornctl names" with an openat2(2) that fails with this error."""
     return machine.execute(
         "strace", "-f", "-o", "/dev/null", "-e", f"inject=openat2:error={error}",
         VORNCTL, "names",
@@ -626,7 +626,7 @@ def test_the_launchers_standard_input_is_not_read(machine):
 @pytest.mark.parametrize("configure, environment, expected", [
     ({}, {"VORN_BIN_PATH": "/opt/a"}, "/opt/a/prog"),
     ({"VORN_BIN_PATH": "/opt/b"}, {"VORN_BIN_PATH": "/opt/a"}, "/opt/b/prog"),
-    # vornctl looks at the launcher's own program.
+    # vornctl inspects the launcher's own program.
     pytest.param({"VORN_BIN_PATH": "install://bin"}, {}, "/tmp/install/bin/prog",
                  marks=pytest.mark.native),
     ({"VORN_BIN_PATH": "install://x"}, {"VORN_ROOT": "/opt/r/"}, "/opt/r/x/prog"),
@@ -638,14 +638,14 @@ def test_executables_are_resolved_as_the_launcher_does(
                    "vornnode": {"relative": {"path": "prog"},
                                 "absolute": {"path": "/opt/prog"}}},
                   environment=environment)
-    # The launcher names what it looks for.
+    # The launcher logs the path that it searches for.
     machine.wait_for_log(f"Can't find file: {expected}")
     assert plain(machine, "-o", "executable", "--no-header") == [
         [expected], ["/opt/prog"]]
 
 
 def test_an_inaccessible_launcher_needs_the_launch_file(robot):
-    """In a pid namespace of its own, vornctl is told no pid."""
+    """In a pid namespace of its own, vornctl gets no pid."""
     inner = ["unshare", "--pid", "--fork", "--mount-proc", VORNCTL]
     done = robot.execute(*inner, "status")
     assert done.returncode == 2
@@ -661,7 +661,7 @@ def test_an_inaccessible_launcher_needs_the_launch_file(robot):
 
 @pytest.mark.skipif(os.geteuid() != 0, reason="no right to become another user")
 class TestAnotherUser:
-    """Somebody who may not look into the launcher's process."""
+    """A user without access to the launcher's process."""
 
     @staticmethod
     def vornctl(machine, *arguments):

@@ -1,5 +1,4 @@
-"""vornctl top: what is on the screen, what its keys do, and how it leaves the
-terminal."""
+"""vornctl top: the screen, the keys, and the terminal after it."""
 
 import re
 import signal
@@ -51,7 +50,7 @@ def top(machine, *arguments, **options):
 
 
 def shown(machine, *arguments, **options):
-    """The same, once the nodes are shown."""
+    """A terminal in which top shows the nodes."""
     terminal = top(machine, *arguments, **options)
     terminal.wait_for_text("POLICY")
     return terminal
@@ -71,7 +70,7 @@ def wait_for_selected(terminal, name):
 
 
 def questions(machine):
-    """How many times the launcher was asked how a node is."""
+    """The number of status requests that the launcher has received."""
     return len(machine.log_lines("control cmd: 3"))
 
 
@@ -96,9 +95,9 @@ def process_of(machine, name="vornctl"):
 
 
 def wait_for_end(terminal, status):
-    """Waits until top has ended and checks what it leaves behind. Returns what
-    it has said."""
-    # Not "the launcher has ended", which comes before.
+    """Waits until top has exited, and checks the terminal. Returns the message of
+    top."""
+    # Not "the launcher has ended", which appears before.
     screen = terminal.wait_for(
         lambda lines: any(re.match(r"ended \d", line) for line in lines), "its end")
     before, after = ((terminal.machine.tmp / name).read_text()
@@ -111,13 +110,13 @@ def wait_for_end(terminal, status):
     return said
 
 
-# -- What is shown.
+# -- The screen.
 
 
 def test_the_screen_shows_every_node_in_the_order_of_the_file(robot):
     camera, lidar = (robot.status(name).pid for name in ("camera", "lidar"))
     screen = shown(robot).screen()
-    # Only the seconds are not known before.
+    # Only the seconds are unknown.
     screen = [re.sub(r" \d+s {4,5}", " 0s     ", line) for line in screen]
     assert screen == [
         f"launcher {robot.pid}  4 nodes: 2 never started, 2 running"
@@ -200,7 +199,7 @@ def test_states_are_coloured(robot):
     ([], {"TERM": "xterm-mono"}),
 ], ids=["NO_COLOR", "never", "a terminal without colours"])
 def test_no_colours_are_used_if_they_are_disabled(robot, arguments, environment):
-    # tmux itself needs another TERM than the program.
+    # tmux itself needs a TERM different from the program's.
     words = [f"{name}={value}" for name, value in environment.items()]
     terminal = Terminal(robot, "env", *words, VORNCTL, "top", *arguments)
     terminal.wait_for_text("POLICY")
@@ -211,7 +210,7 @@ def test_no_colours_are_used_if_they_are_disabled(robot, arguments, environment)
 
 @pytest.mark.parametrize("name", ["dumb", "no-such-terminal", ""])
 def test_a_terminal_that_cannot_be_drawn_on_is_refused(robot, name):
-    # ncurses frees not all that it has taken for a terminal unknown to it.
+    # ncurses does not free all memory for an unknown terminal.
     environment = ["ASAN_OPTIONS=detect_leaks=0", f"TERM={name}"]
     terminal = Terminal(robot, "env", *environment, "sh", "-c", SCRIPT)
     assert wait_for_end(terminal, 2) == (
@@ -293,7 +292,7 @@ def test_a_key_shows_help_in_ten_rows_of_forty_columns(robot):
     assert len(screen) == 10 and not any("…" in line for line in screen)
     assert {line.split()[0] for line in screen[:-1]} == {
         "Up/Down", "PgUp/PgDn", "s", "t", "r", "e", "d", "u", "q"}
-    terminal.press("q")  # which only returns
+    terminal.press("q")  # The key only returns
     terminal.wait_for_text("camera")
     assert terminal.screen()[-1] == NARROW_KEYS
 
@@ -311,10 +310,10 @@ def test_an_action_requests_only_the_status_of_its_node(robot):
     before = questions(robot)
     terminal.press("NPage", "Up", "s", "s")
     wait_for_row(terminal, "manual", "running")
-    # The first start is skipped: asked why, then how it is; and once again
-    # after the second.
+    # The first start is skipped: one request for the reason, one for the status, and
+    # one after the second start.
     assert questions(robot) - before <= 3
-    # Nor later.
+    # Not later either.
     before = questions(robot)
     terminal.wait_for(
         lambda screen: any(re.search(r"^manual .* [2-9]s ", line) for line in screen),
@@ -349,7 +348,7 @@ def test_keys_without_a_meaning_do_nothing(robot):
     assert len(robot.log()) == before
 
 
-# -- What happens meanwhile.
+# -- Changes by others.
 
 
 def test_a_death_is_detected_and_requested_a_few_times(robot):
@@ -362,8 +361,8 @@ def test_a_death_is_detected_and_requested_a_few_times(robot):
     assert "1 restarting, 1 running" in screen[0]
     screen = wait_for_row(terminal, "lidar", "running")
     assert pid_of_row(screen, "lidar") == robot.status("lidar").pid != lidar.pid
-    # Of them one is this test's own. A death is asked about at once, and again
-    # until it has been collected; the restart once.
+    # One request is this test's own. top requests the status at once after a death, and
+    # again until the exit is collected; after the restart once.
     assert questions(robot) - before <= 6
 
 
@@ -468,7 +467,7 @@ def test_lines_are_cut_where_the_screen_ends(robot, width):
     terminal.wait_for(lambda screen: screen[-1] == KEYS, "all is back")
 
 
-# -- The end.
+# -- The exit.
 
 
 @pytest.mark.parametrize("key", ["q", "C-c"])
@@ -488,7 +487,7 @@ def test_a_signal_quits_and_restores_the_terminal(robot, name):
 def test_a_second_signal_does_not_prevent_the_restoration_of_the_terminal(robot):
     terminal = shown(robot)
     client = process_of(robot)
-    # Nothing more can be written, so that the end has to wait.
+    # The output is blocked, so the exit has to wait.
     terminal.press("C-s")
     eventually(lambda: client.read("syscall").startswith(b"1 "), "top writes")
     for _ in range(2):
@@ -527,7 +526,7 @@ def test_it_can_be_suspended_and_continued(robot):
     screen = terminal.wait_for_text("Stopped")
     assert not any("POLICY" in line for line in screen)
     assert (terminal.get("alternate_on"), terminal.get("cursor_flag")) == ("0", "1")
-    # The launcher is not held up meanwhile, and what happens is seen after.
+    # The launcher is not blocked, and changes are detected afterwards.
     robot.request(Cmd.STOP, "lidar")
     terminal.resize(80, 12)
     terminal.run("fg")
@@ -539,7 +538,7 @@ def test_it_can_be_suspended_and_continued(robot):
 
 
 def test_it_does_not_outlive_its_terminal(robot):
-    # As SIGHUP is ignored, nothing but the terminal's end tells.
+    # SIGHUP is ignored, so only the end of the terminal indicates it.
     terminal = Terminal(robot, "sh", "-c", f"trap '' HUP; {VORNCTL} top")
     terminal.wait_for_text("POLICY")
     terminal.tmux("kill-server")

@@ -26,14 +26,14 @@ def name_of(command):
 
 
 def crash(machine, name):
-    """Kills the node; returns the pid that it had."""
+    """Kills the node; returns its former pid."""
     process = machine.child(name, ["sleep", "1000"])
     process.signal(signal.SIGKILL)
     return process.pid
 
 
 def questions(machine):
-    """How many times the launcher was asked how a node is."""
+    """The number of status requests that the launcher has received."""
     return len(machine.log_lines("control cmd: 3"))
 
 
@@ -58,7 +58,7 @@ def test_a_state_that_is_already_reached_is_not_awaited(robot, arguments):
 ], ids=["running", "stopped", "disabled", "restarted"])
 def test_the_state_is_awaited(robot, state, cmd, name):
     with running(robot, "wait", name, "--state", state) as client:
-        # The one that finds the launcher, and the one about the node.
+        # One request finds the launcher, the other one is about the node.
         eventually(lambda: questions(robot) >= 3, "vornctl asks")
         assert client.popen.poll() is None
         robot.request(cmd, name)
@@ -191,7 +191,7 @@ def test_monitor_requests_the_status_only_after_a_change(robot):
             client.line()
         before = questions(robot)
         old = crash(robot, "camera")
-        # Its crash, its five seconds until it is started again, and that.
+        # Its crash, the five seconds until its restart, and the restart.
         while (now := change(client.line()))[1] != "running":
             assert now[0] == "camera"
         assert now[3] != str(old)
@@ -204,7 +204,7 @@ def test_the_launchers_sudden_exit_is_detected(robot, command):
     before = questions(robot)
     with running(robot, *command) as client:
         wait_for_question(robot, before + 1)
-        # The nodes live on, so that nothing else tells.
+        # The nodes continue, so nothing else indicates the exit.
         robot.signal(signal.SIGKILL)
         status, _, errors = client.end()
     assert status == 5
@@ -229,7 +229,7 @@ def test_another_launcher_is_not_mistaken_for_the_watched_one(robot):
         5, "vornctl: the launcher has ended, and another one is running\n")
 
 
-@pytest.mark.native  # an emulated client may still ask when the signal comes
+@pytest.mark.native  # an emulated client can send requests later
 @pytest.mark.parametrize("number, status", [
     (signal.SIGINT, 6), (signal.SIGTERM, 6), (signal.SIGHUP, 6)],
     ids=["SIGINT", "SIGTERM", "SIGHUP"])
@@ -258,5 +258,5 @@ def test_monitor_exits_with_its_reader(robot):
         client.popen.stdout.close()
         robot.request(Cmd.STOP, "camera")
         client.popen.wait(timeout=60)
-        # By SIGPIPE, which nsenter hands on.
+        # By SIGPIPE, which nsenter passes on.
         assert client.popen.returncode in (-signal.SIGPIPE, 128 + signal.SIGPIPE)
