@@ -10,8 +10,8 @@ from support.debian_root import DebianRoot
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
-# Answers that no unit is enabled or runs, but the launcher's while there is a file
-# that says so, and writes down what it was told.
+# Answers that no unit is enabled or active, except the launcher's while a certain file
+# exists, and records its arguments.
 SYSTEMCTL = """#!/bin/sh
 echo "$*" >>/var/log/systemctl
 case $* in
@@ -33,7 +33,7 @@ def fixture_built(architecture):
 
 @pytest.fixture(scope="session", name="packages")
 def fixture_packages(built):
-    """The files of the packages that are for use, by the package's name."""
+    """The files of the packages without debug symbols, by the package's name."""
     found = {path.name.split("_")[0]: path for path in sorted(built.glob("*.deb"))
              if "-dbgsym_" not in path.name}
     assert list(found) == ["libvornlib-dev", "vornctl", "vornlaunch"]
@@ -42,7 +42,7 @@ def fixture_packages(built):
 
 @pytest.fixture(scope="session", name="contents")
 def fixture_contents(packages, tmp_path_factory):
-    """A directory with what each package holds, by the package's name."""
+    """A directory with the contents of each package, by the package's name."""
     directory = tmp_path_factory.mktemp("contents")
     for name, path in packages.items():
         subprocess.run(["dpkg-deb", "-x", path, directory / name], check=True)
@@ -63,8 +63,8 @@ def fixture_steps():
 @pytest.fixture(scope="session", name="installed_root")
 def fixture_installed_root(packages, steps, tmp_path_factory, debian_root,
                            namespaces):  # pylint: disable=unused-argument
-    """A Debian in which the packages are installed as the document says, and
-    which believes to have been started by systemd."""
+    """A Debian in which the packages are installed as the document says, and which
+    seems to have been started by systemd."""
     debian = DebianRoot(debian_root, tmp_path_factory.mktemp("installed"))
     debian.path("/run/systemd/system").mkdir(parents=True)
     systemctl = debian.path("/usr/bin/systemctl")

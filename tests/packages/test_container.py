@@ -1,5 +1,5 @@
-"""The launcher as process 1 of a container, in namespaces with what the image has:
-a small Debian, the packages and files of the Containerfile."""
+"""The launcher as process 1 of a container, in namespaces with the contents of the
+image: a small Debian, the packages and files of the Containerfile."""
 
 import contextlib
 import json
@@ -28,8 +28,8 @@ pytestmark = [
 LAUNCHER = "/usr/bin/vornlaunch"
 HIGH = 10000  # the image's nodes get pids above this
 
-# What an engine does before process 1: a volume, pids from the first on, and where
-# they may not be set a /proc/sys that is for reading only.
+# The preparations of an engine before process 1: a volume, pids from 1 on, and a
+# read-only /proc/sys where pids must not be set.
 PREPARE = """
 set -e
 mount -t tmpfs tmpfs /tmp
@@ -40,8 +40,8 @@ shift
 exec "$@"
 """
 
-# A node that takes some seconds to end well, and makes a file when it has. It is
-# one process. The file of the name .ready says that it can be stopped.
+# A node of one process that takes some seconds to exit after SIGTERM, and creates a
+# file when it has finished. Its file .ready indicates that it can be stopped.
 CAREFUL = """#!/usr/bin/perl
 my ($name, $seconds) = @ARGV;
 $SIG{TERM} = sub {
@@ -60,7 +60,7 @@ exec sleep infinity
 
 
 class Image:
-    """A root as the Containerfile makes it, without its programs being built."""
+    """A root as the Containerfile creates it, without building its programs."""
 
     def __init__(self, view, programs):
         self.view = view
@@ -85,8 +85,8 @@ def fixture_image(debian_root, namespaces, program, tmp_path_factory):
 
 
 class Container:
-    """A container of the image, with its own /tmp. The directory /srv/NAME holds its
-    launch file and programs, and outlives it."""
+    """A container of the image, with its own /tmp. The directory /srv/NAME contains its
+    launch file and programs, and remains after it."""
 
     def __init__(self, image, name, log):
         self.image = image
@@ -120,12 +120,12 @@ class Container:
         return self
 
     def start_image(self, launch, **options):
-        """Starts what the image starts."""
+        """Starts the entry point of the image."""
         return self.start(launch, *self.image.final.command[:-1], **options)
 
     def run_image(self, launch):
-        """Runs what the image starts to its end. Returns the exit status and what
-        was printed."""
+        """Runs the entry point of the image to its end. Returns the exit status and the
+        output."""
         done = self.image.view.execute(
             *self._prepared(launch, self.image.final.command[:-1], True), timeout=60)
         return done.returncode, done.stdout
@@ -171,14 +171,14 @@ class Container:
         return host_pid
 
     def has_ended_well(self, name):
-        """Whether a careful node has come to its end."""
+        """Whether a careful node has finished."""
         return (self.directory / name).exists()
 
     def execute(self, *command):
         return self.image.view.execute(*command, of=self.process)
 
     def health(self, limit=None):
-        """What the health command returns and says, with this limit of time."""
+        """The exit status and the output of the health command with this time limit."""
         command = self.image.final.health_command
         if limit is not None:
             command = re.sub(r"\b\d+s\b", limit, command)
@@ -238,7 +238,7 @@ def test_stopping_the_image_stops_all_nodes_within_the_grace_period(container):
 
 
 def test_the_image_works_without_root(container):
-    """As when it is built for another user."""
+    """Runs as if the image had been built for another user."""
     container.directory.chmod(0o777)
     final = container.image.final
     [make_directory] = [run for run in final.all("RUN") if run.startswith("install ")]
@@ -269,7 +269,7 @@ def test_an_invalid_launch_file_makes_the_image_exit_with_status_1(container):
     assert "terminate called" not in said
 
 
-@pytest.mark.native  # the emulator waits for that end, and takes no core
+@pytest.mark.native  # the emulator waits for that exit, and dumps no core
 def test_as_process_1_the_launcher_does_not_exit_on_an_invalid_launch_file(container):
     container.start("vornnode: {camera: {path: }}\n")
     eventually(lambda: "terminate called" in container.output(), "it has failed")
@@ -313,7 +313,7 @@ def test_the_health_command_says_unhealthy_without_a_launcher(container):
     assert said.startswith("vornctl: no launcher is running")
 
 
-# -- Clients outside.
+# -- Clients outside the container.
 
 
 def test_a_client_outside_reads_the_launch_file_of_the_container(container, program):
@@ -323,7 +323,7 @@ def test_a_client_outside_reads_the_launch_file_of_the_container(container, prog
         [program.with_name("vornctl"), "--socket", socket, "status", "--plain",
          "--no-header", "-o", "node,state,pid"],
         stdout=subprocess.PIPE, encoding="utf-8", check=True)
-    # The pids are as the container counts; here other processes have them.
+    # These are pids of the container; on the host, other processes have them.
     assert done.stdout == "".join(f"{name}\trunning\t{container.pid(name)}\n"
                                   for name in ("camera", "detector"))
 
@@ -344,7 +344,7 @@ def test_nodes_with_low_pids_are_started_and_supervised(container):
 
 
 def test_stopping_a_low_pid_takes_no_longer_than_the_node(container):
-    """Its own zombie ends the wait, whatever else has its digits."""
+    """Its own zombie ends the wait, even if other pids contain its digits."""
     container.start(container.careful("camera", "detector"))
     container.wait_until_ready("camera", "detector")
     begin = time.monotonic()
@@ -379,7 +379,7 @@ def test_the_image_starts_with_high_pids(container, may_set_pids):
 
 
 def test_the_image_can_be_stopped_while_it_raises_the_pids(container):
-    # Never high enough: no end of it but the signal's.
+    # Never high enough: only the signal terminates it.
     path = "/usr/libexec/vornlaunch/high-pids"
     slow = container.image.view.path(path).read_text(encoding="utf-8")
     slow = slow.replace("first=10000", "first=4000000")

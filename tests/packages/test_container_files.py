@@ -1,5 +1,5 @@
-"""What containers and their engines are told: the Containerfile, the DaemonSet
-and the Nomad job."""
+"""The files for containers and their engines: the Containerfile, the DaemonSet and the
+Nomad job."""
 
 import os
 import re
@@ -15,8 +15,8 @@ DIRECTORY = CONTAINERFILE.parent
 
 @pytest.fixture(name="vornctl")
 def fixture_vornctl(program):
-    """Checks a launch file of this text, with these options; returns the exit
-    status and what is printed."""
+    """Checks a launch file with this text and these options; returns the exit status
+    and the output."""
 
     def check(text, *options):
         done = subprocess.run(
@@ -62,7 +62,7 @@ def test_the_files_that_the_image_copies_exist_and_are_executable():
 
 def test_the_launcher_is_process_1_and_is_stopped_by_sigterm():
     _, final = read_stages()
-    # JSON lists: the exec form, without a shell that the signals would go to.
+    # JSON lists are the exec form, without a shell that would receive the signals.
     assert final.command == [
         "/usr/libexec/vornlaunch/entrypoint", "/etc/vornlaunch/launch.yaml"]
     assert final.one("STOPSIGNAL") == "SIGTERM"
@@ -179,8 +179,7 @@ def test_the_ready_nodes_are_nodes_of_the_launch_file(documents, pod):
                           if not keys.get("oneshot")}
 
 
-# -- The Nomad job. Debian has no reader of its language; this is what can be told
-# -- without.
+# -- The Nomad job. Debian has no parser for its language; these tests need none.
 
 
 @pytest.fixture(name="job")

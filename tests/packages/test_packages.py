@@ -114,7 +114,7 @@ int main() {
         "/opt/robot: no launcher is running: there is no socket /nonexistent/socket")
 
 
-# -- Installed.
+# -- The installation.
 
 
 def settings(debian, unit):
@@ -124,8 +124,8 @@ def settings(debian, unit):
 
 
 class Service:
-    """The launcher as the service manager would run it. The commands of the
-    document go to this, or to a shell."""
+    """The launcher as the service manager would run it. Executes the commands of the
+    document, some of them in a shell."""
 
     def __init__(self, debian):
         self._debian = debian
@@ -134,7 +134,7 @@ class Service:
         self.launcher = None
 
     def follow(self, commands):
-        """Returns what the last one has printed."""
+        """Returns the output of the last one."""
         said = None
         for command in commands:
             if command.startswith("systemctl "):
@@ -179,7 +179,7 @@ def fixture_service(installed, steps):
 
 
 def told_systemctl(debian):
-    """What systemctl was told since the last time, but for questions."""
+    """The commands that systemctl has received since the last call, without queries."""
     log = debian.path("/var/log/systemctl")
     told = log.read_text(encoding="utf-8").splitlines() if log.exists() else []
     log.write_text("", encoding="utf-8")
@@ -211,7 +211,7 @@ def test_the_document_has_all_steps_from_the_installation_to_the_stop(steps):
 
 
 def newer(path, directory):
-    """A package that differs from this one in its version."""
+    """A package that differs from this one only in its version."""
     unpacked = directory / path.stem
     run("dpkg-deb", "--raw-extract", path, unpacked)
     control = unpacked / "DEBIAN/control"
@@ -253,7 +253,7 @@ def test_the_removal_stops_every_launcher_and_keeps_the_launch_files(
     assert not installed.path("/usr/bin/vornlaunch").exists()
 
 
-# What the package tools keep for themselves.
+# The files of the package tools.
 KEPT = re.compile("/(proc|root|run|tmp|var/cache|var/lib/(apt|dpkg)|var/log)(/|$)")
 
 
@@ -269,7 +269,7 @@ def test_a_purge_removes_every_file(debian, installed):
         "/etc/apt/apt.conf.d/unattended", "/usr/bin/systemctl"}
 
 
-# -- The long form, after ./package.sh --check has built what these are about.
+# -- The long form, after ./package.sh --check has built the packages.
 
 
 @pytest.mark.long
@@ -296,7 +296,7 @@ def fixture_rpm():
     return path
 
 
-# Where Debian keeps the same thing in another place or form, or that alone.
+# Files that Debian has in another place or form, or that only Debian has.
 ELSEWHERE = [("^/lib/systemd/", "/usr/lib/systemd/"), (r"^(.*/man/.*)\.gz$", r"\1"),
              ("^/usr/lib/[a-z0-9_]+-linux-gnu/", "/usr/lib64/")]
 DEBIANS_OWN = re.compile("/usr/share/(lintian/|doc/.*/(changelog.gz|copyright)$)")

@@ -1,4 +1,4 @@
-"""What package.sh and test.sh refuse, and what package.sh makes of a checkout."""
+"""The errors of package.sh and test.sh, and the packages that package.sh builds."""
 
 import os
 import pathlib
@@ -10,7 +10,7 @@ import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
-# Packs the names of the files that it is to build from.
+# Packs the names of the files in the tree to build.
 BUILDER = """#!/bin/sh
 find . -type f | sort >../one_1.deb
 """
@@ -23,7 +23,7 @@ exit 1
 """
 
 
-# -- On a machine that has little.
+# -- On a minimal machine.
 
 
 @pytest.fixture(name="bare")
@@ -89,7 +89,7 @@ class Checkout:
                        stdout=subprocess.DEVNULL, check=True)
 
     def build(self, builder):
-        """Returns the exit status, and what was printed."""
+        """Returns the exit status and the output."""
         self._builder.write_text(builder, encoding="ascii")
         self._builder.chmod(0o755)
         path = f"{self._builder.parent}:{os.environ['PATH']}"

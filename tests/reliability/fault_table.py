@@ -1,5 +1,5 @@
-"""What happens when a system call of the launcher fails: the table that the
-fault sweep goes through, call by call.
+"""The outcomes of failing system calls of the launcher: the table of the fault sweep,
+call by call.
 
 Each scenario lists, in their order, the calls that the launcher makes in it, and
 for each call the errors that are injected and their outcomes. Run as a
@@ -26,9 +26,8 @@ SOCKET = "/tmp/vornlaunch/vornlaunch.sock"
 
 @dataclasses.dataclass(frozen=True)
 class Outcome:
-    """What a failed call changes, compared with the same scenario without a
-    fault. In a line, {error} and {errno} are the error's text and number,
-    and PID is any pid."""
+    """The effects of a failed call, compared with the same scenario without a fault. In
+    a line, {error} and {errno} are the error's text and number, and PID is any pid."""
 
     what: str  # for the reader of the table
     adds: tuple = ()  # log lines that come in addition
@@ -46,13 +45,13 @@ class Outcome:
     has_socket: bool = True
     has_signal_descriptor: bool = True
     is_supervising: bool = True
-    next_exit: str = None  # the node whose exit makes it good
-    end: signal.Signals = signal.SIGTERM  # which signal ends the launcher
-    survivors: tuple = ()  # nodes that then run on
-    still_runs: tuple = ()  # nodes that do so whatever their state
+    next_exit: str = None  # the node whose exit repairs the effect
+    end: signal.Signals = signal.SIGTERM  # the signal that terminates the launcher
+    survivors: tuple = ()  # nodes that then continue
+    still_runs: tuple = ()  # nodes that continue in any state
     inherited_by: tuple = ()  # nodes that get a socket of the launcher's
     blocked: tuple = ()  # nodes that run with SIGTERM and SIGCHLD blocked
-    failures: int = 1  # how many calls fail: the n-th of each child, if of one
+    failures: int = 1  # failing calls; in children, the n-th of each
 
 
 @dataclasses.dataclass(frozen=True)
@@ -60,7 +59,7 @@ class Call:
     """A system call of the launcher."""
 
     name: str
-    arguments: str  # what they begin with, a regular expression
+    arguments: str  # their beginning, a regular expression
     role: str
     faults: tuple = ()  # (errors, outcome)
     line: str = None  # the log line that is written
@@ -81,7 +80,7 @@ class Ask:
 
 @dataclasses.dataclass(frozen=True)
 class Exit:
-    """A node that has stopped itself goes on and exits."""
+    """A node that has stopped itself continues and exits."""
 
     node: str
 
@@ -95,7 +94,7 @@ class Die:
 
 @dataclasses.dataclass(frozen=True)
 class AwaitRestart:
-    """The nodes that are to be restarted have been."""
+    """All pending restarts are done."""
 
 
 @dataclasses.dataclass(frozen=True)
@@ -107,7 +106,7 @@ class Halt:
 
 @dataclasses.dataclass(frozen=True)
 class Signal:
-    """A signal that ends the launcher."""
+    """A signal that terminates the launcher."""
 
     number: signal.Signals
 
@@ -187,7 +186,7 @@ class Case:
         return replies
 
 
-# Comes as well when a client takes more than 100 ms to hang up.
+# Also appears if a client takes more than 100 ms to close its connection.
 POLL_TIMEOUT = "WARN controlHandler: poll timeout"
 
 
@@ -207,7 +206,7 @@ def also(outcome, **changes):
     return dataclasses.replace(outcome, **changes)
 
 
-# -- The calls that recur.
+# -- Recurring calls.
 
 
 def head_of(line):
@@ -216,7 +215,7 @@ def head_of(line):
 
 
 def log(line, **changes):
-    """A log line. What a write carries, strace shows with its quotes escaped."""
+    """A log line. strace shows the data of a write with escaped quotes."""
     pattern = re.escape(head_of(line).replace('"', '\\"')).replace("PID", r"\d+")
     outcome = also(LOST_LINE, lacks=(line,), **changes)
     return Call(
@@ -235,7 +234,7 @@ def event(func_and_text, level="INFO", **changes):
 
 
 def printed(text):
-    """What standard output gets, all of it when the launcher ends."""
+    """The standard output, which is written when the launcher exits."""
     begin = re.escape(text.split("\n", maxsplit=1)[0])
     lost = Outcome("what is printed is lost, nothing else", is_mute=True)
     return Call("write", f'1, "{begin}', "standard output",
@@ -243,7 +242,7 @@ def printed(text):
 
 
 def library(name, arguments, errors, role):
-    """A call of the C library, which does without its result."""
+    """A call of the C library, which does not need its result."""
     return Call(name, arguments, role, faults((errors, NO_MATTER)) if errors else ())
 
 
@@ -258,9 +257,9 @@ WAIT = Call(
 
 def start(node, path="/bin/sleep", delay=None, missing=(), failed=(), lacks=(),
           is_refused=False):
-    """The calls of a start, after a delay of milliseconds. `missing` and `failed`
-    are the lines that come in addition when there is no program and when it
-    fails at all, `lacks` the ones that then do not come."""
+    """The calls of a start, after a delay of milliseconds. `missing` and `failed` are
+    the additional lines for a missing program and for any failure, `lacks` the lines
+    that are then missing."""
     ok = f"*INFO startInternal: Node start '{node}' ok"
     delays = (f"INFO startInternal: {node} sleep {delay}ms",) if delay else ()
     no_program = Outcome(
@@ -288,8 +287,8 @@ def start(node, path="/bin/sleep", delay=None, missing=(), failed=(), lacks=(),
 
 
 def request(cmd, *inner):
-    """The calls of a command. `inner` come before its reply. When that is lost,
-    the command has been carried out."""
+    """The calls of a command. `inner` precede its reply. If the reply is lost, the
+    command has been executed."""
     received = f"INFO controlHandler: control cmd: {int(cmd)}"
     lost = Outcome(
         "one line, no reply, no effect; the client may ask again",
@@ -322,7 +321,7 @@ def request(cmd, *inner):
 
 
 def unanswered_request(cmd, *inner):
-    """The calls of a request that gets no reply in any case."""
+    """The calls of a request that never gets a reply."""
     wait, accept, receive, received, *_ = request(cmd)
     lost = tuple(
         (errors, outcome if not outcome.is_unanswered else also(
@@ -344,8 +343,8 @@ def restarting(node):
 
 
 def death(node, *turns, number=signal.SIGTERM):
-    """The lines of one notification about one child that a signal has ended;
-    `turns` is what reap() writes."""
+    """The lines of one notification about one child that a signal has terminated;
+    `turns` are the lines of reap()."""
     lines = ["INFO handleSignalFd: ssi_signo: 17",
              f"INFO reapOneProcess: si_pid: PID, si_code: 2, si_status: {number:d}"]
     if node:
@@ -354,8 +353,8 @@ def death(node, *turns, number=signal.SIGTERM):
 
 
 def exits(*reaped):
-    """The calls of one notification about children that have exited; `reaped`
-    is what reap() gives for each."""
+    """The calls of one notification about children that have exited; `reaped` has the
+    result of reap() for each."""
     return (
         WAIT,
         Call("read", r'\d+, ("\\21|0x\w+, 128)', "reads a signal",
@@ -370,9 +369,9 @@ def exits(*reaped):
 
 
 def reap(node, *turns, exited=None, killed=None, next_exit=None):
-    """The calls that tell a node of its child's exit and collect it. `turns` is
-    what reap() writes. If this exit is noticed with the next one only, and no
-    other follows, `next_exit` is the node that dies to that end."""
+    """The calls that update a node after its child's exit and collect the child.
+    `turns` are the lines of reap(). If this exit is detected only with the next one,
+    and no other exit follows, `next_exit` is a node that exits for this purpose."""
     code, status = (1, exited) if killed is None else (2, killed)
     dead = f"INFO reapOneProcess: si_pid: PID, si_code: {code}, si_status: {status}"
     lines = [dead, *turns]
@@ -405,10 +404,10 @@ def reap(node, *turns, exited=None, killed=None, next_exit=None):
 
 
 def look(*texts, status=0, at_end=False):
-    """A look at the process table, whose shell prints these pieces and exits with
-    `status`. One that fails counts for nothing: the next one is as good."""
+    """A check of the process table, whose shell prints these pieces and exits with
+    `status`. A check that fails has no effect: the next one replaces it."""
     skipped = Outcome("no line; that look is skipped, the next one counts")
-    # The shell may end after the command, and so be noticed by itself.
+    # The shell can exit after the command, and is then detected separately.
     uncollected = Outcome(
         "the shell is collected as a child of no node, with its line",
         adds=() if at_end else (
@@ -443,8 +442,8 @@ PAUSE = Call("clock_nanosleep", r"CLOCK_REALTIME, 0, \{tv_sec=0, tv_nsec=2000000
 
 
 def stop(node, looks=FOUND_ZOMBIE, failed=(), **changes):
-    """The calls of a stop. When it is refused, the lines `failed` come in addition;
-    `changes` are the other ones to that outcome."""
+    """The calls of a stop. If it is refused, the lines `failed` are added; `changes`
+    are the other changes of that outcome."""
     line = f"*ERROR stopInternal: kill service '{node}' failed, error: {{error}}"
     refused = Outcome("one line; the node runs on", adds=(line, *failed), **changes)
     return (
@@ -471,7 +470,7 @@ FATAL_SIGNALS = ("SIGTERM", "SIGQUIT", "SIGHUP", "SIGSEGV", "SIGBUS", "SIGABRT",
 
 
 def beginning():
-    """Up to the command line: the log is settled, the fatal signals are armed."""
+    """The calls up to the command line: the set-up of the log and the fatal signals."""
     return (
         Call("fcntl", r"2, F_GETFD", "is standard error open?", faults(
             ("EBADF", Outcome("no line is ever written; all else is as usual",
@@ -658,7 +657,7 @@ START = Scenario(
 
 
 
-# -- The commands, where they stop nothing.
+# -- Commands that stop no node.
 
 COMMANDS = Scenario(
     "commands",
@@ -801,7 +800,7 @@ STOPS = Scenario(
 )
 
 
-# -- The ends.
+# -- Terminations.
 
 EXIT = library("rt_sigprocmask", r"SIG_BLOCK, \[XFSZ\]", "EINVAL",
                "holds SIGXFSZ off at the exit")
@@ -900,7 +899,7 @@ SHELL = Scenario(
     calls=(
         *up({"stay": "/bin/sleep"}),
         *without_faults((info("handleSignalFd: ssi_signo: 15"),)),
-        # Two looks in each of the fifty passes.
+        # Two checks in each of the fifty passes.
         Call("execve", r'"/bin/sh"', "executes the shell of a look",
              faults(("EACCES ENOENT ENOMEM", Outcome(
                  "no line; with no look at all a stop takes its ten seconds",
@@ -917,9 +916,9 @@ SCENARIOS = (START, COMMANDS, EXITS, RESTART, STOPS, SIGTERM, SIGINT, USAGE, CHI
              SHELL)
 
 
-# What is not made to fail, and why.
+# Calls that the sweep does not let fail, and the reasons.
 LEFT_OUT = {
-    # getrandom is malloc's, where a sanitizer has one of its own.
+    # getrandom belongs to malloc, which a sanitizer replaces.
     "a matter of memory": {"brk", "getrandom", "madvise", "mmap", "mprotect", "munmap"},
     "does its work even if it fails": {"close"},
     "cannot fail": {"exit_group", "futex", "getpid", "rt_sigreturn"},
@@ -931,7 +930,7 @@ LEFT_OUT = {
 
 
 def with_error(outcome, error):
-    """The outcome with the error's text and number in their places."""
+    """The outcome with the error's text and number filled in."""
     number = getattr(errno, error)
 
     def filled(text):
@@ -954,9 +953,9 @@ def cases_of(scenario):
 
 
 def all_cases():
-    """Every case, the first of each kind marked for the short form. In that,
-    which runs on sanitized builds too, there is no pipe2: a sanitizer makes any
-    number of pipes, so that the n-th is not known."""
+    """Every case, with the first of each kind marked for the short form. The short form
+    also runs on sanitized builds and therefore lacks pipe2: a sanitizer creates any
+    number of pipes."""
     cases = []
     seen = set()
     for scenario in SCENARIOS:
@@ -973,7 +972,7 @@ def all_cases():
 CASES = all_cases()
 
 
-# -- The table for a reader.
+# -- The printed table.
 
 
 def spans(numbers):

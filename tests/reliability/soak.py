@@ -38,24 +38,24 @@ from support.machine import Machine  # noqa: E402
 REQUEST_INTERVAL = 0.1
 SAMPLE_INTERVAL = 10.0
 
-# A node is started again 5 s after its last start; the launcher looks once a
-# second, and a machine under load takes its time.
+# A node is restarted 5 s after its last start; the launcher checks once per second, and
+# a machine under load adds a delay.
 RESTART_INTERVAL = 5.0
 LATE = 1.2
 MISSED = 10.0  # the launcher has had this long with nothing else to do
 EARLY = 1.0  # may pass between taking the time and writing the line
 
-# The memory that the launcher may have more of at the end than at the
-# beginning, when its allocator has settled.
+# The permitted growth of the launcher's memory after its allocator has settled.
 MEMORY_GROWTH_KB = 256
 
-# How often each command is chosen, in percent.
+# The frequency of each command in percent.
 COMMANDS = {
     Cmd.STATUS: 88, Cmd.START: 3, Cmd.STOP: 3, Cmd.RESTART: 3, Cmd.DISABLE: 1,
     Cmd.ENABLE: 2,
 }
 
-# -- The nodes. What a node's shell starts has IS_HELPER in its environment.
+# -- The nodes. Processes that a node's shell starts have IS_HELPER in their
+# environment.
 
 RANDOM = "read -r uuid < /proc/sys/kernel/random/uuid\nrandom=$((0x${uuid%%-*}))\n"
 SCRIPTS = {
@@ -100,7 +100,7 @@ MIXTURE = [
     (2, "stay", {"autostart": False}),
     (2, "stay", {"disabled": True}),
 ]
-PAIRS = 6  # of 200: one that exits sometime, and the one it requires
+PAIRS = 6  # of 200: one that exits at some time, and the one that it requires
 WHOLE = sum(number for number, _, _ in MIXTURE) + 2 * PAIRS
 
 
@@ -126,13 +126,13 @@ def launch_content(count, rng):
     return {"vornnode": dict(nodes)}
 
 
-# -- What is watched.
+# -- Observations.
 
 
 class BusyTimes:
-    """When the launcher could not see to a restart: from a request to its reply,
-    since it serves a request at once unless it is in the middle of something
-    else; and while it waited for the processor."""
+    """The times in which the launcher could not restart a node: from each request to
+    its reply, because it serves a request at once unless it is busy; and while it
+    waited for the processor."""
 
     def __init__(self, launcher):
         self._launcher = launcher
@@ -151,7 +151,7 @@ class BusyTimes:
         self._busy.append(busy)
 
     def between(self, begin, end):
-        """How many of these seconds it was busy, at most."""
+        """The upper bound of the time in which it was busy, in seconds."""
         busy = 0.0
         for i in range(bisect.bisect_right(self._ends, begin), len(self._ends)):
             if self._begins[i] >= end:
@@ -162,7 +162,7 @@ class BusyTimes:
 
 
 class Client:
-    """Makes requests, one at a time, and remembers when."""
+    """Sends requests one at a time, and records the times."""
 
     def __init__(self, machine, launcher, names, rng):
         self._machine, self._names, self._rng = machine, names, rng
@@ -186,7 +186,7 @@ class Client:
         return response
 
     def has_started(self, name, when):
-        """Whether one of its requests can have started the node then."""
+        """Whether one of its requests can have started the node at that time."""
         return any(begin <= when <= end for begin, end in self._starts[name])
 
     def request_something(self):
@@ -207,7 +207,7 @@ class Client:
 
 
 class Supervision:
-    """What the launcher's log tells of exits and restarts."""
+    """The exits and restarts in the launcher's log."""
 
     def __init__(self, path, client):
         self._file = open(path, "rb")  # pylint: disable=consider-using-with
@@ -224,7 +224,7 @@ class Supervision:
         self.errors = []
 
     def follow(self):
-        """Takes in what has been written since."""
+        """Reads the new part of the log."""
         data = self._rest + self._file.read()
         whole, _, self._rest = data.rpartition(b"\n")
         for line in parse_log(whole.decode(errors="replace")):
@@ -236,7 +236,7 @@ class Supervision:
             self.refused_forks += 1
             self._begun.pop(match[1], None)
             self._forget(match[1])
-            self._client.start_later(match[1])  # the launcher does not by itself
+            self._client.start_later(match[1])  # the launcher does not
         elif line.level == "ERROR":
             self.errors.append(f"{line.func}: {line.text}")
         elif line.func == "startInternal":
@@ -268,7 +268,7 @@ class Supervision:
         return self._due.pop(name, None)
 
     def look_for_missed(self):
-        """Counts the restarts that should have come by now and have not."""
+        """Counts the overdue restarts."""
         now = time.time()
         self.follow()
         for name, due in self._due.items():
@@ -287,7 +287,7 @@ class Supervision:
 
 
 class LauncherProcess:
-    """What the kernel tells of the launcher."""
+    """The kernel's data about the launcher."""
 
     def __init__(self, machine):
         self._directory = pathlib.Path(f"/proc/{machine.process.host_pid}")
@@ -303,7 +303,7 @@ class LauncherProcess:
         return int(re.search(r"VmRSS:\s+(\d+) kB", status)[1])
 
     def waited(self):
-        """How many seconds it has been ready to run and was not let to."""
+        """The seconds in which it was ready to run and waited for a processor."""
         schedstat = (self._directory / "schedstat").read_text(encoding="ascii")
         return int(schedstat.split()[1]) / 1e9
 
@@ -311,8 +311,8 @@ class LauncherProcess:
         return len(os.listdir(self._directory / "fd"))
 
     def descriptors(self):
-        """How many are open while it waits; for a moment it opens others, which
-        this waits for."""
+        """The number of open descriptors while it waits for events; it opens others
+        only for a moment."""
         fewest = self._open_descriptors()
         deadline = time.monotonic() + 30
         while fewest > self._usual_descriptors and time.monotonic() < deadline:
@@ -325,7 +325,7 @@ class LauncherProcess:
         return path.read_text(encoding="ascii").split()
 
     def zombies(self):
-        """Its children that have ended: (pid, start time)."""
+        """Its exited children: (pid, start time)."""
         found = set()
         for pid in self.children():
             try:
@@ -349,7 +349,7 @@ class Sample:
     memory_kb: int
     descriptors: int
     children: int
-    zombies: int  # that have outlived three turns of the loop
+    zombies: int  # that have existed for three iterations of the loop
     running: int
     restarting: int
     stopped: int
@@ -360,7 +360,7 @@ class Sample:
     missed: int
     status_max_ms: float  # the longest reply since the last line
     command_max_ms: float
-    load: float  # of the machine, by whomever
+    load: float  # of the machine, caused by any process
 
 
 class Soak:
@@ -382,7 +382,7 @@ class Soak:
         self.problems = []
 
     def run(self, seconds, on_sample=lambda sample: None):
-        """Keeps the launcher busy for so long, then ends it."""
+        """Keeps the launcher busy for this time, then terminates it."""
         begin = now = time.time()
         next_request, next_sample = begin, begin + SAMPLE_INTERVAL
         while next_sample <= begin + seconds:
@@ -390,7 +390,7 @@ class Soak:
                 self.samples.append(self._take_sample(round(now - begin)))
                 on_sample(self.samples[-1])
                 next_sample += SAMPLE_INTERVAL
-            # Requests that could not be made in time follow at once.
+            # Requests that were delayed follow at once.
             self.client.request_something()
             next_request += REQUEST_INTERVAL
             now = time.time()
@@ -432,7 +432,7 @@ class Soak:
     def _lasting_zombies(self):
         zombies = self._launcher.zombies()
         if zombies:
-            # With the third reply the loop has looked for events since.
+            # By the third reply, the loop has checked for events.
             for _ in range(3):
                 self.client.request(Cmd.STATUS, self._names[0])
             zombies &= self._launcher.zombies()
@@ -441,7 +441,7 @@ class Soak:
     def _end(self):
         begin = time.monotonic()
         self._machine.signal(signal.SIGTERM)
-        # Every node may take its ten seconds and more.
+        # Every node can take ten seconds or more.
         status = self._machine.wait(timeout=60 + 20 * len(self._names))
         self.seconds_to_end = time.monotonic() - begin
         self._expect(status == 0, f"the launcher ended with {status}")
@@ -462,7 +462,7 @@ class Soak:
         self._expect(unknown == 0, f"{unknown} times a node was not found")
         errors = collections.Counter(supervision.errors)
         self._expect(not errors, f"errors in the log: {dict(errors)}")
-        # A sanitizer keeps what has been freed for a while.
+        # A sanitizer delays the release of memory.
         if not self._machine.sanitized:
             growth = self.memory_growth()
             self._expect(growth <= MEMORY_GROWTH_KB, f"{growth} kB more memory")
@@ -480,7 +480,7 @@ class Soak:
         return memory[-1] - memory[0]
 
     def memory_slope(self):
-        """By the method of least squares, in kB an hour."""
+        """The slope by the method of least squares, in kB per hour."""
         settled = self.settled()
         if len(settled) < 2:
             return 0.0
@@ -490,7 +490,7 @@ class Soak:
         ).slope
 
     def summary(self):
-        """The figures, a line each."""
+        """The results, one line each."""
         samples, supervision, client = self.samples, self.supervision, self.client
         memory = [sample.memory_kb for sample in samples]
         lateness = supervision.lateness or [0.0]
@@ -540,7 +540,7 @@ def plot(samples, path):
 
     matplotlib.use("svg")
     matplotlib.rcParams["svg.hashsalt"] = "soak"
-    matplotlib.rcParams["svg.fonttype"] = "none"  # text, not outlines
+    matplotlib.rcParams["svg.fonttype"] = "none"  # keep text as text, not as outlines
     from matplotlib import pyplot
 
     minutes = [sample.seconds / 60 for sample in samples]
@@ -583,11 +583,12 @@ def main():
     output = options.output.resolve()
     shutil.rmtree(output / "machine", ignore_errors=True)
     (output / "machine").mkdir(parents=True)
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # not without a shut-down
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # with a shutdown
     machine = Machine(output / "machine", options.build / "bin" / "vornlaunch")
     try:
         soak = Soak(machine, options.nodes)
-        # This process must not be late; the launcher gets no advantage.
+        # Only this process gets a higher priority, so that it is not late; the launcher
+        # does not.
         if os.geteuid() == 0:
             os.setpriority(os.PRIO_PROCESS, 0, -10)
         with open(output / "soak.csv", "w", encoding="ascii", newline="") as file:

@@ -1,5 +1,5 @@
-"""A real launcher that takes the steps of a story, and is compared with the
-model after each."""
+"""A real launcher that executes the steps of a story and is compared with the model
+after each step."""
 
 import errno
 import json
@@ -18,8 +18,8 @@ from support.log import parse_log
 from support.machine import Machine
 from support.waiting import PATIENCE, eventually
 
-# A node's program: does what it is told through a FIFO, which each process has
-# for itself, and says when it has done it.
+# A node's program: executes the commands in its own FIFO, and reports when each is
+# done.
 NODE = """
 orders=/tmp/orders/$$
 mkfifo "$orders"
@@ -31,7 +31,7 @@ done"""
 OFFSPRING = ["sleep", "1000000"]
 
 SYSTEM = struct.Struct("=qqqq")  # struct System of fake_system.c
-POLL_MS = 1000  # how often the launcher looks at nodes that wait for a restart
+POLL_MS = 1000  # between two checks for due restarts
 
 
 def build_fake_system(directory):
@@ -47,8 +47,8 @@ def build_fake_system(directory):
 
 
 class Driver:
-    """A launcher in a machine of its own. Its verbs are those of the model,
-    which it is given before each step, to know what is what."""
+    """A launcher in a machine of its own. Its methods have the names of the model's;
+    each gets the model before the step."""
 
     def __init__(self, tmp, program, library, nodes, patience=PATIENCE):
         self.patience = patience
@@ -71,7 +71,7 @@ class Driver:
             environment.append(
                 "ASAN_OPTIONS=detect_leaks=0:verify_asan_link_order=0")
         self.machine.start(launch_file(nodes), wrapper=["env", *environment])
-        # The machine's own view of its processes: it has few, the host many.
+        # The machine's own view of its processes, which are far fewer than the host's.
         init = self.machine.find_process(self.machine.pid).parent
         self.proc = f"/proc/{init}/root/proc"
         self.launcher = self.machine.pid
@@ -85,7 +85,7 @@ class Driver:
                   model.refused == "SIGTERM")
         self.system[: SYSTEM.size] = SYSTEM.pack(*values)
 
-    # -- The verbs: `model` is as it was before the step.
+    # -- Steps. `model` is the model before the step.
 
     def command(self, model, cmd, name, dying=()):
         request = Cmd[cmd.upper()], name
@@ -135,7 +135,7 @@ class Driver:
         status = self.machine.wait()
         assert status == 0, f"the launcher has ended with status {status}"
 
-    # -- Telling processes.
+    # -- Commands to processes.
 
     def _orders(self, process):
         return self.machine.tmp / "orders" / str(self.pids[process])
@@ -163,7 +163,7 @@ class Driver:
     def _wait_until(self, condition, what):
         return eventually(condition, what, self.patience)
 
-    # -- Looking.
+    # -- Observation.
 
     def _read(self, pid, file):
         with open(f"{self.proc}/{pid}/{file}", "rb") as opened:
@@ -185,15 +185,15 @@ class Driver:
         return stat and stat[0]
 
     def _table(self):
-        """What runs in the machine, by pid, but process 1 and the launcher: the
-        key of a node, "offspring", or whatever else there is."""
+        """The processes of the machine by pid, except process 1 and the launcher: the
+        key of a node, "offspring", or another name."""
         table = {}
         for pid in map(int, filter(str.isdigit, os.listdir(self.proc))):
             try:
                 state, _ = self._stat(pid)
                 argv = self._read(pid, "cmdline").decode().split("\0")[:-1]
             except (TypeError, FileNotFoundError, ProcessLookupError):
-                continue  # gone meanwhile
+                continue  # exited in the meantime
             if pid in (1, self.launcher):
                 continue
             if state in "ZX":
@@ -207,7 +207,7 @@ class Driver:
         return table
 
     def _new_events(self):
-        """The starred log lines since the last call, those of exits apart."""
+        """The starred log lines since the last call, with those of exits separately."""
         with open(self.machine.tmp / "stderr", "rb") as file:
             file.seek(self.log_position)
             text = file.read()
@@ -219,15 +219,14 @@ class Driver:
                 log.append((line.level, line.text))
         return events, exits
 
-    # -- Comparing.
+    # -- Comparison.
 
     def compare(self, model):
-        """Checks that the launcher is as the model says. `model` is as it is
-        after the step."""
+        """Checks that the launcher agrees with `model`, the model after the step."""
         self._set_system(model)
         if not model.has_ended:
-            # The answer to the second one comes a whole turn of the loop after
-            # the step, so that all there was to start has been started.
+            # The second reply follows a whole iteration of the loop after the step, so
+            # all due nodes have been started.
             for _ in range(2):
                 unknown = self.machine.status("nobody")
                 assert unknown.result == Result.NOT_FOUND, unknown
@@ -240,7 +239,7 @@ class Driver:
                 f"the launcher waits for events with the limit {limit}")
         events, exits = self._new_events()
         assert events == model.events, f"log: {events}, not {model.events}"
-        # Of those that exit together the kernel chooses who comes first.
+        # The kernel chooses the order of simultaneous exits.
         assert sorted(exits) == sorted(model.exit_events), (
             f"log of exits: {exits}, not {model.exit_events}")
         model.events.clear()
@@ -267,12 +266,13 @@ class Driver:
             raise AssertionError(
                 f"processes: {table}, not {expected}, of which {old} were there "
                 "before") from error
-        # A step starts at most one process of a node that is there at its end.
+        # After a step, at most one new process of each node exists.
         new = {key: pid for pid, key in table.items() if pid not in old}
         for process in model.processes:
             if process not in self.pids:
                 self.pids[process] = new.pop(process.key)
-                # Only then has it read its program, which may change now.
+                # Only then has the process read its program, which may change from now
+                # on.
                 self._wait_until(self._orders(process).exists,
                                  f"{process.key} has begun")
 
@@ -302,8 +302,8 @@ def launch_file(nodes):
 
 
 def play(directory, program, library, nodes, steps, patience=PATIENCE):
-    """Lets a launcher take the steps and compares it with the model after each.
-    Returns the model."""
+    """Runs the steps on a launcher and compares it with the model after each. Returns
+    the model."""
     model = state_model.Model(nodes)
     directory.mkdir()
     driver = Driver(directory, program, library, nodes, patience)

@@ -1,5 +1,5 @@
-"""What the launcher makes of its nodes, as a model: the table of states and
-nothing else. No process, no clock, no input or output.
+"""A model of the launcher's nodes: only the table of states, without processes, clocks,
+input or output.
 
 The verbs, the public methods of Model, are all that can happen to a launcher.
 A story is a launch file and a list of steps, each a verb and its arguments:
@@ -21,7 +21,7 @@ RESTART_SECONDS = 5
 CLOCK_MS = 1_000_000  # both clocks when the launcher starts, in milliseconds
 WALL_CLOCK_MS = 1_700_000_000_000
 
-# Every row of the table of states: what happens, and in which states it can.
+# Every row of the table of states: the event, and the states in which it can happen.
 TRANSITIONS = {
     "start, disabled": {STOPPED, RUNNING, DISABLED},
     "start, not autostart": {STOPPED, DISABLED},
@@ -58,7 +58,7 @@ class Process:
 
     def __init__(self, key, lives):
         self.key = key
-        self.lives = lives  # no longer: dead, and not collected yet
+        self.lives = lives  # otherwise dead and not yet collected
         self.ignores_sigterm = False
 
 
@@ -82,7 +82,7 @@ class Node:
 
 
 class Model:
-    """A launcher that has started its nodes and waits for what comes."""
+    """A launcher that has started its nodes and waits for events."""
 
     def __init__(self, nodes):
         self.nodes = [Node(key, keys) for key, keys in nodes.items()]
@@ -102,16 +102,17 @@ class Model:
         self._turn()
 
     def apply(self, step):
-        """One step of a story; what a command answers, else None."""
+        """Executes one step of a story; returns the reply to a command, otherwise
+        None."""
         assert not self.has_ended, step
         verb, *arguments = step
         return getattr(self, verb)(*arguments)
 
-    # -- The verbs.
+    # -- Steps.
 
     def command(self, cmd, name, dying=()):
-        """A request on the control socket. The programs of `dying` exit just
-        before, while the launcher is busy: it learns of that only after."""
+        """A request on the control socket. The programs of `dying` exit just before,
+        while the launcher is busy: it detects the exits only afterwards."""
         for key in dying:
             self.oldest(key).lives = False
         node = self.find(name)
@@ -128,27 +129,28 @@ class Model:
         return result
 
     def dies(self, key, how):
-        """The oldest process of a node ends: `how` is "exit STATUS" or "kill
-        -SIGNAL $$"."""
+        """The oldest process of a node exits: `how` is "exit STATUS" or "kill -SIGNAL
+        $$"."""
         del how  # makes no difference
         self.oldest(key).lives = False
         self._turn()
 
     def ignores(self, key):
-        """It ignores SIGTERM from now on, so that its stop takes all passes."""
+        """The process ignores SIGTERM from now on, so that its stop takes all
+        passes."""
         self.oldest(key).ignores_sigterm = True
 
     def forks(self, key):
-        """It starts a process of its own, which the launcher never stops."""
+        """The process starts another process, which the launcher never stops."""
         del key
         self.offspring += 1
 
     def floods(self, key):
-        """It fills its standard output."""
+        """The process fills its standard output."""
 
     def program(self, key, what):
-        """Its program is "gone", is "broken": there, but it cannot be executed,
-        or "runs" again. Processes do not mind."""
+        """The program of the node is "gone", is "broken" (not executable) or "runs"
+        again. This does not affect processes."""
         self.programs[key] = what
 
     def passes(self, milliseconds):
@@ -158,7 +160,7 @@ class Model:
         self._turn()
 
     def sets_wall_clock(self, milliseconds):
-        """Somebody sets the wall clock, by so much."""
+        """The wall clock is changed by this difference."""
         self.wall_clock_ms += milliseconds
 
     def refuses(self, what):
@@ -173,7 +175,7 @@ class Model:
         self.processes = [p for p in self.processes if p.lives]
         self.has_ended = True
 
-    # -- What can be asked.
+    # -- Queries.
 
     def find(self, name):
         """The first node of this name, or None."""
@@ -184,8 +186,8 @@ class Model:
         return next(node.name for node in self.nodes if node.key == key)
 
     def oldest(self, key):
-        """The oldest process of the node that lives. It is not always the
-        node's own: one that could not be stopped may have been replaced."""
+        """The oldest live process of the node. It is not always the current one: a
+        process that could not be stopped may have been replaced."""
         return next(p for p in self.processes if p.key == key and p.lives)
 
     @property
@@ -251,7 +253,7 @@ class Model:
         self.stops += 1
         self.long_stops += node.process.lives and node.process.ignores_sigterm
         self._row(node, "stop", STOPPED)
-        node.process.lives = False  # and stays the node's until its exit
+        node.process.lives = False  # and remains the node's until its exit
         self._restart_required(node)
         return True
 
@@ -339,7 +341,7 @@ class Model:
         return dead
 
     def _turn(self):
-        """Turns of the loop until there is nothing left to do."""
+        """Iterates the loop until there is nothing left to do."""
         self._poll()
         while self._collect_exits():
             self._poll()

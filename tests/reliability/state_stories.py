@@ -8,8 +8,8 @@ from state_model import Model
 
 MOST_NODES = 12
 MOST_STEPS = 50
-# What a step and a story may cost: a stop takes a few milliseconds, and one
-# that takes all its passes half a second.
+# The permitted cost of a step and of a story: a stop takes a few milliseconds, or half
+# a second with all its passes.
 MOST_STOPS, MOST_LONG_STOPS = 8, 1
 
 ENDS = ["exit 0", "exit 1", "exit 127", "exit 255", "kill -HUP $$", "kill -KILL $$",
@@ -26,8 +26,8 @@ def one_in(number):
 
 @st.composite
 def launch_files(draw):
-    """Up to 12 nodes. Names are required without cycles: only those that come
-    earlier in the alphabet."""
+    """Up to 12 nodes. Nodes require only names that are earlier in the alphabet, so
+    there are no cycles."""
     keys = string.ascii_lowercase[: draw(st.integers(1, MOST_NODES))]
     nodes = {}
     for key in keys:
@@ -52,9 +52,8 @@ def launch_files(draw):
 
 @st.composite
 def _steps(draw, model, focus):
-    """A step that can be taken now, and the node it is about. Every second one
-    is about `focus` if it can be: most of what is rare needs several steps with
-    the same node."""
+    """A step that is possible now, and its node. If possible, every second one is about
+    `focus`, because most rare events need several steps with the same node."""
 
     def choose(keys):
         if focus in keys and draw(st.booleans()):
@@ -104,7 +103,7 @@ def stories(draw):
     nodes = draw(launch_files())
     model = Model(nodes)
     steps, focus = [], None
-    # The simplest draw ends the story, so that failing ones become short.
+    # The simplest draw ends the story, so that failing stories become short.
     while len(steps) < MOST_STEPS and draw(st.integers(0, 99)):
         step, focus = draw(_steps(model, focus))
         if (after := _affordable(model, step)) is not None:

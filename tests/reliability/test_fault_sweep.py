@@ -1,5 +1,5 @@
-"""Every system call of the launcher fails, one after the other, by strace on the
-real program. What must come of each failure is in fault_table.py."""
+"""Every system call of the launcher fails, one after the other, by strace on the real
+program. fault_table.py has the expected outcomes."""
 
 import collections
 import os
@@ -21,9 +21,9 @@ from support.proc_view import LauncherView, node_of
 from support.trace import on_every_machine, parse_trace
 from support.waiting import eventually
 
-# Shows the real process table when the node that is stopped is dead, so that a
-# stop makes the same calls each time; two looks at one that has halted itself
-# still show it alive.
+# Shows the real process table when the stopped node is dead, so that a stop makes the
+# same calls each time; two checks of a node that has stopped itself still show it
+# alive.
 PS = """\
 pid=$(tr -dc 0-9 </proc/$PPID/cmdline)
 state() { read -r _ _ state _ </proc/$pid/stat && echo $state; }
@@ -34,10 +34,10 @@ if [ "$(state)" != T ] || [ $(wc -l </tmp/looks) -gt 2 ]; then
 fi
 exec /usr/bin/ps "$@"
 """
-# Exits when it is told to go on.
+# Exits when it is continued.
 HALTING = "kill -STOP $$\nexit 3"
-# Makes the first calls of the launcher's process in its place, so that a fault
-# in the first ones of every process hits its children alone.
+# Makes the first calls of the launcher's process before the launcher, so that a fault
+# in the first calls of every process affects only its children.
 SPEND = """\
 import os, signal, sys
 def attempt(call, *arguments):
@@ -50,10 +50,10 @@ attempt(signal.signal, signal.SIGPIPE, signal.SIG_DFL)
 attempt(signal.signal, signal.SIGXFSZ, signal.SIG_DFL)
 os.execv(sys.argv[1], sys.argv[1:])
 """
-# On a busy machine a run can differ from the table through no fault of the launcher.
-# It is then repeated, with a warning that gives the measured time: a node that
-# waits for its restart is started five seconds after its last start, and the
-# launcher logs "poll timeout" for a client that closes after more than 100 ms.
+# On a busy machine a run can differ from the table without a defect of the launcher. It
+# is then repeated, with a warning that gives the measured time: a node that waits for
+# its restart is started five seconds after its last start, and the launcher logs "poll
+# timeout" for a client that closes after more than 100 ms.
 QUICK_ENOUGH = 4.0
 CLOSED_IN_TIME = 0.1
 ATTEMPTS = 10
@@ -64,8 +64,8 @@ AS_USUAL = fault_table.Outcome("as usual")
 
 @pytest.fixture(scope="session", name="before_main")
 def fixture_before_main(program, tmp_path_factory):
-    """How many calls of each name come before the launcher's own first one: the
-    loader's and a sanitizer's."""
+    """The number of calls of each name by the loader and a sanitizer, before the
+    launcher's own first one."""
     output = tmp_path_factory.mktemp("before_main") / "strace.log"
     subprocess.run(
         ["strace", "-f", "-o", str(output), str(program)], stdout=subprocess.DEVNULL,
@@ -82,7 +82,7 @@ def fixture_before_main(program, tmp_path_factory):
 
 @pytest.fixture(name="new_machine")
 def fixture_new_machine(tmp_path, program, namespaces):
-    """Makes machines, each for one run."""
+    """Creates machines, each for one run."""
     del namespaces
     made = []
 
@@ -102,7 +102,7 @@ def is_readable(client):
 
 
 class Run:
-    """A scenario on a machine, with what is expected to come of it."""
+    """A scenario on a machine, with its expected outcome."""
 
     def __init__(self, machine, scenario, outcome):
         self.machine = machine
@@ -115,7 +115,7 @@ class Run:
         self.children = self.alive = self.inherits = self.blocks = None
         self.descriptors = None
 
-    # -- The way through the scenario.
+    # -- The steps of the scenario.
 
     def go(self, strace):
         """Starts the launcher under strace, takes the steps and notes their
@@ -150,12 +150,12 @@ class Run:
 
     @property
     def states(self):
-        """The states that the nodes are to end in."""
+        """The expected states of the nodes at the end."""
         return self.scenario.states | dict(self.outcome.states)
 
     @property
     def ends(self):
-        """Whether the launcher is to end on the way."""
+        """Whether the launcher is expected to terminate during the scenario."""
         return self.scenario.ends is not None or self.outcome.ends is not None
 
     def start(self, strace):
@@ -219,8 +219,9 @@ class Run:
         )
 
     def ask(self, step):
-        """The result in the reply; None without one. The end of the stream does
-        not show that: a child that was forked meanwhile holds the connection."""
+        """The result in the reply; None without one. The end of the stream is not an
+        indication: a child that was forked in the meantime keeps the connection
+        open."""
         no_reply_until = 0.0
 
         def is_served():
@@ -246,7 +247,7 @@ class Run:
         return unpack_response(data).result if data else None
 
     def look_around(self):
-        """Notes what is there, of which a restart may change something soon."""
+        """Records the current state before a restart can change it."""
         eventually(
             lambda: all(child.node or child.is_zombie for child in
                         self.launcher.children()),
@@ -273,17 +274,17 @@ class Run:
         ]
 
     def read_trace(self):
-        """What strace has seen so far, each line with its pid."""
+        """The lines of strace so far, each with its pid."""
         file = self.machine.tmp / "strace.log"
         text = file.read_text(encoding="utf-8", errors="replace")
         if self.scenario.traces_children:
             return text
         return re.sub("^", f"{self.machine.pid} ", text, flags=re.MULTILINE)
 
-    # -- What must have come of it.
+    # -- Checks of the outcome.
 
     def check(self, lines, replies):
-        """These log lines, in any order, these replies, and what is true of every
+        """Checks the log lines in any order, the replies, and the conditions of every
         run."""
         more = collections.Counter(self.lines) - collections.Counter(lines)
         assert set(more) <= set(self.outcome.may_add)
@@ -298,7 +299,7 @@ class Run:
         self.check_end()
 
     def check_descriptors(self):
-        """None is left open, none is lost."""
+        """No descriptor is leaked or lost."""
         usual = ["/dev/null", "stderr", "stdout", "anon_inode:[eventpoll]"]
         if self.outcome.has_socket:
             usual.append("socket")
@@ -308,8 +309,8 @@ class Run:
         assert sorted(found) == sorted(usual)
 
     def check_nodes(self):
-        """No zombie is left, the states are right, and every node that is alive
-        is known to the launcher."""
+        """No zombie is left, the states are the expected ones, and the launcher knows
+        every live node."""
         assert not any(child.is_zombie for child in self.children)
         assert len(self.alive) == len(self.children)
         running = {n for n, state in self.states.items() if state == State.RUNNING}
@@ -319,14 +320,14 @@ class Run:
             assert {n: self.status[n].pid for n in self.alive} == self.alive
 
     def check_inheritance(self):
-        """The nodes have no descriptors and blocked signals of the launcher's."""
+        """The nodes have no descriptors and no blocked signals from the launcher."""
         usual = set(self.scenario.inherited_by)
         unusual = set(self.outcome.inherited_by)
         assert unusual <= self.inherits <= usual | unusual
         assert self.blocks == set(self.outcome.blocked)
 
     def check_end(self):
-        """The launcher ends as it should, and so do the nodes."""
+        """The launcher and the nodes terminate as expected."""
         status = 0
         if self.ends:
             own = self.outcome.ends
@@ -344,7 +345,7 @@ class Run:
 
 
 def is_launcher_s_own(call):
-    """Not a sanitizer's, which makes pipes to look at memory."""
+    """Whether the call is not a sanitizer's, which creates pipes to inspect memory."""
     return not (
         call.name == "pipe2" and not call.arguments.endswith("O_CLOEXEC")
         or call.name == "write" and not re.match("[12], ", call.arguments)
@@ -363,8 +364,8 @@ def matches(call, expected):
 
 
 def compare(calls, expected):
-    """Asserts that the calls are the expected ones, in their order, the last of
-    which may still last."""
+    """Asserts that the calls are the expected ones, in their order, the last of which
+    may be unfinished."""
     expected = list(expected)
     for call in calls:
         assert expected, f"one too many: {call.text}"
@@ -399,7 +400,7 @@ def test_the_table_names_every_call_of_a_run_without_a_fault(scenario, new_machi
     a_run.check(scenario.lines, [step.result for step in scenario.asks])
 
 
-# -- With one.
+# -- With a fault.
 
 
 def injection(case, directory, before_main):
@@ -408,7 +409,7 @@ def injection(case, directory, before_main):
     options = ["-s", "400", "-e", f"trace={call.name}"]
     before = 0
     if call.path:
-        # As the file is called in the machine and out of it.
+        # The names of the file inside and outside the machine.
         options += ["-P", call.path, "-P", call.path.replace("/tmp", str(directory), 1)]
     elif not case.scenario.traces_children:
         before = before_main[call.name]

@@ -1,8 +1,8 @@
 """Clients of the control socket that are hostile, broken, or very many.
 
-After each of them the launcher must answer the next request, have the same
-descriptors as before and no zombie, and have written whole lines only: each is
-a known text, and each connection has exactly one "control cmd" or "received".
+After each of them the launcher must answer the next request, have the same descriptors
+as before and no zombie, and have written only whole lines: each is a known text, and
+each connection has exactly one "control cmd" or "received".
 """
 
 import collections
@@ -39,8 +39,7 @@ SCM_MAX_FD = 253  # descriptors that the kernel takes along with one message
 NOT_FOUND = Response(Result.NOT_FOUND, 0, 0, State.STOPPED, 0)
 SUCCESS = Response(Result.SUCCESS, 0, 0, State.STOPPED, 0)
 
-# Every text that these tests bring about. A line of which a part is missing, or
-# two in one, are not among them.
+# Every text that these tests cause. Incomplete or merged lines match none of them.
 NAME, NUMBER = "'[^']*'", r"-?\d+"
 KNOWN_TEXT = re.compile("|".join([
     r"name: .*",
@@ -62,8 +61,8 @@ KNOWN_TEXT = re.compile("|".join([
 
 
 def count_texts(machine):
-    """How often each text is in the log, errors of refused requests without
-    their number, which is an old one. Fails when a line is not whole."""
+    """The number of occurrences of each text in the log, without the numbers in the
+    errors of refused requests, which are outdated. Fails if a line is not whole."""
     counts = collections.Counter()
     with open(machine.tmp / "stderr", encoding="utf-8", errors="replace",
               newline="\n") as log:
@@ -77,16 +76,15 @@ def count_texts(machine):
 
 
 def connections(counts):
-    """How many connections the log tells of: each has exactly one of these
-    lines."""
+    """The number of connections in the log: each has exactly one of these lines."""
     return sum(count for text, count in counts.items()
                if text.startswith(("control cmd: ", "received: ")))
 
 
 @contextlib.contextmanager
 def unharmed(machine):
-    """Fails if the launcher is not afterwards what it was before: it serves,
-    has the same descriptors, no zombie, and a log of whole lines."""
+    """Fails if the launcher does not serve requests afterwards, or if it has other
+    descriptors, a zombie, or a log with incomplete lines."""
     wait_until_idle(machine)
     descriptors = machine.process.descriptors
     yield
@@ -108,12 +106,12 @@ def fixture_launcher(machine):
     machine.child("worker", ["sleep", "1000"])
     with unharmed(machine):
         yield machine
-    (machine.tmp / "stderr").unlink()  # may be large, and nothing was found
+    (machine.tmp / "stderr").unlink()  # can be large, and no defect was found
 
 
 # -- Silent clients.
 
-# Connects, sends a request when told so, and goes when its input ends.
+# Connects, sends a request on command, and disconnects at the end of its input.
 SILENT_CLIENT = """
 import socket, sys
 client = socket.socket(socket.AF_UNIX)
@@ -164,7 +162,7 @@ every_leaving = pytest.mark.parametrize(
 
 @contextlib.contextmanager
 def silent_client(machine, **user):
-    """A process that holds the launcher by its silence; `user` as of Popen."""
+    """A silent client process that blocks the launcher; `user` as of Popen."""
     with subprocess.Popen(
         [PYTHON, "-I", "-S", "-c", SILENT_CLIENT], cwd=machine.tmp / "vornlaunch",
         stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0, **user,
@@ -177,7 +175,7 @@ def silent_client(machine, **user):
 
 
 def boot_ticks():
-    """Now, as the start of a process is counted."""
+    """The current time in the unit of process start times."""
     return time.clock_gettime(time.CLOCK_BOOTTIME) * os.sysconf("SC_CLK_TCK")
 
 
@@ -215,13 +213,13 @@ def test_sigterm_takes_effect_when_a_silent_client(machine, leave):
     count_texts(machine)
 
 
-# -- Requests in parts, and too much of them.
+# -- Requests in parts, and too long requests.
 
 
 @pytest.mark.parametrize("goes_silent", [False, True], ids=["closed", "gone_silent"])
 def test_a_request_cut_anywhere_is_refused_and_the_next_served(launcher, goes_silent):
     request = pack_request(Cmd.STOP, "worker")
-    # A silent client that has sent nothing at all holds the launcher.
+    # A silent client that has sent nothing blocks the launcher.
     lengths = range(1 if goes_silent else 0, REQUEST.size)
     before = count_texts(launcher)
     for length in lengths:
@@ -280,7 +278,7 @@ def test_a_mebibyte_in_one_go_is_served_from_its_beginning(launcher, reads):
     assert count_texts(launcher) - before == {"control cmd: 5": 1, "poll timeout": 1}
 
 
-# -- Clients that do not hang up, or only half.
+# -- Clients that do not close, or close only one direction.
 
 
 @pytest.mark.parametrize("reads", [True, False], ids=["reading", "not_reading"])
@@ -325,7 +323,7 @@ def test_a_client_that_shuts_down_its_side_is_served(
 ], ids=lambda x: x.name if isinstance(x, Cmd) else "")
 def test_a_client_that_leaves_during_a_stop_does_not_abort_it(
         machine, cmd, state, line):
-    # Takes SIGTERM, and goes when it may.
+    # Handles SIGTERM, and exits when it is permitted to.
     path = machine.script("slow", "\n".join([
         "trap 'touch /tmp/asked; until [ -e /tmp/go ]; do sleep 0.1; done; exit' TERM",
         "touch /tmp/ready",
@@ -345,21 +343,21 @@ def test_a_client_that_leaves_during_a_stop_does_not_abort_it(
         assert not machine.is_alive(slow)
 
 
-# -- Many at once.
+# -- Many clients.
 
 
 def run_threads(function, count):
-    """Calls `function` with 0 to `count` - 1, at the same time each in a thread
-    of its own; returns the results in that order."""
+    """Calls `function` with 0 to `count` - 1 simultaneously, each in a thread; returns
+    the results in that order."""
     with concurrent.futures.ThreadPoolExecutor(count) as pool:
         return list(pool.map(function, range(count)))
 
 
 def threads_that_wait_for_room():
-    """How many threads of this process wait for room in a backlog."""
+    """The number of threads of this process that wait for room in a backlog."""
     count = 0
     for task in pathlib.Path("/proc/self/task").iterdir():
-        with contextlib.suppress(OSError):  # gone meanwhile
+        with contextlib.suppress(OSError):  # exited in the meantime
             count += b"unix_wait_for_peer" in (task / "wchan").read_bytes()
     return count
 
@@ -417,7 +415,7 @@ def test_every_byte_of_a_name_is_used_unchanged(launcher):
 
 
 def as_shown(name):
-    """How the log shows a name."""
+    """The form of a name in the log."""
     usual = {"\n": "\\n", "\r": "\\r", "\t": "\\t"}
     return "".join(
         usual.get(x, f"\\x{ord(x):02x}") if ord(x) < 32 or x == "\x7f" else x
@@ -430,7 +428,7 @@ def test_names_with_line_breaks_are_logged_on_one_line_each(machine):
               "x ok\n2026-01-01T00:00:00.000000Z *ERROR vornlaunch[1] a.cpp:1 main: x"]
     path = machine.script("worker", "exec sleep 1000")
     nodes = {name: {"path": path, "disabled": True} for name in names}
-    # Not as dictionary: a character beyond 65535 would be escaped as two.
+    # Not a dictionary, which would escape a character beyond 65535 as two.
     machine.start(json.dumps(
         {"vornnode": {"worker": {"path": path}, **nodes}}, ensure_ascii=False))
     with unharmed(machine):
@@ -475,7 +473,8 @@ def test_every_random_request_has_its_expected_outcome(launcher, seed, is_long):
                 client.sendall(data)
             else:
                 client.shutdown(socket.SHUT_WR)
-            # Not to the end: the launcher would wait for the hang-up.
+            # Not to the end of the stream: the launcher would wait until the client
+            # closes.
             reply = (read_exactly(client, RESPONSE.size) if expected_reply
                      else read_until_end(client))
             assert (unpack_response(reply) if reply else None) == expected_reply
@@ -485,7 +484,7 @@ def test_every_random_request_has_its_expected_outcome(launcher, seed, is_long):
     assert [x for x in texts if x != "poll timeout"] == expected_lines
 
 
-# -- What else a socket can carry, and who may use it.
+# -- Descriptors, out-of-band data and other users.
 
 
 def has_ended(reading):
@@ -554,11 +553,11 @@ def test_another_user_is_served_too(launcher):
         assert len(client.stdout.read()) == RESPONSE.size
 
 
-# -- All of them together.
+# -- A mixture.
 
 
 class HostileClient:
-    """Does one of its misdeeds at a time, chosen by `seed`."""
+    """Misbehaves in one way at a time, chosen by `seed`."""
 
     def __init__(self, machine, seed):
         self._machine = machine
@@ -572,7 +571,8 @@ class HostileClient:
             self._stay, self._shut_down, self._send_descriptors,
             self._send_out_of_band, self._command_and_go, self._command_and_go])
         with self._machine.connect() as client:
-            # The launcher may refuse or answer, and close, before all is sent.
+            # The launcher can refuse or answer the request and close before everything
+            # is sent.
             with contextlib.suppress(BrokenPipeError, ConnectionResetError):
                 misdeed(client)
 
@@ -653,7 +653,7 @@ def test_a_good_client_is_served_among_hostile_ones(machine, is_long):
 
 
 def count_descriptors(process):
-    """Counts even while they come and go."""
+    """Counts descriptors, even while they are opened and closed."""
     return len(os.listdir(f"/proc/{process.host_pid}/fd"))
 
 
@@ -676,7 +676,7 @@ def test_many_requests_leave_one_line_each_and_nothing_else(launcher, is_long):
     total, first = (1_000_000, 10_000) if is_long else (20_000, 2_000)
     clients = 2
     process = launcher.process
-    most_descriptors = count_descriptors(process) + 1  # the one that is served
+    most_descriptors = count_descriptors(process) + 1  # the one that is being served
     expected = launcher.status("worker")
     before = count_texts(launcher)
     samples = []
@@ -704,7 +704,7 @@ def test_many_requests_leave_one_line_each_and_nothing_else(launcher, is_long):
     new = count_texts(launcher) - before
     del new["poll timeout"]  # a busy machine may keep a client from closing
     assert new == {"control cmd: 3": total}
-    # The sanitizer keeps freed memory for a while, to find uses of it.
+    # The sanitizer delays the release of memory, to detect uses after free.
     if not launcher.sanitized:
         assert max(samples) - samples[0] <= 64, samples
     print(f"\n{total} requests: {rate:.0f} a second; memory {samples[0]} KiB after "

@@ -7,7 +7,7 @@ SECONDS = 60
 NODES = 60
 
 
-# The other tests take the same code paths under the sanitizers in less time.
+# The other tests cover the same code under the sanitizers in less time.
 @pytest.mark.plain
 def test_a_minute_of_mixed_load_loses_no_restart_and_leaks_nothing(machine):
     soak = Soak(machine, NODES)

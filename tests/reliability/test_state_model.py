@@ -1,5 +1,5 @@
-"""Random launch files and random stories: after every step the launcher must be
-as the model of the node states says. See state_model.py for the stories."""
+"""Random launch files and random stories: after every step the launcher must agree with
+the model of the node states. See state_model.py for the stories."""
 
 import collections
 import concurrent.futures
@@ -20,8 +20,8 @@ SHORT_STORIES = 13
 LONG_SEEDS = range(1000, 1018)
 LONG_STORIES = 30
 
-# Stories to be played in every run, by what they show. When a random one fails,
-# its shortest form is printed as an entry of this table: keep it here.
+# Stories that every run plays, by the behaviour that they show. When a random one
+# fails, its shortest form is printed as an entry of this table: keep it here.
 KEPT = {
     "a stop restarts the required nodes, those they require, and repeats": ({
         "a": {"required": ["b", "b", "nobody", "a"]},
@@ -221,8 +221,8 @@ def fixture_library(tmp_path_factory):
 
 @pytest.fixture(name="program")
 def fixture_program(program):
-    """The launcher in which calls can be replaced: the one without shared
-    libraries takes no preloaded ones either."""
+    """The dynamic launcher: the static one cannot load the library that replaces
+    calls."""
     dynamic = program.with_name("vornlaunch-dynamic")
     return dynamic if dynamic.exists() else program
 
@@ -233,8 +233,8 @@ def fixture_player(tmp_path, program, library, namespaces):  # pylint: disable=u
 
 
 def for_each_story(seed, number, play_it):
-    """Calls play_it(nodes, steps) with this number of random stories; a failing
-    one is made as short as it can be first."""
+    """Calls play_it(nodes, steps) with this number of random stories; a failing one is
+    shortened as far as possible."""
 
     @hypothesis.seed(seed)
     @hypothesis.settings(
@@ -253,7 +253,7 @@ def for_each_story(seed, number, play_it):
 
 
 class Figures:
-    """What stories were made of."""
+    """The contents of the stories."""
 
     def __init__(self):
         self.stories = self.steps = 0
@@ -268,8 +268,7 @@ class Figures:
 class Player:
     """Plays stories in directories below `tmp`."""
 
-    # Once a story has failed, long waiting would only make the search for its
-    # shortest form last.
+    # After a failure, long timeouts would only delay the search for the shortest form.
     SHORT_PATIENCE = 1
 
     def __init__(self, tmp, program, library):
@@ -291,7 +290,7 @@ class Player:
 
 
 def imagine(figures, nodes, steps):
-    """Plays a story by the model alone."""
+    """Plays a story with only the model."""
     model = Model(nodes)
     for step in steps:
         model.apply(step)
@@ -308,7 +307,7 @@ def test_random_stories_agree_with_the_model(player, seed):
     for_each_story(seed, SHORT_STORIES, player.play)
 
 
-@pytest.mark.plain  # it runs no launcher, only the model
+@pytest.mark.plain  # it runs only the model
 def test_the_stories_take_every_transition_of_the_state_table():
     figures = Figures()
     for story in KEPT.values():

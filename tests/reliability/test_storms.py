@@ -1,6 +1,6 @@
-"""Storms: deaths and signals by the thousand, at the worst moments, and beside
-outputs and limits that leave the launcher nothing. Whatever comes, every child is
-accounted for, none stays a zombie and the next request is answered."""
+"""Storms: thousands of deaths and signals at the worst moments, unusable outputs and
+exhausted limits. In every case, each child is collected, no zombie remains and the next
+request is answered."""
 
 import collections
 import contextlib
@@ -27,7 +27,7 @@ SLEEPER = {"path": "/bin/sleep", "argv": "100000"}
 SLEEPER_ARGV = ["/bin/sleep", "100000"]
 FATAL = [signal.SIGQUIT, signal.SIGHUP, signal.SIGSEGV, signal.SIGBUS, signal.SIGABRT,
          signal.SIGILL, signal.SIGFPE, signal.SIGINT, signal.SIGTRAP]
-# A node that notes a SIGTERM, and ends when it is allowed to.
+# A node that records a SIGTERM, and exits when it is permitted to.
 RELUCTANT = ("trap 'touch /tmp/asked; while [ ! -e /tmp/go ]; do sleep 0.05; done;"
              " touch /tmp/ended; exit 0' TERM\ntouch /tmp/ready\nsleep 100000 & wait")
 
@@ -42,7 +42,7 @@ def figure(text):
 
 
 class LogReader:
-    """What the launcher has logged since `restart()`, or since its start."""
+    """The launcher's log since `restart()`, or since its start."""
 
     def __init__(self, machine):
         self.path = machine.tmp / "stderr"
@@ -60,14 +60,14 @@ class LogReader:
         return parse_log(self.raw().decode(errors="replace"))
 
     def texts(self):
-        """How often each text was logged."""
+        """The number of occurrences of each text."""
         return collections.Counter(line.text for line in self.lines())
 
     def wait_for_starts(self, count):
         eventually(lambda: self.raw().count(b"' ok\n") >= count, f"{count} starts")
 
     def collected(self):
-        """How often each pid was collected."""
+        """The number of times that each pid was collected."""
         pids = (re.match(r"si_pid: (\d+),", line.text) for line in self.lines())
         return collections.Counter(int(match[1]) for match in pids if match)
 
@@ -86,8 +86,8 @@ def all_end(host_pids):
 
 
 def supervision_goes_on(machine, tree, name):
-    """Makes sure that a death is followed by a restart, and that commands are
-    carried out. Needs no log."""
+    """Checks that a death is followed by a restart, and that commands take effect.
+    Needs no log."""
     first = machine.status(name).pid
     os.kill(tree.by_machine_pid()[first], signal.SIGKILL)
     eventually(lambda: machine.status(name).pid not in (0, first), f"{name} is back")
@@ -95,7 +95,7 @@ def supervision_goes_on(machine, tree, name):
 
 
 def commands_are_obeyed(machine, tree, name):
-    """Makes sure that they do what they say."""
+    """Checks that commands take effect."""
     assert machine.request(Cmd.RESTART, name).result == Result.SUCCESS
     assert machine.request(Cmd.STOP, name).result == Result.SUCCESS
     assert machine.status(name).state == State.STOPPED
@@ -106,7 +106,7 @@ def commands_are_obeyed(machine, tree, name):
 
 
 def ends_on_sigterm(machine, tree):
-    """Makes sure that SIGTERM stops all children and ends the launcher with 0."""
+    """Checks that SIGTERM stops all children and that the launcher exits with 0."""
     children = tree.children()
     tree.signal(signal.SIGTERM)
     assert machine.wait() == 0
@@ -117,7 +117,7 @@ def ends_on_sigterm(machine, tree):
 
 
 def open_gate(machine):
-    """Lets every node that waits to read the gate go on, to the end of it."""
+    """Lets every node that waits at the gate continue and exit."""
     os.close(os.open(machine.tmp / "gate", os.O_WRONLY))
 
 
@@ -172,7 +172,7 @@ def test_children_that_die_together_are_each_restarted_once(machine, is_long, ho
                f"{tree.memory()} KiB, {tree.descriptors()} descriptors")
 
 
-# Nodes that fork without end. They stay behind the launcher and the test.
+# Nodes that fork without end, with a lower priority than the launcher and the test.
 BOMBS = {
     "exiting": "while :; do (:) & (:) & (:) & (:) & wait; done",
     "orphaning": "while :; do ( (:) & (:) & (:) & (:) & ); done",
@@ -225,7 +225,7 @@ def test_fork_bombs_lose_no_exit_no_restart_and_no_reply(machine, is_long):
     texts = log.texts()
     longest = 0.0
     for name in quitters:
-        # Each start has had its one end, and each end its restart or the stop.
+        # Each start had one exit, and each exit a restart or the stop.
         starts = [x for x in log.lines() if x.text == f"Node start '{name}' ok"]
         ends = sum(count for text, count in texts.items()
                    if text.startswith((f"'{name}' exited", f"'{name}' receive")))
@@ -235,7 +235,7 @@ def test_fork_bombs_lose_no_exit_no_restart_and_no_reply(machine, is_long):
         assert sum(gaps) > 5 * len(gaps) - 1
         longest = max(longest, *gaps)
     assert not any(text.startswith("'steady' ") for text in texts)
-    # The two that are left are the only ones whose end was not collected.
+    # Only the exits of the two remaining nodes were not collected.
     started = sum(line.text.startswith("Node start ") for line in log.lines())
     exits = sum(log.collected().values())
     assert exits == started - 2
@@ -252,8 +252,8 @@ def test_fork_bombs_lose_no_exit_no_restart_and_no_reply(machine, is_long):
 
 
 def flood(tree, send, count):
-    """Sends `count` signals, faster than they can be taken, and now and then
-    lets the receiver run."""
+    """Sends `count` signals faster than they can be handled, and lets the receiver run
+    from time to time."""
     for i in range(count):
         send(tree.pid)
         if i % 50 == 0:
@@ -268,7 +268,7 @@ def test_a_flood_of_sigpipe_only_adds_log_lines(machine, is_long):
     rounds, answers = (2000 if is_long else 100), 0
     for turn in range(rounds):
         flood(tree, lambda pid: os.kill(pid, signal.SIGPIPE), 50)
-        with machine.connect() as client:  # goes before it is answered
+        with machine.connect() as client:  # disconnects before its reply
             client.sendall(pack_request(Cmd.STATUS, "worker"))
         if turn == rounds // 2:
             os.kill(tree.by_machine_pid()[first], signal.SIGKILL)
@@ -312,7 +312,7 @@ def test_sigchld_from_other_processes_affects_no_node(machine, is_long, send):
 
 # -- As process 1, such as in a container.
 
-# Pids of five digits here, too.
+# Pids of five digits, too.
 AS_PROCESS_1 = ["unshare", "--pid", "--fork", "--kill-child", "--mount-proc",
                 "sh", "-c", 'echo 10000 >/proc/sys/kernel/ns_last_pid; exec "$@"', "sh"]
 
@@ -361,7 +361,7 @@ def test_as_process_1_it_collects_every_orphan_and_keeps_the_nodes(
 
 
 def others_of(default):
-    """Signals with this default action that the launcher leaves alone."""
+    """Signals with this default action for which the launcher has no handler."""
     names = {"ends": ["SIGUSR1", "SIGALRM", "SIGRTMIN", "SIGRTMAX"],
              "ignored": ["SIGWINCH", "SIGURG", "SIGCONT"]}
     return [signal.Signals[name] for name in names[default]]
@@ -390,11 +390,11 @@ def test_signals_that_the_system_ignores_are_not_even_logged(machine):
     ends_on_sigterm(machine, tree)
 
 
-# -- The signals that end the launcher, at any moment.
+# -- Signals that terminate the launcher, at any moment.
 
 
 def is_pending(pid, number):
-    """Whether the process has not yet taken the signal."""
+    """Whether the signal is still pending."""
     return int(status_field(pid, "ShdPnd"), 16) & 1 << (number - 1)
 
 
@@ -441,7 +441,7 @@ def test_a_storm_of_sigterm_stops_each_node_once(machine, is_long):
 
 @pytest.fixture(name="reluctant")
 def fixture_reluctant(machine):
-    """A launcher with a node that ends late after its SIGTERM, and another."""
+    """A launcher with a node that exits late after SIGTERM, and another one."""
     content = sleepers("other")
     node = {"path": machine.script("reluctant", RELUCTANT)}
     content["vornnode"] = {"reluctant": node,
@@ -461,7 +461,7 @@ def test_a_stop_is_finished_and_answered_despite_sigint(machine, reluctant):
         reply = unpack_response(read_exactly(client, 24))
     assert reply.result == Result.SUCCESS
     assert machine.wait() == 0
-    # It had its time: SIGKILL did not come before its end.
+    # It had enough time: SIGKILL did not precede its exit.
     assert (machine.tmp / "ended").exists()
     assert machine.stdout() == handled_with(signal.SIGINT)
     assert not has_ended(other)
@@ -601,7 +601,7 @@ def test_suspended_and_continued_nodes_are_still_running(machine, is_long):
                                for child in children), "all have followed")
     assert log.raw() == b""
     assert [machine.status(name) for name in names] == before
-    # Killed while it is stopped, each is back all the same.
+    # Each node is restarted after it was killed while suspended.
     for child in children:
         os.kill(child, signal.SIGSTOP)
     kill_all(tree)
@@ -621,7 +621,7 @@ def test_a_suspended_node_is_killed_at_the_end_of_its_stop(machine):
     assert tree.children() == []
 
 
-# -- Standard input, output and error that are of no use.
+# -- Unusable standard input, output and error.
 
 
 def pipe_without_reader():
@@ -631,7 +631,7 @@ def pipe_without_reader():
 
 
 def without(*redirections):
-    """A wrapper that starts the launcher without these of its streams."""
+    """A wrapper that starts the launcher without these standard streams."""
     return ["sh", "-c", 'exec "$@" ' + " ".join(redirections), "sh"]
 
 
@@ -674,7 +674,7 @@ def test_sigint_exits_with_0_when_streams_are_useless(machine, streams):
 
 
 def lines_of(text):
-    """The log lines, after making sure that there is nothing else in the text."""
+    """The log lines; fails if the text contains anything else."""
     assert text.endswith("\n")
     lines = parse_log(text)
     assert len(lines) == text.count("\n"), "every line is a whole one"
@@ -694,7 +694,7 @@ def test_a_slow_reader_gets_whole_lines_though_signals_interrupt_the_writes(mach
         while True:
             if select.select([reader], [], [], 0.05)[0]:
                 pieces.append(os.read(reader, 500))
-                time.sleep(0.002)  # makes it slow
+                time.sleep(0.002)  # makes the reader slow
             elif ended.is_set():
                 return
 
@@ -764,7 +764,7 @@ def test_a_full_disk_loses_only_lines_and_the_next_one_is_whole(machine):
 
     for _ in range(3):
         machine.run("sh", "-c", "cat /dev/zero 2>&- >/tmp/disk/fill", check=False)
-        for _ in range(200):  # more than what was left
+        for _ in range(200):  # more than the free space
             assert machine.request(Cmd.ENABLE, "worker").result == Result.SUCCESS
         full = log()
         assert machine.status("worker").state == State.RUNNING
@@ -783,8 +783,8 @@ def test_a_full_disk_loses_only_lines_and_the_next_one_is_whole(machine):
 
 # -- Limits.
 
-# What the launcher has open between commands: the standard streams, the event
-# loop, the signals and the control socket.
+# The open descriptors between commands: the standard streams, the event loop, the
+# signals and the control socket.
 DESCRIPTORS = 6
 
 
@@ -801,8 +801,8 @@ def test_a_log_at_its_size_limit_terminates_nothing(machine):
 
 @contextlib.contextmanager
 def limited(machine, what, value, as_user=()):
-    """Within this context the launcher may have no more of something, an option of
-    prlimit; raising that again needs no right."""
+    """Within this context the launcher has a lower limit, given as an option of
+    prlimit; raising it again needs no privilege."""
     target = f"--pid={machine.pid}"
     former = machine.run(*as_user, "prlimit", target, f"--{what}", "--noheadings",
                          "--output=SOFT")
@@ -819,7 +819,7 @@ def fixture_as_user(machine):
     machine.tmp.chmod(0o777)
     user = 100_000 + os.getpid()
     if os.geteuid() != 0:
-        return []  # the machine has a user namespace, which counts for itself
+        return []  # the machine has a user namespace with a count of its own
     return ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups"]
 
 
@@ -836,7 +836,7 @@ def test_without_processes_starts_fail_and_stops_time_out(machine, as_user):
         os.kill(tree.by_machine_pid()[crashing], signal.SIGKILL)
         eventually(lambda: log.texts()["name: crashing fork failed."], "it was tried")
         assert machine.status("crashing").state == State.STOPPED
-        # Neither look at the process table can be taken.
+        # Neither check of the process table can be started.
         assert machine.request(Cmd.STOP, "stopping").result == Result.SUCCESS
         assert has_ended(stopping)
         assert machine.status("crashing").state == State.STOPPED
@@ -859,7 +859,7 @@ def test_with_one_free_descriptor_commands_and_restarts_work(machine):
         os.kill(child, signal.SIGKILL)
         log.wait_for_starts(2)
         [child] = tree.children()
-        # The process table cannot be looked at, so this takes all 50 passes.
+        # The process table cannot be checked, so this takes all 50 passes.
         assert machine.request(Cmd.STOP, "worker").result == Result.SUCCESS
         assert has_ended(child)
         tree.wait_until_no_zombie_is_left()

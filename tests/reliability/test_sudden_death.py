@@ -35,20 +35,21 @@ NODES = {
 }
 STARTED = ["first", "second"]
 
-# Shows the real process table once the node that is stopped is dead or collected,
-# so that a stop makes the same calls each time.
+# Shows the real process table after the stopped node is dead or collected, so that a
+# stop makes the same calls each time.
 PS = """\
 pid=$(tr -dc 0-9 </proc/$PPID/cmdline)
 while grep -qs '^State:.[^Z]' /proc/$pid/status; do sleep 0.01; done
 exec /usr/bin/ps "$@"
 """
 
-# The calls are dealt out to so many tests, to run beside each other.
+# The number of tests among which the calls are distributed, so that they run in
+# parallel.
 LONG_SHARES = 8
-# The short form kills at so many of a scenario's calls, spread evenly.
+# The number of a scenario's calls at which the short form kills, spread evenly.
 SHORT_COUNT = 3
-# On a busy machine the waits before a restart vary in number, so that a place may
-# not be reached: so often each death is tried.
+# The number of attempts for each death: on a busy machine the number of waits before a
+# restart varies, so a place is not always reached.
 ATTEMPTS = 5
 
 
@@ -58,7 +59,7 @@ def pytest_generate_tests(metafunc):
         metafunc.parametrize("share", range(LONG_SHARES if is_long else 1))
 
 
-# -- What the launcher does until it dies.
+# -- The actions of the launcher before its death.
 
 
 @dataclasses.dataclass(frozen=True)
@@ -76,7 +77,7 @@ class Request:
                 clients.append(client)
                 client.sendall(pack_request(cmd, name))
             except OSError:
-                break  # it has died meanwhile
+                break  # it has died in the meantime
         return clients
 
     def is_over(self, machine, clients):
@@ -86,8 +87,8 @@ class Request:
 
 @dataclasses.dataclass(frozen=True)
 class Fall:
-    """The first node is killed; 5 s after its start it is started again, and the
-    second with it."""
+    """The first node is killed; 5 s after its start it is restarted together with the
+    second."""
 
     def begin(self, machine):
         try:
@@ -103,7 +104,7 @@ class Fall:
 
 @dataclasses.dataclass(frozen=True)
 class Signal:
-    """SIGTERM, with which the launcher stops the nodes and ends."""
+    """SIGTERM, on which the launcher stops the nodes and exits."""
 
     def begin(self, machine):
         process = machine.process
@@ -139,12 +140,12 @@ def start(machine, **options):
         try:
             return machine.status("none").result == Result.NOT_FOUND
         except (OSError, struct.error):
-            return False  # not yet, or no more
+            return False  # not yet, or no longer
 
     eventually(answers_or_has_died, "the launcher answers or has died")
 
 
-# -- Where it dies.
+# -- The place of its death.
 
 
 @dataclasses.dataclass(frozen=True)
@@ -156,8 +157,8 @@ class Place:
 
 
 def traced(machine, *options):
-    """How the launcher is started under strace. What the launcher starts is not
-    traced, and does not die with it."""
+    """The command that starts the launcher under strace. Its children are not traced,
+    and do not die with it."""
     environment = {"PATH": "/tmp/bin:/usr/bin:/bin"}
     if machine.sanitized:
         # The leak check cannot work under another tracer.
@@ -173,7 +174,7 @@ def trace(machine):
 
 
 def is_idle(machine):
-    """Whether the launcher's last call is a wait that has not come back."""
+    """Whether the launcher's last call is a wait that has not returned."""
     return re.search(r"^epoll_p?wait\([^\n]*\Z", trace(machine), re.MULTILINE)
 
 
@@ -183,12 +184,12 @@ def calls(machine):
 
 
 def places(machine, scenario):
-    """Every place of the scenario, as a rehearsal on this machine shows them."""
+    """Every place of the scenario, found by a rehearsal on this machine."""
     start(machine, **traced(machine))
     eventually(lambda: is_idle(machine), "the launcher waits")
     before = len(calls(machine))
     if scenario is None:
-        first, last = 1, before  # without the execve that makes it the launcher
+        first, last = 1, before  # without the execve of the launcher
     else:
         clients = scenario.begin(machine)
         eventually(lambda: scenario.is_over(machine, clients), f"{scenario} is over")
@@ -228,12 +229,12 @@ def die_at(place, machine, scenario):
     return clients if machine.wait() == -signal.SIGKILL else None
 
 
-# -- What is left of it.
+# -- The remains.
 
 
 def nodes_of(machine):
-    """When each node that runs was started, by its pid, as soon as there is
-    nothing else beside the launcher."""
+    """The start time of each running node by its pid, after all processes other than
+    the launcher and nodes have exited."""
 
     def settled():
         alive = [p for p in machine.processes() if p.is_alive]
@@ -242,7 +243,7 @@ def nodes_of(machine):
             if all(p.argv == SLEEP for p in nodes):
                 return [{p.pid: start_ticks(p) for p in nodes}]
         except (FileNotFoundError, ProcessLookupError):
-            pass  # it has ended meanwhile
+            pass  # it has exited in the meantime
         return None
 
     return eventually(settled, "nothing else runs")[0]
@@ -258,8 +259,8 @@ def found_as_documented(machine):
 
 
 def has_ended(client):
-    """Reads what has come. Whether that was the end of the stream; what came
-    before must be nothing or a whole reply."""
+    """Reads the received data, which must be empty or a whole reply. Returns whether
+    the stream has ended."""
     data = b""
     try:
         while piece := client.recv(4096, socket.MSG_DONTWAIT):
@@ -282,7 +283,7 @@ def holders(machine):
 
 
 def assert_the_next_one_takes_over(machine):
-    """Starts another launcher and looks at all it does."""
+    """Starts another launcher and checks everything that it does."""
     left = nodes_of(machine)
     assert found_as_documented(machine) == set(left)
 
@@ -308,8 +309,8 @@ def assert_the_next_one_takes_over(machine):
 
 
 def assert_clients_see_the_end(machine, clients):
-    """At once, but for one whose command has started nodes: they have a copy of
-    the connection and end it with their own end."""
+    """Every client sees the end of the stream at once, except one whose command has
+    started nodes: they have a copy of the connection until they exit."""
     waiting = [client for client in clients if not has_ended(client)]
     if waiting:
         nodes = holders(machine)
@@ -323,7 +324,8 @@ def assert_clients_see_the_end(machine, clients):
 
 @pytest.fixture(name="new_machine")
 def fixture_new_machine(tmp_path, program, namespaces):
-    """Makes one machine after the other, the last one's processes ended."""
+    """Creates one machine after the other, after terminating the processes of the
+    previous one."""
     del namespaces
     machines = []
 
@@ -373,13 +375,13 @@ def test_after_a_death_at_any_call_the_next_launcher_takes_over(
 
 
 def stay(machine):
-    """A launch file with one node that stays."""
+    """A launch file with one node that runs until it is stopped."""
     machine.script("stay", "exec " + " ".join(SLEEP))
     return {"vornnode": {"stay": {"path": "/tmp/bin/stay"}}}
 
 
 def running(machine, pid):
-    """The process of the pid, once it runs the node's program."""
+    """The process of the pid, after it has executed the node's program."""
 
     def executed():
         process = machine.find_process(pid)
@@ -389,7 +391,7 @@ def running(machine, pid):
 
 
 def assert_the_next_one_serves(machine):
-    """Starts another launcher, which is without any error."""
+    """Starts another launcher, which must log no error."""
     machine.start_again()
     pid = machine.wait_for_state("stay", State.RUNNING).pid
     assert running(machine, pid).parent == machine.process.host_pid
@@ -400,7 +402,7 @@ def assert_the_next_one_serves(machine):
 def test_every_client_sees_end_of_file_when_the_launcher_is_killed(machine):
     machine.start(stay(machine))
     with held(machine) as silent:
-        # One is being served, the others wait for their turn.
+        # One client is being served, the others wait.
         clients = [silent]
         for _ in range(4):
             clients.append(machine.connect())
@@ -425,7 +427,7 @@ def test_a_second_launcher_takes_only_the_socket_of_the_first(machine):
     assert new.pid != old.pid and new.parent == machine.process.host_pid
     assert machine.is_alive(old.pid)
 
-    # The first one has no clients any more, and goes on with the rest.
+    # The first launcher has no clients any more, and continues to supervise its node.
     old.signal(signal.SIGKILL)
     ready = machine.wait_for_log("Node 'stay' ready to restarting")
     assert [line.pid for line in ready] == [first.pid]

@@ -129,8 +129,8 @@ def name_of(command):
 
 
 def is_before_the_request(command, what):
-    """Whether the message about a missing reply to the status request is about the
-    reply or about the time limit."""
+    """Whether a missing reply to the status request is exit status 6: the action is not
+    sent, or the wait times out."""
     if command[0] == "wait":
         return what["end"] == "hold"
     return command[0] in ("start", "stop", "restart", "enable", "disable")
