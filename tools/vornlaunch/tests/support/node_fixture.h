@@ -5,6 +5,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "node.h"
@@ -78,14 +79,17 @@ inline void setState(launch::Node& node, NodeState state, pid_t pid) {
 }
 
 /// Adds a node to the registry, the executable being /bin/NAME.
-inline launch::Node& addNode(const std::string& name,
+// `name` is a view, because GCC 14 assumes that a function with a reference
+// parameter returns a reference to the argument.
+inline launch::Node& addNode(std::string_view name,
                              NodeState state = NodeState::STOPPED,
                              pid_t pid = 0) {
-  auto node = std::make_unique<launch::Node>(name);
-  node->argv = {"/bin/" + name};
+  const std::string text(name);
+  auto node = std::make_unique<launch::Node>(text);
+  node->argv = {"/bin/" + text};
   setState(*node, state, pid);
   launch::Node& added = *node;
-  launch::NodeManager::getInstance().addNode(name, std::move(node));
+  launch::NodeManager::getInstance().addNode(text, std::move(node));
   return added;
 }
 
