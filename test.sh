@@ -36,6 +36,9 @@ Options:
                   arm64 (--unit, --system, --packages; built here and run by an
                   emulator, docs/arm64.md)
   --asan          the same as --preset asan
+  --debian N      run in a minimal Debian N (12 or 13), unless this is one; it is
+                  created in build-debianN/ (root only). Of --all, lint,
+                  instructions, packages, sanitizers and arm64 are for 12 only
   -j N            N whole-program tests at a time (default: 4 per core; they
                   mostly wait)
   -h, --help      print this text
@@ -46,6 +49,7 @@ TEXT
 }
 
 preset=release
+debian=
 suites=()
 filter=
 repeat=1
@@ -71,12 +75,13 @@ parse_options() {
       --allow-skips) count_options=(--allow-skips) ;;
       --asan) preset=asan ;;
       -j[0-9]*) jobs=${1#-j} ;;
-      --filter | --repeat | --preset | -j)
+      --filter | --repeat | --preset | --debian | -j)
         [[ $# -ge 2 ]] || die "$1 needs a value; see ./test.sh --help"
         case $1 in
           --filter) filter=$2 ;;
           --repeat) repeat=$2 ;;
           --preset) preset=$2 ;;
+          --debian) debian=$2 ;;
           -j) jobs=$2 ;;
         esac
         shift
@@ -99,7 +104,8 @@ parse_options() {
     [[ ${#suites[@]} -eq 0 && $preset == release &&
       ${#count_options[@]} -eq 0 ]] ||
       die "--all leaves nothing to choose; see ./test.sh --help"
-    suites=(unit system reliability instructions packages)
+    suites=(unit system reliability)
+    if [[ $DEBIAN == "$MAIN_DEBIAN" ]]; then suites+=(instructions packages); fi
   fi
   [[ " ${suites[*]} " != *" instructions "* || $preset == release ]] ||
     die "--instructions are those of the release build"
@@ -220,10 +226,27 @@ run_suites() {
   done
 }
 
+# run_in_debian OPTION... runs this script in the other Debian.
+run_in_debian() {
+  local options=()
+  while [[ $# -gt 0 ]]; do
+    if [[ $1 == --debian ]]; then shift; else options+=("$1"); fi
+    shift
+  done
+  scripts/in_debian.sh "$debian" ./test.sh "${options[@]}"
+}
+
 parse_options "$@"
+if [[ -n $debian && $debian != "$DEBIAN" ]]; then
+  run_in_debian "$@"
+  exit
+fi
 for ((round = 1; round <= repeat; ++round)); do
   if [[ $repeat -gt 1 ]]; then say "round $round of $repeat"; fi
-  if $all; then
+  if $all && [[ $DEBIAN != "$MAIN_DEBIAN" ]]; then
+    build_preset clang
+    run_suites release "${suites[@]}"
+  elif $all; then
     build_preset clang
     run_suites release lint unit system reliability instructions packages
     run_suites asan unit system reliability

@@ -64,8 +64,8 @@ while [[ $# -gt 0 ]]; do
 done
 if [[ ${#targets[@]} -eq 0 ]]; then targets=("${all_targets[@]}"); fi
 
-# Only a report of a finding needs it; Debian's name has its version in it.
-ASAN_SYMBOLIZER_PATH=$(command -v llvm-symbolizer-14 || true)
+# Only the report of an error needs it.
+ASAN_SYMBOLIZER_PATH=$(command -v llvm-symbolizer || true)
 export ASAN_SYMBOLIZER_PATH
 # Freed memory kept for its checks, in MiB; the default would fill the limit.
 export ASAN_OPTIONS=quarantine_size_mb=32

@@ -3,6 +3,31 @@
 
 set -euo pipefail
 
+# Versions that differ between Debian's releases. Clang is always the release's
+# default version.
+debian_release() (
+  VERSION_ID=
+  if [[ -r /etc/os-release ]]; then source /etc/os-release; fi
+  printf '%s\n' "$VERSION_ID"
+)
+# shellcheck disable=SC2034  # used by the scripts that source this file
+{
+  DEBIAN=$(debian_release)
+  MAIN_DEBIAN=12  # the release that the packages are for and lint runs on
+  YAML_CPP_PACKAGE=libyaml-cpp0.7
+  if [[ $DEBIAN == 13 ]]; then YAML_CPP_PACKAGE=libyaml-cpp0.8; fi
+  CLANG_FORMAT=clang-format-14  # other versions format differently
+}
+
+# debian_suite RELEASE prints the code name of a release.
+debian_suite() {
+  case $1 in
+    12) echo bookworm ;;
+    13) echo trixie ;;
+    *) die "Debian '$1' is not supported; the releases are 12 and 13" ;;
+  esac
+}
+
 # Debian's packages for each purpose.
 # shellcheck disable=SC2034  # used by the scripts that source this file
 {
@@ -14,8 +39,8 @@ set -euo pipefail
   CACHE_PACKAGES=(ccache)  # for test.sh; packages are built without it
   SHELL_PACKAGES=(tmux bash-completion zsh fish)  # for the tests of vornctl
   SERVER_PACKAGES=(redis-server nginx mosquitto mosquitto-clients curl)
-  CLANG_PACKAGES=(clang-14)
-  FUZZ_PACKAGES=(clang-14 llvm-14 libclang-rt-14-dev)
+  CLANG_PACKAGES=(clang)
+  FUZZ_PACKAGES=(clang llvm libclang-rt-dev)
   ROOT_PACKAGES=(debootstrap util-linux)  # for a Debian root to test in
   PACKAGE_PACKAGES=(git debhelper dpkg-dev)
   RPM_PACKAGES=(rpm cpio)
@@ -24,14 +49,14 @@ set -euo pipefail
   PLOT_PACKAGES=(python3-matplotlib)
   BENCH_BUILD_PACKAGES=(libbenchmark-dev valgrind)
   BENCH_PACKAGES=(linux-perf python3-matplotlib supervisor runit s6 daemontools)
-  LINT_PACKAGES=(git clang-14 clang-format-14 clang-tidy-14 cppcheck shellcheck
-    pyflakes3 codespell mkdocs linkchecker)
+  LINT_PACKAGES=(git clang "$CLANG_FORMAT" clang-tidy cppcheck shellcheck pyflakes3
+    codespell mkdocs linkchecker)
   EMULATION_PACKAGES=(qemu-user-static)  # for scripts/emulate_arm64.sh
-  ARM64_PACKAGES=(g++-aarch64-linux-gnu libyaml-cpp0.7:arm64 libncurses-dev:arm64
-    libgtest-dev:arm64 libgmock-dev:arm64)
+  ARM64_PACKAGES=(g++-aarch64-linux-gnu "$YAML_CPP_PACKAGE:arm64"
+    libncurses-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64)
   # The first cannot be installed for two architectures at a time; it needs the
   # second beside it.
-  ARM64_UNPACKED=(libyaml-cpp-dev:arm64 libyaml-cpp0.7:arm64)
+  ARM64_UNPACKED=(libyaml-cpp-dev:arm64 "$YAML_CPP_PACKAGE:arm64")
 }
 
 say() { printf '== %s\n' "$*" >&2; }

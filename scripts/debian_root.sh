@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Makes the root of a small Debian, to install and run things in.
+# Creates the root directory of a minimal Debian, to install and run programs in.
 
 root=$(dirname -- "$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")")
 # shellcheck source=scripts/common.sh
@@ -7,22 +7,23 @@ source "$root/scripts/common.sh"
 
 usage() {
   cat <<TEXT
-Usage: scripts/debian_root.sh [--arch ARCH] DIRECTORY
+Usage: scripts/debian_root.sh [--arch ARCH] [--release RELEASE] DIRECTORY
 
-Creates a minimal Debian 12 in DIRECTORY, unless it exists: the essential packages
+Creates a minimal Debian in DIRECTORY, unless it exists: the essential packages
 and apt, with Debian's updates in its sources. ARCH is Debian's name of an
 architecture, by default this machine's; this machine must be able to emulate a
-foreign one. Needs root and the package servers.
+foreign one. RELEASE is 12 (default) or 13. Needs root and the package servers.
 TEXT
 }
 
 arch=
+release=$MAIN_DEBIAN
 directory=
 while [[ $# -gt 0 ]]; do
   case $1 in
-    --arch)
+    --arch | --release)
       [[ $# -ge 2 ]] || die "$1 needs a value"
-      arch=$2
+      if [[ $1 == --arch ]]; then arch=$2; else release=$2; fi
       shift
       ;;
     -h | --help)
@@ -41,9 +42,10 @@ done
 
 # debootstrap itself writes the release only, without updates.
 mirror=http://deb.debian.org
-sources="deb $mirror/debian bookworm main
-deb $mirror/debian bookworm-updates main
-deb $mirror/debian-security bookworm-security main"
+suite=$(debian_suite "$release")
+sources="deb $mirror/debian $suite main
+deb $mirror/debian $suite-updates main
+deb $mirror/debian-security $suite-security main"
 
 # write_sources DIRECTORY writes them unless the file has them.
 write_sources() {
@@ -64,7 +66,7 @@ mkdir -p "$(dirname -- "$directory")"
 as_root rm -rf "$directory.new"
 # The namespace takes the mounts with it, however this ends.
 as_root unshare --mount --pid --fork --kill-child --mount-proc \
-  debootstrap ${arch:+--arch="$arch"} --variant=minbase bookworm \
+  debootstrap ${arch:+--arch="$arch"} --variant=minbase "$suite" \
   "$directory.new" >"$directory.log" 2>&1 || {
   tail -n 5 "$directory.log" >&2
   die "debootstrap failed; the whole of what it said is in $directory.log"

@@ -68,7 +68,7 @@ sources_to_analyze() {
 tidy() {
   [[ -n $1 ]] || return 0
   # The compile commands of Clang's own build; GCC's options would confuse it.
-  xargs -d '\n' -P "$(nproc)" -n 1 clang-tidy-14 -p build-clang --quiet \
+  xargs -d '\n' -P "$(nproc)" -n 1 clang-tidy -p build-clang --quiet \
     --warnings-as-errors='*' "${@:2}" <<<"$1" \
     2> >(grep -v 'warnings\? generated' >&2)
 }
@@ -106,7 +106,7 @@ mapfile -t shell < <(git ls-files '*.sh' .ci/run examples/demo/bin \
 mapfile -t python < <(git ls-files '*.py')
 mapfile -t prose < <(git ls-files ':!fuzz/seeds' ':!bench/*.json')
 
-check clang-format clang-format-14 --dry-run -Werror "${cpp[@]}"
+check clang-format "$CLANG_FORMAT" --dry-run -Werror "${cpp[@]}"
 check shellcheck shellcheck -x "${shell[@]}"
 check pyflakes pyflakes3 "${python[@]}"
 check "tests named by KEEP comments" /usr/bin/python3 scripts/check_keep_tests.py
