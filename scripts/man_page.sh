@@ -7,8 +7,12 @@ set -euo pipefail
 
 released=$(sed -n '/^ -- / { s/.*>  //p; q }' "${0%/*}/../debian/changelog")
 date=$(date -u -d "$released" +%F)
-sed 's/^##/#/' "$1" | lowdown -tman --parse-no-intraemph --out-no-smarty \
-  --nroff-nolinks |
+# Links cannot be followed in a manual page: of those to other pages the names
+# remain, in bold, and of others the texts.
+sed -E -z -e 's/\n##/\n#/g' \
+  -e 's/\[([a-z.-]+\([0-9]\))\]\([^)]*\)/**\1**/g' \
+  -e 's/\[([^]]*)\]\([^)]*\)/\1/g' "$1" |
+  lowdown -tman --parse-no-intraemph --out-no-smarty |
   awk -v page="${2##*/}" -v date="$date" '
     # Code is bold, and its hyphens can be searched for and copied. It can
     # continue on the next line.
@@ -66,6 +70,7 @@ sed 's/^##/#/' "$1" | lowdown -tman --parse-no-intraemph --out-no-smarty \
         substr(page, length(page)), date
     }
 
+    { gsub(/\\f\(CR/, "\\fC") }  # newer versions of lowdown write this
     { $0 = highlight($0) }
     /^\.TS$/ { in_table = 1; cells = 0; after_heading = 0; next }
     /^\.TE$/ { in_table = 0; print_table(); next }
@@ -82,9 +87,10 @@ sed 's/^##/#/' "$1" | lowdown -tman --parse-no-intraemph --out-no-smarty \
     /^\.EE$/ { in_example = 0; print ".RE" }
     in_example || /^\.EE$/ { next }
 
-    /^\.S[HS]$/ {
-      macro = $0
-      getline
+    /^\.S[HS]( |$)/ {
+      macro = $1
+      if (NF == 1) getline
+      else sub(/^\.S[HS] /, "")
       if (macro == ".SH") $0 = headings++ ? toupper($0) : "NAME"
       print macro " " $0
       after_heading = 1
@@ -92,5 +98,6 @@ sed 's/^##/#/' "$1" | lowdown -tman --parse-no-intraemph --out-no-smarty \
     }
     after_heading && /^\.LP$/ { next }
     { after_heading = 0 }
-    /^\.IP "[0-9]+\. +"$/ { $0 = ".IP " $2 "\" 4" }
+    /^\.IP "\\\(bu"/ { $0 = ".IP \"\\(bu\" 2" }
+    /^\.IP "[0-9]+\./ { $0 = ".IP " $2 ($2 ~ /"$/ ? "" : "\"") " 4" }
     { print_wrapped($0) }' >"$2"
