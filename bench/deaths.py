@@ -1,4 +1,5 @@
-"""Deaths: how long an exited child stays a zombie, and 200 at once."""
+"""Deaths: the time for which an exited child is a zombie, and 200 simultaneous
+exits."""
 
 import array
 import contextlib
@@ -8,7 +9,7 @@ import time
 
 from harness.figures import Table, summary
 from harness.subjects import LAUNCHER, LAUNCHER_DYNAMIC, PEERS, SUPERVISORD, floor
-from harness.world import BESIDE, World
+from harness.sandbox import NEXT_TO_SANDBOX, Sandbox
 
 SINGLE_NODES = 100
 ROUNDS, QUICK_ROUNDS = 80, 9
@@ -21,9 +22,10 @@ CALLS_FLOOR = floor("floor, same calls", "bench-reap-floor", "calls")
 
 
 def kill(build, pids):
-    """Seconds: how long the last one was a zombie; until all were collected."""
+    """Seconds for which the last child was a zombie; seconds until all were
+    collected."""
     killer = subprocess.run(
-        [*BESIDE, build / "bin/bench-killer", *map(str, pids)],
+        [*NEXT_TO_SANDBOX, build / "bin/bench-killer", *map(str, pids)],
         stdout=subprocess.PIPE, check=True)
     zombie, whole = array.array("q", killer.stdout)
     return zombie / 1e9, whole / 1e9
@@ -34,10 +36,10 @@ def measure_single(build, rounds):
     with contextlib.ExitStack() as stack:
         victims = {}
         for subject in (WAIT_FLOOR, CALLS_FLOOR, LAUNCHER, LAUNCHER_DYNAMIC, *PEERS):
-            world = stack.enter_context(World(build, subject, SINGLE_NODES))
-            world.start()
-            world.pin()
-            victims[subject.name] = iter(world.processes()[1])
+            sandbox = stack.enter_context(Sandbox(build, subject, SINGLE_NODES))
+            sandbox.start()
+            sandbox.pin()
+            victims[subject.name] = iter(sandbox.processes()[1])
         for _ in range(rounds):
             for name, pids in victims.items():
                 table.add(name, kill(build, [next(pids)])[0])
@@ -46,7 +48,7 @@ def measure_single(build, rounds):
 
 
 def processor_time(pid):
-    """Seconds for which the process has run."""
+    """The processor time of the process in seconds."""
     schedstat = pathlib.Path(f"/proc/{pid}/schedstat").read_text(encoding="ascii")
     return int(schedstat.split()[0]) / 1e9
 
@@ -55,20 +57,20 @@ def measure_mass(build, rounds):
     table, own = Table("s"), []
     for _ in range(rounds):
         for subject in (WAIT_FLOOR, CALLS_FLOOR, LAUNCHER, SUPERVISORD):
-            with World(build, subject, MASS_NODES) as world:
-                world.start()
-                world.pin()
-                _, nodes = world.processes()
-                before = processor_time(world.launcher())
+            with Sandbox(build, subject, MASS_NODES) as sandbox:
+                sandbox.start()
+                sandbox.pin()
+                _, nodes = sandbox.processes()
+                before = processor_time(sandbox.launcher())
                 _, whole = kill(build, nodes)
                 table.add(subject.name, whole)
                 if subject is LAUNCHER:
-                    own.append((processor_time(world.launcher()) - before) / whole)
+                    own.append((processor_time(sandbox.launcher()) - before) / whole)
     return table, own
 
 
 def measure(build, quick):
-    """Seconds of each subject, and the share of the launcher's own work."""
+    """The seconds of each subject, and the share of the launcher's own work."""
     single = measure_single(build, QUICK_ROUNDS if quick else ROUNDS)
     mass, own = measure_mass(build, QUICK_MASS_ROUNDS if quick else MASS_ROUNDS)
     return {

@@ -1,4 +1,4 @@
-"""Idle: what supervisors do while their 100 nodes do nothing."""
+"""Idle: the activity of supervisors while their 100 nodes do nothing."""
 
 import contextlib
 import pathlib
@@ -6,15 +6,16 @@ import subprocess
 import time
 
 from harness.subjects import LAUNCHER, LAUNCHER_DYNAMIC, PEERS
-from harness.world import World
+from harness.sandbox import Sandbox
 
 NODES = 100
 SECONDS, QUICK_SECONDS = 30, 5
-SETTLING = 6  # some peers look again 5 s after their start
+SETTLING = 6  # some supervisors check again 5 s after their start
 
 
 def scheduling(pids):
-    """Nanoseconds on a processor and how often one was given, of all together."""
+    """The processor time in nanoseconds and the number of wake-ups, of all processes
+    together."""
     run = given = 0
     for pid in pids:
         text = pathlib.Path(f"/proc/{pid}/schedstat").read_text(encoding="ascii")
@@ -24,8 +25,8 @@ def scheduling(pids):
 
 
 def count_calls(pids, seconds):
-    """Starts to count the system calls."""
-    # Not by ptrace, which itself interrupts what waits.
+    """Starts counting the system calls."""
+    # Not with ptrace, which interrupts waiting processes.
     return subprocess.Popen(
         ["perf", "stat", "-x,", "-e", "raw_syscalls:sys_enter",
          "-p", ",".join(map(str, pids)), "sleep", str(seconds)],
@@ -33,8 +34,8 @@ def count_calls(pids, seconds):
 
 
 def calls_counted(said, wake_ups):
-    """By the output of perf, which counts nothing of what has not run at all;
-    None if it could not count."""
+    """The count in the output of perf, which lists no process that has not run; None if
+    perf could not count."""
     number = said.split(",")[0]
     if number.isdigit():
         return int(number)
@@ -42,15 +43,15 @@ def calls_counted(said, wake_ups):
 
 
 def measure(build, quick):
-    """Of each subject: system calls, wake-ups and seconds of processor time."""
+    """The system calls, wake-ups and processor seconds of each subject."""
     seconds = QUICK_SECONDS if quick else SECONDS
     result = {"seconds": seconds, "nodes": NODES, "subjects": {}}
     with contextlib.ExitStack() as stack:
         watched = {}
         for subject in (LAUNCHER, LAUNCHER_DYNAMIC, *PEERS):
-            world = stack.enter_context(World(build, subject, NODES))
-            world.start()
-            watched[subject.name] = world.processes()[0]
+            sandbox = stack.enter_context(Sandbox(build, subject, NODES))
+            sandbox.start()
+            watched[subject.name] = sandbox.processes()[0]
         time.sleep(SETTLING)
         before = {name: scheduling(pids) for name, pids in watched.items()}
         counters = {name: count_calls(pids, seconds) for name, pids in watched.items()}

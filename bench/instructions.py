@@ -1,9 +1,9 @@
-"""Instructions of the launcher's usual work, compared with those that were kept.
+"""Instructions of the launcher's usual work, compared with the recorded baseline.
 
     instructions.py [--build DIRECTORY] [--update]
 
-Fails when one of them has grown by more than 5 %. Each is the difference of two
-runs that differ in nothing else, so that what is done once does not count.
+Fails if one of them has grown by more than 5 %. Each is the difference of two runs that
+differ in nothing else, so that one-time work does not count.
 """
 
 import argparse
@@ -14,7 +14,7 @@ import sys
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
 
-from harness.world import ROOT  # noqa: E402
+from harness.sandbox import ROOT  # noqa: E402
 
 from harness.callgrind import profiled  # noqa: E402
 from harness.subjects import LAUNCHER, launcher  # noqa: E402
@@ -28,23 +28,23 @@ ONESHOT = launcher(keys="    oneshot: true\n")
 
 
 def started(build, count):
-    """The profile of a launcher that starts so many nodes."""
+    """The profile of a launcher that starts this number of nodes."""
     with profiled(build, LAUNCHER, count) as found:
         return found.end()
 
 
 def asked(build, requests):
-    """The profile of a launcher of 10 nodes with so many STATUS requests."""
+    """The profile of a launcher of 10 nodes with this number of STATUS requests."""
     with profiled(build, LAUNCHER, 10) as found:
-        Served(build, found.world, LAUNCHER, asked_nodes(10)).ask(requests)
+        Served(build, found.sandbox, LAUNCHER, asked_nodes(10)).ask(requests)
         found.wait_until_idle()
         return found.end()
 
 
 def reaped(build, deaths):
-    """The profile of a launcher that so many of 40 nodes die of."""
+    """The profile of a launcher with 40 nodes, of which this number dies."""
     with profiled(build, ONESHOT, 40) as found:
-        for pid in sorted(found.world.processes()[1])[:deaths]:
+        for pid in sorted(found.sandbox.processes()[1])[:deaths]:
             os.kill(pid, 9)
             eventually(lambda: not os.path.exists(f"/proc/{pid}"), "it is collected")
             found.wait_until_idle()
@@ -69,7 +69,7 @@ def count(build):
 
 
 def compare(counts, kept):
-    """Prints both; returns what has grown too much."""
+    """Prints both; returns the operations that have grown too much."""
     grown = []
     for name, number in counts.items():
         growth = number / kept[name] - 1

@@ -1,17 +1,17 @@
-"""Load of a launch file: how the time grows with it, and where it goes."""
+"""Reading of a launch file: the time by size, and its distribution."""
 
 import dataclasses
 
 from harness.callgrind import profiled
 from harness.figures import Table, summary
 from harness.subjects import LAUNCHER, NODE_PATH, node_name
-from harness.world import World
+from harness.sandbox import Sandbox
 
 COUNTS = (10, 100, 1000, 5000, 10000)
 ROUNDS, QUICK_ROUNDS = 7, 2
 PROFILED, QUICK_PROFILED = 5000, 500
 
-# The last node alone is started, and says that the file has been read.
+# Only the last node is started, and indicates that the file has been read.
 KEYS = """\
     argv: --rate 30 --camera front
     required: [{other}]
@@ -36,7 +36,7 @@ SUBJECT = dataclasses.replace(LAUNCHER, prepare=_prepare)
 
 
 def profile(build, count):
-    """The shares of the instructions by whom they are spent for."""
+    """The shares of the instructions by component."""
     with profiled(build, SUBJECT, count, expected=1) as launcher:
         found = launcher.end()
 
@@ -46,7 +46,7 @@ def profile(build, count):
     def is_library(function):
         return "YAML::" in function and not is_ours(function)
 
-    # What our functions spend, less what they have the library do; it does not
+    # The instructions of our functions without those of the library, which does not
     # call ours.
     library = sum(cost for caller, called, _, cost in found.calls
                   if is_ours(caller) and is_library(called))
@@ -57,12 +57,12 @@ def profile(build, count):
 
 
 def measure(build, quick):
-    """By number of nodes: seconds; and the profile of a large file."""
+    """The seconds by number of nodes, and the profile of a large file."""
     table = Table("s")
     for _ in range(QUICK_ROUNDS if quick else ROUNDS):
         for count in COUNTS:
-            with World(build, SUBJECT, count) as world:
-                table.add(str(count), world.start(1))
+            with Sandbox(build, SUBJECT, count) as sandbox:
+                table.add(str(count), sandbox.start(1))
     return {
         "unit": "s",
         "counts": {count: summary(values) for count, values in table.values.items()},

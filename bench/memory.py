@@ -5,12 +5,12 @@ import re
 
 from harness.figures import summary
 from harness.subjects import LAUNCHER, LAUNCHER_DYNAMIC, PEERS, Subject
-from harness.world import World
+from harness.sandbox import Sandbox
 
 COUNTS = (10, 100, 1000, 5000)
 QUICK_COUNTS = (10, 100)
 ROUNDS = 3
-MANY = 1000  # from here on one round; the figures differ by next to nothing
+MANY = 1000  # from here on one round, because the values hardly differ
 FIELDS = {"pss": ("Pss",), "private": ("Private_Clean", "Private_Dirty"),
           "private_dirty": ("Private_Dirty",)}
 
@@ -32,8 +32,8 @@ def memory_of(pid):
             for name, fields in FIELDS.items()}
 
 
-def measure_world(world):
-    supervisors, _ = world.processes()
+def measure_sandbox(sandbox):
+    supervisors, _ = sandbox.processes()
     found = [memory_of(pid) for pid in supervisors]
     return {"processes": len(found),
             **{name: sum(one[name] for one in found) for name in FIELDS}}
@@ -42,15 +42,15 @@ def measure_world(world):
 def measure_subject(build, subject, count, rounds, expected=None):
     results = []
     for _ in range(rounds):
-        with World(build, subject, count) as world:
-            world.start(expected)
-            results.append(measure_world(world))
+        with Sandbox(build, subject, count) as sandbox:
+            sandbox.start(expected)
+            results.append(measure_sandbox(sandbox))
     return {name: summary([result[name] for result in results])
             for name in results[0]}
 
 
 def bytes_per_node(by_count, subject, field):
-    """From the fewest to the most nodes that the subject was measured with."""
+    """The smallest and the largest number of nodes of the subject."""
     counts = [count for count in by_count if subject in by_count[count]["subjects"]]
     first, last = counts[0], counts[-1]
     if first == last:
@@ -60,7 +60,7 @@ def bytes_per_node(by_count, subject, field):
 
 
 def measure(build, quick):
-    """KiB by number of nodes, subject and kind of memory, and bytes a node."""
+    """KiB by number of nodes, subject and kind of memory, and bytes per node."""
     rounds = 1 if quick else ROUNDS
     result = {"unit": "KiB", "floors": {}, "counts": {}, "bytes_per_node": {}}
     for subject in FLOORS:
@@ -69,7 +69,7 @@ def measure(build, quick):
         subjects, capped = {}, {}
         for subject in (LAUNCHER, LAUNCHER_DYNAMIC, *PEERS):
             if count > subject.limit:
-                capped[subject.name] = subject.because
+                capped[subject.name] = subject.limit_reason
                 continue
             subjects[subject.name] = measure_subject(
                 build, subject, count, rounds if count < MANY else 1)

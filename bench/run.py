@@ -1,6 +1,6 @@
-"""Measures the launcher beside small floors and its peers; ./bench.sh runs it.
+"""Measures the launcher, lower bounds and other supervisors; ./bench.sh runs it.
 
-The results go to a JSON file, the ratios into a plot beside it.
+Writes the results to a JSON file, and the ratios to a plot next to it.
 """
 
 import argparse
@@ -17,7 +17,7 @@ import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
 
-from harness.world import ROOT  # noqa: E402
+from harness.sandbox import ROOT  # noqa: E402
 
 from harness import plot, report  # noqa: E402
 
@@ -25,7 +25,7 @@ MEASUREMENTS = ("start", "memory", "idle", "status", "deaths", "stops", "load")
 
 
 def machine():
-    """What the figures depend on."""
+    """The conditions of the measurement."""
     processor = re.search(r"^model name\s*: (.*)$",
                           pathlib.Path("/proc/cpuinfo").read_text("utf-8"), re.M)
     return {
@@ -52,9 +52,10 @@ def parse_arguments():
 def main():
     options = parse_arguments()
     if os.geteuid() == 0:
-        # All that is measured alike: less of what else the machine does.
+        # A higher priority for everything that is measured, to reduce the effect of
+        # other work.
         os.setpriority(os.PRIO_PROCESS, 0, -15)
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # not without a clean-up
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # with a clean-up
     options.output.mkdir(parents=True, exist_ok=True)
     path = options.output / "results.json"
     results = {"machine": machine(), "quick": options.quick, "measurements": {},

@@ -3,7 +3,7 @@
 from harness.figures import Table
 from harness.subjects import LAUNCHER, LAUNCHER_DYNAMIC, PEERS, START_FLOOR
 from harness.subjects import floor
-from harness.world import DidNotStart, World
+from harness.sandbox import DidNotStart, Sandbox
 
 SUBJECTS = (
     START_FLOOR,
@@ -19,8 +19,8 @@ QUICK_PEER_LIMIT = 100
 
 
 def left_out(count, quick):
-    """Who does not take part, and why."""
-    capped = {subject.name: subject.because
+    """The subjects that are left out, and the reasons."""
+    capped = {subject.name: subject.limit_reason
               for subject in SUBJECTS if count > subject.limit}
     if quick and count > QUICK_PEER_LIMIT:
         capped.update({peer.name: "takes part in the full run alone"
@@ -35,14 +35,15 @@ def measure_count(build, count, rounds, quick):
             if subject.name in capped:
                 continue
             try:
-                with World(build, subject, count) as world:
-                    table.add(subject.name, world.start())
+                with Sandbox(build, subject, count) as sandbox:
+                    table.add(subject.name, sandbox.start())
             except DidNotStart as error:
                 capped[subject.name] = str(error)
     return {**table.as_json(START_FLOOR.name), "capped": capped}
 
 
 def measure(build, quick):
-    """By number of nodes: the seconds of each subject, and who was left out."""
+    """The seconds of each subject by number of nodes, and the subjects that were left
+    out."""
     rounds = QUICK_ROUNDS if quick else ROUNDS
     return {str(n): measure_count(build, n, rounds[n], quick) for n in rounds}

@@ -1,4 +1,4 @@
-"""STATUS: requests per second and latencies through a raw client."""
+"""STATUS: requests per second and latencies, measured by a raw client."""
 
 import array
 import contextlib
@@ -7,7 +7,7 @@ import subprocess
 from harness.figures import Table, percentile
 from harness.subjects import LAUNCHER, LAUNCHER_DYNAMIC, SUPERVISORD, Subject
 from harness.subjects import node_name
-from harness.world import BESIDE, World
+from harness.sandbox import NEXT_TO_SANDBOX, Sandbox
 from support.control import REQUEST, RESPONSE, Cmd, pack_request
 from support.waiting import eventually
 
@@ -20,7 +20,7 @@ FLOOR = Subject("floor", lambda bench, count: ["/tmp/bench/bench-status-floor"],
 
 
 def asked_nodes(count):
-    """All nodes, far from in order."""
+    """All nodes, in a mixed order."""
     return [node_name(i * 7919 % count) for i in range(count)]
 
 
@@ -42,10 +42,10 @@ def supervisord_requests(names):
 
 
 class Served:
-    """A world that answers requests."""
+    """A sandbox with a program that answers requests."""
 
-    def __init__(self, build, world, subject, names):
-        self._build, self._world = build, world
+    def __init__(self, build, sandbox, subject, names):
+        self._build, self._sandbox = build, sandbox
         if subject is SUPERVISORD:
             self.socket, self.count = "bench/socket", REQUESTS_OF_SUPERVISORD
             self.requests, self.reply_size = supervisord_requests(names), 0
@@ -55,15 +55,15 @@ class Served:
             self.requests = launcher_requests(names)
             self.reply_size = RESPONSE.size
             self.record_size = REQUEST.size
-        eventually((world.tmp / self.socket).exists, "the socket is there")
-        world.pin()
+        eventually((sandbox.tmp / self.socket).exists, "the socket is there")
+        sandbox.pin()
 
     def ask(self, count=None):
-        """Nanoseconds: of all requests together, then of each."""
+        """The nanoseconds of all requests together, then of each."""
         client = subprocess.run(
-            [*BESIDE, self._build / "bin/bench-client", self.socket,
+            [*NEXT_TO_SANDBOX, self._build / "bin/bench-client", self.socket,
              str(self.record_size), str(self.reply_size), str(count or self.count)],
-            cwd=self._world.tmp, input=self.requests, stdout=subprocess.PIPE,
+            cwd=self._sandbox.tmp, input=self.requests, stdout=subprocess.PIPE,
             check=True)
         times = array.array("q", client.stdout)
         return times[0], list(times[1:])
@@ -77,9 +77,9 @@ def measure_count(build, count, rounds):
     with contextlib.ExitStack() as stack:
         served = {}
         for subject in subjects:
-            world = stack.enter_context(World(build, subject, count))
-            world.start(0 if subject is FLOOR else None)
-            served[subject.name] = Served(build, world, subject, asked_nodes(count))
+            sandbox = stack.enter_context(Sandbox(build, subject, count))
+            sandbox.start(0 if subject is FLOOR else None)
+            served[subject.name] = Served(build, sandbox, subject, asked_nodes(count))
             served[subject.name].ask()  # the first ones find cold caches
         for _ in range(rounds):
             for name, one in served.items():
@@ -95,12 +95,12 @@ def measure_count(build, count, rounds):
             for name, values in latencies.items()
         },
         "capped": {} if SUPERVISORD in subjects
-        else {SUPERVISORD.name: SUPERVISORD.because},
+        else {SUPERVISORD.name: SUPERVISORD.limit_reason},
     }
 
 
 def measure(build, quick):
-    """By number of nodes: rates and latencies, and their ratios to the floor."""
+    """Rates and latencies by number of nodes, and their ratios to the lower bound."""
     rounds = QUICK_ROUNDS if quick else ROUNDS
     return {str(count): measure_count(build, count, rounds)
             for count in (COUNTS[:2] if quick else COUNTS)}

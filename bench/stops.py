@@ -1,5 +1,5 @@
-"""Stop and shutdown, and where the time goes: into the fixed pauses, into the
-process table's pipelines, or into the launcher."""
+"""The time of a stop and of a shutdown: fixed pauses, pipelines that read the process
+table, and the launcher."""
 
 import contextlib
 import os
@@ -12,7 +12,7 @@ import time
 from deaths import processor_time
 from harness.figures import summary
 from harness.subjects import LAUNCHER, node_name
-from harness.world import World
+from harness.sandbox import Sandbox
 from support import control
 from support.control import Cmd, Result
 from support.waiting import PATIENCE
@@ -24,7 +24,7 @@ CALL = re.compile(r" *(?P<begin>[\d.]+) \( *(?P<length>[\d.]+) ms\): .*?"
 
 
 def _parts(trace, begin_calls=("vfork", "clone3", "clone")):
-    """Seconds in pauses and in pipelines, by the output of perf trace."""
+    """The seconds in pauses and in pipelines, from the output of perf trace."""
     pauses = pipelines = 0.0
     begin = None
     for line in trace.splitlines():
@@ -48,7 +48,7 @@ def traced(pid, path):
     perf = subprocess.Popen(
         ["perf", "trace", "-p", str(pid), "-o", path, "-e",
          "clock_nanosleep,vfork,clone,clone3,wait4"], stderr=subprocess.DEVNULL)
-    time.sleep(0.5)  # perf does not tell when it has begun
+    time.sleep(0.5)  # perf does not report its start
     try:
         yield
     finally:
@@ -56,10 +56,10 @@ def traced(pid, path):
         perf.wait()
 
 
-def _measure(world, act):
-    """Runs `act`; seconds in all, and the shares of it."""
-    pid = world.launcher()
-    path = world.tmp / "perf"
+def _measure(sandbox, act):
+    """Runs `act`; returns the total seconds and their shares."""
+    pid = sandbox.launcher()
+    path = sandbox.tmp / "perf"
     with traced(pid, path):
         before, begin = processor_time(pid), time.monotonic()
         act()
@@ -70,16 +70,16 @@ def _measure(world, act):
             "rest": 1 - (pauses + pipelines) / whole, "own processor time": own / whole}
 
 
-def _stop(world):
+def _stop(sandbox):
     def act():
-        response = control.exchange(world.tmp / "vornlaunch", Cmd.STOP, node_name(3))
+        response = control.exchange(sandbox.tmp / "vornlaunch", Cmd.STOP, node_name(3))
         assert response.result == Result.SUCCESS
 
-    return _measure(world, act)
+    return _measure(sandbox, act)
 
 
-def _shut_down(world):
-    pid = world.launcher()
+def _shut_down(sandbox):
+    pid = sandbox.launcher()
 
     def act():
         with os.fdopen(os.pidfd_open(pid)) as process:
@@ -87,7 +87,7 @@ def _shut_down(world):
             ended, _, _ = select.select([process], [], [], PATIENCE)
         assert ended, "the launcher has not ended"
 
-    return _measure(world, act)
+    return _measure(sandbox, act)
 
 
 def _summaries(results):
@@ -95,14 +95,14 @@ def _summaries(results):
 
 
 def measure(build, quick):
-    """Of one stop and of a shutdown of 10 nodes: seconds and shares."""
+    """The seconds and shares of one stop and of a shutdown of 10 nodes."""
     stops, shutdowns = [], []
     for _ in range(QUICK_ROUNDS if quick else ROUNDS):
-        with World(build, LAUNCHER, NODES) as world:
-            world.start()
-            stops.append(_stop(world))
-        with World(build, LAUNCHER, NODES) as world:
-            world.start()
-            shutdowns.append(_shut_down(world))
+        with Sandbox(build, LAUNCHER, NODES) as sandbox:
+            sandbox.start()
+            stops.append(_stop(sandbox))
+        with Sandbox(build, LAUNCHER, NODES) as sandbox:
+            sandbox.start()
+            shutdowns.append(_shut_down(sandbox))
     return {"stop of one of 10 nodes": _summaries(stops),
             "shutdown of 10 nodes": _summaries(shutdowns)}

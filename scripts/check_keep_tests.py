@@ -1,7 +1,7 @@
 """Checks that every test that a KEEP: comment names exists.
 
-A comment names a unit test as "Test: Suite.Name" and a whole-program test as
-"Test: test_file.py, test_name". Exit status: 1 when one is missing.
+A comment names a unit test as "Test: Suite.Name" and a whole-program test as "Test:
+test_file.py, test_name". Exit status: 1 if a test is missing.
 """
 
 import pathlib
@@ -26,7 +26,7 @@ def files_below(*patterns):
 
 
 def existing_tests():
-    """Every test there is, as (suite or file, name)."""
+    """Every existing test, as (suite or file, name)."""
     tests = set()
     for path in files_below("*_test.cpp"):
         tests.update(UNIT_TEST.findall(path.read_text(encoding="utf-8")))

@@ -36,7 +36,7 @@ def layer_of(path):
 
 
 def resolve(source, included, files):
-    """The file of the project that an include means, or None."""
+    """The file of the project that an include names, or None."""
     here = source.rpartition("/")[0] + "/"
     for directory in [here, *INCLUDE_PATH]:
         if directory + included in files:

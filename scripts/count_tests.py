@@ -3,8 +3,8 @@
 
     count_tests.py [--allow-skips] DIRECTORY
 
-A skipped test is one that should have run. Exit status: 1 when a test failed,
-none ran, or one was skipped without --allow-skips.
+A skipped test counts as failed. Exit status: 1 if a test failed, none ran, or one was
+skipped without --allow-skips.
 """
 
 import argparse
@@ -32,7 +32,7 @@ def count(paths):
 
 
 def report_skips(skipped, are_allowed):
-    """Says on standard error why tests were skipped, and what to do."""
+    """Prints the reasons of skipped tests and the remedy on standard error."""
     bar = "!" * 72
     print(f"{bar}\n{skipped.total()} TESTS WERE SKIPPED:", file=sys.stderr)
     for reason, number in skipped.most_common():

@@ -8,8 +8,8 @@ A mutant is caught if a test fails or exceeds a time limit. The unit tests of
 the mutant's area come first, then all unit tests, then the whole-program tests,
 until one fails.
 
-mutants_equivalent.txt, beside this file, names the mutants that no test can
-catch, and why. Exit status: 1 when fewer than 95 % of the others are caught.
+mutants_equivalent.txt, next to this file, lists the mutants that no test can catch,
+with the reasons. Exit status: 1 if fewer than 95 % of the others are caught.
 """
 
 import argparse
@@ -39,7 +39,7 @@ SOURCES = (
     "tools/vornlaunch/src/*.h",
 )
 PYTEST = ["/usr/bin/python3", "-B", "-m", "pytest", "-p", "no:cacheprovider"]
-# In percent. What no test can catch does not count.
+# In percent. Mutants that no test can catch do not count.
 WANTED = 95
 BUILD_LIMIT = 3600.0  # seconds
 
@@ -65,15 +65,15 @@ class Mutant:
     path: str  # below ROOT
     start: int  # of the fault
     text: str  # the whole file
-    what: str  # the kind of fault
-    fault: str  # what exactly
+    what: str  # the category of the fault
+    fault: str  # the exact change
     place: str  # the source lines, spaces between words single
     line: int
-    number: int = 1  # among equal faults of equal lines, from 1
+    number: int = 1  # the number among equal faults in equal lines, from 1
 
     @property
     def key(self):
-        """What identifies it as long as the line stays as it is."""
+        """Identifies it as long as the line is unchanged."""
         return (self.path, self.place, self.fault, self.number)
 
     def __str__(self):
@@ -95,7 +95,7 @@ TOKEN = re.compile(
 
 
 def tokens_of(text):
-    """The tokens of the text but for space, comments and directives."""
+    """The tokens of the text without space, comments and directives."""
     return [
         Token(match.lastgroup, match[0], match.start())
         for match in TOKEN.finditer(text)
@@ -103,7 +103,7 @@ def tokens_of(text):
     ]
 
 
-# Between spaces these compare; without them angle brackets hold types.
+# Between spaces these are comparisons; otherwise angle brackets contain types.
 COMPARISONS = {
     "==": ["!="],
     "!=": ["=="],
@@ -212,7 +212,7 @@ class File:
     # -- The text.
 
     def _pair_brackets(self):
-        """By index, for each bracket the other one."""
+        """The index of the matching bracket for each bracket."""
         partner, open_ones = {}, []
         for index, token in enumerate(self.tokens):
             if token.kind != "sign":
@@ -225,8 +225,8 @@ class File:
         return partner
 
     def _exempt_tokens(self):
-        """The tokens whose change the compiler is there to refuse, or that are
-        only names: static_assert(), attributes, using declarations."""
+        """Tokens that the compiler checks, or that are only names: static_assert(),
+        attributes, using declarations."""
         exempt = set()
         for index, token in enumerate(self.tokens):
             if token.text in ("static_assert", "__attribute__"):
@@ -319,7 +319,7 @@ class File:
             self._drop_return(index)
 
     def _negate(self, begin):
-        """Negates a condition that holds no comparison to swap."""
+        """Negates a condition without a comparison to swap."""
         end = self.partner[begin]
         inside = self.tokens[begin + 1 : end]
         signs = {token.text for token in inside if token.kind == "sign"}
@@ -328,12 +328,12 @@ class File:
         ):
             return
         if inside[0].text == "!" and not signs & {"&&", "||"}:
-            return  # to drop the ! is the same
+            return  # dropping the ! is the same
         start, stop = inside[0].start, inside[-1].end
         self._add("negation", "negated", start, stop, f"!({self.text[start:stop]})")
 
     def _drop_return(self, index):
-        """Drops a return that has more of its function behind it."""
+        """Drops a return that is not at the end of its function."""
         end = index
         while self.tokens[end].text != ";":
             end = self.partner.get(end, end) + 1
@@ -367,7 +367,7 @@ class File:
             if text in "{}:" or text == "else":
                 begin = index + 1
             elif text in ("if", "while", "for", "switch") and index == begin:
-                # Nothing in the brackets is a statement of its own.
+                # The brackets contain no separate statement.
                 index = self.partner[index + 1]
                 begin = index + 1
             elif text == "(" or text == "[":
@@ -387,7 +387,7 @@ class File:
         if self.tokens[end - 1].text in ("const", "override", "delete", "default"):
             return False
         if first.text == "(" and second.text == ")":
-            return False  # the end of a lambda that is called at once
+            return False  # the end of an immediately called lambda
         index = begin
         if first.text == "(":
             index = self.partner[begin] + 1  # (void)
@@ -411,7 +411,7 @@ class File:
         return before.text in ("const", "noexcept", "]", "Command")
 
     def _is_in_code(self, index):
-        """In a function's body, not in a class or a namespace."""
+        """Whether it is in a function's body, not in a class or a namespace."""
         while index >= 0:
             text = self.tokens[index].text
             if text in ")]}" and index in self.partner:
@@ -431,7 +431,7 @@ class File:
             self._add("statement", "dropped", start, stop, ";")
 
     def _swap(self, first, second):
-        """Exchanges two statements that follow each other in one block."""
+        """Exchanges two consecutive statements of a block."""
         if first[1] + 1 != second[0]:
             return
         if self.tokens[first[0] - 1].text == ")":
@@ -447,7 +447,7 @@ class File:
         (start, middle), (resume, stop) = spans
         text = self.text
         swapped = text[resume:stop] + text[middle:resume] + text[start:middle]
-        # A comment at a line's end must not swallow what comes behind it.
+        # A comment at the end of a line must not hide the following statement.
         self._add("order", "swapped with the next", start, stop, swapped)
 
 
@@ -497,8 +497,8 @@ def sample(mutants, size, seed):
 
 # ---- Building and testing.
 
-# Process 1 of the namespaces. Only the mutant's own directory can be written to;
-# /tmp is empty, in memory, and goes with the namespaces.
+# Process 1 of the namespaces. Only the mutant's own directory is writable; /tmp is
+# empty, in memory, and disappears with the namespaces.
 SANDBOX = """
 set -e
 mount --make-rprivate /
@@ -527,8 +527,8 @@ class Workplace:
         self.changed = None  # the path of the mutant and its text without fault
 
     def run(self, *command, limit):
-        """The exit status of the command, and what it said."""
-        # What runs there ends with this program, even when that is killed.
+        """The exit status and the output of the command."""
+        # Its processes terminate with this program, even if it is killed.
         unshare = ["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--pid",
                    "--net", "--fork", "--kill-child", "--mount-proc"]  # fmt: skip
         if os.geteuid() != 0:
@@ -550,7 +550,7 @@ class Workplace:
             return process.returncode, output.read().decode(errors="replace")
 
     def put(self, mutant):
-        """Makes the tree hold this mutant and no other."""
+        """Puts this mutant into the tree, and removes the previous one."""
         if self.changed is not None and self.changed[0] != mutant.path:
             path, text = self.changed
             (self.directory / path).write_text(text, encoding="utf-8")
@@ -603,7 +603,7 @@ class Tester:
         for number in range(1, jobs):
             directory = work / str(number)
             shutil.copytree(first.directory, directory, symlinks=True)
-            # copytree keeps the times, so nothing is built anew.
+            # copytree preserves the times, so nothing is rebuilt.
             self.free.put(Workplace(directory, self.seen_as))
         self.free.put(first)
 
@@ -627,7 +627,7 @@ class Tester:
             sys.exit("the sources without a fault cannot be built:\n" + said)
 
     def _measure(self, place):
-        """The time limits, from what the tests take without a fault."""
+        """The time limits, from the duration of the tests without a fault."""
         limits = {}
         for suite, command in (
             ("unit", self._unit()),
@@ -654,12 +654,12 @@ class Tester:
         return [*PYTEST, "-q", "-x", "-n8", "--tb=no", "--build=build", *SYSTEM]
 
     def _suites(self, mutant):
-        """What to build and to run, in this order: name, target, command."""
+        """The steps of a test, in this order: name, target, command."""
         path = pathlib.PurePath(mutant.path)
         area = self._unit("-R", suites_of(path) or "-")
         system = ("system", "vornlaunch", self._system())
         if path.suffix == ".h":
-            # It takes every unit test's source to build anew.
+            # It rebuilds the sources of all unit tests.
             return [system, ("unit", "all", self._unit())]
         if path.name == "vornlaunch.cpp":
             return [system]  # the entry is in no unit test
@@ -671,8 +671,8 @@ class Tester:
                 ("unit", "vornlaunch_tests", others), system]  # fmt: skip
 
     def test(self, mutant):
-        """Where the mutant was caught: a suite's name, "build" when it does not
-        compile, None when it survived."""
+        """The suite that caught the mutant, "build" if it does not compile, None if it
+        survived."""
         place = self.free.get()
         try:
             place.put(mutant)
@@ -694,7 +694,7 @@ class Tester:
 
 
 def print_table(title, results, key):
-    """Counts by `key` of the mutant."""
+    """The counts by `key` of the mutant."""
     columns = ["area", "unit", "system", "time", "survived"]
     counts = collections.defaultdict(collections.Counter)
     for mutant, caught in results:

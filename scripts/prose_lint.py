@@ -17,7 +17,7 @@ import sys
 
 HERE = pathlib.Path(__file__).parent
 ROOT = HERE.parent
-# What can separate two words of a comment or of a string literal.
+# Characters that can separate two words of a comment or of a string literal.
 GAP = r"""(?:[ "'\\]*\n[\s#/*"'>]*| +)"""
 
 

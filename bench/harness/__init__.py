@@ -1,1 +1,1 @@
-"""What the measurements share."""
+"""The common code of the measurements."""

@@ -15,12 +15,12 @@ def percentile(values, percent):
 
 
 def ratios(values, base):
-    """The summary of the ratios round by round."""
+    """The summary of the ratios in each round."""
     return summary([value / other for value, other in zip(values, base)])
 
 
 class Table:
-    """Rounds of figures by subject: the same round has the same conditions."""
+    """Rounds of values by subject: the values of a round have the same conditions."""
 
     def __init__(self, unit):
         self.unit = unit
@@ -30,9 +30,8 @@ class Table:
         self.values.setdefault(subject, []).append(value)
 
     def as_json(self, base, other="vornlaunch"):
-        """Every subject's summary, with its ratios to `base` and to `other`, and
-        the ratio of the medians to `base`, on which a disturbed round has less
-        influence."""
+        """Every subject's summary, with its ratios to `base` and to `other`, and the
+        ratio of the medians to `base`, which is less sensitive to a disturbed round."""
         medians = {name: statistics.median(values)
                    for name, values in self.values.items()}
         return {

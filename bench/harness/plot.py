@@ -1,4 +1,4 @@
-"""The results as a picture."""
+"""A plot of the results."""
 
 
 def _start(axis, found):
@@ -37,12 +37,12 @@ def _load(axis, found):
 
 
 def draw(measurements, path):
-    """Draws as SVG what there is of start, memory, status and load."""
-    import matplotlib  # a slow import, at the end
+    """Draws the available results of start, memory, status and load as SVG."""
+    import matplotlib  # a slow import, therefore late
 
     matplotlib.use("svg")
     matplotlib.rcParams["svg.hashsalt"] = "bench"
-    matplotlib.rcParams["svg.fonttype"] = "none"  # text, not outlines
+    matplotlib.rcParams["svg.fonttype"] = "none"  # keep text as text, not as outlines
     from matplotlib import pyplot
 
     forms = {"start": _start, "memory": _memory, "status": _status, "load": _load}

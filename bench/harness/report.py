@@ -10,7 +10,7 @@ def _number(value):
 
 
 def _range(found, scale=1.0):
-    """A summary: the median, and from where to where."""
+    """A summary: the median and the range."""
     return (f"{_number(found['median'] * scale)} "
             f"({_number(found['min'] * scale)} to {_number(found['max'] * scale)})")
 
@@ -22,7 +22,7 @@ def _table(heads, rows):
 
 
 def _timed(found, unit, scale):
-    """Figures with their ratios to the base."""
+    """Values with their ratios to the base."""
     rows = [
         (name, _range(one, scale), _range(one["ratio"]),
          _number(one["ratio of medians"]),

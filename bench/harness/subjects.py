@@ -1,9 +1,10 @@
-"""What is measured: floors, the launcher, and its peers from Debian."""
+"""The measured programs: lower bounds, the launcher, and other supervisors from
+Debian."""
 
 import dataclasses
 import os
 
-from harness.world import NODE
+from harness.sandbox import NODE
 
 NODE_PATH = f"/tmp/bench/{NODE}"
 
@@ -14,19 +15,20 @@ def node_name(index):
 
 @dataclasses.dataclass(frozen=True)
 class Subject:
-    """A supervisor. `prepare` writes its files into a world's directory bench for a
-    number of nodes and returns its command; `programs` are those of the build
-    that it needs there; it has at most `limit` nodes, `because` of that."""
+    """A supervisor. `prepare` writes its files for a number of nodes into the directory
+    bench of a sandbox and returns its command; `programs` are the programs of the build
+    that it needs there; it supports at most `limit` nodes, for the reason
+    `limit_reason`."""
 
     name: str
     prepare: object
     programs: tuple = ()
     limit: int = 1_000_000
-    because: str = ""
+    limit_reason: str = ""
 
 
 def launch_file_text(count, keys=""):
-    """`keys` are further lines of each node."""
+    """`keys` are additional lines of each node."""
     nodes = [f"  {node_name(i)}:\n    path: {NODE_PATH}\n{keys}" for i in range(count)]
     return "vornnode:\n" + "".join(nodes)
 
@@ -41,7 +43,7 @@ def launcher(program="vornlaunch", name=None, keys=""):
 
 
 def floor(name, program, *arguments):
-    """A small C program that is told how many nodes to start, and which."""
+    """A small C program; its arguments are the number of nodes and their program."""
     def prepare(_bench, count):
         return [f"/tmp/bench/{program}", count, NODE_PATH, *arguments]
 
@@ -66,7 +68,7 @@ def _supervisord(bench, count):
 
 
 def _service_directories(bench, count):
-    # The node itself is what runs, without a shell in between.
+    # The node runs without a shell.
     services = bench / "services"
     services.mkdir()
     for i in range(count):

@@ -7,6 +7,7 @@ import pathlib
 import signal
 import subprocess
 
+from support.process_tree import children_of
 from support.waiting import eventually
 
 # The changes are in memory and disappear with the mount namespace, which contains no
@@ -39,12 +40,11 @@ class Started:
 
     def __init__(self, process):
         self._process = process
-        children = pathlib.Path(f"/proc/{process.pid}/task/{process.pid}/children")
         pids = eventually(
-            lambda: process.poll() is not None
-            or children.read_text(encoding="ascii").split(), "it is started")
+            lambda: process.poll() is not None or children_of(process.pid),
+            "it is started")
         assert process.returncode is None, "it has ended at once"
-        self.host_pid = int(pids[0])
+        self.host_pid = pids[0]
 
     def signal(self, number):
         os.kill(self.host_pid, number)

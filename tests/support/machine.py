@@ -13,6 +13,7 @@ import sys
 from support import control
 from support.control import Cmd
 from support.log import parse_log
+from support.process_tree import children_of, status_fields
 from support.trace import on_every_machine
 from support.waiting import eventually
 
@@ -69,11 +70,6 @@ class Process:
 
     def signal(self, number):
         os.kill(self.host_pid, number)
-
-
-def _status_fields(host_pid):
-    text = pathlib.Path(f"/proc/{host_pid}/status").read_text(encoding="utf-8")
-    return dict(line.split(":\t", 1) for line in text.splitlines() if ":\t" in line)
 
 
 def machine_of(program):
@@ -324,18 +320,17 @@ class Machine:
     @property
     def _init(self):
         """The host's pid of process 1."""
-        children = f"/proc/{self.unshare.pid}/task/{self.unshare.pid}/children"
-        return int(pathlib.Path(children).read_text(encoding="ascii").split()[0])
+        return children_of(self.unshare.pid)[0]
 
     def processes(self):
         """Every process of the machine but process 1."""
         namespace = os.readlink(f"/proc/{self._init}/ns/pid")
         found = []
         for entry in os.listdir("/proc"):
-            if not entry.isdigit():
+            fields = status_fields(entry) if entry.isdigit() else {}
+            if not fields:
                 continue
             try:
-                fields = _status_fields(entry)
                 pids = fields["NSpid"].split()
                 # The namespace of a zombie cannot be read; it is in its list of pids.
                 own = len(pids) > 1 and (
@@ -358,14 +353,9 @@ class Machine:
 
     def _is_descendant(self, host_pid):
         init = self._init
-        try:
-            while host_pid not in (0, 1):
-                if host_pid == init:
-                    return True
-                host_pid = int(_status_fields(host_pid)["PPid"])
-        except (FileNotFoundError, ProcessLookupError):
-            pass
-        return False
+        while host_pid not in (0, 1, init):
+            host_pid = int(status_fields(host_pid).get("PPid", 0))
+        return host_pid == init
 
     def find_process(self, pid):
         """The process of this pid in the machine, or None."""

@@ -1,11 +1,12 @@
 """The launcher as /proc shows it, without a request to it."""
 
+import functools
 import os
-import pathlib
 import re
 import signal
 
-from support.process_tree import children_of, status_field, waits_in
+from support.blocking import NO_LIMIT, limit_of_wait
+from support.process_tree import children_of, read_proc, status_field
 from support.waiting import eventually
 
 # The signals that the launcher blocks for its signal descriptor, as a mask.
@@ -15,10 +16,7 @@ _ROUTED = 1 << (signal.SIGCHLD - 1) | 1 << (signal.SIGTERM - 1)
 def node_of(host_pid):
     """The node that a process runs; None before it has executed its program and while
     it exits."""
-    try:
-        environment = pathlib.Path(f"/proc/{host_pid}/environ").read_bytes()
-    except (FileNotFoundError, ProcessLookupError):
-        return None
+    environment = read_proc(host_pid, "environ")
     match = re.search(rb"(?:^|\0)__VORN_NODE_NAME__=(.*?)\(vornlaunch\)\0", environment)
     return match[1].decode() if match else None
 
@@ -82,14 +80,8 @@ class LauncherView:
             pending = int(status_field(self.host_pid, "ShdPnd") or "0", 16)
             if pending >> (signal.SIGCHLD - 1) & 1:
                 return False
-        if not (waits_in(self.host_pid, "epoll") or waits_in(self.host_pid, "ep_poll")):
-            return False
-        if without_limit:
-            # The number of the call, then its arguments; "running" while awake.
-            path = pathlib.Path(f"/proc/{self.host_pid}/syscall")
-            fields = path.read_text(encoding="ascii").split()
-            return len(fields) > 4 and int(fields[4], 16) & 0xFFFFFFFF == 0xFFFFFFFF
-        return True
+        limit = limit_of_wait(functools.partial(read_proc, self.host_pid))
+        return limit is not None and (not without_limit or limit == NO_LIMIT)
 
     def wait_until_quiet(self, **options):
         """Waits until it is quiet or has exited."""

@@ -1,5 +1,4 @@
-"""The launcher and its children as the host sees them, at low cost even for many
-children."""
+"""Processes as the host sees them in /proc. All pids are the host's."""
 
 import os
 import pathlib
@@ -8,25 +7,36 @@ import signal
 from support.waiting import eventually
 
 
-def _read(host_pid, file):
-    """A file in the process's /proc directory; "" if the process does not exist."""
+def read_proc(host_pid, file):
+    """The bytes of a file in the process's /proc directory; none if the process does
+    not exist."""
     try:
-        return pathlib.Path(f"/proc/{host_pid}/{file}").read_text(encoding="utf-8")
+        return pathlib.Path(f"/proc/{host_pid}/{file}").read_bytes()
     except (FileNotFoundError, ProcessLookupError):
-        return ""
+        return b""
+
+
+def status_fields(host_pid):
+    """The fields of /proc/PID/status; none if the process does not exist."""
+    lines = read_proc(host_pid, "status").decode().splitlines()
+    return dict(line.split(":\t", 1) for line in lines if ":\t" in line)
 
 
 def status_field(host_pid, field):
     """A field of /proc/PID/status; "" if the process does not exist."""
-    for line in _read(host_pid, "status").splitlines():
-        if line.startswith(field + ":"):
-            return line.split(":")[1].strip()
-    return ""
+    return status_fields(host_pid).get(field, "").strip()
 
 
 def children_of(host_pid):
-    """The host pids of a process's children, zombies included."""
-    return [int(pid) for pid in _read(host_pid, f"task/{host_pid}/children").split()]
+    """A process's children, zombies included."""
+    pids = read_proc(host_pid, f"task/{host_pid}/children").split()
+    return [int(pid) for pid in pids]
+
+
+def descendants_of(host_pid):
+    """A process's children and their descendants, zombies included."""
+    children = children_of(host_pid)
+    return children + [pid for child in children for pid in descendants_of(child)]
 
 
 def is_zombie(host_pid):
@@ -43,11 +53,11 @@ def is_stopped(host_pid):
 
 def waits_in(host_pid, kernel_function):
     """Whether the process sleeps in a kernel function of this kind."""
-    return kernel_function in _read(host_pid, "wchan")
+    return kernel_function.encode() in read_proc(host_pid, "wchan")
 
 
 class ProcessTree:
-    """The launcher of a machine, and its children; pids are the host's."""
+    """The launcher of a machine, and its children."""
 
     def __init__(self, machine, pid=None):
         self.pid = pid or machine.process.host_pid

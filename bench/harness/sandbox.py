@@ -1,5 +1,4 @@
-"""Namespaces of its own, a private /tmp included, for each supervisor that is
-measured."""
+"""Namespaces of its own, with a private /tmp, for each measured supervisor."""
 
 import os
 import pathlib
@@ -12,22 +11,23 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests"))
 
 from support.machine import INIT, PYTHON, unshare_command  # noqa: E402
+from support.process_tree import children_of, descendants_of  # noqa: E402
 from support.waiting import eventually  # noqa: E402
 
 NODE = "bench-node"
-# The command that runs a program beside a world that is pinned.
-BESIDE = ("taskset", "-c", str(min(os.sched_getaffinity(0))))
+# The prefix that runs a program next to a pinned sandbox.
+NEXT_TO_SANDBOX = ("taskset", "-c", str(min(os.sched_getaffinity(0))))
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8"}
 
 
 class DidNotStart(Exception):
-    """The supervisor has not started its nodes in the time it was given."""
+    """The supervisor has not started its nodes within the time limit."""
 
 
-class World:
-    """A supervisor with `count` nodes. `tmp` is its /tmp, where the directory bench
-    has the programs and the files of the run. To be used as a context; at its
-    end everything in it is killed."""
+class Sandbox:
+    """A supervisor with `count` nodes. `tmp` is its /tmp, where the directory bench has
+    the programs and the files of the run. Use it as a context, which kills everything
+    in it at its end."""
 
     def __init__(self, build, subject, count):
         self._build, self._subject, self._count = build, subject, count
@@ -35,7 +35,7 @@ class World:
         self.tmp = None
 
     def __enter__(self):
-        directory = self._build / "worlds"
+        directory = self._build / "sandboxes"
         directory.mkdir(exist_ok=True)
         self.tmp = pathlib.Path(tempfile.mkdtemp(prefix="w", dir=directory))
         self.tmp.chmod(0o755)
@@ -45,7 +45,7 @@ class World:
         for program in programs:
             shutil.copy2(self._build / "bin" / program, bench)
         command = self._subject.prepare(bench, self._count)
-        # A page of a file that is still to be written counts as private.
+        # A page that is not yet written to disk counts as private.
         os.sync()
         self._command = [str(part) for part in command]
         return self
@@ -83,30 +83,13 @@ class World:
             self._process.wait()
         shutil.rmtree(self.tmp)
 
-    def _descendants(self):
-        children = {}
-        for entry in os.listdir("/proc"):
-            if entry.isdigit():
-                try:
-                    stat = pathlib.Path(f"/proc/{entry}/stat").read_text("utf-8")
-                except (FileNotFoundError, ProcessLookupError):
-                    continue
-                parent = int(stat.rpartition(")")[2].split()[1])
-                children.setdefault(parent, []).append(int(entry))
-        # unshare, process 1, the stopwatch; then what is measured.
-        found = [self._process.pid]
-        for _ in range(2):
-            found = [child for pid in found for child in children.get(pid, [])]
-        descendants = []
-        while found:
-            found = [child for pid in found for child in children.get(pid, [])]
-            descendants += found
-        return descendants
-
     def processes(self):
         """The host pids of the supervising processes, and those of the nodes."""
         supervisors, nodes = [], []
-        for pid in self._descendants():
+        # Process 1 has the stopwatch as its child, which has the supervisor.
+        [init] = children_of(self._process.pid)
+        started = [pid for child in children_of(init) for pid in descendants_of(child)]
+        for pid in started:
             try:
                 program = os.path.basename(os.readlink(f"/proc/{pid}/exe"))
             except (FileNotFoundError, ProcessLookupError):
@@ -115,9 +98,8 @@ class World:
         return supervisors, nodes
 
     def pin(self):
-        """From now on everything in it runs on the last processor. The first is
-        for the one who measures; else it is a matter of chance whether they get
-        in each other's way."""
+        """Moves everything in it to the last processor. The measuring process uses the
+        first one; otherwise they would compete at random."""
         for pids in self.processes():
             for pid in pids:
                 os.sched_setaffinity(pid, {max(os.sched_getaffinity(0))})
