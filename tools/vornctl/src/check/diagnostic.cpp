@@ -165,7 +165,7 @@ void Diagnostics::add(const std::string& check, Place place,
     notes.push_back({notes.back().place, "further places are not shown"});
   }
   for (Note& note : notes) note.message = shortened(note.message);
-  findings_.push_back({info, place, text, std::move(notes)});
+  diagnostics_.push_back({info, place, text, std::move(notes)});
 }
 
 bool Diagnostics::isFull(const std::string& check) const {
@@ -176,13 +176,14 @@ bool Diagnostics::isFull(const std::string& check) const {
 void Diagnostics::settle() {
   for (const auto& [info, kind] : kinds_) {
     if (!kind.more) continue;
-    findings_.push_back({info,
-                         *kind.more,
-                         "only the first " + std::to_string(kMostOfAKind) +
-                             " findings of this kind are shown; there are more",
-                         {}});
+    diagnostics_.push_back(
+        {info,
+         *kind.more,
+         "only the first " + std::to_string(kMostOfAKind) +
+             " findings of this kind are shown; there are more",
+         {}});
   }
-  std::stable_sort(findings_.begin(), findings_.end(), isBefore);
+  std::stable_sort(diagnostics_.begin(), diagnostics_.end(), isBefore);
 }
 
 }  // namespace vorn::launch

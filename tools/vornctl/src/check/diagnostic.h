@@ -63,7 +63,7 @@ class Diagnostics {
   /// Whether the limit of the findings of this name is reached.
   bool isFull(const std::string& check) const;
 
-  const std::vector<Diagnostic>& all() const { return findings_; }
+  const std::vector<Diagnostic>& all() const { return diagnostics_; }
 
   /// Sorts the findings by place and mentions those beyond the limit.
   void settle();
@@ -79,7 +79,7 @@ class Diagnostics {
   std::set<std::string> ignored_;
   std::map<int, std::set<std::string>> silenced_;  // by line
   std::map<const CheckInfo*, OfAKind> kinds_;
-  std::vector<Diagnostic> findings_;
+  std::vector<Diagnostic> diagnostics_;
 };
 
 }  // namespace vorn::launch

@@ -30,7 +30,7 @@ constexpr char kEveryFiveSeconds[] =
 
 /// What is wrong with a program: a finding without its place. Nothing: it can
 /// be executed, as far as that can be told.
-struct Defect {
+struct ProgramProblem {
   std::string check;
   std::string what;
 };
@@ -112,21 +112,21 @@ std::string loaderOf(const std::string& path) {
   return "";
 }
 
-std::optional<Defect> defectOfElf(const std::string& path,
-                                  const std::string& beginning) {
+std::optional<ProgramProblem> problemOfElf(const std::string& path,
+                                           const std::string& beginning) {
   Elf64_Half machine = 0;  // at the same place for 32 bits
   constexpr size_t kMachineAt = offsetof(Elf64_Ehdr, e_machine);
   if (beginning.size() < kMachineAt + sizeof(machine)) {
-    return Defect{"wrong-format", "is cut off"};
+    return ProgramProblem{"wrong-format", "is cut off"};
   }
   std::memcpy(&machine, beginning.data() + kMachineAt, sizeof(machine));
   if (isForeign(machine)) {
-    return Defect{"wrong-format", "is for another kind of machine"};
+    return ProgramProblem{"wrong-format", "is for another kind of machine"};
   }
   const std::string loader = loaderOf(path);
   if (!loader.empty() && !exists(loader)) {
-    return Defect{"missing-interpreter",
-                  "needs the loader " + loader + ", which is not there"};
+    return ProgramProblem{"missing-interpreter", "needs the loader " + loader +
+                                                     ", which is not there"};
   }
   return std::nullopt;
 }
@@ -143,8 +143,8 @@ bool isInPath(const std::string& program, const std::string& path) {
   return false;
 }
 
-std::optional<Defect> defectOfScript(const std::string& beginning,
-                                     const std::string& path) {
+std::optional<ProgramProblem> problemOfScript(const std::string& beginning,
+                                              const std::string& path) {
   const std::string line = beginning.substr(2, beginning.find('\n') - 2);
   std::istringstream words(line);
   std::string interpreter;
@@ -155,7 +155,7 @@ std::optional<Defect> defectOfScript(const std::string& beginning,
     interpreter += '\r';
   }
   if (interpreter.empty() || !exists(interpreter)) {
-    return Defect{
+    return ProgramProblem{
         "missing-interpreter",
         "needs the interpreter '" + interpreter + "', which is not there"};
   }
@@ -164,8 +164,9 @@ std::optional<Defect> defectOfScript(const std::string& beginning,
                        argument.find('=') == std::string::npos &&
                        argument.find('/') == std::string::npos;
   if (is_env && is_name && !isInPath(argument, path)) {
-    return Defect{"missing-interpreter",
-                  "needs '" + argument + "', which is in no folder of PATH"};
+    return ProgramProblem{
+        "missing-interpreter",
+        "needs '" + argument + "', which is in no folder of PATH"};
   }
   return std::nullopt;
 }
@@ -180,40 +181,41 @@ bool hasArguments(const std::string& path) {
 }
 
 /// `path` is the PATH that the program is given.
-std::optional<Defect> defectOf(const std::string& program,
-                               const std::string& path) {
+std::optional<ProgramProblem> problemOf(const std::string& program,
+                                        const std::string& path) {
   struct stat status {};
   if (::stat(program.c_str(), &status) != 0) {
     const std::string reason = std::strerror(errno);
-    return Defect{"missing-executable",
-                  "cannot be found (" + reason +
-                      "): the node is disabled at its first start" +
-                      (hasArguments(program)
-                           ? "; arguments go into 'argv', not into 'path'"
-                           : "")};
+    return ProgramProblem{
+        "missing-executable",
+        "cannot be found (" + reason +
+            "): the node is disabled at its first start" +
+            (hasArguments(program)
+                 ? "; arguments go into 'argv', not into 'path'"
+                 : "")};
   }
   if (S_ISDIR(status.st_mode)) {
-    return Defect{"executable-folder",
-                  std::string("is a folder") + kEveryFiveSeconds};
+    return ProgramProblem{"executable-folder",
+                          std::string("is a folder") + kEveryFiveSeconds};
   }
   if (!S_ISREG(status.st_mode) || !mayExecute(program)) {
-    return Defect{"not-executable",
-                  std::string("may not be executed") + kEveryFiveSeconds};
+    return ProgramProblem{"not-executable", std::string("may not be executed") +
+                                                kEveryFiveSeconds};
   }
   const auto beginning = beginningOf(program, kReadByKernel);
   if (!beginning) return std::nullopt;
-  std::optional<Defect> defect;
+  std::optional<ProgramProblem> problem;
   if (beginning->rfind(ELFMAG, 0) == 0) {
-    defect = defectOfElf(program, *beginning);
+    problem = problemOfElf(program, *beginning);
   } else if (beginning->rfind("#!", 0) == 0) {
-    defect = defectOfScript(*beginning, path);
+    problem = problemOfScript(*beginning, path);
   } else {
-    defect = Defect{"wrong-format",
-                    "is no program, and no script that begins "
-                    "with '#!'"};
+    problem = ProgramProblem{"wrong-format",
+                             "is no program, and no script that begins "
+                             "with '#!'"};
   }
-  if (defect) defect->what += kEveryFiveSeconds;
-  return defect;
+  if (problem) problem->what += kEveryFiveSeconds;
+  return problem;
 }
 
 /// The value of PATH that these variables set last; else `value`.
@@ -229,13 +231,14 @@ std::string pathFrom(const std::vector<Variable>& variables,
 
 void checkPrograms(const LaunchFile& file, const std::string& path,
                    Diagnostics& diagnostics) {
-  std::map<std::pair<std::string, std::string>, std::optional<Defect>> known;
+  std::map<std::pair<std::string, std::string>, std::optional<ProgramProblem>>
+      known;
   for (const LaunchFile::Node& node : file.nodes) {
     if (!node.hasPath) continue;
     const std::string program = untilNul(node.executable);
     const std::string node_path = pathFrom(node.environment, path);
     const auto [entry, is_new] = known.try_emplace({program, node_path});
-    if (is_new) entry->second = defectOf(program, node_path);
+    if (is_new) entry->second = problemOf(program, node_path);
     if (!entry->second) continue;
     diagnostics.add(entry->second->check, node.path.place,
                     "'" + program + "' of node '" + node.name.value + "' " +

@@ -15,7 +15,7 @@ namespace {
 constexpr int kResolvedSchema = 1;
 
 /// A variable of a node's environment and its source.
-struct Given {
+struct EnvironmentEntry {
   std::string name;
   std::string value;
   std::string from;  // configure, launcher or node
@@ -24,24 +24,24 @@ struct Given {
 };
 
 /// What a node's environment is given on top of the launcher's, in order.
-std::vector<Given> environmentOf(const LaunchFile& file,
-                                 const LaunchFile::Node& node) {
-  std::vector<Given> given;
+std::vector<EnvironmentEntry> environmentOf(const LaunchFile& file,
+                                            const LaunchFile::Node& node) {
+  std::vector<EnvironmentEntry> entries;
   for (const Variable& variable : file.environment) {
-    given.push_back({variable.name.value, variable.value.value, "configure",
-                     variable.name.place});
+    entries.push_back({variable.name.value, variable.value.value, "configure",
+                       variable.name.place});
   }
-  given.push_back(
+  entries.push_back(
       {kNodeNameVariable, nodeNameValue(node.name.value), "launcher", {}});
   for (const Variable& variable : node.environment) {
-    given.push_back({variable.name.value, variable.value.value, "node",
-                     variable.name.place});
+    entries.push_back({variable.name.value, variable.value.value, "node",
+                       variable.name.place});
   }
   std::set<std::string> later;
-  for (auto each = given.rbegin(); each != given.rend(); ++each) {
+  for (auto each = entries.rbegin(); each != entries.rend(); ++each) {
     each->isOverwritten = !later.insert(exportedName(each->name)).second;
   }
-  return given;
+  return entries;
 }
 
 OutputText lineOf(const Place& place) {
@@ -100,7 +100,7 @@ Json jsonOf(const LaunchFile& file, const LaunchFile::Node& node) {
                                {"column", node.path.place.column}}});
   for (const Text& text : node.arguments) json["argv"].push_back(jsonOf(text));
   json["environment"] = Json::array();
-  for (const Given& each : environmentOf(file, node)) {
+  for (const EnvironmentEntry& each : environmentOf(file, node)) {
     json["environment"].push_back({{"name", each.name},
                                    {"value", each.value},
                                    {"from", each.from},
@@ -143,7 +143,7 @@ void printResolved(Output& out, const LaunchFile& file) {
                             {"argv, " + lineOf(argument.place)}});
     }
     OutputText title = "  environment";
-    for (const Given& each : environmentOf(file, node)) {
+    for (const EnvironmentEntry& each : environmentOf(file, node)) {
       OutputText source = terminalText(each.from);
       if (each.place.line != 0) source += ", " + lineOf(each.place);
       if (each.isOverwritten) source += ", overwritten below";

@@ -118,9 +118,9 @@ void Commands::addAction(ControlRequest::Cmd cmd, const std::string& name,
         arguments_.act.cmd = cmd;
         arguments_.act.nodes = arguments_.nodes;
         if (arguments_.nodes.empty() != arguments_.act.isAll) {
-          context.complain(arguments_.act.isAll
-                               ? "--all leaves no nodes to name"
-                               : "name a node, or say --all");
+          context.printError(arguments_.act.isAll
+                                 ? "--all leaves no nodes to name"
+                                 : "name a node, or say --all");
           return kUsage;
         }
         return act(context, arguments_.act);
@@ -197,7 +197,7 @@ void Commands::addCheck() {
         if (!arguments_.check.files.empty()) {
           return check(context, arguments_.check);
         }
-        context.complain("name a launch file, or - for standard input");
+        context.printError("name a launch file, or - for standard input");
         return kUsage;
       });
   app->add_option("FILE", options.files, "Launch files; - is standard input")

@@ -25,8 +25,8 @@ struct Results {
   bool isUnreadable = false;  // one of the files
 };
 
-Diagnostics findingsIn(const SourceText& document, const LaunchFile& file,
-                       const CheckOptions& options) {
+Diagnostics diagnose(const SourceText& document, const LaunchFile& file,
+                     const CheckOptions& options) {
   Diagnostics diagnostics(document, options.ignored);
   checkDocument(file, diagnostics);
   checkNodes(file, diagnostics);
@@ -50,7 +50,7 @@ bool checkFile(const std::string& path,
   auto document = readSourceText(path, error);
   if (!document) return false;
   LaunchFile file = parseLaunchFile(*document, surroundings);
-  Diagnostics diagnostics = findingsIn(*document, file, options);
+  Diagnostics diagnostics = diagnose(*document, file, options);
   results.checked.push_back(
       {std::move(*document), file.loadErrors.empty(), std::move(diagnostics)});
   results.resolved.push_back(std::move(file));
@@ -69,7 +69,7 @@ Results checkFiles(const Context& context, const CheckOptions& options) {
     } catch (const std::bad_alloc&) {
       error = "not enough memory to check " + path;
     }
-    context.complain(error);
+    context.printError(error);
     results.isUnreadable = true;
   }
   return results;
@@ -115,8 +115,8 @@ void checkEnvironments(const std::vector<LaunchFile>& files) {
                  std::to_string(kMostValueBytes >> 20U) + " MiB of text");
 }
 
-void printWish(const CheckOptions& options,
-               const std::vector<LaunchFile>& files) {
+void printRequested(const CheckOptions& options,
+                    const std::vector<LaunchFile>& files) {
   if (options.print == Print::RESOLVED) checkEnvironments(files);
   Output out = standardOutput();
   if (options.print == Print::RESOLVED && options.format == Format::JSON) {
@@ -147,7 +147,7 @@ bool hasFailed(const std::vector<CheckedFile>& files, Severity fail_on) {
 
 void print(const Settings& settings, const CheckOptions& options,
            const Results& results) {
-  if (options.print == Print::FINDINGS) {
+  if (options.print == Print::DIAGNOSTICS) {
     Output out = standardOutput();
     if (!settings.isQuiet) {
       printDiagnostics(out, settings, options.format, results.checked);
@@ -157,7 +157,7 @@ void print(const Settings& settings, const CheckOptions& options,
     for (const CheckedFile& file : results.checked) {
       if (!settings.isQuiet) printAsText(errors, file, false, false);
     }
-    printWish(options, results.resolved);
+    printRequested(options, results.resolved);
   }
 }
 
@@ -166,8 +166,8 @@ void print(const Settings& settings, const CheckOptions& options,
 ExitStatus check(const Context& context, const CheckOptions& options) {
   for (const std::string& name : options.ignored) {
     if (findCheck(name) != nullptr) continue;
-    context.complain("there is no finding '" + name +
-                     "' to ignore; see 'vornctl check --list'");
+    context.printError("there is no finding '" + name +
+                       "' to ignore; see 'vornctl check --list'");
     return kUsage;
   }
   dieByStopSignals(context.settings().cancelFd);
@@ -175,11 +175,11 @@ ExitStatus check(const Context& context, const CheckOptions& options) {
   try {
     print(context.settings(), options, results);
   } catch (const TooLarge& failure) {
-    context.complain(std::string("cannot print the results: ") +
-                     failure.what());
+    context.printError(std::string("cannot print the results: ") +
+                       failure.what());
     return kUsage;
   } catch (const std::bad_alloc&) {
-    context.complain("not enough memory to print the results");
+    context.printError("not enough memory to print the results");
     return kUsage;
   }
   if (results.isUnreadable) return kUsage;

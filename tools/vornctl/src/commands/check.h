@@ -11,12 +11,12 @@ namespace vorn::launch {
 
 struct CheckOptions {
   enum class Format { TEXT, JSON, SARIF, GITHUB };
-  enum class Print { FINDINGS, RESOLVED, TIMELINE, STOP_TIMEOUT };
+  enum class Print { DIAGNOSTICS, RESOLVED, TIMELINE, STOP_TIMEOUT };
   enum class Host { AUTO, YES, NO };
 
   std::vector<std::string> files;  // "-" for standard input
   Format format = Format::TEXT;
-  Print print = Print::FINDINGS;
+  Print print = Print::DIAGNOSTICS;
   Host host = Host::AUTO;  // AUTO: not for standard input
   Severity failOn = Severity::ERROR;
   std::vector<std::string> ignored;

@@ -93,7 +93,7 @@ void printMermaid(Output& out, const LaunchFile& file,
 ExitStatus drawSvg(const Context& context, const LaunchFile& file,
                    const RequiredGraph& graph) {
   if (std::system("command -v dot >/dev/null 2>&1") != 0) {
-    context.complain(kNoDot);
+    context.printError(kNoDot);
     return kFailed;
   }
   std::ostringstream stream;
@@ -104,14 +104,14 @@ ExitStatus drawSvg(const Context& context, const LaunchFile& file,
   standardOutput().flush();
   FILE* const dot = ::popen("dot -Tsvg", "w");
   if (dot == nullptr) {
-    context.complain(kNoDot);
+    context.printError(kNoDot);
     return kFailed;
   }
   const bool is_written =
       std::fwrite(text.data(), 1, text.size(), dot) == text.size();
   const int status = ::pclose(dot);
   if (is_written && status == 0) return kDone;
-  context.complain("Graphviz could not draw the graph");
+  context.printError("Graphviz could not draw the graph");
   return kFailed;
 }
 
@@ -119,14 +119,14 @@ ExitStatus printGraphOf(const Context& context, const GraphOptions& options) {
   std::string error;
   const auto document = readSourceText(options.file, error);
   if (!document) {
-    context.complain(error);
+    context.printError(error);
     return kUsage;
   }
   const LaunchFile file = parseLaunchFile(*document, ownSurroundings());
   if (!file.loadErrors.empty()) {
-    context.complain("the launcher would not load " + options.file + ": " +
-                     file.loadErrors[0].exception +
-                     "; 'vornctl check' tells more");
+    context.printError("the launcher would not load " + options.file + ": " +
+                       file.loadErrors[0].exception +
+                       "; 'vornctl check' tells more");
     return kUsage;
   }
   const RequiredGraph graph(file);
@@ -151,10 +151,10 @@ ExitStatus printGraph(const Context& context, const GraphOptions& options) {
   try {
     return printGraphOf(context, options);
   } catch (const TooLarge& failure) {
-    context.complain("cannot draw " + options.file + ": " + failure.what());
+    context.printError("cannot draw " + options.file + ": " + failure.what());
     return kUsage;
   } catch (const std::bad_alloc&) {
-    context.complain("not enough memory to draw " + options.file);
+    context.printError("not enough memory to draw " + options.file);
     return kUsage;
   }
 }

@@ -31,7 +31,7 @@ ExitStatus showNames(Context& context, char separator) {
   std::string error;
   const LauncherProcess* const launcher = context.launcher(error);
   if (launcher == nullptr) {
-    context.complain(error);
+    context.printError(error);
     return kUsage;
   }
   for (const LaunchFile::Node& node : launcher->file.nodes) {

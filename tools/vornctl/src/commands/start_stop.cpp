@@ -26,16 +26,16 @@ bool mayGoOn(Outcome outcome) {
 class Action {
  public:
   Action(Context& context, const ActOptions& options)
-      : session_(context), options_(options) {}
+      : context_(context), options_(options) {}
 
   ExitStatus run() {
     // A reader that has gone is no reason to leave half of the nodes.
     (void)::signal(SIGPIPE, SIG_IGN);
-    subjects_ = findTargets(session_, options_.nodes);
-    if (subjects_.status == kUnknown) return kTimedOut;  // before the command
-    if (subjects_.status != kDone) return subjects_.status;
-    if (subjects_.isFileKnown) graph_.emplace(subjects_.launcher.file);
-    names_ = subjects_.names;
+    targets_ = findTargets(context_, options_.nodes);
+    if (targets_.status == kUnknown) return kTimedOut;  // before the command
+    if (targets_.status != kDone) return targets_.status;
+    if (targets_.isFileKnown) graph_.emplace(targets_.launcher.file);
+    names_ = targets_.names;
     if (options_.isAll && !mayActOnAll()) return kUsage;
     if (options_.cmd == Cmd::STOP || options_.cmd == Cmd::DISABLE) {
       std::reverse(names_.begin(), names_.end());
@@ -49,9 +49,9 @@ class Action {
         options_.cmd != Cmd::STOP && options_.cmd != Cmd::DISABLE;
     if (is_harmless || options_.isConfirmed) return true;
     const std::string command = wordsFor(options_.cmd).command;
-    if (!session_.settings().isInteractive) {
-      session_.complain(command +
-                        " --all needs --yes where nobody can be asked");
+    if (!context_.settings().isInteractive) {
+      context_.printError(command +
+                          " --all needs --yes where nobody can be asked");
       return false;
     }
     standardError() << terminalText(command) << " all " << names_.size()
@@ -70,7 +70,7 @@ class Action {
       }
       if (!mayGoOn(outcome)) {
         if (const size_t left = names_.size() - i - 1; left > 0) {
-          session_.complain(std::to_string(left) + " more not tried");
+          context_.printError(std::to_string(left) + " more not tried");
         }
         break;
       }
@@ -91,11 +91,11 @@ class Action {
 
   void report(const std::string& name, Cmd cmd,
               const StatusReply& before) const {
-    if (session_.settings().isQuiet) return;
+    if (context_.settings().isQuiet) return;
     const bool is_started_next = cmd == Cmd::ENABLE && options_.isStartedToo;
     const std::string text =
         is_started_next ? wordsFor(cmd).done
-                        : describeDone(cmd, subjects_.launcher, name, before);
+                        : describeDone(cmd, targets_.launcher, name, before);
     Output out = standardOutput();
     out << terminalText(name + ": " + text) << "\n";
     out.flush();
@@ -103,34 +103,34 @@ class Action {
 
   Outcome actOn(const std::string& name, Cmd cmd) const {
     const OperationWords words = wordsFor(cmd);
-    ControlClient client = session_.client(
+    ControlClient client = context_.client(
         replyLimit(name, cmd), std::string(words.doing) + ' ' + name);
     // Only the report of success needs the previous status.
-    const bool is_told = !session_.settings().isQuiet && cmd != Cmd::RESTART;
+    const bool is_told = !context_.settings().isQuiet && cmd != Cmd::RESTART;
     const StatusReply before =
-        is_told ? session_.statusBefore(client.options(), name) : StatusReply();
+        is_told ? context_.statusBefore(client.options(), name) : StatusReply();
     // A launcher that does not answer this would not answer the command either.
     if (is_told && (before.outcome == Outcome::UNKNOWN ||
                     before.outcome == Outcome::NOT_SENT)) {
-      session_.complainAbout(name, before, subjects_.launcher.file);
+      context_.printRequestError(name, before, targets_.launcher.file);
       return Outcome::NOT_SENT;
     }
     const ControlReply reply = client.command(cmd, name);
-    session_.clearActivity();
+    context_.clearActivity();
     if (reply.isDone()) {
       report(name, cmd, before);
     } else if (reply.outcome == Outcome::FAILED) {
-      session_.complain(name + ": " + words.command + " failed: " +
-                        explainFailure(client, subjects_.launcher, name, cmd));
+      context_.printError(name + ": " + words.command + " failed: " +
+                          explainFailure(client, targets_.launcher, name, cmd));
     } else {
-      session_.complainAbout(name, reply, subjects_.launcher.file);
+      context_.printRequestError(name, reply, targets_.launcher.file);
     }
     return reply.outcome;
   }
 
-  Context& session_;
+  Context& context_;
   const ActOptions& options_;
-  Targets subjects_;
+  Targets targets_;
   std::optional<RequiredGraph> graph_;  // of the launch file if that is known
   std::vector<std::string> names_;  // in the order in which they are acted on
 };

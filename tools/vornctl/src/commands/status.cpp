@@ -116,7 +116,7 @@ ExitStatus showStatus(Context& context, const StatusOptions& options) {
   for (const std::string& name : targets.names) {
     const StatusReply reply = client.status(name);
     if (!reply.isDone()) {
-      context.complainAbout(name, reply, launcher.file);
+      context.printRequestError(name, reply, launcher.file);
       result = exitStatusOf(reply.outcome);
       if (reply.outcome != Outcome::NOT_FOUND &&
           reply.outcome != Outcome::INVALID_NAME) {

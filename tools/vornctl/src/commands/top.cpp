@@ -48,7 +48,7 @@ const char* const kColumns[] = {"node",   "state",  "pid",
 class Top {
  public:
   Top(Context& context, const Targets& targets, const Screen& screen)
-      : session_(context),
+      : context_(context),
         launcher_(targets.launcher),
         graph_(targets.launcher.file),
         screen_(screen),
@@ -81,7 +81,7 @@ class Top {
   /// Whether a stop signal has come, or the terminal has gone.
   bool isOver() const {
     pollfd terminal{STDIN_FILENO, 0, 0};
-    return session_.isCancelled() || ::poll(&terminal, 1, 0) > 0;
+    return context_.isCancelled() || ::poll(&terminal, 1, 0) > 0;
   }
 
   size_t count() const { return watcher_.names().size(); }
@@ -116,7 +116,7 @@ class Top {
     } else if (const auto cmd = commandFor(key)) {
       request(*cmd);
     } else if (key == 'u') {
-      watcher_.suspectAll();
+      watcher_.markAllStale();
     } else if (key == '?') {
       is_help_ = true;
     } else if (key == 'q') {
@@ -190,7 +190,7 @@ class Top {
     const std::string& name = watcher_.names()[chosen_];
     const OperationWords words = wordsFor(cmd);
     ControlOptions options =
-        session_.client(graph_.replyLimit(cmd, name)).options();
+        context_.client(graph_.replyLimit(cmd, name)).options();
     options.onWait = [&](milliseconds elapsed) {
       message_ = std::string(words.doing) + ' ' + name + ' ' +
                  std::to_string(elapsed.count() / 1000) +
@@ -212,7 +212,7 @@ class Top {
       lost_ = reply;
     }
     // That the nodes which it requires have been restarted shows by itself.
-    watcher_.suspect(name);
+    watcher_.markStale(name);
   }
 
   std::vector<NodeView> views() const {
@@ -329,7 +329,7 @@ class Top {
     screen_.writeCells(kAbove - 1, titles, widths, A_NORMAL);
   }
 
-  Context& session_;
+  Context& context_;
   const LauncherProcess& launcher_;
   const RequiredGraph graph_;
   const Screen& screen_;
@@ -348,7 +348,7 @@ class Top {
 
 ExitStatus showTop(Context& context, const std::vector<std::string>& nodes) {
   if (::isatty(STDIN_FILENO) != 1 || ::isatty(STDOUT_FILENO) != 1) {
-    context.complain("top needs a terminal; 'vornctl monitor' does without");
+    context.printError("top needs a terminal; 'vornctl monitor' does without");
     return kUsage;
   }
   const Targets targets = findTargets(context, nodes);
@@ -358,13 +358,13 @@ ExitStatus showTop(Context& context, const std::vector<std::string>& nodes) {
   {
     const Screen screen(context.settings().hasColours);
     if (!screen.isOpen()) {
-      context.complain(
+      context.printError(
           "this terminal is unknown or too simple; is TERM right?");
       return kUsage;
     }
     status = Top(context, targets, screen).run(message);
   }
-  if (!message.empty()) context.complain(message);
+  if (!message.empty()) context.printError(message);
   return status;
 }
 

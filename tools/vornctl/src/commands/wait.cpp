@@ -27,7 +27,7 @@ class Wait {
   /// Gives up at `deadline`.
   Wait(const Context& context, const WaitOptions& options,
        const Targets& targets, Clock::time_point deadline)
-      : session_(context),
+      : context_(context),
         options_(options),
         deadline_(deadline),
         watcher_(context.client(NodeWatcher::kReplyLimit),
@@ -43,13 +43,13 @@ class Wait {
       const auto changes = watcher_.wait(std::min(
           kNoLimit, std::chrono::ceil<milliseconds>(next - Clock::now())));
       if (!watcher_.failure().isDone()) {
-        session_.complain(watcher_.failure().message);
+        context_.printError(watcher_.failure().message);
         return exitStatusOf(watcher_.failure().outcome);
       }
-      if (session_.isCancelled()) return kTimedOut;
+      if (context_.isCancelled()) return kTimedOut;
       for (const auto& change : changes) {
         if (change.status.isDone()) continue;
-        session_.complainAbout(change.name, change.status, file_);
+        context_.printRequestError(change.name, change.status, file_);
         return exitStatusOf(change.status.outcome);
       }
       remember(changes);
@@ -59,14 +59,14 @@ class Wait {
       const Clock::time_point now = Clock::now();
       // A restart between two looks breaks the hold as well.
       if (reached && (!is_reached || !changes.empty())) {
-        session_.complain("it did not last: " + describeMissing(changes));
+        context_.printError("it did not last: " + describeMissing(changes));
         return kNotRunning;
       }
       if (is_reached && !reached) reached = now;
       if (reached && now >= *reached + options_.heldFor) return kDone;
       if (now >= deadline_) {
-        session_.complain("gave up after the time limit: " +
-                          describeMissing({}));
+        context_.printError("gave up after the time limit: " +
+                            describeMissing({}));
         return kTimedOut;
       }
     }
@@ -115,7 +115,7 @@ class Wait {
     return text;
   }
 
-  const Context& session_;
+  const Context& context_;
   const WaitOptions& options_;
   const Clock::time_point deadline_;
   NodeWatcher watcher_;
@@ -176,11 +176,11 @@ ExitStatus monitor(Context& context, const std::vector<std::string>& nodes,
   for (;;) {
     for (const auto& change : watcher.wait(kNoLimit)) {
       // One in the file that the launcher does not know is newer than it.
-      const bool is_stranger =
+      const bool is_unknown =
           targets.launcher.file.find(change.name) == nullptr;
-      if (is_stranger && !change.status.isDone()) {
-        context.complainAbout(change.name, change.status,
-                              targets.launcher.file);
+      if (is_unknown && !change.status.isDone()) {
+        context.printRequestError(change.name, change.status,
+                                  targets.launcher.file);
         return exitStatusOf(change.status.outcome);
       }
       printChange(targets.launcher, change, is_json,
@@ -189,7 +189,7 @@ ExitStatus monitor(Context& context, const std::vector<std::string>& nodes,
     if (!standardOutput().isGood()) return kDone;  // nobody reads any more
     if (context.isCancelled()) return kDone;
     if (!watcher.failure().isDone()) {
-      context.complain(watcher.failure().message);
+      context.printError(watcher.failure().message);
       return exitStatusOf(watcher.failure().outcome);
     }
   }

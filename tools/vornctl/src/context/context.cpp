@@ -68,7 +68,7 @@ ExitStatus Context::findLauncher() {
     pid_ = reply.launcherPid;
     return kDone;
   }
-  complain(reply.message);
+  printError(reply.message);
   return exitStatusOf(reply.outcome);
 }
 
@@ -90,9 +90,9 @@ const LauncherProcess* Context::launcher(std::string& error) {
   launcher_ = inspectLauncher(pid_, settings_.launchFile, error);
   if (!launcher_) return nullptr;
   if (launcher_->hasChanged) {
-    complain("the launch file " + launcher_->launchFile +
-             " was changed after the launcher started; what is shown of it "
-             "may not be what runs");
+    printError("the launch file " + launcher_->launchFile +
+               " was changed after the launcher started; what is shown of it "
+               "may not be what runs");
   }
   return &*launcher_;
 }
@@ -106,13 +106,14 @@ bool Context::isCancelled() const {
   return ::poll(&watched, 1, 0) > 0;
 }
 
-void Context::complain(const std::string& text) const {
+void Context::printError(const std::string& text) const {
   clearActivity();
   standardError() << "vornctl: " << terminalText(text) << "\n";
 }
 
-void Context::complainAbout(const std::string& name, const ControlReply& reply,
-                            const LaunchFile& file) const {
+void Context::printRequestError(const std::string& name,
+                                const ControlReply& reply,
+                                const LaunchFile& file) const {
   std::string text = reply.message;
   if (reply.outcome == Outcome::NOT_FOUND) {
     text = "no such node";
@@ -121,7 +122,7 @@ void Context::complainAbout(const std::string& name, const ControlReply& reply,
       text += "; did you mean '" + nearest + "'?";
     }
   }
-  complain(name + ": " + text);
+  printError(name + ": " + text);
 }
 
 void Context::showActivity(const std::string& activity,

@@ -63,15 +63,15 @@ class Context {
   bool isCancelled() const;
 
   /// Writes "vornctl: TEXT" to standard error.
-  void complain(const std::string& text) const;
+  void printError(const std::string& text) const;
 
   /// Removes the line that a waiting client has shown.
   void clearActivity() const;
 
-  /// As complain(), for what became of a request about a node; NOT_FOUND
+  /// As printError(), for what became of a request about a node; NOT_FOUND
   /// suggests the nearest name in `file`.
-  void complainAbout(const std::string& name, const ControlReply& reply,
-                     const LaunchFile& file) const;
+  void printRequestError(const std::string& name, const ControlReply& reply,
+                         const LaunchFile& file) const;
 
  private:
   void showActivity(const std::string& activity,

@@ -16,16 +16,16 @@ std::vector<std::string> selectNodes(const LaunchFile& file,
                                      const std::vector<std::string>& arguments,
                                      std::string& error) {
   std::set<std::string> wanted;
-  std::vector<std::string> strangers;
+  std::vector<std::string> unknown;
   for (const std::string& argument : arguments) {
     if (file.find(argument) != nullptr) {
       wanted.insert(argument);
       continue;
     }
     if (!isPattern(argument)) {
-      if (std::find(strangers.begin(), strangers.end(), argument) ==
-          strangers.end()) {
-        strangers.push_back(argument);
+      if (std::find(unknown.begin(), unknown.end(), argument) ==
+          unknown.end()) {
+        unknown.push_back(argument);
       }
       continue;
     }
@@ -48,7 +48,7 @@ std::vector<std::string> selectNodes(const LaunchFile& file,
       selected.push_back(node.name.value);
     }
   }
-  selected.insert(selected.end(), strangers.begin(), strangers.end());
+  selected.insert(selected.end(), unknown.begin(), unknown.end());
   return selected;
 }
 

@@ -17,7 +17,7 @@ Targets findTargets(Context& context,
       arguments.empty() ||
       std::any_of(arguments.begin(), arguments.end(), isPattern);
   if (known == nullptr && needs_file) {
-    context.complain(error);
+    context.printError(error);
     targets.status = kUsage;
     return targets;
   }
@@ -25,7 +25,7 @@ Targets findTargets(Context& context,
   targets.launcher = known == nullptr ? context.launcherWithoutFile() : *known;
   targets.names = selectNodes(targets.launcher.file, arguments, error);
   if (targets.names.empty() && !arguments.empty()) {
-    context.complain(error);
+    context.printError(error);
     targets.status = kNoSuchNode;
   }
   return targets;

@@ -13,13 +13,14 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr std::chrono::minutes kFullRound{1};
-constexpr milliseconds kLook{250};  // between two looks at the children
-constexpr int kMostPidFds = 256;    // a process has 1024 descriptors, usually
+constexpr milliseconds kChildrenInterval{
+    250};                         // between two looks at the children
+constexpr int kMostPidFds = 256;  // a process has 1024 descriptors, usually
 constexpr milliseconds kShortestPause{100};
 constexpr milliseconds kLongestPause{1000};
 // A child that has not executed its program, or one of the launcher's own
 // commands, is soon another process or gone.
-constexpr int kLooksBeforeAsking = 4;
+constexpr int kChecksBeforeQuery = 4;
 
 bool isSame(const StatusReply& a, const StatusReply& b) {
   return a.outcome == b.outcome && a.state == b.state && a.pid == b.pid &&
@@ -46,30 +47,30 @@ NodeWatcher::~NodeWatcher() {
   }
 }
 
-void NodeWatcher::suspectAll() { next_full_ = {}; }
+void NodeWatcher::markAllStale() { next_full_ = {}; }
 
 std::vector<NodeWatcher::Change> NodeWatcher::wait(milliseconds limit,
                                                    int wake_fd) {
   const Clock::time_point deadline = Clock::now() + limit;
   for (;;) {
-    suspectByTime();
-    if (sees_processes_) suspectByChildren();
-    auto changes = askSuspects();
+    markStaleByTime();
+    if (sees_processes_) markStaleByChildren();
+    auto changes = queryStale();
     const auto left =
         std::chrono::duration_cast<milliseconds>(deadline - Clock::now());
     if (!changes.empty() || !failure_.isDone() || left.count() <= 0) {
       return changes;
     }
-    if (!waitForEnds(std::min(left, kLook), wake_fd)) return {};
+    if (!waitForExits(std::min(left, kChildrenInterval), wake_fd)) return {};
     pollfd woken[] = {{wake_fd, POLLIN, 0}, {cancel_fd_, POLLIN, 0}};
     if (::poll(woken, 2, 0) > 0) return {};
   }
 }
 
-std::vector<NodeWatcher::Change> NodeWatcher::askSuspects() {
+std::vector<NodeWatcher::Change> NodeWatcher::queryStale() {
   std::vector<Change> changes;
   for (const std::string& name : names_) {
-    if (suspects_.erase(name) == 0) continue;
+    if (stale_.erase(name) == 0) continue;
     StatusReply status = client_.status(name);
     // As when the launcher ends just then; another question tells, and changes
     // nothing.
@@ -87,13 +88,13 @@ std::vector<NodeWatcher::Change> NodeWatcher::askSuspects() {
     }
     Watched& node = nodes_[name];
     const bool is_change = !node.isKnown || !isSame(node.status, status);
-    learn(node, status);
+    update(node, status);
     if (is_change) changes.push_back({name, status});
   }
   return changes;
 }
 
-void NodeWatcher::learn(Watched& node, const StatusReply& status) {
+void NodeWatcher::update(Watched& node, const StatusReply& status) {
   const bool is_change = !node.isKnown || !isSame(node.status, status);
   node.isKnown = true;
   node.status = status;
@@ -132,7 +133,7 @@ void NodeWatcher::watchProcess(Watched& node) const {
   node.pidFd = static_cast<int>(::syscall(SYS_pidfd_open, node.status.pid, 0));
 }
 
-bool NodeWatcher::waitForEnds(milliseconds limit, int wake_fd) {
+bool NodeWatcher::waitForExits(milliseconds limit, int wake_fd) {
   std::vector<pollfd> watched = {{wake_fd, POLLIN, 0}, {cancel_fd_, POLLIN, 0}};
   std::vector<const std::string*> owners;
   for (const auto& [name, node] : nodes_) {
@@ -154,56 +155,56 @@ bool NodeWatcher::waitForEnds(milliseconds limit, int wake_fd) {
     // Readable from now on; the answers tell the rest.
     (void)::close(node.pidFd);
     node.pidFd = -1;
-    suspects_.insert(*owners[i]);
+    stale_.insert(*owners[i]);
   }
   return true;
 }
 
-void NodeWatcher::suspectByTime() {
+void NodeWatcher::markStaleByTime() {
   const Clock::time_point now = Clock::now();
   if (now >= next_full_) {
-    suspects_.insert(names_.begin(), names_.end());
+    stale_.insert(names_.begin(), names_.end());
     next_full_ = now + kFullRound;
   }
   for (const auto& [name, node] : nodes_) {
     if (node.pause != milliseconds(0) && now >= node.next) {
-      suspects_.insert(name);
+      stale_.insert(name);
     }
   }
 }
 
-void NodeWatcher::suspectByChildren() {
+void NodeWatcher::markStaleByChildren() {
   const auto children = childrenOf(launcher_.pid);
   if (!children) {
     // The launcher has ended; a question tells.
-    suspects_.insert(names_.begin(), names_.end());
+    stale_.insert(names_.begin(), names_.end());
     return;
   }
   std::set<pid_t> present(children->begin(), children->end());
   for (const auto& [name, node] : nodes_) {
     if (!node.isKnown || node.status.pid == 0) continue;
     const bool is_present = present.erase(node.status.pid) > 0;
-    if (!is_present && node.pause == milliseconds(0)) suspects_.insert(name);
+    if (!is_present && node.pause == milliseconds(0)) stale_.insert(name);
   }
-  std::map<pid_t, int> strangers;
+  std::map<pid_t, int> unknown;
   for (const pid_t child : present) {
-    strangers[child] = strangers_[child] + 1;
-    if (strangers[child] <= kLooksBeforeAsking) {
+    unknown[child] = unknown_children_[child] + 1;
+    if (unknown[child] <= kChecksBeforeQuery) {
       const auto name = nodeOf(child);
       if (name && nodes_.count(*name) > 0) {
-        strangers[child] = kLooksBeforeAsking + 1;
-        suspects_.insert(*name);
+        unknown[child] = kChecksBeforeQuery + 1;
+        stale_.insert(*name);
       }
     }
-    if (strangers[child] == kLooksBeforeAsking) suspectAllWithoutProcess();
+    if (unknown[child] == kChecksBeforeQuery) markStaleWithoutProcess();
   }
-  strangers_ = std::move(strangers);
+  unknown_children_ = std::move(unknown);
 }
 
 // A child that does not tell its node may be of any that is not known to run.
-void NodeWatcher::suspectAllWithoutProcess() {
+void NodeWatcher::markStaleWithoutProcess() {
   for (const auto& [name, node] : nodes_) {
-    if (node.status.pid == 0) suspects_.insert(name);
+    if (node.status.pid == 0) stale_.insert(name);
   }
 }
 

@@ -43,10 +43,10 @@ class NodeWatcher {
   std::vector<Change> wait(std::chrono::milliseconds limit, int wake_fd = -1);
 
   /// Asks for this node at the next wait().
-  void suspect(const std::string& name) { suspects_.insert(name); }
+  void markStale(const std::string& name) { stale_.insert(name); }
 
   /// Asks for all nodes at the next wait().
-  void suspectAll();
+  void markAllStale();
 
   /// The last request that failed; DONE if all requests succeeded. After a
   /// failure, call wait() no more.
@@ -71,14 +71,14 @@ class NodeWatcher {
     Clock::time_point next{};            // when that is due
   };
 
-  std::vector<Change> askSuspects();
-  void learn(Watched& node, const StatusReply& status);
+  std::vector<Change> queryStale();
+  void update(Watched& node, const StatusReply& status);
   void watchProcess(Watched& node) const;
   // False if a signal has ended it.
-  bool waitForEnds(std::chrono::milliseconds limit, int wake_fd);
-  void suspectByTime();
-  void suspectByChildren();
-  void suspectAllWithoutProcess();
+  bool waitForExits(std::chrono::milliseconds limit, int wake_fd);
+  void markStaleByTime();
+  void markStaleByChildren();
+  void markStaleWithoutProcess();
 
   const LauncherProcess& launcher_;
   ControlClient client_;
@@ -86,8 +86,9 @@ class NodeWatcher {
   bool sees_processes_;  // the launcher's children are in our sight
   std::vector<std::string> names_;
   std::map<std::string, Watched> nodes_;
-  std::set<std::string> suspects_;
-  std::map<pid_t, int> strangers_;  // children of no known node: how often seen
+  std::set<std::string> stale_;
+  std::map<pid_t, int>
+      unknown_children_;  // children of no known node: how often seen
   Clock::time_point next_full_{};
   ControlReply failure_;
 };
