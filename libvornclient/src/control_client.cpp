@@ -21,7 +21,7 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kTick{100};      // between two calls of onWait
-constexpr milliseconds kFirstPause{1};  // before a second try to connect
+constexpr milliseconds kFirstPause{1};  // before the second attempt to connect
 constexpr milliseconds kLongestPause{100};
 
 constexpr char kMayTakeEffect[] =
@@ -53,14 +53,14 @@ std::string inSeconds(milliseconds span) {
   return text + " s";
 }
 
-/// One request on its way to the launcher and back.
+/// The delivery of one request and the receipt of its reply.
 class Exchange {
  public:
   Exchange(const ControlOptions& options, const ControlRequest& request)
       : options_(options), request_(request) {}
 
-  /// Runs it. `reply` tells how far it got; true when `response` holds 24 bytes
-  /// from the launcher.
+  /// Returns true if `response` holds the launcher's reply. Otherwise `reply`
+  /// contains the reason.
   bool run(ControlReply& reply, ControlResponse& response) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -69,13 +69,14 @@ class Exchange {
                  "the path of the socket is longer than 107 bytes: " +
                      options_.socketPath);
     }
-    // At least one NUL stays behind it.
+    // A NUL remains after the path.
     options_.socketPath.copy(address.sun_path, sizeof(address.sun_path) - 1);
     const Descriptor socket(
         ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (socket.number() < 0) {
-      return end(reply, Outcome::NOT_SENT,
-                 std::string("cannot make a socket: ") + std::strerror(errno));
+      return end(
+          reply, Outcome::NOT_SENT,
+          std::string("cannot create a socket: ") + std::strerror(errno));
     }
     return deliver(socket.number(), address, reply) &&
            receive(socket.number(), reply, response);
@@ -97,18 +98,18 @@ class Exchange {
     return std::min(deadline, begin_ + options_.totalLimit);
   }
 
-  /// The limit that counts, of this one and the total.
+  /// The shorter of this limit and the total limit.
   milliseconds shorter(milliseconds limit) const {
     if (options_.totalLimit == milliseconds(0)) return limit;
     return std::min(limit, options_.totalLimit);
   }
 
-  /// Waits until `fd` (-1: nothing) is readable or `deadline` has come.
+  /// Waits until `fd` (-1: none) is readable or `deadline` is reached.
   Wait wait(int fd, Clock::time_point deadline) const {
     for (;;) {
       const Clock::time_point now = Clock::now();
       if (now >= deadline) return Wait::TIMED_OUT;
-      // Rounded up, so that the last turn does not spin.
+      // Rounded up: poll() with 0 ms would not wait.
       const auto left = std::chrono::ceil<milliseconds>(deadline - now);
       pollfd watched[] = {{options_.cancelFd, POLLIN, 0}, {fd, POLLIN, 0}};
       const int ready =
@@ -144,7 +145,7 @@ class Exchange {
       }
       const Try result = connectAndSend(fd, address, reply);
       if (result != Try::BUSY) return result == Try::SENT;
-      // Others wait before us, as many as the launcher lets wait.
+      // The queue of the launcher is full.
       const Clock::time_point next = Clock::now() + pause;
       if (wait(-1, std::min(next, deadline)) == Wait::CANCELLED) continue;
       if (Clock::now() >= deadline) {
@@ -160,8 +161,9 @@ class Exchange {
   Try connectAndSend(int fd, const sockaddr_un& address,
                      ControlReply& reply) const {
     if (!isTrustedPath(reply)) return Try::FAILED;
-    // The launcher accepts a connection and reads, without a time limit. Were
-    // we stopped here, it would do nothing else until we go on.
+    // The launcher reads from a connection without a time limit. If a signal
+    // suspended this process here, the launcher would do nothing else until the
+    // process continues.
     const SignalsBlocked blocked;
     if (::connect(fd, reinterpret_cast<const sockaddr*>(&address),
                   sizeof(address)) != 0) {
@@ -173,7 +175,8 @@ class Exchange {
     const ssize_t sent = ::send(fd, &request_, sizeof(request_), MSG_NOSIGNAL);
     if (sent == sizeof(request_)) return Try::SENT;
     end(reply, Outcome::NO_LAUNCHER,
-        sent < 0 ? std::string("the launcher has gone: ") + std::strerror(errno)
+        sent < 0 ? std::string("the launcher closed the connection: ") +
+                       std::strerror(errno)
                  : std::string("the request could not be sent in one piece"));
     return Try::FAILED;
   }
@@ -182,7 +185,7 @@ class Exchange {
   std::string whyNot(int error) const {
     const std::string& path = options_.socketPath;
     if (error == ENOENT) {
-      return "no launcher is running: there is no socket " + path;
+      return "no launcher is running: the socket " + path + " does not exist";
     }
     if (error == ECONNREFUSED) {
       return "no launcher is running: " + path +
@@ -198,9 +201,9 @@ class Exchange {
     return options_.trustAnyUser || uid == 0 || uid == ::geteuid();
   }
 
-  /// Whether no other user decides which socket the path leads to. Another
-  /// user's symbolic link could lead to a socket of another program, which
-  /// isTrusted() accepts if that program runs as root.
+  /// Whether the path is not a symbolic link of another user. Such a link could
+  /// lead to the socket of another program, which isTrusted() accepts if that
+  /// program runs as root.
   bool isTrustedPath(ControlReply& reply) const {
     const std::string& path = options_.socketPath;
     struct stat status {};
@@ -216,14 +219,14 @@ class Exchange {
                    "launcher's own socket");
   }
 
-  /// Whether the listener's user is root or our own; fills that part of
+  /// Whether the user of the listener is trusted; stores the listener in
   /// `reply`.
   bool isTrusted(int fd, ControlReply& reply) const {
     ucred peer{};
     socklen_t size = sizeof(peer);
     if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
       return end(reply, Outcome::UNTRUSTED,
-                 std::string("cannot tell whose launcher it is: ") +
+                 std::string("cannot determine the user of the launcher: ") +
                      std::strerror(errno));
     }
     reply.launcherPid = peer.pid;
@@ -234,8 +237,8 @@ class Exchange {
                    std::to_string(peer.uid) + ", neither root nor you");
   }
 
-  /// Reads the 24 bytes, and not one more: processes that the launcher starts
-  /// meanwhile keep the connection open for as long as they live.
+  /// Reads the 24 bytes of the reply but not the end of the stream: processes
+  /// that the launcher has started in the meantime keep the connection open.
   bool receive(int fd, ControlReply& reply, ControlResponse& response) const {
     const Clock::time_point deadline =
         withinTotal(Clock::now() + options_.replyLimit);
@@ -281,8 +284,8 @@ class Exchange {
   const Clock::time_point begin_ = Clock::now();
 };
 
-/// Sends `cmd` for the node `name`. `response` holds data when the outcome is
-/// the launcher's own.
+/// Sends `cmd` for the node `name`. `response` is valid if `reply` is DONE,
+/// FAILED or NOT_FOUND.
 void exchange(const ControlOptions& options, ControlRequest::Cmd cmd,
               std::string_view name, ControlReply& reply,
               ControlResponse& response) {
@@ -297,7 +300,7 @@ void exchange(const ControlOptions& options, ControlRequest::Cmd cmd,
   }
   if (name.find('\0') != std::string_view::npos) {
     reply.outcome = Outcome::INVALID_NAME;
-    reply.message = "a node's name has no NUL byte";
+    reply.message = "a node's name cannot contain a NUL byte";
     return;
   }
   name.copy(request.name, sizeof(request.name) - 1);

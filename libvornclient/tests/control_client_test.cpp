@@ -142,7 +142,7 @@ TEST(ControlClientNameTest, OneOf128BytesIsRefusedWithoutASocket) {
 TEST(ControlClientNameTest, OneWithANulIsRefusedWithoutASocket) {
   const ControlReply reply = ControlClient().stop(std::string_view("a\0b", 3));
   EXPECT_EQ(reply.outcome, Outcome::INVALID_NAME);
-  EXPECT_EQ(reply.message, "a node's name has no NUL byte");
+  EXPECT_EQ(reply.message, "a node's name cannot contain a NUL byte");
   EXPECT_THAT(socketCalls().made, IsEmpty());
 }
 
@@ -319,8 +319,9 @@ TEST(NoLauncherTest, ThereIsNoSocket) {
   options.socketPath = "/nonexistent/socket";
   const ControlReply reply = ControlClient(options).start("planner");
   EXPECT_EQ(reply.outcome, Outcome::NO_LAUNCHER);
-  EXPECT_EQ(reply.message,
-            "no launcher is running: there is no socket /nonexistent/socket");
+  EXPECT_EQ(
+      reply.message,
+      "no launcher is running: the socket /nonexistent/socket does not exist");
 }
 
 TEST(NoLauncherTest, TheSocketIsOneLeftBehind) {
@@ -378,7 +379,7 @@ TEST(NoLauncherTest, ItHangsUpBeforeTheSend) {
   };
   const ControlReply reply = clientOf(launcher).start("planner");
   EXPECT_EQ(reply.outcome, Outcome::NO_LAUNCHER);
-  EXPECT_EQ(reply.message, "the launcher has gone: Broken pipe");
+  EXPECT_EQ(reply.message, "the launcher closed the connection: Broken pipe");
 }
 
 TEST(NoLauncherTest, TheRequestIsNeverContinuedWhenItWasCut) {
@@ -421,7 +422,7 @@ TEST(NotSentTest, NoSocketCanBeMade) {
   };
   const ControlReply reply = ControlClient().start("planner");
   EXPECT_EQ(reply.outcome, Outcome::NOT_SENT);
-  EXPECT_EQ(reply.message, "cannot make a socket: Too many open files");
+  EXPECT_EQ(reply.message, "cannot create a socket: Too many open files");
 }
 
 // -- Whom to trust.
@@ -486,8 +487,9 @@ TEST_F(TrustTest, AListenerThatCannotBeToldIsNotTrusted) {
   };
   const ControlReply reply = clientOf(launcher_).start("planner");
   EXPECT_EQ(reply.outcome, Outcome::UNTRUSTED);
-  EXPECT_EQ(reply.message,
-            "cannot tell whose launcher it is: Protocol not available");
+  EXPECT_EQ(
+      reply.message,
+      "cannot determine the user of the launcher: Protocol not available");
   EXPECT_EQ(received_, 0U);
 }
 

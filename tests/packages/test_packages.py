@@ -111,7 +111,7 @@ int main() {
     run(settings["CMAKE_CXX_COMPILER"], "-std=c++17", source, *flags, "-o",
         tmp_path / "user")
     assert run(tmp_path / "user", env={"VORN_ROOT": "/opt/robot"}) == (
-        "/opt/robot: no launcher is running: there is no socket /nonexistent/socket")
+        "/opt/robot: no launcher is running: the socket /nonexistent/socket does not exist")
 
 
 # -- The installation.

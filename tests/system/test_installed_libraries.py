@@ -19,7 +19,7 @@ int main() {
   const auto reply = vorn::launch::ControlClient(options).status("camera");
   std::cout << reply.message;
 }
-""", "no launcher is running: there is no socket /nonexistent/socket"),
+""", "no launcher is running: the socket /nonexistent/socket does not exist"),
     "vornlib": ("""
 #include <vornlib/path.h>
 #include <vornlib/trace.h>

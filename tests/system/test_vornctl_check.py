@@ -408,8 +408,7 @@ def test_of_many_diagnostics_of_a_kind_100_are_shown(vornctl):
     lines = finished.stdout.splitlines()
     assert len([line for line in lines if "unknown key" in line]) == 100
     assert lines[100] == (
-        "<stdin>:104:5: warning: only the first 100 findings of this kind are shown; "
-        "there are more [unknown-key]")
+        "<stdin>:104:5: warning: only the first 100 diagnostics of this kind are shown [unknown-key]")
     assert "[long-sleep]" in lines[101] and len(lines) == 102
 
 
@@ -432,7 +431,7 @@ def test_a_long_message_loses_its_middle(vornctl):
     text = "vornnode:\n  a:\n    path: " + "ä" * 40_000
     line = vornctl("-", text=text).stdout
     assert line.startswith("<stdin>:3:11: warning: path 'ä")
-    assert "ää…ää" in line and "write it in full [relative-path]" in line
+    assert "ää…ää" in line and "an absolute path [relative-path]" in line
     assert len(line) < 1000
 
 
@@ -441,7 +440,7 @@ def test_a_cycle_of_many_nodes_has_few_notes(vornctl):
                     for i in range(500))
     lines = vornctl("-", text=f"vornnode:\n{nodes}").stdout.splitlines()
     assert len(lines) == 22
-    assert lines[-1].endswith(": note: further places are not shown")
+    assert lines[-1].endswith(": note: further locations are not shown")
 
 
 # -- Signals.
@@ -487,7 +486,7 @@ def test_json_has_every_field_of_a_diagnostic(vornctl):
     name = write(vornctl, CYCLE)
     finished = vornctl("--format=json", "--no-host", name)
     assert finished.returncode == 1
-    message = "cycle of 'required': ä -> b -> ä; stopping any of them hangs the "
+    message = "cycle of 'required': ä -> b -> ä; stopping any of them blocks the "
     assert json.loads(finished.stdout) == {
         "schema": 1,
         "files": [{
@@ -495,7 +494,7 @@ def test_json_has_every_field_of_a_diagnostic(vornctl):
             "loads": True,
             "findings": [{
                 "line": 2, "column": 34, "severity": "error",
-                "name": "required-cycle", "message": message + "launcher for good",
+                "name": "required-cycle", "message": message + "launcher forever",
                 "notes": [{"line": 3, "column": 33,
                            "message": "'b' requires 'ä' here"}],
             }],
@@ -543,7 +542,7 @@ def test_github_gets_a_command_per_diagnostic(vornctl):
     lines = vornctl("--format=github", "--no-host", name).stdout.splitlines()
     assert lines[0] == (
         "::error file=a%2Cb.yaml,line=2,col=34,title=required-cycle::cycle of "
-        "'required': ä -> b -> ä; stopping any of them hangs the launcher for good"
+        "'required': ä -> b -> ä; stopping any of them blocks the launcher forever"
         "%0Aline 3: 'b' requires 'ä' here"
     )
     assert lines[-1].startswith("::warning file=a%2Cb.yaml,line=4,col=19,title=")
@@ -718,8 +717,7 @@ def test_svg_without_graphviz_is_a_clear_error(vornctl):
                        environment={"PATH": "/nonexistent"})
     assert finished.returncode == 1
     assert finished.stderr == (
-        "vornctl: cannot draw SVG without Graphviz; install it (Debian: graphviz), "
-        "or take --format mermaid or dot\n"
+        "vornctl: cannot draw SVG without Graphviz; install it (Debian: graphviz) or use --format mermaid or dot\n"
     )
 
 
@@ -728,6 +726,6 @@ def test_a_file_that_does_not_load_has_no_graph(vornctl):
     assert (finished.returncode, finished.stdout) == (2, "")
     assert finished.stderr == (
         "vornctl: the launcher would not load -: yaml-cpp: error at line 4, column "
-        "1: bad conversion; 'vornctl check' tells more\n"
+        "1: bad conversion; 'vornctl check' reports all errors\n"
     )
     assert vornctl("missing.yaml", command="graph").returncode == 2

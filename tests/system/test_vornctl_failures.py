@@ -242,7 +242,7 @@ def test_after_an_unknown_outcome_no_other_node_is_tried(fake_launcher):
     fake_launcher.answers([NOT_FOUND, answer(reply(0)), answer()])
     done = fake_launcher.vornctl("stop", "one", "two", "three")
     assert done.returncode == 7
-    assert done.stderr.splitlines()[1] == "vornctl: 2 more not tried"
+    assert done.stderr.splitlines()[1] == "vornctl: 2 more nodes were not tried"
 
 
 # -- A launcher of another user.
@@ -298,7 +298,7 @@ def test_no_launcher_is_exit_status_5(machine, command):
     done = machine.vornctl(*command)
     assert (done.returncode, done.stdout) == (5, "")
     assert done.stderr == (
-        f"vornctl: no launcher is running: there is no socket {SOCKET}\n")
+        f"vornctl: no launcher is running: the socket {SOCKET} does not exist\n")
 
 
 def test_a_terminated_launcher_is_exit_status_5(machine):
@@ -331,7 +331,7 @@ def test_a_launcher_that_exits_during_a_request_is_detected(slow):
         slow.signal(signal.SIGKILL)
         status, out, errors = client.end()
     assert (status, out) == (7, "")
-    assert errors.endswith(MAY_TAKE_EFFECT + "vornctl: 1 more not tried\n")
+    assert errors.endswith(MAY_TAKE_EFFECT + "vornctl: 1 more nodes were not tried\n")
 
 
 @needs_root
@@ -589,7 +589,7 @@ def test_a_timeout_after_the_request_is_exit_status_7(slow):
         client.signal(signal.SIGINT)
         assert client.end() == (
             7, "", "vornctl: lidar: given up waiting for the reply" +
-            MAY_TAKE_EFFECT + "vornctl: 1 more not tried\n")
+            MAY_TAKE_EFFECT + "vornctl: 1 more nodes were not tried\n")
     assert is_stopped_all_the_same(slow)
 
 

@@ -187,8 +187,7 @@ def test_a_pattern_that_matches_nothing_is_an_error_that_says_to_quote(robot):
         done = robot.vornctl(command, "camera", "x*")
         assert (done.returncode, done.stdout) == (4, "")
         assert done.stderr == (
-            "vornctl: no node matches 'x*'; quote patterns, so that the shell "
-            "leaves them alone\n")
+            "vornctl: no node matches 'x*'; quote patterns so that the shell does not expand them\n")
     assert robot.status("camera").state == State.RUNNING
 
 
@@ -383,7 +382,7 @@ def test_a_relative_launch_file_is_shown_with_its_whole_path(machine):
             machine.vornctl(command).stdout)
     machine.file("launch.yaml", "vornnode: {")
     assert machine.vornctl("names").stderr.startswith(
-        "vornctl: the launch file /tmp/launch.yaml is wrong: ")
+        "vornctl: the launch file /tmp/launch.yaml is invalid: ")
     (machine.tmp / "launch.yaml").unlink()
     assert machine.vornctl("names").stderr.startswith(
         "vornctl: cannot read the launch file /tmp/launch.yaml: ")
@@ -442,7 +441,7 @@ def test_a_file_changed_after_the_start_is_reported_once(robot):
         assert done.returncode == 0
         assert done.stderr == (
             "vornctl: the launch file /tmp/launch.yaml was changed after the "
-            "launcher started; what is shown of it may not be what runs\n")
+            "launcher started; its nodes may differ from those that run\n")
     shown = robot.vornctl("status", "--json").stdout
     assert json.loads(shown)["launcher"]["launchFileChanged"] is True
 
@@ -455,7 +454,7 @@ def test_without_the_launch_file_it_says_how_to_give_it(robot):
         assert (done.returncode, done.stdout) == (2, "")
         assert done.stderr == (
             "vornctl: cannot read the launch file /tmp/launch.yaml: No such file "
-            "or directory; name it by --launch-file or VORNCTL_LAUNCH_FILE\n")
+            "or directory; name it with --launch-file or VORNCTL_LAUNCH_FILE\n")
 
 
 def test_without_the_launch_file_nodes_can_be_named(robot):
@@ -499,7 +498,7 @@ def test_an_invalid_launch_file_is_reported_with_its_line(robot):
     other = robot.file("other.yaml", "vornnode: {\n")
     done = robot.vornctl("names", "--launch-file", other)
     assert done.returncode == 2
-    assert "the launch file /tmp/other.yaml is wrong: " in done.stderr
+    assert "the launch file /tmp/other.yaml is invalid: " in done.stderr
     assert "line 2" in done.stderr
 
 
@@ -584,7 +583,7 @@ class TestAnotherRootDirectory:
         assert done.stderr.startswith(
             f"vornctl: cannot read the launch file {path}: {reason}")
         assert done.stderr.endswith(
-            "; name it by --launch-file or VORNCTL_LAUNCH_FILE\n")
+            "; name it with --launch-file or VORNCTL_LAUNCH_FILE\n")
 
 
 def names_without_openat2(machine, error):
@@ -619,8 +618,7 @@ def test_the_launchers_standard_input_is_not_read(machine):
     assert (done.returncode, done.stdout) == (2, "")
     assert done.stderr == (
         "vornctl: cannot read the launch file /dev/stdin: it is a link to a "
-        "descriptor of the launcher, or in a loop of links; name it by "
-        "--launch-file or VORNCTL_LAUNCH_FILE\n")
+        "descriptor of the launcher, or in a loop of links; name it with --launch-file or VORNCTL_LAUNCH_FILE\n")
 
 
 @pytest.mark.parametrize("configure, environment, expected", [
@@ -651,7 +649,7 @@ def test_an_inaccessible_launcher_needs_the_launch_file(robot):
     assert done.returncode == 2
     assert done.stderr == (
         "vornctl: cannot determine the launch file: the launcher is in another pid "
-        "namespace; name it by --launch-file or VORNCTL_LAUNCH_FILE\n")
+        "namespace; name it with --launch-file or VORNCTL_LAUNCH_FILE\n")
     done = robot.execute(*inner, "--launch-file", "/tmp/launch.yaml", "status",
                          "-o", "node,state", "--no-header")
     assert (done.returncode, done.stderr) == (0, "")
@@ -681,8 +679,7 @@ class TestAnotherUser:
         assert done.returncode == 2
         assert done.stderr == (
             "vornctl: cannot access the launcher's working directory "
-            f"(process {machine.pid}), where its launch file launch.yaml is; name "
-            "it by --launch-file or VORNCTL_LAUNCH_FILE\n")
+            f"(process {machine.pid}), where its launch file launch.yaml is; name it with --launch-file or VORNCTL_LAUNCH_FILE\n")
 
     def test_sees_living_nodes_where_proc_hides_them(self, robot):
         robot.run("mount", "-o", "remount,hidepid=2", "/proc")
@@ -710,8 +707,7 @@ class TestAnotherUser:
         assert done.stderr == (
             "vornctl: cannot access the launcher's root directory (process "
             f"{pid} in another pid namespace), where its launch file "
-            "/tmp/launch.yaml is; name it by --launch-file or "
-            "VORNCTL_LAUNCH_FILE\n")
+            "/tmp/launch.yaml is; name it with --launch-file or VORNCTL_LAUNCH_FILE\n")
 
 
 # -- The small commands.

@@ -214,7 +214,7 @@ def test_a_terminal_that_cannot_be_drawn_on_is_refused(robot, name):
     environment = ["ASAN_OPTIONS=detect_leaks=0", f"TERM={name}"]
     terminal = Terminal(robot, "env", *environment, "sh", "-c", SCRIPT)
     assert wait_for_end(terminal, 2) == (
-        "vornctl: this terminal is unknown or too simple; is TERM right?\n")
+        "vornctl: this terminal is unknown or cannot place the cursor; check TERM\n")
 
 
 # -- Keys.
@@ -513,7 +513,7 @@ def test_it_exits_when_another_launcher_replaces_the_first(robot):
     robot.start_again()
     client.signal(signal.SIGCONT)
     assert wait_for_end(terminal, 5) == (
-        "vornctl: the launcher has ended, and another one is running\n")
+        "vornctl: the launcher has exited, and another one is running\n")
 
 
 def test_it_can_be_suspended_and_continued(robot):

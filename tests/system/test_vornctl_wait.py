@@ -88,14 +88,14 @@ def test_a_state_that_does_not_last_is_exit_status_3(robot):
         crash(robot, "camera")
         status, _, errors = client.end()
     assert status == 3
-    assert errors.startswith("vornctl: it did not last: camera is ")
+    assert errors.startswith("vornctl: the state did not last: camera is ")
 
 
 def test_a_wait_that_times_out_is_exit_status_6(robot):
     done = robot.vornctl("wait", "camera", "manual", "--state", "running",
                          "--timeout", "300ms")
     assert (done.returncode, done.stdout, done.stderr) == (
-        6, "", "vornctl: gave up after the time limit: manual is stopped\n")
+        6, "", "vornctl: the time limit has expired: manual is stopped\n")
 
 
 @pytest.mark.parametrize("arguments", [["--timeout", "300ms"], ["--timeout", "0"]],
@@ -226,7 +226,7 @@ def test_another_launcher_is_not_mistaken_for_the_watched_one(robot):
                        "the second launcher answers")
         status, _, errors = client.end()
     assert (status, errors) == (
-        5, "vornctl: the launcher has ended, and another one is running\n")
+        5, "vornctl: the launcher has exited, and another one is running\n")
 
 
 @pytest.mark.native  # an emulated client can send requests later

@@ -17,8 +17,8 @@ namespace {
 int cancel_pipe[2] = {-1, -1};
 
 extern "C" void onStopSignal(int signal) {
-  // Commands that wait never read the pipe: from the first signal on every wait
-  // ends at once. A full pipe is readable just as well.
+  // Commands that wait never read the pipe: after the first signal every wait
+  // returns at once. A full pipe is readable as well.
   const auto number = static_cast<unsigned char>(signal);
   (void)!::write(cancel_pipe[1], &number, sizeof(number));
 }
@@ -32,9 +32,9 @@ void fillStandardDescriptors() {
   }
 }
 
-/// Lets SIGINT, SIGTERM and SIGHUP end what waits, in order: a client that is
-/// killed cannot say what became of its request. A second signal kills. One
-/// that the caller has ignored, as nohup does, stays ignored.
+/// Makes SIGINT, SIGTERM and SIGHUP end a wait: a client that is killed cannot
+/// report the outcome of its request. A second signal terminates the process. A
+/// signal that the caller ignores, as with nohup, stays ignored.
 bool armStopSignals() {
   if (::pipe2(cancel_pipe, O_CLOEXEC | O_NONBLOCK) != 0) return false;
   struct sigaction action {};
@@ -53,10 +53,10 @@ bool armStopSignals() {
 
 int main(int argc, char** argv) {
   (void)std::setlocale(LC_CTYPE, "");
-  // What is shown is UTF-8, as the launch file is, where nobody has set a
-  // locale too.
+  // The output is UTF-8 like the launch file, even if no locale is set.
   if (MB_CUR_MAX == 1) (void)std::setlocale(LC_CTYPE, "C.UTF-8");
-  (void)::signal(SIGPIPE, SIG_DFL);  // a reader that has gone ends us silently
+  (void)::signal(SIGPIPE,
+                 SIG_DFL);  // a closed output pipe terminates vornctl silently
   fillStandardDescriptors();
   (void)armStopSignals();
   try {

@@ -57,8 +57,8 @@ TEST(SelectionTest, APatternThatMatchesNothingIsAnError) {
   std::string error;
   EXPECT_THAT(select({"camera", "zz*"}, &error), IsEmpty());
   EXPECT_EQ(error,
-            "no node matches 'zz*'; quote patterns, so that the shell leaves "
-            "them alone");
+            "no node matches 'zz*'; quote patterns so that the shell does not "
+            "expand them");
 }
 
 TEST(SelectionTest, AStarMatchesDotsAndSlashesInNames) {

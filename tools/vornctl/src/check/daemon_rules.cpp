@@ -7,16 +7,16 @@
 namespace vorn::launch {
 namespace {
 
-/// A server that goes into the background by itself.
+/// A server that moves to the background by itself.
 struct Server {
   std::string_view program;
-  std::string_view background;  // options that do it, with a space before and
+  std::string_view background;  // options for this, with a space before and
                                 // after each; empty: it is the default
   std::string_view foreground;  // option letters that keep it in the foreground
 };
 
-// Servers whose configuration file can say the same are left out, and with
-// them the options that name such a file.
+// Without servers that a configuration file can keep in the foreground, and
+// without the options that name such a file.
 constexpr Server kServers[] = {
     {"mosquitto", " -d --daemon ", ""},
     {"memcached", " -d --daemon ", ""},
@@ -43,7 +43,7 @@ bool isNo(const std::string& word) {
   return word == "no" || word == "false" || word == "off" || word == "0";
 }
 
-/// The option of any program that goes into the background; null if there is
+/// The option with which any program moves to the background; null if there is
 /// none.
 const Text* daemonizeOption(const std::vector<Text>& arguments) {
   for (size_t i = 0; i < arguments.size(); ++i) {
@@ -58,7 +58,8 @@ const Text* daemonizeOption(const std::vector<Text>& arguments) {
   return nullptr;
 }
 
-/// The option by which this server goes into the background.
+/// The option with which this server moves to the background; null if there is
+/// none.
 const Text* backgroundOption(const Server& server,
                              const std::vector<Text>& arguments) {
   const auto found =
@@ -69,8 +70,8 @@ const Text* backgroundOption(const Server& server,
   return found == arguments.end() ? nullptr : &*found;
 }
 
-/// Whether an option keeps this server in the foreground. Letters can be
-/// combined, and a long option could mean anything.
+/// Whether an option may keep this server in the foreground. Letters can be
+/// combined, and the effect of a long option is not known.
 bool hasForegroundOption(const Server& server,
                          const std::vector<Text>& arguments) {
   return std::any_of(arguments.begin(), arguments.end(), [&](const Text& each) {
@@ -83,7 +84,7 @@ bool hasForegroundOption(const Server& server,
 
 void checkDaemon(const LaunchFile::Node& node, Diagnostics& diagnostics) {
   const std::string end =
-      " goes into the background; the launcher treats this as an exit and "
+      " moves to the background; the launcher treats this as an exit and "
       "restarts node '" +
       node.name.value + "' every 5 s; run the program in the foreground";
   if (const Text* const option = daemonizeOption(node.arguments)) {
@@ -112,7 +113,7 @@ void checkDaemon(const LaunchFile::Node& node, Diagnostics& diagnostics) {
 
 void checkDaemons(const LaunchFile& file, Diagnostics& diagnostics) {
   for (const LaunchFile::Node& node : file.nodes) {
-    // A oneshot is not started again, so it can start a daemon.
+    // A oneshot is not restarted after its exit, so it can start a daemon.
     if (!node.oneshot.value) checkDaemon(node, diagnostics);
   }
 }

@@ -15,66 +15,67 @@ constexpr Severity kError = Severity::ERROR;
 
 constexpr CheckInfo kChecks[] = {
     // Errors that terminate the launcher while it reads: launchfile/parser.cpp.
-    {"syntax", kError, "no valid YAML"},
-    {"other-language", kError, "a file in another language than YAML"},
-    {"null-value", kError, "nothing where a value must be"},
-    {"not-a-text", kError, "a list or mapping where one value must be"},
+    {"syntax", kError, "invalid YAML"},
+    {"other-language", kError, "a file that is not YAML"},
+    {"null-value", kError, "a missing value"},
+    {"not-a-text", kError, "a list or mapping instead of a single value"},
     {"not-a-bool", kError, "a flag that is neither true nor false"},
-    {"not-a-number", kError, "a sleep that is no whole number"},
-    {"not-a-list", kError, "a 'required' that is no list"},
-    {"not-a-key", kError, "a name or key that is nothing, or no text"},
-    {"scalar-for-mapping", kError, "a single value where a mapping must be"},
-    {"list-for-mapping", kError, "a list where a mapping must be"},
+    {"not-a-number", kError, "a sleep that is not a whole number"},
+    {"not-a-list", kError, "a 'required' that is not a list"},
+    {"not-a-key", kError, "a name or key that is missing or not a text"},
+    {"scalar-for-mapping", kError, "a single value instead of a mapping"},
+    {"list-for-mapping", kError, "a list instead of a mapping"},
     // Parts that are ignored or changed: document_rules.cpp.
     {"second-document", kError, "a second document, which is not read"},
     {"repeated-section", kError,
      "a second 'vornnode' or 'configure', which is not read"},
-    {"ignored-value", kWarning, "a value of a kind that means nothing"},
+    {"ignored-value", kWarning, "a value of a kind that is ignored"},
     {"no-nodes", kNote, "no node in the file"},
-    {"unknown-key", kWarning, "a key that means nothing"},
-    {"repeated-key", kWarning, "a key or variable that is there twice"},
-    {"merge-key", kWarning, "'<<', which merges nothing"},
-    {"unknown-ignore", kWarning, "a comment that silences nothing known"},
+    {"unknown-key", kWarning, "an unknown key"},
+    {"repeated-key", kWarning, "a repeated key or variable"},
+    {"merge-key", kWarning, "'<<', which does not merge"},
+    {"unknown-ignore", kWarning, "a comment with the name of no diagnostic"},
     // Nodes: node_rules.cpp.
     {"name-too-long", kError, "a node that cannot be controlled"},
     {"name-like-option", kWarning, "a node's name that contains an option"},
     {"nul-in-name", kError, "a node's name with a NUL in it"},
     {"node-dropped", kWarning, "a node without a path"},
-    {"duplicate-node", kWarning, "two nodes of one name"},
+    {"duplicate-node", kWarning, "two nodes with the same name"},
     {"sleep-wraps", kWarning, "a sleep that wraps around"},
-    {"long-sleep", kWarning, "a sleep that holds up everything"},
+    {"long-sleep", kWarning, "a sleep that blocks the launcher for long"},
     {"short-sleep", kNote, "a sleep that seems to be in seconds"},
     {"relative-path", kWarning, "a relative path without VORN_BIN_PATH"},
     {"shell-in-path", kWarning, "a path with arguments or shell syntax"},
-    {"quote-in-argv", kWarning, "quotes, which nothing takes away"},
-    {"shell-in-argv", kWarning, "what only a shell understands"},
+    {"quote-in-argv", kWarning, "quotes in an argument, which are not removed"},
+    {"shell-in-argv", kWarning, "shell syntax in an argument"},
     {"space-in-argument", kWarning, "a tab or new line in an argument"},
-    {"nul-in-text", kWarning, "a text that a NUL cuts off"},
+    {"nul-in-text", kWarning, "a text with a NUL, where it ends"},
     {"disabled-autostart", kWarning, "both disabled and not autostart"},
-    {"daemonizes", kWarning, "a program that goes into the background"},
+    {"daemonizes", kWarning, "a program that moves to the background"},
     // Variables: variable_rules.cpp.
     {"refused-variable", kWarning, "a name that no variable can have"},
     {"node-name-replaced", kWarning, "__VORN_NODE_NAME__ replaced"},
-    {"launcher-path", kWarning, "a PATH by which ps or grep is not found"},
-    {"launcher-library", kWarning, "libraries forced upon the launcher"},
+    {"launcher-path", kWarning, "a PATH without ps or grep"},
+    {"launcher-library", kWarning,
+     "a library variable that affects the launcher"},
     {"variable-not-expanded", kWarning, "shell syntax in a variable's value"},
-    {"install-not-expanded", kWarning, "install:// where it means nothing"},
-    {"install-misspelt", kWarning, "what was meant to be install://"},
+    {"install-not-expanded", kWarning, "install:// where it is not expanded"},
+    {"install-misspelt", kWarning, "a misspelt install://"},
     // `required`: required_rules.cpp.
     {"required-cycle", kError, "nodes that require each other"},
     {"required-unknown", kWarning, "a required node that does not exist"},
     {"required-self", kWarning, "a node that requires itself"},
-    {"required-oneshot", kWarning, "a required node that ends disabled"},
+    {"required-oneshot", kWarning, "a required node that a stop disables"},
     {"required-twice", kWarning, "a node that is required twice"},
     {"long-stop", kWarning, "a stop that takes too long"},
     // The machine: host_rules.cpp.
-    {"missing-executable", kWarning, "a program that is not there"},
-    {"executable-folder", kWarning, "a folder in the place of a program"},
-    {"not-executable", kWarning, "a program that may not be executed"},
-    {"wrong-format", kWarning, "a program for another machine, or none"},
+    {"missing-executable", kWarning, "a missing program"},
+    {"executable-directory", kWarning, "a directory instead of a program"},
+    {"not-executable", kWarning, "a program that is not executable"},
+    {"wrong-format", kWarning, "a file that this machine cannot execute"},
     {"missing-interpreter", kWarning, "a program without its interpreter"},
     {"missing-tool", kWarning, "no ps or no grep"},
-    {"clone-refused", kWarning, "a system call of each stop is refused"},
+    {"clone-refused", kWarning, "a refused system call that each stop needs"},
     {"writable-by-others", kWarning, "a file that any user can change"},
 };
 
@@ -82,7 +83,7 @@ bool isBefore(const Diagnostic& a, const Diagnostic& b) {
   return std::tie(a.place, a.message) < std::tie(b.place, b.message);
 }
 
-/// A message without the middle of a text that is too long to be read.
+/// The message, with an ellipsis for the middle of one that is too long.
 std::string shortened(const std::string& message) {
   if (message.size() <= kLongestMessage) return message;
   const auto is_inside = [&](size_t position) {
@@ -135,7 +136,7 @@ Diagnostics::Diagnostics(const SourceText& document,
   for (const auto& [line, names] : silenced_) {
     for (const std::string& name : names) {
       if (findCheck(name) != nullptr) continue;
-      add("unknown-ignore", {line, 1}, "there is no finding '" + name + "'");
+      add("unknown-ignore", {line, 1}, "unknown diagnostic '" + name + "'");
     }
   }
 }
@@ -162,7 +163,7 @@ void Diagnostics::add(const std::string& check, Place place,
   if (!kind.shown.emplace(place, text).second) return;
   if (notes.size() > kMostNotes) {
     notes.resize(kMostNotes);
-    notes.push_back({notes.back().place, "further places are not shown"});
+    notes.push_back({notes.back().place, "further locations are not shown"});
   }
   for (Note& note : notes) note.message = shortened(note.message);
   diagnostics_.push_back({info, place, text, std::move(notes)});
@@ -176,12 +177,11 @@ bool Diagnostics::isFull(const std::string& check) const {
 void Diagnostics::settle() {
   for (const auto& [info, kind] : kinds_) {
     if (!kind.more) continue;
-    diagnostics_.push_back(
-        {info,
-         *kind.more,
-         "only the first " + std::to_string(kMostOfAKind) +
-             " findings of this kind are shown; there are more",
-         {}});
+    diagnostics_.push_back({info,
+                            *kind.more,
+                            "only the first " + std::to_string(kMostOfAKind) +
+                                " diagnostics of this kind are shown",
+                            {}});
   }
   std::stable_sort(diagnostics_.begin(), diagnostics_.end(), isBefore);
 }

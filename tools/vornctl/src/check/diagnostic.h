@@ -16,20 +16,21 @@ enum class Severity { NOTE, WARNING, ERROR };
 /// "note", "warning" or "error".
 const char* wordFor(Severity severity);
 
-/// One kind of finding. The names are stable: people silence findings by them.
+/// One kind of diagnostic. The names are stable: users silence diagnostics by
+/// them.
 struct CheckInfo {
   const char* name;
   Severity severity;
-  const char* summary;  // what is wrong, in a few words
+  const char* summary;  // the problem in a few words
 };
 
-/// Every kind of finding, in the order of the documentation.
+/// Every kind of diagnostic, in the order of the documentation.
 const std::vector<CheckInfo>& allChecks();
 
-/// The kind of this name; null if there is none.
+/// The kind of this name; null if the name is unknown.
 const CheckInfo* findCheck(const std::string& name);
 
-/// A second place that a finding is about.
+/// Another location that a diagnostic refers to.
 struct Note {
   Place place;
   std::string message;
@@ -42,30 +43,30 @@ struct Diagnostic {
   std::vector<Note> notes;
 };
 
-// Limits for each file; the rest is left out with a word about it.
-constexpr size_t kMostOfAKind = 100;      // findings
-constexpr size_t kMostNotes = 20;         // of a finding
+// Limits for each file. The output says that the rest is omitted.
+constexpr size_t kMostOfAKind = 100;      // diagnostics
+constexpr size_t kMostNotes = 20;         // of a diagnostic
 constexpr size_t kLongestMessage = 1000;  // in bytes
 
-/// The findings in one launch file.
+/// The diagnostics of one launch file.
 class Diagnostics {
  public:
-  /// Diagnostics of these names, or silenced by a comment in the document, will
-  /// be left out. Adds the findings about such comments.
+  /// Diagnostics with these names, or silenced by a comment in the document,
+  /// are ignored. Adds the diagnostics of such comments.
   Diagnostics(const SourceText& document,
               const std::vector<std::string>& ignored_names);
 
-  /// Adds a finding, unless it is silenced, is there already, or is beyond the
-  /// limit. `check` is a name in allChecks(). Line 0 becomes the first line.
+  /// Adds a diagnostic unless it is silenced, repeated or beyond the limit.
+  /// `check` is a name in allChecks(). Line 0 becomes the first line.
   void add(const std::string& check, Place place, const std::string& message,
            std::vector<Note> notes = {});
 
-  /// Whether the limit of the findings of this name is reached.
+  /// Whether the limit of the diagnostics of this name is reached.
   bool isFull(const std::string& check) const;
 
   const std::vector<Diagnostic>& all() const { return diagnostics_; }
 
-  /// Sorts the findings by place and mentions those beyond the limit.
+  /// Sorts the diagnostics by location and adds a note about omitted ones.
   void settle();
 
  private:

@@ -29,7 +29,7 @@ std::string hintFor(const std::string& key,
   return near.empty() ? "" : "; did you mean '" + near + "'?";
 }
 
-/// Keys for people's own use, such as anchors, at the top level.
+/// Whether this is a key at the top level that users may add, as for anchors.
 bool isPrivate(const std::string& key) { return key.rfind("x-", 0) == 0; }
 
 void checkUnknown(const std::vector<Text>& keys, const std::string& owner,
@@ -40,10 +40,9 @@ void checkUnknown(const std::vector<Text>& keys, const std::string& owner,
       continue;
     }
     if (key.value == "<<") {
-      diagnostics.add(
-          "merge-key", key.place,
-          "'<<' merges nothing here, it is a key like any other and "
-          "ignored; repeat what it should bring");
+      diagnostics.add("merge-key", key.place,
+                      "'<<' is ignored like any unknown key; repeat the keys "
+                      "that it would merge");
       continue;
     }
     diagnostics.add("unknown-key", key.place,
@@ -52,7 +51,7 @@ void checkUnknown(const std::vector<Text>& keys, const std::string& owner,
   }
 }
 
-/// What a key does that stands in a node once more.
+/// The effect of a key that appears in a node again.
 std::string ofRepeatedKey(const std::string& key) {
   if (key == "path") return "the first one is used, this one is ignored";
   if (key == "argv") return "its arguments are added to those before";
@@ -85,11 +84,11 @@ void checkSections(const LaunchFile& file, Diagnostics& diagnostics) {
     if (is_new || (key.value != "vornnode" && key.value != "configure")) {
       continue;
     }
-    diagnostics.add("repeated-section", key.place,
-                    "a second '" + key.value +
-                        "' is ignored with all that is in it; move it to the "
-                        "first",
-                    {{before->second, "the first one is here"}});
+    diagnostics.add(
+        "repeated-section", key.place,
+        "a second '" + key.value +
+            "' is ignored with its content; move the content to the first one",
+        {{before->second, "the first one is here"}});
   }
   checkUnknown(others, "at the top level", kRootKeys, adviceForRootKey,
                diagnostics);
@@ -131,22 +130,23 @@ void checkDocument(const LaunchFile& file, Diagnostics& diagnostics) {
   if (!file.loadErrors.empty() && file.loadErrors[0].check == "syntax") return;
   if (file.secondDocument.line != 0) {
     diagnostics.add("second-document", file.secondDocument,
-                    "what follows the first document is not read; one file is "
-                    "one document");
+                    "text after the first document is not read; a launch file "
+                    "is one document");
   }
   for (const Text& value : file.ignored) {
     diagnostics.add(
         "ignored-value", value.place,
-        "this is no mapping, so " + value.value + " is taken for an empty one");
+        "this is not a mapping; " + value.value + " is treated as empty");
   }
   checkSections(file, diagnostics);
   for (const LaunchFile::Node& node : file.nodes) checkKeys(node, diagnostics);
-  for (const LaunchFile::Node& node : file.dropped)
+  for (const LaunchFile::Node& node : file.dropped) {
     checkKeys(node, diagnostics);
+  }
   if (file.nodes.empty() && file.loadErrors.empty()) {
     diagnostics.add(
         "no-nodes", {1, 1},
-        "no node in this file: the launcher runs, and starts nothing");
+        "this file has no nodes: the launcher runs, but starts nothing");
   }
 }
 

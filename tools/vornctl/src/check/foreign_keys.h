@@ -8,7 +8,7 @@ namespace vorn::launch {
 /// "working_directory" and "working-directory" are the same key.
 std::string normalizedKey(const std::string& key);
 
-/// How to write in a node's description what other supervisors express by this
+/// The replacement in a node's description for the purpose that this
 /// normalized key; null for a key of no other supervisor. Static.
 const char* adviceForNodeKey(const std::string& key);
 

@@ -26,17 +26,16 @@ namespace fs = std::filesystem;
 
 constexpr size_t kReadByKernel = 256;  // of a program, for its "#!" line
 constexpr char kEveryFiveSeconds[] =
-    ", so it exits with status 127 and is tried again every 5 s";
+    ", so it exits with status 127 and is restarted every 5 s";
 
-/// What is wrong with a program: a finding without its place. Nothing: it can
-/// be executed, as far as that can be told.
+/// The reason why a program cannot be executed: a diagnostic without its
+/// location.
 struct ProgramProblem {
   std::string check;
-  std::string what;
+  std::string description;
 };
 
-/// As much of the beginning of a file as there is of `size` bytes; nothing if
-/// it cannot be read.
+/// At most `size` bytes from the start of a file; nothing if it cannot be read.
 std::optional<std::string> beginningOf(const std::string& path, size_t size) {
   std::ifstream file(path, std::ios::binary);
   if (!file) return std::nullopt;
@@ -55,7 +54,8 @@ bool mayExecute(const std::string& path) {
   return ::faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0;
 }
 
-/// The kernel's own: what it executes besides depends on its settings.
+/// Whether the kernel cannot execute a program for this machine, apart from
+/// settings such as binfmt_misc.
 bool isForeign(uint16_t machine) {
   switch (machine) {
 #if defined(__x86_64__)
@@ -93,7 +93,7 @@ std::optional<T> readAt(std::ifstream& file, uint64_t offset) {
   return value;
 }
 
-/// The loader that an ELF program of 64 bits names; empty if none.
+/// The loader in the header of a 64-bit ELF program; empty if it has none.
 std::string loaderOf(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   const auto header = readAt<Elf64_Ehdr>(file, 0);
@@ -114,10 +114,10 @@ std::string loaderOf(const std::string& path) {
 
 std::optional<ProgramProblem> problemOfElf(const std::string& path,
                                            const std::string& beginning) {
-  Elf64_Half machine = 0;  // at the same place for 32 bits
+  Elf64_Half machine = 0;  // at the same offset for 32 bits
   constexpr size_t kMachineAt = offsetof(Elf64_Ehdr, e_machine);
   if (beginning.size() < kMachineAt + sizeof(machine)) {
-    return ProgramProblem{"wrong-format", "is cut off"};
+    return ProgramProblem{"wrong-format", "is truncated"};
   }
   std::memcpy(&machine, beginning.data() + kMachineAt, sizeof(machine));
   if (isForeign(machine)) {
@@ -126,19 +126,19 @@ std::optional<ProgramProblem> problemOfElf(const std::string& path,
   const std::string loader = loaderOf(path);
   if (!loader.empty() && !exists(loader)) {
     return ProgramProblem{"missing-interpreter", "needs the loader " + loader +
-                                                     ", which is not there"};
+                                                     ", which does not exist"};
   }
   return std::nullopt;
 }
 
-/// The program that "env NAME" would start is looked for in this PATH.
+/// Whether a directory of this PATH has the program, as "env NAME" searches it.
 bool isInPath(const std::string& program, const std::string& path) {
-  std::istringstream folders(path);
-  for (std::string folder; std::getline(folders, folder, ':');) {
-    if (folder.empty()) folder = ".";
-    folder.append("/").append(program);
+  std::istringstream directories(path);
+  for (std::string file; std::getline(directories, file, ':');) {
+    if (file.empty()) file = ".";
+    file.append("/").append(program);
     std::error_code error;
-    if (mayExecute(folder) && !fs::is_directory(folder, error)) return true;
+    if (mayExecute(file) && !fs::is_directory(file, error)) return true;
   }
   return false;
 }
@@ -150,14 +150,14 @@ std::optional<ProgramProblem> problemOfScript(const std::string& beginning,
   std::string interpreter;
   std::string argument;
   words >> interpreter >> argument;
-  // The kernel cuts at spaces and tabs alone.
+  // The kernel splits only at spaces and tabs.
   if (line.find('\r') != std::string::npos && argument.empty()) {
     interpreter += '\r';
   }
   if (interpreter.empty() || !exists(interpreter)) {
     return ProgramProblem{
         "missing-interpreter",
-        "needs the interpreter '" + interpreter + "', which is not there"};
+        "needs the interpreter '" + interpreter + "', which does not exist"};
   }
   const bool is_env = fs::path(interpreter).filename() == "env";
   const bool is_name = !argument.empty() && argument[0] != '-' &&
@@ -166,7 +166,7 @@ std::optional<ProgramProblem> problemOfScript(const std::string& beginning,
   if (is_env && is_name && !isInPath(argument, path)) {
     return ProgramProblem{
         "missing-interpreter",
-        "needs '" + argument + "', which is in no folder of PATH"};
+        "needs '" + argument + "', which is not in any directory of PATH"};
   }
   return std::nullopt;
 }
@@ -191,16 +191,16 @@ std::optional<ProgramProblem> problemOf(const std::string& program,
         "cannot be found (" + reason +
             "): the node is disabled at its first start" +
             (hasArguments(program)
-                 ? "; arguments go into 'argv', not into 'path'"
+                 ? "; write arguments in 'argv', not in 'path'"
                  : "")};
   }
   if (S_ISDIR(status.st_mode)) {
-    return ProgramProblem{"executable-folder",
-                          std::string("is a folder") + kEveryFiveSeconds};
+    return ProgramProblem{"executable-directory",
+                          std::string("is a directory") + kEveryFiveSeconds};
   }
   if (!S_ISREG(status.st_mode) || !mayExecute(program)) {
-    return ProgramProblem{"not-executable", std::string("may not be executed") +
-                                                kEveryFiveSeconds};
+    return ProgramProblem{"not-executable",
+                          std::string("is not executable") + kEveryFiveSeconds};
   }
   const auto beginning = beginningOf(program, kReadByKernel);
   if (!beginning) return std::nullopt;
@@ -210,15 +210,15 @@ std::optional<ProgramProblem> problemOf(const std::string& program,
   } else if (beginning->rfind("#!", 0) == 0) {
     problem = problemOfScript(*beginning, path);
   } else {
-    problem = ProgramProblem{"wrong-format",
-                             "is no program, and no script that begins "
-                             "with '#!'"};
+    problem = ProgramProblem{
+        "wrong-format",
+        "is neither a program nor a script that starts with '#!'"};
   }
-  if (problem) problem->what += kEveryFiveSeconds;
+  if (problem) problem->description += kEveryFiveSeconds;
   return problem;
 }
 
-/// The value of PATH that these variables set last; else `value`.
+/// The value of PATH that these variables set last; otherwise `value`.
 std::string pathFrom(const std::vector<Variable>& variables,
                      std::string value) {
   for (const Variable& variable : variables) {
@@ -242,7 +242,7 @@ void checkPrograms(const LaunchFile& file, const std::string& path,
     if (!entry->second) continue;
     diagnostics.add(entry->second->check, node.path.place,
                     "'" + program + "' of node '" + node.name.value + "' " +
-                        entry->second->what);
+                        entry->second->description);
   }
 }
 
@@ -256,14 +256,15 @@ void checkTools(const LaunchFile& file, const std::string& path,
     if (isInPath(tool, path)) continue;
     diagnostics.add("missing-tool", place,
                     std::string("'") + tool +
-                        "' is in no folder of the launcher's PATH, '" + path +
+                        "' is not in any directory of the launcher's PATH, '" +
+                        path +
                         "'; without it a stop takes its full 10 s or does not "
                         "wait at all");
   }
 }
 
-/// The C library starts the shell of popen() by clone3(), and takes another
-/// call only if the kernel does not know that one.
+/// popen(3) starts the shell with clone3(), and uses another system call only
+/// if the kernel does not have that one.
 void checkClone(Diagnostics& diagnostics) {
 #if defined(SYS_clone3)
   // Without arguments the call always fails.
@@ -278,8 +279,8 @@ void checkClone(Diagnostics& diagnostics) {
 #endif
 }
 
-/// The file or folder at or above `path` that any user can change; empty if
-/// there is none.
+/// The file `path`, or the directory above it, that any user can change; empty
+/// if there is none.
 std::string writableByOthers(const std::string& path) {
   std::error_code error;
   const fs::path real = fs::canonical(path, error);
@@ -287,7 +288,8 @@ std::string writableByOthers(const std::string& path) {
   for (fs::path each = real; !each.empty(); each = each.parent_path()) {
     struct stat status {};
     const bool is_known = ::stat(each.c_str(), &status) == 0;
-    // In a sticky folder, such as /tmp, nobody can replace what is another's.
+    // In a sticky directory, such as /tmp, users cannot replace the files of
+    // other users.
     const bool is_protected =
         S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0;
     if (is_known && (status.st_mode & S_IWOTH) != 0 && !is_protected) {
@@ -304,9 +306,10 @@ void checkRights(const SourceText& document, const LaunchFile& file,
   const auto check = [&](const std::string& path, const Place& place) {
     const std::string writable = writableByOthers(path);
     if (writable.empty()) return;
-    diagnostics.add("writable-by-others", place,
-                    "any user can change '" + writable +
-                        "', and so what the launcher runs as root");
+    diagnostics.add(
+        "writable-by-others", place,
+        "any user can change '" + writable +
+            "', and so the programs that the launcher runs as root");
   };
   check(document.name(), {1, 1});
   std::set<std::string> seen;
@@ -321,7 +324,7 @@ void checkRights(const SourceText& document, const LaunchFile& file,
 void checkHost(const SourceText& document, const LaunchFile& file,
                Diagnostics& diagnostics) {
   const char* const own_path = std::getenv("PATH");
-  // What the C library takes for a missing PATH.
+  // The default of the C library for a missing PATH.
   const std::string path = pathFrom(
       file.environment, own_path == nullptr ? "/bin:/usr/bin" : own_path);
   checkPrograms(file, path, diagnostics);

@@ -9,8 +9,9 @@
 namespace vorn::launch {
 namespace {
 
-constexpr size_t kLongestName = 127;  // what a request of the socket holds
-constexpr uint32_t kLongestSleepMs = 4'294'967;  // its microseconds fit
+constexpr size_t kLongestName = 127;  // the limit of a request
+constexpr uint32_t kLongestSleepMs =
+    4'294'967;  // in microseconds, it fits into 32 bits
 constexpr uint32_t kLongSleepMs = 10'000;
 constexpr uint32_t kShortSleepMs = 100;
 
@@ -116,7 +117,7 @@ bool hasArgument(const std::string& path) {
          path.find_first_not_of("0123456789", next) == std::string::npos;
 }
 
-/// Characters of which a shell would make something, as people write them.
+/// The first shell syntax in an argument; empty if there is none.
 std::string shellPartOfArgument(const std::string& argument) {
   for (const char* const sign : {"&&", "||", "$(", "`"}) {
     if (argument.find(sign) != std::string::npos) return sign;
@@ -130,7 +131,7 @@ std::string shellPartOfArgument(const std::string& argument) {
   if (argument[0] == '>') return ">";
   if (hasShellVariable(argument)) return "$";
   const size_t glob = argument.find_first_of("*?");
-  // An address may well have a question mark.
+  // A URL can contain a question mark.
   const bool is_glob =
       glob != std::string::npos && argument.find("://") == std::string::npos;
   return is_glob ? argument.substr(glob, 1) : "";
@@ -145,19 +146,19 @@ void checkArgument(const LaunchFile::Node& node, const Text& argument,
   if (first == '"' || first == '\'' || last == '"' || last == '\'') {
     diagnostics.add("quote-in-argv", argument.place,
                     subject +
-                        " keeps its quotes; arguments are cut at every space, "
-                        "and nothing takes quotes away");
+                        " keeps its quotes; arguments are split at every "
+                        "space, and quotes are not removed");
   }
-  if (const std::string part = shellPartOfArgument(argument.value); !part.empty()) {
-    diagnostics.add("shell-in-argv", argument.place,
-                    subject +
-                        " is handed over as it stands; no shell sees its '" +
-                        part + "'");
+  if (const std::string part = shellPartOfArgument(argument.value);
+      !part.empty()) {
+    diagnostics.add(
+        "shell-in-argv", argument.place,
+        subject + " is passed as written; no shell expands its '" + part + "'");
   }
   if (argument.value.find_first_of("\t\n\r") != std::string::npos) {
     diagnostics.add("space-in-argument", argument.place,
                     subject +
-                        " has a tab or new line in it; only spaces separate "
+                        " contains a tab or a line break; only spaces separate "
                         "arguments");
   }
 }
@@ -182,7 +183,7 @@ void checkPath(const LaunchFile& file, const LaunchFile::Node& node,
       "path '" + node.path.value + "' of " + named(node);
   if (hasArgument(node.path.value)) {
     diagnostics.add("shell-in-path", node.path.place,
-                    subject + " has a blank in it; arguments go into 'argv'");
+                    subject + " contains a blank; write arguments in 'argv'");
   }
   const bool is_home = node.path.value.rfind("~/", 0) == 0;
   if (is_home || hasShellVariable(node.path.value)) {
@@ -193,12 +194,12 @@ void checkPath(const LaunchFile& file, const LaunchFile::Node& node,
   }
   if (!file.binPath.empty()) return;
   if (node.path.value.rfind('/', 0) == 0) return;
-  // A better word for these is elsewhere.
+  // variable_rules.cpp has a better message for this.
   if (node.path.value.rfind("install:", 0) == 0) return;
   diagnostics.add("relative-path", node.path.place,
                   subject +
-                      " is relative to the launcher's working folder; set "
-                      "VORN_BIN_PATH in 'configure', or write it in full");
+                      " is relative to the launcher's working directory; set "
+                      "VORN_BIN_PATH in 'configure' or write an absolute path");
 }
 
 void checkFlags(const LaunchFile::Node& node, Diagnostics& diagnostics) {

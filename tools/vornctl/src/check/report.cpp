@@ -62,7 +62,7 @@ Json placeOf(const Place& place) {
   return {{"line", place.line}, {"column", place.column}};
 }
 
-/// The characters of UTF-8 in a column of bytes.
+/// The column in characters of UTF-8.
 int codePointColumn(const SourceText& document, const Place& place) {
   const std::string_view line = document.line(place.line);
   int column = 1;

@@ -8,26 +8,27 @@
 
 namespace vorn::launch {
 
-/// One file and what is wrong with it.
+/// One file and its diagnostics.
 struct CheckedFile {
   SourceText document;
-  bool isLoaded = false;  // the launcher would read it to its end
+  bool isLoaded = false;  // the launcher would load it
   Diagnostics diagnostics;
 };
 
-/// A line a finding as compilers write it, "FILE:LINE:COLUMN: error: TEXT
-/// [NAME]", and one for each second place. With `has_source` the source line
+/// One line per diagnostic in the format of compilers, "FILE:LINE:COLUMN:
+/// error: TEXT [NAME]", and one per note. With `has_source`, the source line
 /// and a caret follow each.
 void printAsText(Output& out, const CheckedFile& file, bool has_source,
                  bool has_colours);
 
-/// One JSON document; docs/checks.md tells its members.
+/// One JSON document; docs/checks.md describes its
+/// members.
 void printAsJson(Output& out, const std::vector<CheckedFile>& files);
 
 /// One document in the Static Analysis Results Interchange Format, 2.1.0.
 void printAsSarif(Output& out, const std::vector<CheckedFile>& files);
 
-/// Workflow commands that mark the places in a merge request.
+/// Workflow commands that mark the locations in a merge request.
 void printAsGithub(Output& out, const std::vector<CheckedFile>& files);
 
 }  // namespace vorn::launch

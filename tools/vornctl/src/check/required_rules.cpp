@@ -26,7 +26,7 @@ void checkName(const LaunchFile::Node& node, const Text& name,
   }
   const auto other = index.find(name.value);
   if (other == index.end()) {
-    // A search for each of very many names would take too long.
+    // The search for a similar name takes long if there are many names.
     std::string near;
     if (!diagnostics.isFull("required-unknown"))
       near = nearestOf(names, name.value);
@@ -41,7 +41,7 @@ void checkName(const LaunchFile::Node& node, const Text& name,
     diagnostics.add("required-oneshot", name.place,
                     requirer + "'" + name.value +
                         "', a oneshot: if it runs when '" + node.name.value +
-                        "' stops, it is stopped and ends disabled",
+                        "' stops, it is stopped and disabled",
                     {{other->second->oneshot.place, "it is a oneshot here"}});
   }
 }
@@ -82,7 +82,7 @@ void checkCycles(const LaunchFile& file, const RequiredGraph& graph,
     notes.erase(notes.begin());
     diagnostics.add("required-cycle", place,
                     "cycle of 'required': " + chain +
-                        "; stopping any of them hangs the launcher for good",
+                        "; stopping any of them blocks the launcher forever",
                     std::move(notes));
   }
 }
@@ -105,11 +105,11 @@ void checkCascades(const LaunchFile& file, const RequiredGraph& graph,
     const auto seconds =
         std::chrono::duration_cast<std::chrono::seconds>(cascades[i].duration);
     diagnostics.add("long-stop", file.nodes[i].required.front().place,
-                    "to stop '" + file.nodes[i].name.value + "' may take " +
+                    "stopping '" + file.nodes[i].name.value + "' can take " +
                         std::to_string(cascades[i].stops) + " stops and " +
                         std::to_string(seconds.count()) +
-                        " s, by the nodes it requires and those that they "
-                        "require; meanwhile the launcher does nothing else");
+                        " s, including the nodes that it requires directly or "
+                        "indirectly; meanwhile the launcher does nothing else");
   }
 }
 

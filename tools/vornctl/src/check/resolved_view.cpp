@@ -23,7 +23,8 @@ struct EnvironmentEntry {
   bool isOverwritten = false;
 };
 
-/// What a node's environment is given on top of the launcher's, in order.
+/// The variables that are added to the launcher's environment for a node, in
+/// order.
 std::vector<EnvironmentEntry> environmentOf(const LaunchFile& file,
                                             const LaunchFile::Node& node) {
   std::vector<EnvironmentEntry> entries;
@@ -48,7 +49,7 @@ OutputText lineOf(const Place& place) {
   return place.line == 0 ? "" : "line " + OutputText(place.line);
 }
 
-/// Where argv[0] comes from.
+/// The source of argv[0].
 OutputText sourceOfPath(const LaunchFile& file, const LaunchFile::Node& node) {
   const bool is_joined = node.executable != node.path.value;
   OutputText source = "path, " + lineOf(node.path.place);

@@ -15,11 +15,11 @@ void printResolved(Output& out, const LaunchFile& file);
 /// members.
 void printResolvedAsJson(Output& out, const std::vector<LaunchFile>& files);
 
-/// When each node is started, counted from the first.
+/// The start time of each node, relative to the first start.
 void printTimeline(Output& out, const LaunchFile& file);
 
-/// The seconds that SIGTERM may take to end the launcher: one number. The word
-/// "never" if a cycle of `required` may hang it.
+/// The longest time in seconds from SIGTERM to the exit of the launcher: one
+/// number, or the word "never" if a cycle of `required` can block it.
 void printStopTimeout(Output& out, const LaunchFile& file);
 
 }  // namespace vorn::launch

@@ -5,7 +5,7 @@
 namespace vorn::launch {
 
 /// The section of docs/checks.md about this check, in Markdown without links.
-/// Empty if there is none.
+/// Empty if the check is unknown.
 std::string helpFor(const std::string& check);
 
 }  // namespace vorn::launch

@@ -20,7 +20,7 @@ bool isIn(const std::string& text, size_t position, const char* letters) {
 }
 
 /// The first part of a value that a shell would replace: "$NAME", "${NAME}" or
-/// "~". Names in lower case are not meant: they are frequent in formats and
+/// "~". Names in lower case are ignored: they are frequent in formats and
 /// patterns that the program itself replaces.
 std::string shellPartOfValue(const std::string& value) {
   constexpr char kName[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZ_0123456789";
@@ -56,7 +56,8 @@ void checkVariable(const Variable& variable, Diagnostics& diagnostics) {
     diagnostics.add("nul-in-text", variable.value.place,
                     "variable " + quoted(name) + " ends at its first NUL");
   }
-  if (const std::string part = shellPartOfValue(variable.written); !part.empty()) {
+  if (const std::string part = shellPartOfValue(variable.written);
+      !part.empty()) {
     diagnostics.add("variable-not-expanded", variable.value.place,
                     "variable " + quoted(name) + " keeps its " + quoted(part) +
                         " as written; no shell expands it");
@@ -78,8 +79,8 @@ void checkRepeated(const std::vector<Variable>& variables,
   }
 }
 
-/// What stands where "install://" was meant: in other letters, or with another
-/// number of slashes or colons.
+/// A misspelt "install://": with other letters, or with another number of
+/// slashes or colons. Empty if there is none.
 std::string misspeltInstall(const std::string& value) {
   const std::string lower = lowerCase(value);
   for (const char* const word :
@@ -112,7 +113,7 @@ void checkNotExpanded(const Text& text, const std::string& what,
     return;
   }
   diagnostics.add("install-not-expanded", text.place,
-                  "'install://' means nothing in " + what +
+                  "'install://' is not expanded in " + what +
                       ", only in the value of a variable");
 }
 
@@ -126,29 +127,28 @@ void checkNode(const LaunchFile::Node& node, Diagnostics& diagnostics) {
     if (variable.name.value == kNodeNameVariable) {
       diagnostics.add("node-name-replaced", variable.name.place,
                       std::string("'") + kNodeNameVariable + "'" + of_node +
-                          " replaces the name by which its process is known");
+                          " replaces the name that identifies its process");
     }
   }
   if (node.path.value.rfind('/', 0) == 0) {
     checkNotExpanded(node.path, "the path" + of_node, diagnostics);
   } else if (node.path.value.find("install:") != std::string::npos) {
-    diagnostics.add(
-        "install-not-expanded", node.path.place,
-        "'install://' means nothing in the path" + of_node +
-            "; set VORN_BIN_PATH to 'install://bin', say, and write "
-            "what follows it here");
+    diagnostics.add("install-not-expanded", node.path.place,
+                    "'install://' is not expanded in the path" + of_node +
+                        "; set VORN_BIN_PATH, for example to 'install://bin', "
+                        "and write the rest of the path here");
   }
   for (const Text& argv : node.argvs) {
     checkNotExpanded(argv, "the arguments" + of_node, diagnostics);
   }
 }
 
-/// Whether `ps` and `grep` can be expected in one of the folders of a PATH.
+/// Whether a PATH has a directory in which `ps` and `grep` can be expected.
 bool hasTools(const std::string& path) {
-  for (const char* const folder : {"/bin", "/usr/bin"}) {
+  for (const char* const directory : {"/bin", "/usr/bin"}) {
     const std::string found = ":" + path + ":";
     for (const char* const end : {":", "/:"}) {
-      if (found.find(std::string(":") + folder + end) != std::string::npos) {
+      if (found.find(std::string(":") + directory + end) != std::string::npos) {
         return true;
       }
     }
@@ -161,12 +161,12 @@ void checkLaunchersOwn(const Variable& variable, Diagnostics& diagnostics) {
   if (name == kNodeNameVariable) {
     diagnostics.add("node-name-replaced", variable.name.place,
                     std::string("a global '") + kNodeNameVariable +
-                        "' is replaced in every node by the launcher's own");
+                        "' is replaced in every node by the launcher's value");
   }
   if (name == "PATH" && !hasTools(variable.value.value)) {
     diagnostics.add("launcher-path", variable.value.place,
-                    "this PATH is the launcher's too, which looks for 'ps' and "
-                    "'grep' in it; add /usr/bin, or set it in the nodes");
+                    "the launcher itself uses this PATH to find 'ps' and "
+                    "'grep'; add /usr/bin, or set PATH in the nodes");
   }
   if (name == "LD_PRELOAD" || name == "LD_LIBRARY_PATH") {
     diagnostics.add(

@@ -29,7 +29,7 @@ bool mayColour(ColourMode mode) {
          terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
 }
 
-/// The columns of the terminal at standard output; 0 if there is none.
+/// The columns of the terminal at standard output; 0 if it is not a terminal.
 size_t terminalWidth() {
   winsize size{};
   if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return 0;

@@ -32,7 +32,7 @@ Commands::Commands(CLI::App& app) : app_(app) {
   addTop();
   addCheck();
   addGraph();
-  addCommand("ping", "Tell whether a launcher answers",
+  addCommand("ping", "Check that a launcher answers",
              [](Context& context) { return ping(context); });
   addNames();
   addHelpers();
@@ -41,25 +41,26 @@ Commands::Commands(CLI::App& app) : app_(app) {
 void Commands::addCommonOptions() {
   Settings& settings = arguments_.settings;
   app_.add_option("--launch-file", settings.launchFile,
-                  "Read the names of the nodes here, not in the file that "
-                  "the launcher was started with")
+                  "Read the names of the nodes from this file, not from the "
+                  "launcher's own")
       ->envname("VORNCTL_LAUNCH_FILE")
       ->type_name("FILE");
   app_.add_option("--timeout", readDuration(settings.replyLimit),
-                  "How long to wait for each reply; by default twice what "
-                  "the launch file makes possible, and 30 s")
+                  "Time limit for each reply; default: twice the longest "
+                  "time that the launch file makes possible, plus 30 s")
       ->type_name("TIME");
   app_.add_option("--connect-timeout", readDuration(settings.connectLimit),
-                  "How long to wait for the first answer of a busy launcher; "
+                  "Time limit for the first answer of a busy launcher; "
                   "default: as --timeout")
       ->type_name("TIME");
   app_.add_option("--socket", settings.socketPath,
                   "The launcher's control socket")
       ->type_name("PATH");
   app_.add_flag("--trust-any-user", settings.trustAnyUser,
-                "Talk to a launcher that is neither root's nor yours");
+                "Connect to a launcher of any user, not only of root and "
+                "yourself");
   addChoice<ColourMode>(app_, "--color", arguments_.colour,
-                        "When to use colours; auto (default): on a terminal",
+                        "Use of colours; auto (default): on a terminal",
                         {{"auto", ColourMode::AUTO},
                          {"always", ColourMode::ALWAYS},
                          {"never", ColourMode::NEVER}});
@@ -96,15 +97,15 @@ void Commands::addStatus() {
   addNodes(app, "Names or quoted patterns; all nodes if none are given");
   auto* const json = app->add_flag("--json", arguments_.isJson, "Print JSON");
   app->add_flag("--plain", options.isPlain,
-                "Tabs between columns, bare words and numbers")
+                "Print tabs between columns, and only words and numbers")
       ->excludes(json);
   app->add_flag_callback(
       "--no-header", [&options] { options.hasHeader = false; },
-      "No line of titles");
+      "Omit the column titles");
   app->add_option("-o,--columns", options.columns,
                   "Columns to show, separated by commas; see below")
       ->delimiter(',')
-      ->allow_extra_args(false)  // what follows is a node
+      ->allow_extra_args(false)  // the next argument is a node
       ->check(CLI::IsMember(columnNames()).description(""))
       ->type_name("COLUMNS")
       ->excludes(json);
@@ -118,21 +119,22 @@ void Commands::addAction(ControlRequest::Cmd cmd, const std::string& name,
         arguments_.act.cmd = cmd;
         arguments_.act.nodes = arguments_.nodes;
         if (arguments_.nodes.empty() != arguments_.act.isAll) {
-          context.printError(arguments_.act.isAll
-                                 ? "--all leaves no nodes to name"
-                                 : "name a node, or say --all");
+          context.printError(
+              arguments_.act.isAll
+                  ? "--all cannot be combined with names of nodes"
+                  : "name a node or use --all");
           return kUsage;
         }
         return act(context, arguments_.act);
       });
   addNodes(app, "Names or quoted patterns");
-  app->add_flag("--all", options.isAll, "Every node of the launch file");
+  app->add_flag("--all", options.isAll, "All nodes of the launch file");
   if (cmd == ControlRequest::Cmd::STOP || cmd == ControlRequest::Cmd::DISABLE) {
     app->add_flag("-y,--yes", options.isConfirmed,
-                  "Do not ask before acting on all");
+                  "Do not ask for confirmation");
   }
   if (cmd == ControlRequest::Cmd::ENABLE) {
-    app->add_flag("--now", options.isStartedToo, "Start them as well");
+    app->add_flag("--now", options.isStartedToo, "Also start the nodes");
   }
 }
 
@@ -159,14 +161,14 @@ void Commands::addWait() {
   addNodes(app, "Names or quoted patterns")->required();
   addChoice<WaitOptions::Goal>(
       *app, "--state", options.goal,
-      "The state to wait for; restarted: running with another start than now",
+      "The state to wait for; restarted: running since a later start than now",
       {{"running", WaitOptions::Goal::RUNNING},
        {"stopped", WaitOptions::Goal::STOPPED},
        {"disabled", WaitOptions::Goal::DISABLED},
        {"restarted", WaitOptions::Goal::RESTARTED}})
       ->required();
   app->add_option("--for", readDuration(options.heldFor),
-                  "How long it must last")
+                  "Time for which the state must last")
       ->type_name("TIME");
 }
 
@@ -177,12 +179,13 @@ void Commands::addMonitor() {
                    return monitor(context, arguments_.nodes, arguments_.isJson);
                  });
   addNodes(watch, "Names or quoted patterns; all nodes if none are given");
-  watch->add_flag("--json", arguments_.isJson, "A JSON document a line");
+  watch->add_flag("--json", arguments_.isJson,
+                  "Print one JSON document per line");
 }
 
 void Commands::addTop() {
   CLI::App* const screen = addCommand(
-      "top", "Show all nodes on the whole screen, and act on them",
+      "top", "Show all nodes on the whole screen; keys act on them",
       [this](Context& context) { return showTop(context, arguments_.nodes); });
   addNodes(screen, "Names or quoted patterns; all nodes if none are given");
 }
@@ -191,7 +194,7 @@ void Commands::addCheck() {
   using Options = CheckOptions;
   Options& options = arguments_.check;
   CLI::App* const app = addCommand(
-      "check", "Say what is wrong with launch files; needs no launcher",
+      "check", "Check launch files for errors; needs no launcher",
       [this](Context& context) {
         if (arguments_.isCheckList) return listChecks();
         if (!arguments_.check.files.empty()) {
@@ -203,18 +206,19 @@ void Commands::addCheck() {
   app->add_option("FILE", options.files, "Launch files; - is standard input")
       ->type_name("FILE");
   addCheckOutput(*app);
-  app->add_option("--ignore", options.ignored, "Findings to leave out")
+  app->add_option("--ignore", options.ignored,
+                  "Diagnostics to omit, separated by commas")
       ->allow_extra_args(false)
       ->delimiter(',')
       ->type_name("NAME");
   app->add_flag_callback(
       "--host", [&options] { options.host = Options::Host::YES; },
-      "Look at this machine, too; the default for files");
+      "Also check programs on this machine; the default for files");
   app->add_flag_callback(
       "--no-host", [&options] { options.host = Options::Host::NO; },
-      "Look at the file alone");
+      "Check only the file");
   app->add_flag("--list", arguments_.isCheckList,
-                "Print what can be found: name, severity, summary");
+                "Print all diagnostics: name, severity, summary");
 }
 
 void Commands::addCheckOutput(CLI::App& app) {
@@ -232,11 +236,12 @@ void Commands::addCheckOutput(CLI::App& app) {
       {{"error", Severity::ERROR},
        {"warning", Severity::WARNING},
        {"note", Severity::NOTE}});
-  addChoice<Options::Print>(app, "--print", options.print,
-                            "Print this instead; problems go to standard error",
-                            {{"resolved", Options::Print::RESOLVED},
-                             {"timeline", Options::Print::TIMELINE},
-                             {"stop-timeout", Options::Print::STOP_TIMEOUT}});
+  addChoice<Options::Print>(
+      app, "--print", options.print,
+      "Print this instead; diagnostics go to standard error",
+      {{"resolved", Options::Print::RESOLVED},
+       {"timeline", Options::Print::TIMELINE},
+       {"stop-timeout", Options::Print::STOP_TIMEOUT}});
 }
 
 void Commands::addGraph() {
@@ -263,7 +268,7 @@ void Commands::addNames() {
         return showNames(context, arguments_.isNulSeparated ? '\0' : '\n');
       });
   names->add_flag("-0,--null", arguments_.isNulSeparated,
-                  "A NUL after each name, not a new line");
+                  "End each name with a NUL instead of a line end");
 }
 
 void Commands::addHelpers() {
@@ -277,7 +282,7 @@ void Commands::addHelpers() {
       ->check(CLI::IsMember({"bash", "zsh", "fish"}).description(""))
       ->type_name("bash|zsh|fish");
   CLI::App* const help = addCommand(
-      "help", "Show this text, or that of a command",
+      "help", "Show this text, or the help of a command",
       [this](Context&) { return printHelp(app_, arguments_.topic); });
   help->add_option("COMMAND", arguments_.topic, "A command")
       ->type_name("COMMAND");

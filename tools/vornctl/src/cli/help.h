@@ -8,8 +8,8 @@
 
 namespace vorn::launch {
 
-/// The part of the help of a command that follows its options: examples, the
-/// columns of `status`, and the exit statuses.
+/// The help of a command after its options: examples, the columns of `status`,
+/// and the exit statuses.
 std::string helpFooter(const std::string& command);
 
 /// Prints the help of the command `topic` of `app`; of `app` if it is empty.

@@ -58,7 +58,7 @@ CLI::Option* addChoice(CLI::App& app, const std::string& option, Value& target,
       return true;
     }
     throw CLI::ValidationError(
-        option, "'" + texts.back() + "' is none of " + joined(words, ", "));
+        option, "'" + texts.back() + "' is not one of " + joined(words, ", "));
   };
   return app.add_option(option, read, description)
       ->type_name(joined(words, "|"));

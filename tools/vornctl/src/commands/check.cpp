@@ -125,7 +125,7 @@ void printRequested(const CheckOptions& options,
   }
   for (const LaunchFile& file : files) {
     if (files.size() > 1) out << "# " << terminalText(file.name) << "\n";
-    // What the launcher does not load it does not start.
+    // The launcher starts nothing from a file that it does not load.
     if (!file.loadErrors.empty()) continue;
     if (options.print == Print::RESOLVED) printResolved(out, file);
     if (options.print == Print::TIMELINE) printTimeline(out, file);
@@ -166,8 +166,8 @@ void print(const Settings& settings, const CheckOptions& options,
 ExitStatus check(const Context& context, const CheckOptions& options) {
   for (const std::string& name : options.ignored) {
     if (findCheck(name) != nullptr) continue;
-    context.printError("there is no finding '" + name +
-                       "' to ignore; see 'vornctl check --list'");
+    context.printError("unknown diagnostic '" + name +
+                       "'; 'vornctl check --list' prints all names");
     return kUsage;
   }
   dieByStopSignals(context.settings().cancelFd);

@@ -22,12 +22,12 @@ struct CheckOptions {
   std::vector<std::string> ignored;
 };
 
-/// Says what is wrong with launch files, on standard output; beside something
-/// else that is printed, on standard error. kDone: nothing of the severity
-/// `failOn` or above; kFailed: something; kUsage: a file cannot be read.
+/// Prints the diagnostics of launch files: to standard output, or to standard
+/// error if something else is printed. kFailed if there is a diagnostic of the
+/// severity `failOn` or above; kUsage if a file cannot be read.
 ExitStatus check(const Context& context, const CheckOptions& options);
 
-/// Prints every kind of finding: name, severity and summary, with tabs.
+/// Prints every kind of diagnostic: name, severity and summary, with tabs.
 ExitStatus listChecks();
 
 }  // namespace vorn::launch

@@ -17,10 +17,10 @@ namespace vorn::launch {
 namespace {
 
 constexpr char kNoDot[] =
-    "cannot draw SVG without Graphviz; install it (Debian: graphviz), or take "
+    "cannot draw SVG without Graphviz; install it (Debian: graphviz) or use "
     "--format mermaid or dot";
 
-/// The policies of a node in a few words, a line each.
+/// The policies of a node in a few words, one per line.
 std::vector<OutputText> policiesOf(const LaunchFile::Node& node) {
   std::vector<OutputText> policies;
   if (node.disabled.value) policies.emplace_back("disabled");
@@ -33,7 +33,7 @@ std::vector<OutputText> policiesOf(const LaunchFile::Node& node) {
   return policies;
 }
 
-/// The arrows of all cycles: from a node to another.
+/// The edges of all cycles, as pairs of nodes.
 std::set<std::pair<size_t, size_t>> arrowsInCycles(const RequiredGraph& graph) {
   std::set<std::pair<size_t, size_t>> arrows;
   for (const auto& cycle : graph.cycles()) {
@@ -89,7 +89,7 @@ void printMermaid(Output& out, const LaunchFile& file,
   }
 }
 
-/// Has Graphviz draw the graph on our standard output.
+/// Lets Graphviz write the drawing to standard output.
 ExitStatus drawSvg(const Context& context, const LaunchFile& file,
                    const RequiredGraph& graph) {
   if (std::system("command -v dot >/dev/null 2>&1") != 0) {
@@ -126,7 +126,7 @@ ExitStatus printGraphOf(const Context& context, const GraphOptions& options) {
   if (!file.loadErrors.empty()) {
     context.printError("the launcher would not load " + options.file + ": " +
                        file.loadErrors[0].exception +
-                       "; 'vornctl check' tells more");
+                       "; 'vornctl check' reports all errors");
     return kUsage;
   }
   const RequiredGraph graph(file);

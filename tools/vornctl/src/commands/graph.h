@@ -14,10 +14,10 @@ struct GraphOptions {
   Format format = Format::DOT;
 };
 
-/// Prints the nodes of a launch file with their policies, and an arrow from
-/// each to those it requires; cycles in red. SVG is drawn by the program dot of
-/// Graphviz. kUsage if the file cannot be read, or the launcher would not load
-/// it; kFailed if there is no dot.
+/// Prints a graph of the nodes of a launch file with their policies, and an
+/// arrow from each node to the nodes that it requires; cycles are red. The
+/// program dot of Graphviz draws SVG. kUsage if the file cannot be read, or the
+/// launcher would not load it; kFailed without dot.
 ExitStatus printGraph(const Context& context, const GraphOptions& options);
 
 }  // namespace vorn::launch

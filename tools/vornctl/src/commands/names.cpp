@@ -5,7 +5,7 @@
 namespace vorn::launch {
 namespace {
 
-/// The name on a line. A dash at the start or after a space is escaped, which
+/// The name as a line. A dash at the start or after a space is escaped, which
 /// makes it less likely that a command parses a part of the name as an option.
 OutputText lineFor(const std::string& name) {
   OutputText line;
@@ -22,7 +22,7 @@ OutputText lineFor(const std::string& name) {
 }  // namespace
 
 ExitStatus showNames(Context& context, char separator) {
-  // With a launch file given no launcher is needed.
+  // The option --launch-file makes a launcher unnecessary.
   if (context.settings().launchFile.empty()) {
     if (const ExitStatus status = context.findLauncher(); status != kDone) {
       return status;

@@ -4,7 +4,7 @@
 
 namespace vorn::launch {
 
-/// Prints which launcher answers, and how fast.
+/// Prints the launcher that answers, and the time that it took.
 ExitStatus ping(Context& context);
 
 }  // namespace vorn::launch

@@ -17,7 +17,7 @@ namespace {
 using Cmd = ControlRequest::Cmd;
 using std::chrono::milliseconds;
 
-/// Whether asking for the next node makes sense after this.
+/// Whether to continue with the next node after this outcome.
 bool mayGoOn(Outcome outcome) {
   return outcome == Outcome::DONE || outcome == Outcome::FAILED ||
          outcome == Outcome::NOT_FOUND || outcome == Outcome::INVALID_NAME;
@@ -29,10 +29,11 @@ class Action {
       : context_(context), options_(options) {}
 
   ExitStatus run() {
-    // A reader that has gone is no reason to leave half of the nodes.
+    // Act on all nodes even if the reader of the output has exited.
     (void)::signal(SIGPIPE, SIG_IGN);
     targets_ = findTargets(context_, options_.nodes);
-    if (targets_.status == kUnknown) return kTimedOut;  // before the command
+    // Only the status request was sent.
+    if (targets_.status == kUnknown) return kTimedOut;
     if (targets_.status != kDone) return targets_.status;
     if (targets_.isFileKnown) graph_.emplace(targets_.launcher.file);
     names_ = targets_.names;
@@ -50,8 +51,8 @@ class Action {
     if (is_harmless || options_.isConfirmed) return true;
     const std::string command = wordsFor(options_.cmd).command;
     if (!context_.settings().isInteractive) {
-      context_.printError(command +
-                          " --all needs --yes where nobody can be asked");
+      context_.printError("refusing to " + command +
+                          " all nodes without confirmation; add --yes");
       return false;
     }
     standardError() << terminalText(command) << " all " << names_.size()
@@ -70,7 +71,8 @@ class Action {
       }
       if (!mayGoOn(outcome)) {
         if (const size_t left = names_.size() - i - 1; left > 0) {
-          context_.printError(std::to_string(left) + " more not tried");
+          context_.printError(std::to_string(left) +
+                              " more nodes were not tried");
         }
         break;
       }
@@ -106,12 +108,15 @@ class Action {
     ControlClient client = context_.client(
         replyLimit(name, cmd), std::string(words.doing) + ' ' + name);
     // Only the report of success needs the previous status.
-    const bool is_told = !context_.settings().isQuiet && cmd != Cmd::RESTART;
+    const bool needs_status =
+        !context_.settings().isQuiet && cmd != Cmd::RESTART;
     const StatusReply before =
-        is_told ? context_.statusBefore(client.options(), name) : StatusReply();
-    // A launcher that does not answer this would not answer the command either.
-    if (is_told && (before.outcome == Outcome::UNKNOWN ||
-                    before.outcome == Outcome::NOT_SENT)) {
+        needs_status ? context_.statusBefore(client.options(), name)
+                     : StatusReply();
+    // A launcher that does not answer the status request would not answer the
+    // command either.
+    if (needs_status && (before.outcome == Outcome::UNKNOWN ||
+                         before.outcome == Outcome::NOT_SENT)) {
       context_.printRequestError(name, before, targets_.launcher.file);
       return Outcome::NOT_SENT;
     }

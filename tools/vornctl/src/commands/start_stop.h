@@ -9,18 +9,18 @@
 
 namespace vorn::launch {
 
-/// What to do to which nodes.
+/// An action and the nodes that it is applied to.
 struct ActOptions {
   ControlRequest::Cmd cmd = ControlRequest::Cmd::START;
   std::vector<std::string> nodes;  // names and patterns
-  bool isAll = false;              // every node of the launch file instead
+  bool isAll = false;              // all nodes of the launch file
   bool isConfirmed = false;        // do not ask before acting on all
   bool isStartedToo = false;       // after enable
 };
 
 /// Acts on nodes: start, restart and enable in file order, stop and disable in
-/// reverse. Goes on after a node that fails, but not when the launcher cannot
-/// be reached. Returns the status of the first failure.
+/// reverse order. Continues after a failure of a node, but not if the launcher
+/// cannot be reached. Returns the status of the first failure.
 ExitStatus act(Context& context, const ActOptions& options);
 
 }  // namespace vorn::launch

@@ -17,8 +17,8 @@ namespace {
 constexpr int kStatusSchema = 1;
 constexpr std::chrono::minutes kReplyLimit{5};
 constexpr size_t kUsualColumns = 7;
-// Of them, those that a narrow terminal does without, the first one first:
-// started, required, policy, uptime, pid.
+// The columns that a narrow terminal omits, in this order: started, required,
+// policy, uptime, pid.
 const std::vector<size_t> kLeastNeeded = {4, 6, 5, 3, 2};
 
 Json jsonOf(const NodeView& view, const LaunchFile::Node* node) {

@@ -16,7 +16,7 @@ struct StatusOptions {
   bool hasHeader = true;
 };
 
-/// Shows the status of nodes. kNotRunning when nodes were named and one of them
+/// Prints the status of nodes. kNotRunning if nodes were named and one of them
 /// does not run.
 ExitStatus showStatus(Context& context, const StatusOptions& options);
 

@@ -25,16 +25,16 @@ namespace {
 using Cmd = ControlRequest::Cmd;
 using std::chrono::milliseconds;
 
-constexpr milliseconds kRedraw{1000};  // what counts seconds
+constexpr milliseconds kRedraw{1000};  // for times in seconds
 constexpr int kAbove = 2;              // summary and titles, above the nodes
 constexpr int kBelow = 2;              // message and keys
-// The line of keys: the first of these that fits into the screen.
+// The line of keys: the first one that fits the width of the screen.
 constexpr const char* kKeyLines[] = {
     "Up/Down  s start  t stop  r restart  e enable  d disable  ? help  q quit",
     "s start t stop r restart ? help q quit", "? help  q quit"};
 // Fits into 40 columns and, with the line below it, into 10 rows.
-constexpr const char* kHelp[] = {"Up/Down j/k         choose a node",
-                                 "PgUp/PgDn Home/End  choose a node",
+constexpr const char* kHelp[] = {"Up/Down j/k         select a node",
+                                 "PgUp/PgDn Home/End  select a node",
                                  "s                   start the node",
                                  "t                   stop the node",
                                  "r                   restart the node",
@@ -56,7 +56,8 @@ class Top {
                  context.settings().cancelFd, targets.launcher, targets.names) {
   }
 
-  /// Until the end; `message` is what to say after the screen has been closed.
+  /// Runs until the user quits or the launcher is lost. `message` is to be
+  /// printed after the screen has been closed.
   ExitStatus run(std::string& message) {
     draw();
     while (!is_done_) {
@@ -78,7 +79,7 @@ class Top {
   }
 
  private:
-  /// Whether a stop signal has come, or the terminal has gone.
+  /// Whether a stop signal has arrived, or the terminal has been closed.
   bool isOver() const {
     pollfd terminal{STDIN_FILENO, 0, 0};
     return context_.isCancelled() || ::poll(&terminal, 1, 0) > 0;
@@ -86,7 +87,7 @@ class Top {
 
   size_t count() const { return watcher_.names().size(); }
 
-  /// Whether the screen is high enough for more than nodes and a message.
+  /// Whether the screen has rows for the summary, titles and keys.
   static bool hasFrame() { return LINES > kAbove + kBelow; }
 
   size_t rowsOfNodes() const {
@@ -103,7 +104,7 @@ class Top {
   }
 
   void handleKey(int key) {
-    if (key == KEY_RESIZE) return;  // drawn anew in any case
+    if (key == KEY_RESIZE) return;  // the screen is redrawn in any case
     if (is_help_) {
       is_help_ = false;
       return;
@@ -112,7 +113,7 @@ class Top {
     if (asked_) {
       answer(key);
     } else if (const long step = stepFor(key); step != 0) {
-      choose(step);
+      select(step);
     } else if (const auto cmd = commandFor(key)) {
       request(*cmd);
     } else if (key == 'u') {
@@ -124,7 +125,7 @@ class Top {
     }
   }
 
-  /// How far a key moves the choice; 0 if it does not.
+  /// The rows by which a key moves the selection; 0 for other keys.
   long stepFor(int key) const {
     switch (key) {
       case KEY_UP:
@@ -163,7 +164,8 @@ class Top {
     }
   }
 
-  /// Acts on the chosen node, or asks first if that ends its process.
+  /// Acts on the selected node, after a question if that terminates its
+  /// process.
   void request(Cmd cmd) {
     if (count() == 0) return;
     if (cmd == Cmd::START || cmd == Cmd::ENABLE) {
@@ -179,15 +181,15 @@ class Top {
     if (key == 'y' || key == 'Y') act(cmd);
   }
 
-  void choose(long step) {
+  void select(long step) {
     if (count() == 0) return;
     const long last = static_cast<long>(count()) - 1;
-    chosen_ = static_cast<size_t>(
-        std::clamp(static_cast<long>(chosen_) + step, 0L, last));
+    selected_ = static_cast<size_t>(
+        std::clamp(static_cast<long>(selected_) + step, 0L, last));
   }
 
   void act(Cmd cmd) {
-    const std::string& name = watcher_.names()[chosen_];
+    const std::string& name = watcher_.names()[selected_];
     const OperationWords words = wordsFor(cmd);
     ControlOptions options =
         context_.client(graph_.replyLimit(cmd, name)).options();
@@ -211,7 +213,7 @@ class Top {
     } else {
       lost_ = reply;
     }
-    // That the nodes which it requires have been restarted shows by itself.
+    // The watcher notices the restarts of the nodes that it requires.
     watcher_.markStale(name);
   }
 
@@ -255,14 +257,14 @@ class Top {
     return line;
   }
 
-  /// "stop camera? y/n", with the end of a long name left out.
+  /// "stop camera? y/n", with a long name truncated.
   OutputText question() const {
     const OutputText begin = terminalText(wordsFor(*asked_).command) + " ";
     const OutputText end = "? y/n";
     const size_t taken = displayWidth(begin) + displayWidth(end);
     const auto width = static_cast<size_t>(COLS);
     const size_t room = width > taken ? width - taken : 1;
-    return begin + truncated(terminalText(watcher_.names()[chosen_]), room) +
+    return begin + truncated(terminalText(watcher_.names()[selected_]), room) +
            end;
   }
 
@@ -294,9 +296,9 @@ class Top {
 
   void drawNodes(const std::vector<NodeView>& all) {
     const size_t rows = rowsOfNodes();
-    first_ =
-        std::clamp(first_, chosen_ < rows ? 0 : chosen_ - rows + 1, chosen_);
-    // No row is left empty while there are nodes above.
+    first_ = std::clamp(first_, selected_ < rows ? 0 : selected_ - rows + 1,
+                        selected_);
+    // Fill all rows with nodes if there are enough.
     first_ = std::min(first_, all.size() < rows ? 0 : all.size() - rows);
     std::vector<std::vector<Cell>> lines;
     std::vector<size_t> widths;
@@ -311,13 +313,13 @@ class Top {
       }
       lines.push_back(std::move(line));
     }
-    // A long name leaves room for the rest.
+    // A long name is truncated in favour of the other columns.
     widths[0] = std::min(widths[0], static_cast<size_t>(COLS / 2));
     if (hasFrame()) drawTitles(widths);
     const int above = hasFrame() ? kAbove : 0;
     for (size_t i = first_; i < lines.size() && i < first_ + rows; ++i) {
       screen_.writeCells(above + static_cast<int>(i - first_), lines[i], widths,
-                         i == chosen_ ? A_REVERSE : A_NORMAL);
+                         i == selected_ ? A_REVERSE : A_NORMAL);
     }
   }
 
@@ -337,18 +339,20 @@ class Top {
   bool is_known_ = false;  // the launcher has answered for every node
   bool is_done_ = false;
   bool is_help_ = false;      // the keys are shown in place of the nodes
-  std::optional<Cmd> asked_;  // waits for a "y"
-  size_t chosen_ = 0;
+  std::optional<Cmd> asked_;  // to be confirmed by "y"
+  size_t selected_ = 0;
   size_t first_ = 0;  // the topmost node on the screen
   std::string message_;
-  std::optional<ControlReply> lost_;  // the request after which to end
+  std::optional<ControlReply>
+      lost_;  // the failed request, after which run() returns
 };
 
 }  // namespace
 
 ExitStatus showTop(Context& context, const std::vector<std::string>& nodes) {
   if (::isatty(STDIN_FILENO) != 1 || ::isatty(STDOUT_FILENO) != 1) {
-    context.printError("top needs a terminal; 'vornctl monitor' does without");
+    context.printError(
+        "top needs a terminal; without one, use 'vornctl monitor'");
     return kUsage;
   }
   const Targets targets = findTargets(context, nodes);
@@ -359,7 +363,7 @@ ExitStatus showTop(Context& context, const std::vector<std::string>& nodes) {
     const Screen screen(context.settings().hasColours);
     if (!screen.isOpen()) {
       context.printError(
-          "this terminal is unknown or too simple; is TERM right?");
+          "this terminal is unknown or cannot place the cursor; check TERM");
       return kUsage;
     }
     status = Top(context, targets, screen).run(message);

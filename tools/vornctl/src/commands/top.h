@@ -8,9 +8,9 @@
 
 namespace vorn::launch {
 
-/// Shows nodes on the whole terminal, kept up to date, with keys to act on the
-/// chosen one; all nodes if none are named. Ends by the key q, a stop signal or
-/// when the launcher cannot be reached any more.
+/// Shows nodes on the whole terminal and keeps them up to date; keys act on the
+/// selected node. All nodes if none are named. Returns after the key q, a stop
+/// signal, or if the launcher can no longer be reached.
 ExitStatus showTop(Context& context, const std::vector<std::string>& nodes);
 
 }  // namespace vorn::launch

@@ -57,15 +57,16 @@ class Wait {
           watcher_.names().begin(), watcher_.names().end(),
           [this](const std::string& name) { return isReached(name); });
       const Clock::time_point now = Clock::now();
-      // A restart between two looks breaks the hold as well.
+      // A restart between two checks interrupts the state as well.
       if (reached && (!is_reached || !changes.empty())) {
-        context_.printError("it did not last: " + describeMissing(changes));
+        context_.printError("the state did not last: " +
+                            describeMissing(changes));
         return kNotRunning;
       }
       if (is_reached && !reached) reached = now;
       if (reached && now >= *reached + options_.heldFor) return kDone;
       if (now >= deadline_) {
-        context_.printError("gave up after the time limit: " +
+        context_.printError("the time limit has expired: " +
                             describeMissing({}));
         return kTimedOut;
       }
@@ -98,7 +99,8 @@ class Wait {
     return false;
   }
 
-  /// The nodes that are not as wanted, or else those that have changed.
+  /// The nodes that are not in the requested state, otherwise those that have
+  /// changed.
   std::string describeMissing(
       const std::vector<NodeWatcher::Change>& changes) const {
     std::string text;
@@ -120,7 +122,7 @@ class Wait {
   const Clock::time_point deadline_;
   NodeWatcher watcher_;
   const LaunchFile& file_;
-  std::map<std::string, StatusReply> first_;  // how each was at the beginning
+  std::map<std::string, StatusReply> first_;  // when the wait began
 };
 
 void printChange(const LauncherProcess& launcher,
@@ -161,7 +163,7 @@ ExitStatus waitForNodes(Context& context, const WaitOptions& options) {
   const ExitStatus status =
       targets.status == kDone ? Wait(context, options, targets, deadline).run()
                               : targets.status;
-  // A question without an answer has no outcome that anyone could want to know.
+  // Nothing is unknown after a status request, since it changes nothing.
   const bool is_given_up = Clock::now() >= deadline || context.isCancelled();
   return status == kUnknown && is_given_up ? kTimedOut : status;
 }
@@ -175,7 +177,8 @@ ExitStatus monitor(Context& context, const std::vector<std::string>& nodes,
                       targets.names);
   for (;;) {
     for (const auto& change : watcher.wait(kNoLimit)) {
-      // One in the file that the launcher does not know is newer than it.
+      // A node of the file that the launcher does not know was added to the
+      // file after the launcher started.
       const bool is_unknown =
           targets.launcher.file.find(change.name) == nullptr;
       if (is_unknown && !change.status.isDone()) {
@@ -186,7 +189,7 @@ ExitStatus monitor(Context& context, const std::vector<std::string>& nodes,
       printChange(targets.launcher, change, is_json,
                   context.settings().hasColours);
     }
-    if (!standardOutput().isGood()) return kDone;  // nobody reads any more
+    if (!standardOutput().isGood()) return kDone;  // no reader
     if (context.isCancelled()) return kDone;
     if (!watcher.failure().isDone()) {
       context.printError(watcher.failure().message);

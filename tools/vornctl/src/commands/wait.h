@@ -15,18 +15,19 @@ struct WaitOptions {
 
   std::vector<std::string> nodes;  // names and patterns, at least one
   Goal goal = Goal::RUNNING;
-  std::chrono::milliseconds heldFor{0};  // how long the goal must hold
-  std::optional<std::chrono::milliseconds> limit;  // none: for ever
+  std::chrono::milliseconds heldFor{0};  // how long the state must last
+  std::optional<std::chrono::milliseconds> limit;  // none: forever
 };
 
-/// Waits until all nodes are as wanted at the same time: RUNNING or DISABLED,
-/// STOPPED and without a process, or RESTARTED, which is RUNNING with another
-/// start than when the wait began. With `heldFor`, until that has held so long;
-/// kNotRunning if it ends before. kTimedOut after `limit`.
+/// Waits until all nodes are in the requested state at the same time: RUNNING,
+/// STOPPED or DISABLED without a process, or RESTARTED, which is RUNNING since
+/// another start than at the beginning of the wait. With `heldFor`, until the
+/// state has lasted for that time; kNotRunning if it does not last. kTimedOut
+/// after `limit`.
 ExitStatus waitForNodes(Context& context, const WaitOptions& options);
 
 /// Prints a line for each node and for each of its changes, until the launcher
-/// ends or a signal comes. All nodes if none are named.
+/// exits or a stop signal arrives. All nodes if none are named.
 ExitStatus monitor(Context& context, const std::vector<std::string>& nodes,
                    bool is_json);
 

@@ -14,7 +14,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// What lasts shorter needs no word.
+// The time after which a line shows that vornctl waits.
 constexpr milliseconds kQuietTime{500};
 constexpr milliseconds kStatusReplyLimit = std::chrono::minutes(5);
 
@@ -62,7 +62,7 @@ ExitStatus Context::findLauncher() {
     options.replyLimit = *settings_.connectLimit;
     options.totalLimit = *settings_.connectLimit;
   }
-  // No node, or one whose status is of no interest.
+  // The status itself is not needed, so the name may be that of no node.
   const StatusReply reply = statusBefore(options, "");
   if (reply.isDone() || reply.outcome == Outcome::NOT_FOUND) {
     pid_ = reply.launcherPid;
@@ -91,8 +91,8 @@ const LauncherProcess* Context::launcher(std::string& error) {
   if (!launcher_) return nullptr;
   if (launcher_->hasChanged) {
     printError("the launch file " + launcher_->launchFile +
-               " was changed after the launcher started; what is shown of it "
-               "may not be what runs");
+               " was changed after the launcher started; its nodes may differ "
+               "from those that run");
   }
   return &*launcher_;
 }

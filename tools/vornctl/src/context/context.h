@@ -11,8 +11,7 @@
 
 namespace vorn::launch {
 
-/// What holds for every command: where the launcher is and how to speak to the
-/// person or script that has called.
+/// The settings of every command: the launcher, and the form of the output.
 struct Settings {
   std::string socketPath;  // empty: the launcher's own
   std::string launchFile;  // empty: the running launcher's
@@ -22,27 +21,26 @@ struct Settings {
   bool isQuiet = false;
   bool hasColours = false;     // on standard output
   size_t terminalWidth = 0;    // of standard output; 0: not a terminal
-  bool isInteractive = false;  // a person sits at standard input and error
-  int cancelFd = -1;           // readable once a stop signal has come
+  bool isInteractive = false;  // standard input and error are a terminal
+  int cancelFd = -1;           // readable once a stop signal has arrived
 };
 
-/// One run of vornctl: its connection to a launcher, and its words on standard
-/// error.
+/// One run of vornctl: its launcher, and its messages on standard error.
 class Context {
  public:
   explicit Context(Settings settings) : settings_(std::move(settings)) {}
 
   const Settings& settings() const { return settings_; }
 
-  /// A client for commands that may last `reply_limit`, unless the settings say
-  /// otherwise. While it waits on a terminal, a line with `activity` and the
-  /// elapsed time is shown; none if that is empty.
+  /// A client with `reply_limit` for each reply, unless the settings have
+  /// another limit. While it waits, it shows a line with `activity` and the
+  /// elapsed time on a terminal, if `activity` is not empty.
   ControlClient client(std::chrono::milliseconds reply_limit,
                        const std::string& activity = "") const;
 
-  /// Asks the launcher for a node that it hardly has, which changes nothing.
-  /// Tells on standard error what is wrong, and returns the exit status; kDone
-  /// if there is a launcher.
+  /// Checks that a launcher answers, with the status request for a node that it
+  /// probably does not have. After an error message, returns another exit
+  /// status than kDone.
   ExitStatus findLauncher();
 
   /// Sends a status request for `name` before a request that changes something.
@@ -51,12 +49,12 @@ class Context {
   StatusReply statusBefore(const ControlOptions& options,
                            const std::string& name) const;
 
-  /// After findLauncher(): its nodes by its launch file. Null if they cannot be
-  /// known; `error` then tells why. If the file was changed after the launcher
-  /// started, says so, once.
+  /// After findLauncher(): the launcher with the nodes of its launch file. Null
+  /// if they cannot be read; `error` is then the reason. The first call prints
+  /// a warning if the file was changed after the launcher started.
   const LauncherProcess* launcher(std::string& error);
 
-  /// The launcher without its nodes, for when those are not known.
+  /// The launcher without its nodes, if they cannot be read.
   LauncherProcess launcherWithoutFile() const;
 
   /// Whether a stop signal has arrived.
@@ -68,8 +66,8 @@ class Context {
   /// Removes the line that a waiting client has shown.
   void clearActivity() const;
 
-  /// As printError(), for what became of a request about a node; NOT_FOUND
-  /// suggests the nearest name in `file`.
+  /// As printError(), for a failed request about a node. For NOT_FOUND, the
+  /// message suggests the nearest name in `file`.
   void printRequestError(const std::string& name, const ControlReply& reply,
                          const LaunchFile& file) const;
 

@@ -7,7 +7,7 @@
 namespace vorn::launch {
 namespace {
 
-// The commands that ask a launcher, and those of them that take nodes.
+// The commands that send requests to a launcher, and those with node arguments.
 constexpr char kOfLauncher[] =
     " status start stop restart enable disable wait monitor top ping names ";
 constexpr char kOfNodes[] =

@@ -6,8 +6,8 @@
 
 namespace vorn::launch {
 
-/// The exit status of vornctl. Scripts rely on the numbers; exit_status.cpp has
-/// their meanings.
+/// The exit status of vornctl. Scripts rely on the numbers; exit_status.cpp
+/// contains their meanings.
 enum ExitStatus : int {
   kDone = 0,
   kFailed = 1,

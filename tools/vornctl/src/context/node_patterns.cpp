@@ -38,7 +38,7 @@ std::vector<std::string> selectNodes(const LaunchFile& file,
     }
     if (!is_matched) {
       error = "no node matches '" + argument +
-              "'; quote patterns, so that the shell leaves them alone";
+              "'; quote patterns so that the shell does not expand them";
       return {};
     }
   }

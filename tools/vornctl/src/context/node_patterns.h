@@ -7,20 +7,20 @@
 
 namespace vorn::launch {
 
-/// Whether this argument is a pattern of node names: it has *, ? or [.
+/// Whether this argument is a pattern of node names: it contains *, ? or [.
 bool isPattern(const std::string& argument);
 
-/// The nodes that the arguments mean, each once, in file order; all if there
-/// are no arguments. An argument that names a node is that node, even if it
-/// looks like a pattern. A name that the file does not have stays, at the end,
-/// for the launcher to judge. Empty with a sentence in `error` if a pattern
-/// matches nothing.
+/// The nodes that the arguments select, each once, in file order; all nodes
+/// without arguments. The name of a node selects that node even if it contains
+/// characters of a pattern. Unknown names are added at the end: the launcher
+/// may know them. Empty with a sentence in `error` if a pattern matches
+/// nothing.
 std::vector<std::string> selectNodes(const LaunchFile& file,
                                      const std::vector<std::string>& arguments,
                                      std::string& error);
 
-/// The name in the file that is nearest to `name`, if one is near enough to
-/// have been meant; else empty.
+/// The name in the file that is nearest to `name`, if it is near enough for a
+/// typing error; otherwise empty.
 std::string nearestName(const LaunchFile& file, const std::string& name);
 
 }  // namespace vorn::launch

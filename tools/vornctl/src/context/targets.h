@@ -9,16 +9,16 @@
 
 namespace vorn::launch {
 
-/// The launcher and the nodes that a command is about.
+/// The launcher and the nodes to which a command applies.
 struct Targets {
-  ExitStatus status = kDone;  // anything else has been told on standard error
+  ExitStatus status = kDone;  // otherwise the error has been printed
   LauncherProcess launcher;   // with no nodes if its launch file is not known
   bool isFileKnown = false;
   std::vector<std::string> names;  // in file order
 };
 
-/// Finds the launcher, and the nodes that the arguments mean: names, which do
-/// without a known launch file, and patterns; all without arguments.
+/// Finds the launcher and the nodes that the arguments select: names, patterns,
+/// or all nodes without arguments. Only names can do without the launch file.
 Targets findTargets(Context& context,
                     const std::vector<std::string>& arguments);
 

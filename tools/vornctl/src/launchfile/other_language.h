@@ -6,8 +6,9 @@
 
 namespace vorn::launch {
 
-/// The language of a text that has no nodes as YAML, with an article, and the
-/// place of its first line: "an XML file". Empty if the text resembles none.
+/// The language of a text without nodes in YAML, with an article, and the
+/// location of its first line: "an XML file". Empty if the language is not
+/// recognized.
 Text otherLanguageOf(const std::string& text);
 
 }  // namespace vorn::launch

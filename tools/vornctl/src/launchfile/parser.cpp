@@ -389,7 +389,7 @@ std::optional<LaunchFile> loadLaunchFile(
   }
   if (!file.loadErrors.empty()) {
     error = "the launch file " + document.name() +
-            " is wrong: " + file.loadErrors.front().exception;
+            " is invalid: " + file.loadErrors.front().exception;
     return std::nullopt;
   }
   file.removeRepeatedNodes();

@@ -68,7 +68,7 @@ RequiredGraph::RequiredGraph(const LaunchFile& file)
   }
 }
 
-/// A search in depth that does not recurse: a chain may be long.
+/// A depth-first search without recursion, since a chain can be long.
 void RequiredGraph::walk(size_t start, Search& search,
                          std::vector<bool>& is_seen) {
   search.enter(start);

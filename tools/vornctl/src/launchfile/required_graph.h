@@ -47,9 +47,9 @@ class RequiredGraph {
 
   const std::vector<Edge>& edgesFrom(size_t node) const { return edges_[node]; }
 
-  /// Cycles of two or more nodes, each with a node that no cycle before it has.
-  /// Every node that is in a cycle is in one of these, unless the cycles before
-  /// have more than a million edges.
+  /// Cycles of two or more nodes, each with a node that is in no earlier cycle.
+  /// Each node of a cycle is in one of them, unless the earlier cycles have
+  /// more than a million edges.
   const std::vector<std::vector<Step>>& cycles() const { return cycles_; }
 
   /// The cascade of each node.
@@ -76,7 +76,7 @@ class RequiredGraph {
     size_t next;  // of its edges
   };
 
-  /// The state of a search in depth.
+  /// The state of a depth-first search.
   struct Search {
     std::vector<size_t> position;  // by node: in `visits`, if it is there
     std::vector<Visit> visits;     // from the first node to the current one

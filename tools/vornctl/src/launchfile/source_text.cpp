@@ -89,7 +89,7 @@ std::vector<std::string> SourceText::ignoredAt(int number) const {
   std::vector<std::string> ignored;
   for (size_t found = content.find(kIgnore); found != std::string::npos;
        found = content.find(kIgnore, found + 1)) {
-    // The names end at a space; the text after it is for people.
+    // The names end at a space; a comment for readers may follow.
     const size_t begin = found + std::strlen(kIgnore);
     const size_t end = content.find_first_of(" \t", begin);
     for (std::string& name :

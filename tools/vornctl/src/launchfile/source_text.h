@@ -7,8 +7,8 @@
 
 namespace vorn::launch {
 
-/// A place in a file, counted from 1; the column in bytes. Line 0 is the file
-/// as a whole.
+/// A location in a file, counted from 1; the column in bytes. Line 0 is the
+/// whole file.
 struct Place {
   int line = 0;
   int column = 0;
@@ -21,7 +21,7 @@ struct Place {
   }
 };
 
-/// A text and its place in the file.
+/// A text and its location in the file.
 struct Text {
   std::string value;
   Place place;
@@ -33,7 +33,7 @@ std::vector<std::string> valuesOf(const std::vector<Text>& texts);
 /// The text of a launch file and its lines.
 class SourceText {
  public:
-  /// `name` is what messages call the file.
+  /// `name` is the name of the file in messages.
   SourceText(std::string name, std::string text,
              bool is_standard_input = false);
 
@@ -41,8 +41,8 @@ class SourceText {
   const std::string& text() const { return text_; }
   bool isStandardInput() const { return is_standard_input_; }
 
-  /// The line of this number, without its end; empty if there is none. Borrowed
-  /// from this document.
+  /// The line with this number, without its line end; empty if it does not
+  /// exist. Borrowed from this document.
   std::string_view line(int number) const;
 
   /// The names in comments "# vornctl: ignore=NAME,NAME" on this line.
@@ -58,11 +58,11 @@ class SourceText {
   std::vector<size_t> line_starts_;
 };
 
-/// In bytes. A parsed file needs about eighty times its size in memory.
+/// In bytes. A parsed file uses about eighty times its size in memory.
 constexpr size_t kLargestFile = size_t{16} << 20U;
 
-/// The parts of `text` between separators, without the empty ones. Unlike a
-/// loop with std::getline(), which would end, it throws std::bad_alloc.
+/// The parts of `text` between separators, without empty parts. Throws
+/// std::bad_alloc, unlike std::getline(), which would end the loop.
 std::vector<std::string> split(const std::string& text, char separator);
 
 /// Reads the file at `path`, standard input for "-". Nothing if the file cannot

@@ -11,8 +11,8 @@ namespace vorn::launch {
 /// "launcher 42".
 std::string launcherName(const LauncherProcess& launcher);
 
-/// `begin`, then ", launch file /tmp/launch.yaml, since 2026-11-22 10:00:00" as
-/// far as known. In several lines if the terminal (0: none) is too narrow.
+/// `begin`, then ", launch file /tmp/launch.yaml, since 2026-11-22 10:00:00",
+/// if known. Several lines if the terminal (0: none) is too narrow.
 OutputText describeLauncher(const LauncherProcess& launcher,
                             const std::string& begin, size_t terminal_width);
 

@@ -25,7 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kHowToName[] =
-    "; name it by --launch-file or VORNCTL_LAUNCH_FILE";
+    "; name it with --launch-file or VORNCTL_LAUNCH_FILE";
 
 /// Whether the process is in the pid namespace of our /proc.
 bool isInOurPidNamespace(pid_t pid) {
@@ -40,10 +40,10 @@ bool isInOurPidNamespace(pid_t pid) {
   return true;  // more likely than not
 }
 
-/// Where we reach the launcher's root folder: an empty text to put in front of
-/// a path when it is our own. When we may not look, we take it for that, but
-/// not in another pid namespace: that is nothing, a container with files of its
-/// own.
+/// The path prefix of the launcher's root directory, empty if it is ours.
+/// Without the permission to examine it, it is assumed to be ours. A launcher
+/// in another pid namespace is an exception, since a container has its own
+/// files: nothing.
 std::optional<std::string> rootAsWeReachIt(pid_t pid) {
   struct stat own {};
   struct stat its {};
@@ -119,7 +119,7 @@ bool hasChangedSince(const struct stat& file, pid_t pid) {
   return start && changed > *start + kTolerance;
 }
 
-/// The launcher's argument as it was given; empty if it cannot be known.
+/// The launcher's argument as it was given; empty if unknown.
 std::string argumentOf(pid_t pid) {
   const auto text = readProcFile(procFile(pid, "cmdline"));
   const auto arguments = splitAtNuls(text.value_or(""));
@@ -128,12 +128,12 @@ std::string argumentOf(pid_t pid) {
   return arguments.size() >= 2 ? arguments.back() : "";
 }
 
-/// `path` from the root; as it is when the working directory is unknown, which
-/// is then empty.
+/// The absolute path; `path` unchanged if the working directory is unknown,
+/// which is then empty.
 std::string absolute(const std::string& path, const std::string& directory) {
   if (path.empty() || path.front() == '/' || directory.empty()) return path;
   const fs::path whole = fs::path(directory) / path;
-  // The directory before ".." may be a link to another place.
+  // The directory before ".." may be a link to another directory.
   const bool has_parent =
       std::find(whole.begin(), whole.end(), "..") != whole.end();
   return has_parent ? whole.string() : whole.lexically_normal().string();
@@ -148,8 +148,8 @@ std::string workingDirectoryOf(pid_t pid) {
   return is_inside ? path.substr(root.size()) : path;
 }
 
-/// Why we cannot look for the file that is the launcher's argument; empty if we
-/// can.
+/// The reason why the file that is the launcher's argument cannot be searched;
+/// empty if it can.
 std::string obstacleTo(const LauncherProcess& launcher) {
   if (launcher.pid == 0) {
     return "cannot determine the launch file: the launcher is in another pid "
@@ -166,8 +166,9 @@ std::string obstacleTo(const LauncherProcess& launcher) {
     return "cannot access the launcher's root directory (" + process +
            " in another pid namespace)" + where;
   }
-  const std::string folder = procFile(launcher.pid, "cwd");
-  if (!launcher.root || (!is_absolute && ::access(folder.c_str(), X_OK) != 0)) {
+  const std::string directory = procFile(launcher.pid, "cwd");
+  if (!launcher.root ||
+      (!is_absolute && ::access(directory.c_str(), X_OK) != 0)) {
     return "cannot access the launcher's working directory (" + process + ")" +
            where;
   }
@@ -186,9 +187,8 @@ std::string reasonOf(int error) {
   return std::strerror(error);
 }
 
-/// Reads the file that is the launcher's argument, and tells whether it was
-/// changed since. Nothing if it cannot be read; `error` is then a sentence with
-/// the reason.
+/// Reads the file that is the launcher's argument, and sets `hasChanged`.
+/// Nothing if it cannot be read; `error` is then a sentence with the reason.
 std::optional<SourceText> readItsArgument(LauncherProcess& launcher,
                                           std::string& error) {
   error = obstacleTo(launcher);
@@ -214,7 +214,7 @@ std::optional<SourceText> readItsArgument(LauncherProcess& launcher,
   return document;
 }
 
-/// Reads `launcher.launchFile` as a file of ours.
+/// Reads `launcher.launchFile` as a file in our root directory.
 std::optional<SourceText> readOurs(LauncherProcess& launcher,
                                    std::string& error) {
   struct stat status {};
@@ -305,7 +305,7 @@ bool sharesPids(const LauncherProcess& launcher) {
 bool isProcessAlive(const LauncherProcess& launcher, pid_t pid) {
   if (!sharesPids(launcher)) return true;
   const auto state = processState(pid);
-  // A /proc that hides the processes of others says nothing of a living one.
+  // A /proc with hidepid shows no processes of other users.
   return state ? *state != 'Z' : ::kill(pid, 0) == 0 || errno == EPERM;
 }
 

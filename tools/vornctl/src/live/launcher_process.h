@@ -9,22 +9,24 @@
 
 #include "launchfile/launch_file.h"
 
-// What /proc tells of a running launcher. Everything here reads, and may fail
-// for want of permission: a launcher of another user shows its arguments only.
+// The facts that /proc shows of a running launcher. Everything here only reads,
+// and can fail without permission: of a launcher of another user only the
+// arguments are visible.
 
 namespace vorn::launch {
 
 /// A launcher and the nodes in its launch file.
 struct LauncherProcess {
-  pid_t pid = 0;             // 0: out of our sight
+  pid_t pid = 0;             // 0: not visible to this process
   int64_t startSeconds = 0;  // since the epoch; 0 if unknown
-  // Absolute, as the launcher sees it; its argument as it is if the working
+  // Absolute, as the launcher sees it; its unchanged argument if the working
   // directory of the launcher is unknown. Empty if unknown.
   std::string launchFile;
   LaunchFile file;
-  bool hasChanged = false;  // the file is younger than the launcher
-  // The launcher's root folder as we reach it: empty when it is our own,
-  // nothing when it may be another, into which we cannot look.
+  bool hasChanged =
+      false;  // the file was changed after the start of the launcher
+  // The path prefix of the launcher's root directory: empty if it is ours,
+  // nothing if it may be another one that we cannot access.
   std::optional<std::string> root;
 };
 
@@ -33,32 +35,32 @@ struct LauncherProcess {
 LauncherProcess identifyLauncher(pid_t pid, const std::string& launch_file);
 
 /// As identifyLauncher(), and reads the nodes from the launch file. Nothing if
-/// they cannot be known; `error` is then a sentence that says why and how to
+/// they cannot be read; `error` is then a sentence with the reason and how to
 /// name another file.
 std::optional<LauncherProcess> inspectLauncher(pid_t pid,
                                                const std::string& launch_file,
                                                std::string& error);
 
-/// Whether the executable of `node` is there, as the launcher sees it. Nothing
-/// if that cannot be known.
+/// Whether the executable of `node` exists for the launcher. Nothing if
+/// unknown.
 std::optional<bool> executableExists(const LauncherProcess& launcher,
                                      const LaunchFile::Node& node);
 
 /// The launcher's children, zombies included, in no particular order. Nothing
-/// if they cannot be known.
+/// if unknown.
 std::optional<std::vector<pid_t>> childrenOf(pid_t launcher);
 
-/// The name of the node that the process was started for, by its environment.
-/// Nothing if it has not executed its program yet, is no node's, or may not be
-/// asked.
+/// The name of the node for which the process was started, from its
+/// environment. Nothing if the process has not executed its program yet,
+/// belongs to no node, or cannot be examined.
 std::optional<std::string> nodeOf(pid_t process);
 
-/// Whether the pids that the launcher tells are ours as well: it is in our pid
-/// namespace.
+/// Whether the pids in the launcher's replies are valid for us: it is in our
+/// pid namespace.
 bool sharesPids(const LauncherProcess& launcher);
 
-/// Whether a process of this pid exists and is no zombie. True when the pids of
-/// the launcher mean nothing to us, being of another pid namespace.
+/// Whether a process with this pid exists and is not a zombie. True if the
+/// launcher is in another pid namespace, where its pids mean other processes.
 bool isProcessAlive(const LauncherProcess& launcher, pid_t pid);
 
 }  // namespace vorn::launch

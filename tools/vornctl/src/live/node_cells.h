@@ -17,10 +17,10 @@ struct Column {
 /// All columns, those that are shown by default first.
 const std::vector<Column>& statusColumns();
 
-/// The cell of a column for a person.
+/// The cell of a column for users.
 Cell cellFor(const NodeView& view, const std::string& column);
 
-/// The cell of a column for a script: one word or number, "-" for none.
+/// The cell of a column for scripts: one word or number, "-" for none.
 Cell plainCellFor(const NodeView& view, const std::string& column);
 
 }  // namespace vorn::launch

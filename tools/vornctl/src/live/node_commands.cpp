@@ -23,7 +23,7 @@ std::string explainDisabled(const LauncherProcess& launcher,
 }
 
 /// Whether the node could be started before it was enabled. The state DISABLED
-/// stays after an enable, and does not say.
+/// does not show this, since it remains after an enable.
 bool wasEnabled(const LaunchFile::Node* node, const StatusReply& before) {
   if (before.state != NodeState::STOPPED) {
     return before.state != NodeState::DISABLED;
@@ -108,13 +108,14 @@ std::string explainFailure(ControlClient& client,
     return explainDisabled(launcher, name, status);
   }
   if (status.state == NodeState::RUNNING) {
-    return std::string("its process could not be signalled and runs on; ") +
+    return std::string(
+               "its process could not be signalled and keeps running; ") +
            kSeeLog;
   }
   if (status.startSeconds == 0 && node != nullptr && !node->autostart.value) {
     return "its first start is skipped by 'autostart: false'; start it again";
   }
-  return std::string("no process could be made; ") + kSeeLog;
+  return std::string("no process could be created; ") + kSeeLog;
 }
 
 }  // namespace vorn::launch

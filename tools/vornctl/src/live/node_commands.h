@@ -5,7 +5,7 @@
 #include "control_client.h"
 #include "live/launcher_process.h"
 
-// The operations on a node, for the commands that take any of them.
+// The commands on a node, their words and the explanation of their results.
 
 namespace vorn::launch {
 
@@ -19,14 +19,14 @@ struct OperationWords {
 OperationWords wordsFor(ControlRequest::Cmd cmd);
 
 /// The sentence for a command that is DONE: "started", or "already running
-/// (pid 42)" if `before`, the status of the node before the command, says so.
-/// `before` that is not DONE is ignored.
+/// (pid 42)" if that was the status `before` the command. `before` is ignored
+/// if it is not DONE.
 std::string describeDone(ControlRequest::Cmd cmd,
                          const LauncherProcess& launcher,
                          const std::string& name, const StatusReply& before);
 
-/// Why the command on this node FAILED, as far as can be known, and what to do.
-/// Asks the launcher how the node is now.
+/// The probable reason why the command on this node FAILED, and the remedy.
+/// Sends a status request.
 std::string explainFailure(ControlClient& client,
                            const LauncherProcess& launcher,
                            const std::string& name, ControlRequest::Cmd cmd);

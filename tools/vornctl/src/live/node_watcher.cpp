@@ -14,12 +14,12 @@ using std::chrono::milliseconds;
 
 constexpr std::chrono::minutes kFullRound{1};
 constexpr milliseconds kChildrenInterval{
-    250};                         // between two looks at the children
+    250};                         // between two checks of the children
 constexpr int kMostPidFds = 256;  // a process has 1024 descriptors, usually
 constexpr milliseconds kShortestPause{100};
 constexpr milliseconds kLongestPause{1000};
-// A child that has not executed its program, or one of the launcher's own
-// commands, is soon another process or gone.
+// A child that has not executed its program yet, or a command of the launcher
+// itself, soon changes or exits.
 constexpr int kChecksBeforeQuery = 4;
 
 bool isSame(const StatusReply& a, const StatusReply& b) {
@@ -72,8 +72,7 @@ std::vector<NodeWatcher::Change> NodeWatcher::queryStale() {
   for (const std::string& name : names_) {
     if (stale_.erase(name) == 0) continue;
     StatusReply status = client_.status(name);
-    // As when the launcher ends just then; another question tells, and changes
-    // nothing.
+    // The launcher may have exited; a second request shows whether it has.
     if (status.outcome == Outcome::UNKNOWN) status = client_.status(name);
     if (!status.isDone() && status.outcome != Outcome::NOT_FOUND &&
         status.outcome != Outcome::INVALID_NAME) {
@@ -83,7 +82,7 @@ std::vector<NodeWatcher::Change> NodeWatcher::queryStale() {
     if (status.launcherPid != launcher_.pid &&
         status.outcome != Outcome::INVALID_NAME) {
       failure_.outcome = Outcome::NO_LAUNCHER;
-      failure_.message = "the launcher has ended, and another one is running";
+      failure_.message = "the launcher has exited, and another one is running";
       return changes;
     }
     Watched& node = nodes_[name];
@@ -99,7 +98,7 @@ void NodeWatcher::update(Watched& node, const StatusReply& status) {
   node.isKnown = true;
   node.status = status;
   if (is_change) watchProcess(node);
-  // What will change without a process that we see to begin or to end.
+  // Whether a change is expected without a visible start or exit of a process.
   bool is_about_to_change = false;
   if (status.isDone()) {
     const bool has_process = status.pid != 0;
@@ -128,8 +127,8 @@ void NodeWatcher::watchProcess(Watched& node) const {
       std::count_if(nodes_.begin(), nodes_.end(),
                     [](const auto& entry) { return entry.second.pidFd >= 0; });
   if (count >= kMostPidFds) return;
-  // Without one, its absence among the children tells, a little later.
-  // Not by glibc 2.36's wrapper, whose declaration is none for C++.
+  // Without a pidfd, the list of children shows the exit a little later. The
+  // header of glibc 2.36 for pidfd_open() does not support C++.
   node.pidFd = static_cast<int>(::syscall(SYS_pidfd_open, node.status.pid, 0));
 }
 
@@ -152,7 +151,7 @@ bool NodeWatcher::waitForExits(milliseconds limit, int wake_fd) {
   for (size_t i = 0; i < owners.size(); ++i) {
     if (watched[i + 2].revents == 0) continue;
     Watched& node = nodes_[*owners[i]];
-    // Readable from now on; the answers tell the rest.
+    // It stays readable; the next reply contains the new status.
     (void)::close(node.pidFd);
     node.pidFd = -1;
     stale_.insert(*owners[i]);
@@ -176,7 +175,7 @@ void NodeWatcher::markStaleByTime() {
 void NodeWatcher::markStaleByChildren() {
   const auto children = childrenOf(launcher_.pid);
   if (!children) {
-    // The launcher has ended; a question tells.
+    // The launcher has exited; the next request fails.
     stale_.insert(names_.begin(), names_.end());
     return;
   }
@@ -201,7 +200,8 @@ void NodeWatcher::markStaleByChildren() {
   unknown_children_ = std::move(unknown);
 }
 
-// A child that does not tell its node may be of any that is not known to run.
+// A child without the name of a node can belong to any node that is not known
+// to run.
 void NodeWatcher::markStaleWithoutProcess() {
   for (const auto& [name, node] : nodes_) {
     if (node.status.pid == 0) stale_.insert(name);

@@ -13,7 +13,7 @@ namespace vorn::launch {
 /// "/proc/42/stat".
 std::string procFile(pid_t pid, const std::string& file);
 
-/// The whole of a file below /proc; nothing if it cannot be read.
+/// The content of a file below /proc; nothing if it cannot be read.
 std::optional<std::string> readProcFile(const std::string& path);
 
 /// The strings of a file such as cmdline, each of which ends with a NUL.

@@ -6,8 +6,8 @@
 
 namespace vorn::launch {
 
-/// A span of time as people write it: "10" and "10s" are seconds, "500ms",
-/// "1.5m", "2h". Nothing if it is none, or negative, or over a year.
+/// A duration: "10" and "10s" are seconds, "500ms", "1.5m", "2h". Nothing if
+/// the text is not a duration, is negative, or is longer than a year.
 std::optional<std::chrono::milliseconds> parseDuration(const std::string& text);
 
 }  // namespace vorn::launch

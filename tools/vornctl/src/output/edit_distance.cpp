@@ -6,7 +6,7 @@
 namespace vorn::launch {
 namespace {
 
-/// The number of letters to insert, remove or change to make `a` of `b`.
+/// The number of letters to insert, remove or change to turn `b` into `a`.
 size_t editDistance(const std::string& a, const std::string& b) {
   std::vector<size_t> row(b.size() + 1);
   std::iota(row.begin(), row.end(), size_t{0});
@@ -26,8 +26,8 @@ size_t editDistance(const std::string& a, const std::string& b) {
 
 std::string nearestOf(const std::vector<std::string>& words,
                       const std::string& word) {
-  // A third of the letters wrong is a typing error, more is another word. Words
-  // of one or two letters resemble too many others.
+  // With up to a third of the letters wrong it is a typing error. Words of one
+  // or two letters resemble too many others.
   size_t best = word.size() / 3 + 1;
   std::string nearest;
   for (const std::string& each : words) {

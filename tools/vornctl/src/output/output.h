@@ -6,7 +6,7 @@
 
 namespace vorn::launch {
 
-/// A stream that takes only text that is safe to write.
+/// A stream that accepts only text that is safe to write.
 class Output {
  public:
   /// Writes to `stream`, which is borrowed.
@@ -22,7 +22,7 @@ class Output {
   std::ostream& stream_;
 };
 
-/// The only ways to the two streams.
+/// The only access to the two streams.
 Output standardOutput();
 Output standardError();
 

@@ -68,8 +68,8 @@ bool isVisible(char32_t code) {
                       });
 }
 
-/// Whether a CI system takes the text from `position` for a command: "::" after
-/// nothing but blanks, or "##[", "##vso[" and the like anywhere.
+/// Whether a CI system parses the text from `position` as a command: "::" after
+/// blanks only, or "##[", "##vso[" and the like anywhere.
 bool isWorkflowCommand(std::string_view text, size_t position) {
   if (text.substr(position, 2) == "::") {
     return text.find_first_not_of(' ') == position;
@@ -116,7 +116,7 @@ std::string visible(std::string_view raw) {
   return result;
 }
 
-/// The text with `escape(letter)` in the place of each of these letters.
+/// The text with each of these letters replaced by `escape(letter)`.
 template <typename Escape>
 std::string replaced(const std::string& text, std::string_view letters,
                      Escape escape) {
@@ -149,7 +149,7 @@ OutputText dotText(std::string_view raw) {
 }
 
 OutputText mermaidText(std::string_view raw) {
-  // The numbers of characters as HTML has them, in Mermaid's form.
+  // Numeric character references in Mermaid's form.
   return OutputText(replaced(visible(raw), "\"#&<>\\`", [](char letter) {
     return '#' + std::to_string(static_cast<int>(letter)) + ';';
   }));

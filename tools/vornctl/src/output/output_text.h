@@ -63,7 +63,8 @@ class OutputText {
   std::string text_;
 };
 
-/// For people. As in the launcher's log, control characters become "\n", "\r",
+/// For a terminal. As in the launcher's log, control characters become "\n",
+/// "\r",
 /// "\t" or "\x1b"; so does each byte of other characters that are not visible,
 /// blanks except " " included, and of invalid UTF-8. The first character of a
 /// workflow command of a CI system, "::" at the start or "##[" anywhere, is

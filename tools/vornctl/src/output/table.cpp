@@ -89,7 +89,7 @@ void fitInto(Table& table, size_t width, const std::vector<size_t>& removable) {
   std::vector<size_t> removed;
   for (const size_t number : removable) {
     if (total() <= width) return;
-    // Those removed before it have moved it to the left.
+    // Each column removed before it has moved it to the left.
     const auto shift =
         std::count_if(removed.begin(), removed.end(),
                       [&](size_t each) { return each < number; });

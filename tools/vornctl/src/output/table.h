@@ -13,7 +13,7 @@ struct Cell {
   Colour colour = Colour::NONE;
 };
 
-/// Rows of cells for a terminal or for a script.
+/// Rows of cells for a terminal or a script.
 struct Table {
   std::vector<OutputText> header;  // empty: none
   std::vector<std::vector<Cell>> rows;
@@ -23,8 +23,8 @@ struct Table {
 /// after the last cell of a line.
 void printAligned(Output& out, const Table& table, bool has_colours);
 
-/// Makes the table fit into `width` columns of a terminal: removes columns, by
-/// their numbers in this order, and then shortens the texts of the first one.
+/// Fits the table into `width` columns of a terminal: removes columns, by their
+/// numbers in this order, and then truncates the texts of the first one.
 void fitInto(Table& table, size_t width, const std::vector<size_t>& removable);
 
 /// Writes the texts with one tab between them.

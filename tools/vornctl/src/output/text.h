@@ -4,7 +4,7 @@
 
 namespace vorn::launch {
 
-/// The text up to its first NUL, which is where the C library sees it end.
+/// The text up to its first NUL, where it ends for the C library.
 std::string untilNul(const std::string& text);
 
 /// The text with its ASCII letters in upper or lower case.
