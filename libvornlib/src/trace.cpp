@@ -27,24 +27,24 @@ namespace {
 
 constexpr char kEventMark = '*';
 constexpr size_t kLevelWidth = 5;
-constexpr size_t kUsualTextSize = 256;  // longer texts take a second pass
-constexpr size_t kUsualLineSize = 512;  // longer lines are put on the heap
+constexpr size_t kUsualTextSize = 256;  // a longer text is formatted twice
+constexpr size_t kUsualLineSize = 512;  // a longer line is on the heap
 
 std::string& nodeName() {
   static std::string name = "?";
   return name;
 }
 
-/// What stands behind standard error.
+/// The properties of standard error.
 struct Sink {
-  bool open;     // if not, the descriptor may come to be something else's
-  bool journal;  // each line starts with a priority, the journal adds the time
+  bool open;     // otherwise another file can get the descriptor
+  bool journal;  // each line starts with a priority; the journal adds the time
   bool colour;
-  bool limited;  // a file's size limit would end the writer by SIGXFSZ
+  bool limited;  // SIGXFSZ can terminate the writer at the size limit of files
 };
 
-/// Whether standard error is the very stream that `JOURNAL_STREAM` names; the
-/// variable is inherited by programs whose standard error is something else.
+/// Whether standard error is the stream that `JOURNAL_STREAM` names. A program
+/// can inherit the variable and have another standard error.
 bool isJournal() {
   const char* const stream = ::getenv("JOURNAL_STREAM");
   if (stream == nullptr) return false;
@@ -73,8 +73,8 @@ const Sink& sink() {
   return kSink;
 }
 
-/// A line on its way, on the stack as far as its length is usual. After a fork
-/// each page of the heap that is touched must be copied first, and a launcher
+/// A line under construction, on the stack if it has a usual length. After a
+/// fork the kernel copies each page of the heap that is written, and a launcher
 /// logs between two forks.
 class Line {
  public:
@@ -91,13 +91,13 @@ class Line {
   std::pmr::string text_{&memory_};
 };
 
-struct LevelLook {
+struct LevelFormat {
   std::string_view word;  // empty for a level without one
   const char* colour;     // the terminal's sequence; nullptr for none
   const char* priority;   // syslog's, as the journal reads it
 };
 
-LevelLook lookOf(int level) {
+LevelFormat formatOf(int level) {
   switch (level) {
     case kInfo:
       return {"INFO", "\x1b[32m", "<6>"};
@@ -114,7 +114,7 @@ LevelLook lookOf(int level) {
 void appendTimeStamp(std::pmr::string& line) {
   constexpr long kNanosecondsPerMicrosecond = 1000;
   constexpr size_t kFractionDigits = 6;
-  // Of the second in which the last line was written: most come in bursts.
+  // Kept from the previous line: most lines are written in the same second.
   static time_t second = -1;
   static std::array<char, 32> date{};
   static size_t date_length = 0;
@@ -137,8 +137,8 @@ void appendTimeStamp(std::pmr::string& line) {
   line += 'Z';
 }
 
-/// Appends what stands for a character that could forge a line or drive a
-/// terminal.
+/// Appends the escape sequence of a character that could forge a line or
+/// control a terminal.
 void appendEscape(std::pmr::string& line, unsigned char byte) {
   constexpr std::string_view kHexDigits = "0123456789abcdef";
   switch (byte) {
@@ -158,9 +158,9 @@ void appendEscape(std::pmr::string& line, unsigned char byte) {
   }
 }
 
-/// Appends `text` without what could forge a line or drive a terminal.
+/// Appends `text` with an escape sequence for each such character.
 void appendEscaped(std::pmr::string& line, std::string_view text) {
-  size_t plain = 0;  // where what is still to be appended as it is begins
+  size_t plain = 0;  // start of the unchanged text that is not appended yet
   for (size_t i = 0; i < text.size(); ++i) {
     const auto byte = static_cast<unsigned char>(text[i]);
     if (byte >= 0x20 && byte != 0x7f) continue;
@@ -171,7 +171,7 @@ void appendEscaped(std::pmr::string& line, std::string_view text) {
   line += text.substr(plain);
 }
 
-/// Appends as vsnprintf formats, escaped and whole whatever its length.
+/// Appends the text that vsnprintf formats, escaped and of any length.
 __attribute__((format(printf, 2, 0))) void appendFormatted(
     std::pmr::string& line, const char* fmt, va_list args) {
   std::array<char, kUsualTextSize> usual;  // NOLINT: filled by vsnprintf()
@@ -190,22 +190,21 @@ __attribute__((format(printf, 2, 0))) void appendFormatted(
   va_end(again);
 }
 
-/// Appends the line's beginning, up to and with the name of the process and its
-/// pid.
+/// Appends the start of the line up to the name and the pid of the process.
 void appendPrefix(std::pmr::string& line, int level, bool flag) {
-  const LevelLook look = lookOf(level);
+  const LevelFormat format = formatOf(level);
   if (sink().journal) {
-    line += look.priority;
+    line += format.priority;
   } else {
     appendTimeStamp(line);
     line += ' ';
   }
   if (flag == kEvent) line += kEventMark;
-  const bool coloured = sink().colour && look.colour != nullptr;
-  if (coloured) line += look.colour;
+  const bool coloured = sink().colour && format.colour != nullptr;
+  if (coloured) line += format.colour;
   const size_t begin = line.size();
-  if (look.word.empty()) line += std::to_string(level);
-  line += look.word;
+  if (format.word.empty()) line += std::to_string(level);
+  line += format.word;
   const size_t width = line.size() - begin;
   if (coloured) line += "\x1b[0m";
   if (width < kLevelWidth) line.append(kLevelWidth - width, ' ');
@@ -216,7 +215,7 @@ void appendPrefix(std::pmr::string& line, int level, bool flag) {
   line += ']';
 }
 
-/// Holds SIGXFSZ off in its scope, and forgets one that came in it.
+/// Blocks SIGXFSZ in its scope, and discards a signal that arrived meanwhile.
 class SizeLimitSignalBlocker {
  public:
   SizeLimitSignalBlocker() {
@@ -237,10 +236,11 @@ class SizeLimitSignalBlocker {
   sigset_t former_{};
 };
 
-/// One write(2) as long as standard error takes the line whole. The rest of one
-/// that was cut by a signal or a full pipe follows; what is refused is lost.
+/// Uses one write(2) if standard error accepts the whole line. The rest of a
+/// line that a signal or a full pipe has cut is written next; a refused part is
+/// lost.
 void writeLine(std::pmr::string& line) {
-  static bool is_torn = false;  // what was written last lacks its line's end
+  static bool is_torn = false;  // the last line has no line end yet
   if (!sink().open) return;
   std::optional<SizeLimitSignalBlocker> blocker;
   if (sink().limited) blocker.emplace();
@@ -251,7 +251,8 @@ void writeLine(std::pmr::string& line) {
         [&] { return ::write(STDERR_FILENO, rest.data(), rest.size()); });
     if (written <= 0) return;
     const bool tears = rest[static_cast<size_t>(written) - 1] != '\n';
-    if (tears != is_torn) is_torn = tears;  // else no page to copy, see Line
+    if (tears != is_torn)
+      is_torn = tears;  // avoids the copy of a page, see Line
     rest.remove_prefix(static_cast<size_t>(written));
   }
 }
@@ -289,7 +290,7 @@ void vtrace(int level, const char* file, int line_number, const char* func,
     line += '\n';
     writeLine(line);
   } catch (const std::exception&) {
-    // Out of memory: the line is lost, which must not end the launcher.
+    // Out of memory: the line is lost; the launcher must continue.
   }
   va_end(args);
   errno = kept_errno;

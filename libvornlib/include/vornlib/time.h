@@ -1,8 +1,8 @@
 #pragma once
 
 #include <cstdint>
-// Every file that includes this header may use the standard streams before
-// main: this include makes its initialiser set them up.
+// Initializes the standard streams before main for every file that includes
+// this header.
 #include <iostream>
 #include <limits>
 
@@ -22,12 +22,12 @@ struct Duration {
   int32_t nsec = 0;  // 0..999,999,999
 };
 
-/// Carries whole seconds from `nsec` over to `sec`. Throws std::runtime_error
-/// when the seconds then exceed 32 unsigned bits.
+/// Carries whole seconds from `nsec` to `sec`. Throws std::runtime_error if the
+/// seconds then exceed 32 unsigned bits.
 Time normalizeSecNSec(uint64_t sec, uint64_t nsec);
 
-/// As above for spans: borrows a second where `nsec` is negative. Throws
-/// std::runtime_error when the seconds then leave 32 signed bits.
+/// As above for spans: borrows a second if `nsec` is negative. Throws
+/// std::runtime_error if the seconds then exceed 32 signed bits.
 Duration normalizeSecNSecSigned(int64_t sec, int64_t nsec);
 
 // The limits of both records, set before main.

@@ -19,33 +19,34 @@ constexpr int kWarn = 4;   // handled, not fatal
 constexpr int kError = 8;  // a call or an input failed
 
 // The flag.
-constexpr bool kEvent = true;   // a turn in a node's life, a missing file
+constexpr bool kEvent = true;   // a change of a node's state, a missing file
 constexpr bool kPlain = false;  // everything else
 
-/// Records the name under which this process logs; "?" until then. Control
-/// characters in it would reach the log as they are. Like the first vtrace(),
-/// settles whether standard error is open, a terminal or the journal; the
-/// first action of main, so that nothing else decides that.
+/// Sets the name of this process in its log lines; "?" until then. Control
+/// characters in it are not escaped. Like the first vtrace(), determines
+/// whether standard error is open, a terminal or the journal. It is the first
+/// action of main, before anything can change standard error.
 void setNodeName(const std::string& name);
 
 /// Writes one log line to standard error by a single write(2), or by several
-/// where standard error takes only part of the line. `level` is one of the
-/// levels above, any other is shown as its number. `file` (only its last
-/// component is shown), `line` and `func` tell the call's place, `flag` marks
-/// an operator's event, `fmt` and what follows give the text as for printf.
+/// if standard error accepts only part of the line. `level` is one of the
+/// levels above, any other is written as its number. `file` (only its last
+/// component is written), `line` and `func` are the location of the call,
+/// `flag` marks an operator's event, `fmt` and the arguments after it are as
+/// for printf.
 ///
-/// The text may have any length. Bytes below 0x20 and 0x7f in it are shown
-/// escaped ("\n", "\x1b"), so that it is always one line; UTF-8 passes
-/// untouched.
+/// The text may have any length. Bytes below 0x20 and 0x7f in it are
+/// escaped ("\n", "\x1b"), so that it is always one line; UTF-8 is
+/// unchanged.
 ///
-/// Keeps errno. Works in a child forked by a single-threaded parent. Never
-/// fails: what standard error does not take is lost. Blocks as long as standard
-/// error does, such as a pipe that is full because its reader has stopped.
+/// Preserves errno. Can be used in a forked child of a single-threaded parent.
+/// Never fails: text that standard error does not accept is lost. Blocks while
+/// standard error blocks, such as a full pipe whose reader is suspended.
 void vtrace(int level, const char* file, int line, const char* func, bool flag,
             const char* fmt, ...) __attribute__((format(printf, 6, 7)));
 
 }  // namespace vorn
 
-/// vtrace() with the caller's place, which only the compiler knows.
+/// vtrace() with the location of the call.
 #define VTRACE(level, flag, ...) \
   ::vorn::vtrace((level), __FILE__, __LINE__, __func__, (flag), __VA_ARGS__)
