@@ -17,7 +17,7 @@ std::string executableRoot() {
   const auto executable =
       std::filesystem::read_symlink("/proc/self/exe", error);
   const std::string directory = executable.parent_path().parent_path();
-  if (auto root = rootFromExecutable(directory)) return *std::move(root);
+  if (auto usable = rootFromExecutable(directory)) return *std::move(usable);
   vtrace(kWarn, __FILE__, __LINE__, "root", kPlain,
          "The executable's root '%s' contains install:/install:, using /",
          directory.c_str());
@@ -28,7 +28,7 @@ std::string executableRoot() {
 
 std::string rootFor(const char* chosen) {
   if (chosen == nullptr || *chosen == '\0') return executableRoot();
-  if (auto root = rootFromVariable(chosen)) return *std::move(root);
+  if (auto usable = rootFromVariable(chosen)) return *std::move(usable);
   vtrace(kWarn, __FILE__, __LINE__, "root", kPlain,
          "VORN_ROOT '%s' contains install:, using the executable's root",
          chosen);

@@ -36,6 +36,16 @@ size_t terminalWidth() {
   return size.ws_col;
 }
 
+/// Sets the properties that commands inherit when they are added.
+CLI::App& configured(CLI::App& app) {
+  app.require_subcommand(1);
+  app.set_version_flag("--version", "vornctl " VORNCTL_VERSION);
+  app.set_help_flag("-h,--help", "Show this text");
+  app.fallthrough();
+  app.footer(exitStatusHelp("") + "\n\n'vornctl help COMMAND' has examples.");
+  return app;
+}
+
 /// The command line of vornctl.
 class CommandLine {
  public:
@@ -59,16 +69,6 @@ class CommandLine {
   }
 
  private:
-  /// Sets the properties that commands inherit when they are added.
-  static CLI::App& configured(CLI::App& app) {
-    app.require_subcommand(1);
-    app.set_version_flag("--version", "vornctl " VORNCTL_VERSION);
-    app.set_help_flag("-h,--help", "Show this text");
-    app.fallthrough();
-    app.footer(exitStatusHelp("") + "\n\n'vornctl help COMMAND' has examples.");
-    return app;
-  }
-
   static void unprotectAll(Arguments& arguments) {
     unprotect(arguments.settings.launchFile);
     unprotect(arguments.settings.socketPath);

@@ -195,7 +195,7 @@ void Commands::addCheck() {
   Options& options = arguments_.check;
   CLI::App* const app = addCommand(
       "check", "Check launch files for errors; needs no launcher",
-      [this](Context& context) {
+      [this](const Context& context) {
         if (arguments_.isCheckList) return listChecks();
         if (!arguments_.check.files.empty()) {
           return check(context, arguments_.check);
@@ -248,7 +248,7 @@ void Commands::addGraph() {
   GraphOptions& options = arguments_.graph;
   CLI::App* const app =
       addCommand("graph", "Draw the nodes of a launch file; needs no launcher",
-                 [this](Context& context) {
+                 [this](const Context& context) {
                    return printGraph(context, arguments_.graph);
                  });
   app->add_option("FILE", options.file, "A launch file; - is standard input")
