@@ -10,23 +10,22 @@ usage() {
   cat <<TEXT
 Usage: ./package.sh [OPTION...]
 
-Installs what is missing and builds Debian packages from a copy of the files
-that git tracks, as they are now. They come to build-packages/ARCH/. Exit status:
-0 done, 1 --check found something, 2 it could not be done.
+Installs missing Debian packages and builds the packages of the launcher from a copy
+of the files that git tracks, into build-packages/ARCH/. Exit status: 0 success, 1
+--check found a defect, 2 the packages could not be built.
 
-  --arch ARCH   for amd64 or arm64 (default: this machine's). For another
-                machine they are built in a small Debian below build-packages/,
-                with a cross compiler; this needs root
-  --rpm         an rpm instead, in build-packages/rpm/, for systems with the
+  --arch ARCH   amd64 or arm64 (default: this machine's architecture). Another
+                architecture needs root: its packages are built with a cross
+                compiler in a small Debian under build-packages/
+  --rpm         build an rpm instead, in build-packages/rpm/, for systems with the
                 shared libraries of this one
-  --check       proves them: builds them a second time, elsewhere and under
-                other circumstances, and compares the bytes; makes the rpm; and
-                runs the long tests, one of which builds them with their build
-                dependencies alone. This needs root and takes some minutes
-  -h, --help    this text
+  --check       also build the packages a second time in another directory and
+                environment and compare the bytes, build the rpm, and run the long
+                tests, one of which builds the packages with only their build
+                dependencies; needs root and takes some minutes
+  -h, --help    print this text
 
-docs/install.md tells what each package holds and how to use them. The unit
-tests are left to ./test.sh.
+docs/install.md describes the packages. ./test.sh runs the unit tests.
 TEXT
 }
 
@@ -51,13 +50,13 @@ while [[ $# -gt 0 ]]; do
   shift
 done
 command -v dpkg >/dev/null ||
-  die "there is no dpkg: this builds on Debian; docs/install.md tells the other ways"
+  die "dpkg is missing: the packages need Debian; see docs/install.md for other ways"
 native=$(dpkg --print-architecture)
 arch=${arch:-$native}
 [[ $arch =~ ^(amd64|arm64)$ ]] ||
   die "no packages for '$arch'; see ./package.sh --help"
 [[ $arch == "$native" ]] || { [[ $kind == deb ]] && ! $check; } ||
-  die "--rpm and --check are for this machine's own packages"
+  die "--rpm and --check work only for this machine's architecture"
 [[ $kind == deb ]] || ! $check ||
   die "--check makes the rpm as well; it does not go with --rpm"
 [[ $EUID -eq 0 ]] || ! $check || die "--check needs root"
@@ -71,15 +70,15 @@ copy_files() {
     done | xargs -0 cp --parents -t "$1"
 }
 
-# The builders build in DIRECTORY/source; the packages come to DIRECTORY.
+# The builders build in DIRECTORY/source and put the packages into DIRECTORY.
 
 build_deb() {
   (cd "$1/source" && DEB_BUILD_OPTIONS=nocheck DEB_BUILD_PROFILES=nocheck \
     dpkg-buildpackage -b -us -uc --jobs="$(nproc)")
 }
 
-# The libraries for both machines cannot be installed side by side; so this is
-# done in a Debian that has those for the other machine alone.
+# The libraries for both architectures cannot be installed together, so a separate
+# Debian contains those for the other architecture.
 build_cross_deb() {
   local debian=$root/build-packages/cross-$arch
   # shellcheck disable=SC2016  # variables of those shells
@@ -136,8 +135,8 @@ build_deb_otherwise() {
   HOME=/nonexistent LC_ALL=C TZ=Pacific/Apia build_deb "$1"
 }
 
-# Builds the Debian packages again, with all changed that might leave a trace but
-# the clock, which has moved on by itself.
+# Builds the Debian packages again in an environment that differs in everything that
+# could affect the result. The clock differs anyway.
 compare_with_another_build() {
   local again=$1-in-another-directory-of-a-longer-name package
   (umask 077 && build_in "$again" build_deb_otherwise)
@@ -145,7 +144,7 @@ compare_with_another_build() {
     cmp "$package" "$again/$(basename -- "$package")" || exit 1
   done
   rm -rf "$again"
-  say "both builds gave the same bytes"
+  say "both builds produced the same bytes"
 }
 
 run_long_tests() {
@@ -159,7 +158,7 @@ run_long_tests() {
 
 install_packages "${BUILD_PACKAGES[@]}" "${PACKAGE_PACKAGES[@]}"
 git ls-files --error-unmatch README.md >/dev/null ||
-  die "the files to pack are those that git tracks, and git does not tell them"
+  die "cannot list the files to pack: git ls-files failed"
 directory=$root/build-packages/$arch
 if [[ $kind == rpm ]]; then
   directory=$root/build-packages/rpm

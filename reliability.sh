@@ -19,8 +19,8 @@ it could not be run. CI runs the short forms: ./test.sh --reliability.
   states       random launch files and commands, compared with a model
   fuzz         launch files, requests, log texts and roots, by libFuzzer
   clients      hostile and numerous clients of the control socket
-  questions    10,000 status requests, by as many clients and by one
-  storms       deaths and signals by the thousand, fork bombs, full disks
+  queries      10,000 status requests from as many clients, and from one
+  storms       thousands of deaths and signals, fork bombs, full disks
   soak         200 nodes for an hour; writes build/soak/soak.csv and soak.svg
   death        SIGKILL at each system call of the launcher, then a new launcher
   coverage     branches that the tests take; at least 95 %
@@ -49,7 +49,7 @@ case $proof in
   states) run_long test_state_model.py "$@" ;;
   fuzz) fuzz/run.sh "$@" ;;
   clients) run_long test_hostile_clients.py "$@" ;;
-  questions) run_long ../system/test_vornctl_signals.py -k thousand "$@" ;;
+  queries) run_long ../system/test_vornctl_signals.py -k thousand "$@" ;;
   storms) run_long test_storms.py "$@" ;;
   soak)
     build_launcher "${PLOT_PACKAGES[@]}"

@@ -111,7 +111,7 @@ parse_options() {
     die "--instructions are those of the release build"
   if [[ ${#suites[@]} -eq 0 ]]; then
     suites=(unit system)
-    # Its faults and its memory would be the emulator's.
+    # Faults and memory would be the emulator's.
     [[ $preset == arm64 ]] || suites+=(reliability)
   fi
   [[ " ${suites[*]} " != *" reliability "* || $preset != arm64 ]] ||
@@ -121,7 +121,7 @@ parse_options() {
   mapfile -t suites < <(printf '%s\n' "${suites[@]}" | awk '!seen[$0]++')
 }
 
-# Results, one JUnit file a run, to be counted at the end.
+# Results, one JUnit file per run, counted at the end.
 results=$(mktemp -d)
 trap 'rm -rf "$results"' EXIT
 runs=0
@@ -193,12 +193,12 @@ run_pytest() {
     --timeout="$test_time_limit" \
     --build="$(build_directory "$1")" ${filter:+-k "$filter"} \
     --junitxml "$results/$runs.xml" "$2" || status=$?
-  # 5: no test was selected, which the count at the end judges.
+  # 5: no test was selected; the count at the end decides.
   [[ $status -eq 0 || $status -eq 5 ]] || failed=true
 }
 
-# Of the tests for arm64 those that see the records of the control socket, which
-# are its interface; all of them take too long.
+# The tests for arm64 that check the records of the control socket, its interface; all
+# tests for arm64 take too long.
 run_some_arm64() {
   build_preset arm64 --target vornlaunch vornctl
   say "whole-program tests of the control socket (arm64)"

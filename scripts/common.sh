@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What the scripts of this project share; to be sourced.
+# The common functions of this project's scripts, which source it.
 
 set -euo pipefail
 
@@ -55,7 +55,7 @@ debian_suite() {
   ARM64_PACKAGES=(g++-aarch64-linux-gnu "$YAML_CPP_PACKAGE:arm64"
     libncurses-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64)
   # The first cannot be installed for two architectures at a time; it needs the
-  # second beside it.
+  # second.
   ARM64_UNPACKED=(libyaml-cpp-dev:arm64 "$YAML_CPP_PACKAGE:arm64")
 }
 
@@ -94,7 +94,7 @@ install_packages() {
   [[ $EUID -eq 0 ]] || sudo -n true 2>/dev/null ||
     die "no right to install packages; run once as root: apt-get install ${missing[*]}"
   say "installing ${missing[*]}"
-  # Another's list may fail, or have nothing for a foreign architecture.
+  # Lists of other repositories can fail, or lack a foreign architecture.
   as_root apt-get -qq -o DPkg::Lock::Timeout=300 update ||
     say "apt-get update failed; are Debian's package servers in reach?"
   as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq install -y \
@@ -102,7 +102,7 @@ install_packages() {
     >/dev/null || die "could not install ${missing[*]}"
 }
 
-# Installs what the preset arm64 needs, beside what is there for this machine.
+# Installs the packages that the preset arm64 needs in addition to this machine's.
 install_arm64_packages() {
   [[ $(uname -m) != aarch64 ]] ||
     die "this machine is of the kind arm64; the preset release builds for it"
@@ -126,7 +126,7 @@ install_arm64_packages() {
   fi
 }
 
-# As install_packages, for servers, which are kept from starting meanwhile.
+# As install_packages, for servers, without starting them.
 install_servers() (
   policy=/usr/sbin/policy-rc.d
   if [[ -n $(missing_packages "$@") && ! -e $policy ]] && as_root true 2>/dev/null
@@ -137,8 +137,8 @@ install_servers() (
   install_packages "$@"
 )
 
-# configure_build PRESET [CMAKE-OPTION...] configures quietly; what it said is
-# shown when it fails.
+# configure_build PRESET [CMAKE-OPTION...] configures quietly, and prints CMake's
+# output only if it fails.
 configure_build() {
   local preset=$1 said
   shift

@@ -13,7 +13,7 @@ directory=build-coverage
 
 # The programs write their counters into the build directory.
 [[ $root/ != /tmp/* ]] ||
-  die "not with a checkout below /tmp, which the tests replace by one of their own"
+  die "the checkout must not be in /tmp, which the tests replace by their own"
 
 install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" \
   "${COVERAGE_PACKAGES[@]}"

@@ -40,7 +40,7 @@ done
   exit 2
 }
 
-# debootstrap itself writes the release only, without updates.
+# debootstrap itself configures only the release, without updates.
 mirror=http://deb.debian.org
 suite=$(debian_suite "$release")
 sources="deb $mirror/debian $suite main
@@ -64,12 +64,12 @@ install_packages "${ROOT_PACKAGES[@]}"
 say "making a Debian root in $directory"
 mkdir -p "$(dirname -- "$directory")"
 as_root rm -rf "$directory.new"
-# The namespace takes the mounts with it, however this ends.
+# The mounts disappear with the namespace, even after a failure.
 as_root unshare --mount --pid --fork --kill-child --mount-proc \
   debootstrap ${arch:+--arch="$arch"} --variant=minbase "$suite" \
   "$directory.new" >"$directory.log" 2>&1 || {
   tail -n 5 "$directory.log" >&2
-  die "debootstrap failed; the whole of what it said is in $directory.log"
+  die "debootstrap failed; its output is in $directory.log"
 }
 as_root rm -rf "$directory.new"/var/cache/apt/archives/*.deb
 write_sources "$directory.new"

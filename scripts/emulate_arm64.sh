@@ -29,8 +29,8 @@ esac
 formats=/proc/sys/fs/binfmt_misc
 rule=/usr/lib/binfmt.d/qemu-aarch64.conf
 
-# Whether the kernel knows how to start them, in any root directory: the flag F
-# keeps the emulator open, so that none need be there.
+# Whether the kernel can start them in any root directory: with the flag F, it keeps
+# the emulator open, so a root directory needs none.
 is_registered() {
   grep -qsx enabled "$formats/qemu-aarch64" &&
     grep -qs '^flags:.*F' "$formats/qemu-aarch64"
@@ -39,7 +39,7 @@ is_registered() {
 if [[ $(uname -m) == aarch64 ]] || is_registered; then exit 0; fi
 install_packages "${EMULATION_PACKAGES[@]}"
 
-# Where Debian's package could do so, it has registered the emulator itself.
+# Debian's package registers the emulator itself if it can.
 if is_registered; then exit 0; fi
 as_root true 2>/dev/null ||
   die "no right to register the emulator; run once as root: scripts/emulate_arm64.sh"

@@ -64,7 +64,7 @@ def test_without_dpkg_the_help_works_and_an_error_has_the_reason(bare):
     bare.path("/usr/bin/dpkg").unlink()
     assert bare.run("/srv/package.sh", "--help").startswith("Usage: ./package.sh")
     done = bare.execute("/srv/package.sh")
-    assert done.stdout.startswith("package.sh: there is no dpkg")
+    assert done.stdout.startswith("package.sh: dpkg is missing: ")
     assert done.returncode == 2
 
 

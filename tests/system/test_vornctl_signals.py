@@ -122,7 +122,7 @@ def leaves_nothing(machine, ask, count):
                "the descriptors are as before")
     assert [x.name for x in machine.processes() if x.name == "vornctl"] == []
     grown = tree.memory() - memory
-    print(f"{count} questions: {descriptors} descriptors, {memory} KiB, "
+    print(f"{count} requests: {descriptors} descriptors, {memory} KiB, "
           f"{grown} KiB more")
     # The sanitizers delay the release of memory.
     return grown <= ALLOWANCE or machine.sanitized

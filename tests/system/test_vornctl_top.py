@@ -69,7 +69,7 @@ def wait_for_selected(terminal, name):
     eventually(lambda: selected(terminal) == name, f"{name} is selected")
 
 
-def questions(machine):
+def status_requests(machine):
     """The number of status requests that the launcher has received."""
     return len(machine.log_lines("control cmd: 3"))
 
@@ -154,12 +154,12 @@ def test_a_launch_file_without_nodes_leaves_the_table_empty(machine):
 
 def test_the_uptime_grows_without_a_status_request(robot):
     terminal = shown(robot)
-    before = questions(robot)
+    before = status_requests(robot)
     terminal.wait_for(
         lambda screen: any(re.search(r"^lidar .* [4-9]s ", line) for line in screen),
         "four seconds of uptime")
     # One that finds the launcher, one for each node, and that of the fixture.
-    assert questions(robot) == before == 1 + 4 + 1
+    assert status_requests(robot) == before == 1 + 4 + 1
 
 
 def test_wide_and_control_characters_do_not_shift_the_columns(machine):
@@ -307,18 +307,18 @@ def test_the_message_disappears_with_the_next_key(robot):
 
 def test_an_action_requests_only_the_status_of_its_node(robot):
     terminal = shown(robot)
-    before = questions(robot)
+    before = status_requests(robot)
     terminal.press("NPage", "Up", "s", "s")
     wait_for_row(terminal, "manual", "running")
     # The first start is skipped: one request for the reason, one for the status, and
     # one after the second start.
-    assert questions(robot) - before <= 3
+    assert status_requests(robot) - before <= 3
     # Not later either.
-    before = questions(robot)
+    before = status_requests(robot)
     terminal.wait_for(
         lambda screen: any(re.search(r"^manual .* [2-9]s ", line) for line in screen),
         "two seconds of uptime")
-    assert questions(robot) == before
+    assert status_requests(robot) == before
 
 
 def test_a_required_node_that_restarts_too_is_detected(robot):
@@ -333,10 +333,10 @@ def test_a_required_node_that_restarts_too_is_detected(robot):
 def test_the_u_key_requests_the_status_that_no_process_shows(robot):
     terminal = shown(robot)
     robot.request(Cmd.DISABLE, "manual")
-    before = questions(robot)
+    before = status_requests(robot)
     terminal.press("u")
     wait_for_row(terminal, "manual", "disabled")
-    assert questions(robot) - before == 4
+    assert status_requests(robot) - before == 4
 
 
 def test_keys_without_a_meaning_do_nothing(robot):
@@ -354,7 +354,7 @@ def test_keys_without_a_meaning_do_nothing(robot):
 def test_a_death_is_detected_and_requested_a_few_times(robot):
     terminal = shown(robot)
     lidar = robot.child("lidar", ["sleep", "1000"])
-    before = questions(robot)
+    before = status_requests(robot)
     lidar.signal(signal.SIGKILL)
     screen = terminal.wait_for(has_row("lidar", "restarting in [1-5]s"),
                                "lidar waits for its restart")
@@ -363,16 +363,16 @@ def test_a_death_is_detected_and_requested_a_few_times(robot):
     assert pid_of_row(screen, "lidar") == robot.status("lidar").pid != lidar.pid
     # One request is this test's own. top requests the status at once after a death, and
     # again until the exit is collected; after the restart once.
-    assert questions(robot) - before <= 6
+    assert status_requests(robot) - before <= 6
 
 
 def test_a_start_by_another_client_is_detected(robot):
     terminal = shown(robot)
-    before = questions(robot)
+    before = status_requests(robot)
     robot.request(Cmd.START, "manual")
     robot.request(Cmd.START, "manual")
     wait_for_row(terminal, "manual", "running")
-    assert questions(robot) - before <= 2
+    assert status_requests(robot) - before <= 2
 
 
 def test_a_stop_by_another_client_is_detected(robot):

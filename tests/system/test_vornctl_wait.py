@@ -32,13 +32,13 @@ def crash(machine, name):
     return process.pid
 
 
-def questions(machine):
+def status_requests(machine):
     """The number of status requests that the launcher has received."""
     return len(machine.log_lines("control cmd: 3"))
 
 
-def wait_for_question(machine, before):
-    eventually(lambda: questions(machine) > before, "vornctl asks")
+def wait_for_status_request(machine, before):
+    eventually(lambda: status_requests(machine) > before, "vornctl sends a status request")
 
 
 # -- wait.
@@ -59,7 +59,7 @@ def test_a_state_that_is_already_reached_is_not_awaited(robot, arguments):
 def test_the_state_is_awaited(robot, state, cmd, name):
     with running(robot, "wait", name, "--state", state) as client:
         # One request finds the launcher, the other one is about the node.
-        eventually(lambda: questions(robot) >= 3, "vornctl asks")
+        eventually(lambda: status_requests(robot) >= 3, "vornctl sends a status request")
         assert client.popen.poll() is None
         robot.request(cmd, name)
         assert client.end() == (0, "", "")
@@ -67,7 +67,7 @@ def test_the_state_is_awaited(robot, state, cmd, name):
 
 def test_all_of_several_nodes_are_awaited(robot):
     with running(robot, "wait", "*", "--state", "running") as client:
-        eventually(lambda: questions(robot) >= 5, "vornctl asks")
+        eventually(lambda: status_requests(robot) >= 5, "vornctl sends a status request")
         assert client.popen.poll() is None
         robot.request(Cmd.START, "manual")
         assert client.end() == (0, "", "")
@@ -81,10 +81,10 @@ def test_a_state_must_last_for_the_given_time(robot):
 
 
 def test_a_state_that_does_not_last_is_exit_status_3(robot):
-    before = questions(robot)
+    before = status_requests(robot)
     with running(robot, "wait", "camera", "--state", "running",
                  "--for", "1h") as client:
-        wait_for_question(robot, before + 1)
+        wait_for_status_request(robot, before + 1)
         crash(robot, "camera")
         status, _, errors = client.end()
     assert status == 3
@@ -189,21 +189,21 @@ def test_monitor_requests_the_status_only_after_a_change(robot):
     with running(robot, "monitor", "camera", "lidar", "manual") as client:
         for _ in range(3):
             client.line()
-        before = questions(robot)
+        before = status_requests(robot)
         old = crash(robot, "camera")
         # Its crash, the five seconds until its restart, and the restart.
         while (now := change(client.line()))[1] != "running":
             assert now[0] == "camera"
         assert now[3] != str(old)
-        assert 2 <= questions(robot) - before <= 12
+        assert 2 <= status_requests(robot) - before <= 12
 
 
 @pytest.mark.parametrize("command", [
     ["monitor"], ["wait", "camera", "--state", "stopped"]], ids=" ".join)
 def test_the_launchers_sudden_exit_is_detected(robot, command):
-    before = questions(robot)
+    before = status_requests(robot)
     with running(robot, *command) as client:
-        wait_for_question(robot, before + 1)
+        wait_for_status_request(robot, before + 1)
         # The nodes continue, so nothing else indicates the exit.
         robot.signal(signal.SIGKILL)
         status, _, errors = client.end()
@@ -214,9 +214,9 @@ def test_the_launchers_sudden_exit_is_detected(robot, command):
 
 
 def test_another_launcher_is_not_mistaken_for_the_watched_one(robot):
-    before = questions(robot)
+    before = status_requests(robot)
     with running(robot, "wait", "camera", "--state", "stopped") as client:
-        wait_for_question(robot, before + 1)
+        wait_for_status_request(robot, before + 1)
         with client.stopped():
             robot.signal(signal.SIGKILL)
             robot.wait()
@@ -234,18 +234,18 @@ def test_another_launcher_is_not_mistaken_for_the_watched_one(robot):
     (signal.SIGINT, 6), (signal.SIGTERM, 6), (signal.SIGHUP, 6)],
     ids=["SIGINT", "SIGTERM", "SIGHUP"])
 def test_a_wait_can_be_interrupted(robot, number, status):
-    before = questions(robot)
+    before = status_requests(robot)
     with running(robot, "wait", "manual", "--state", "running") as client:
-        wait_for_question(robot, before + 1)
+        wait_for_status_request(robot, before + 1)
         client.signal(number)
         assert client.end() == (status, "", "")
 
 
 def test_a_hangup_that_the_caller_ignores_is_ignored(robot):
-    before = questions(robot)
+    before = status_requests(robot)
     with running(robot, "wait", "manual", "--state", "running",
                  wrapper=["nohup"]) as client:
-        wait_for_question(robot, before + 1)
+        wait_for_status_request(robot, before + 1)
         client.signal(signal.SIGHUP)
         robot.request(Cmd.START, "manual")
         assert client.end()[0] == 0
