@@ -63,16 +63,14 @@ function(vorn_compile_options target)
   endif()
 endfunction()
 
-# vorn_add_tests(name LIBRARIES lib... [SOURCES file...] [WRAP symbol...]
-#                [NATIVE test...])
+# vorn_add_tests(name LIBRARIES lib... [SOURCES file...] [WRAP symbol...])
 #
 # One test program of all *_test.cpp in the current directory, so that none can be
 # forgotten, and the SOURCES. CTest runs each test in a process of its own, because
 # the singletons live as long as the process. WRAP names the system calls that the
-# tests replace at link time. NATIVE names the tests of what an emulator does not
-# do; they are left out of a build for another machine.
+# tests replace at link time.
 function(vorn_add_tests name)
-  cmake_parse_arguments(ARG "" "" "LIBRARIES;WRAP;SOURCES;NATIVE" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "LIBRARIES;WRAP;SOURCES" ${ARGN})
   if(NOT BUILD_TESTING OR NOT GTest_FOUND)
     return()
   endif()
@@ -87,12 +85,7 @@ function(vorn_add_tests name)
     target_link_options(${name} PRIVATE LINKER:--wrap=${symbol})
   endforeach()
   include(GoogleTest)
-  set(filter "")
-  if(CMAKE_CROSSCOMPILING AND ARG_NATIVE)
-    list(JOIN ARG_NATIVE ":" filter)
-    set(filter TEST_FILTER "-${filter}")
-  endif()
   # A case is known by its name, not by the bytes of its parameter.
-  gtest_discover_tests(${name} NO_PRETTY_VALUES ${filter}
+  gtest_discover_tests(${name} NO_PRETTY_VALUES
     PROPERTIES TIMEOUT 60 LABELS unit)
 endfunction()

@@ -6,7 +6,6 @@
 #include <pty.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -23,7 +22,6 @@
 #include <new>
 #include <regex>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -125,17 +123,6 @@ TEST(TraceTest, TheTimeStampHasSixDigitsOfTheSecondCutNotRounded) {
   EXPECT_THAT(log.bytes(), StartsWith("2026-11-20T12:34:56.000012Z INFO  "));
 }
 
-TEST(TraceTest, TheLastNanosecondIsInTheLastMicrosecondOfItsSecond) {
-  const test::LogCapture log;
-  test::libraryCalls().clock_gettime = [](clockid_t, timespec* time) {
-    *time = {1'795'178'096, 999'999'999};
-    return 0;
-  };
-  logText("x");
-  test::libraryCalls().clock_gettime = nullptr;
-  EXPECT_THAT(log.bytes(), StartsWith("2026-11-20T12:34:56.999999Z INFO  "));
-}
-
 TEST(TraceTest, AProcessWithoutANameLogsAsAQuestionMark) {
   const test::LogCapture log;
   logText("x");
@@ -161,14 +148,6 @@ TEST(TraceTest, TheMacroAddsTheCallersFileLineAndFunction) {
                                      " logFromHere: value 5\n"));
   EXPECT_THAT(log.lines(),
               ElementsAre(logLine("WARN", true, "logFromHere", "value 5")));
-}
-
-TEST(TraceTest, EachCallIsOneLine) {
-  const test::LogCapture log;
-  logText("first");
-  logText("second", kError);
-  EXPECT_THAT(log.lines(), ElementsAre(logLine("INFO", false, "f", "first"),
-                                       logLine("ERROR", false, "f", "second")));
 }
 
 struct LevelCase {
@@ -210,43 +189,24 @@ TEST(TraceTest, OnlyAnOperatorsEventHasAStarBeforeItsLevel) {
 
 // --- The text
 
-struct EscapeCase {
-  int byte;
-  const char* shown;
-};
-
-std::string nameOfByte(const ::testing::TestParamInfo<EscapeCase>& info) {
-  return "Byte" + std::to_string(info.param.byte);
+/// How the log shows a control character.
+std::string escaped(int byte) {
+  if (byte == '\t') return "\\t";
+  if (byte == '\n') return "\\n";
+  if (byte == '\r') return "\\r";
+  std::array<char, 5> code{};
+  (void)std::snprintf(code.data(), code.size(), "\\x%02x", byte);
+  return code.data();
 }
 
-class TraceEscape : public ::testing::TestWithParam<EscapeCase> {};
-
-TEST_P(TraceEscape, ShowsAControlCharacterAsText) {
+TEST(TraceTest, ControlCharactersAreShownAsText) {
   const test::LogCapture log;
-  vtrace(kInfo, "a.cpp", 1, "f", kPlain, "<%c>", GetParam().byte);
-  EXPECT_EQ("<" + std::string(GetParam().shown) + ">", onlyText(log));
+  for (int byte = 0; byte <= 0x7f; byte = byte == 0x1f ? 0x7f : byte + 1) {
+    vtrace(kInfo, "a.cpp", 1, "f", kPlain, "<%c>", byte);
+    EXPECT_EQ("<" + escaped(byte) + ">", log.lines().back().text);
+  }
+  EXPECT_THAT(log.lines(), SizeIs(33));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Trace, TraceEscape,
-    ::testing::Values(EscapeCase{0x00, "\\x00"}, EscapeCase{0x01, "\\x01"},
-                      EscapeCase{0x02, "\\x02"}, EscapeCase{0x03, "\\x03"},
-                      EscapeCase{0x04, "\\x04"}, EscapeCase{0x05, "\\x05"},
-                      EscapeCase{0x06, "\\x06"}, EscapeCase{0x07, "\\x07"},
-                      EscapeCase{0x08, "\\x08"}, EscapeCase{0x09, "\\t"},
-                      EscapeCase{0x0a, "\\n"}, EscapeCase{0x0b, "\\x0b"},
-                      EscapeCase{0x0c, "\\x0c"}, EscapeCase{0x0d, "\\r"},
-                      EscapeCase{0x0e, "\\x0e"}, EscapeCase{0x0f, "\\x0f"},
-                      EscapeCase{0x10, "\\x10"}, EscapeCase{0x11, "\\x11"},
-                      EscapeCase{0x12, "\\x12"}, EscapeCase{0x13, "\\x13"},
-                      EscapeCase{0x14, "\\x14"}, EscapeCase{0x15, "\\x15"},
-                      EscapeCase{0x16, "\\x16"}, EscapeCase{0x17, "\\x17"},
-                      EscapeCase{0x18, "\\x18"}, EscapeCase{0x19, "\\x19"},
-                      EscapeCase{0x1a, "\\x1a"}, EscapeCase{0x1b, "\\x1b"},
-                      EscapeCase{0x1c, "\\x1c"}, EscapeCase{0x1d, "\\x1d"},
-                      EscapeCase{0x1e, "\\x1e"}, EscapeCase{0x1f, "\\x1f"},
-                      EscapeCase{0x7f, "\\x7f"}),
-    nameOfByte);
 
 TEST(TraceTest, EveryOtherByteOfATextPassesUntouched) {
   const test::LogCapture log;
@@ -256,19 +216,6 @@ TEST(TraceTest, EveryOtherByteOfATextPassesUntouched) {
   }
   logText(others);
   EXPECT_THAT(log.bytes(), EndsWith(" f: " + others + "\n"));
-}
-
-TEST(TraceTest, Utf8PassesUntouched) {
-  const test::LogCapture log;
-  logText("Größe, 計画, 🚀");
-  EXPECT_EQ("Größe, 計画, 🚀", onlyText(log));
-}
-
-TEST(TraceTest, ANameCannotForgeALine) {
-  const test::LogCapture log;
-  vtrace(kInfo, "a.cpp", 1, "f", kPlain, "name: %s",
-         "x\n2026-11-20T12:34:56.789012Z ERROR ?[1] b.cpp:1 g: forged");
-  EXPECT_THAT(log.lines(), SizeIs(1));
 }
 
 TEST(TraceTest, ControlCharactersOfTheFormatItselfAreEscapedAsWell) {
@@ -315,29 +262,6 @@ INSTANTIATE_TEST_SUITE_P(Trace, TraceLength,
                          ::testing::Values(0, 1, 510, 511, 512, 513, 1023, 4096,
                                            65536, 1048576),
                          ::testing::PrintToStringParamName());
-
-TEST(TraceTest, TheKernelSeesOneMessagePerCall) {
-  std::array<int, 2> ends{};
-  ASSERT_EQ(
-      0, ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()));
-  const std::vector<std::string> texts = {"short", std::string(10'000, 'x'),
-                                          ""};
-  {
-    const StandardErrorTo redirected(ends[1]);
-    for (const auto& text : texts) logText(text);
-  }
-  ::close(ends[1]);
-  std::vector<char> message(100'000);
-  for (const auto& text : texts) {
-    const ssize_t size = ::read(ends[0], message.data(), message.size());
-    ASSERT_GT(size, 0);
-    const std::string line(message.data(), static_cast<size_t>(size));
-    EXPECT_THAT(line, EndsWith("] a.cpp:1 f: " + text + "\n"));
-    EXPECT_THAT(line, HasSubstr(kHead));
-  }
-  EXPECT_EQ(0, ::read(ends[0], message.data(), message.size()));
-  ::close(ends[0]);
-}
 
 // --- errno
 
@@ -438,23 +362,6 @@ TEST(TraceTest, AWriteThatTakesNothingIsNotTriedAgain) {
   EXPECT_EQ(1, writes);
 }
 
-TEST(TraceTest, ALineLongerThanAPipeArrivesWhole) {
-  std::array<int, 2> ends{};
-  ASSERT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC));
-  ASSERT_LE(4096, ::fcntl(ends[1], F_SETPIPE_SZ, 4096));
-  std::string received;
-  std::thread reader([&] { received = readToEnd(ends[0]); });
-  const std::string text(100'000, 'x');
-  {
-    const StandardErrorTo redirected(ends[1]);
-    ::close(ends[1]);
-    logText(text);
-  }
-  reader.join();
-  ::close(ends[0]);
-  EXPECT_THAT(received, EndsWith(" f: " + text + "\n"));
-}
-
 // --- Processes
 
 /// Logs "child" in a forked child; returns its pid when it has ended.
@@ -514,14 +421,6 @@ TEST(TraceTest, WithStandardErrorClosedALineIsLostAndTheProcessLives) {
   EXPECT_EQ(EXDEV, errno);
 }
 
-TEST(TraceTest, WithStandardErrorClosedLaterALineIsLostAndTheProcessLives) {
-  logText("first");
-  const StandardErrorClosed closed;
-  errno = EXDEV;
-  logText("lost");
-  EXPECT_EQ(EXDEV, errno);
-}
-
 TEST(TraceTest, WhatTakesAClosedStandardErrorsPlaceGetsNoLines) {
   const StandardErrorClosed closed;
   logText("lost");
@@ -552,18 +451,6 @@ TEST(TraceTest, AnErrorOtherThanABadDescriptorDoesNotMeanThatItIsClosed) {
   EXPECT_THAT(log.lines(), ElementsAre(logLine("INFO", false, "f", "written")));
 }
 
-TEST(TraceTest, WithStandardErrorFullALineIsLostAndTheProcessLives) {
-  const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
-  if (full == -1) GTEST_SKIP() << "/dev/full is missing";
-  {
-    const StandardErrorTo redirected(full);
-    errno = EXDEV;
-    logText("lost");
-    EXPECT_EQ(EXDEV, errno);
-  }
-  ::close(full);
-}
-
 TEST(TraceTest, AFullPipeThatMustNotBlockLosesWhatItCannotHold) {
   std::array<int, 2> ends{};
   ASSERT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK));
@@ -576,24 +463,6 @@ TEST(TraceTest, AFullPipeThatMustNotBlockLosesWhatItCannotHold) {
   ::close(ends[0]);
   EXPECT_THAT(received, HasSubstr(kHead));
   EXPECT_THAT(received, Not(EndsWith("\n")));
-}
-
-void swallow(int) {}
-
-TEST(TraceTest, WithTheReaderGoneALineIsLostAndTheProcessLives) {
-  struct sigaction action {};
-  action.sa_handler = swallow;  // the launcher swallows SIGPIPE as well
-  ASSERT_EQ(0, ::sigaction(SIGPIPE, &action, nullptr));
-  std::array<int, 2> ends{};
-  ASSERT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC));
-  ::close(ends[0]);
-  {
-    const StandardErrorTo redirected(ends[1]);
-    errno = EXDEV;
-    logText("lost");
-    EXPECT_EQ(EXDEV, errno);
-  }
-  ::close(ends[1]);
 }
 
 TEST(TraceTest, ALostLineDoesNotSilenceTheNext) {
@@ -854,51 +723,9 @@ INSTANTIATE_TEST_SUITE_P(
         ColourCase{"UnknownLevel", 2, kPlain, "2     "}),
     test::caseName<ColourCase>);
 
-class TraceNoColour : public ::testing::TestWithParam<TextCase> {};
-
-TEST_P(TraceNoColour, IsAskedForByTheVariableWhateverItsValue) {
-  ::setenv("NO_COLOR", GetParam().text, 1);
+TEST(TraceTerminalTest, GetsNoColourIfTheVariableIsSetEvenToNothing) {
+  ::setenv("NO_COLOR", "", 1);
   const std::string line = lineOnATerminal(kError);
-  EXPECT_THAT(line, HasSubstr("Z ERROR ?["));
-  EXPECT_THAT(line, Not(HasSubstr("\x1b")));
-}
-
-INSTANTIATE_TEST_SUITE_P(Trace, TraceNoColour,
-                         ::testing::Values(TextCase{"Empty", ""},
-                                           TextCase{"Zero", "0"},
-                                           TextCase{"One", "1"}),
-                         test::caseName<TextCase>);
-
-TEST(TraceTerminalTest, ATextCannotDriveTheTerminal) {
-  ::setenv("NO_COLOR", "1", 1);
-  int master = -1;
-  int slave = -1;
-  ASSERT_EQ(0, ::openpty(&master, &slave, nullptr, nullptr, nullptr));
-  {
-    const StandardErrorTo redirected(slave);
-    logText("\x1b[2J\x1b[H");
-  }
-  std::array<char, 4096> bytes{};
-  const ssize_t size = ::read(master, bytes.data(), bytes.size());
-  ::close(slave);
-  ::close(master);
-  ASSERT_GT(size, 0);
-  const std::string line(bytes.data(), static_cast<size_t>(size));
-  EXPECT_THAT(line, HasSubstr(R"(f: \x1b[2J\x1b[H)"));
-  EXPECT_THAT(line, Not(HasSubstr("\x1b")));
-}
-
-TEST(TraceTerminalTest, APipeGetsNoColour) {
-  ::unsetenv("NO_COLOR");
-  std::array<int, 2> ends{};
-  ASSERT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC));
-  {
-    const StandardErrorTo redirected(ends[1]);
-    ::close(ends[1]);
-    logText("x", kError);
-  }
-  const std::string line = readToEnd(ends[0]);
-  ::close(ends[0]);
   EXPECT_THAT(line, HasSubstr("Z ERROR ?["));
   EXPECT_THAT(line, Not(HasSubstr("\x1b")));
 }

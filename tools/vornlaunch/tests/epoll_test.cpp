@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <type_traits>
@@ -117,28 +116,12 @@ void runAll(const std::vector<Epoll::Handler*>& ready) {
 
 // --- open
 
-TEST_F(EpollTest, ANewOneHasOpenedNothing) {
-  const Epoll epoll;
-  EXPECT_THAT(create_flags_, IsEmpty());
-}
-
 TEST_F(EpollTest, OpeningCreatesADescriptorThatIsClosedOnExec) {
   Epoll epoll;
   EXPECT_TRUE(epoll.open());
   EXPECT_THAT(create_flags_, ElementsAre(EPOLL_CLOEXEC));
   EXPECT_EQ(FD_CLOEXEC, ::fcntl(epoll_fd_, F_GETFD));
   EXPECT_THAT(log_.lines(), IsEmpty());
-}
-
-TEST_F(EpollTest, ASecondOpenIsTrueAndKeepsTheDescriptor) {
-  Epoll epoll;
-  ASSERT_TRUE(epoll.open());
-  const int first = epoll_fd_;
-  EXPECT_TRUE(epoll.open());
-  EXPECT_THAT(create_flags_, SizeIs(1));
-  const Event event;
-  ASSERT_TRUE(epoll.registerHandler(event.fd(), doNothing, EPOLLIN));
-  EXPECT_EQ(first, controls_.at(0).epoll_fd);
 }
 
 TEST_F(EpollTest, DescriptorZeroIsAnOpenOne) {
@@ -209,18 +192,8 @@ TEST_F(OpenEpollTest, RegisteringPutsTheDescriptorIntoTheKernelsSet) {
   EXPECT_EQ(epoll_fd_, controls_[0].epoll_fd);
   EXPECT_EQ(EPOLL_CTL_ADD, controls_[0].operation);
   EXPECT_EQ(event.fd(), controls_[0].fd);
+  EXPECT_EQ(static_cast<uint32_t>(EPOLLIN), controls_[0].event.events);
   EXPECT_THAT(log_.lines(), IsEmpty());
-}
-
-TEST_F(OpenEpollTest, TheEventMaskReachesTheKernelUnchanged) {
-  const Event first;
-  const Event second;
-  const uint32_t mask = EPOLLIN | EPOLLOUT | EPOLLET | EPOLLONESHOT | EPOLLPRI;
-  ASSERT_TRUE(epoll_.registerHandler(first.fd(), doNothing, EPOLLIN));
-  ASSERT_TRUE(epoll_.registerHandler(second.fd(), doNothing, mask));
-  ASSERT_THAT(controls_, SizeIs(2));
-  EXPECT_EQ(1U, controls_[0].event.events);
-  EXPECT_EQ(mask, controls_[1].event.events);
 }
 
 TEST_F(OpenEpollTest, TheKernelHoldsTheAddressOfTheStoredHandler) {
@@ -262,15 +235,6 @@ TEST_F(OpenEpollTest, WithoutEventsNothingIsRegistered) {
   EXPECT_EQ(0, handlerCount(epoll_));
 }
 
-TEST_F(OpenEpollTest, MissingEventsAreSeenBeforeASecondRegistration) {
-  const Event event;
-  ASSERT_TRUE(epoll_.registerHandler(event.fd(), doNothing, EPOLLIN));
-  EXPECT_FALSE(epoll_.registerHandler(event.fd(), doNothing, 0));
-  EXPECT_THAT(log_.lines(),
-              ElementsAre(logLine("ERROR", false, "registerHandler",
-                                  "not specify events.")));
-}
-
 TEST_F(OpenEpollTest, ASecondRegistrationOfADescriptorIsOneErrorLineAndFalse) {
   const Event event;
   ASSERT_TRUE(epoll_.registerHandler(event.fd(), doNothing, EPOLLIN));
@@ -280,51 +244,6 @@ TEST_F(OpenEpollTest, ASecondRegistrationOfADescriptorIsOneErrorLineAndFalse) {
       ElementsAre(logLine("ERROR", false, "registerHandler", "emplace fail")));
   EXPECT_THAT(controls_, SizeIs(1));  // the kernel was not asked
   EXPECT_EQ(1, handlerCount(epoll_));
-}
-
-TEST_F(OpenEpollTest, ASecondRegistrationOfADescriptorKeepsTheFirstHandler) {
-  const Event event;
-  int first = 0;
-  int second = 0;
-  ASSERT_TRUE(epoll_.registerHandler(
-      event.fd(), [&] { ++first; }, EPOLLIN));
-  EXPECT_FALSE(epoll_.registerHandler(
-      event.fd(), [&] { ++second; }, EPOLLIN));
-  event.set();
-  runAll(epoll_.wait(0));
-  EXPECT_EQ(1, first);
-  EXPECT_EQ(0, second);
-}
-
-TEST_F(OpenEpollTest, AHandlerThatIsRefusedIsDestroyed) {
-  const Event event;
-  const auto witness = std::make_shared<int>(0);
-  ASSERT_TRUE(epoll_.registerHandler(event.fd(), doNothing, EPOLLIN));
-  EXPECT_FALSE(epoll_.registerHandler(
-      event.fd(), [witness] {}, EPOLLIN));
-  EXPECT_FALSE(epoll_.registerHandler(
-      kNotADescriptor, [witness] {}, EPOLLIN));
-  EXPECT_EQ(1, witness.use_count());
-}
-
-/// A callable that counts its copies.
-struct Copied {
-  explicit Copied(int* counter) : copies(counter) {}
-  Copied(const Copied& other) : copies(other.copies) { ++*copies; }
-  Copied(Copied&&) = default;
-  Copied& operator=(const Copied&) = delete;
-  Copied& operator=(Copied&&) = delete;
-  ~Copied() = default;
-  void operator()() const {}
-
-  int* copies;
-};
-
-TEST_F(OpenEpollTest, AHandlerIsMovedNotCopied) {
-  const Event event;
-  int copies = 0;
-  ASSERT_TRUE(epoll_.registerHandler(event.fd(), Copied(&copies), EPOLLIN));
-  EXPECT_EQ(0, copies);
 }
 
 TEST_F(OpenEpollTest, ADescriptorThatTheKernelRefusesIsOneErrorLineAndFalse) {
@@ -343,16 +262,6 @@ TEST_F(OpenEpollTest, ADescriptorThatTheKernelRefusesLeavesNoHandler) {
   EXPECT_EQ(0, handlerCount(epoll_));
   systemCalls().epoll_ctl = add;
   EXPECT_TRUE(epoll_.registerHandler(event.fd(), doNothing, EPOLLIN));
-}
-
-TEST_F(EpollTest, NothingCanBeRegisteredWhileItIsClosed) {
-  Epoll epoll;
-  const Event event;
-  EXPECT_FALSE(epoll.registerHandler(event.fd(), doNothing, EPOLLIN));
-  EXPECT_THAT(log_.lines(),
-              ElementsAre(logLine("ERROR", false, "registerHandler",
-                                  "epoll_ctl failed to add fd.")));
-  EXPECT_EQ(0, handlerCount(epoll));
 }
 
 // --- unregisterHandler
@@ -378,13 +287,6 @@ TEST_F(OpenEpollTest, UnregisteringDestroysTheHandlerOnly) {
   EXPECT_EQ(1, witness.use_count());
   EXPECT_EQ(0, handlerCount(epoll_));
   EXPECT_NE(-1, ::fcntl(event.fd(), F_GETFD));  // still open
-}
-
-TEST_F(OpenEpollTest, AnUnregisteredDescriptorMayBeRegisteredAgain) {
-  const Event event;
-  ASSERT_TRUE(epoll_.registerHandler(event.fd(), doNothing, EPOLLIN));
-  ASSERT_TRUE(epoll_.unregisterHandler(event.fd()));
-  EXPECT_TRUE(epoll_.registerHandler(event.fd(), doNothing, EPOLLIN));
 }
 
 TEST_F(OpenEpollTest, UnregisteringAnUnknownDescriptorFailsInTheKernel) {
@@ -445,27 +347,6 @@ TEST_F(OpenEpollTest, WaitReturnsTheHandlersOfReadyDescriptorsOnly) {
   EXPECT_EQ(1, ready_calls);
   EXPECT_EQ(0, idle_calls);
   EXPECT_THAT(log_.lines(), IsEmpty());
-}
-
-TEST_F(OpenEpollTest, WaitReportsEveryReadyDescriptorOnce) {
-  const std::vector<Event> events(5);
-  std::vector<int> calls(events.size());
-  for (size_t i = 0; i < events.size(); ++i) {
-    ASSERT_TRUE(epoll_.registerHandler(
-        events[i].fd(), [&calls, i] { ++calls[i]; }, EPOLLIN));
-    events[i].set();
-    events[i].set();
-  }
-  runAll(epoll_.wait(0));
-  EXPECT_THAT(calls, ElementsAre(1, 1, 1, 1, 1));
-}
-
-TEST_F(OpenEpollTest, AnUnservedDescriptorIsReportedByEachWait) {
-  const Event event;
-  ASSERT_TRUE(epoll_.registerHandler(event.fd(), doNothing, EPOLLIN));
-  event.set();
-  EXPECT_THAT(epoll_.wait(0), SizeIs(1));
-  EXPECT_THAT(epoll_.wait(0), SizeIs(1));
 }
 
 TEST_F(OpenEpollTest, WaitAsksForAsManyEventsAsThereAreHandlers) {
@@ -540,38 +421,7 @@ TEST_F(OpenEpollTest, AnInterruptedWaitIsAFailureAndNotRepeated) {
                                                 "epoll_wait failed.")));
 }
 
-TEST_F(OpenEpollTest, WaitWorksAgainAfterAFailure) {
-  const Event event;
-  ASSERT_TRUE(epoll_.registerHandler(event.fd(), doNothing, EPOLLIN));
-  const auto wait = std::exchange(
-      systemCalls().epoll_wait,
-      [](int, epoll_event*, int, int) { return test::failWith(EINTR); });
-  EXPECT_THAT(epoll_.wait(0), IsEmpty());
-  systemCalls().epoll_wait = wait;
-  event.set();
-  EXPECT_THAT(epoll_.wait(0), SizeIs(1));
-}
-
-TEST_F(OpenEpollTest, AnEmptyHandlerThrowsWhenItIsCalled) {
-  const Event event;
-  ASSERT_TRUE(epoll_.registerHandler(event.fd(), nullptr, EPOLLIN));
-  event.set();
-  const auto ready = epoll_.wait(0);
-  ASSERT_THAT(ready, SizeIs(1));
-  EXPECT_THROW((*ready[0])(), std::bad_function_call);
-}
-
 // --- The end
-
-TEST_F(EpollTest, ItsEndClosesTheDescriptor) {
-  {
-    Epoll epoll;
-    ASSERT_TRUE(epoll.open());
-    ASSERT_NE(-1, ::fcntl(epoll_fd_, F_GETFD));
-  }
-  EXPECT_EQ(-1, ::fcntl(epoll_fd_, F_GETFD));
-  EXPECT_THAT(log_.lines(), IsEmpty());
-}
 
 TEST_F(EpollTest, TheEndOfAClosedOneClosesNothing) {
   int closes = 0;

@@ -7,7 +7,6 @@
 #include <memory>
 #include <string>
 #include <type_traits>
-#include <utility>
 
 #include "node.h"
 #include "support/locked_node.h"
@@ -52,32 +51,12 @@ TEST_F(NodeManagerTest, EveryCallReturnsTheSameInstance) {
   EXPECT_EQ(&NodeManager::getInstance(), &nodes_);
 }
 
-TEST_F(NodeManagerTest, IsEmptyAtFirst) {
-  EXPECT_THAT(nodes_.nodes(), IsEmpty());
-  EXPECT_EQ(nodes_.findNode("worker"), nullptr);
-  EXPECT_EQ(nodes_.findNode(0), nullptr);
-}
-
-TEST_F(NodeManagerTest, AddingANodeIsLoggedWithoutTheOperatorsMark) {
-  nodes_.addNode("worker", std::make_unique<Node>("worker"));
-  EXPECT_THAT(log_.lines(),
-              ElementsAre(logLine("INFO", false, "addNode", "name: worker")));
-}
-
 TEST_F(NodeManagerTest, TheNameThatIsAddedIsForTheLogOnly) {
   nodes_.addNode("logged", std::make_unique<Node>("worker"));
   EXPECT_EQ(nodes_.findNode("logged"), nullptr);
   EXPECT_NE(nodes_.findNode("worker"), nullptr);
   EXPECT_THAT(log_.lines(),
               ElementsAre(logLine("INFO", false, "addNode", "name: logged")));
-}
-
-TEST_F(NodeManagerTest, KeepsNodesInTheOrderOfTheirAddition) {
-  const Node& second = addNode("b");
-  const Node& first = addNode("a");
-  ASSERT_EQ(nodes_.nodes().size(), 2U);
-  EXPECT_EQ(nodes_.nodes()[0].get(), &second);
-  EXPECT_EQ(nodes_.nodes()[1].get(), &first);
 }
 
 TEST_F(NodeManagerTest, ANameFindsTheFirstNodeThatHasIt) {
@@ -112,21 +91,7 @@ TEST_F(NodeManagerTest, PidZeroFindsTheFirstNodeWithoutAChild) {
   EXPECT_EQ(nodes_.findNode(0), &first);
 }
 
-TEST_F(NodeManagerTest, AStoppedNodeIsFoundByItsPidUntilItIsReaped) {
-  Node& node = addNode("worker", NodeState::RUNNING, 42);
-  ASSERT_TRUE(node.stop());
-  EXPECT_EQ(nodes_.findNode(42), &node);
-  node.reap({});
-  EXPECT_EQ(nodes_.findNode(42), nullptr);
-}
-
 // ---- Starting up.
-
-TEST_F(NodeManagerTest, AnEmptyRegistryStartsNothing) {
-  nodes_.startingUp();
-  EXPECT_THAT(processes_.calls(), IsEmpty());
-  EXPECT_THAT(log_.lines(), IsEmpty());
-}
 
 TEST_F(NodeManagerTest, StartsTheNodesInTheirOrderAndWithTheirSleeps) {
   addNode("b").sleep = 30;
@@ -148,15 +113,6 @@ TEST_F(NodeManagerTest, AFailedStartDoesNotKeepTheNextNodeFromStarting) {
   EXPECT_EQ(next.state, NodeState::RUNNING);
 }
 
-TEST_F(NodeManagerTest, BothNodesOfOneNameAreStarted) {
-  const Node& first = addNode("worker");
-  const Node& second = addNode("worker");
-  nodes_.startingUp();
-  EXPECT_EQ(first.state, NodeState::RUNNING);
-  EXPECT_EQ(second.state, NodeState::RUNNING);
-  EXPECT_NE(first.pid, second.pid);
-}
-
 TEST_F(NodeManagerTest, ADisabledNodeIsPassedOverInSilence) {
   Node& node = addNode("worker");
   node.disabled = true;
@@ -166,31 +122,7 @@ TEST_F(NodeManagerTest, ADisabledNodeIsPassedOverInSilence) {
   EXPECT_THAT(test::events(log_), IsEmpty());
 }
 
-TEST_F(NodeManagerTest, ADisabledNodeBecomesDisabledAtItsFirstStartAttempt) {
-  Node& node = addNode("worker");
-  node.disabled = true;
-  nodes_.startingUp();
-  EXPECT_FALSE(node.start());
-  EXPECT_EQ(node.state, NodeState::DISABLED);
-}
-
-TEST_F(NodeManagerTest, ANodeWithoutAutostartIsArmedForTheNextStart) {
-  Node& node = addNode("worker");
-  node.autostart = false;
-  nodes_.startingUp();
-  EXPECT_EQ(node.state, NodeState::STOPPED);
-  EXPECT_THAT(test::events(log_),
-              ElementsAre(logLine("WARN", true, "startInternal",
-                                  "Node 'worker' is not autostart")));
-  EXPECT_TRUE(node.start());
-  EXPECT_EQ(node.state, NodeState::RUNNING);
-}
-
 // ---- The restart poll.
-
-TEST_F(NodeManagerTest, AnEmptyRegistryHasNothingPending) {
-  EXPECT_FALSE(nodes_.pollingRestart());
-}
 
 TEST_F(NodeManagerTest, ANodeIsPendingBelowFiveSecondsSinceItsStart) {
   const Node& node = addRestarting("worker", 5s - 1ns);
@@ -206,29 +138,6 @@ TEST_F(NodeManagerTest, ANodeIsStartedAtFiveSecondsSinceItsStart) {
   EXPECT_EQ(node.state, NodeState::RUNNING);
   EXPECT_EQ(node.startTime, clock_.now());
   EXPECT_THAT(processes_.calls(), ElementsAre("stat /bin/worker", "fork"));
-}
-
-TEST_F(NodeManagerTest, ANodeThatExitsAfterTwoSecondsIsBackAfterFive) {
-  Node& node = addNode("worker");
-  ASSERT_TRUE(node.start());
-  clock_.advance(2s);
-  node.reap({});
-  for (int second = 2; second < 5; ++second) {
-    EXPECT_TRUE(nodes_.pollingRestart()) << second;
-    EXPECT_EQ(node.state, NodeState::RESTARTING) << second;
-    clock_.advance(1s);
-  }
-  EXPECT_FALSE(nodes_.pollingRestart());
-  EXPECT_EQ(node.state, NodeState::RUNNING);
-}
-
-TEST_F(NodeManagerTest, ANodeThatRanLongIsBackAtTheFirstPoll) {
-  Node& node = addNode("worker");
-  ASSERT_TRUE(node.start());
-  clock_.advance(1h);
-  node.reap({});
-  EXPECT_FALSE(nodes_.pollingRestart());
-  EXPECT_EQ(node.state, NodeState::RUNNING);
 }
 
 class NodeManagerOtherStateTest
@@ -259,14 +168,6 @@ TEST_F(NodeManagerTest, ThePollLocksNoNodeThatIsNotDue) {
   EXPECT_TRUE(nodes_.pollingRestart());
 }
 
-TEST_F(NodeManagerTest, APendingNodeDoesNotHoldUpADueOne) {
-  const Node& pending = addRestarting("a", 1s);
-  const Node& due = addRestarting("b", 6s);
-  EXPECT_TRUE(nodes_.pollingRestart());
-  EXPECT_EQ(pending.state, NodeState::RESTARTING);
-  EXPECT_EQ(due.state, NodeState::RUNNING);
-}
-
 TEST_F(NodeManagerTest, ADueNodeDoesNotHideAPendingOne) {
   addRestarting("a", 1s);
   addRestarting("b", 6s);
@@ -274,14 +175,6 @@ TEST_F(NodeManagerTest, ADueNodeDoesNotHideAPendingOne) {
   EXPECT_TRUE(nodes_.pollingRestart());
   EXPECT_FALSE(nodes_.findNode("a")->state == NodeState::RUNNING);
   EXPECT_EQ(nodes_.findNode("c")->state, NodeState::RUNNING);
-}
-
-TEST_F(NodeManagerTest, DueNodesAreStartedInTheirOrder) {
-  addRestarting("b", 5s);
-  addRestarting("a", 9s);
-  EXPECT_FALSE(nodes_.pollingRestart());
-  EXPECT_THAT(processes_.calls(),
-              ElementsAre("stat /bin/b", "fork", "stat /bin/a", "fork"));
 }
 
 TEST_F(NodeManagerTest, RequiredNodesAreRestartedInOrderBeforeTheNode) {
@@ -295,21 +188,6 @@ TEST_F(NodeManagerTest, RequiredNodesAreRestartedInOrderBeforeTheNode) {
                       stopCalls(41),
                       {"usleep 200000", "stat /bin/a", "fork"},
                       {"stat /bin/worker", "fork"}}));
-}
-
-TEST_F(NodeManagerTest, ARequiredNodeThatIsNotRunningIsLeftAlone) {
-  const Node& required = addNode("a");
-  addRestarting("worker", 5s).required = {"a"};
-  EXPECT_FALSE(nodes_.pollingRestart());
-  EXPECT_EQ(required.state, NodeState::STOPPED);
-  EXPECT_THAT(processes_.calls(), ElementsAre("stat /bin/worker", "fork"));
-}
-
-TEST_F(NodeManagerTest, APendingNodesRequiredNodesAreLeftAlone) {
-  addNode("a", NodeState::RUNNING, 41);
-  addRestarting("worker", 4s).required = {"a"};
-  EXPECT_TRUE(nodes_.pollingRestart());
-  EXPECT_THAT(processes_.calls(), IsEmpty());
 }
 
 TEST_F(NodeManagerTest, TheNodesOwnNameAndUnknownOnesAreIgnored) {
@@ -335,26 +213,6 @@ TEST_F(NodeManagerTest, AFailedRestartOfARequiredNodeDoesNotStopTheStart) {
   processes_.kill_error = [](pid_t, int) { return EPERM; };
   EXPECT_FALSE(nodes_.pollingRestart());
   EXPECT_EQ(node.state, NodeState::RUNNING);
-}
-
-TEST_F(NodeManagerTest, AMissingExecutableEndsTheRestarts) {
-  const Node& node = addRestarting("worker", 5s);
-  processes_.file_missing = true;
-  EXPECT_FALSE(nodes_.pollingRestart());
-  EXPECT_EQ(node.state, NodeState::DISABLED);
-  processes_.file_missing = false;
-  EXPECT_FALSE(nodes_.pollingRestart());
-  EXPECT_THAT(processes_.calls(), ElementsAre("stat /bin/worker"));
-}
-
-TEST_F(NodeManagerTest, AFailedForkEndsTheRestarts) {
-  const Node& node = addRestarting("worker", 5s);
-  processes_.fork_fails = true;
-  EXPECT_FALSE(nodes_.pollingRestart());
-  EXPECT_EQ(node.state, NodeState::STOPPED);
-  processes_.fork_fails = false;
-  EXPECT_FALSE(nodes_.pollingRestart());
-  EXPECT_EQ(processes_.count("fork"), 1U);
 }
 
 }  // namespace

@@ -64,18 +64,6 @@ TEST(PackNodesTest, EveryTextAndListIsAsLargeAsItMustBe) {
   EXPECT_EQ(nodes[0]->environment.size(), nodes[0]->environment.capacity());
 }
 
-TEST(PackNodesTest, NodesStayWhereTheyAre) {
-  const auto nodes = someNodes();
-  const Node* const first = nodes.front().get();
-  packNodes(nodes);
-  EXPECT_EQ(first, nodes.front().get());
-}
-
-TEST(PackNodesTest, NoNodesAreNoMatter) {
-  packNodes({});
-  EXPECT_EQ("next", Node("next").name);
-}
-
 TEST(NodeMemoryTest, NodesLieSideBySide) {
   std::vector<std::unique_ptr<Node>> nodes;
   int gaps = 0;

@@ -153,40 +153,11 @@ TEST_F(NodeStartTest, ADisabledNodeKeepsItsAutostartSkip) {
   EXPECT_THAT(log_.lines(), ElementsAre(kIsDisabled));
 }
 
-TEST_F(NodeStartTest, AnUnfulfilledAutostartSkipRefusesEvenAMissingFile) {
-  node_.autostart = false;
-  processes_.file_missing = true;
-  EXPECT_FALSE(node_.start());
-  EXPECT_FALSE(node_.disabled);
-  EXPECT_THAT(log_.lines(), ElementsAre(kIsNotAutostart));
-}
-
 TEST_F(NodeStartTest, AMissingExecutableIsFoundBeforeTheSleep) {
   node_.sleep = 500;
   processes_.file_missing = true;
   EXPECT_FALSE(node_.start());
   EXPECT_THAT(processes_.calls(), ElementsAre("stat /bin/worker"));
-}
-
-TEST_F(NodeStartTest, AMissingExecutableRefusesStartsUntilTheNodeIsEnabled) {
-  processes_.file_missing = true;
-  EXPECT_FALSE(node_.start());
-  processes_.file_missing = false;
-  EXPECT_FALSE(node_.start());
-  EXPECT_FALSE(node_.start());
-  node_.enable();
-  EXPECT_TRUE(node_.start());
-  EXPECT_THAT(log_.lines(),
-              ElementsAre(kFileMissing, kIsDisabled, kIsDisabled, kStarted));
-}
-
-TEST_F(NodeStartTest, TheStartAfterAFailedForkTriesAgain) {
-  processes_.fork_fails = true;
-  EXPECT_FALSE(node_.start());
-  processes_.fork_fails = false;
-  EXPECT_TRUE(node_.start());
-  EXPECT_EQ(node_.state, NodeState::RUNNING);
-  EXPECT_THAT(log_.lines(), ElementsAre(kForkFailed, kStarted));
 }
 
 TEST_F(NodeStartTest, BothStartTimesAreTakenAfterTheFork) {
@@ -208,18 +179,6 @@ TEST_F(NodeStartTest, BothStartTimesAreTakenAfterTheFork) {
   EXPECT_LE(node_.startWallTime, system_clock::now());
 }
 
-TEST_F(NodeStartTest, EverySuccessfulStartTakesTheTimesAnew) {
-  ASSERT_TRUE(node_.start());
-  const auto first = node_.startTime;
-  const auto first_wall = node_.startWallTime;
-  node_.reap({});
-  while (system_clock::now() <= first_wall) {
-  }
-  ASSERT_TRUE(node_.start());
-  EXPECT_GT(node_.startTime, first);
-  EXPECT_GT(node_.startWallTime, first_wall);
-}
-
 // ---- The delay.
 
 TEST_F(NodeStartTest, SleepIsTakenInTheLauncherBeforeTheFork) {
@@ -230,32 +189,6 @@ TEST_F(NodeStartTest, SleepIsTakenInTheLauncherBeforeTheFork) {
   EXPECT_THAT(log_.lines(), ElementsAre(logLine("INFO", false, "startInternal",
                                                 "worker sleep 500ms"),
                                         kStarted));
-}
-
-TEST_F(NodeStartTest, SleepIsTakenBeforeEveryFork) {
-  node_.sleep = 500;
-  ASSERT_TRUE(node_.start());
-  node_.reap({});
-  ASSERT_TRUE(node_.start());
-  EXPECT_EQ(processes_.count("usleep 500000"), 2U);
-}
-
-TEST_F(NodeStartTest, TheSleepIsLoggedBeforeItBegins) {
-  node_.sleep = 500;
-  size_t lines = 0;
-  processes_.on_call = [&](const std::string& call) {
-    if (call == "usleep 500000") lines = log_.lines().size();
-  };
-  ASSERT_TRUE(node_.start());
-  EXPECT_EQ(lines, 1U);
-}
-
-TEST_F(NodeStartTest, TheLauncherIsBusyForTheWholeSleep) {
-  test::systemCalls().usleep = nullptr;
-  node_.sleep = 50;
-  const auto begin = steady_clock::now();
-  ASSERT_TRUE(node_.start());
-  EXPECT_GE(steady_clock::now() - begin, 50ms);
 }
 
 struct SleepAfterStart {
@@ -327,11 +260,6 @@ class NodeChildTest : public ::testing::Test {
   Node node_{"worker"};
 };
 
-TEST_F(NodeChildTest, RunsTheProgramAsAChildOfTheLauncher) {
-  const std::string parent = outputOf("echo $PPID");
-  EXPECT_EQ(parent, std::to_string(::getpid()) + '\n');
-}
-
 TEST_F(NodeChildTest, ThePidIsTheChilds) {
   const std::string pid = outputOf("echo $$");
   EXPECT_EQ(pid, std::to_string(node_.pid) + '\n');
@@ -345,55 +273,18 @@ TEST_F(NodeChildTest, ItsFilesArePrivate) {
   EXPECT_EQ(file.st_mode & 0777U, 0600U);
 }
 
-TEST_F(NodeChildTest, TheLauncherKeepsItsOwnMask) {
-  (void)::umask(027);
-  (void)outputOf("true");
-  EXPECT_EQ(::umask(0), 027U);
-}
-
-TEST_F(NodeChildTest, HasTheGlobalVariablesAndTheNodes) {
-  Config::getInstance().environment = {{"GLOBAL", "of all"}};
-  node_.environment = {{"OWN", "of one"}};
-  EXPECT_EQ(outputOf(R"(printf '%s|%s' "$GLOBAL" "$OWN")"), "of all|of one");
-}
-
-TEST_F(NodeChildTest, InheritsTheLaunchersVariables) {
-  ASSERT_EQ(::setenv("INHERITED", "from before", 1), 0);
-  EXPECT_EQ(outputOf(R"(printf %s "$INHERITED")"), "from before");
-}
-
-TEST_F(NodeChildTest, AGlobalVariableOverridesTheLaunchers) {
-  ASSERT_EQ(::setenv("NAME", "launcher's", 1), 0);
-  Config::getInstance().environment = {{"NAME", "global"}};
-  EXPECT_EQ(outputOf(R"(printf %s "$NAME")"), "global");
-}
-
-TEST_F(NodeChildTest, ANodesVariableOverridesTheGlobalOne) {
-  Config::getInstance().environment = {{"NAME", "global"}};
-  node_.environment = {{"NAME", "node's"}};
-  EXPECT_EQ(outputOf(R"(printf %s "$NAME")"), "node's");
-}
-
-TEST_F(NodeChildTest, ALaterGlobalVariableWins) {
-  Config::getInstance().environment = {{"NAME", "first"}, {"NAME", "second"}};
-  EXPECT_EQ(outputOf(R"(printf %s "$NAME")"), "second");
-}
-
-TEST_F(NodeChildTest, ALaterVariableOfTheNodeWins) {
-  node_.environment = {{"NAME", "first"}, {"NAME", "second"}};
-  EXPECT_EQ(outputOf(R"(printf %s "$NAME")"), "second");
+TEST_F(NodeChildTest, InheritsVariablesThatGlobalOnesAndThenItsOwnReplace) {
+  for (const char* const name : {"A", "B", "C"}) (void)::setenv(name, "0", 1);
+  Config::getInstance().environment = {{"B", "1"}, {"C", "1"}, {"B", "2"}};
+  node_.environment = {{"C", "3"}, {"C", "4"}};
+  EXPECT_EQ(outputOf(R"(printf %s%s%s "$A" "$B" "$C")"), "024");
+  EXPECT_STREQ(::getenv("C"), "0");
 }
 
 TEST_F(NodeChildTest, ARefusedVariableDoesNotKeepTheOthersAway) {
   Config::getInstance().environment = {{"", "empty"}, {"A=B", "x"}, {"G", "1"}};
   node_.environment = {{"A=B", "x"}, {"N", "2"}};
   EXPECT_EQ(outputOf(R"(printf %s%s "$G" "$N")"), "12");
-}
-
-TEST_F(NodeChildTest, TheNodesVariablesStayOutOfTheLauncher) {
-  node_.environment = {{"ONLY_IN_THE_CHILD", "1"}};
-  (void)outputOf("true");
-  EXPECT_EQ(::getenv("ONLY_IN_THE_CHILD"), nullptr);
 }
 
 TEST_F(NodeChildTest, GetsEveryArgumentAsItIs) {
@@ -414,58 +305,10 @@ TEST_F(NodeChildTest, TheExecutableIsNotSearchedInPath) {
   EXPECT_EQ(exitStatusOfStart(), 7);
 }
 
-TEST_F(NodeChildTest, ASymbolicLinkIsFollowed) {
-  std::filesystem::create_symlink("/bin/true", children_.path("link"));
-  node_.argv = {children_.path("link")};
-  EXPECT_EQ(exitStatusOfStart(), 0);
-}
-
-TEST_F(NodeChildTest, ADanglingSymbolicLinkIsAMissingFile) {
-  std::filesystem::create_symlink("nowhere", children_.path("link"));
-  node_.argv = {children_.path("link")};
-  EXPECT_FALSE(node_.start());
-  EXPECT_TRUE(node_.disabled);
-  EXPECT_EQ(node_.state, NodeState::DISABLED);
-  EXPECT_THAT(log_.lines(), ElementsAre(logLine(
-                                "ERROR", true, "startInternal",
-                                "Can't find file: " + children_.path("link"))));
-}
-
-TEST_F(NodeChildTest, AMissingFileDisablesTheNode) {
-  node_.argv = {children_.path("missing")};
-  EXPECT_FALSE(node_.start());
-  EXPECT_TRUE(node_.disabled);
-  EXPECT_EQ(node_.pid, 0);
-  EXPECT_THAT(
-      log_.lines(),
-      ElementsAre(logLine("ERROR", true, "startInternal",
-                          "Can't find file: " + children_.path("missing"))));
-}
-
-TEST_F(NodeChildTest, AFileThatIsNotExecutableEndsTheChildWith127) {
-  const std::string file =
-      children_.write("data", "no program\n", perms::owner_read);
-  node_.argv = {file};
-  EXPECT_EQ(exitStatusOfStart(), 127);
-  EXPECT_THAT(log_.lines(), linesOfAFailedExecution(file));
-  node_.reap({});
-  EXPECT_EQ(node_.state, NodeState::RESTARTING);
-}
-
 TEST_F(NodeChildTest, ADirectoryPassesTheExistenceCheck) {
   node_.argv = {children_.path("")};
   EXPECT_EQ(exitStatusOfStart(), 127);
   EXPECT_THAT(log_.lines(), linesOfAFailedExecution(children_.path("")));
-}
-
-TEST_F(NodeChildTest, TheFailedExecutionIsLoggedBeforeTheExit) {
-  node_.argv = {children_.path("")};
-  (void)exitStatusOfStart();
-  std::vector<std::string> levels;
-  for (const test::LogLine& line : log_.lines()) {
-    if (line.func == "runChild") levels.push_back(line.level);
-  }
-  EXPECT_THAT(levels, ElementsAre("ERROR", "INFO"));
 }
 
 int exit_witness = -1;

@@ -98,30 +98,14 @@ INSTANTIATE_TEST_SUITE_P(EveryState, NodeStopIdleTest,
 using NodeStopTest = test::FakedNodeTest;
 
 TEST_F(NodeStopTest, ARestartingNodeIsStoppedWithoutASignal) {
+  addNode("other", NodeState::RUNNING, 41);
   setState(NodeState::RESTARTING);
+  node_.required = {"other"};
   EXPECT_TRUE(node_.stop());
   EXPECT_EQ(node_.state, NodeState::STOPPED);
   EXPECT_TRUE(node_.stopped);
   EXPECT_THAT(processes_.calls(), IsEmpty());
-  EXPECT_THAT(log_.lines(), ElementsAre(isRestarting("worker")));
-}
-
-TEST_F(NodeStopTest, AStoppedRestartingNodeLeavesItsRequiredNodesAlone) {
-  const Node& other = addNode("other", NodeState::RUNNING, 41);
-  setState(NodeState::RESTARTING);
-  node_.required = {"other"};
-  EXPECT_TRUE(node_.stop());
-  EXPECT_EQ(other.pid, 41);
-  EXPECT_THAT(processes_.calls(), IsEmpty());
-}
-
-TEST_F(NodeStopTest, AStoppedRestartingNodeIsNotRestartedByTheRegistry) {
-  test::StoppedSteadyClock clock(1'000s);
-  Node& node = addNode("other", NodeState::RESTARTING);
-  ASSERT_TRUE(node.stop());
-  EXPECT_FALSE(NodeManager::getInstance().pollingRestart());
-  EXPECT_EQ(node.state, NodeState::STOPPED);
-  EXPECT_THAT(processes_.calls(), IsEmpty());
+  EXPECT_THAT(events(log_), ElementsAre(isRestarting("worker")));
 }
 
 // ---- The first signal.
@@ -138,14 +122,6 @@ TEST_F(NodeStopTest, ARefusedSigtermLeavesTheNodeRunning) {
   EXPECT_THAT(processes_.calls(), ElementsAre("kill 4242 TERM"));
   EXPECT_THAT(events(log_),
               ElementsAre(killFailed("worker", "Operation not permitted")));
-}
-
-TEST_F(NodeStopTest, TheRefusalIsLoggedWithItsOwnError) {
-  setState(NodeState::RUNNING);
-  processes_.kill_error = [](pid_t, int) { return ESRCH; };
-  EXPECT_FALSE(node_.stop());
-  EXPECT_THAT(log_.lines(),
-              ElementsAre(killFailed("worker", "No such process")));
 }
 
 TEST_F(NodeStopTest, SigtermIsSentBeforeTheStateChanges) {
@@ -174,20 +150,7 @@ TEST_F(NodeStopTest, ThePidStaysUntilTheReap) {
   EXPECT_EQ(node_.pid, kPid);
   EXPECT_TRUE(node_.stopped);
   EXPECT_FALSE(node_.disabled);
-}
-
-TEST_F(NodeStopTest, ASuccessfulStopLogsNothing) {
-  setState(NodeState::RUNNING);
-  EXPECT_TRUE(node_.stop());
   EXPECT_THAT(log_.lines(), IsEmpty());
-}
-
-TEST_F(NodeStopTest, ASecondStopSendsNothing) {
-  setState(NodeState::RUNNING);
-  ASSERT_TRUE(node_.stop());
-  const size_t calls = processes_.calls().size();
-  EXPECT_TRUE(node_.stop());
-  EXPECT_EQ(processes_.calls().size(), calls);
 }
 
 // ---- The wait.
@@ -240,15 +203,6 @@ TEST_F(NodeStopTest, AChildThatIsGoneIsNotSentSigkill) {
                           presenceCheckCall(kPid), "pclose"));
 }
 
-TEST_F(NodeStopTest, AChildThatIsGoneInTheLastPassIsNotSentSigkill) {
-  setState(NodeState::RUNNING);
-  processes_.zombie = [](int) { return "0\n"; };
-  processes_.presence = [](int pass) { return pass < 50 ? "1\n" : "0\n"; };
-  EXPECT_TRUE(node_.stop());
-  EXPECT_EQ(processes_.count("usleep 200000"), 49U);
-  EXPECT_EQ(processes_.count("kill 4242 KILL"), 0U);
-}
-
 TEST_F(NodeStopTest, ARefusedSigkillIsIgnored) {
   setState(NodeState::RUNNING);
   processes_.kill_error = [](pid_t, int signal) {
@@ -285,17 +239,6 @@ TEST_F(NodeStopTest, APresenceCheckThatCannotRunIsSkippedForItsPass) {
                       {presenceCheckCall(kPid), "usleep 200000"},
                       {zombieCheckCall(kPid), "pclose"},
                       {presenceCheckCall(kPid), "pclose"}}));
-}
-
-TEST_F(NodeStopTest, WithoutAnyCheckSigkillFollowsAfterFiftyPauses) {
-  setState(NodeState::RUNNING);
-  processes_.zombie = [](int) { return std::nullopt; };
-  processes_.presence = [](int) { return std::nullopt; };
-  EXPECT_TRUE(node_.stop());
-  EXPECT_EQ(processes_.count("usleep 200000"), 50U);
-  EXPECT_EQ(processes_.count("pclose"), 0U);
-  EXPECT_EQ(processes_.calls().back(), "kill 4242 KILL");
-  EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
 // ---- How a count is read.
@@ -396,17 +339,6 @@ TEST_F(NodeStopTest, RequiredNodesAreRestartedInOrderAfterTheOwnSigkill) {
   EXPECT_THAT(events(log_), ElementsAre(started("b"), started("a")));
 }
 
-TEST_F(NodeStopTest, ARequiredNodeThatIsNamedTwiceIsRestartedTwice) {
-  const Node& other = addNode("other", NodeState::RUNNING, 41);
-  setState(NodeState::RUNNING);
-  node_.required = {"other", "other"};
-  EXPECT_TRUE(node_.stop());
-  EXPECT_EQ(processes_.calls(),
-            sequence({stopCalls(kPid), restartCalls("other", 41),
-                      restartCalls("other", 5001)}));
-  EXPECT_EQ(other.pid, 5002);
-}
-
 TEST_F(NodeStopTest, RequiredNodesAreRestartedWhenTheChildIsGoneToo) {
   addNode("a", NodeState::RUNNING, 41);
   setState(NodeState::RUNNING);
@@ -504,24 +436,6 @@ char processState(pid_t pid) {
   return name_end == std::string::npos ? '?' : stat.at(name_end + 2);
 }
 
-TEST_F(NodeStopTest, ACycleOfRequiredNodesBlocksForGood) {
-  Node& a = addNode("a", NodeState::RUNNING, 41);
-  addNode("b", NodeState::RUNNING, 42).required = {"a"};
-  a.required = {"b"};
-  const pid_t child = test::real.fork();
-  if (child == 0) {
-    a.stop();
-    ::_exit(0);
-  }
-  while (processState(child) != 'Z' && processState(child) != 'S') {
-    std::this_thread::yield();
-  }
-  (void)test::real.kill(child, SIGKILL);
-  int status = 0;
-  ASSERT_EQ(test::real.waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFSIGNALED(status));
-}
-
 // ---- Real children.
 
 class NodeStopChildTest : public ::testing::Test {
@@ -562,22 +476,6 @@ class NodeStopChildTest : public ::testing::Test {
   test::Children children_;
   Node node_{"worker"};
 };
-
-TEST_F(NodeStopChildTest, DiesOfSigtermAndIsAZombieAfterTheStop) {
-  int sigkills = 0;
-  test::systemCalls().kill = [&](pid_t pid, int signal) {
-    if (signal == SIGKILL) {
-      ++sigkills;
-      EXPECT_EQ(processState(pid), 'Z');
-    }
-    return test::real.kill(pid, signal);
-  };
-  start("");
-  EXPECT_TRUE(node_.stop());
-  EXPECT_EQ(sigkills, 1);
-  EXPECT_EQ(processState(node_.pid), 'Z');
-  EXPECT_EQ(signalOfChild(), SIGTERM);
-}
 
 TEST_F(NodeStopChildTest, ThatIgnoresSigtermDiesOfSigkill) {
   int pauses = 0;
@@ -673,11 +571,13 @@ TEST_F(NodeRequiredTest, AOneshotIsMarkedDisabledAfterThePause) {
 class NodeRestartIdleTest : public test::FakedNodeInStateTest {};
 
 TEST_P(NodeRestartIdleTest, ANodeThatIsNotRunningIsStartedAfterAPause) {
+  addNode("a", NodeState::RUNNING, 41);
+  node_.required = {"a"};
   EXPECT_TRUE(node_.restart());
   EXPECT_EQ(node_.state, NodeState::RUNNING);
   EXPECT_EQ(node_.pid, 5001);
   EXPECT_EQ(processes_.calls(), sequence({kPause, startCalls("worker")}));
-  EXPECT_THAT(log_.lines(),
+  EXPECT_THAT(events(log_),
               ElementsAre(started("worker"), restarted("worker", "success")));
 }
 
@@ -707,20 +607,6 @@ TEST_F(NodeRestartTest, RequiredNodesAreRestartedBeforeThePause) {
                       startCalls("worker")}));
 }
 
-TEST_F(NodeRestartTest, ANodeThatIsNotRunningLeavesItsRequiredNodesAlone) {
-  addNode("a", NodeState::RUNNING, 41);
-  node_.required = {"a"};
-  EXPECT_TRUE(node_.restart());
-  EXPECT_EQ(processes_.calls(), sequence({kPause, startCalls("worker")}));
-}
-
-TEST_F(NodeRestartTest, TheOldChildsPidFindsNoNodeAnyMore) {
-  Node& node = addNode("worker", NodeState::RUNNING, 41);
-  ASSERT_TRUE(node.restart());
-  EXPECT_EQ(NodeManager::getInstance().findNode(41), nullptr);
-  EXPECT_EQ(NodeManager::getInstance().findNode(5001), &node);
-}
-
 TEST_F(NodeRestartTest, ARefusedStopIsAFailureWithoutAStart) {
   setState(NodeState::RUNNING);
   processes_.kill_error = refuseSigterm;
@@ -732,37 +618,6 @@ TEST_F(NodeRestartTest, ARefusedStopIsAFailureWithoutAStart) {
   EXPECT_THAT(log_.lines(),
               ElementsAre(killFailed("worker", "Operation not permitted"),
                           restarted("worker", "failed")));
-}
-
-TEST_F(NodeRestartTest, ADisabledNodeFails) {
-  setState(NodeState::DISABLED);
-  node_.disabled = true;
-  EXPECT_FALSE(node_.restart());
-  EXPECT_EQ(node_.state, NodeState::DISABLED);
-  EXPECT_EQ(processes_.calls(), kPause);
-  EXPECT_THAT(log_.lines(),
-              ElementsAre(isDisabled("worker"), restarted("worker", "failed")));
-}
-
-TEST_F(NodeRestartTest, ANodeWithoutAutostartFailsOnceAndIsArmed) {
-  node_.autostart = false;
-  EXPECT_FALSE(node_.restart());
-  EXPECT_EQ(node_.state, NodeState::STOPPED);
-  EXPECT_TRUE(node_.restart());
-  EXPECT_THAT(log_.lines(),
-              ElementsAre(logLine("WARN", true, "startInternal",
-                                  "Node 'worker' is not autostart"),
-                          restarted("worker", "failed"), started("worker"),
-                          restarted("worker", "success")));
-}
-
-TEST_F(NodeRestartTest, AMissingExecutableFails) {
-  processes_.file_missing = true;
-  EXPECT_FALSE(node_.restart());
-  EXPECT_EQ(node_.state, NodeState::DISABLED);
-  EXPECT_THAT(log_.lines(), ElementsAre(logLine("ERROR", true, "startInternal",
-                                                "Can't find file: /bin/worker"),
-                                        restarted("worker", "failed")));
 }
 
 TEST_F(NodeRestartTest, AFailedForkFails) {
@@ -846,14 +701,6 @@ TEST_F(NodeDisableTest, TheFlagIsSetAfterTheStop) {
   };
   EXPECT_TRUE(node_.disable());
   EXPECT_FALSE(disabled_early);
-}
-
-TEST_F(NodeDisableTest, ADisabledNodeStaysSoThroughTheRegistrysPolls) {
-  test::StoppedSteadyClock clock(1'000s);
-  Node& node = addNode("worker", NodeState::RESTARTING);
-  ASSERT_TRUE(node.disable());
-  EXPECT_FALSE(NodeManager::getInstance().pollingRestart());
-  EXPECT_EQ(node.state, NodeState::DISABLED);
 }
 
 }  // namespace

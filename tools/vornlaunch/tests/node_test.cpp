@@ -31,25 +31,17 @@ using ::testing::Not;
 
 using NodeTest = test::FakedNodeTest;
 
-TEST(NodeRecordTest, ANewNodeHasItsNameAndNoProgram) {
+TEST(NodeRecordTest, ANewNodeWasNeverStartedAndHasOnlyItsNameAndAutostart) {
   const Node node("planner");
   EXPECT_EQ(node.name, "planner");
   EXPECT_THAT(node.argv, IsEmpty());
   EXPECT_THAT(node.required, IsEmpty());
   EXPECT_THAT(node.environment, IsEmpty());
-}
-
-TEST(NodeRecordTest, ANewNodeHasAutostartAndNoOtherFlag) {
-  const Node node("planner");
   EXPECT_TRUE(node.autostart);
   EXPECT_FALSE(node.disabled);
   EXPECT_FALSE(node.oneshot);
   EXPECT_FALSE(node.stopped);
   EXPECT_EQ(node.sleep, 0U);
-}
-
-TEST(NodeRecordTest, ANewNodeIsStoppedAndWasNeverStarted) {
-  const Node node("planner");
   EXPECT_EQ(node.state, NodeState::STOPPED);
   EXPECT_EQ(node.pid, 0);
   EXPECT_EQ(node.startTime.time_since_epoch(), 0s);
@@ -73,19 +65,6 @@ TEST_F(NodeTest, EnableLeavesTheStateDisabled) {
   EXPECT_EQ(node_.pid, 0);
   EXPECT_THAT(processes_.calls(), IsEmpty());
   EXPECT_THAT(log_.lines(), IsEmpty());
-}
-
-TEST_F(NodeTest, AnEnabledNodeRunsAfterItsNextStart) {
-  setState(NodeState::DISABLED);
-  node_.disabled = true;
-  node_.enable();
-  EXPECT_TRUE(node_.start());
-  EXPECT_EQ(node_.state, NodeState::RUNNING);
-}
-
-TEST_F(NodeTest, EnableOfANodeThatIsNotDisabledIsTrue) {
-  EXPECT_TRUE(node_.enable());
-  EXPECT_FALSE(node_.disabled);
 }
 
 class NodeEnableTest : public test::FakedNodeInStateTest {};
@@ -139,13 +118,6 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(NodeTest, BeforeTheFirstStartTheIntervalIsTheClocksReading) {
   const StoppedSteadyClock clock(1'234s + 900ms);
   EXPECT_EQ(node_.getStartInterval(), 1'234);
-}
-
-TEST_F(NodeTest, ASuccessfulStartBeginsTheIntervalAnew) {
-  StoppedSteadyClock clock(1'000s);
-  ASSERT_TRUE(node_.start());
-  clock.advance(3s);
-  EXPECT_EQ(node_.getStartInterval(), 3);
 }
 
 // ---- The lock.

@@ -2,13 +2,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <new>
 #include <string>
-#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "config.h"
@@ -37,26 +36,21 @@ namespace {
 
 using test::logLine;
 using ::testing::AllOf;
-using ::testing::Combine;
 using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::Field;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::MatchesRegex;
 using ::testing::Pair;
 using ::testing::SizeIs;
-using ::testing::StartsWith;
 using ::testing::ThrowsMessage;
 using ::testing::Values;
 using ::testing::ValuesIn;
 
 constexpr char kRoot[] = "/opt/root";
-constexpr char kBadConversion[] =
-    "yaml-cpp: error at line [0-9]+, column [0-9]+: bad conversion";
+constexpr char kBadConversion[] = ": bad conversion";
 constexpr char kInvalidNode[] =
-    "invalid node; this may result from using a map iterator as a sequence "
-    "iterator, or vice-versa";
+    "invalid node; this may result from using a map";
 
 using Strings = std::vector<std::string>;
 
@@ -136,73 +130,18 @@ TEST_F(LaunchFileTest, AFileThatDoesNotExistIsOneErrorLineAndFalse) {
                         Field(&test::LogLine::file, "parser.cpp"))));
 }
 
-TEST_F(LaunchFileTest, AFileWithoutReadPermissionIsOneErrorLineAndFalse) {
-  constexpr uid_t kNobody = 65534;
-  const TemporaryFile file("vornnode: {n: {path: /n}}");
-  ASSERT_EQ(::chmod(file.path().c_str(), 0), 0);
-  const uid_t user = ::geteuid();
-  if (user == 0 && ::seteuid(kNobody) != 0) {
-    GTEST_SKIP() << "The super-user may read every file and cannot be left.";
+TEST_F(LaunchFileTest, AFileWithoutANodeOrVariableIsReadWithoutALine) {
+  for (const char* const text :
+       {"", "nodes: {n: {path: /n}}\nx: 1\n", "- configure\n- vornnode\n",
+        "configure: ~\nvornnode: ~\n", "configure: {}\nvornnode: {}\n",
+        "configure: {env: {A: 1}}\n", "configure: {environment: }\n",
+        "configure: {environment: A=1}\n", "vornnode: planner\n",
+        "configure: [environment, {A: 1}]\nvornnode: []\n"}) {
+    EXPECT_TRUE(parse(text)) << text;
   }
-  EXPECT_FALSE(Parser().Parse(file.path()));
-  EXPECT_EQ(::seteuid(user), 0);
-  EXPECT_THAT(log_.lines(),
-              ElementsAre(logLine("ERROR", false, "Parse",
-                                  "Exception: bad file: " + file.path())));
-  EXPECT_THAT(nodeNames(), IsEmpty());
-}
-
-struct Text {
-  const char* name;
-  const char* text;
-};
-
-std::string nameOfText(const ::testing::TestParamInfo<Text>& test) {
-  return test.param.name;
-}
-
-class NothingToReadTest : public LaunchFileTest,
-                          public ::testing::WithParamInterface<Text> {};
-
-TEST_P(NothingToReadTest, GivesTrueNoNodeNoVariableAndNoLine) {
-  EXPECT_TRUE(parse(GetParam().text));
   EXPECT_THAT(nodeNames(), IsEmpty());
   EXPECT_THAT(globalEnvironment(), IsEmpty());
   EXPECT_THAT(log_.lines(), IsEmpty());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    File, NothingToReadTest,
-    Values(Text{"Empty", ""}, Text{"OnlyAComment", "# nothing\n"},
-           Text{"NullDocument", "~\n"},
-           Text{"OnlyUnknownTopLevelKeys", "nodes: {n: {path: /n}}\nx: 1\n"},
-           Text{"SequenceAsRoot", "- configure\n- vornnode\n"},
-           Text{"NullConfigure", "configure:\n"},
-           Text{"NullVornnode", "vornnode:\n"},
-           Text{"TildeSections", "configure: ~\nvornnode: ~\n"},
-           Text{"EmptySections", "configure: {}\nvornnode: {}\n"},
-           Text{"SequenceConfigure", "configure: [environment, {A: 1}]\n"},
-           Text{"UnknownConfigureKey", "configure: {env: {A: 1}}\n"},
-           Text{"NullGlobalEnvironment", "configure: {environment: }\n"},
-           Text{"ScalarGlobalEnvironment", "configure: {environment: A=1}\n"},
-           Text{"EmptyGlobalEnvironment", "configure: {environment: {}}\n"},
-           // Without an element there is none that lacks its key.
-           Text{"EmptySequenceGlobalEnvironment",
-                "configure: {environment: []}\n"},
-           Text{"EmptySequenceVornnode", "vornnode: []\n"},
-           Text{"ScalarVornnode", "vornnode: planner\n"}),
-    nameOfText);
-
-TEST_F(LaunchFileTest, ConfigureAloneGivesTrueAndAnEmptyRegistry) {
-  EXPECT_TRUE(parse("configure: {environment: {A: x}}\n"));
-  EXPECT_THAT(nodeNames(), IsEmpty());
-  EXPECT_THAT(globalEnvironment(), ElementsAre(Pair("A", "x")));
-}
-
-TEST_F(LaunchFileTest, VornnodeAloneGivesTrueAndNoGlobalVariable) {
-  EXPECT_TRUE(parse("vornnode: {n: {path: /n}}\n"));
-  EXPECT_THAT(nodeNames(), ElementsAre("n"));
-  EXPECT_THAT(globalEnvironment(), IsEmpty());
 }
 
 TEST_F(LaunchFileTest, ConfigureIsReadFirstWhereverItStands) {
@@ -226,107 +165,52 @@ TEST_F(LaunchFileTest, ASecondParseRegistersEveryNodeAgain) {
   EXPECT_THAT(nodeNames(), ElementsAre("a", "b", "a", "b"));
 }
 
-TEST_F(LaunchFileTest, TheWholeExampleIsRead) {
-  EXPECT_TRUE(parse(R"(
-configure:
-  environment:
-    VORN_BIN_PATH: install://bin
-    LD_LIBRARY_PATH: install://lib:/usr/local/lib
-vornnode:
-  controller:
-    path: /usr/local/bin/controller
-    argv: --rate 500 --log-level 2
-    required: [planner, monitor]
-  planner:
-    path: planner
-    sleep: 1500
-    environment:
-      PLANNER_MAPS: install://share/maps
-      PLANNER_MODE: fast
-  monitor:
-    path: monitor
-    autostart: false
-  calibrate:
-    path: calibrate
-    oneshot: true
-    disabled: false
-)"));
-  EXPECT_THAT(nodeNames(),
-              ElementsAre("controller", "planner", "monitor", "calibrate"));
-  EXPECT_THAT(
-      globalEnvironment(),
-      ElementsAre(Pair("VORN_BIN_PATH", "/opt/root/bin"),
-                  Pair("LD_LIBRARY_PATH", "/opt/root/lib:/usr/local/lib")));
-  EXPECT_THAT(node(0).argv, ElementsAre("/usr/local/bin/controller", "--rate",
-                                        "500", "--log-level", "2"));
-  EXPECT_THAT(node(0).required, ElementsAre("planner", "monitor"));
-  EXPECT_THAT(node(1).argv, ElementsAre("/opt/root/bin/planner"));
-  EXPECT_EQ(node(1).sleep, 1500U);
-  EXPECT_THAT(node(1).environment,
-              ElementsAre(Pair("__VORN_NODE_NAME__", "planner(vornlaunch)"),
-                          Pair("PLANNER_MAPS", "/opt/root/share/maps"),
-                          Pair("PLANNER_MODE", "fast")));
-  EXPECT_FALSE(node(2).autostart);
-  EXPECT_TRUE(node(3).oneshot);
-  EXPECT_FALSE(node(3).disabled);
-}
+// ---- The exceptions of yaml-cpp that end the launcher.
 
-// ---- What ends the launcher: yaml-cpp's exceptions.
+struct Fault {
+  const char* name;
+  const char* text;
+  const char* message;
+};
 
-TEST_F(LaunchFileTest, ASyntaxErrorIsAParserExceptionThatNamesThePlace) {
-  EXPECT_THAT([] { parse("vornnode:\n  n: {path: [\n"); },
-              ThrowsMessage<YAML::ParserException>(
-                  StartsWith("yaml-cpp: error at line 3, column 1: ")));
+class FaultyFileTest : public LaunchFileTest,
+                       public ::testing::WithParamInterface<Fault> {};
+
+TEST_P(FaultyFileTest, IsAnExceptionThatNamesTheFault) {
+  EXPECT_THAT([] { parse(GetParam().text); },
+              ThrowsMessage<YAML::Exception>(HasSubstr(GetParam().message)));
+  EXPECT_THAT(nodeNames(), IsEmpty());
+  EXPECT_THAT(globalEnvironment(), IsEmpty());
   EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
-struct Subscript {
-  const char* name;
-  const char* text;
-  const char* key;
-};
-
-class ScalarInsteadOfMappingTest
-    : public LaunchFileTest,
-      public ::testing::WithParamInterface<Subscript> {};
-
-TEST_P(ScalarInsteadOfMappingTest, IsABadSubscriptThatNamesTheKey) {
-  EXPECT_THAT([] { parse(GetParam().text); },
-              ThrowsMessage<YAML::BadSubscript>(
-                  AllOf(HasSubstr("operator[] call on a scalar"),
-                        HasSubstr("\"" + std::string(GetParam().key) + "\""))));
-}
-
 INSTANTIATE_TEST_SUITE_P(
-    Of, ScalarInsteadOfMappingTest,
-    Values(Subscript{"Root", "launch\n", "configure"},
-           Subscript{"Configure", "configure: text\n", "environment"},
-           Subscript{"NodeDescription", "vornnode: {n: /bin/n}\n", "path"}),
+    Of, FaultyFileTest,
+    Values(Fault{"Syntax", "vornnode:\n  n: {path: [\n",
+                 "yaml-cpp: error at line 3, column 1: "},
+           Fault{"Conversion", "vornnode:\n  n:\n    path: [/n]\n",
+                 "yaml-cpp: error at line 3, column 11: bad conversion"},
+           Fault{"ScalarRoot", "launch\n", "(key: \"configure\")"},
+           Fault{"ScalarConfigure", "configure: x\n", "(key: \"environment\")"},
+           Fault{"ScalarNode", "vornnode: {n: /bin/n}\n", "(key: \"path\")"},
+           Fault{"SequenceVornnode", "vornnode: [a, b]\n", kInvalidNode},
+           Fault{"SequenceGlobalEnvironment",
+                 "configure: {environment: [A, B]}\n", kInvalidNode},
+           Fault{"SequenceEnvironment",
+                 "vornnode: {n: {path: /n, environment: [A]}}\n", kInvalidNode},
+           Fault{"Sleep", "vornnode: {n: {path: /n, sleep: -1}}\n",
+                 kBadConversion},
+           Fault{"RepeatedSleep",
+                 "vornnode: {n: {path: /n, sleep: x, sleep: 1}}\n",
+                 kBadConversion},
+           Fault{"ScalarRequired", "vornnode: {n: {path: /n, required: a}}\n",
+                 kBadConversion},
+           Fault{"NullRequired", "vornnode: {n: {path: /n, required: ~}}\n",
+                 kBadConversion},
+           Fault{"MappingRequired",
+                 "vornnode: {n: {path: /n, required: {a: 1}}}\n",
+                 kBadConversion}),
     [](const auto& test) { return test.param.name; });
-
-class SequenceInsteadOfMappingTest
-    : public LaunchFileTest,
-      public ::testing::WithParamInterface<Text> {};
-
-TEST_P(SequenceInsteadOfMappingTest, IsAnInvalidNode) {
-  EXPECT_THAT([] { parse(GetParam().text); },
-              ThrowsMessage<YAML::InvalidNode>(kInvalidNode));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Of, SequenceInsteadOfMappingTest,
-    Values(Text{"Vornnode", "vornnode: [a, b]\n"},
-           Text{"VornnodeOfMappings", "vornnode: [{path: /a}]\n"},
-           Text{"GlobalEnvironment", "configure: {environment: [A, B]}\n"},
-           Text{"NodeEnvironment",
-                "vornnode: {n: {path: /n, environment: [A, B]}}\n"}),
-    nameOfText);
-
-TEST_F(LaunchFileTest, ABadConversionNamesLineAndColumnOfTheValue) {
-  EXPECT_THAT([] { parse("vornnode:\n  n:\n    path: [/n]\n"); },
-              ThrowsMessage<YAML::TypedBadConversion<std::string>>(
-                  "yaml-cpp: error at line 3, column 11: bad conversion"));
-}
 
 TEST_F(LaunchFileTest, AFaultyNodeIsNotRegisteredAndThoseBeforeItStay) {
   EXPECT_THROW(parse("vornnode:\n"
@@ -352,7 +236,7 @@ TEST_F(LaunchFileTest, VariablesBeforeAFaultyOneAreExportedAndLogged) {
   EXPECT_THAT(nodeNames(), IsEmpty());
 }
 
-// ---- Strings: what is none, and what is one although it looks otherwise.
+// ---- Strings.
 
 /// A place in a launch file where a text is wanted, marked by '@'.
 struct Place {
@@ -380,85 +264,39 @@ const Place kPlaces[] = {
     {"RequiredElement",
      "vornnode:\n  n:\n    path: /n\n    required:\n      - a\n      - @\n",
      [] { return node(0).required.at(1); }},
+    // An unknown key is ignored, but it must be a string.
+    {"UnknownKey", "vornnode:\n  n:\n    path: /n\n    @: x\n", nullptr},
 };
-
-const Place kKeyInsideANode = {
-    "KeyInsideANode", "vornnode:\n  n:\n    path: /n\n    @: x\n", nullptr};
-
-/// All of them: an unknown key is ignored, but it must be a string.
-std::vector<Place> placesAndKey() {
-  std::vector<Place> places(std::begin(kPlaces), std::end(kPlaces));
-  places.push_back(kKeyInsideANode);
-  return places;
-}
 
 std::string with(const Place& place, const std::string& value) {
   std::string text = place.text;
   return text.replace(text.find('@'), 1, value);
 }
 
-using PlaceAndText = std::tuple<Place, Text>;
+class StringTest : public LaunchFileTest,
+                   public ::testing::WithParamInterface<Place> {};
 
-std::string nameOfPlaceAndText(
-    const ::testing::TestParamInfo<PlaceAndText>& test) {
-  return std::string(std::get<Place>(test.param).name) + "Is" +
-         std::get<Text>(test.param).name;
-}
-
-class NoStringTest : public LaunchFileTest,
-                     public ::testing::WithParamInterface<PlaceAndText> {};
-
-TEST_P(NoStringTest, IsABadConversionToString) {
-  const auto& [place, value] = GetParam();
-  const std::string text = with(place, value.text);
-  EXPECT_THAT([&] { parse(text); },
-              ThrowsMessage<YAML::TypedBadConversion<std::string>>(
-                  MatchesRegex(kBadConversion)));
+TEST_P(StringTest, IsNeitherNullNorAListNorAMapping) {
+  for (const char* const value :
+       {"", "~", "null", "Null", "NULL", "[x, y]", "{x: y}"}) {
+    EXPECT_THAT([&] { parse(with(GetParam(), value)); },
+                ThrowsMessage<YAML::TypedBadConversion<std::string>>(
+                    HasSubstr(kBadConversion)))
+        << value;
+  }
   EXPECT_THAT(nodeNames(), IsEmpty());
   EXPECT_THAT(globalEnvironment(), IsEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Where, NoStringTest,
-    Combine(ValuesIn(placesAndKey()),
-            Values(Text{"Missing", ""}, Text{"Tilde", "~"},
-                   Text{"LowerNull", "null"}, Text{"CapitalisedNull", "Null"},
-                   Text{"UpperNull", "NULL"}, Text{"ASequence", "[x, y]"},
-                   Text{"AMapping", "{x: y}"})),
-    nameOfPlaceAndText);
-
-class PlainStringTest : public LaunchFileTest,
-                        public ::testing::WithParamInterface<PlaceAndText> {};
-
-TEST_P(PlainStringTest, IsTakenAsItStands) {
-  const auto& [place, value] = GetParam();
-  const std::string quoted = value.text;
-  EXPECT_TRUE(parse(with(place, quoted)));
-  const bool is_quoted = quoted.front() == '"' || quoted.front() == '\'';
-  EXPECT_EQ(place.read(),
-            is_quoted ? quoted.substr(1, quoted.size() - 2) : quoted);
+TEST_P(StringTest, IsAnyOtherScalar) {
+  EXPECT_TRUE(parse(with(GetParam(), "'null'")));
+  if (GetParam().read != nullptr) {
+    EXPECT_EQ(GetParam().read(), "null");
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Where, PlainStringTest,
-    Combine(ValuesIn(kPlaces),
-            Values(Text{"DoubleQuotedNull", "\"null\""},
-                   Text{"SingleQuotedNull", "'NULL'"},
-                   Text{"QuotedTilde", "\"~\""}, Text{"ANumber", "12.50"},
-                   Text{"ABool", "yes"}, Text{"Utf8", "ü→"},
-                   Text{"AlmostNull", "nUll"})),
-    nameOfPlaceAndText);
-
-TEST_F(LaunchFileTest, AQuotedNullIsAnUnknownKeyInsideANode) {
-  EXPECT_TRUE(parse(with(kKeyInsideANode, "\"null\"")));
-  EXPECT_THAT(nodeNames(), ElementsAre("n"));
-}
-
-TEST_F(LaunchFileTest, AnEmptyQuotedVariableValueIsAnEmptyValue) {
-  EXPECT_THAT(
-      parseOnly("path: /n\nenvironment: {A: ''}").environment,
-      ElementsAre(Pair("__VORN_NODE_NAME__", "n(vornlaunch)"), Pair("A", "")));
-}
+INSTANTIATE_TEST_SUITE_P(As, StringTest, ValuesIn(kPlaces),
+                         [](const auto& test) { return test.param.name; });
 
 TEST_F(LaunchFileTest, AnEmptyQuotedGlobalValueIsExportedEmpty) {
   EXPECT_TRUE(parse("configure: {environment: {VT_A: ''}}\n"));
@@ -480,49 +318,24 @@ TEST_F(LaunchFileTest, ANodeWithOnlyAPathHasTheDefaults) {
               ElementsAre(Pair("__VORN_NODE_NAME__", "n(vornlaunch)")));
 }
 
-class NodeWithoutPathTest : public LaunchFileTest,
-                            public ::testing::WithParamInterface<Text> {};
-
-TEST_P(NodeWithoutPathTest, IsDroppedWithOneWarningAndTheNextIsRead) {
-  EXPECT_TRUE(parse("vornnode:\n  dropped: " + std::string(GetParam().text) +
-                    "\n  kept: {path: /kept}\n"));
-  EXPECT_THAT(nodeNames(), ElementsAre("kept"));
-  EXPECT_THAT(
-      log_.lines(),
-      ElementsAre(AllOf(logLine("WARN", false, "parseNode", "No node's path!"),
-                        Field(&test::LogLine::file, "parser.cpp")),
-                  logLine("INFO", false, "addNode", "name: kept")));
+TEST_F(LaunchFileTest, ANodeWithoutAPathIsDroppedWithOneWarning) {
+  for (const char* const description :
+       {"", "{}", "{Path: /n}", "{sleep: long}", "[]", "[{path: /n}]"}) {
+    EXPECT_TRUE(
+        parse("vornnode:\n  dropped: " + std::string(description) + "\n"));
+    EXPECT_EQ(log_.lines().back(),
+              logLine("WARN", false, "parseNode", "No node's path!"))
+        << description;
+  }
+  EXPECT_THAT(log_.lines(), SizeIs(6));
+  EXPECT_THAT(nodeNames(), IsEmpty());
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Description, NodeWithoutPathTest,
-    Values(Text{"Null", ""}, Text{"Tilde", "~"}, Text{"EmptyMapping", "{}"},
-           Text{"MappingWithoutPath", "{argv: -a, oneshot: true}"},
-           Text{"MisspeltPath", "{Path: /n}"},
-           // Its other keys are not even looked at.
-           Text{"MappingWithAFaultButNoPath", "{sleep: long}"},
-           Text{"EmptySequence", "[]"}, Text{"Sequence", "[path, /n]"},
-           Text{"SequenceOfMappings", "[{path: /n}]"}),
-    nameOfText);
 
 TEST_F(LaunchFileTest, UnknownKeysOfANodeAreIgnoredWithoutALine) {
   EXPECT_THAT(parseOnly("path: /n\nargs: -a\nArgv: -b\nx: [1]").argv,
               ElementsAre("/n"));
   EXPECT_THAT(log_.lines(),
               ElementsAre(logLine("INFO", false, "addNode", "name: n")));
-}
-
-TEST_F(LaunchFileTest, NodesAreRegisteredInFileOrder) {
-  EXPECT_TRUE(
-      parse("vornnode:\n"
-            "  zeta: {path: /z}\n"
-            "  alpha: {path: /a}\n"
-            "  mid: {path: /m}\n"));
-  EXPECT_THAT(nodeNames(), ElementsAre("zeta", "alpha", "mid"));
-  EXPECT_THAT(log_.lines(),
-              ElementsAre(logLine("INFO", false, "addNode", "name: zeta"),
-                          logLine("INFO", false, "addNode", "name: alpha"),
-                          logLine("INFO", false, "addNode", "name: mid")));
 }
 
 TEST_F(LaunchFileTest, ARepeatedNodeNameGivesTwoNodesInFileOrder) {
@@ -534,17 +347,6 @@ TEST_F(LaunchFileTest, ARepeatedNodeNameGivesTwoNodesInFileOrder) {
   EXPECT_THAT(nodeNames(), ElementsAre("twin", "other", "twin"));
   EXPECT_THAT(node(0).argv, ElementsAre("/first"));
   EXPECT_THAT(node(2).argv, ElementsAre("/second"));
-}
-
-TEST_F(LaunchFileTest, EveryNodesEnvironmentBeginsWithItsName) {
-  EXPECT_TRUE(
-      parse("vornnode:\n"
-            "  a: {path: /a}\n"
-            "  b: {environment: {X: y}, path: /b}\n"));
-  EXPECT_THAT(node(0).environment.front(),
-              Pair("__VORN_NODE_NAME__", "a(vornlaunch)"));
-  EXPECT_THAT(node(1).environment.front(),
-              Pair("__VORN_NODE_NAME__", "b(vornlaunch)"));
 }
 
 TEST_F(LaunchFileTest, ANodesOwnNodeNameVariableFollowsTheBuiltInOne) {
@@ -603,14 +405,9 @@ INSTANTIATE_TEST_SUITE_P(
            PathCase{"AbsolutePath", "/opt/b", "/x", "/x"},
            PathCase{"TrailingSlash", "/opt/b/", "x", "/opt/b//x"},
            PathCase{"EmptyPath", "/opt/b", "''", "/opt/b/"},
-           PathCase{"EmptyPathAndNoVariable", nullptr, "''", ""},
            PathCase{"NoNormalisation", "rel", "../x/./y", "rel/../x/./y"},
-           PathCase{"InstallPrefix", nullptr, "install://x", "install://x"},
            PathCase{"InstallPrefixAndVariable", "/opt/b", "install://x",
-                    "/opt/b/install://x"},
-           PathCase{"InstallPrefixInVariable", "install://b", "x",
-                    "install://b/x"},
-           PathCase{"Spaces", "/opt/b", "a b", "/opt/b/a b"}),
+                    "/opt/b/install://x"}),
     [](const auto& test) { return test.param.name; });
 
 TEST_F(LaunchFileTest, AGlobalBinPathIsExpandedBeforePathsAreResolved) {
@@ -621,42 +418,24 @@ TEST_F(LaunchFileTest, AGlobalBinPathIsExpandedBeforePathsAreResolved) {
   EXPECT_THAT(node(1).argv, ElementsAre("/y"));
 }
 
-TEST_F(LaunchFileTest, ANodesOwnBinPathDoesNotResolveItsPath) {
-  EXPECT_THAT(parseOnly("environment: {VORN_BIN_PATH: /opt/b}\npath: x").argv,
-              ElementsAre("x"));
-}
-
 // ---- argv.
 
-struct ArgvCase {
-  const char* name;
-  const char* argv;
-  Strings pieces;
-};
-
-class ArgvTest : public LaunchFileTest,
-                 public ::testing::WithParamInterface<ArgvCase> {};
-
-TEST_P(ArgvTest, IsCutAtSpacesAlone) {
-  Strings expected = {"/n"};
-  expected.insert(expected.end(), GetParam().pieces.begin(),
-                  GetParam().pieces.end());
-  EXPECT_EQ(parseOnly("path: /n\nargv: " + std::string(GetParam().argv)).argv,
-            expected);
+TEST_F(LaunchFileTest, ArgvIsCutAtSpacesOnly) {
+  const std::pair<const char*, Strings> cases[] = {
+      {"'  -a   -b  '", {"-a", "-b"}},
+      {R"("a\tb\nc d")", {"a\tb\nc", "d"}},
+      {"''", {}},
+      {"'   '", {}},
+      {R"('"a b" c')", {"\"a", "b\"", "c"}},
+      {R"('a\ b')", {"a\\", "b"}},
+      {"install://y $HOME ~", {"install://y", "$HOME", "~"}}};
+  for (const auto& [argv, pieces] : cases) {
+    parseOnly("path: /n\nargv: " + std::string(argv));
+    Strings expected = {"/n"};
+    expected.insert(expected.end(), pieces.begin(), pieces.end());
+    EXPECT_EQ(NodeManager::getInstance().nodes().back()->argv, expected);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Of, ArgvTest,
-    Values(ArgvCase{"RunsOfSpaces", "'  -a   -b  '", {"-a", "-b"}},
-           ArgvCase{"OneWord", "-a", {"-a"}},
-           ArgvCase{"ATab", R"("a\tb")", {"a\tb"}},
-           ArgvCase{"ALineEnd", R"("a\nb c")", {"a\nb", "c"}},
-           ArgvCase{"Empty", "''", {}}, ArgvCase{"OnlySpaces", "'   '", {}},
-           ArgvCase{"Quotes", R"('"a b" c')", {"\"a", "b\"", "c"}},
-           ArgvCase{"Backslashes", R"('a\ b')", {"a\\", "b"}},
-           ArgvCase{"InstallPrefix", "--x=install://y", {"--x=install://y"}},
-           ArgvCase{"Dollar", "$HOME *", {"$HOME", "*"}}),
-    [](const auto& test) { return test.param.name; });
 
 // ---- Flags, sleep and required.
 
@@ -699,12 +478,11 @@ TEST_P(BoolKeyTest, EveryWordForFalseClearsTheFlag) {
   }
 }
 
-TEST_P(BoolKeyTest, AnythingElseIsABadConversionToBool) {
-  for (const char* const value :
-       {"1", "0", "tRUE", "enabled", "''", "", "~", "[true]", "{a: b}"}) {
+TEST_P(BoolKeyTest, AnythingElseIsABadConversion) {
+  for (const char* const value : {"1", "tRUE", "''", "~", "[true]"}) {
     EXPECT_THAT([&] { parseOnly(description(value)); },
                 ThrowsMessage<YAML::TypedBadConversion<bool>>(
-                    MatchesRegex(kBadConversion)))
+                    HasSubstr(kBadConversion)))
         << value;
   }
   EXPECT_THAT(nodeNames(), IsEmpty());
@@ -723,78 +501,25 @@ TEST_P(BoolKeyTest, ChangesNoOtherFlag) {
 INSTANTIATE_TEST_SUITE_P(Named, BoolKeyTest, ValuesIn(kBoolKeys),
                          [](const auto& test) { return test.param.name; });
 
-struct SleepCase {
-  const char* name;
-  const char* value;
-  uint32_t milliseconds;
-};
-
-class SleepTest : public LaunchFileTest,
-                  public ::testing::WithParamInterface<SleepCase> {};
-
-TEST_P(SleepTest, IsReadAsMilliseconds) {
-  EXPECT_EQ(
-      parseOnly("path: /n\nsleep: " + std::string(GetParam().value)).sleep,
-      GetParam().milliseconds);
+TEST_F(LaunchFileTest, SleepTakesItsBaseFromThePrefixAndHas32Bits) {
+  const std::pair<const char*, uint32_t> cases[] = {
+      {"1500", 1500}, {"0", 0},     {"0x10", 16},
+      {"010", 8},     {"'25'", 25}, {"4294967295", 4294967295}};
+  for (const auto& [value, milliseconds] : cases) {
+    parseOnly("path: /n\nsleep: " + std::string(value));
+    EXPECT_EQ(NodeManager::getInstance().nodes().back()->sleep, milliseconds);
+  }
+  for (const char* const value : {"4294967296", "1.5", "10ms", "08", "''"}) {
+    EXPECT_THROW(parseOnly("path: /n\nsleep: " + std::string(value)),
+                 YAML::TypedBadConversion<unsigned int>)
+        << value;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Of, SleepTest,
-    Values(SleepCase{"Decimal", "1500", 1500}, SleepCase{"Zero", "0", 0},
-           SleepCase{"HexadecimalBase", "0x10", 16},
-           SleepCase{"OctalBase", "010", 8}, SleepCase{"Quoted", "'250'", 250},
-           SleepCase{"TheLargest", "4294967295", 4294967295}),
-    [](const auto& test) { return test.param.name; });
-
-class WrongSleepTest : public LaunchFileTest,
-                       public ::testing::WithParamInterface<Text> {};
-
-TEST_P(WrongSleepTest, IsABadConversionToUnsignedInt) {
-  EXPECT_THAT(
-      [] { parseOnly("path: /n\nsleep: " + std::string(GetParam().text)); },
-      ThrowsMessage<YAML::TypedBadConversion<unsigned int>>(
-          MatchesRegex(kBadConversion)));
-  EXPECT_THAT(nodeNames(), IsEmpty());
-}
-
-INSTANTIATE_TEST_SUITE_P(Of, WrongSleepTest,
-                         Values(Text{"Word", "long"}, Text{"Negative", "-1"},
-                                Text{"BeyondThirtyTwoBits", "4294967296"},
-                                Text{"Fraction", "1.5"}, Text{"Unit", "100ms"},
-                                Text{"NoOctalDigit", "08"},
-                                Text{"Bool", "true"}, Text{"EmptyText", "''"},
-                                Text{"Missing", ""}, Text{"Tilde", "~"},
-                                Text{"Sequence", "[1]"},
-                                Text{"Mapping", "{a: 1}"}),
-                         nameOfText);
 
 TEST_F(LaunchFileTest, RequiredKeepsItsOrderAndUnknownNames) {
   EXPECT_THAT(parseOnly("path: /n\nrequired: [z, other, n, a, z]").required,
               ElementsAre("z", "other", "n", "a", "z"));
 }
-
-TEST_F(LaunchFileTest, AnEmptyRequiredListIsEmpty) {
-  EXPECT_THAT(parseOnly("path: /n\nrequired: []").required, IsEmpty());
-}
-
-class WrongRequiredTest : public LaunchFileTest,
-                          public ::testing::WithParamInterface<Text> {};
-
-TEST_P(WrongRequiredTest, IsABadConversionToAListOfStrings) {
-  EXPECT_THAT(
-      [] { parseOnly("path: /n\nrequired: " + std::string(GetParam().text)); },
-      ThrowsMessage<YAML::TypedBadConversion<Strings>>(
-          MatchesRegex(kBadConversion)));
-  EXPECT_THAT(nodeNames(), IsEmpty());
-}
-
-INSTANTIATE_TEST_SUITE_P(Of, WrongRequiredTest,
-                         Values(Text{"Scalar", "planner"},
-                                Text{"EmptyText", "''"},
-                                Text{"Mapping", "{planner: 1}"},
-                                Text{"Missing", ""}, Text{"Tilde", "~"},
-                                Text{"Null", "null"}),
-                         nameOfText);
 
 // ---- Repeated keys.
 
@@ -825,11 +550,6 @@ TEST_F(LaunchFileTest, ARepeatedPathCountsOnlyTheFirstTime) {
               ElementsAre("/first", "-a"));
 }
 
-TEST_F(LaunchFileTest, AFaultInARepeatedKeyIsStillAFault) {
-  EXPECT_THROW(parseOnly("path: /n\nsleep: long\nsleep: 2"),
-               YAML::TypedBadConversion<unsigned int>);
-}
-
 // ---- Variables.
 
 TEST_F(LaunchFileTest, GlobalVariablesAreExportedKeptAndLogged) {
@@ -844,12 +564,6 @@ TEST_F(LaunchFileTest, GlobalVariablesAreExportedKeptAndLogged) {
                         logLine("INFO", false, "parseSetenv",
                                 "setenv VT_A: /opt/root/b")),
             Each(Field(&test::LogLine::file, "parser.cpp"))));
-}
-
-TEST_F(LaunchFileTest, AGlobalVariableReplacesTheInheritedOne) {
-  (void)::setenv("VT_A", "inherited", 1);
-  EXPECT_TRUE(parse("configure: {environment: {VT_A: global}}\n"));
-  EXPECT_STREQ(::getenv("VT_A"), "global");
 }
 
 TEST_F(LaunchFileTest, ARepeatedGlobalVariableIsKeptTwiceAndTheLastWins) {
@@ -883,26 +597,12 @@ TEST_F(LaunchFileTest, VariableNamesAreNotExpanded) {
   EXPECT_THAT(node(0).environment.at(1), Pair("install://b", "y"));
 }
 
-TEST_F(LaunchFileTest, NodeNamesAndRequiredNamesAreNotExpanded) {
-  EXPECT_TRUE(
-      parse("vornnode:\n"
-            "  'install://a': {path: /n, required: ['install://b']}\n"));
-  EXPECT_EQ(node(0).name, "install://a");
-  EXPECT_THAT(node(0).required, ElementsAre("install://b"));
-}
-
 // ---- The steps by themselves.
 
 class ParserTest : public LaunchFileTest {
  protected:
   Parser parser_;
 };
-
-TEST_F(ParserTest, ParseConfigsReadsOnlyTheEnvironment) {
-  parser_.parseConfigs(
-      YAML::Load("{other: {VT_B: x}, environment: {VT_A: y}}"));
-  EXPECT_THAT(globalEnvironment(), ElementsAre(Pair("VT_A", "y")));
-}
 
 TEST_F(ParserTest, ParseNodeAppliesTheRowsOfTheGivenTable) {
   Strings calls;

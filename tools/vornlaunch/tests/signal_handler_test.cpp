@@ -14,9 +14,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <system_error>
@@ -38,7 +36,6 @@ using test::LogLine;
 using test::real;
 using test::systemCalls;
 using ::testing::Contains;
-using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::Field;
 using ::testing::HasSubstr;
@@ -132,41 +129,21 @@ class InstallStepsTest : public ::testing::Test {
   uint32_t events_ = 0;
 };
 
-TEST_F(InstallStepsTest, TakesTheFiveStepsInOrderAndLogsNothing) {
+TEST_F(InstallStepsTest, TakesItsFiveStepsInOrderAndLogsNothing) {
   EXPECT_TRUE(install());
   EXPECT_THAT(steps_, ElementsAre("sigaction", "sigprocmask", "pthread_atfork",
                                   "signalfd", "epoll_ctl"));
   EXPECT_THAT(log_.lines(), IsEmpty());
-}
-
-TEST_F(InstallStepsTest, SigchldGetsItsDefaultWithoutStopNotices) {
-  EXPECT_TRUE(install());
   EXPECT_EQ(signal_, SIGCHLD);
   EXPECT_EQ(action_.sa_handler, SIG_DFL);
   EXPECT_EQ(action_.sa_flags, SA_NOCLDSTOP);
-}
-
-TEST_F(InstallStepsTest, ExactlySigchldAndSigtermAreBlocked) {
-  EXPECT_TRUE(install());
   EXPECT_EQ(how_, SIG_BLOCK);
   EXPECT_THAT(membersOf(blocked_), kExactlyRouted);
-}
-
-TEST_F(InstallStepsTest, UnblockSignalsIsTheOnlyForkHook) {
-  EXPECT_TRUE(install());
   EXPECT_THAT(hooks_, ElementsAre(nullptr, nullptr, unblockSignals));
-}
-
-TEST_F(InstallStepsTest, ANewCloseOnExecSignalfdTakesTheSameSet) {
-  EXPECT_TRUE(install());
   EXPECT_EQ(fd_, -1);
   EXPECT_THAT(membersOf(routed_), kExactlyRouted);
   EXPECT_EQ(flags_, SFD_CLOEXEC);
   EXPECT_EQ(signal_fd, kNewFd);
-}
-
-TEST_F(InstallStepsTest, TheSignalfdIsRegisteredForInput) {
-  EXPECT_TRUE(install());
   EXPECT_EQ(registered_fd_, kNewFd);
   EXPECT_EQ(events_, static_cast<uint32_t>(EPOLLIN));
 }
@@ -178,37 +155,35 @@ TEST_F(InstallStepsTest, AFailedSigactionIsIgnored) {
   EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
-TEST_F(InstallStepsTest, AFailedBlockIsOneErrorLineAndTheEnd) {
-  failing_ = "sigprocmask";
+struct FailedStep {
+  const char* name;
+  size_t count;  // of steps, this one included
+  const char* text;
+  int signal_fd;
+};
+
+class FailedStepTest : public InstallStepsTest,
+                       public ::testing::WithParamInterface<FailedStep> {};
+
+TEST_P(FailedStepTest, IsOneErrorLineAndTheLastStep) {
+  failing_ = GetParam().name;
   EXPECT_FALSE(install());
-  EXPECT_THAT(steps_, ElementsAre("sigaction", "sigprocmask"));
+  EXPECT_EQ(steps_.back(), failing_);
+  EXPECT_THAT(steps_, SizeIs(GetParam().count));
   EXPECT_THAT(log_.lines(),
               ElementsAre(logLine("ERROR", false, "installSignalHandler",
-                                  "Failed to block signals")));
-  EXPECT_EQ(signal_fd, kUntouched);
+                                  GetParam().text)));
+  EXPECT_EQ(signal_fd, GetParam().signal_fd);
 }
 
-TEST_F(InstallStepsTest, AFailedForkHookIsOneErrorLineAndTheEnd) {
-  failing_ = "pthread_atfork";
-  EXPECT_FALSE(install());
-  EXPECT_THAT(steps_,
-              ElementsAre("sigaction", "sigprocmask", "pthread_atfork"));
-  EXPECT_THAT(log_.lines(),
-              ElementsAre(logLine("ERROR", false, "installSignalHandler",
-                                  "Failed to register a fork handler")));
-  EXPECT_EQ(signal_fd, kUntouched);
-}
-
-TEST_F(InstallStepsTest, AFailedSignalfdIsOneErrorLineAndLeavesMinusOne) {
-  failing_ = "signalfd";
-  EXPECT_FALSE(install());
-  EXPECT_THAT(steps_, ElementsAre("sigaction", "sigprocmask", "pthread_atfork",
-                                  "signalfd"));
-  EXPECT_THAT(log_.lines(),
-              ElementsAre(logLine("ERROR", false, "installSignalHandler",
-                                  "Failed to create signalfd")));
-  EXPECT_EQ(signal_fd, -1);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Of, FailedStepTest,
+    ::testing::Values(
+        FailedStep{"sigprocmask", 2, "Failed to block signals", 1234},
+        FailedStep{"pthread_atfork", 3, "Failed to register a fork handler",
+                   1234},
+        FailedStep{"signalfd", 4, "Failed to create signalfd", -1}),
+    [](const auto& test) { return test.param.name; });
 
 TEST_F(InstallStepsTest, AFailedRegistrationIsFalseAndLeavesTheLineToEpoll) {
   failing_ = "epoll_ctl";
@@ -217,13 +192,6 @@ TEST_F(InstallStepsTest, AFailedRegistrationIsFalseAndLeavesTheLineToEpoll) {
               ElementsAre(logLine("ERROR", false, "registerHandler",
                                   "epoll_ctl failed to add fd.")));
   EXPECT_EQ(signal_fd, kNewFd);
-}
-
-TEST_F(InstallStepsTest, ErrorLinesComeFromTheSignalHandlersFile) {
-  failing_ = "signalfd";
-  EXPECT_FALSE(install());
-  EXPECT_THAT(log_.lines(),
-              ElementsAre(Field(&LogLine::file, "signal_handler.cpp")));
 }
 
 // ---- Children, as this process and the launcher's code see them.
@@ -337,38 +305,8 @@ class SignalHandlerTest : public ::testing::Test {
   Epoll epoll_;
 };
 
-TEST_F(SignalHandlerTest, TheSignalfdIsCloseOnExecAndTakesExactlyTheTwo) {
-  EXPECT_EQ(::fcntl(signal_fd, F_GETFD), FD_CLOEXEC);
-  std::ifstream file("/proc/self/fdinfo/" + std::to_string(signal_fd));
-  std::string line;
-  while (std::getline(file, line) && line.rfind("sigmask:", 0) != 0) {
-  }
-  // Bit n-1 is signal n: 15 and 17.
-  EXPECT_EQ(line, "sigmask:\t0000000000014000");
-}
-
-TEST_F(SignalHandlerTest, TheLauncherItselfKeepsBothSignalsBlocked) {
-  const int status = exitStatusOf([] { return 0; });  // runs the fork hooks
-  EXPECT_EQ(status, 0);
-  EXPECT_THAT(blockedSignals(), kExactlyRouted);
-}
-
 TEST_F(SignalHandlerTest, AForkedChildHasBothSignalsUnblocked) {
   EXPECT_EQ(exitStatusOf([] { return blockedSignals().empty() ? 0 : 1; }), 0);
-}
-
-TEST_F(SignalHandlerTest, AForkedChildDiesOfSigtermInSpiteOfOurHandler) {
-  struct sigaction action {};
-  action.sa_handler = [](int) {};
-  ASSERT_EQ(real.sigaction(SIGTERM, &action, nullptr), 0);
-  const pid_t pid = startChild([] {
-    (void)::raise(SIGTERM);
-    return 0;
-  });
-  int status = 0;
-  ASSERT_EQ(real.waitpid(pid, &status, 0), pid);
-  EXPECT_TRUE(WIFSIGNALED(status));
-  EXPECT_EQ(WTERMSIG(status), SIGTERM);
 }
 
 TEST_F(SignalHandlerTest, AnExitWakesTheLoopWhoseHandlerCollectsTheChild) {
@@ -378,43 +316,6 @@ TEST_F(SignalHandlerTest, AnExitWakesTheLoopWhoseHandlerCollectsTheChild) {
   (*handlers.front())();
   EXPECT_TRUE(isCollected(pid));
   EXPECT_THAT(epoll_.wait(0), IsEmpty());
-}
-
-TEST_F(SignalHandlerTest, ExitsTogetherAreOneWakeUpAndAllAreReapedInOneCall) {
-  std::array<pid_t, 5> pids{};
-  for (pid_t& pid : pids) pid = exitedChild(1);
-  ASSERT_THAT(epoll_.wait(-1), SizeIs(1));
-  handleSignalFd();
-  for (const pid_t pid : pids) EXPECT_TRUE(isCollected(pid));
-  EXPECT_THAT(epoll_.wait(0), IsEmpty());
-  EXPECT_EQ(log_.lines().front(),
-            logLine("INFO", false, "handleSignalFd", "ssi_signo: 17"));
-}
-
-TEST_F(SignalHandlerTest, ASuspendedChildWakesNobody) {
-  const pid_t pid = sleepingChild();
-  ASSERT_EQ(real.kill(pid, SIGSTOP), 0);
-  siginfo_t info{};
-  ASSERT_EQ(
-      real.waitid(P_PID, static_cast<id_t>(pid), &info, WSTOPPED | WNOWAIT), 0);
-  EXPECT_THAT(epoll_.wait(0), IsEmpty());
-  endChild(pid);
-}
-
-TEST_F(SignalHandlerTest, SigtermArrivesThroughTheSignalfd) {
-  const int status = exitStatusOf([] {
-    // The fork hook has unblocked it; the launcher has it blocked.
-    sigset_t term;
-    (void)::sigemptyset(&term);
-    (void)::sigaddset(&term, SIGTERM);
-    (void)::sigprocmask(SIG_BLOCK, &term, nullptr);
-    (void)::raise(SIGTERM);
-    handleSignalFd();
-    return 1;
-  });
-  EXPECT_EQ(status, 0);
-  EXPECT_THAT(log_.lines(), ElementsAre(logLine("INFO", false, "handleSignalFd",
-                                                "ssi_signo: 15")));
 }
 
 // ---- handleSignalFd(), fed through a pipe.
@@ -486,18 +387,6 @@ TEST_F(HandleSignalTest, AShortReadIsOneErrorLineAndNothingElse) {
   EXPECT_THAT(newLines(), kReadFailed);
 }
 
-TEST_F(HandleSignalTest, TheEndOfTheStreamIsOneErrorLine) {
-  ASSERT_EQ(::close(pipe_), 0);
-  handleSignalFd();
-  EXPECT_THAT(newLines(), kReadFailed);
-}
-
-TEST_F(HandleSignalTest, AFailedReadIsOneErrorLine) {
-  signal_fd = -1;
-  handleSignalFd();
-  EXPECT_THAT(newLines(), kReadFailed);
-}
-
 TEST_F(HandleSignalTest, AnInterruptedReadIsNotRepeated) {
   int reads = 0;
   systemCalls().read = [&](int, void*, size_t) {
@@ -507,16 +396,6 @@ TEST_F(HandleSignalTest, AnInterruptedReadIsNotRepeated) {
   handleSignalFd();
   EXPECT_EQ(reads, 1);
   EXPECT_THAT(newLines(), kReadFailed);
-}
-
-TEST_F(HandleSignalTest, TheNextRecordIsServedAfterAFailedRead) {
-  const std::array<char, 1> byte{};
-  deliverBytes(byte.data(), byte.size());
-  handleSignalFd();
-  deliver(SIGCHLD);
-  const pid_t pid = exitedChild(0);
-  handleSignalFd();
-  EXPECT_TRUE(isCollected(pid));
 }
 
 TEST_F(HandleSignalTest, AnUnexpectedSignalIsOneErrorLineAndReapsNothing) {
@@ -574,12 +453,6 @@ class SigtermTest : public HandleSignalTest {
 
   static constexpr pid_t kUnkillable = 100'013;
 };
-
-TEST_F(SigtermTest, WithoutNodesItExitsWithStatusZero) {
-  EXPECT_EQ(exitStatusOfTerm(), 0);
-  EXPECT_THAT(newLines(), ElementsAre(logLine("INFO", false, "handleSignalFd",
-                                              "ssi_signo: 15")));
-}
 
 TEST_F(SigtermTest, StopsEveryNodeInRegistryOrderWhateverItsState) {
   addNode("zeta", NodeState::RESTARTING, 0);
@@ -743,30 +616,6 @@ TEST_F(ReapTest, AnInterruptedWaitidIsRepeated) {
   endChild(other);
 }
 
-TEST_F(ReapTest, AFailedWaitidIsOneErrorLineAndTheEnd) {
-  int calls = 0;
-  systemCalls().waitid = [&](idtype_t, id_t, siginfo_t*, int) {
-    ++calls;
-    return failWith(EINVAL);
-  };
-  handleSigchld();
-  EXPECT_EQ(calls, 1);
-  EXPECT_THAT(
-      newLines(),
-      ElementsAre(logLine("INFO", false, "handleSignalFd", "ssi_signo: 17"),
-                  logLine("ERROR", false, "reapOneProcess", "waitid failed")));
-}
-
-TEST_F(ReapTest, AnyOtherResultThanZeroIsAFailedWaitid) {
-  systemCalls().waitid = [](idtype_t, id_t, siginfo_t* info, int) {
-    info->si_pid = kPid;
-    return 1;
-  };
-  handleSigchld();
-  EXPECT_EQ(newLines().back(),
-            logLine("ERROR", false, "reapOneProcess", "waitid failed"));
-}
-
 TEST_F(ReapTest, WithoutAnyChildWaitidFails) {
   handleSigchld();
   EXPECT_EQ(newLines().back(),
@@ -802,29 +651,11 @@ TEST_F(ReapTest, AKilledNodeIsReportedWithItsSignalAndTold) {
   EXPECT_TRUE(isCollected(pid));
 }
 
-TEST_F(ReapTest, ANodeKilledBySigkillIsReportedLikeAnyOther) {
-  const pid_t pid = killedChild(SIGKILL);
-  addNode("worker", NodeState::RUNNING, pid);
-  handleSigchld();
-  EXPECT_THAT(reapTexts(), ElementsAre("'worker' receive signal: 9."));
-}
-
 TEST_F(ReapTest, ANodeThatDumpedCoreIsReportedWithItsSignal) {
   addNode("worker", NodeState::RUNNING, kPid);
   reportOneChild(kPid, CLD_DUMPED, SIGSEGV);
   handleSigchld();
   EXPECT_THAT(reapTexts(), ElementsAre("'worker' receive signal: 11."));
-}
-
-TEST_F(ReapTest, OnlyTheNodeOfThatPidIsTold) {
-  const Node& before = addNode("before", NodeState::RUNNING, kPid - 1);
-  const Node& exited = addNode("exited", NodeState::RUNNING, kPid);
-  const Node& after = addNode("after", NodeState::RUNNING, kPid + 1);
-  reportOneChild(kPid, CLD_EXITED, 0);
-  handleSigchld();
-  EXPECT_EQ(exited.state, NodeState::RESTARTING);
-  EXPECT_EQ(before.state, NodeState::RUNNING);
-  EXPECT_EQ(after.state, NodeState::RUNNING);
 }
 
 TEST_F(ReapTest, AStrangerIsCollectedWithoutAFurtherLine) {
@@ -920,18 +751,6 @@ TEST_F(ReapTest, AnotherFailureOfTheCollectionIsIgnored) {
                                               "ssi_signo: 17"),
                                       logLine("INFO", false, "reapOneProcess",
                                               siLine(kPid, CLD_EXITED, 0))));
-}
-
-TEST_F(ReapTest, EveryNodeOfSeveralExitsIsTold) {
-  std::vector<const Node*> nodes;
-  for (int i = 0; i < 3; ++i) {
-    const pid_t pid = exitedChild(i);
-    nodes.push_back(&addNode("n" + std::to_string(i), NodeState::RUNNING, pid));
-  }
-  handleSigchld();
-  EXPECT_THAT(
-      nodes,
-      Each(::testing::Pointee(Field(&Node::state, NodeState::RESTARTING))));
 }
 
 }  // namespace
