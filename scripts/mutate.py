@@ -239,10 +239,10 @@ class File:
         return exempt
 
     def _lines(self, start, end):
-        """The source lines from `start` to `end`, as one."""
+        """The source lines from `start` to `end`, as one, without comments."""
         begin = self.text.rfind("\n", 0, start) + 1
         stop = self.text.find("\n", max(start, end - 1))
-        return " ".join(self.text[begin:stop].split())
+        return " ".join(re.sub(r" +//.*", "", self.text[begin:stop]).split())
 
     def _add(self, what, fault, start, end, replacement):
         line = self.text.count("\n", 0, start) + 1
