@@ -1,5 +1,5 @@
-// Benchmarks of the launcher's pieces. Their log lines go to standard error,
-// which is to be a file or /dev/null.
+// Benchmarks of single functions of the launcher. Their log lines go to
+// standard error; redirect it to a file or /dev/null.
 
 #include <benchmark/benchmark.h>
 #include <unistd.h>

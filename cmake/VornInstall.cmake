@@ -1,4 +1,4 @@
-# How a library of this project is installed for other projects.
+# Installs a library of this project for other projects.
 
 include(CMakePackageConfigHelpers)
 

@@ -1,8 +1,8 @@
 # Finds out whether the launcher can be linked without shared libraries. Defines
-# the target vorn_static_yaml_cpp, or sets VORN_STATIC_PROBLEM to what is missing.
+# the target vorn_static_yaml_cpp, or sets VORN_STATIC_PROBLEM to the missing part.
 
 # vorn_find_static_yaml_cpp(): the archive of the yaml-cpp that find_package()
-# has found, which may be installed in a prefix of its own.
+# has found, which may be installed in a separate prefix.
 function(vorn_find_static_yaml_cpp)
   get_target_property(type yaml-cpp::yaml-cpp TYPE)
   get_target_property(configurations yaml-cpp::yaml-cpp IMPORTED_CONFIGURATIONS)

@@ -1,4 +1,4 @@
-# How every target of this project is compiled.
+# The compilation of every target of this project.
 
 include(CheckCXXCompilerFlag)
 set(CMAKE_REQUIRED_FLAGS -Werror)  # Clang only warns about unknown options
@@ -65,8 +65,8 @@ endfunction()
 
 # vorn_add_tests(name LIBRARIES lib... [SOURCES file...] [WRAP symbol...])
 #
-# One test program of all *_test.cpp in the current directory, so that none can be
-# forgotten, and the SOURCES. CTest runs each test in a process of its own, because
+# Builds one test program from all *_test.cpp in the current directory, so that no
+# file is forgotten, and the SOURCES. CTest runs each test in a process of its own, because
 # the singletons live as long as the process. WRAP names the system calls that the
 # tests replace at link time.
 function(vorn_add_tests name)
@@ -79,7 +79,7 @@ function(vorn_add_tests name)
   vorn_compile_options(${name})
   target_link_libraries(${name} PRIVATE
     ${ARG_LIBRARIES} GTest::gmock GTest::gtest_main)
-  # What is tested is built as it is shipped; the tests need not be fast.
+  # The tested code is built as shipped; the tests do not have to be fast.
   target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
   foreach(symbol IN LISTS ARG_WRAP)
     target_link_options(${name} PRIVATE LINKER:--wrap=${symbol})

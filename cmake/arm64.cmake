@@ -1,5 +1,5 @@
-# Builds for arm64 on a machine of another kind, with Debian's compiler and
-# libraries, and runs what was built by the emulator. docs/arm64.md tells more.
+# Builds for arm64 on another architecture with Debian's compiler and libraries, and
+# runs the programs in an emulator. docs/arm64.md describes it.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
@@ -16,7 +16,7 @@ set(CMAKE_EXE_LINKER_FLAGS_INIT -L/usr/lib/aarch64-linux-gnu)
 list(PREPEND CMAKE_PREFIX_PATH
   ${CMAKE_CURRENT_LIST_DIR}/../build-arm64/debian/usr)
 
-# No library of the building machine, whatever that is.
+# No library of the building machine.
 set(ENV{PKG_CONFIG_LIBDIR}
   /usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig)
 set(CMAKE_IGNORE_PATH /usr/lib/x86_64-linux-gnu /lib/x86_64-linux-gnu)

@@ -18,7 +18,7 @@ COMMANDS = ("start", "stop", "restart", "status", "disable", "enable")
 STATES = ("stopped", "running", "restarting", "disabled")
 REQUEST = struct.Struct("=I128s")  # command, name ending with a NUL
 REPLY = struct.Struct("=i4xiiq")  # result, pid, state, seconds since 1970
-PATIENCE = 300  # seconds; a stop alone may take more than ten
+PATIENCE = 300  # seconds; a stop can take more than ten
 
 
 def exchange(request):
@@ -30,7 +30,7 @@ def exchange(request):
         client.connect(SOCKET)
         client.send(request)
         reply = b""
-        # Never until the end of the stream: a started node keeps it open.
+        # Not until the end of the stream: a started node keeps it open.
         while len(reply) < REPLY.size:
             piece = client.recv(REPLY.size - len(reply))
             if not piece:

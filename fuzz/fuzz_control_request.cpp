@@ -1,5 +1,5 @@
 // Requests of any length and content through ControlNode::controlHandler() to
-// nodes whose processes are faked: nothing is started, signalled or waited for.
+// nodes with fake processes: nothing is started, signalled or awaited.
 //
 // Input, for each connection: a byte of faults, the request's length (a byte),
 // and the request.
@@ -33,8 +33,8 @@
 
 namespace vorn::fuzz {
 
-// The linker leads the call of std::filesystem::create_directories() here: the
-// control directory is the one that a launcher on this machine may use.
+// The linker redirects the call of std::filesystem::create_directories() here,
+// because a launcher on this machine can use the control directory.
 bool wrappedCreateDirectories(const std::filesystem::path& path) __asm__(
     "__wrap__ZNSt10filesystem18create_directoriesERKNS_7__cxx114pathE");
 bool wrappedCreateDirectories(const std::filesystem::path& /*path*/) {
@@ -76,7 +76,7 @@ Node& addNode(const std::string& name) {
   return added;
 }
 
-/// One node of each kind. `required` is without a cycle.
+/// One node of each kind. `required` has no cycle.
 void addNodes() {
   (void)addNode("plain");
   addNode("oneshot").oneshot = true;
@@ -92,7 +92,7 @@ void addNodes() {
 
 ControlNode& control() {
   static ControlNode& instance = []() -> ControlNode& {
-    // The socket is nowhere bound; connections come from accept() below.
+    // The socket is not bound; accept() below returns the connections.
     systemCalls().unlink = [](const char*) { return 0; };
     systemCalls().bind = [](int, const sockaddr*, socklen_t) { return 0; };
     systemCalls().chmod = [](const char*, mode_t) { return 0; };
@@ -177,7 +177,7 @@ class FakedConnection {
   int closed_ = 0;
 };
 
-/// What `command` on `node` may leave behind.
+/// Checks the effect of `command` on `node`.
 void checkEffect(Cmd command, Result result, const Node& node) {
   const bool is_success = result == Result::SUCCESS;
   switch (command) {

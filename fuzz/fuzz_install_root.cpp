@@ -1,5 +1,5 @@
-// The expansion of "install://" in a text of any content, under the root that
-// a VORN_ROOT of any content, or an executable anywhere, gives.
+// The expansion of "install://" in any text, with the root of any VORN_ROOT or
+// of an executable in any place.
 //
 // Input: the text, NUL, VORN_ROOT, NUL, the executable's path.
 
@@ -17,7 +17,7 @@
 
 namespace {
 
-std::string installed_root;  // what root() gives
+std::string installed_root;  // the result of root()
 size_t asked_for_root = 0;   // how often, in one expansion
 size_t most_replacements = 0;
 
@@ -25,8 +25,8 @@ size_t most_replacements = 0;
 
 namespace vorn::fuzz {
 
-// The linker leads the calls of path::root() here; its own answer is settled
-// once per process.
+// The linker redirects the calls of path::root() here, because the original
+// determines the root only once per process.
 const std::string& wrappedRoot() __asm__("__wrap__ZN4vorn4path4rootB5cxx11Ev");
 const std::string& wrappedRoot() {
   check(++asked_for_root <= most_replacements, "the expansion comes to an end");
@@ -68,7 +68,7 @@ std::string rootFor(const std::string& chosen, const std::string& executable) {
   return root;
 }
 
-/// As the kernel tells it: absolute, without empty components.
+/// As the kernel reports it: absolute, without empty components.
 std::string asExecutablePath(const std::string& text) {
   std::string path;
   for (const char c : '/' + text) {

@@ -1,6 +1,6 @@
 // A launch file of any content through Parser::Parse() into nodes and global
-// settings. Correct is: either an exception of yaml-cpp's, or what the file
-// says in a form that a start can use.
+// settings. The correct result is an exception of yaml-cpp, or the contents of
+// the file in a form that a start can use.
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -35,7 +35,7 @@ bool isRefusedName(const std::string& name) {
 
 }  // namespace
 
-// The linker leads the calls here; the names are its own.
+// The linker redirects the calls here, and defines the names.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl*)
 extern "C" {
 
@@ -91,7 +91,7 @@ void checkExpanded(const Environment& environment) {
   }
 }
 
-/// What the C library sees of `text`.
+/// The part of `text` that the C library sees.
 std::string untilNul(const std::string& text) {
   return text.substr(0, text.find('\0'));
 }
@@ -148,7 +148,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   try {
     fuzz::check(launch::Parser().Parse(kFile.path()), "the file was opened");
   } catch (const YAML::Exception&) {
-    // A wrong file; what was read before the fault is as good as any.
+    // An invalid file; the part before the error is arbitrary.
   }
   fuzz::checkGlobal(launch::Config::getInstance().environment);
   const auto& nodes = launch::NodeManager::getInstance().nodes();

@@ -1,11 +1,12 @@
 // Log calls with values of any content and length, and a standard error that
-// takes them in pieces or not at all. Correct is: each call is one line,
-// exactly as documented, and a line that standard error took whole is there
-// whole.
+// accepts them in pieces or not at all. The correct result: each call is one
+// line, exactly as documented, and a line that standard error accepted as a
+// whole is whole.
 //
 // Input: the time (seconds and nanoseconds, 4 bytes each), then for each call a
 // byte that chooses its level, flag and format, the line number (4 bytes), and
-// four texts, each up to a NUL: file, function, value, and what the writes do.
+// four texts, each up to a NUL: file, function, value, and the plan of the
+// writes.
 
 #include <unistd.h>
 
@@ -44,7 +45,7 @@ struct Call {
   std::string writes;
 };
 
-/// As a compiler gives the name of a file or a function.
+/// A name of a file or a function as a compiler produces it.
 std::string withoutControlCharacters(std::string text) {
   std::replace_if(text.begin(), text.end(), isControlCharacter, '_');
   return text;
@@ -142,7 +143,7 @@ std::string lineOf(const Call& call, const timespec& time) {
          escaped(formatted(call)) + '\n';
 }
 
-/// A standard error that takes what the plan of its writes says.
+/// A standard error that accepts data by a plan of its writes.
 class StandardError {
  public:
   StandardError() {
@@ -156,7 +157,7 @@ class StandardError {
   StandardError(const StandardError&) = delete;
   StandardError& operator=(const StandardError&) = delete;
 
-  /// Begins a call, whose writes do what `plan` says.
+  /// Begins a call, whose writes follow `plan`.
   void begin(const std::string& plan) {
     plan_ = plan;
     has_refused_ = false;
@@ -164,7 +165,7 @@ class StandardError {
     taken_.clear();
   }
 
-  /// Checks what was taken since then.
+  /// Checks the data accepted since then.
   void checkTaken(const std::string& line) const {
     const std::string expected = (begins_torn_ ? "\n" : "") + line;
     check(taken_ == expected.substr(0, taken_.size()),

@@ -1,6 +1,6 @@
-// Hands files to a fuzz target, one after the other, where there is no
+// Runs a fuzz target on files, one after the other, without
 // libFuzzer: each file and every file in each directory named on the command
-// line. A target ends the process when something is not as it should be.
+// line. A target aborts the process on an incorrect result.
 
 #include <algorithm>
 #include <cstddef>
@@ -46,11 +46,11 @@ int main(int argc, char* argv[]) {
   const std::vector<fs::path> files = inputs({argv + 1, argv + argc});
   for (const fs::path& path : files) {
     const std::string input = read(path);
-    // Seen only when the target ends the process.
+    // Visible only if the target aborts the process.
     (void)std::fprintf(stderr, "%s\n", path.c_str());
     (void)LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(input.data()),
                                  input.size());
   }
   (void)std::fprintf(stderr, "%zu inputs\n", files.size());
-  return files.empty() ? 1 : 0;  // a directory that is gone proves nothing
+  return files.empty() ? 1 : 0;  // a missing directory proves nothing
 }

@@ -1,9 +1,9 @@
 // client SOCKET RECORD REPLY COUNT < REQUESTS
 //
-// Makes COUNT requests, one connection each. The requests are records of RECORD
-// bytes on standard input, used in turn. A reply has REPLY bytes; 0: it lasts
-// until the end of the stream. Writes 64-bit nanoseconds to standard output:
-// of all together, then of each.
+// Sends COUNT requests, one connection each. The requests are records of RECORD
+// bytes on standard input, used in turn. A reply has REPLY bytes; 0: all bytes
+// up to the end of the stream. Writes 64-bit nanoseconds to standard output:
+// the total, then those of each request.
 
 #include <stdint.h>
 #include <stdio.h>

@@ -1,8 +1,8 @@
 // killer PID...
 //
-// Kills the processes, first all and then looks after each. Writes 64-bit
-// nanoseconds to standard output: how long the last of them was a zombie, and
-// how long it took from the first kill until the last was collected.
+// Kills the processes, then waits for each. Writes 64-bit nanoseconds to
+// standard output: the time for which the last one was a zombie, and the time
+// from the first kill until the last one was collected.
 
 #include <errno.h>
 #include <poll.h>
@@ -23,7 +23,7 @@ int main(int argc, char** argv) {
   if (exit.fd < 0) return 1;
   const int64_t begin = now();
   for (int i = 1; i < argc; ++i) kill(atoi(argv[i]), SIGKILL);
-  // Without sleeping: a wake-up would take as long as what is measured.
+  // Without sleeping: a wake-up would take as long as the measured time.
   while (poll(&exit, 1, 0) == 0) {
   }
   const int64_t dead = now();

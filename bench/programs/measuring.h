@@ -5,7 +5,7 @@
 #include <stdlib.h>
 #include <time.h>
 
-// What the programs that measure share.
+// The common code of the measuring programs.
 
 /// The steady clock, in nanoseconds.
 static inline int64_t now(void) {
@@ -14,7 +14,7 @@ static inline int64_t now(void) {
   return time.tv_sec * INT64_C(1000000000) + time.tv_nsec;
 }
 
-/// Ends the program with `what` and the error in errno.
+/// Exits with the message `what` and the error in errno.
 static inline _Noreturn void fail(const char* what) {
   perror(what);
   exit(1);

@@ -1,4 +1,4 @@
-// A C++ program that does nothing, to see what that takes.
+// A C++ program that does nothing: the lower bound of memory.
 
 #include <unistd.h>
 

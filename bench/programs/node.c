@@ -1,4 +1,4 @@
-// A node: says that it runs by one byte into the stopwatch's FIFO, then waits.
+// A node: writes one byte into the stopwatch's FIFO, then waits.
 
 #include <fcntl.h>
 #include <unistd.h>

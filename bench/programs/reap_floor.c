@@ -1,6 +1,6 @@
 // reap_floor COUNT PROGRAM MODE: starts COUNT nodes and collects those that
-// die. MODE "wait" does nothing else; "calls" makes the launcher's system calls
-// and pauses, log lines included, and no more.
+// exit. MODE "wait" does nothing else; "calls" makes only the launcher's system
+// calls and pauses, including log lines.
 
 #include <signal.h>
 #include <stdlib.h>

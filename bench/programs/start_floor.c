@@ -1,4 +1,4 @@
-// start_floor COUNT PROGRAM: as little as can start COUNT nodes.
+// start_floor COUNT PROGRAM: the minimum that starts COUNT nodes.
 
 #include <stdlib.h>
 #include <unistd.h>

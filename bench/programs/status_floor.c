@@ -1,5 +1,5 @@
-// status_floor: the system calls of one request and no more: wait, accept,
-// receive, a log line into a file, send, wait for the hang-up, close.
+// status_floor: only the system calls of one request: wait, accept, receive,
+// write a log line to a file, send, wait until the client closes, close.
 
 #include <fcntl.h>
 #include <poll.h>

@@ -1,8 +1,8 @@
 // stopwatch COUNT COMMAND [ARGUMENT...]
 //
 // Runs a supervisor with its output in /tmp/bench/log, and waits until COUNT
-// nodes have said that they run. The nanoseconds from the exec of the command
-// until then go to /tmp/bench/time. Then it waits to be killed.
+// nodes have reported that they run. Writes the nanoseconds from the exec of
+// the command until then to /tmp/bench/time, and waits until it is killed.
 
 #include <fcntl.h>
 #include <stdint.h>
@@ -26,7 +26,7 @@ static _Noreturn void run(char** command, int begin_fd) {
 int main(int argc, char** argv) {
   if (argc < 3) return 2;
   if (mkfifo("/tmp/bench/started", 0666) != 0) fail("mkfifo");
-  // Both ends, so that it never comes to an end.
+  // Opens both ends, so that end of file never occurs.
   const int started = open("/tmp/bench/started", O_RDWR | O_CLOEXEC);
   int begin_fds[2];
   if (started < 0 || pipe2(begin_fds, O_CLOEXEC) != 0) fail("pipe");

@@ -8,8 +8,8 @@
 
 namespace vorn::fuzz {
 
-/// Takes the bytes of an input from its front. What is asked for beyond its end
-/// is 0 or empty, so every sequence of bytes is an input.
+/// Reads the bytes of an input from its front. Reads beyond its end return 0 or
+/// empty texts, so every sequence of bytes is an input.
 class Input {
  public:
   Input(const uint8_t* data, size_t size)

@@ -23,12 +23,12 @@ inline bool isOneLine(std::string_view text) {
          std::none_of(text.begin(), text.end() - 1, isControlCharacter);
 }
 
-/// Takes the log of this process: counts its lines, each of which must be one
-/// whole line, and prints none. From construction to destruction.
+/// Captures the log of this process from construction to destruction: counts
+/// its lines, each of which must be one whole line, and prints none.
 class LogSink {
  public:
   LogSink() {
-    // The log settles once what standard error is.
+    // The log inspects standard error only once.
     static const bool kIsNamed = [] {
       (void)::setenv("NO_COLOR", "1", 1);
       (void)::unsetenv("JOURNAL_STREAM");

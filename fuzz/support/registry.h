@@ -8,8 +8,8 @@
 
 namespace vorn::fuzz {
 
-/// Empties what lives as long as the process, so that an input finds nothing
-/// of the one before it and memory does not grow. The registry returns its
+/// Empties the objects that live as long as the process, so that an input does
+/// not affect the next one and memory does not grow. The registry returns its
 /// list as const so that callers do not change it; the list itself is not
 /// const.
 inline void forgetEverything() {

@@ -87,7 +87,7 @@ std::vector<std::string> callsSince(const std::string& name) {
   return calls;
 }
 
-// -- What is sent.
+// -- Requests.
 
 class EachCommandTest : public ::testing::TestWithParam<ControlRequest::Cmd> {};
 
@@ -146,7 +146,7 @@ TEST(ControlClientNameTest, OneWithANulIsRefusedWithoutASocket) {
   EXPECT_THAT(socketCalls().made, IsEmpty());
 }
 
-// -- What comes back.
+// -- Replies.
 
 class EachResultTest : public ::testing::TestWithParam<
                            std::pair<ControlResponse::Result, Outcome>> {};
@@ -169,7 +169,7 @@ INSTANTIATE_TEST_SUITE_P(
       return "Number" + std::to_string(static_cast<int32_t>(test.param.first));
     });
 
-TEST(ControlClientReplyTest, StatusTellsStatePidAndLastStart) {
+TEST(ControlClientReplyTest, StatusContainsStatePidAndLastStart) {
   ControlResponse response;
   response.pid = 999;
   response.state = 2;
@@ -183,7 +183,7 @@ TEST(ControlClientReplyTest, StatusTellsStatePidAndLastStart) {
   EXPECT_EQ(reply.startSeconds, 1763040288);
 }
 
-TEST(ControlClientReplyTest, TellsWhoListens) {
+TEST(ControlClientReplyTest, IdentifiesTheListener) {
   const FakeLauncher launcher(
       FakeLauncher::replyWith(replyOf(ControlResponse::Result::SUCCESS)));
   const ControlReply reply = clientOf(launcher).start("planner");
@@ -287,7 +287,7 @@ TEST(ControlClientReplyTest, CutByAResetLeavesTheOutcomeUnknown) {
                                kMayTakeEffect);
 }
 
-TEST(ControlClientReplyTest, IsNotWaitedForBeyondTheTotalLimit) {
+TEST(ControlClientReplyTest, TimesOutAfterTheTotalLimit) {
   const FakeLauncher launcher(
       [&](int connection) { (void)FakeLauncher::readToEnd(connection); });
   ControlOptions options;
@@ -324,7 +324,7 @@ TEST(NoLauncherTest, ThereIsNoSocket) {
       "no launcher is running: the socket /nonexistent/socket does not exist");
 }
 
-TEST(NoLauncherTest, TheSocketIsOneLeftBehind) {
+TEST(NoLauncherTest, TheSocketIsStale) {
   FakeLauncher launcher({});
   const std::string left = launcher.path() + "-left";
   {
@@ -359,7 +359,7 @@ TEST(NoLauncherTest, WeMayNotConnect) {
   }
 }
 
-TEST(NoLauncherTest, AnyOtherFailureIsTold) {
+TEST(NoLauncherTest, AnyOtherFailureIsReported) {
   socketCalls().connect = [](int, const sockaddr*, socklen_t) {
     errno = EPROTOTYPE;
     return -1;
@@ -371,7 +371,7 @@ TEST(NoLauncherTest, AnyOtherFailureIsTold) {
             "type for socket");
 }
 
-TEST(NoLauncherTest, ItHangsUpBeforeTheSend) {
+TEST(NoLauncherTest, ItClosesBeforeTheSend) {
   const FakeLauncher launcher({});
   socketCalls().send = [](int, const void*, size_t, int) -> ssize_t {
     errno = EPIPE;
@@ -425,9 +425,9 @@ TEST(NotSentTest, NoSocketCanBeMade) {
   EXPECT_EQ(reply.message, "cannot create a socket: Too many open files");
 }
 
-// -- Whom to trust.
+// -- Trusted listeners.
 
-/// Makes the kernel name `uid` as the listener's user.
+/// Makes the kernel report `uid` as the listener's user.
 void pretendListenerIs(uid_t uid) {
   socketCalls().getsockopt = [uid](int fd, int level, int option, void* value,
                                    socklen_t* size) {
@@ -472,7 +472,7 @@ TEST_F(TrustTest, OurselvesAreTrusted) {
   EXPECT_TRUE(clientOf(launcher_).start("planner").isDone());
 }
 
-TEST_F(TrustTest, AnyoneIsTrustedWhenToldTo) {
+TEST_F(TrustTest, AnyUserIsTrustedOnRequest) {
   pretendListenerIs(::geteuid() + 1000);
   ControlOptions options;
   options.socketPath = launcher_.path();
@@ -480,7 +480,7 @@ TEST_F(TrustTest, AnyoneIsTrustedWhenToldTo) {
   EXPECT_TRUE(ControlClient(options).start("planner").isDone());
 }
 
-TEST_F(TrustTest, AListenerThatCannotBeToldIsNotTrusted) {
+TEST_F(TrustTest, AListenerOfUnknownUserIsNotTrusted) {
   socketCalls().getsockopt = [](int, int, int, void*, socklen_t*) {
     errno = ENOPROTOOPT;
     return -1;
@@ -514,7 +514,7 @@ class LinkedSocketTest : public TrustTest {
   ControlOptions options_;
 };
 
-TEST_F(LinkedSocketTest, OfAnotherUserIsNotConnectedTo) {
+TEST_F(LinkedSocketTest, OfAnotherUserIsRefused) {
   const uid_t other = ::geteuid() + 1000;
   pretendLinkIs(other);
   const ControlReply reply = ControlClient(options_).start("planner");
@@ -648,7 +648,7 @@ TEST(BusyLauncherTest, IsLeftAtOnceWhenCancelled) {
   EXPECT_EQ(reply.message, "given up before the request was sent");
 }
 
-TEST(NotSentTest, NobodyIsAskedAfterACancel) {
+TEST(NotSentTest, NoRequestIsSentAfterACancel) {
   const FakeLauncher launcher(
       FakeLauncher::replyWith(replyOf(ControlResponse::Result::SUCCESS)));
   int ends[2];
@@ -682,7 +682,7 @@ TEST(WaitingTest, ACancelLeavesTheOutcomeUnknown) {
             std::string("given up waiting for the reply; ") + kMayTakeEffect);
 }
 
-TEST(WaitingTest, IsTold) {
+TEST(WaitingTest, IsReported) {
   std::promise<void> told_twice;
   const FakeLauncher launcher([&](int connection) {
     ControlRequest request;
@@ -704,7 +704,7 @@ TEST(WaitingTest, IsTold) {
   EXPECT_GE(told[1], told[0] + milliseconds(90));
 }
 
-TEST(WaitingTest, AnInterruptingSignalIsNoReasonToGiveUp) {
+TEST(WaitingTest, AnInterruptingSignalDoesNotCancel) {
   int interruptions = 0;
   const FakeLauncher launcher(
       FakeLauncher::replyWith(replyOf(ControlResponse::Result::SUCCESS)));
@@ -732,7 +732,7 @@ TEST(WaitingTest, AReadThatIsInterruptedOrFindsNothingIsRepeated) {
 
 // -- The order of calls, and signals.
 
-TEST(WindowTest, BetweenConnectAndSendStandsTheCheckOfTheUserAlone) {
+TEST(WindowTest, BetweenConnectAndSendOnlyTheUserIsChecked) {
   const FakeLauncher launcher(
       FakeLauncher::replyWith(replyOf(ControlResponse::Result::SUCCESS)));
   ASSERT_TRUE(clientOf(launcher).start("planner").isDone());

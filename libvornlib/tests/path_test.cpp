@@ -89,7 +89,7 @@ TEST(PathTest, TheChosenRootIsFixedAtTheFirstUse) {
   EXPECT_EQ(&first, &path::root());
 }
 
-TEST(PathTest, AVornRootSetAfterTheFirstUseComesTooLate) {
+TEST(PathTest, AVornRootSetAfterTheFirstUseIsIgnored) {
   ::unsetenv("VORN_ROOT");
   const std::string first = path::root() + "";
   ::setenv("VORN_ROOT", "/second", 1);
@@ -128,7 +128,7 @@ INSTANTIATE_TEST_SUITE_P(
                       RootCase{"ItsWordAlone", "install:", nullptr}),
     test::caseName<RootCase>);
 
-/// What root() is where this executable runs and VORN_ROOT is not set.
+/// The result of root() for this executable without VORN_ROOT.
 const std::string& rootOfExecutable(const std::string& executable) {
   ::unsetenv("VORN_ROOT");
   test::libraryCalls().read_symlink = [&](const auto& link, auto&) {
@@ -157,7 +157,7 @@ TEST(ExecutableRootTest, WithOneInstallDirectoryIsUsed) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST(ExecutableRootTest, OfWhatProcCannotTellIsTheRootDirectory) {
+TEST(ExecutableRootTest, WithoutProcIsTheRootDirectory) {
   const test::LogCapture log;
   EXPECT_EQ("", rootOfExecutable(""));
   EXPECT_THAT(log.lines(), IsEmpty());

@@ -44,7 +44,7 @@ TEST(RetryOnEintrTest, AnotherFailureIsReturnedAtOnce) {
   EXPECT_EQ(1, calls);
 }
 
-TEST(RetryOnEintrTest, ASuccessIsNotRepeatedWhateverErrnoSays) {
+TEST(RetryOnEintrTest, ASuccessIsNotRepeatedForAnyErrno) {
   int calls = 0;
   errno = EINTR;
   EXPECT_EQ(0, retryOnEintr([&] {

@@ -30,8 +30,8 @@
 #include "support/log_capture.h"
 #include "support/standard_error.h"
 
-// What standard error is, and the process's name, are settled once per process;
-// CTest gives each test its own.
+// The log determines the kind of standard error and the process's name once per
+// process; CTest runs each test in its own.
 
 namespace vorn {
 namespace {
@@ -98,7 +98,7 @@ TEST(TraceTest, ALineIsTimeLevelNamePidPlaceFunctionAndText) {
   EXPECT_TRUE(std::regex_match(log.bytes(), line)) << log.bytes();
 }
 
-TEST(TraceTest, TheTimeStampIsNowInUtcWhateverTheTimeZone) {
+TEST(TraceTest, TheTimeStampIsUtcInAnyTimeZone) {
   ::setenv("TZ", "America/New_York", 1);
   ::tzset();
   const test::LogCapture log;
@@ -350,7 +350,7 @@ TEST(TraceTest, ALineThatIsRefusedIsNotTriedAgain) {
   EXPECT_EQ(1, writes);
 }
 
-TEST(TraceTest, AWriteThatTakesNothingIsNotTriedAgain) {
+TEST(TraceTest, AWriteOfNoBytesIsNotTriedAgain) {
   int writes = 0;
   test::libraryCalls().write = [&](int, const void*, size_t) -> ssize_t {
     ++writes;
@@ -364,7 +364,7 @@ TEST(TraceTest, AWriteThatTakesNothingIsNotTriedAgain) {
 
 // --- Processes
 
-/// Logs "child" in a forked child; returns its pid when it has ended.
+/// Logs "child" in a forked child; returns its pid after it has exited.
 pid_t logInAChild() {
   const pid_t child = ::fork();
   if (child == 0) {
@@ -421,7 +421,7 @@ TEST(TraceTest, WithStandardErrorClosedALineIsLostAndTheProcessLives) {
   EXPECT_EQ(EXDEV, errno);
 }
 
-TEST(TraceTest, WhatTakesAClosedStandardErrorsPlaceGetsNoLines) {
+TEST(TraceTest, AReplacementOfClosedStandardErrorGetsNoLines) {
   const StandardErrorClosed closed;
   logText("lost");
   const test::LogCapture log;
@@ -451,7 +451,7 @@ TEST(TraceTest, AnErrorOtherThanABadDescriptorDoesNotMeanThatItIsClosed) {
   EXPECT_THAT(log.lines(), ElementsAre(logLine("INFO", false, "f", "written")));
 }
 
-TEST(TraceTest, AFullPipeThatMustNotBlockLosesWhatItCannotHold) {
+TEST(TraceTest, AFullNonBlockingPipeLosesTheRest) {
   std::array<int, 2> ends{};
   ASSERT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK));
   {
@@ -492,7 +492,7 @@ test::LibraryCalls takeOnly(size_t size) {
   return calls;
 }
 
-TEST(TraceTest, ALineThatWasCutIsEndedByTheNextAndOnlyByThat) {
+TEST(TraceTest, ATornLineIsCompletedByTheNextOne) {
   const test::LogCapture log;
   test::libraryCalls() = takeOnly(5);
   logText("cut");
@@ -506,7 +506,7 @@ TEST(TraceTest, ALineThatWasCutIsEndedByTheNextAndOnlyByThat) {
   EXPECT_TRUE(std::regex_match(log.bytes(), lines)) << log.bytes();
 }
 
-TEST(TraceTest, ATornLineIsEndedOnceThoughTheNextIsCutBehindItsEnd) {
+TEST(TraceTest, ATornLineIsCompletedOnceThoughTheNextIsTornAfterItsEnd) {
   const test::LogCapture log;
   test::libraryCalls() = takeOnly(5);
   logText("cut");
@@ -546,7 +546,7 @@ TEST(TraceTest, AFilesSizeLimitDoesNotEndTheProcess) {
   EXPECT_THAT(log.bytes(), SizeIs(10));
 }
 
-TEST(TraceTest, ASizeLimitThatCannotBeReadIsNone) {
+TEST(TraceTest, AnUnreadableSizeLimitIsIgnored) {
   test::libraryCalls().getrlimit = [](int, rlimit*) { return -1; };
   int is_blocked = -1;
   test::libraryCalls().write = [&](int, const void*, size_t size) {
@@ -599,7 +599,7 @@ TEST_P(TraceJournal, GetsThePriorityInPlaceOfTheTime) {
 INSTANTIATE_TEST_SUITE_P(Trace, TraceJournal, ::testing::ValuesIn(kLevelCases),
                          test::caseName<LevelCase>);
 
-TEST(TraceJournalTest, TheStarStandsBetweenPriorityAndLevel) {
+TEST(TraceJournalTest, TheStarIsBetweenPriorityAndLevel) {
   const test::LogCapture log;
   ::setenv("JOURNAL_STREAM", standardErrorsStream().c_str(), 1);
   vtrace(kWarn, "a.cpp", 1, "f", kEvent, "x");
@@ -620,7 +620,7 @@ TEST(TraceJournalTest, AnotherStreamsDeviceIsNotTheJournal) {
   EXPECT_THAT(log.lines(), ElementsAre(logLine("INFO", false, "f", "x")));
 }
 
-TEST(TraceJournalTest, AStandardErrorThatCannotBeLookedAtIsNotTheJournal) {
+TEST(TraceJournalTest, AnUnreadableStandardErrorIsNotTheJournal) {
   const test::LogCapture log;
   test::libraryCalls().fstat = [](int, struct stat*) { return -1; };
   ::setenv("JOURNAL_STREAM", "0:0", 1);

@@ -1,17 +1,17 @@
-# One launcher a machine, rolled out and watched by Nomad: an example to adapt.
-# docs/containers.md tells the why at length.
+# One launcher per machine, deployed and monitored by Nomad: an example to adapt.
+# docs/containers.md has the reasons.
 job "robot" {
-  type        = "system" # on each machine one, which is what the socket allows
+  type        = "system" # one per machine, as the control socket requires
   datacenters = ["dc1"]
 
   update {
     max_parallel = 1     # a bad version stops one machine at a time
-    stagger      = "90s" # and the next one's turn is late enough to stop it
+    stagger      = "90s" # and leaves enough time to stop the job
   }
 
   group "launcher" {
-    # The launcher ends with status 0 after nearly every failure; a system job is
-    # started again whatever the status. For ever, at this distance:
+    # The launcher exits with status 0 after nearly every failure; a system job is
+    # restarted after any status, forever, at this interval:
     restart {
       mode     = "delay"
       attempts = 5
@@ -21,20 +21,20 @@ job "robot" {
 
     service {
       name     = "robot-launcher"
-      provider = "consul" # Nomad's own services know no script checks
+      provider = "consul" # Nomad's own services have no script checks
 
-      # Whether the launcher answers, as it does not while it stops a node or
-      # waits before a start. Every status of vornctl but 0 and 1 is critical.
+      # Whether the launcher answers. It does not while it stops a node or waits
+      # before a start. Every status of vornctl except 0 and 1 is critical.
       check {
         type     = "script"
         task     = "launcher"
         command  = "/usr/bin/vornctl"
         args     = ["-q", "ping", "--connect-timeout", "20s", "--timeout", "5s"]
         interval = "30s"
-        timeout  = "30s" # vornctl gives up by itself before
+        timeout  = "30s" # longer than vornctl's own limit
 
         check_restart {
-          limit = 4     # four intervals are more than the longest command lasts
+          limit = 4     # four intervals exceed the longest command
           grace = "60s" # for the entrypoint and all `sleep`s of the launch file
         }
       }
@@ -51,41 +51,41 @@ job "robot" {
     }
 
     task "launcher" {
-      driver = "docker" # "podman" takes the same settings
+      driver = "docker" # "podman" has the same settings
       user   = "root"   # as the image and the nodes need
 
-      # SIGTERM alone stops the nodes.
+      # Only SIGTERM stops the nodes.
       kill_signal = "SIGTERM"
 
-      # At least what `vornctl check --print stop-timeout` prints for the launch
+      # At least the output of `vornctl check --print stop-timeout` for the launch
       # file below, 45 s, and some seconds for the engine. The clients'
       # max_kill_timeout, 30 s by default, must be no less.
       kill_timeout = "60s"
 
       config {
-        # The launcher's image with the nodes in /opt/robot/bin. No command and
-        # args but the launch file: the rest is the image's.
+        # The launcher's image with the nodes in /opt/robot/bin. The only argument is
+        # the launch file; the image defines the command.
         image = "registry.example/robot:1.0"
         args  = ["/local/launch.yaml"]
 
         # The control socket for clients on the machine. The clients' plugin
-        # must permit such volumes. podman does not make the directory: let systemd
-        # do it, by a line `d /run/robot-launcher 0755 root root` for tmpfiles.d.
+        # must permit such volumes. podman does not create the directory: let systemd
+        # create it, with a line `d /run/robot-launcher 0755 root root` for tmpfiles.d.
         volumes = ["/run/robot-launcher:/tmp/vornlaunch"]
 
-        # The launcher must be process 1, without an init of the engine. `true` suits
-        # nodes that leave more orphans than the launcher can collect.
+        # The launcher must be process 1, without an init of the engine. Use `true`
+        # for nodes that leave more orphans than the launcher can collect.
         init = false
       }
 
-      # For all nodes together; at this limit the kernel ends one of them, which
-      # the launcher starts again.
+      # For all nodes together; at this limit the kernel kills one of them, which
+      # the launcher restarts.
       resources {
         cpu    = 500
         memory = 1024
       }
 
-      # The launcher reads its file at its start alone.
+      # The launcher reads its file only at its start.
       template {
         destination = "local/launch.yaml"
         change_mode = "restart"

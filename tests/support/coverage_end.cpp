@@ -1,12 +1,13 @@
 // Linked into the programs of the coverage build, whose counters are otherwise
-// written by exit handlers alone: writes them as well before an _exit() and
-// before the program becomes another, and whatever the limit on a file's size.
+// written only by exit handlers: also writes them before _exit() and execv(),
+// and independently of the limit on file sizes.
 
 #include <sys/resource.h>
 #include <unistd.h>
 
-// The linker turns every call of X() into __wrap_X and offers the original as
-// __real_X; the names are its own, and those of the counters GCC's.
+// The linker replaces every call of X() by __wrap_X and provides the original
+// as
+// __real_X. The linker defines these names, and GCC those of the counters.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl*)
 
 extern "C" {
@@ -42,7 +43,7 @@ int __wrap_execv(const char* path, char* const* argv) {
   __gcov_dump();
   (void)::setrlimit(RLIMIT_FSIZE, &limit);  // the next program inherits it
   const int result = __real_execv(path, argv);
-  __gcov_reset();  // what was written must not count again
+  __gcov_reset();  // do not count the written counters again
   return result;
 }
 

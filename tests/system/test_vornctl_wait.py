@@ -38,7 +38,7 @@ def status_requests(machine):
 
 
 def wait_for_status_request(machine, before):
-    eventually(lambda: status_requests(machine) > before, "vornctl sends a status request")
+    eventually(lambda: status_requests(machine) > before, "vornctl sends a request")
 
 
 # -- wait.
@@ -59,7 +59,7 @@ def test_a_state_that_is_already_reached_is_not_awaited(robot, arguments):
 def test_the_state_is_awaited(robot, state, cmd, name):
     with running(robot, "wait", name, "--state", state) as client:
         # One request finds the launcher, the other one is about the node.
-        eventually(lambda: status_requests(robot) >= 3, "vornctl sends a status request")
+        eventually(lambda: status_requests(robot) >= 3, "vornctl sends a request")
         assert client.popen.poll() is None
         robot.request(cmd, name)
         assert client.end() == (0, "", "")
@@ -67,7 +67,7 @@ def test_the_state_is_awaited(robot, state, cmd, name):
 
 def test_all_of_several_nodes_are_awaited(robot):
     with running(robot, "wait", "*", "--state", "running") as client:
-        eventually(lambda: status_requests(robot) >= 5, "vornctl sends a status request")
+        eventually(lambda: status_requests(robot) >= 5, "vornctl sends a request")
         assert client.popen.poll() is None
         robot.request(Cmd.START, "manual")
         assert client.end() == (0, "", "")

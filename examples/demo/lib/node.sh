@@ -1,5 +1,5 @@
 # shellcheck shell=sh disable=SC2034
-# What the demo's nodes share; each sources it first.
+# The common code of the demo's nodes, which source it.
 
 # The launcher sets __VORN_NODE_NAME__ to the name followed by "(vornlaunch)".
 NAME=${__VORN_NODE_NAME__%"(vornlaunch)"}
@@ -11,8 +11,8 @@ say() {
   echo "$NAME: $*"
 }
 
-# A shell runs its traps during `wait`, but not while a foreground command runs:
-# so whatever takes time runs in the background and is waited for.
+# A shell runs its traps during `wait`, but not while a foreground command runs, so
+# long commands run in the background.
 pause() {
   sleep "$1" &
   wait "$!"

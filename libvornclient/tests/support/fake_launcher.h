@@ -26,7 +26,7 @@ class FakeLauncher {
 
   const std::string& path() const { return path_; }
 
-  /// Begins to serve when it was made without a service.
+  /// Starts serving if it was constructed without a service.
   void serve(Service service);
 
   /// A service that reads a request and answers with these bytes.

@@ -11,9 +11,9 @@
 
 namespace vorn::test {
 
-/// What the client's code calls in place of a system call, in the thread that
-/// sets it; an empty function is the real call. The linker leads the calls
-/// here.
+/// Replacements of the system calls that the client's code makes, for the
+/// thread that sets them; an empty function is the real call. The linker
+/// redirects the calls.
 struct SocketCalls {
   std::function<int(int, int, int)> socket;
   std::function<int(int, const sockaddr*, socklen_t)> connect;
@@ -24,8 +24,8 @@ struct SocketCalls {
   std::function<int(int, const sigset_t*, sigset_t*)> pthread_sigmask;
   std::function<int(const char*, struct stat*)> lstat;
 
-  /// The names of the calls that this thread has made, replaced or not, `close`
-  /// and `shutdown` among them.
+  /// The names of the calls that this thread has made, replaced or not,
+  /// including `close` and `shutdown`.
   std::vector<std::string> made;
 };
 

@@ -11,9 +11,9 @@
 
 namespace vorn::test {
 
-/// What the library's code calls in place of a system call or
-/// std::filesystem's, led here by the linker; an empty function is the real
-/// call.
+/// Replacements of the calls of the system and of std::filesystem that the
+/// library's code makes; an empty function is the real call. The linker
+/// redirects the calls.
 struct LibraryCalls {
   std::function<ssize_t(int, const void*, size_t)> write;
   std::function<int(clockid_t, timespec*)> clock_gettime;

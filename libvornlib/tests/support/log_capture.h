@@ -38,9 +38,9 @@ inline LogLine logLine(const std::string& level, bool event,
   return {level, event, "", func, text};
 }
 
-/// Catches what this process and its children write to standard error, from
-/// construction to destruction. Create it before the first log line, since the
-/// log settles at that moment what standard error is.
+/// Captures the output of this process and its children on standard error, from
+/// construction to destruction. Create it before the first log line, because
+/// the log then inspects standard error once.
 class LogCapture {
  public:
   LogCapture()
@@ -70,7 +70,7 @@ class LogCapture {
     return bytes;
   }
 
-  /// Every line so far. Throws when one does not look like a log line.
+  /// Every line so far. Throws if a line is not a log line.
   std::vector<LogLine> lines() const {
     std::vector<LogLine> lines;
     const std::string text = bytes();

@@ -6,8 +6,8 @@
 
 namespace vorn::test {
 
-/// Makes the open file `fd` this process's standard error, and puts the former
-/// one back at its destruction.
+/// Redirects this process's standard error to the open file `fd`, and restores
+/// it at destruction.
 class StandardErrorTo {
  public:
   explicit StandardErrorTo(int fd) : kept_(::dup(STDERR_FILENO)) {

@@ -10,7 +10,7 @@ TEST(BusyLauncherTest, ALockInAllSamplesIsPermanent) {
             BusyReason::LOCKED);
 }
 
-TEST(BusyLauncherTest, ALockInSomeSamplesIsNotAReason) {
+TEST(BusyLauncherTest, ALockInOnlySomeSamplesIsNotAReason) {
   EXPECT_EQ(busyReason({"futex_wait_queue", ""}), BusyReason::UNKNOWN);
   EXPECT_EQ(busyReason({"", "futex_wait_queue"}), BusyReason::UNKNOWN);
 }

@@ -22,7 +22,7 @@ TEST(DurationTest, IsAYearAtMost) {
   EXPECT_FALSE(parseDuration("8761h"));
 }
 
-TEST(DurationTest, IsNothingElse) {
+TEST(DurationTest, RejectsOtherText) {
   for (const char* const text :
        {"", "s", "-1", "+1", "1d", "1 s", "1e3", "0x10", "1..2", "1ss", "nan",
         "inf", "1s ", "1m30s"}) {

@@ -141,7 +141,7 @@ TEST_F(ReadLaunchFileTest, ExpandsTheInstallRootInTheBinPath) {
   EXPECT_EQ(file.nodes.at(0).executable, "/opt/v/bin/x");
 }
 
-TEST_F(ReadLaunchFileTest, WithBrokenSyntaxIsAnErrorThatTellsThePlace) {
+TEST_F(ReadLaunchFileTest, WithInvalidSyntaxIsAnErrorWithTheLocation) {
   EXPECT_THAT(errorOf("vornnode: {a: {path: /a}"), HasSubstr("line 1"));
 }
 

@@ -44,7 +44,7 @@ TEST(SelectionTest, APatternIsEveryNodeThatMatches) {
               ElementsAre("camera", "cam_left"));
 }
 
-TEST(SelectionTest, APatternThatIsANameIsThatNodeAlone) {
+TEST(SelectionTest, APatternThatIsANameSelectsOnlyThatNode) {
   EXPECT_THAT(select({"odd[1]"}), ElementsAre("odd[1]"));
 }
 

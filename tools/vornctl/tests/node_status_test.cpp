@@ -124,7 +124,7 @@ TEST(NodeViewTest, ThePolicyIsWhatTheLaunchFileSays) {
       "");
 }
 
-TEST(NodeViewTest, RequiredNodesStandSideBySide) {
+TEST(NodeViewTest, RequiredNodesAreOnOneLine) {
   LaunchFile::Node node;
   node.name.value = "a";
   node.required = {{"b", {}}, {"c", {}}};

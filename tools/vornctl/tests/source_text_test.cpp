@@ -9,7 +9,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-TEST(SourceTextTest, GivesLinesWithoutTheirEnds) {
+TEST(SourceTextTest, ReturnsLinesWithoutTheirEnds) {
   const SourceText document("name", "one\ntwo\r\n\nfour");
   EXPECT_EQ(document.line(1), "one");
   EXPECT_EQ(document.line(2), "two");
@@ -38,7 +38,7 @@ TEST(SourceTextTest, FindsTheNamesInCommentsThatSilence) {
   EXPECT_THAT(document.ignoredAt(3), ElementsAre("one", "two", "three"));
 }
 
-TEST(SourceTextTest, FindsNoNamesBehindAnEmptyComment) {
+TEST(SourceTextTest, FindsNoNamesAfterAnEmptyComment) {
   const SourceText document("name", "# vornctl: ignore=");
   EXPECT_THAT(document.ignoredAt(1), IsEmpty());
 }

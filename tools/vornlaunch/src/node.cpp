@@ -54,7 +54,7 @@ bool commandPrints(const std::string& command, Predicate wanted) {
          std::fgets(text.data(), static_cast<int>(text.size()), output)) {
     // KEEP: a count of four digits leaves its line end to the next read, whose
     // value is 0, so that the child passes for gone. Intended.
-    // Test: NodeStopTest.AFourDigitCountPassesForZero
+    // Test: NodeStopTest.AFourDigitCountIsReadAsZero
     found = wanted(static_cast<int>(std::strtol(text.data(), nullptr, 10)));
   }
   (void)::pclose(output);

@@ -42,7 +42,7 @@ Node* NodeManager::findNode(const std::string& name) {
 void NodeManager::startingUp() {
   for (const auto& node : nodes_) {
     // KEEP: a disabled node stays STOPPED until something tries to start it.
-    // Test: NodeManagerTest.ADisabledNodeIsPassedOverInSilence
+    // Test: NodeManagerTest.ADisabledNodeIsSkippedSilently
     if (!node->disabled) (void)node->start();
   }
 }

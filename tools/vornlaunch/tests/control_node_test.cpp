@@ -68,7 +68,7 @@ class PrivateTmpTest : public ::testing::Test {
     if (!refusal.empty()) GTEST_SKIP() << refusal;
   }
 
-  // The replacements refer to what is about to go.
+  // The replacements refer to objects that are destroyed next.
   void TearDown() override { systemCalls() = {}; }
 
   const test::LogCapture log_;
@@ -137,8 +137,8 @@ class ControlNodeTest : public PrivateTmpTest {
     ASSERT_TRUE(epoll_.open());
   }
 
-  /// Records the calls on the socket as "<name> after <log lines> lines"; what
-  /// a test has replaced before still happens, else the real call.
+  /// Records the calls on the socket as "<name> after <log lines> lines", and
+  /// makes the test's earlier replacement or the real call.
   void recordSteps() {
     auto& calls = systemCalls();
     record(calls.socket, real.socket, "socket");
@@ -187,7 +187,7 @@ TEST_F(ControlNodeTest, CreateSocketTakesItsStepsInOrder) {
                   Field(&LogLine::file, "control_node.cpp"))));
 }
 
-TEST_F(ControlNodeTest, CreateSocketGivesTheModeWhateverTheUmask) {
+TEST_F(ControlNodeTest, CreateSocketSetsTheModeForAnyUmask) {
   (void)::umask(077);
   EXPECT_GE(control_->createSocket("x", SOCK_STREAM, 0646), 0);
   EXPECT_TRUE(fs::is_socket(kDirectory / "x"));
@@ -319,7 +319,7 @@ TEST_F(ControlNodeTest, TheListeningSocketIsCloseOnExecBeforeItListens) {
   EXPECT_TRUE(control_->init(&epoll_));
 }
 
-TEST_F(ControlNodeTest, TheListeningSocketHasTheStatusFlagNonBlockingAlone) {
+TEST_F(ControlNodeTest, TheListeningSocketHasOnlyTheStatusFlagNonBlocking) {
   systemCalls().socket = [this](int domain, int type, int protocol) {
     fd_ = real.socket(domain, type, protocol);
     EXPECT_EQ(::fcntl(fd_, F_SETFL, O_APPEND), 0);  // to be replaced
@@ -533,7 +533,7 @@ class ControlHandlerTest : public ControlNodeTest {
     seen_ = log_.lines().size();
   }
 
-  /// What the client gets for `bytes`.
+  /// The reply to `bytes`.
   std::string exchange(const std::string& bytes) {
     client_->send(bytes);
     control_->controlHandler();
@@ -667,7 +667,7 @@ TEST_F(ControlHandlerTest, RefusesARequestInTwoPieces) {
   systemCalls().recv = [&](int fd, void* buffer, size_t size, int flags) {
     ++calls;
     const ssize_t received = real.recv(fd, buffer, size, flags);
-    client_->send(std::string(128, 'n'));  // the rest comes too late
+    client_->send(std::string(128, 'n'));  // the rest is too late
     return received;
   };
   client_->send(std::string(4, '\0'));
@@ -786,7 +786,7 @@ TEST_F(ControlHandlerTest, AShortSendIsOneErrorLineAndNoWait) {
   EXPECT_TRUE(client_->isAtEnd());
 }
 
-TEST_F(ControlHandlerTest, WaitsAHundredMillisecondsForHangUpsAlone) {
+TEST_F(ControlHandlerTest, WaitsAHundredMillisecondsOnlyForHangUps) {
   systemCalls().poll = [](pollfd* fds, nfds_t count, int timeout) {
     EXPECT_EQ(count, 1U);
     EXPECT_EQ(fds->events, 0);
@@ -890,7 +890,7 @@ TEST_F(ControlHandlerTest, AStatusReplyCarriesItsFieldsInTheirPlaces) {
                         24));
 }
 
-// ---- Which command does what.
+// ---- Commands and their operations.
 
 struct Dispatch {
   const char* name;
@@ -898,7 +898,7 @@ struct Dispatch {
   bool disabled_before;
   NodeState state;
   bool disabled;
-  Strings texts;  // what the node's operation logs
+  Strings texts;  // the log of the node's operation
 };
 
 class DispatchTest : public ControlHandlerTest,

@@ -101,7 +101,7 @@ class EpollTest : public ::testing::Test {
   }
 
   test::LogCapture log_;
-  // What reached the kernel, in order.
+  // The calls that reached the kernel, in order.
   std::vector<int> create_flags_;
   std::vector<Control> controls_;
   std::vector<int> max_events_;
@@ -109,7 +109,7 @@ class EpollTest : public ::testing::Test {
   int epoll_fd_ = -1;  // the last one created
 };
 
-/// Runs what wait() returned, as the main loop does.
+/// Runs the handlers that wait() returned, as the main loop does.
 void runAll(const std::vector<Epoll::Handler*>& ready) {
   for (const auto* handler : ready) (*handler)();
 }
@@ -409,7 +409,7 @@ TEST_F(OpenEpollTest, AnInterruptedWaitIsAFailureAndNotRepeated) {
   struct sigaction action {};
   action.sa_handler = swallow;
   ASSERT_EQ(0, real.sigaction(SIGALRM, &action, nullptr));
-  // Repeated, as the first one may come before the wait.
+  // Repeated, because the first one can arrive before the wait.
   const itimerval every_20_ms{{0, 20'000}, {0, 20'000}};
   const itimerval never{};
   ASSERT_EQ(0, ::setitimer(ITIMER_REAL, &every_20_ms, nullptr));
@@ -434,7 +434,7 @@ TEST_F(EpollTest, TheEndOfAClosedOneClosesNothing) {
   EXPECT_EQ(0, closes);
 }
 
-TEST_F(EpollTest, ItsEndDestroysTheHandlersAndLeavesTheirDescriptorsAlone) {
+TEST_F(EpollTest, ItsDestructorDestroysTheHandlersButNotTheirDescriptors) {
   const Event event;
   const auto witness = std::make_shared<int>(0);
   {

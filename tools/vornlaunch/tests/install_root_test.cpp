@@ -46,7 +46,7 @@ INSTANTIATE_TEST_SUITE_P(
                       "/opt/x//opt/x/"},
         ExpansionCase{"WithAThirdSlash", "/opt/x", "install:///lib",
                       "/opt/x//lib"},
-        // The first replacement makes a prefix that begins before it.
+        // The first replacement creates a prefix that begins before it.
         ExpansionCase{"FromTheBeginningAgain", "/opt/x", "install:/install://y",
                       "/opt/x/opt/x/y"},
         ExpansionCase{"NoPrefix", "/opt/x", "/usr/lib", "/usr/lib"},
@@ -73,7 +73,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 class RefusedInstallRoot : public ::testing::TestWithParam<ExpansionCase> {};
 
-TEST_P(RefusedInstallRoot, GivesWayToOneByWhichTheExpansionEnds) {
+TEST_P(RefusedInstallRoot, IsReplacedByOneWithFiniteExpansion) {
   const test::LogCapture log;
   ::setenv("VORN_ROOT", GetParam().root, 1);
   EXPECT_EQ(path::root() + GetParam().expected,
@@ -87,7 +87,7 @@ INSTANTIATE_TEST_SUITE_P(
                                     "install://lib", "/lib"},
                       ExpansionCase{"WithItsWordAtTheEnd",
                                     "/opt/install:", "install:///lib", "//lib"},
-                      // Each expansion would leave another prefix behind.
+                      // Each expansion would create another prefix.
                       ExpansionCase{"ThatCompletesThePrefixForEver",
                                     "//install:/install:", "install:///lib",
                                     "//lib"}),

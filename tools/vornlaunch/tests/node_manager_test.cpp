@@ -45,7 +45,7 @@ class NodeManagerTest : public ::testing::Test {
   NodeManager& nodes_;
 };
 
-// ---- The instance and the look-ups.
+// ---- The instance and the searches.
 
 TEST_F(NodeManagerTest, EveryCallReturnsTheSameInstance) {
   EXPECT_EQ(&NodeManager::getInstance(), &nodes_);
@@ -113,7 +113,7 @@ TEST_F(NodeManagerTest, AFailedStartDoesNotKeepTheNextNodeFromStarting) {
   EXPECT_EQ(next.state, NodeState::RUNNING);
 }
 
-TEST_F(NodeManagerTest, ADisabledNodeIsPassedOverInSilence) {
+TEST_F(NodeManagerTest, ADisabledNodeIsSkippedSilently) {
   Node& node = addNode("worker");
   node.disabled = true;
   nodes_.startingUp();

@@ -76,7 +76,7 @@ TEST(NodeMemoryTest, NodesLieSideBySide) {
   EXPECT_LE(gaps, 4);
 }
 
-TEST(NodeMemoryTest, ANodeThatIsNoMoreLeavesItsPlaceToTheNext) {
+TEST(NodeMemoryTest, TheMemoryOfADestroyedNodeIsReused) {
   auto node = std::make_unique<Node>("dropped");
   const void* const place = node.get();
   node.reset();

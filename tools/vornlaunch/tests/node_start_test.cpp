@@ -44,7 +44,7 @@ const test::LogLine kForkFailed =
 const test::LogLine kStarted =
     logLine("INFO", true, "startInternal", "Node start 'worker' ok");
 
-// ---- What a start does with the node, whatever its state.
+// ---- Effects of a start in every state.
 
 class NodeStartInStateTest : public test::FakedNodeInStateTest {};
 
@@ -73,7 +73,7 @@ TEST_P(NodeStartInStateTest, TheAutostartSkipChangesOnlyTheFlag) {
 INSTANTIATE_TEST_SUITE_P(EveryState, NodeStartInStateTest, test::everyState(),
                          test::stateParamName);
 
-// ---- What it does with a node that is not RUNNING.
+// ---- Effects of a start on a node that is not RUNNING.
 
 class NodeStartWithoutChildTest : public test::FakedNodeInStateTest {};
 

@@ -38,12 +38,12 @@ using ::testing::IsEmpty;
 
 const Calls kPause = {"usleep 200000"};
 
-/// What the calls of a start of /bin/NAME are.
+/// The calls of a start of /bin/NAME.
 Calls startCalls(const std::string& name) {
   return {"stat /bin/" + name, "fork"};
 }
 
-/// A required node's restart whose child is a zombie at the first look.
+/// A required node's restart whose child is a zombie at the first check.
 Calls restartCalls(const std::string& name, pid_t pid) {
   return sequence({stopCalls(pid), kPause, startCalls(name)});
 }
@@ -193,7 +193,7 @@ TEST_F(NodeStopTest, AZombieOfALaterPassEndsTheWaitThere) {
                       {zombieCheckCall(kPid), "pclose", "kill 4242 KILL"}}));
 }
 
-TEST_F(NodeStopTest, AChildThatIsGoneIsNotSentSigkill) {
+TEST_F(NodeStopTest, AChildThatHasDisappearedIsNotSentSigkill) {
   setState(NodeState::RUNNING);
   processes_.zombie = [](int) { return "0\n"; };
   processes_.presence = [](int) { return "0\n"; };
@@ -243,7 +243,7 @@ TEST_F(NodeStopTest, APresenceCheckThatCannotRunIsSkippedForItsPass) {
 
 // ---- How a count is read.
 
-TEST_F(NodeStopTest, AFourDigitCountPassesForZero) {
+TEST_F(NodeStopTest, AFourDigitCountIsReadAsZero) {
   setState(NodeState::RUNNING);
   processes_.zombie = [](int) { return "0\n"; };
   processes_.presence = [](int) { return "1000\n"; };
@@ -466,7 +466,7 @@ class NodeStopChildTest : public ::testing::Test {
     ASSERT_EQ(::setenv("PATH", path.c_str(), 1), 0);
   }
 
-  /// The signal that ended the node's child; 0 when none did.
+  /// The signal that terminated the node's child; 0 if it exited.
   int signalOfChild() {
     const int status = children_.waitFor(node_.pid);
     return WIFSIGNALED(status) ? WTERMSIG(status) : 0;

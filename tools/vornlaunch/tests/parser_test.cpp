@@ -144,7 +144,7 @@ TEST_F(LaunchFileTest, AFileWithoutANodeOrVariableIsReadWithoutALine) {
   EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
-TEST_F(LaunchFileTest, ConfigureIsReadFirstWhereverItStands) {
+TEST_F(LaunchFileTest, ConfigureIsReadFirstInAnyPosition) {
   EXPECT_TRUE(
       parse("vornnode:\n"
             "  n: {path: tool}\n"
@@ -212,7 +212,7 @@ INSTANTIATE_TEST_SUITE_P(
                  kBadConversion}),
     [](const auto& test) { return test.param.name; });
 
-TEST_F(LaunchFileTest, AFaultyNodeIsNotRegisteredAndThoseBeforeItStay) {
+TEST_F(LaunchFileTest, AnInvalidNodeIsNotRegisteredButThoseBeforeItAre) {
   EXPECT_THROW(parse("vornnode:\n"
                      "  first: {path: /first}\n"
                      "  faulty: {path: /faulty, argv: -a, sleep: long}\n"
@@ -362,7 +362,7 @@ TEST_F(LaunchFileTest, NodeVariablesStayOutOfTheLaunchersEnvironment) {
   EXPECT_THAT(globalEnvironment(), IsEmpty());
 }
 
-TEST_F(LaunchFileTest, AnEnvironmentThatIsNoMappingGivesNoVariables) {
+TEST_F(LaunchFileTest, AnEnvironmentThatIsNotAMappingGivesNoVariables) {
   for (const char* const value : {"", "~", "text", "{}", "[]"}) {
     EXPECT_TRUE(parse("vornnode:\n  n:\n    path: /n\n    environment: " +
                       std::string(value) + "\n"));

@@ -225,7 +225,7 @@ pid_t sleepingChild() {
   });
 }
 
-/// A child that `signal` has ended.
+/// A child that `signal` has terminated.
 pid_t killedChild(int signal) {
   const pid_t pid = sleepingChild();
   (void)real.kill(pid, signal);
@@ -438,7 +438,7 @@ class SigtermTest : public HandleSignalTest {
     });
   }
 
-  /// What the child wrote, without the lines' beginnings.
+  /// The child's output, without the beginnings of the lines.
   Strings texts() const {
     Strings texts;
     std::string line;
@@ -454,7 +454,7 @@ class SigtermTest : public HandleSignalTest {
   static constexpr pid_t kUnkillable = 100'013;
 };
 
-TEST_F(SigtermTest, StopsEveryNodeInRegistryOrderWhateverItsState) {
+TEST_F(SigtermTest, StopsEveryNodeInAnyStateInRegistryOrder) {
   addNode("zeta", NodeState::RESTARTING, 0);
   addNode("alpha", NodeState::RUNNING, 100'011);
   addNode("idle", NodeState::STOPPED, 0);
@@ -591,7 +591,7 @@ TEST_F(ReapTest, PausesAMillisecondAfterEachOfSeveralChildren) {
                                  "waitid", "collect", "pause 1000", "waitid"));
 }
 
-TEST_F(ReapTest, ARunningChildIsLeftAloneWithoutALine) {
+TEST_F(ReapTest, ARunningChildIsNotTouchedOrLogged) {
   const pid_t pid = sleepingChild();
   handleSigchld();
   EXPECT_FALSE(isCollected(pid));
@@ -622,7 +622,7 @@ TEST_F(ReapTest, WithoutAnyChildWaitidFails) {
             logLine("ERROR", false, "reapOneProcess", "waitid failed"));
 }
 
-TEST_F(ReapTest, AnExitedNodeIsReportedAndTold) {
+TEST_F(ReapTest, AnExitedNodeIsLoggedAndUpdated) {
   const pid_t pid = exitedChild(7);
   const Node& node = addNode("worker", NodeState::RUNNING, pid);
   handleSigchld();
@@ -640,7 +640,7 @@ TEST_F(ReapTest, AnExitedNodeIsReportedAndTold) {
   EXPECT_TRUE(isCollected(pid));
 }
 
-TEST_F(ReapTest, AKilledNodeIsReportedWithItsSignalAndTold) {
+TEST_F(ReapTest, AKilledNodeIsLoggedWithItsSignalAndUpdated) {
   const pid_t pid = killedChild(SIGTERM);
   const Node& node = addNode("worker", NodeState::RUNNING, pid);
   handleSigchld();
@@ -702,7 +702,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Ending{"ExitStatusNine", CLD_EXITED, SIGKILL}),
     [](const auto& test) { return test.param.name; });
 
-TEST_F(ReapTest, TheZombieIsCollectedOnceAndOnlyAfterItsNodeWasTold) {
+TEST_F(ReapTest, TheZombieIsCollectedOnceAfterItsNodeIsUpdated) {
   const pid_t pid = exitedChild(0);
   const Node& node = addNode("worker", NodeState::RUNNING, pid);
   int collections = 0;

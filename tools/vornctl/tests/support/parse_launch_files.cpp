@@ -1,6 +1,6 @@
-// Prints what the launcher's own parser makes of launch files, one JSON
-// document a line: parse_launch_files FILE... A file that ends the launcher has
-// the text of the exception. Each is read by a process of its own, since
+// Prints the results of the launcher's own parser for launch files, one JSON
+// document per line: parse_launch_files FILE... A file that aborts the launcher
+// has the text of the exception. A separate process reads each file, because
 // settings, the environment and the installation root live as long as the
 // process.
 
@@ -55,7 +55,7 @@ void parse(const std::string& path) {
             << std::endl;
 }
 
-/// Whether the file was parsed, whatever came of it.
+/// Whether the file was parsed, with any result.
 bool parseApart(const std::string& path) {
   const pid_t child = ::fork();
   if (child == 0) {

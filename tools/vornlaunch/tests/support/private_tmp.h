@@ -11,10 +11,10 @@
 
 namespace vorn::test {
 
-/// Moves this process permanently into a mount namespace of its own whose /tmp
-/// is empty, so that the launcher's fixed paths there are the test's alone.
-/// Without the privilege a user namespace provides it. Returns the empty text,
-/// or a sentence that tells why it is not permitted here.
+/// Moves this process permanently into a mount namespace of its own with an
+/// empty /tmp, so that only the test uses the launcher's fixed paths there.
+/// Without privileges, uses a user namespace. Returns the empty text, or a
+/// sentence with the reason for the refusal.
 inline std::string enterPrivateTmp() {
   const auto refusal = [](const std::string& call) {
     return "A private /tmp needs " + call + ": " + std::strerror(errno) + '.';
@@ -29,7 +29,7 @@ inline std::string enterPrivateTmp() {
     std::ofstream("/proc/self/uid_map") << uid_map;
     std::ofstream("/proc/self/gid_map") << gid_map;
   }
-  // Nothing mounted here may reach the namespace that we come from.
+  // Mounts must not propagate to the original namespace.
   if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == -1) {
     return refusal("private mount points");
   }

@@ -19,13 +19,13 @@ namespace vorn::test {
 
 using Calls = std::vector<std::string>;
 
-/// The calls by which a node deals with processes, faked and written down in
-/// their order: no process is made or signalled, no time passes. As long as
-/// nothing else is asked for, every file exists, every fork succeeds and every
-/// signalled child is a zombie at the first look.
+/// Fakes the calls with which a node controls processes, and records them in
+/// their order: no process is created or signalled, no time passes. By default
+/// every file exists, every fork succeeds and every signalled child is a zombie
+/// at the first check.
 class ProcessCalls {
  public:
-  /// What a command prints; nothing when it cannot be started.
+  /// The output of a command; none if it cannot be started.
   using Answer = std::optional<std::string>;
 
   ProcessCalls() {
@@ -63,7 +63,7 @@ class ProcessCalls {
   /// "kill PID TERM", "popen MODE COMMAND", "pclose".
   const Calls& calls() const { return calls_; }
 
-  /// How often `call` was made.
+  /// The number of times `call` was made.
   size_t count(const std::string& call) const {
     size_t number = 0;
     for (const std::string& made : calls_) number += made == call ? 1 : 0;
@@ -115,7 +115,7 @@ inline std::string presenceCheckCall(pid_t pid) {
   return "popen r ps -A -o stat,pid | grep -c \"" + std::to_string(pid) + '"';
 }
 
-/// A stop whose child is a zombie at the first look.
+/// A stop whose child is a zombie at the first check.
 inline Calls stopCalls(pid_t pid) {
   const std::string number = std::to_string(pid);
   return {"kill " + number + " TERM", zombieCheckCall(pid), "pclose",

@@ -13,9 +13,9 @@
 
 namespace vorn::test {
 
-/// What the launcher's code calls in place of a system call; an empty function
-/// is the real call. The linker leads the calls here, the shipped code has no
-/// hooks. A replacement that lets the call happen uses `real`.
+/// Replacements of the system calls that the launcher's code makes; an empty
+/// function is the real call. The linker redirects the calls; the shipped code
+/// has no hooks. A replacement that makes the real call uses `real`.
 struct SystemCalls {
   std::function<int(int)> epoll_create1;
   std::function<int(int, int, int, epoll_event*)> epoll_ctl;
