@@ -31,6 +31,7 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests"))
 
+from support import log_texts
 from support.control import Cmd, Result, State  # noqa: E402
 from support.log import parse_log  # noqa: E402
 from support.machine import Machine  # noqa: E402
@@ -240,11 +241,11 @@ class Supervision:
         elif line.level == "ERROR":
             self.errors.append(f"{line.func}: {line.text}")
         elif line.func == "startInternal":
-            if match := re.fullmatch(r"Node start '(.+)' ok", line.text):
+            if match := re.fullmatch(log_texts.started(r"(.+)"), line.text):
                 self._take_start(match[1], when)
             elif match := re.fullmatch(r"(.+) sleep \d+ms", line.text):
                 self._begun[match[1]] = when
-        elif match := re.fullmatch(r"Node '(.+)' ready to restarting", line.text):
+        elif match := re.fullmatch(log_texts.ready_to_restart(r"(.+)"), line.text):
             due = max(self._started[match[1]] + RESTART_INTERVAL, when)
             self._due[match[1]] = due
             self.exits += 1

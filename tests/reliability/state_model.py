@@ -14,6 +14,8 @@ node; commands and `required` go by name.
 
 import collections
 
+from support import log_texts
+
 STOPPED, RUNNING, RESTARTING, DISABLED = "STOPPED RUNNING RESTARTING DISABLED".split()
 SUCCESS, NOT_FOUND, FAILED = "SUCCESS NOT_FOUND FAILED".split()
 
@@ -212,7 +214,7 @@ class Model:
         if not node.autostart:
             node.autostart = True
             self._row(node, "start, not autostart", node.state,
-                      "WARN", f"{said} is not autostart")
+                      "WARN", log_texts.not_autostart(node.name))
             return False
         if node.state == RUNNING:
             self._row(node, "start, already running", RUNNING,
@@ -221,7 +223,7 @@ class Model:
         if program == "gone":
             node.disabled = True
             self._row(node, "start, no program", DISABLED,
-                      "ERROR", f"Can't find file: {node.path}")
+                      "ERROR", log_texts.executable_missing(node.path))
             return False
         if self.refused == "fork":
             node.process = None
@@ -233,7 +235,7 @@ class Model:
         node.started_ms = self.clock_ms
         node.start_seconds = self.wall_clock_ms // 1000
         self.processes.append(node.process)
-        self._row(node, "start", RUNNING, "INFO", f"Node start '{node.name}' ok")
+        self._row(node, "start", RUNNING, "INFO", log_texts.started(node.name))
         return True
 
     def _stop(self, node):
@@ -303,20 +305,22 @@ class Model:
         return True
 
     def _exit(self, node):
-        said, log = f"Node '{node.name}'", self.exit_events
+        log = self.exit_events
         node.process = None
         if node.oneshot:
             node.disabled = True
-            log.append(("WARN", f"{said} disabled - oneshot!"))
-            self._row(node, "exit, oneshot", DISABLED, "WARN", f"{said} disabled!", log)
+            log.append(("WARN", log_texts.disabled_as_oneshot(node.name)))
+            self._row(node, "exit, oneshot", DISABLED,
+                      "WARN", log_texts.disabled(node.name), log)
         elif node.disabled:
             self._row(node, "exit, disabled", DISABLED,
-                      "WARN", f"{said} disabled!", log)
+                      "WARN", log_texts.disabled(node.name), log)
         elif node.stopped:
-            self._row(node, "exit, stopped", STOPPED, "WARN", f"{said} stoped", log)
+            self._row(node, "exit, stopped", STOPPED,
+                      "WARN", log_texts.stopped(node.name), log)
         else:
             self._row(node, "exit", RESTARTING,
-                      "INFO", f"{said} ready to restarting", log)
+                      "INFO", log_texts.ready_to_restart(node.name), log)
 
     # -- The loop.
 

@@ -25,6 +25,7 @@ import threading
 import time
 
 import pytest
+from support import log_texts
 from support.control import REQUEST, RESPONSE, Cmd, Response, Result, State
 from support.control import exchange, pack_request, read_exactly
 from support.control import read_until_end, unpack_response
@@ -51,12 +52,12 @@ KNOWN_TEXT = re.compile("|".join([
     f"ssi_signo: {NUMBER}",
     f"si_pid: {NUMBER}, si_code: {NUMBER}, si_status: {NUMBER}",
     f"{NAME} (exited with status|receive signal): {NUMBER}\\.",
-    "waitid failed",
+    log_texts.WAITID_FAILED,
     f"control cmd: {NUMBER}",
     f"unknow cmd: {NUMBER}",
     f"received: {NUMBER} expected: 132 errno: {NUMBER}",
     f"send fail, size: {NUMBER}",
-    "poll timeout",
+    log_texts.POLL_TIMEOUT,
 ]))
 
 
@@ -275,7 +276,8 @@ def test_a_mebibyte_in_one_go_is_served_from_its_beginning(launcher, reads):
             client.sendall(pack_request(Cmd.ENABLE, "worker") + stops)
         if reads:
             assert unpack_response(read_exactly(client, RESPONSE.size)) == SUCCESS
-    assert count_texts(launcher) - before == {"control cmd: 5": 1, "poll timeout": 1}
+    assert count_texts(launcher) - before == {
+        log_texts.command(Cmd.ENABLE): 1, log_texts.POLL_TIMEOUT: 1}
 
 
 # -- Clients that do not close, or close only one direction.
@@ -291,14 +293,15 @@ def test_each_client_that_stays_costs_one_poll_timeout(launcher, reads, is_long)
             client.sendall(pack_request(Cmd.ENABLE, "worker"))
             if reads:
                 assert unpack_response(read_exactly(client, RESPONSE.size)) == SUCCESS
-        launcher.wait_for_log("poll timeout", before["poll timeout"] + count)
+        launcher.wait_for_log(
+            log_texts.POLL_TIMEOUT, before[log_texts.POLL_TIMEOUT] + count)
         wait_until_idle(launcher)
         assert count_texts(launcher) - before == {
-            "control cmd: 5": count, "poll timeout": count}
+            log_texts.command(Cmd.ENABLE): count, log_texts.POLL_TIMEOUT: count}
 
 
 @pytest.mark.parametrize("direction,reply,line", [
-    (socket.SHUT_WR, SUCCESS, "poll timeout"),
+    (socket.SHUT_WR, SUCCESS, log_texts.POLL_TIMEOUT),
     (socket.SHUT_RD, None, "send fail, size: -1"),
     (socket.SHUT_RDWR, None, "send fail, size: -1"),
 ], ids=["writing", "reading", "both"])
@@ -313,12 +316,12 @@ def test_a_client_that_shuts_down_its_side_is_served(
         assert (unpack_response(data) if data else None) == reply
         wait_until_idle(launcher)
     assert count_texts(launcher) - before == {
-        "received: 0 expected: 132": 1, "control cmd: 5": 1, line: 1}
+        "received: 0 expected: 132": 1, log_texts.command(Cmd.ENABLE): 1, line: 1}
 
 
 @pytest.mark.parametrize("cmd,state,line", [
-    (Cmd.STOP, State.STOPPED, "Node 'slow' stoped"),
-    (Cmd.DISABLE, State.DISABLED, "Node 'slow' disabled!"),
+    (Cmd.STOP, State.STOPPED, log_texts.stopped("slow")),
+    (Cmd.DISABLE, State.DISABLED, log_texts.disabled("slow")),
     (Cmd.RESTART, State.RUNNING, "Node 'slow' success"),
 ], ids=lambda x: x.name if isinstance(x, Cmd) else "")
 def test_a_client_that_leaves_during_a_stop_does_not_abort_it(
@@ -410,7 +413,7 @@ def test_every_byte_of_a_name_is_used_unchanged(launcher):
         assert launcher.request(cmd, name) == NOT_FOUND, (cmd, name)
     wait_until_idle(launcher)
     new = count_texts(launcher) - before
-    del new["poll timeout"]  # a busy machine may keep a client from closing
+    del new[log_texts.POLL_TIMEOUT]  # a busy machine may keep a client from closing
     assert connections(new) == new.total() == len(names)
 
 
@@ -453,7 +456,7 @@ def expected_outcome(data):
     if len(data) < REQUEST.size:
         return [f"received: {len(data)} expected: 132"], None
     [cmd] = struct.unpack_from("=i", data)
-    lines = [f"control cmd: {cmd}"]
+    lines = [log_texts.command(cmd)]
     if 0 <= cmd <= 5:
         return lines, NOT_FOUND
     return lines + [f"unknow cmd: {cmd}"], None
@@ -481,7 +484,7 @@ def test_every_random_request_has_its_expected_outcome(launcher, seed, is_long):
     wait_until_idle(launcher)
     texts = [re.sub(r" errno: \d+$", "", x.text) for x in launcher.log()[known:]]
     # A busy machine may keep a client from closing in time.
-    assert [x for x in texts if x != "poll timeout"] == expected_lines
+    assert [x for x in texts if x != log_texts.POLL_TIMEOUT] == expected_lines
 
 
 # -- Descriptors, out-of-band data and other users.
@@ -510,7 +513,7 @@ def test_descriptors_passed_with_a_request_are_not_kept(launcher, length):
 
 def test_descriptors_passed_with_a_start_do_not_reach_the_child(launcher):
     assert launcher.request(Cmd.STOP, "worker") == SUCCESS
-    launcher.wait_for_log("Node 'worker' stoped")
+    launcher.wait_for_log(log_texts.stopped("worker"))
     reading, writing = os.pipe()
     with launcher.connect() as client:
         socket.send_fds(client, [pack_request(Cmd.START, "worker")],
@@ -702,8 +705,8 @@ def test_many_requests_leave_one_line_each_and_nothing_else(launcher, is_long):
     rate = total / (time.monotonic() - begin)
     wait_until_idle(launcher)
     new = count_texts(launcher) - before
-    del new["poll timeout"]  # a busy machine may keep a client from closing
-    assert new == {"control cmd: 3": total}
+    del new[log_texts.POLL_TIMEOUT]  # a busy machine may keep a client from closing
+    assert new == {log_texts.command(Cmd.STATUS): total}
     # The sanitizer delays the release of memory, to detect uses after free.
     if not launcher.sanitized:
         assert max(samples) - samples[0] <= 64, samples

@@ -15,6 +15,7 @@ import threading
 import time
 
 import pytest
+from support import log_texts
 from support.control import Cmd, Result, State, pack_request, read_exactly
 from support.control import unpack_response
 from support.process_tree import ProcessTree, children_of, has_ended, is_stopped
@@ -154,8 +155,8 @@ def test_children_that_die_together_are_each_restarted_once(machine, is_long, ho
         end = "exited with status: 0." if how == "exit" else "receive signal: 9."
         for name in names:
             assert texts[f"'{name}' {end}"] == 1
-            assert texts[f"Node '{name}' ready to restarting"] == 1
-            assert texts[f"Node start '{name}' ok"] == 1
+            assert texts[log_texts.ready_to_restart(name)] == 1
+            assert texts[log_texts.started(name)] == 1
         assert log.collected() == collections.Counter(before.values())
         tree.wait_until_no_zombie_is_left()
         after = [machine.status(name) for name in names]
@@ -226,7 +227,7 @@ def test_fork_bombs_lose_no_exit_no_restart_and_no_reply(machine, is_long):
     longest = 0.0
     for name in quitters:
         # Each start had one exit, and each exit a restart or the stop.
-        starts = [x for x in log.lines() if x.text == f"Node start '{name}' ok"]
+        starts = [x for x in log.lines() if x.text == log_texts.started(name)]
         ends = sum(count for text, count in texts.items()
                    if text.startswith((f"'{name}' exited", f"'{name}' receive")))
         assert ends == len(starts)
@@ -276,7 +277,7 @@ def test_a_flood_of_sigpipe_only_adds_log_lines(machine, is_long):
     assert answers == rounds
     log.wait_for_starts(3)
     assert log.collected() == {first: 1}
-    assert log.texts()["epoll_wait failed."] > 0
+    assert log.texts()[log_texts.EVENT_WAIT_FAILED] > 0
     figure(f"{50 * rounds} SIGPIPE: {log.texts()['epoll_wait failed.']} waits "
            f"interrupted, {rounds} clients gone, {answers} requests answered")
     commands_are_obeyed(machine, tree, "worker")
@@ -386,7 +387,7 @@ def test_signals_that_the_system_ignores_are_not_even_logged(machine):
         tree.signal(number)
     supervision_goes_on(machine, tree, "worker")
     assert log.raw().startswith(before)
-    assert "epoll_wait failed." not in log.texts()
+    assert log_texts.EVENT_WAIT_FAILED not in log.texts()
     ends_on_sigterm(machine, tree)
 
 
@@ -529,8 +530,8 @@ def test_sigint_during_start_up_shortens_one_sleep_and_every_node_starts(machine
     tree.signal(signal.SIGINT)
     assert machine.wait() == 0
     lines = {line.text: line for line in log.lines()}
-    assert "Node start 'first' ok" in lines
-    nap, start = lines["second sleep 500ms"], lines["Node start 'second' ok"]
+    assert log_texts.started("first") in lines
+    nap, start = lines["second sleep 500ms"], lines[log_texts.started("second")]
     assert start.seconds - nap.seconds >= 0.499
     eventually(lambda: len([p for p in machine.processes()
                             if p.argv == SLEEPER_ARGV]) == 2, "both run on")
@@ -616,8 +617,8 @@ def test_a_suspended_node_is_killed_at_the_end_of_its_stop(machine):
     os.kill(child, signal.SIGSTOP)
     eventually(lambda: is_stopped(child), "the node is stopped")
     assert machine.request(Cmd.STOP, "worker").result == Result.SUCCESS
-    eventually(lambda: log.texts()["Node 'worker' stoped"], "it is collected")
-    assert log.texts()["'worker' receive signal: 9."] == 1
+    eventually(lambda: log.texts()[log_texts.stopped("worker")], "it is collected")
+    assert log.texts()[log_texts.killed("worker", 9)] == 1
     assert tree.children() == []
 
 
@@ -726,8 +727,8 @@ def test_a_slow_reader_gets_whole_lines_though_signals_interrupt_the_writes(mach
     reading.join()
     os.close(reader)
     lines = lines_of(b"".join(pieces).decode())
-    assert count(lines, "control cmd: 5") == 300
-    assert count(lines, "epoll_wait failed.") > 0
+    assert count(lines, log_texts.command(Cmd.ENABLE)) == 300
+    assert count(lines, log_texts.EVENT_WAIT_FAILED) > 0
     assert lines[-1].text == "ssi_signo: 15"
 
 
@@ -739,14 +740,15 @@ def test_a_reader_that_returns_gets_whole_lines_again(machine):
     machine.start(sleepers("worker"), stderr=writer)
     os.close(writer)
     tree = ProcessTree(machine)
-    assert "Node start 'worker' ok" in os.read(reader, 65536).decode()
+    assert log_texts.started("worker") in os.read(reader, 65536).decode()
     os.close(reader)
     supervision_goes_on(machine, tree, "worker")
     reader = os.open(pipe, os.O_RDONLY | os.O_NONBLOCK)
     assert machine.request(Cmd.ENABLE, "worker").result == Result.SUCCESS
     ends_on_sigterm(machine, tree)
     lines = lines_of(os.read(reader, 65536).decode())
-    assert [line.text for line in lines] == ["control cmd: 5", "ssi_signo: 15"]
+    assert [line.text for line in lines] == [
+        log_texts.command(Cmd.ENABLE), "ssi_signo: 15"]
     os.close(reader)
 
 
@@ -775,7 +777,7 @@ def test_a_full_disk_loses_only_lines_and_the_next_one_is_whole(machine):
         # After a torn line the next begins on a line of its own.
         assert more.startswith("\n") == (not full.endswith("\n"))
         [line] = lines_of(more.removeprefix("\n"))
-        assert line.text == "control cmd: 5"
+        assert line.text == log_texts.command(Cmd.ENABLE)
     machine.run("sh", "-c", "cat /dev/zero 2>&- >/tmp/disk/fill", check=False)
     supervision_goes_on(machine, tree, "worker")
     ends_on_sigterm(machine, tree)
@@ -844,7 +846,7 @@ def test_without_processes_starts_fail_and_stops_time_out(machine, as_user):
     texts = log.texts()
     assert texts["name: starting fork failed."] == 1
     assert texts["name: crashing fork failed."] == 1
-    assert texts["Node 'stopping' stoped"] == 1
+    assert texts[log_texts.stopped("stopping")] == 1
     for name in ("crashing", "stopping", "starting"):
         assert machine.request(Cmd.START, name).result == Result.SUCCESS
         assert machine.status(name).state == State.RUNNING

@@ -21,6 +21,7 @@ import warnings
 
 import pytest
 
+from support import log_texts
 from support.control import Cmd, Result, State, pack_request
 from support.blocking import held
 from support.machine import Machine
@@ -99,7 +100,7 @@ class Fall:
 
     def is_over(self, machine, clients):
         del clients
-        return len(machine.log_lines("Node start 'first' ok")) == 2
+        return len(machine.log_lines(log_texts.started("first"))) == 2
 
 
 @dataclasses.dataclass(frozen=True)
@@ -421,7 +422,7 @@ def test_a_second_launcher_takes_only_the_socket_of_the_first(machine):
     first = machine.process
     old = running(machine, machine.status("stay").pid)
     machine.start_again(wait_until_up=False)
-    machine.wait_for_log("Node start 'stay' ok", count=2)
+    machine.wait_for_log(log_texts.started("stay"), count=2)
     assert machine.pid != first.pid
     new = running(machine, machine.status("stay").pid)
     assert new.pid != old.pid and new.parent == machine.process.host_pid
@@ -429,9 +430,9 @@ def test_a_second_launcher_takes_only_the_socket_of_the_first(machine):
 
     # The first launcher has no clients any more, and continues to supervise its node.
     old.signal(signal.SIGKILL)
-    ready = machine.wait_for_log("Node 'stay' ready to restarting")
+    ready = machine.wait_for_log(log_texts.ready_to_restart("stay"))
     assert [line.pid for line in ready] == [first.pid]
-    started = machine.wait_for_log("Node start 'stay' ok", count=3)
+    started = machine.wait_for_log(log_texts.started("stay"), count=3)
     assert [line.pid for line in started] == [first.pid, machine.pid, first.pid]
     assert machine.status("stay").pid == new.pid
     first.signal(signal.SIGTERM)
@@ -447,7 +448,7 @@ def test_the_next_launcher_creates_a_removed_socket_directory(machine):
     with pytest.raises(FileNotFoundError):
         machine.connect()
     old.signal(signal.SIGKILL)
-    machine.wait_for_log("Node start 'stay' ok", count=2)
+    machine.wait_for_log(log_texts.started("stay"), count=2)
     assert not (machine.tmp / "vornlaunch").exists()
 
     machine.signal(signal.SIGKILL)

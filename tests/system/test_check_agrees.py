@@ -10,6 +10,7 @@ import subprocess
 import pytest
 
 import support
+from support import log_texts
 from support.launch_files import generated, hand_made
 from support.log import parse_log
 from support.machine import PYTHON
@@ -182,7 +183,7 @@ def expected_starts(reading):
         if node["disabled"]["value"]:
             continue
         if not node["autostart"]["value"]:
-            patterns.append(f"Node '{name}' is not autostart")
+            patterns.append(log_texts.not_autostart(name))
             continue
         slept = ""
         if node["sleepMs"]["value"]:

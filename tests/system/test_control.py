@@ -4,6 +4,7 @@ import signal
 import time
 
 import pytest
+from support import log_texts
 from support.control import TIMEOUT, Cmd, Result, State
 from support.control import pack_request, read_exactly, read_until_end
 from support.control import unpack_response
@@ -35,7 +36,7 @@ def test_a_reply_contains_only_the_result(machine, cmd):
     with machine.connect() as client:
         client.sendall(pack_request(cmd, "worker"))
         assert read_exactly(client, 24) == bytes(24)
-    [line] = machine.log_lines(f"control cmd: {int(cmd)}")
+    [line] = machine.log_lines(log_texts.command(cmd))
     assert line.head[:3] == ("INFO", False, "controlHandler")
 
 
@@ -53,10 +54,10 @@ def test_a_silent_client_blocks_the_launcher_until_it_disconnects(machine):
         lines = len(machine.log())
     with second:
         assert unpack_response(read_exactly(second, 24)).pid == child.pid
-    machine.wait_for_log("Node 'worker' ready to restarting")
+    machine.wait_for_log(log_texts.ready_to_restart("worker"))
     texts = [x.text for x in machine.log()[lines:]]
     assert texts[0].startswith("received: 0 expected: 132 errno: ")
-    assert texts[1] == "control cmd: 3"
+    assert texts[1] == log_texts.command(Cmd.STATUS)
 
 
 def test_a_child_started_by_start_keeps_the_connection_open(machine):

@@ -7,6 +7,7 @@ import signal
 
 import pytest
 
+from support import log_texts
 from support.control import REQUEST, RESPONSE, State
 from support.start_time import RESTART_TICKS, wait_for_start
 from support.waiting import eventually
@@ -81,13 +82,13 @@ def test_prepare_runs_once_and_is_disabled(demo):
     lamp, _ = wait_for_start(demo, "lamp")
     wait_for_start(demo, "lamp", other_than=lamp)
     assert demo.stdout().count("prepare: /tmp/vornlaunch-demo is ready\n") == 1
-    assert len(demo.log_lines("Node start 'prepare' ok")) == 1
+    assert len(demo.log_lines(log_texts.started("prepare"))) == 1
     assert demo.status("prepare").state == State.DISABLED
 
 
 def test_the_lamp_fails_and_restarts_at_the_earliest_5_s_after_its_start(demo):
     broken, first_start = wait_for_start(demo, "lamp")
-    demo.wait_for_log("'lamp' exited with status: 3.")
+    demo.wait_for_log(log_texts.exited("lamp", 3))
     _, next_start = wait_for_start(demo, "lamp", other_than=broken)
     assert next_start - first_start >= RESTART_TICKS
     wait_for_line(demo, "lamp: on", count=2)

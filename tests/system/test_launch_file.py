@@ -4,6 +4,7 @@ import signal
 
 import pytest
 
+from support import log_texts
 from support.control import Cmd, Result, State
 from support.waiting import eventually
 
@@ -123,11 +124,11 @@ def fixture_example(machine):
 
 def test_the_complete_example_starts_as_documented(example):
     assert texts(example, "startInternal") == [
-        "Node start 'controller' ok",
+        log_texts.started("controller"),
         "planner sleep 1500ms",
-        "Node start 'planner' ok",
-        "Node 'monitor' is not autostart",
-        "Node start 'calibrate' ok",
+        log_texts.started("planner"),
+        log_texts.not_autostart("monitor"),
+        log_texts.started("calibrate"),
     ]
     assert arguments_of(example, "controller") == [
         "/tmp/local/controller", "--rate", "500", "--log-level", "2",
@@ -141,7 +142,7 @@ def test_the_complete_example_starts_as_documented(example):
     assert planner["__VORN_NODE_NAME__"] == "planner(vornlaunch)"
     assert "PLANNER_MODE" not in child_of(example, "controller").environment
     assert example.status("monitor").state == State.STOPPED
-    example.wait_for_log("Node 'calibrate' disabled - oneshot!")
+    example.wait_for_log(log_texts.disabled_as_oneshot("calibrate"))
     assert example.status("calibrate").state == State.DISABLED
 
 

@@ -3,6 +3,7 @@
 import signal
 
 import pytest
+from support import log_texts
 from support.control import Cmd, Result, State, pack_request, read_exactly
 from support.trace import QUICK, calls
 from support.waiting import eventually
@@ -36,10 +37,10 @@ def test_a_non_executable_file_exits_with_127_and_is_tried_again(machine, kind):
     else:
         machine.file("program", "#!/bin/sh\n", mode=0o644)
     machine.start({"vornnode": {"worker": {"path": "/tmp/program"}}})
-    machine.wait_for_log("Node 'worker' ready to restarting")
-    [exited] = machine.log_lines("'worker' exited with status: 127.")
+    machine.wait_for_log(log_texts.ready_to_restart("worker"))
+    [exited] = machine.log_lines(log_texts.exited("worker", 127))
     assert exited.head[:3] == ("INFO", False, "reapOneProcess")
-    [started] = machine.log_lines("Node start 'worker' ok")
+    [started] = machine.log_lines(log_texts.started("worker"))
     assert started.head[:3] == ("INFO", True, "startInternal")
     [failed] = machine.log_lines("Can't execv /tmp/program")
     assert (failed.level, failed.event) == ("ERROR", True)
@@ -54,10 +55,10 @@ def test_a_child_that_obeys_sigterm_is_sent_sigkill_as_a_zombie(machine):
     machine.start(worker(machine), strace=[QUICK, "-e", "trace=kill"])
     pid = machine.status("worker").pid
     assert machine.request(Cmd.STOP, "worker").result == Result.SUCCESS
-    machine.wait_for_log("Node 'worker' stoped")
-    assert ("WARN", True, "reap", "Node 'worker' stoped") in machine.heads()
+    machine.wait_for_log(log_texts.stopped("worker"))
+    assert ("WARN", True, "reap", log_texts.stopped("worker")) in machine.heads()
     assert ("INFO", False, "reapOneProcess",
-            "'worker' receive signal: 15.") in machine.heads()
+            log_texts.killed("worker", 15)) in machine.heads()
     # The second one succeeded: the child had not been collected yet.
     assert calls(machine, "kill") == [
         f"kill({pid}, SIGTERM) = 0", f"kill({pid}, SIGKILL) = 0"]
@@ -108,7 +109,7 @@ def test_a_restart_gives_a_new_pid_and_collects_the_old_child_silently(machine):
 def test_a_disabled_node_starts_again_only_after_an_enable(machine):
     machine.start(worker(machine))
     machine.request(Cmd.DISABLE, "worker")
-    machine.wait_for_log("Node 'worker' disabled!")
+    machine.wait_for_log(log_texts.disabled("worker"))
     assert machine.request(Cmd.START, "worker").result == Result.FAILED
     assert machine.status("worker").state == State.DISABLED
 

@@ -11,6 +11,7 @@ import threading
 
 import pytest
 
+from support import log_texts
 from support.control import REQUEST, RESPONSE, Cmd, State
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2] / "libvornclient/vornctl.py"
@@ -110,7 +111,7 @@ def test_an_unknown_node_is_an_exception(launcher):
 def test_the_launcher_sees_a_client_that_closes_at_once(machine, launcher):
     for _ in range(50):
         launcher.status("worker")
-    assert machine.log_lines("poll timeout") == []
+    assert machine.log_lines(log_texts.POLL_TIMEOUT) == []
 
 
 def test_many_calls_leave_no_descriptor_open(launcher):

@@ -7,6 +7,7 @@ import signal
 
 import pytest
 
+from support import log_texts
 from support.control import Cmd, Result, State
 from support.start_time import RESTART_TICKS, wait_for_start
 from support.waiting import eventually
@@ -136,7 +137,7 @@ def wait_for_answer(machine, server):
 def wait_for_two_restarts_of_the_crasher(machine):
     """Waits until two rounds of restarts have passed. The crasher is the last node:
     other nodes are restarted before it."""
-    text = "Node start 'crasher' ok"
+    text = log_texts.started("crasher")
     machine.wait_for_log(text, len(machine.log_lines(text)) + 2)
 
 
@@ -159,7 +160,7 @@ def test_after_a_kill_it_restarts_5_s_after_its_start_and_answers(machine, serve
     launch(machine, server)
     killed, first_start = wait_for_start(machine, server.name)
     kill(machine, killed)
-    machine.wait_for_log(f"'{server.name}' receive signal: 9.")
+    machine.wait_for_log(log_texts.killed(server.name, 9))
     _, next_start = wait_for_start(machine, server.name, other_than=killed)
     assert next_start - first_start >= RESTART_TICKS
     wait_for_answer(machine, server)

@@ -6,6 +6,7 @@ import pty
 import signal
 
 import pytest
+from support import log_texts
 from support.control import Cmd, Result
 from support.blocking import held, start_signalled_while_reading
 from support.blocking import wait_until_blocked, wait_until_idle
@@ -70,7 +71,7 @@ def test_sigterm_before_the_signals_are_routed_leaves_the_children(machine):
     assert machine.wait() == 0
     # The nodes are started, then the loop is not entered.
     assert machine.heads()[-1] == (
-        "INFO", True, "startInternal", "Node start 'worker' ok")
+        "INFO", True, "startInternal", log_texts.started("worker"))
     assert machine.stdout() == handled_with(signal.SIGTERM)
     eventually(lambda: [p for p in machine.processes() if p.argv == ["sleep", "1000"]],
                "the child runs on")
@@ -87,7 +88,7 @@ def test_a_fatal_signal_interrupts_the_wait_and_ends_the_loop(machine, number):
     machine.signal(number)
     assert machine.wait() == 0
     assert machine.stdout() == handled_with(number)
-    assert machine.heads()[-1] == ("ERROR", False, "wait", "epoll_wait failed.")
+    assert machine.heads()[-1] == ("ERROR", False, "wait", log_texts.EVENT_WAIT_FAILED)
     assert machine.is_alive(child)
 
 
@@ -129,8 +130,8 @@ def test_a_fatal_signal_takes_effect_after_the_whole_batch(machine):
         assert machine.wait() == 0
     # Both descriptors were ready at once, so both handlers have run. The failed
     # wait is the one that the stop had interrupted.
-    assert machine.log_lines("'worker' receive signal: 9.")
-    assert len(machine.log_lines("epoll_wait failed.")) == 1
+    assert machine.log_lines(log_texts.killed("worker", 9))
+    assert len(machine.log_lines(log_texts.EVENT_WAIT_FAILED)) == 1
 
 
 @pytest.mark.parametrize("first", ["exit", "connection"])
@@ -153,9 +154,9 @@ def test_a_batch_is_served_in_the_order_of_its_events(machine, first):
         machine.signal(signal.SIGCONT)
         # The silent client blocks all later events.
         wait_until_blocked(machine, "unix_stream")
-        is_reaped = bool(machine.log_lines("'worker' receive signal: 9."))
+        is_reaped = bool(machine.log_lines(log_texts.killed("worker", 9)))
         assert is_reaped == (first == "exit")
-    machine.wait_for_log("Node 'worker' ready to restarting")
+    machine.wait_for_log(log_texts.ready_to_restart("worker"))
 
 
 def test_sigint_during_the_sleep_of_a_node_shortens_it(machine):
@@ -165,7 +166,7 @@ def test_sigint_during_the_sleep_of_a_node_shortens_it(machine):
     machine.signal(signal.SIGINT)
     assert machine.wait() == 0
     assert machine.heads()[-1] == (
-        "INFO", True, "startInternal", "Node start 'worker' ok")
+        "INFO", True, "startInternal", log_texts.started("worker"))
     eventually(lambda: [p for p in machine.processes() if p.argv == ["sleep", "1000"]],
                "the child runs on")
 
@@ -174,7 +175,7 @@ def test_sigpipe_neither_terminates_the_launcher_nor_prints(machine):
     machine.start({})
     wait_until_idle(machine)
     machine.signal(signal.SIGPIPE)
-    machine.wait_for_log("epoll_wait failed.")
+    machine.wait_for_log(log_texts.EVENT_WAIT_FAILED)
     assert machine.request(Cmd.STATUS, "nobody").result == Result.NOT_FOUND
     machine.signal(signal.SIGINT)
     assert machine.wait() == 0

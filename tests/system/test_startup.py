@@ -6,6 +6,7 @@ import subprocess
 
 import pytest
 
+from support import log_texts
 from support.control import Result, State
 from support.trace import launcher_calls, parse_trace, sa_flags
 from support.waiting import eventually
@@ -281,7 +282,7 @@ def test_without_an_event_loop_the_launcher_exits_with_status_0(machine):
 def test_the_launcher_runs_on_without_supervision(machine):
     machine.start(worker(machine), strace=["-e", "inject=signalfd4:error=EMFILE"])
     failed = ("ERROR", False, "installSignalHandler", "Failed to create signalfd")
-    started = ("INFO", True, "startInternal", "Node start 'worker' ok")
+    started = ("INFO", True, "startInternal", log_texts.started("worker"))
     heads = machine.heads()
     assert heads.index(failed) < heads.index(started)
     status = machine.status("worker")
@@ -296,7 +297,7 @@ def test_the_launcher_runs_on_without_supervision(machine):
 def test_the_launcher_continues_without_a_control_socket(machine):
     (machine.tmp / "vornlaunch/vornlaunch.sock").mkdir(parents=True)
     machine.start(worker(machine), wait_until_up=False)
-    machine.wait_for_log("Node start 'worker' ok")
+    machine.wait_for_log(log_texts.started("worker"))
     assert [head for head in machine.heads() if head[0] != "INFO"] == [
         ("ERROR", False, "createSocket",
          "Failed to unlink old socket 'vornlaunch.sock': Is a directory")
@@ -307,7 +308,7 @@ def test_the_launcher_continues_without_a_control_socket(machine):
         "the worker runs",
     )
     child.signal(signal.SIGKILL)
-    machine.wait_for_log("Node 'worker' ready to restarting")
+    machine.wait_for_log(log_texts.ready_to_restart("worker"))
     machine.signal(signal.SIGTERM)
     assert machine.wait() == 0
 
@@ -355,8 +356,8 @@ def test_a_launcher_with_a_waiting_node_checks_it_every_second(machine):
         {"vornnode": {"second-try": {"path": "/tmp/bin/second-try"}}},
         strace=["-e", "trace=epoll_wait"],
     )
-    machine.wait_for_log("Node 'second-try' ready to restarting")
-    machine.wait_for_log("Node start 'second-try' ok", count=2)
+    machine.wait_for_log(log_texts.ready_to_restart("second-try"))
+    machine.wait_for_log(log_texts.started("second-try"), count=2)
     assert machine.status("second-try").state == State.RUNNING
 
     def waits_again_without_a_limit():

@@ -4,6 +4,7 @@ import re
 
 import pytest
 
+from support import log_texts
 from support.control import Cmd, State
 from support.vornctl import VORNCTL, on_terminal
 from support.waiting import eventually
@@ -168,7 +169,7 @@ def test_stops_go_through_the_file_backwards(machine, command, word):
 
 
 def test_starts_go_through_the_file_forwards(robot):
-    started = r"Node start '(\w+)' ok"
+    started = log_texts.started(r"(\w+)")
     robot.vornctl("stop", "--all", "--yes")
     done = robot.vornctl("start", "planner", "cam*", "lidar")
     assert done.stdout.splitlines() == [f"{x}: started" for x in NAMES]

@@ -14,6 +14,7 @@ import subprocess
 import pytest
 
 import support
+from support import log_texts
 from support.control import Cmd, State, pack_request
 from support.process_tree import ProcessTree
 from support.blocking import held, wait_until_blocked
@@ -327,7 +328,7 @@ def test_a_launcher_that_exits_before_it_accepts_is_detected(machine, command, s
 
 def test_a_launcher_that_exits_during_a_request_is_detected(slow):
     with running(slow, "stop", "lidar", "camera") as client:
-        slow.wait_for_log("control cmd: 1")
+        slow.wait_for_log(log_texts.command(Cmd.STOP))
         slow.signal(signal.SIGKILL)
         status, out, errors = client.end()
     assert (status, out) == (7, "")
@@ -479,7 +480,7 @@ def test_the_connect_timeout_bounds_the_time_to_the_first_reply(slow):
     # The connection is accepted at once by the kernel; the reply arrives after the stop
     # of the node.
     with asked(slow, Cmd.STOP, "lidar"):
-        slow.wait_for_log("control cmd: 1")
+        slow.wait_for_log(log_texts.command(Cmd.STOP))
         done = slow.vornctl("status", "--connect-timeout", "300ms")
     assert (done.returncode, done.stdout, done.stderr) == (
         7, "", f"vornctl: no reply within 0.3 s; nothing was changed: launcher "
@@ -585,7 +586,7 @@ def test_a_launcher_that_a_cycle_blocks_is_reported(machine):
 
 def test_a_timeout_after_the_request_is_exit_status_7(slow):
     with running(slow, "stop", "lidar", "camera") as client:
-        slow.wait_for_log("control cmd: 1")
+        slow.wait_for_log(log_texts.command(Cmd.STOP))
         client.signal(signal.SIGINT)
         assert client.end() == (
             7, "", "vornctl: lidar: given up waiting for the reply" +

@@ -8,6 +8,7 @@ import time
 
 import pytest
 
+from support import log_texts
 from support.control import Cmd, State
 from support.trace import injected
 from support.vornctl import VORNCTL, on_terminal
@@ -637,7 +638,7 @@ def test_executables_are_resolved_as_the_launcher_does(
                                 "absolute": {"path": "/opt/prog"}}},
                   environment=environment)
     # The launcher logs the path that it searches for.
-    machine.wait_for_log(f"Can't find file: {expected}")
+    machine.wait_for_log(log_texts.executable_missing(expected))
     assert plain(machine, "-o", "executable", "--no-header") == [
         [expected], ["/opt/prog"]]
 

@@ -5,6 +5,7 @@ import signal
 
 import pytest
 
+from support import log_texts
 from support.control import Cmd, State
 from support.blocking import held
 from support.terminal import Terminal
@@ -71,7 +72,7 @@ def wait_for_selected(terminal, name):
 
 def status_requests(machine):
     """The number of status requests that the launcher has received."""
-    return len(machine.log_lines("control cmd: 3"))
+    return len(machine.log_lines(log_texts.command(Cmd.STATUS)))
 
 
 def has_row(name, state):

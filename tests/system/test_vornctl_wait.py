@@ -6,6 +6,7 @@ import time
 
 import pytest
 
+from support import log_texts
 from support.control import Cmd, State
 from support.blocking import held
 from support.vornctl import running
@@ -34,7 +35,7 @@ def crash(machine, name):
 
 def status_requests(machine):
     """The number of status requests that the launcher has received."""
-    return len(machine.log_lines("control cmd: 3"))
+    return len(machine.log_lines(log_texts.command(Cmd.STATUS)))
 
 
 def wait_for_status_request(machine, before):
