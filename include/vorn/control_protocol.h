@@ -6,17 +6,17 @@
 
 #include "vorn/node_state.h"
 
-// The records of the control socket, sent as they lie in memory: host byte
+// The records of the control socket, sent as they are in memory: host byte
 // order, one request and one reply per connection. docs/control-protocol.md
-// tells how to use them.
+// describes their use.
 
 namespace vorn::launch {
 
-/// Where the launcher listens; the names are fixed.
+/// The path of the control socket; the names are fixed.
 constexpr char kControlDirectory[] = "/tmp/vornlaunch";
 constexpr char kControlSocketName[] = "vornlaunch.sock";
 
-/// What a client sends.
+/// The request of a client.
 struct ControlRequest {
   enum class Cmd : uint32_t {
     START = 0,
@@ -31,8 +31,8 @@ struct ControlRequest {
   char name[128] = {};  // the node's, up to its NUL or the 128th byte
 };
 
-/// What the launcher answers. All but `result` is 0 except in the reply to a
-/// STATUS request for an existing node.
+/// The reply of the launcher. All fields except `result` are 0, except in the
+/// reply to a STATUS request for an existing node.
 struct ControlResponse {
   enum class Result : int32_t {
     SUCCESS = 0,    // the node was found and the operation succeeded

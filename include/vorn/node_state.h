@@ -4,8 +4,8 @@
 
 namespace vorn::launch {
 
-/// What the launcher wants of a node and knows of its child. The numbers travel
-/// in the reply to a STATUS request.
+/// The state of a node and its child. The reply to a STATUS request contains
+/// the numbers.
 ///
 ///                       start
 ///             +----------------------------+
@@ -22,9 +22,9 @@ namespace vorn::launch {
 ///   DISABLED -- enable, then start --> RUNNING
 enum class NodeState : int32_t {
   STOPPED = 0,     // no child wanted, or its fork failed; after a stop `pid`
-                   // stays until the reap
+                   // is kept until the reap
   RUNNING = 1,     // forked, and neither a stop nor its exit handled yet
-  RESTARTING = 2,  // exited by itself, the registry will start it again
+  RESTARTING = 2,  // exited by itself, the registry will restart it
   DISABLED = 3,    // not started until enabled
 };
 

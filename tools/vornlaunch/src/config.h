@@ -8,8 +8,8 @@
 
 namespace vorn::launch {
 
-/// Environment variables as (name, value) pairs, applied in order with
-/// overwriting, so that a later pair wins.
+/// Environment variables as (name, value) pairs, set in order, so that a later
+/// pair overrides an earlier one.
 using Environment = std::vector<std::pair<std::string, std::string>>;
 
 /// The launch file's global settings. Filled by the parser, then only read: by
@@ -22,8 +22,8 @@ class Config {
   Config(const Config&) = delete;
   Config& operator=(const Config&) = delete;
 
-  /// The global variables in launch-file order, values already expanded; a name
-  /// that the file repeats stands here repeatedly.
+  /// The global variables in launch-file order, with expanded values; a
+  /// repeated name is in the list repeatedly.
   Environment environment;
 
  private:

@@ -28,11 +28,11 @@
 namespace vorn::launch {
 namespace {
 
-constexpr unsigned int kSocketMode = 0666;  // every local user may connect
+constexpr unsigned int kSocketMode = 0666;  // every local user can connect
 constexpr int kBacklog = 5;
 constexpr int kHangUpWaitMs = 100;
 
-/// Closes its descriptor, if it is one, at the end of the scope.
+/// Closes its descriptor, unless it is -1, at the end of the scope.
 class Connection {
  public:
   explicit Connection(int fd) : fd_(fd) {}
@@ -48,9 +48,9 @@ class Connection {
   int fd_;
 };
 
-/// Accepts a pending connection; -1 when there is none.
+/// Accepts a pending connection; -1 if there is none.
 // KEEP: without SOCK_CLOEXEC, so that a child forked while a command is served
-// keeps the connection open; clients read 24 bytes and never wait for the end
+// keeps the connection open; clients read 24 bytes and do not wait for the end
 // of the stream. Intended.
 // Test: test_control.py,
 // test_a_child_started_by_start_keeps_the_connection_open
@@ -60,17 +60,17 @@ int acceptConnection(int listening_fd) {
   return ::accept(listening_fd, reinterpret_cast<sockaddr*>(&peer), &length);
 }
 
-/// True when the peer has hung up within kHangUpWaitMs.
+/// Whether the peer has closed the connection within kHangUpWaitMs.
 bool waitForHangUp(int fd) {
   pollfd connection{};
   connection.fd = fd;
-  connection.events = 0;  // hang-up and error conditions only
+  connection.events = 0;  // only hang-up and error conditions
   const int ready =
       retryOnEintr([&] { return ::poll(&connection, 1, kHangUpWaitMs); });
   return ready == 1 && (connection.revents & POLLHUP) != 0;
 }
 
-/// Answers a command: `operation` on the node `name`, if there is one.
+/// The reply to a command: performs `operation` on the node `name`, if any.
 std::shared_ptr<ControlResponse> respond(NodeManager& nodes, const char* name,
                                          bool (Node::*operation)()) {
   auto response = std::make_shared<ControlResponse>();
@@ -115,7 +115,7 @@ int ControlNode::createSocket(const char* name, int type, unsigned int mode) {
   }
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  // KEEP: a path that does not fit is cut without an error. Intended.
+  // KEEP: a path that does not fit is truncated without an error. Intended.
   // Test: ControlNodeTest.CreateSocketCutsAPathAfter107Characters
   (void)std::snprintf(address.sun_path, sizeof(address.sun_path), "%s/%s",
                       kControlDirectory, name);
@@ -146,10 +146,10 @@ bool ControlNode::init(Epoll* epoll) {
   const int fd = createSocket(kControlSocketName, SOCK_STREAM, kSocketMode);
   if (fd < 0) return false;
   (void)::fcntl(fd, F_SETFD, FD_CLOEXEC);
-  // The listening socket alone: accepted connections stay blocking.
+  // Only the listening socket: accepted connections are blocking.
   (void)::fcntl(fd, F_SETFL, O_NONBLOCK);
   if (::listen(fd, kBacklog) == -1) {
-    (void)::close(fd);  // in this order: the line comes after the close
+    (void)::close(fd);  // in this order: the log line follows the close
     VTRACE(kError, kPlain, "listen failed");
     return false;
   }
@@ -175,9 +175,9 @@ bool ControlNode::init(Epoll* epoll) {
   return true;
 }
 
-// KEEP: one blocking recv() without a time limit and without a second one for
-// the rest: a silent client holds the launcher, a request in two pieces is
-// refused. Commands so never overlap each other or supervision. Intended.
+// KEEP: one blocking recv() without a time limit, and no second one for the
+// rest: a silent client blocks the launcher, and a request in two pieces is
+// refused. So commands never overlap each other or supervision. Intended.
 // Test: test_control.py,
 // test_a_silent_client_blocks_the_launcher_until_it_disconnects
 void ControlNode::controlHandler() {
@@ -189,8 +189,8 @@ void ControlNode::controlHandler() {
   const ssize_t received = retryOnEintr(
       [&] { return ::recv(connection.fd(), &request, sizeof(request), 0); });
   if (received != sizeof(request)) {
-    // KEEP: after a short read errno is an old one; it is printed all the same.
-    // Test: ControlHandlerTest.RefusesARequestInTwoPieces
+    // KEEP: after a short read errno is outdated, but it is printed
+    // nevertheless. Test: ControlHandlerTest.RefusesARequestInTwoPieces
     VTRACE(kError, kPlain, "received: %d expected: %d errno: %d",
            static_cast<int>(received), static_cast<int>(sizeof(request)),
            errno);
@@ -199,7 +199,7 @@ void ControlNode::controlHandler() {
   VTRACE(kInfo, kPlain, "control cmd: %d", static_cast<int>(request.cmd));
   const auto handler = handlers_.find(request.cmd);
   if (handler == handlers_.end()) {
-    // KEEP: the log's readers know this spelling.
+    // KEEP: readers of the log know this spelling.
     // Test: UnknownCommandTest.IsOneWarningAndNoReply
     VTRACE(kWarn, kPlain, "unknow cmd: %d", static_cast<int>(request.cmd));
     return;
@@ -209,7 +209,7 @@ void ControlNode::controlHandler() {
   response = handler->second(name.c_str());
   if (response == nullptr) return;
 
-  // Without MSG_NOSIGNAL: the launcher swallows SIGPIPE.
+  // Without MSG_NOSIGNAL: the launcher ignores SIGPIPE.
   const ssize_t sent = retryOnEintr([&] {
     return ::send(connection.fd(), response.get(), sizeof(*response), 0);
   });

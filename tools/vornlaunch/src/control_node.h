@@ -16,39 +16,39 @@ class NodeManager;
 /// time, each served completely by one call of controlHandler(). Owns the
 /// listening socket; the socket file outlives the process. Main thread only.
 ///
-/// A client that connects and sends nothing holds the whole launcher until it
-/// sends or goes.
+/// A client that connects and sends nothing blocks the whole launcher until it
+/// sends a request or disconnects.
 class ControlNode {
  public:
-  /// The single instance, created on the first call, never destroyed. A
-  /// constructor that throws is tried again by the next call.
+  /// The single instance, created on the first call, never destroyed. If the
+  /// constructor throws, the next call tries again.
   static ControlNode& getInstance();
 
   /// Creates the socket's directory if it is missing; throws
-  /// std::filesystem::filesystem_error when that fails. Opens nothing.
+  /// std::filesystem::filesystem_error if that fails. Opens no descriptor.
   ControlNode();
   ~ControlNode();
   ControlNode(const ControlNode&) = delete;
   ControlNode& operator=(const ControlNode&) = delete;
 
   /// Opens the control socket and registers it in `epoll`, which must be open;
-  /// this object must outlive the last wait of `epoll`. To be called once.
-  /// False, after one ERROR line, when that fails; everything is as before
-  /// then, but the socket file may be left.
+  /// this object must outlive the last wait of `epoll`. Call it once. False,
+  /// after one ERROR line, if that fails; then nothing has changed, except that
+  /// the socket file can exist.
   bool init(Epoll* epoll);
 
   /// Creates the UNIX-domain socket `name` of `type` in the control directory,
-  /// in place of an old one, with the permissions `mode`. Returns its
-  /// descriptor, the caller's to close, or -1 after one ERROR line. It is
-  /// blocking and not close-on-exec. A path beyond 107 bytes is cut; a mode
-  /// that cannot be set is one WARN line and no failure.
+  /// replacing an old one, with the permissions `mode`. Returns its descriptor,
+  /// which the caller must close, or -1 after one ERROR line. It is blocking
+  /// and not close-on-exec. A path of more than 107 bytes is truncated; a mode
+  /// that cannot be set is one WARN line, but not a failure.
   int createSocket(const char* name, int type, unsigned int mode);
 
   /// Serves one pending connection: accept, one request, one reply, close.
   void controlHandler();
 
-  // The six commands on the node `name`, which ends with a NUL. Never null. A
-  // name of no node is NOT_FOUND, an operation that returned false FAILED.
+  // The six commands on the node `name`, which ends with a NUL. Never null. An
+  // unknown name is NOT_FOUND, an operation that returned false is FAILED.
 
   std::shared_ptr<ControlResponse> nodeStart(const char* name);
   std::shared_ptr<ControlResponse> nodeStop(const char* name);

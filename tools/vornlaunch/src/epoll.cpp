@@ -32,7 +32,7 @@ bool Epoll::registerHandler(int fd, Handler handler, uint32_t events) {
     VTRACE(kError, kPlain, "not specify events.");
     return false;
   }
-  events_.resize(handlers_.size() + 1);  // here, so that wait() need not
+  events_.resize(handlers_.size() + 1);  // so that wait() does not have to
   const auto [entry, inserted] = handlers_.emplace(fd, std::move(handler));
   if (!inserted) {
     VTRACE(kError, kPlain, "emplace fail");
@@ -64,7 +64,7 @@ bool Epoll::unregisterHandler(int fd) {
 std::vector<Epoll::Handler*> Epoll::wait(int timeout) {
   std::vector<Handler*> ready;
   // As many events as handlers, so that one call reports every ready descriptor
-  // once. With no handler that is 0, which the kernel refuses.
+  // once. Without handlers this is 0, which the kernel refuses.
   const int reported = ::epoll_wait(
       epoll_fd_, events_.data(), static_cast<int>(handlers_.size()), timeout);
   // KEEP: an interrupting signal is logged as a failure like any other and not

@@ -24,16 +24,16 @@ class Epoll {
   Epoll(const Epoll&) = delete;  // the kernel holds addresses of our handlers
   Epoll& operator=(const Epoll&) = delete;
 
-  /// Creates the epoll descriptor, close-on-exec. True at once if already open.
+  /// Creates the epoll descriptor, close-on-exec. True if it is already open.
   bool open();
 
   /// Watches `fd` for `events`, an EPOLL* mask other than 0, level-triggered
   /// unless the mask says otherwise. On failure (`fd` already watched, or
-  /// refused by the kernel) the set is as it was before.
+  /// refused by the kernel) the set is unchanged.
   bool registerHandler(int fd, Handler handler, uint32_t events);
 
-  /// Forgets `fd` without closing it. Never for a descriptor of the batch being
-  /// served: its pointer from wait() would dangle.
+  /// Stops watching `fd` without closing it. Do not call it for a descriptor of
+  /// the batch being served: its pointer from wait() would dangle.
   bool unregisterHandler(int fd);
 
   /// Waits at most `timeout` milliseconds (-1: no limit). Returns the ready

@@ -19,7 +19,7 @@
 namespace vorn::launch {
 namespace {
 
-constexpr mode_t kChildUmask = 077;  // what a node creates is its user's alone
+constexpr mode_t kChildUmask = 077;  // files of a node are only for its user
 constexpr int kExecFailedStatus = 127;
 constexpr uint32_t kMicrosecondsPerMillisecond = 1000;
 constexpr useconds_t kStopPauseUs =
@@ -32,8 +32,8 @@ void exportEnvironment(const Environment& environment) {
   }
 }
 
-// KEEP: only a failing call counts. A directory, or a file that may not be
-// executed, fails in the child and is tried again every 5 s. Intended.
+// KEEP: only a failing stat() counts. A directory or a non-executable file
+// fails in the child and is tried again every 5 s. Intended.
 // Test: test_nodes.py,
 // test_a_non_executable_file_exits_with_127_and_is_tried_again
 bool exists(const std::string& path) {
@@ -42,7 +42,7 @@ bool exists(const std::string& path) {
 }
 
 /// Runs a shell command that prints a count and returns true as soon as one
-/// piece of its output, read as a number, is `wanted`. False as well when the
+/// piece of its output, read as a number, is `wanted`. Also false if the
 /// command cannot be started.
 template <typename Predicate>
 bool commandPrints(const std::string& command, Predicate wanted) {
@@ -53,7 +53,7 @@ bool commandPrints(const std::string& command, Predicate wanted) {
   while (!found &&
          std::fgets(text.data(), static_cast<int>(text.size()), output)) {
     // KEEP: a count of four digits leaves its line end to the next read, whose
-    // value is 0, so that the child passes for gone. Intended.
+    // value is 0, so that the child is considered absent. Intended.
     // Test: NodeStopTest.AFourDigitCountIsReadAsZero
     found = wanted(static_cast<int>(std::strtol(text.data(), nullptr, 10)));
   }
@@ -80,11 +80,10 @@ bool Node::startInternal() {
     state = NodeState::DISABLED;
     return false;
   }
-  // KEEP: skips one start attempt of any kind and no more, so that the start-up
-  // pass leaves the node alone and an operator can start it. Where that pass
-  // did not reach it, being disabled, an operator's first request is the one
-  // that is refused. Intended.
-  // Test: NodeStartTest.AutostartFalseSkipsExactlyOneAttempt
+  // KEEP: skips exactly one start attempt of any kind, so that the launcher's
+  // start-up skips the node and an operator can start it. If the start-up
+  // skipped the node because it was disabled, an operator's first request is
+  // refused. Intended. Test: NodeStartTest.AutostartFalseSkipsExactlyOneAttempt
   if (!autostart) {
     VTRACE(kWarn, kEvent, "Node '%s' is not autostart", name.c_str());
     autostart = true;
@@ -168,10 +167,10 @@ bool Node::stopInternal() {
            std::strerror(errno));
     return false;
   }
-  state = NodeState::STOPPED;  // `pid` stays: reap() must still find this node
+  state = NodeState::STOPPED;  // keep `pid`: reap() must still find this node
   if (!waitUntilGone()) {
-    // KEEP: also sent to a child that the wait found dead. It is a zombie then,
-    // since only the event loop reaps, so that the pid is still its own and the
+    // KEEP: also sent to a child that the wait found dead. It is then a zombie,
+    // because only the event loop reaps, so the pid is still its own and the
     // signal has no effect. Intended.
     // Test: NodeStopTest.AZombieIsSentSigkillToo
     (void)::kill(pid, SIGKILL);
@@ -180,11 +179,12 @@ bool Node::stopInternal() {
   return true;
 }
 
-/// True when the process table no longer shows the child; false when it shows
-/// it as a zombie, or still after the last pass.
-// KEEP: slow and blocking on purpose, and loose: pid 42 is also found in 142.
-// kill(pid, 0) is no substitute, it succeeds on a zombie; waitpid() would take
-// the exit away from handleSignalFd(). Both commands are fixed, byte by byte.
+/// True if the process table no longer shows the child; false if it shows it as
+/// a zombie, or still shows it after the last pass.
+// KEEP: intentionally slow, blocking and inexact: pid 42 is also found in 142.
+// kill(pid, 0) does not replace it, because it succeeds on a zombie; waitpid()
+// would collect the exit that handleSignalFd() needs. Both commands are fixed,
+// byte by byte.
 // Test: NodeStopTest.RunsBothProcessTableCommandsInEachPass
 bool Node::waitUntilGone() const {
   const std::string quoted_pid = '"' + std::to_string(pid) + '"';
@@ -208,14 +208,14 @@ bool Node::stopRequired() {
   if (state != NodeState::RUNNING) return true;
   const bool was_stopped = stopInternal();
   (void)::usleep(kStopPauseUs);
-  // KEEP: a oneshot node is stopped and then refused by the start, it ends
+  // KEEP: a oneshot node is stopped, and the start refuses it, so it becomes
   // DISABLED. Intended. Test: NodeStopTest.ARequiredOneshotEndsDisabled
   if (oneshot) disabled = true;
   return was_stopped && startInternal();
 }
 
-// KEEP: neither cycles nor repeated names are looked for. A node named twice
-// is restarted twice; a cycle blocks on a held lock for good. Intended.
+// KEEP: does not check for cycles or repeated names. A node named twice is
+// restarted twice; a cycle deadlocks on a held lock. Intended.
 // Test: test_required.py, test_a_cycle_blocks_the_launcher_permanently
 void Node::restartRequired() {
   NodeManager& nodes = NodeManager::getInstance();
@@ -227,8 +227,8 @@ void Node::restartRequired() {
 
 bool Node::restart() {
   const std::scoped_lock lock(mutex);
-  // A child that is still dying is no obstacle: when it is collected, no node
-  // carries its pid any more.
+  // The old child can still be dying: when it is collected, no node has its pid
+  // any more.
   const bool was_stopped = state != NodeState::RUNNING || stopInternal();
   (void)::usleep(kStopPauseUs);
   const bool started = was_stopped && startInternal();
@@ -250,7 +250,7 @@ void Node::reap(const siginfo_t& /*info*/) {
     VTRACE(kWarn, kEvent, "Node '%s' disabled!", name.c_str());
     state = NodeState::DISABLED;
   } else if (stopped) {
-    // KEEP: the log's readers know this spelling.
+    // KEEP: readers of the log know this spelling.
     // Test: NodeReapTest.AStoppedNodeStaysStopped
     VTRACE(kWarn, kEvent, "Node '%s' stoped", name.c_str());
   } else {

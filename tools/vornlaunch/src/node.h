@@ -15,17 +15,16 @@
 
 namespace vorn::launch {
 
-/// One supervised child process: what to execute, with which environment, and
-/// what to do when it exits. The parser fills it, NodeManager owns it for the
-/// life of the process, everybody else borrows plain pointers.
+/// One supervised child process: its program, its environment, and the action
+/// after its exit. The parser fills it, NodeManager owns it for the life of the
+/// process, all others borrow plain pointers.
 ///
-/// Main thread only. Starts and stops block the launcher on purpose: a start
+/// Main thread only. Starts and stops block the launcher intentionally: a start
 /// for `sleep`, a stop for about ten seconds, and again for each node in
-/// `required`. Unless it says otherwise, an operation that changes the state
-/// locks `mutex` for its whole duration; a stop then locks the nodes in
-/// `required` as well, so locks nest along `required`, and a cycle of two or
-/// more nodes blocks for good. Operations report failure by a log line and
-/// `false`.
+/// `required`. Unless documented otherwise, an operation that changes the state
+/// locks `mutex` for its whole duration; a stop then also locks the nodes in
+/// `required`, so locks nest along `required`, and a cycle of two or more nodes
+/// deadlocks. Operations report a failure by a log line and `false`.
 class Node final {
  public:
   explicit Node(std::string name);
@@ -33,7 +32,7 @@ class Node final {
   Node& operator=(const Node&) = delete;
 
   // Next to the other nodes, see node_memory.h. The class is final, because the
-  // place is always of its own size.
+  // memory always has its own size.
   static void* operator new(size_t size);
   static void operator delete(void* memory) noexcept;
 
@@ -46,30 +45,30 @@ class Node final {
   /// start() for callers that hold `mutex`.
   bool startInternal();
 
-  /// Replaces the process by the program `arguments`, which are not empty and
-  /// whose first is also the file, not searched in PATH. Returns only on
-  /// failure, false.
+  /// Replaces the process by the program with these `arguments`, which must not
+  /// be empty; the first one is also the file, not searched for in PATH.
+  /// Returns false, and only on failure.
   bool execvInternal(const std::vector<std::string>& arguments);
 
-  /// Ends the child of a RUNNING node and restarts the running nodes in
-  /// `required`. Returns when the child is dead or was sent SIGKILL; its exit
-  /// is handled by a later reap(), until when `pid` keeps its id. A RESTARTING
-  /// node becomes STOPPED and stays so; any other is left as it is. False only
-  /// when SIGTERM could not be sent; the node is still RUNNING then, but its
-  /// exit will be taken as stopped.
+  /// Terminates the child of a RUNNING node and restarts the running nodes in
+  /// `required`. Returns when the child is dead or was sent SIGKILL; a later
+  /// reap() handles its exit, and `pid` keeps its id until then. A RESTARTING
+  /// node becomes and remains STOPPED; any other is unchanged. False only if
+  /// SIGTERM could not be sent; the node is then still RUNNING, but its exit
+  /// makes it STOPPED.
   bool stop();
 
   /// stop() for callers that hold `mutex`.
   bool stopInternal();
 
-  /// Restarts this node if it is RUNNING, with a pause of 200 ms, because one
-  /// that requires it stops or restarts. True when it was not running, or was
-  /// stopped and started again. A running oneshot node is stopped and disabled,
-  /// which is false.
+  /// Restarts this node if it is RUNNING, with a pause of 200 ms, because a
+  /// node that requires it stops or restarts. True if it was not running, or
+  /// was stopped and started again. A running oneshot is stopped and disabled,
+  /// and the result is false.
   bool stopRequired();
 
   /// Calls stopRequired() on every node that `required` names, in its order.
-  /// The node's own name and names of no node are passed over. Does not lock
+  /// The node's own name and unknown names are ignored. Does not lock
   /// this node's `mutex`.
   void restartRequired();
 
@@ -77,12 +76,13 @@ class Node final {
   /// when it was started.
   bool restart();
 
-  /// Takes note that the child has exited: the node becomes DISABLED, STOPPED
-  /// or RESTARTING as its flags say. `info`, as waitid() filled it, is unused.
+  /// Handles the exit of the child: the node becomes DISABLED, STOPPED or
+  /// RESTARTING, depending on its flags. `info`, as waitid() filled it, is
+  /// unused.
   void reap(const siginfo_t& info);
 
-  /// Stops the node and marks it disabled, whatever the stop returned. Returns
-  /// the stop's result.
+  /// Stops the node and marks it disabled, even if the stop fails. Returns the
+  /// stop's result.
   bool disable();
 
   /// Makes a disabled node startable. Always true.

@@ -19,7 +19,7 @@ NodeManager& NodeManager::getInstance() {
 }
 
 void NodeManager::addNode(const std::string& name, std::unique_ptr<Node> node) {
-  // KEEP: a second node of the same name is kept; look-ups find the first.
+  // KEEP: a second node of the same name is kept; searches find the first.
   // Test: NodeManagerTest.ANameFindsTheFirstNodeThatHasIt
   VTRACE(kInfo, kPlain, "name: %s", name.c_str());
   nodes_.push_back(std::move(node));
@@ -41,8 +41,8 @@ Node* NodeManager::findNode(const std::string& name) {
 
 void NodeManager::startingUp() {
   for (const auto& node : nodes_) {
-    // KEEP: a disabled node stays STOPPED until something tries to start it.
-    // Test: NodeManagerTest.ADisabledNodeIsSkippedSilently
+    // KEEP: a disabled node remains STOPPED until the first attempt to start
+    // it. Test: NodeManagerTest.ADisabledNodeIsSkippedSilently
     if (!node->disabled) (void)node->start();
   }
 }
@@ -52,13 +52,13 @@ bool NodeManager::pollingRestart() {
   for (const auto& node : nodes_) {
     if (node->state != NodeState::RESTARTING) continue;
     // From the last start, not from the exit: a node that ran long enough is
-    // back at once, one that dies at once cannot spin.
+    // restarted at once, and one that exits at once is not restarted in a loop.
     if (node->getStartInterval() < kRestartInterval.count()) {
       pending = true;
       continue;
     }
     node->restartRequired();
-    (void)node->start();  // a failed one is no longer RESTARTING
+    (void)node->start();  // after a failure it is not RESTARTING
   }
   return pending;
 }

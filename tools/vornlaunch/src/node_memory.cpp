@@ -13,18 +13,18 @@
 namespace vorn::launch {
 namespace {
 
-// What is not used yet of a block is not touched, and takes no memory.
+// The unused part of a block is not touched and therefore uses no memory.
 constexpr size_t kNodesPerBlock = 256;
 std::byte* block = nullptr;
 size_t nodes_in_block = kNodesPerBlock;
 
-/// The place of a node that is no more.
+/// The memory of a destroyed node.
 struct FreePlace {
   FreePlace* next;
 };
 FreePlace* free_places = nullptr;
 
-/// Texts and lists on their way from one place in memory to another.
+/// Texts and lists that are being moved in memory.
 class Parcel {
  public:
   void put(const std::string& text) {
@@ -111,8 +111,8 @@ void packNodes(const std::vector<std::unique_ptr<Node>>& nodes) {
       moveInto(parcel, node->required);
       moveInto(parcel, node->environment);
     }
-    // Makes one free piece of those that lie next to each other; else the texts
-    // would fill the small ones, all over the heap.
+    // Merges adjacent free pieces; otherwise the texts would fill the small
+    // ones all over the heap.
     (void)::malloc_trim(0);
     for (const auto& node : nodes) {
       parcel.take(node->name);

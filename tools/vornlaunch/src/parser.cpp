@@ -16,8 +16,8 @@
 namespace vorn::launch {
 namespace {
 
-/// The text of a scalar. yaml-cpp's own conversion would read a null, such as
-/// a forgotten value, as the word "null"; it is as wrong as a list here.
+/// The text of a scalar. yaml-cpp's own conversion would read a null, such as a
+/// missing value, as the word "null"; here it is an error like a list.
 std::string asString(const YAML::Node& value) {
   if (value.IsNull()) {
     throw YAML::TypedBadConversion<std::string>(value.Mark());
@@ -25,7 +25,7 @@ std::string asString(const YAML::Node& value) {
   return value.as<std::string>();
 }
 
-/// The texts of a sequence of scalars, a null among them as wrong as alone.
+/// The texts of a sequence of scalars; a null among them is an error.
 std::vector<std::string> asStrings(const YAML::Node& value) {
   if (!value.IsSequence()) {
     throw YAML::TypedBadConversion<std::vector<std::string>>(value.Mark());
@@ -35,7 +35,8 @@ std::vector<std::string> asStrings(const YAML::Node& value) {
   return strings;
 }
 
-/// The pieces of `text` between spaces; no quoting, other white space stays.
+/// The parts of `text` between spaces, without quoting; other white space is
+/// kept.
 std::vector<std::string> splitAtSpaces(std::string text) {
   std::vector<std::string> pieces;
   char* rest = nullptr;
@@ -46,9 +47,9 @@ std::vector<std::string> splitAtSpaces(std::string text) {
   return pieces;
 }
 
-/// `path`, below VORN_BIN_PATH if it is relative and the variable not empty.
-/// Joined as they stand, without normalisation, and without the expansion that
-/// the values of variables have.
+/// `path`, appended to VORN_BIN_PATH if it is relative and the variable is not
+/// empty, without normalisation, and without the expansion of variables'
+/// values.
 std::string resolvePath(const std::string& path) {
   const char* const directory = ::getenv("VORN_BIN_PATH");
   const bool is_absolute = !path.empty() && path.front() == '/';
@@ -98,8 +99,8 @@ std::string expandInstallRoot(std::string value) {
 }
 
 bool Parser::Parse(const std::string& path) {
-  // KEEP: no other exception is caught, here or in main: a malformed launch
-  // file ends the launcher at once, before any node runs. Intended.
+  // KEEP: no other exception is caught, here or in main: an invalid launch file
+  // aborts the launcher before any node runs. Intended.
   // Test: test_launch_file.py,
   // test_an_invalid_document_aborts_the_launcher_before_any_node_is_read
   YAML::Node root;
@@ -109,7 +110,7 @@ bool Parser::Parse(const std::string& path) {
     VTRACE(kError, kPlain, "Exception: %s", failure.what());
     return false;
   }
-  // The settings first, wherever they stand: nodes are read in their light.
+  // First the settings, in any position: they affect how nodes are read.
   if (const YAML::Node configure = root["configure"]) parseConfigs(configure);
   if (const YAML::Node nodes = root["vornnode"]) parseNodes(nodes);
   return true;
@@ -126,8 +127,8 @@ void Parser::parseSetenv(const YAML::Node& environment) {
     const std::string variable = asString(entry.first);
     const std::string value = expandInstallRoot(asString(entry.second));
     config.environment.emplace_back(variable, value);
-    // KEEP: a name that setenv refuses stays in the list; the child refuses it
-    // in the same way. Intended.
+    // KEEP: a name that setenv refuses remains in the list; the child's setenv
+    // refuses it, too. Intended.
     // Test: LaunchFileTest.ANameThatCannotBeExportedStaysInTheListAndTheLog
     (void)::setenv(variable.c_str(), value.c_str(), 1);
     VTRACE(kInfo, kPlain, "setenv %s: %s", variable.c_str(), value.c_str());
@@ -135,8 +136,8 @@ void Parser::parseSetenv(const YAML::Node& environment) {
 }
 
 void Parser::parseNodes(const YAML::Node& nodes) {
-  // A new key of a node is a new row here. `path` is none: parseNode() reads it
-  // before all others.
+  // A new key of a node is a new row here. `path` is not in the table:
+  // parseNode() reads it before all others.
   const KeyHandlers handlers = {
       {"argv", readArgv},
       {"disabled", readDisabled},
@@ -161,7 +162,7 @@ void Parser::parseNode(const std::string& name, const YAML::Node& description,
     return;
   }
   node->argv.push_back(resolvePath(asString(path)));
-  // A repeated key is applied each time: lists grow, the last flag wins.
+  // A repeated key is applied each time: lists grow, the last flag applies.
   for (const auto& entry : description) {
     const auto handler = handlers.find(asString(entry.first));
     if (handler != handlers.end()) handler->second(node, entry.second);

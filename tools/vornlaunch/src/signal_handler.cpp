@@ -40,7 +40,7 @@ void setDefaultDisposition(int signal, int flags) {
   (void)::sigaction(signal, &action, nullptr);
 }
 
-/// Collects a zombie on every way out of its scope, a throwing one included.
+/// Collects a zombie at the end of its scope, also after an exception.
 class ZombieCollector {
  public:
   explicit ZombieCollector(pid_t pid) : pid_(pid) {}
@@ -54,7 +54,7 @@ class ZombieCollector {
   pid_t pid_;
 };
 
-/// Handles one exited child. False when there is none left or waitid() failed.
+/// Handles one exited child. False if there is none left or waitid() failed.
 bool reapOneProcess() {
   siginfo_t info{};
   const int result = retryOnEintr(
@@ -68,8 +68,8 @@ bool reapOneProcess() {
   }
   if (info.si_pid == 0) return false;  // no exited child left
 
-  // WNOWAIT left a zombie, so its pid cannot be reused before the node has been
-  // told.
+  // WNOWAIT left a zombie, so its pid cannot be reused before the node is
+  // updated.
   const ZombieCollector collector(info.si_pid);
   VTRACE(kInfo, kPlain, "si_pid: %d, si_code: %d, si_status: %d", info.si_pid,
          info.si_code, info.si_status);
@@ -84,7 +84,7 @@ bool reapOneProcess() {
     }
     node->reap(info);
   } else if (info.si_code == CLD_KILLED && info.si_status == SIGKILL) {
-    // Such as a stop's escalation whose node has been started anew since.
+    // For example, killed by a stop whose node has been started again.
     VTRACE(kInfo, kPlain, "node is killed.");
   }
   return true;
@@ -95,9 +95,9 @@ bool reapOneProcess() {
     (void)node->stop();
   }
   // KEEP: neither returns to the loop nor collects the children. Each stop has
-  // already waited for its own as long as it does; what is left of them is
-  // init's. Intended.
-  // Test: test_signals.py, test_sigterm_stops_every_node_in_order_and_exits_0
+  // already waited for its own child; init collects the remaining ones.
+  // Intended. Test: test_signals.py,
+  // test_sigterm_stops_every_node_in_order_and_exits_0
   std::exit(0);
 }
 
@@ -151,7 +151,7 @@ void handleSignalFd() {
     VTRACE(kError, kPlain, "received unexpected signal: %d", signal);
     return;
   }
-  // One record stands for any number of exits: the kernel merges them.
+  // One record represents any number of exits: the kernel merges them.
   while (reapOneProcess()) (void)::usleep(kReapPauseUs);
 }
 

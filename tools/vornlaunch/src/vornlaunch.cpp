@@ -33,22 +33,22 @@ constexpr int kUsageStatus = 1;
 constexpr int kRestartPollMs = 1000;
 constexpr int kNoTimeout = -1;
 
-// KEEP: SIGABRT stands here twice and is installed twice, which does no harm.
-// SIGPIPE is here so that the handler can swallow it.
+// KEEP: SIGABRT is in the list twice and is installed twice, which is harmless.
+// SIGPIPE is in the list so that the handler ignores it.
 // Test: test_startup.py, test_the_twelve_fatal_signals_are_armed_in_order
 constexpr int kFatalSignals[] = {SIGTERM, SIGQUIT, SIGHUP,  SIGSEGV,
                                  SIGBUS,  SIGABRT, SIGILL,  SIGFPE,
                                  SIGINT,  SIGABRT, SIGTRAP, SIGPIPE};
 
 // Set by sig_seg_handler(), ends the main loop. A plain bool is enough: every
-// pass of the loop calls what the compiler cannot see through.
+// iteration calls functions that the compiler does not see.
 bool exited = false;
 std::mutex signo_mutex_;
 
 /// Gives standard output a buffer before the fatal signals are armed. Otherwise
-/// the C library allocates one at the first use, which is usually the one in
-/// sig_seg_handler(): if the signal interrupts an allocation, the heap is
-/// corrupted. The mode is the one that the C library chooses.
+/// the C library allocates one at the first use, usually in sig_seg_handler():
+/// if the signal interrupts an allocation, that corrupts the heap. The mode is
+/// the one that the C library chooses.
 void bufferStandardOutput() {
   static char buffer[BUFSIZ];
   const int mode = ::isatty(STDOUT_FILENO) == 1 ? _IOLBF : _IOFBF;
@@ -59,7 +59,7 @@ void armFatalSignals() {
   struct sigaction action {};
   action.sa_handler = sig_seg_handler;
   (void)::sigemptyset(&action.sa_mask);
-  action.sa_flags = 0;  // without SA_RESTART: a signal ends a blocking wait
+  action.sa_flags = 0;  // without SA_RESTART: a signal interrupts a wait
   for (size_t i = 0; i < std::size(kFatalSignals); ++i) {
     if (::sigaction(kFatalSignals[i], &action, nullptr) != 0) {
       // KEEP: describes signal number `i`, the list index, not the refused
@@ -71,9 +71,9 @@ void armFatalSignals() {
   }
 }
 
-/// To be called at the exit, before what was printed is written: standard
-/// output may be a file at its size limit, which must not make a death by
-/// SIGXFSZ of a regular end.
+/// Call it at the exit, before the buffer of standard output is written: if
+/// standard output is a file at its size limit, SIGXFSZ must not turn a regular
+/// exit into a termination by a signal.
 void holdSizeLimitSignalOff() {
   sigset_t signals;
   (void)::sigemptyset(&signals);
@@ -81,8 +81,8 @@ void holdSizeLimitSignalOff() {
   (void)::sigprocmask(SIG_BLOCK, &signals, nullptr);
 }
 
-/// `path` with every run of slashes as one; two that begin a name such as
-/// "//host" stay.
+/// `path` with every run of slashes replaced by one, except two at the
+/// beginning of a name such as "//host".
 std::string withSingleSlashes(const std::string& path) {
   const bool keeps_two =
       path.size() > 2 && path[0] == '/' && path[1] == '/' && path[2] != '/';
@@ -95,16 +95,16 @@ std::string withSingleSlashes(const std::string& path) {
   return single;
 }
 
-/// Whether something stands at `path`, a directory included. Throws
-/// std::filesystem::filesystem_error when that cannot be told.
+/// Whether a file of any type exists at `path`. Throws
+/// std::filesystem::filesystem_error if that cannot be determined.
 bool launchFileExists(const std::string& path) {
   return std::filesystem::exists(
       std::filesystem::status(withSingleSlashes(path)));
 }
 
-/// Waits for events and serves them until a fatal or stop signal has come. The
-/// flag is looked at between batches, never inside one; a signal that comes
-/// between that look and the wait takes effect with the next event.
+/// Waits for events and serves them until a fatal or stop signal arrives. The
+/// flag is checked between batches, never inside one; a signal between that
+/// check and the wait takes effect with the next event.
 void runMainLoop(vorn::launch::Epoll& epoll) {
   auto& nodes = vorn::launch::NodeManager::getInstance();
   while (!exited) {
@@ -119,12 +119,11 @@ void runMainLoop(vorn::launch::Epoll& epoll) {
 }  // namespace
 
 // KEEP: locks and prints in a signal handler, where neither is safe. If another
-// signal arrives while the mutex is locked, the launcher waits for itself
-// forever; known and accepted. A real fault returns to its instruction and so
-// spins silently; known as well. Add nothing here: strsignal() and printf()
-// allocate nothing for these signals, this format and the buffer that
-// bufferStandardOutput() provides.
-// Test: test_signals.py, test_only_the_first_fatal_signal_prints
+// signal arrives while the mutex is locked, the launcher deadlocks; known and
+// accepted. A real fault returns to its instruction and so spins silently;
+// known as well. Add nothing here: strsignal() and printf() allocate nothing
+// for these signals, this format and the buffer that bufferStandardOutput()
+// provides. Test: test_signals.py, test_only_the_first_fatal_signal_prints
 void sig_seg_handler(int sig) {
   if (sig == SIGPIPE) return;
   {
@@ -146,16 +145,16 @@ int main(int argc, char** argv) {
     (void)std::puts("Usage: \n  vornlaunch launch.yaml\n\n");
     return kUsageStatus;
   }
-  // The check looks past doubled slashes; everything else takes the name as it
-  // was typed.
+  // Only this check merges repeated slashes; all other uses have the name as
+  // typed.
   const std::string launch_file = argv[1];
   if (!launchFileExists(launch_file)) {
     VTRACE(kError, kEvent, "No launch file exists: %s", launch_file.c_str());
     return 0;
   }
-  // KEEP: status 1 is for a wrong number of arguments alone; main returns 0
-  // after every other failure. Intended.
-  // Test: test_startup.py, test_an_unreadable_launch_file_exits_with_status_0
+  // KEEP: status 1 is only for a wrong number of arguments; main returns 0
+  // after every other failure. Intended. Test: test_startup.py,
+  // test_an_unreadable_launch_file_exits_with_status_0
   if (!vorn::launch::Parser().Parse(launch_file)) return 0;
   vorn::launch::packNodes(vorn::launch::NodeManager::getInstance().nodes());
 
@@ -171,7 +170,7 @@ int main(int argc, char** argv) {
   (void)vorn::launch::ControlNode::getInstance().init(&epoll);
   vorn::launch::NodeManager::getInstance().startingUp();
   runMainLoop(epoll);
-  // KEEP: the nodes run on as orphans; only SIGTERM stops them. Intended.
+  // KEEP: the nodes continue as orphans; only SIGTERM stops them. Intended.
   // Test: test_signals.py,
   // test_a_fatal_signal_interrupts_the_wait_and_ends_the_loop
   return 0;
