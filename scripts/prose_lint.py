@@ -3,10 +3,9 @@ documents, manual pages, comments, messages and names.
 
     prose_lint.py
 
-banned_phrases.txt, next to this file, lists the phrases and their replacements,
-prose_exceptions.txt the places where a phrase is right, and prose_not_yet.txt
-the files that are not checked yet. Exit status: 1 if there is a phrase, or an
-entry of the two lists that has no effect.
+banned_phrases.txt, next to this file, lists the phrases and their replacements, and
+prose_exceptions.txt the places where a phrase is right. Exit status: 1 if there is a
+phrase, or an exception that has no effect.
 """
 
 import fnmatch
@@ -49,7 +48,6 @@ def main():
     phrases = [(re.compile(phrase.replace(" ", GAP), re.IGNORECASE), replacement)
                for phrase, replacement in entries("banned_phrases.txt")]
     exceptions = entries("prose_exceptions.txt")
-    not_yet = entries("prose_not_yet.txt")
     used, errors = [], []
     for name, text in tracked_texts():
         for phrase, replacement in phrases:
@@ -58,13 +56,13 @@ def main():
                 excused = [
                     entry for entry in matching(exceptions, name)
                     if re.search(entry[1], found, re.IGNORECASE)
-                ] or matching(not_yet, name)
+                ]
                 used += excused
                 if not excused:
                     line = text.count("\n", 0, match.start()) + 1
                     errors.append(f"{name}:{line}: '{found}': write {replacement}")
     errors += [f"scripts: remove the entry '{entry[0]}': it has no effect"
-               for entry in exceptions + not_yet if entry not in used]
+               for entry in exceptions if entry not in used]
     print("\n".join(errors), end="\n" if errors else "")
     return 1 if errors else 0
 

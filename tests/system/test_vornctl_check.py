@@ -662,7 +662,7 @@ digraph launch {
 """
 GRAPH = """\
 vornnode:
-  ä "x": {path: /a, oneshot: true, sleep: 5, required: [b, nobody]}
+  ä "x": {path: /a, oneshot: true, sleep: 5, required: [b, other]}
   b: {path: /b, disabled: true, required: [c, b]}
   c: {path: /c, required: [b]}
 """
