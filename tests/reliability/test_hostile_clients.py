@@ -235,32 +235,10 @@ def test_a_request_cut_anywhere_is_refused_and_the_next_served(launcher, goes_si
     assert connections(new) == 2 * len(lengths)
 
 
-in_pieces = pytest.mark.parametrize(
-    "pieces", [[4, 128], [131, 1], [1] * 132], ids=["4_128", "131_1", "bytes"])
-
-
-def cut(data, lengths):
-    ends = list(itertools.accumulate(lengths))
-    return [data[end - length:end] for end, length in zip(ends, lengths)]
-
-
-@in_pieces
-def test_a_request_in_pieces_is_refused_after_the_first(launcher, pieces):
-    first, *rest = cut(pack_request(Cmd.STOP, "worker"), pieces)
-    with held(launcher) as client:
-        client.sendall(first)
-        assert read_until_end(client) == b""
-        for piece in rest:
-            with pytest.raises(BrokenPipeError):
-                client.sendall(piece)
-    assert count_texts(launcher)[f"received: {len(first)} expected: 132"] == 1
-
-
-@in_pieces
-def test_pieces_that_have_all_arrived_are_one_request(launcher, pieces):
+def test_pieces_that_have_all_arrived_are_one_request(launcher):
     with held(launcher) as silent, launcher.connect() as client:
-        for piece in cut(pack_request(Cmd.STATUS, "worker"), pieces):
-            client.sendall(piece)
+        for byte in pack_request(Cmd.STATUS, "worker"):
+            client.sendall(bytes([byte]))
         silent.close()
         reply = unpack_response(read_exactly(client, RESPONSE.size))
         assert reply == launcher.status("worker")

@@ -20,14 +20,12 @@ from support.control import Cmd, Result, State, pack_request, read_exactly
 from support.control import unpack_response
 from support.process_tree import ProcessTree, children_of, has_ended, is_stopped
 from support.process_tree import status_field, waits_in
-from support.blocking import held, start_signalled_while_reading
+from support.blocking import held
 from support.log import parse_log
 from support.waiting import eventually
 
 SLEEPER = {"path": "/bin/sleep", "argv": "100000"}
 SLEEPER_ARGV = ["/bin/sleep", "100000"]
-FATAL = [signal.SIGQUIT, signal.SIGHUP, signal.SIGSEGV, signal.SIGBUS, signal.SIGABRT,
-         signal.SIGILL, signal.SIGFPE, signal.SIGINT, signal.SIGTRAP]
 # A node that records a SIGTERM, and exits when it is permitted to.
 RELUCTANT = ("trap 'touch /tmp/asked; while [ ! -e /tmp/go ]; do sleep 0.05; done;"
              " touch /tmp/ended; exit 0' TERM\ntouch /tmp/ready\nsleep 100000 & wait")
@@ -404,20 +402,6 @@ def send_and_wait_until_taken(tree, number):
     eventually(lambda: not is_pending(tree.pid, number), "the signal is taken")
 
 
-def test_all_fatal_signals_at_once_terminate_it_with_one_line(machine):
-    machine.start(sleepers("one", "two"))
-    tree = ProcessTree(machine)
-    children = tree.children()
-    tree.hold()
-    for number in FATAL:
-        tree.signal(number)
-    tree.resume()
-    assert machine.wait() == 0
-    assert len(printed_signals(machine)) == 1
-    assert machine.stdout() == printed_signals(machine)[0]
-    assert not any(has_ended(child) for child in children)
-
-
 def test_a_storm_of_sigterm_stops_each_node_once(machine, is_long):
     names = [f"node-{i}" for i in range(3)]
     machine.script("node", 'trap \'echo "$__VORN_NODE_NAME__" >>/tmp/order\' TERM\n'
@@ -509,34 +493,6 @@ def test_sigterm_after_sigint_stops_no_node(machine):
     assert not any(has_ended(child) for child in children)
 
 
-def test_after_sigint_while_the_launch_file_is_read_the_nodes_start_and_stay(machine):
-    start_signalled_while_reading(
-        machine, "vornnode: {worker: {path: /bin/sleep, argv: 100000}}\n",
-        signal.SIGINT)
-    assert machine.wait() == 0
-    assert machine.stdout() == handled_with(signal.SIGINT)
-    eventually(lambda: [p for p in machine.processes() if p.argv == SLEEPER_ARGV],
-               "the node runs on")
-
-
-def test_sigint_during_start_up_shortens_one_sleep_and_every_node_starts(machine):
-    machine.start({"vornnode": {"first": {**SLEEPER, "sleep": 600_000},
-                                "second": {**SLEEPER, "sleep": 500}}},
-                  wait_until_up=False)
-    log = LogReader(machine)
-    tree = ProcessTree(machine)
-    machine.wait_for_log("first sleep 600000ms")
-    eventually(lambda: waits_in(tree.pid, "nanosleep"), "it sleeps")
-    tree.signal(signal.SIGINT)
-    assert machine.wait() == 0
-    lines = {line.text: line for line in log.lines()}
-    assert log_texts.started("first") in lines
-    nap, start = lines["second sleep 500ms"], lines[log_texts.started("second")]
-    assert start.seconds - nap.seconds >= 0.499
-    eventually(lambda: len([p for p in machine.processes()
-                            if p.argv == SLEEPER_ARGV]) == 2, "both run on")
-
-
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM],
                          ids=lambda number: number.name)
 def test_a_start_command_is_answered_if_a_signal_interrupts_its_sleep(machine, number):
@@ -622,56 +578,7 @@ def test_a_suspended_node_is_killed_at_the_end_of_its_stop(machine):
     assert tree.children() == []
 
 
-# -- Unusable standard input, output and error.
-
-
-def pipe_without_reader():
-    reader, writer = os.pipe()
-    os.close(reader)
-    return writer
-
-
-def without(*redirections):
-    """A wrapper that starts the launcher without these standard streams."""
-    return ["sh", "-c", 'exec "$@" ' + " ".join(redirections), "sh"]
-
-
-def both(descriptor):
-    return {"stdout": descriptor, "stderr": descriptor}
-
-
-USELESS_STREAMS = {
-    "no-input": lambda: {"wrapper": without("<&-")},
-    "no-output": lambda: {"wrapper": without(">&-")},
-    "nothing-open": lambda: {"wrapper": without("<&-", ">&-", "2>&-")},
-    "full": lambda: both(os.open("/dev/full", os.O_WRONLY)),
-    "no-reader": lambda: both(pipe_without_reader()),
-}
-
-
-def start_without_streams(machine, streams):
-    options = USELESS_STREAMS[streams]()
-    machine.start(sleepers("worker", "other"), **options)
-    if "stdout" in options:
-        os.close(options["stdout"])
-    return ProcessTree(machine)
-
-
-@pytest.mark.parametrize("streams", USELESS_STREAMS)
-def test_supervision_continues_when_streams_are_useless(machine, streams):
-    tree = start_without_streams(machine, streams)
-    supervision_goes_on(machine, tree, "worker")
-    assert len(tree.children()) == 2
-    ends_on_sigterm(machine, tree)
-
-
-@pytest.mark.parametrize("streams", USELESS_STREAMS)
-def test_sigint_exits_with_0_when_streams_are_useless(machine, streams):
-    tree = start_without_streams(machine, streams)
-    children = tree.children()
-    tree.signal(signal.SIGINT)
-    assert machine.wait() == 0
-    assert not any(has_ended(child) for child in children)
+# -- A log that is read slowly or lost.
 
 
 def lines_of(text):
@@ -788,17 +695,6 @@ def test_a_full_disk_loses_only_lines_and_the_next_one_is_whole(machine):
 # The open descriptors between commands: the standard streams, the event loop, the
 # signals and the control socket.
 DESCRIPTORS = 6
-
-
-def test_a_log_at_its_size_limit_terminates_nothing(machine):
-    machine.start(sleepers("worker"), wrapper=["prlimit", "--fsize=2000"])
-    tree, log = ProcessTree(machine), LogReader(machine)
-    for _ in range(100):
-        assert machine.request(Cmd.ENABLE, "worker").result == Result.SUCCESS
-    assert len(log.raw()) == 2000
-    supervision_goes_on(machine, tree, "worker")
-    ends_on_sigterm(machine, tree)
-    assert len(log.raw()) == 2000
 
 
 @contextlib.contextmanager

@@ -2,6 +2,7 @@
 
 import datetime
 import re
+import signal
 
 import pytest
 
@@ -82,6 +83,7 @@ def test_the_launcher_works_without_a_writable_log(machine, how):
     machine.request(Cmd.RESTART, "worker")
     second = machine.status("worker")
     assert second.state == State.RUNNING and second.pid != first.pid
+    machine.signal(signal.SIGINT)
+    assert machine.wait() == 0
     assert machine.is_alive(second.pid)
     assert machine.stderr() == "", "nothing has been written elsewhere"
-    assert not machine.has_ended
