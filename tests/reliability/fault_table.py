@@ -532,10 +532,10 @@ FUNCTIONS = {
     "fstat": None, "getenv": None, "getrlimit": "prlimit64", "gmtime_r": None,
     "isatty": "ioctl", "malloc_trim": None, "pclose": None, "popen": None,
     "pthread_atfork": None, "recv": "recvfrom", "send": "sendto", "setenv": None,
-    "sigaction": "rt_sigaction", "sigaddset": None, "sigemptyset": None,
-    "signalfd": "signalfd4", "sigprocmask": "rt_sigprocmask", "sigtimedwait": None,
-    "stat": "newfstatat", "strnlen": None, "strsignal": None, "strtok_r": None,
-    "usleep": "clock_nanosleep", "waitpid": "wait4",
+    "sigaction": "rt_sigaction", "sigaddset": None, "sigdescr_np": None,
+    "sigemptyset": None, "signalfd": "signalfd4", "sigprocmask": "rt_sigprocmask",
+    "sigtimedwait": None, "stat": "newfstatat", "strnlen": None, "strsignal": None,
+    "strtok_r": None, "usleep": "clock_nanosleep", "waitpid": "wait4",
 }
 
 

@@ -43,7 +43,7 @@ exec /usr/bin/ps "$@"
 # Exits when it is continued.
 HALTING = "kill -STOP $$\nexit 3"
 # Makes the first calls of the launcher's process before the launcher, so that a fault
-# in the first calls of every process affects only its children.
+# in one of the first calls of every process affects only its children.
 SPEND = """\
 import os, signal, sys
 def attempt(call, *arguments):
@@ -51,7 +51,8 @@ def attempt(call, *arguments):
         call(*arguments)
     except OSError:
         pass
-attempt(signal.pthread_sigmask, signal.SIG_BLOCK, [])
+for _ in range(4):
+    attempt(signal.pthread_sigmask, signal.SIG_BLOCK, [])
 attempt(signal.signal, signal.SIGPIPE, signal.SIG_DFL)
 attempt(signal.signal, signal.SIGXFSZ, signal.SIG_DFL)
 os.execv(sys.argv[1], sys.argv[1:])
@@ -491,12 +492,22 @@ def injection(name, error, number):
             "-e", f"inject={name}:error={error}:when={number}"]
 
 
+def kernel_name(call):
+    return call.kernel_name or call.name
+
+
+def number_of(call, calls):
+    """The number of the call among the calls of its name, from 1."""
+    name = kernel_name(call)
+    return [id(c) for c in calls if kernel_name(c) == name].index(id(call)) + 1
+
+
 def fail(new_machine, scenario, position, error, outcome, usual):
     """A run in which the call of this position fails, and its comparison."""
     call = usual.calls[position]
-    number = sum(other.name == call.name for other in usual.calls[: position + 1])
+    number = number_of(call, usual.calls)
     facts = run(new_machine, scenario,
-                lambda _: injection(call.name, error, number), outcome)
+                lambda _: injection(kernel_name(call), error, number), outcome)
     [failed] = [other for other in facts.calls if other.was_injected]
     assert row_of(failed) is row_of(call), f"{failed.text} has failed"
     try:
@@ -560,14 +571,24 @@ def test_a_failed_call_has_exactly_the_expected_outcome(
         fail(new_machine, where, position, case.error, case.outcome, usual(where))
 
 
+def number_in_a_child(case, usual):
+    """The number of the call of the case among a child's calls of its name; the C
+    library makes some of them in fork(3)."""
+    child = next(call.pid for call in usual.calls if call.pid != usual.pid)
+    calls = [call for call in usual.calls if call.pid == child]
+    matching = [call for call in calls if case.row.matches(call)]
+    return number_of(matching[case.number - 1], calls)
+
+
 @pytest.mark.parametrize(
     "case, scenario", [p for p in parameters() if p.values[0].row.of_child])
 def test_a_failed_call_of_a_child_has_exactly_the_expected_outcome(
         case, scenario, new_machine, usual):
     row, outcome = case.row, case.outcome
+    number = case.number if row.path else number_in_a_child(case, usual(scenario))
 
     def strace(directory):
-        options = injection(row.name, case.error, case.number)
+        options = injection(row.name, case.error, number)
         if row.path:  # the names of the file inside and outside the machine
             options += ["-P", row.path,
                         "-P", row.path.replace("/tmp", str(directory), 1)]

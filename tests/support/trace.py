@@ -73,6 +73,7 @@ class Call:
     name: str
     arguments: str
     result: str = None  # None until it returns
+    kernel_name: str = ""  # if `name` is that of an older call
 
     @property
     def text(self):
@@ -129,7 +130,7 @@ def _rename(call):
         if call.name == "ppoll":
             call.arguments += f", {_milliseconds(match)}"
             call.result = re.sub(r", left \{[^}]*\}", "", call.result)
-    call.name = name
+    call.kernel_name, call.name = call.name, name
 
 
 def _milliseconds(limit):

@@ -121,9 +121,10 @@ void runMainLoop(vorn::launch::Epoll& epoll) {
 // KEEP: locks and prints in a signal handler, where neither is safe. If another
 // signal arrives while the mutex is locked, the launcher deadlocks; known and
 // accepted. A real fault returns to its instruction and so spins silently;
-// known as well. Add nothing here: strsignal() and printf() allocate nothing
+// known as well. Add nothing here: sigdescr_np() and printf() allocate nothing
 // for these signals, this format and the buffer that bufferStandardOutput()
-// provides. Test: test_signals.py, test_only_the_first_fatal_signal_prints
+// provides. strsignal() returns the same text, but allocates memory since glibc
+// 2.41. Test: test_signals.py, test_only_the_first_fatal_signal_prints
 void sig_seg_handler(int sig) {
   if (sig == SIGPIPE) return;
   {
@@ -132,7 +133,7 @@ void sig_seg_handler(int sig) {
     if (sig_seg_handled) return;
     sig_seg_handled = true;
   }
-  std::printf("vornlaunch handle with %s(%d)\n", ::strsignal(sig), sig);
+  std::printf("vornlaunch handle with %s(%d)\n", ::sigdescr_np(sig), sig);
   exited = true;
 }
 
