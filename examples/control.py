@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Acts on one node of a running launcher.
+"""Controls one node of a running launcher.
 
 usage: control.py start|stop|restart|status|disable|enable NODE
 
-Exit status: 0 done, 1 the launcher could not do it (its log tells why),
-2 wrong usage, 3 no such node, 4 no launcher or no answer.
+Exit status: 0 success, 1 the operation failed (the launcher's log has the reason),
+2 wrong usage, 3 no such node, 4 no launcher or no reply.
 """
 
 import os

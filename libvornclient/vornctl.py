@@ -6,13 +6,13 @@
     if launcher.status("camera").state is vornctl.State.STOPPED:
         launcher.start("camera")
 
-Every call makes a connection of its own. What goes wrong is an exception below
-vornctl.Error; its class tells whether the request can have had an effect. A
-program with several threads blocks SIGTSTP itself: a client that is stopped
-between connecting and sending holds the launcher, and a call can hold off the
-signals of its own thread only.
+Every call opens a connection of its own. Errors are exceptions derived from
+vornctl.Error; the class says whether the request can have had an effect. A program
+with several threads must block SIGTSTP itself: a client that is suspended between
+connecting and sending blocks the launcher, and a call can block only the signals
+of its own thread.
 
-Python 3.9 or later, Linux. The file can be copied beside a program that uses it.
+Python 3.9 or later, Linux. The file can be copied next to a program that uses it.
 """
 
 import dataclasses
@@ -131,8 +131,8 @@ class Launcher:
         self._request(_RESTART, name)
 
     def disable(self, name):
-        """Stops the node and refuses its starts from then on. Failed tells of
-        the stop; the node is disabled all the same."""
+        """Stops the node and refuses its starts from then on. Failed is about
+        the stop; the node is disabled in any case."""
         self._request(_DISABLE, name)
 
     def enable(self, name):
@@ -198,10 +198,10 @@ class Launcher:
         """One try; false if others wait before us, as many as may wait."""
         self._check_path()
         # The launcher accepts a connection and reads, without a time limit.
-        # Were we stopped here, it would do nothing else until we go on.
+        # If this process were suspended here, the launcher would be blocked.
         before = signal.pthread_sigmask(signal.SIG_BLOCK, ())
         try:
-            # It may raise what a handler raises, and has blocked all the same.
+            # A handler can raise an exception here, after the signals are blocked.
             signal.pthread_sigmask(signal.SIG_BLOCK, signal.valid_signals())
             client.connect(self.path)
             self._check_user(client)

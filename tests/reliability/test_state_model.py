@@ -152,7 +152,7 @@ KEPT = {
         ("dies", "b", "exit 0"),
         ("passes", 5000),
     ]),
-    "a node that could not be disabled is started beside its old process": ({
+    "a node that could not be disabled is started next to its old process": ({
         "a": {},
         "b": {},
     }, [

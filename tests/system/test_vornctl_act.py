@@ -158,7 +158,7 @@ def test_quiet_suppresses_the_results(robot):
     ("stop", "stopped"), ("disable", "disabled")])
 def test_stops_go_through_the_file_backwards(machine, command, word):
     # The launcher logs the exits in the order in which it collects them.
-    path = machine.script("tells", "trap 'echo $1 stops; exit 0' TERM\n"
+    path = machine.script("prints", "trap 'echo $1 stops; exit 0' TERM\n"
                           "echo $1 is ready\nwhile :; do sleep 0.05; done")
     machine.start({"vornnode": {name: {"path": path, "argv": name}
                                 for name in NAMES}})

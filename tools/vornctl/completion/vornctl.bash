@@ -62,7 +62,7 @@ _vornctl_offer_nodes() {
   done < <(_vornctl_nodes "$@")
 }
 
-# _vornctl_has_dashes WORD... tells whether "--" ends the options.
+# _vornctl_has_dashes WORD... succeeds if "--" ends the options.
 _vornctl_has_dashes() {
   local word
   for word in "$@"; do
@@ -71,7 +71,7 @@ _vornctl_has_dashes() {
   return 1
 }
 
-# _vornctl_has_word NAME WORD... tells whether one of the words is this name,
+# _vornctl_has_word NAME WORD... succeeds if one of the words is this name,
 # in any of the usual quotes.
 _vornctl_has_word() {
   local name=$1 quoted word
