@@ -58,7 +58,7 @@ void printSource(Output& out, const SourceText& document, const Place& place) {
       << spaces(displayWidth(prefix) + missing) << "^\n";
 }
 
-Json placeOf(const Place& place) {
+Json placeJson(const Place& place) {
   return {{"line", place.line}, {"column", place.column}};
 }
 
@@ -165,13 +165,13 @@ void printAsJson(Output& out, const std::vector<CheckedFile>& files) {
   for (const CheckedFile& file : files) {
     Json diagnostics = Json::array();
     for (const Diagnostic& diagnostic : file.diagnostics.all()) {
-      Json each = placeOf(diagnostic.place);
+      Json each = placeJson(diagnostic.place);
       each["severity"] = wordFor(diagnostic.check->severity);
       each["name"] = diagnostic.check->name;
       each["message"] = diagnostic.message;
       each["notes"] = Json::array();
       for (const Note& note : diagnostic.notes) {
-        Json place = placeOf(note.place);
+        Json place = placeJson(note.place);
         place["message"] = note.message;
         each["notes"].push_back(std::move(place));
       }
