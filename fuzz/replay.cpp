@@ -14,6 +14,8 @@
 
 namespace fs = std::filesystem;
 
+// In a unity build the definition precedes this.
+// NOLINTNEXTLINE(readability-redundant-declaration)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace {
