@@ -43,7 +43,8 @@ exec /usr/bin/ps "$@"
 # Exits when it is continued.
 HALTING = "kill -STOP $$\nexit 3"
 # Makes the first calls of the launcher's process before the launcher, so that a fault
-# in one of the first calls of every process affects only its children.
+# in one of the first calls of every process affects only its children. At the end no
+# signal is blocked, whichever of the calls has failed.
 SPEND = """\
 import os, signal, sys
 def attempt(call, *arguments):
@@ -52,7 +53,7 @@ def attempt(call, *arguments):
     except OSError:
         pass
 for _ in range(4):
-    attempt(signal.pthread_sigmask, signal.SIG_BLOCK, [])
+    attempt(signal.pthread_sigmask, signal.SIG_SETMASK, [])
 attempt(signal.signal, signal.SIGPIPE, signal.SIG_DFL)
 attempt(signal.signal, signal.SIGXFSZ, signal.SIG_DFL)
 os.execv(sys.argv[1], sys.argv[1:])
@@ -487,9 +488,10 @@ def check_abort(facts, usual):
 
 
 def injection(name, error, number):
-    """strace's options for the failure of the call of this number and name."""
-    return ["-s", "400", "-e", f"trace={name}",
-            "-e", f"inject={name}:error={error}:when={number}"]
+    """strace's options for the failure of the call of this number and name, which are
+    the kernel's."""
+    return ["-s", "400", "-e", f"trace=?{name}",
+            "-e", f"inject=?{name}:error={error}:when={number}"]
 
 
 def kernel_name(call):
