@@ -27,22 +27,19 @@ TEXT
 quick=()
 output=build/bench
 only=()
-while [[ $# -gt 0 ]]; do
+read_options "" quick,only:,output: "$@"
+set -- "${arguments[@]}"
+while [[ $1 != -- ]]; do
   case $1 in
     --quick) quick=(--quick) ;;
     --only | --output)
-      [[ $# -ge 2 ]] || die "$1 needs a value; see ./bench.sh --help"
       if [[ $1 == --only ]]; then only+=("$2"); else output=$2; fi
       shift
       ;;
-    -h | --help)
-      usage
-      exit 0
-      ;;
-    *) die "unknown option '$1'; see ./bench.sh --help" ;;
   esac
   shift
 done
+[[ $# -eq 1 ]] || die "unexpected argument '$2'; see ./bench.sh --help"
 
 measurements=()
 for name in "${only[@]}"; do

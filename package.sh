@@ -32,23 +32,20 @@ TEXT
 arch=
 kind=deb
 check=false
-while [[ $# -gt 0 ]]; do
+read_options "" arch:,rpm,check "$@"
+set -- "${arguments[@]}"
+while [[ $1 != -- ]]; do
   case $1 in
     --arch)
-      [[ $# -ge 2 ]] || die "$1 needs a value; see ./package.sh --help"
       arch=$2
       shift
       ;;
     --rpm) kind=rpm ;;
     --check) check=true ;;
-    -h | --help)
-      usage
-      exit 0
-      ;;
-    *) die "unknown option '$1'; see ./package.sh --help" ;;
   esac
   shift
 done
+[[ $# -eq 1 ]] || die "unexpected argument '$2'; see ./package.sh --help"
 command -v dpkg >/dev/null ||
   die "dpkg is missing: the packages need Debian; see docs/install.md for other ways"
 native=$(dpkg --print-architecture)

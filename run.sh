@@ -17,12 +17,8 @@ also reaches the nodes, but the launcher does not wait for them.
 TEXT
 }
 
-case ${1-} in
-  -h | --help)
-    usage
-    exit 0
-    ;;
-esac
+read_options "" "" "$@"
+set -- "${arguments[@]:1}"
 [[ $# -le 1 ]] || {
   usage >&2
   exit 2

@@ -66,7 +66,10 @@ build_directory() {
 }
 
 parse_options() {
-  while [[ $# -gt 0 ]]; do
+  read_options j: "unit,system,reliability,instructions,packages,lint,all,\
+allow-skips,asan,filter:,repeat:,preset:,debian:" "$@"
+  set -- "${arguments[@]}"
+  while [[ $1 != -- ]]; do
     case $1 in
       --unit | --system | --reliability | --instructions | --packages | --lint)
         suites+=("${1#--}")
@@ -74,9 +77,7 @@ parse_options() {
       --all) all=true ;;
       --allow-skips) count_options=(--allow-skips) ;;
       --asan) preset=asan ;;
-      -j[0-9]*) jobs=${1#-j} ;;
       --filter | --repeat | --preset | --debian | -j)
-        [[ $# -ge 2 ]] || die "$1 needs a value; see ./test.sh --help"
         case $1 in
           --filter) filter=$2 ;;
           --repeat) repeat=$2 ;;
@@ -86,14 +87,10 @@ parse_options() {
         esac
         shift
         ;;
-      -h | --help)
-        usage
-        exit 0
-        ;;
-      *) die "unknown option '$1'; see ./test.sh --help" ;;
     esac
     shift
   done
+  [[ $# -eq 1 ]] || die "unexpected argument '$2'; see ./test.sh --help"
   [[ $repeat =~ ^[1-9][0-9]*$ ]] || die "--repeat takes a whole number from 1"
   [[ $jobs =~ ^[1-9][0-9]*$ ]] || die "-j takes a whole number from 1"
   [[ $preset =~ ^(release|dev|clang|asan|coverage|arm64)$ ]] ||
@@ -231,10 +228,11 @@ run_suites() {
   done
 }
 
-# run_in_debian OPTION... runs this script in the other Debian.
+# Runs this script in the other Debian.
 run_in_debian() {
   local options=()
-  while [[ $# -gt 0 ]]; do
+  set -- "${arguments[@]}"
+  while [[ $1 != -- ]]; do
     if [[ $1 == --debian ]]; then shift; else options+=("$1"); fi
     shift
   done
@@ -243,7 +241,7 @@ run_in_debian() {
 
 parse_options "$@"
 if [[ -n $debian && $debian != "$DEBIAN" ]]; then
-  run_in_debian "$@"
+  run_in_debian
   exit
 fi
 for ((round = 1; round <= repeat; ++round)); do

@@ -42,27 +42,25 @@ TEXT
 
 minutes=60
 merge=false
-targets=()
-while [[ $# -gt 0 ]]; do
+read_options "" minutes:,merge "$@"
+set -- "${arguments[@]}"
+while [[ $1 != -- ]]; do
   case $1 in
     --minutes)
-      [[ ${2-} =~ ^[1-9][0-9]*$ ]] || die "--minutes takes a whole number from 1"
       minutes=$2
       shift
       ;;
     --merge) merge=true ;;
-    -h | --help)
-      usage
-      exit 0
-      ;;
-    *)
-      [[ -v longest[$1] ]] || die "no target '$1'; see fuzz/run.sh --help"
-      targets+=("$1")
-      ;;
   esac
   shift
 done
-if [[ ${#targets[@]} -eq 0 ]]; then targets=("${all_targets[@]}"); fi
+shift
+[[ $minutes =~ ^[1-9][0-9]*$ ]] || die "--minutes takes a whole number from 1"
+targets=("$@")
+for target in "$@"; do
+  [[ -v longest[$target] ]] || die "no target '$target'; see fuzz/run.sh --help"
+done
+if [[ $# -eq 0 ]]; then targets=("${all_targets[@]}"); fi
 
 # Only the report of an error needs it.
 ASAN_SYMBOLIZER_PATH=$(command -v llvm-symbolizer || true)

@@ -66,6 +66,27 @@ die() {
   exit 2
 }
 
+# read_options SHORT LONG ARGUMENT... checks the arguments of the script with
+# getopt(1); SHORT and LONG are its option strings, to which this adds -h and
+# --help. Stores the arguments in `arguments`: the options and their values, "--",
+# and the operands. Exits after an error, and after --help, which prints usage().
+arguments=()
+read_options() {
+  local parsed argument
+  parsed=$(getopt --name "${0##*/}" --options "$1h" \
+    --longoptions "help${2:+,$2}" -- "${@:3}") || die "see $0 --help"
+  eval "arguments=($parsed)"
+  for argument in "${arguments[@]}"; do
+    case $argument in
+      -h | --help)
+        usage
+        exit 0
+        ;;
+      --) return ;;
+    esac
+  done
+}
+
 # Runs a command as root, without ever asking for a password.
 as_root() {
   if [[ $EUID -eq 0 ]]; then

@@ -18,27 +18,19 @@ TEXT
 
 arch=
 release=$MAIN_DEBIAN
-directory=
-while [[ $# -gt 0 ]]; do
+read_options "" arch:,release: "$@"
+set -- "${arguments[@]}"
+while [[ $1 != -- ]]; do
   case $1 in
     --arch | --release)
-      [[ $# -ge 2 ]] || die "$1 needs a value"
       if [[ $1 == --arch ]]; then arch=$2; else release=$2; fi
       shift
       ;;
-    -h | --help)
-      usage
-      exit 0
-      ;;
-    -*) die "unknown option '$1'; see --help" ;;
-    *) directory=$1 ;;
   esac
   shift
 done
-[[ -n $directory ]] || {
-  usage >&2
-  exit 2
-}
+[[ $# -eq 2 ]] || die "no directory, or more than one; see $0 --help"
+directory=$2
 
 # debootstrap itself configures only the release, without updates.
 mirror=http://deb.debian.org

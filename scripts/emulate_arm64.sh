@@ -15,16 +15,8 @@ off, and does nothing where such programs run already.
 TEXT
 }
 
-case ${1-} in
-  -h | --help)
-    usage
-    exit 0
-    ;;
-esac
-[[ $# -eq 0 ]] || {
-  usage >&2
-  exit 2
-}
+read_options "" "" "$@"
+[[ ${#arguments[@]} -eq 1 ]] || die "unexpected argument; see $0 --help"
 
 formats=/proc/sys/fs/binfmt_misc
 rule=/usr/lib/binfmt.d/qemu-aarch64.conf

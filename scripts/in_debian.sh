@@ -17,14 +17,9 @@ it is missing. Needs root and the package servers.
 TEXT
 }
 
-if [[ ${1-} == -h || ${1-} == --help ]]; then
-  usage
-  exit 0
-fi
-[[ $# -ge 2 ]] || {
-  usage >&2
-  exit 2
-}
+read_options "+" "" "$@"  # the options after COMMAND are its own
+set -- "${arguments[@]:1}"
+[[ $# -ge 2 ]] || die "no release or no command; see $0 --help"
 directory=build-debian$1
 scripts/debian_root.sh --release "$1" "$directory/root"
 shift

@@ -21,16 +21,9 @@ could not be run.
 TEXT
 }
 
+read_options "" full "$@"
 full=false
-case ${1-} in
-  "") ;;
-  --full) full=true ;;
-  -h | --help)
-    usage
-    exit 0
-    ;;
-  *) die "unknown option '$1'; see scripts/lint.sh --help" ;;
-esac
+if [[ ${arguments[0]} == --full ]]; then full=true; fi
 
 failed=false
 check() {

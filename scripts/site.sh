@@ -14,13 +14,9 @@ status: 0 done, 1 a link is broken or mkdocs.yml lacks a document, 2 it could no
 TEXT
 }
 
-case ${1-} in
-  -h | --help)
-    usage
-    exit 0
-    ;;
-  "" | -*) die "no directory; see scripts/site.sh --help" ;;
-esac
+read_options "" "" "$@"
+set -- "${arguments[@]:1}"
+[[ $# -eq 1 ]] || die "no directory; see scripts/site.sh --help"
 [[ ! -e $1 ]] || die "$1 exists"
 site=$(realpath -m -- "$1")
 cd -- "$root"
