@@ -64,44 +64,51 @@ void printJson(const LauncherProcess& launcher,
   standardOutput() << jsonText(document);
 }
 
-void printTable(const StatusOptions& options, const Settings& settings,
-                const LauncherProcess& launcher,
-                const std::vector<NodeView>& views) {
+std::vector<std::string> columnsFor(const StatusOptions& options) {
   std::vector<std::string> columns = options.columns;
-  if (columns.empty() && options.hasHeader && !options.isPlain) {
-    standardOutput() << describeLauncher(launcher, launcherName(launcher),
-                                         settings.terminalWidth)
-                     << "\n";
+  for (size_t i = 0; options.columns.empty() && i < kUsualColumns; ++i) {
+    columns.push_back(statusColumns()[i].name);
   }
-  if (columns.empty()) {
-    for (size_t i = 0; i < kUsualColumns; ++i) {
-      columns.push_back(statusColumns()[i].name);
-    }
-  }
+  return columns;
+}
+
+Table tableOf(const StatusOptions& options,
+              const std::vector<NodeView>& views) {
+  const std::vector<std::string> columns = columnsFor(options);
   Table table;
-  if (options.hasHeader) {
-    for (const std::string& title : columns) {
-      table.header.push_back(terminalText(upperCase(title)));
-    }
+  for (size_t i = 0; options.hasHeader && i < columns.size(); ++i) {
+    table.header.push_back(terminalText(upperCase(columns[i])));
   }
   for (const NodeView& view : views) {
-    std::vector<Cell> row;
-    row.reserve(columns.size());
+    std::vector<Cell>& row = table.rows.emplace_back();
     for (const std::string& column : columns) {
       row.push_back(options.isPlain ? plainCellFor(view, column)
                                     : cellFor(view, column));
     }
-    table.rows.push_back(std::move(row));
   }
+  return table;
+}
+
+void printTable(const StatusOptions& options, const Settings& settings,
+                const LauncherProcess& launcher,
+                const std::vector<NodeView>& views) {
   Output out = standardOutput();
+  Table table = tableOf(options, views);
   if (options.isPlain) {
     printPlain(out, table);
-  } else {
-    if (options.columns.empty() && settings.terminalWidth != 0) {
+    return;
+  }
+  if (options.columns.empty()) {
+    if (options.hasHeader) {
+      out << describeLauncher(launcher, launcherName(launcher),
+                              settings.terminalWidth)
+          << "\n";
+    }
+    if (settings.terminalWidth != 0) {
       fitInto(table, settings.terminalWidth, kLeastNeeded);
     }
-    printAligned(out, table, settings.hasColours);
   }
+  printAligned(out, table, settings.hasColours);
 }
 
 }  // namespace

@@ -35,49 +35,59 @@ class Wait {
         file_(targets.launcher.file) {}
 
   ExitStatus run() {
-    std::optional<Clock::time_point> reached;
     for (;;) {
-      const Clock::time_point next =
-          reached ? std::min(deadline_, *reached + options_.heldFor)
-                  : deadline_;
-      const auto changes = watcher_.wait(std::min(
-          kNoLimit, std::chrono::ceil<milliseconds>(next - Clock::now())));
-      if (!watcher_.failure().isDone()) {
-        context_.printError(watcher_.failure().message);
-        return exitStatusOf(watcher_.failure().outcome);
-      }
-      if (context_.isCancelled()) return kTimedOut;
+      const auto changes = watcher_.wait(timeLeft());
+      if (const auto status = failureIn(changes)) return *status;
       for (const auto& change : changes) {
-        if (change.status.isDone()) continue;
-        context_.printRequestError(change.name, change.status, file_);
-        return exitStatusOf(change.status.outcome);
+        first_.emplace(change.name, change.status);
       }
-      remember(changes);
-      const bool is_reached = std::all_of(
-          watcher_.names().begin(), watcher_.names().end(),
-          [this](const std::string& name) { return isReached(name); });
-      const Clock::time_point now = Clock::now();
-      // A restart between two checks interrupts the state as well.
-      if (reached && (!is_reached || !changes.empty())) {
-        context_.printError("the state did not last: " +
-                            describeMissing(changes));
-        return kNotRunning;
-      }
-      if (is_reached && !reached) reached = now;
-      if (reached && now >= *reached + options_.heldFor) return kDone;
-      if (now >= deadline_) {
-        context_.printError("the time limit has expired: " +
-                            describeMissing({}));
-        return kTimedOut;
-      }
+      if (const auto status = progressWith(changes)) return *status;
     }
   }
 
  private:
-  void remember(const std::vector<NodeWatcher::Change>& changes) {
-    for (const auto& change : changes) {
-      first_.emplace(change.name, change.status);
+  using Changes = std::vector<NodeWatcher::Change>;
+
+  milliseconds timeLeft() const {
+    const Clock::time_point next =
+        reached_ ? std::min(deadline_, *reached_ + options_.heldFor)
+                 : deadline_;
+    return std::min(kNoLimit,
+                    std::chrono::ceil<milliseconds>(next - Clock::now()));
+  }
+
+  /// The exit status, after a message, if the wait cannot continue.
+  std::optional<ExitStatus> failureIn(const Changes& changes) const {
+    if (!watcher_.failure().isDone()) {
+      context_.printError(watcher_.failure().message);
+      return exitStatusOf(watcher_.failure().outcome);
     }
+    if (context_.isCancelled()) return kTimedOut;
+    for (const auto& change : changes) {
+      if (change.status.isDone()) continue;
+      context_.printRequestError(change.name, change.status, file_);
+      return exitStatusOf(change.status.outcome);
+    }
+    return std::nullopt;
+  }
+
+  /// The exit status if the wait is over.
+  std::optional<ExitStatus> progressWith(const Changes& changes) {
+    const bool is_reached = std::all_of(
+        watcher_.names().begin(), watcher_.names().end(),
+        [this](const std::string& name) { return isReached(name); });
+    const Clock::time_point now = Clock::now();
+    // A restart between two checks interrupts the state as well.
+    if (reached_ && (!is_reached || !changes.empty())) {
+      context_.printError("the state did not last: " +
+                          describeMissing(changes));
+      return kNotRunning;
+    }
+    if (is_reached && !reached_) reached_ = now;
+    if (reached_ && now >= *reached_ + options_.heldFor) return kDone;
+    if (now < deadline_) return std::nullopt;
+    context_.printError("the time limit has expired: " + describeMissing({}));
+    return kTimedOut;
   }
 
   bool isReached(const std::string& name) const {
@@ -101,8 +111,7 @@ class Wait {
 
   /// The nodes that are not in the requested state, otherwise those that have
   /// changed.
-  std::string describeMissing(
-      const std::vector<NodeWatcher::Change>& changes) const {
+  std::string describeMissing(const Changes& changes) const {
     std::string text;
     const auto add = [&](const std::string& name) {
       if (!text.empty()) text += ", ";
@@ -122,6 +131,7 @@ class Wait {
   const Clock::time_point deadline_;
   NodeWatcher watcher_;
   const LaunchFile& file_;
+  std::optional<Clock::time_point> reached_;  // the start of the state
   std::map<std::string, StatusReply> first_;  // when the wait began
 };
 
