@@ -49,11 +49,11 @@ class ReadLaunchFileTest : public ::testing::Test {
   std::optional<LaunchFile> readFile() {
     const auto document = readSourceText(path_, error_);
     EXPECT_TRUE(document) << error_;
-    return loadLaunchFile(*document, surroundings_, error_);
+    return loadLaunchFile(*document, environment_, error_);
   }
 
   std::string path_;
-  LauncherSurroundings surroundings_;
+  LauncherEnvironment environment_;
   std::string error_;
 };
 
@@ -115,7 +115,7 @@ TEST_F(ReadLaunchFileTest, FindsANodeByName) {
 }
 
 TEST_F(ReadLaunchFileTest, JoinsARelativePathToTheLaunchersBinPath) {
-  surroundings_.binPath = "/opt/b";
+  environment_.binPath = "/opt/b";
   const LaunchFile file = read("vornnode: {a: {path: x}, b: {path: /x}}");
   EXPECT_EQ(file.nodes.at(0).executable, "/opt/b/x");
   EXPECT_EQ(file.nodes.at(1).executable, "/x");
@@ -126,7 +126,7 @@ TEST_F(ReadLaunchFileTest, LeavesARelativePathWithoutABinPath) {
 }
 
 TEST_F(ReadLaunchFileTest, PrefersTheBinPathThatTheFileSetsLast) {
-  surroundings_.binPath = "/opt/b";
+  environment_.binPath = "/opt/b";
   const LaunchFile file = read(
       "vornnode: {a: {path: x}}\n"
       "configure: {environment: {VORN_BIN_PATH: /first, VORN_BIN_PATH: /c}}");
@@ -134,7 +134,7 @@ TEST_F(ReadLaunchFileTest, PrefersTheBinPathThatTheFileSetsLast) {
 }
 
 TEST_F(ReadLaunchFileTest, ExpandsTheInstallRootInTheBinPath) {
-  surroundings_.root = "/opt/v";
+  environment_.root = "/opt/v";
   const LaunchFile file = read(
       "vornnode: {a: {path: x}}\n"
       "configure: {environment: {VORN_BIN_PATH: 'install://bin'}}");

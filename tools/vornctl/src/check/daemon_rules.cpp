@@ -88,7 +88,7 @@ void checkDaemon(const LaunchFile::Node& node, Diagnostics& diagnostics) {
       "restarts node '" +
       node.name.value + "' every 5 s; run the program in the foreground";
   if (const Text* const option = daemonizeOption(node.arguments)) {
-    diagnostics.add("daemonizes", option->place,
+    diagnostics.add("daemonizes", option->location,
                     "with '--daemonize' the program" + end);
     return;
   }
@@ -98,12 +98,12 @@ void checkDaemon(const LaunchFile::Node& node, Diagnostics& diagnostics) {
     if (server.background.empty()) {
       if (hasForegroundOption(server, node.arguments)) return;
       diagnostics.add(
-          "daemonizes", node.path.place,
+          "daemonizes", node.path.location,
           "without other options, '" + std::string(name) + "'" + end);
     } else if (const Text* const option =
                    backgroundOption(server, node.arguments)) {
       diagnostics.add(
-          "daemonizes", option->place,
+          "daemonizes", option->location,
           "with '" + option->value + "', '" + std::string(name) + "'" + end);
     }
   }

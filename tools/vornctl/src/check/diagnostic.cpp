@@ -80,7 +80,7 @@ constexpr CheckInfo kChecks[] = {
 };
 
 bool isBefore(const Diagnostic& a, const Diagnostic& b) {
-  return std::tie(a.place, a.message) < std::tie(b.place, b.message);
+  return std::tie(a.location, a.message) < std::tie(b.location, b.message);
 }
 
 /// The message, with an ellipsis for the middle of one that is too long.
@@ -142,31 +142,31 @@ Diagnostics::Diagnostics(const SourceText& document,
 }
 
 bool Diagnostics::isSilenced(const std::string& check,
-                             const Place& place) const {
+                             const SourceLocation& location) const {
   if (ignored_.count(check) > 0) return true;
-  const auto line = silenced_.find(place.line);
+  const auto line = silenced_.find(location.line);
   return line != silenced_.end() && line->second.count(check) > 0;
 }
 
-void Diagnostics::add(const std::string& check, Place place,
+void Diagnostics::add(const std::string& check, SourceLocation location,
                       const std::string& message, std::vector<Note> notes) {
   const CheckInfo* const info = findCheck(check);
   assert(info != nullptr);
-  if (place.line < 1) place = {1, 1};
-  if (isSilenced(check, place)) return;
+  if (location.line < 1) location = {1, 1};
+  if (isSilenced(check, location)) return;
   OfAKind& kind = kinds_[info];
   if (kind.shown.size() == kMostOfAKind) {
-    if (!kind.more) kind.more = place;
+    if (!kind.more) kind.more = location;
     return;
   }
   const std::string text = shortened(message);
-  if (!kind.shown.emplace(place, text).second) return;
+  if (!kind.shown.emplace(location, text).second) return;
   if (notes.size() > kMostNotes) {
     notes.resize(kMostNotes);
-    notes.push_back({notes.back().place, "further locations are not shown"});
+    notes.push_back({notes.back().location, "further locations are not shown"});
   }
   for (Note& note : notes) note.message = shortened(note.message);
-  diagnostics_.push_back({info, place, text, std::move(notes)});
+  diagnostics_.push_back({info, location, text, std::move(notes)});
 }
 
 bool Diagnostics::isFull(const std::string& check) const {

@@ -32,13 +32,13 @@ const CheckInfo* findCheck(const std::string& name);
 
 /// Another location that a diagnostic refers to.
 struct Note {
-  Place place;
+  SourceLocation location;
   std::string message;
 };
 
 struct Diagnostic {
   const CheckInfo* check = nullptr;
-  Place place;
+  SourceLocation location;
   std::string message;  // one sentence; texts of the file in it are raw
   std::vector<Note> notes;
 };
@@ -58,8 +58,8 @@ class Diagnostics {
 
   /// Adds a diagnostic unless it is silenced, repeated or beyond the limit.
   /// `check` is a name in allChecks(). Line 0 becomes the first line.
-  void add(const std::string& check, Place place, const std::string& message,
-           std::vector<Note> notes = {});
+  void add(const std::string& check, SourceLocation location,
+           const std::string& message, std::vector<Note> notes = {});
 
   /// Whether the limit of the diagnostics of this name is reached.
   bool isFull(const std::string& check) const;
@@ -71,11 +71,13 @@ class Diagnostics {
 
  private:
   struct OfAKind {
-    std::set<std::pair<Place, std::string>> shown;  // place and message
-    std::optional<Place> more;  // the first place beyond the limit
+    std::set<std::pair<SourceLocation, std::string>>
+        shown;                           // location and message
+    std::optional<SourceLocation> more;  // the first location beyond the limit
   };
 
-  bool isSilenced(const std::string& check, const Place& place) const;
+  bool isSilenced(const std::string& check,
+                  const SourceLocation& location) const;
 
   std::set<std::string> ignored_;
   std::map<int, std::set<std::string>> silenced_;  // by line

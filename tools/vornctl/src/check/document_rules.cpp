@@ -40,12 +40,12 @@ void checkUnknown(const std::vector<Text>& keys, const std::string& owner,
       continue;
     }
     if (key.value == "<<") {
-      diagnostics.add("merge-key", key.place,
+      diagnostics.add("merge-key", key.location,
                       "'<<' is ignored like any unknown key; repeat the keys "
                       "that it would merge");
       continue;
     }
-    diagnostics.add("unknown-key", key.place,
+    diagnostics.add("unknown-key", key.location,
                     "unknown key '" + key.value + "' " + owner + " is ignored" +
                         hintFor(key.value, known, advice));
   }
@@ -62,30 +62,30 @@ std::string ofRepeatedKey(const std::string& key) {
 void checkRepeated(const std::vector<Text>& keys, const std::string& owner,
                    const std::vector<std::string>& known,
                    Diagnostics& diagnostics) {
-  std::map<std::string, Place> first;
+  std::map<std::string, SourceLocation> first;
   for (const Text& key : keys) {
-    const auto [before, is_new] = first.emplace(key.value, key.place);
+    const auto [before, is_new] = first.emplace(key.value, key.location);
     bool is_known = false;
     for (const std::string& each : known) is_known |= each == key.value;
     if (is_new || !is_known) continue;
     diagnostics.add(
-        "repeated-key", key.place,
+        "repeated-key", key.location,
         "'" + key.value + "' again " + owner + ": " + ofRepeatedKey(key.value),
         {{before->second, "the first '" + key.value + "' is here"}});
   }
 }
 
 void checkSections(const LaunchFile& file, Diagnostics& diagnostics) {
-  std::map<std::string, Place> first;
+  std::map<std::string, SourceLocation> first;
   std::vector<Text> others;
   for (const Text& key : file.keys) {
     if (!isPrivate(key.value)) others.push_back(key);
-    const auto [before, is_new] = first.emplace(key.value, key.place);
+    const auto [before, is_new] = first.emplace(key.value, key.location);
     if (is_new || (key.value != "vornnode" && key.value != "configure")) {
       continue;
     }
     diagnostics.add(
-        "repeated-section", key.place,
+        "repeated-section", key.location,
         "a second '" + key.value +
             "' is ignored with its content; move the content to the first one",
         {{before->second, "the first one is here"}});
@@ -94,15 +94,15 @@ void checkSections(const LaunchFile& file, Diagnostics& diagnostics) {
                diagnostics);
   checkUnknown(file.configureKeys, "in 'configure'", kConfigureKeys, nullptr,
                diagnostics);
-  Place environment;
+  SourceLocation environment;
   for (const Text& key : file.configureKeys) {
     if (key.value != "environment") continue;
     if (environment.line == 0) {
-      environment = key.place;
+      environment = key.location;
       continue;
     }
     diagnostics.add(
-        "repeated-key", key.place,
+        "repeated-key", key.location,
         "'environment' again in 'configure': the first one is used, "
         "this one is ignored",
         {{environment, "the first 'environment' is here"}});
@@ -119,13 +119,13 @@ void checkKeys(const LaunchFile::Node& node, Diagnostics& diagnostics) {
 
 void checkDocument(const LaunchFile& file, Diagnostics& diagnostics) {
   if (const Text& language = file.otherLanguage; !language.value.empty()) {
-    diagnostics.add("other-language", language.place,
+    diagnostics.add("other-language", language.location,
                     "this looks like " + language.value +
                         "; a launch file is YAML with nodes in 'vornnode'");
     return;
   }
   for (const LoadError& loadError : file.loadErrors) {
-    diagnostics.add(loadError.check, loadError.place, loadError.message);
+    diagnostics.add(loadError.check, loadError.location, loadError.message);
   }
   if (!file.loadErrors.empty() && file.loadErrors[0].check == "syntax") return;
   if (file.secondDocument.line != 0) {
@@ -135,7 +135,7 @@ void checkDocument(const LaunchFile& file, Diagnostics& diagnostics) {
   }
   for (const Text& value : file.ignored) {
     diagnostics.add(
-        "ignored-value", value.place,
+        "ignored-value", value.location,
         "this is not a mapping; " + value.value + " is treated as empty");
   }
   checkSections(file, diagnostics);

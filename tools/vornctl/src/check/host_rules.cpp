@@ -240,7 +240,7 @@ void checkPrograms(const LaunchFile& file, const std::string& path,
     const auto [entry, is_new] = known.try_emplace({program, node_path});
     if (is_new) entry->second = problemOf(program, node_path);
     if (!entry->second) continue;
-    diagnostics.add(entry->second->check, node.path.place,
+    diagnostics.add(entry->second->check, node.path.location,
                     "'" + program + "' of node '" + node.name.value + "' " +
                         entry->second->description);
   }
@@ -248,13 +248,13 @@ void checkPrograms(const LaunchFile& file, const std::string& path,
 
 void checkTools(const LaunchFile& file, const std::string& path,
                 Diagnostics& diagnostics) {
-  Place place{1, 1};
+  SourceLocation location{1, 1};
   for (const Variable& variable : file.environment) {
-    if (variable.name.value == "PATH") place = variable.value.place;
+    if (variable.name.value == "PATH") location = variable.value.location;
   }
   for (const char* const tool : {"ps", "grep"}) {
     if (isInPath(tool, path)) continue;
-    diagnostics.add("missing-tool", place,
+    diagnostics.add("missing-tool", location,
                     std::string("'") + tool +
                         "' is not in any directory of the launcher's PATH, '" +
                         path +
@@ -303,11 +303,12 @@ std::string writableByOthers(const std::string& path) {
 void checkRights(const SourceText& document, const LaunchFile& file,
                  Diagnostics& diagnostics) {
   if (::geteuid() != 0) return;
-  const auto check = [&](const std::string& path, const Place& place) {
+  const auto check = [&](const std::string& path,
+                         const SourceLocation& location) {
     const std::string writable = writableByOthers(path);
     if (writable.empty()) return;
     diagnostics.add(
-        "writable-by-others", place,
+        "writable-by-others", location,
         "any user can change '" + writable +
             "', and so the programs that the launcher runs as root");
   };
@@ -315,7 +316,7 @@ void checkRights(const SourceText& document, const LaunchFile& file,
   std::set<std::string> seen;
   for (const LaunchFile::Node& node : file.nodes) {
     if (!seen.insert(node.executable).second) continue;
-    check(node.executable, node.path.place);
+    check(node.executable, node.path.location);
   }
 }
 

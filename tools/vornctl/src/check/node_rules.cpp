@@ -31,25 +31,25 @@ size_t dashAfterBlank(const std::string& text) {
 void checkName(const LaunchFile::Node& node, Diagnostics& diagnostics) {
   const std::string& name = node.name.value;
   if (name.size() > kLongestName) {
-    diagnostics.add("name-too-long", node.name.place,
+    diagnostics.add("name-too-long", node.name.location,
                     "the name of this node has " + std::to_string(name.size()) +
                         " bytes; with more than 127 it cannot be controlled");
   }
   if (name.rfind('-', 0) == 0) {
-    diagnostics.add("name-like-option", node.name.place,
+    diagnostics.add("name-like-option", node.name.location,
                     "the name '" + name +
                         "' starts with a dash; 'vornctl stop' parses it as an "
                         "option");
   } else if (const size_t dash = dashAfterBlank(name);
              dash != std::string::npos) {
-    diagnostics.add("name-like-option", node.name.place,
+    diagnostics.add("name-like-option", node.name.location,
                     "the name '" + name +
                         "' has a dash after a blank; where the name is split, "
                         "as by xargs, 'vornctl stop' parses '" +
                         name.substr(dash) + "' as an option");
   }
   if (name.find('\0') != std::string::npos) {
-    diagnostics.add("nul-in-name", node.name.place,
+    diagnostics.add("nul-in-name", node.name.location,
                     named(node) +
                         " has a NUL in its name and cannot be "
                         "controlled");
@@ -57,12 +57,12 @@ void checkName(const LaunchFile::Node& node, Diagnostics& diagnostics) {
 }
 
 void checkDuplicates(const LaunchFile& file, Diagnostics& diagnostics) {
-  std::map<std::string, Place> first;
+  std::map<std::string, SourceLocation> first;
   for (const LaunchFile::Node& node : file.nodes) {
     const auto [before, is_new] =
-        first.emplace(node.name.value, node.name.place);
+        first.emplace(node.name.value, node.name.location);
     if (is_new) continue;
-    diagnostics.add("duplicate-node", node.name.place,
+    diagnostics.add("duplicate-node", node.name.location,
                     "a second " + named(node) +
                         ": both run, but only the first can be controlled and "
                         "required",
@@ -75,19 +75,19 @@ void checkSleep(const LaunchFile::Node& node, Diagnostics& diagnostics) {
   const uint32_t effective = effectiveSleepMs(sleep);
   const std::string written = std::to_string(sleep) + " ms";
   if (sleep > kLongestSleepMs) {
-    diagnostics.add("sleep-wraps", node.sleepMs.place,
+    diagnostics.add("sleep-wraps", node.sleepMs.location,
                     "a sleep of " + written + " wraps around and is " +
                         std::to_string(effective) +
                         " ms; 4294967 ms is the longest");
   }
   if (sleep > 0 && sleep < kShortSleepMs) {
-    diagnostics.add("short-sleep", node.sleepMs.place,
+    diagnostics.add("short-sleep", node.sleepMs.location,
                     "the sleep of " + named(node) + " is " + written +
                         "; for seconds, write " + std::to_string(sleep * 1000));
   }
   if (effective > kLongSleepMs) {
     diagnostics.add(
-        "long-sleep", node.sleepMs.place,
+        "long-sleep", node.sleepMs.location,
         "before each start of " + named(node) + " the launcher sleeps for " +
             std::to_string(effective / 1000) +
             " s: it starts nothing else, notices no exit and answers "
@@ -144,7 +144,7 @@ void checkArgument(const LaunchFile::Node& node, const Text& argument,
   const char first = argument.value.front();
   const char last = argument.value.back();
   if (first == '"' || first == '\'' || last == '"' || last == '\'') {
-    diagnostics.add("quote-in-argv", argument.place,
+    diagnostics.add("quote-in-argv", argument.location,
                     subject +
                         " keeps its quotes; arguments are split at every "
                         "space, and quotes are not removed");
@@ -152,11 +152,11 @@ void checkArgument(const LaunchFile::Node& node, const Text& argument,
   if (const std::string part = shellPartOfArgument(argument.value);
       !part.empty()) {
     diagnostics.add(
-        "shell-in-argv", argument.place,
+        "shell-in-argv", argument.location,
         subject + " is passed as written; no shell expands its '" + part + "'");
   }
   if (argument.value.find_first_of("\t\n\r") != std::string::npos) {
-    diagnostics.add("space-in-argument", argument.place,
+    diagnostics.add("space-in-argument", argument.location,
                     subject +
                         " contains a tab or a line break; only spaces separate "
                         "arguments");
@@ -166,7 +166,8 @@ void checkArgument(const LaunchFile::Node& node, const Text& argument,
 void checkNul(const Text& text, const std::string& what,
               Diagnostics& diagnostics) {
   if (text.value.find('\0') == std::string::npos) return;
-  diagnostics.add("nul-in-text", text.place, what + " ends at its first NUL");
+  diagnostics.add("nul-in-text", text.location,
+                  what + " ends at its first NUL");
 }
 
 void checkTexts(const LaunchFile::Node& node, Diagnostics& diagnostics) {
@@ -182,12 +183,12 @@ void checkPath(const LaunchFile& file, const LaunchFile::Node& node,
   const std::string subject =
       "path '" + node.path.value + "' of " + named(node);
   if (hasArgument(node.path.value)) {
-    diagnostics.add("shell-in-path", node.path.place,
+    diagnostics.add("shell-in-path", node.path.location,
                     subject + " contains a blank; write arguments in 'argv'");
   }
   const bool is_home = node.path.value.rfind("~/", 0) == 0;
   if (is_home || hasShellVariable(node.path.value)) {
-    diagnostics.add("shell-in-path", node.path.place,
+    diagnostics.add("shell-in-path", node.path.location,
                     subject + " is used as written; no shell expands its '" +
                         (is_home ? "~'" : "$'"));
     return;
@@ -196,7 +197,7 @@ void checkPath(const LaunchFile& file, const LaunchFile::Node& node,
   if (node.path.value.rfind('/', 0) == 0) return;
   // variable_rules.cpp has a better message for this.
   if (node.path.value.rfind("install:", 0) == 0) return;
-  diagnostics.add("relative-path", node.path.place,
+  diagnostics.add("relative-path", node.path.location,
                   subject +
                       " is relative to the launcher's working directory; set "
                       "VORN_BIN_PATH in 'configure' or write an absolute path");
@@ -205,11 +206,11 @@ void checkPath(const LaunchFile& file, const LaunchFile::Node& node,
 void checkFlags(const LaunchFile::Node& node, Diagnostics& diagnostics) {
   if (!node.disabled.value || node.autostart.value) return;
   diagnostics.add(
-      "disabled-autostart", node.autostart.place,
+      "disabled-autostart", node.autostart.location,
       named(node) +
           " is disabled and not started automatically: once enabled, "
           "its first start is refused and only the second works",
-      {{node.disabled.place, "it is disabled here"}});
+      {{node.disabled.location, "it is disabled here"}});
 }
 
 }  // namespace
@@ -217,7 +218,7 @@ void checkFlags(const LaunchFile::Node& node, Diagnostics& diagnostics) {
 void checkNodes(const LaunchFile& file, Diagnostics& diagnostics) {
   checkDuplicates(file, diagnostics);
   for (const LaunchFile::Node& node : file.dropped) {
-    diagnostics.add("node-dropped", node.name.place,
+    diagnostics.add("node-dropped", node.name.location,
                     isNodeKey(node.name.value)
                         ? "'" + node.name.value +
                               "' is read as the name of a node without 'path'; "

@@ -38,10 +38,11 @@ size_t characterBefore(std::string_view line, size_t position) {
   return position;
 }
 
-void printSource(Output& out, const SourceText& document, const Place& place) {
-  const std::string_view line = document.line(place.line);
+void printSource(Output& out, const SourceText& document,
+                 const SourceLocation& location) {
+  const std::string_view line = document.line(location.line);
   if (line.empty()) return;
-  const auto column = static_cast<size_t>(place.column) - 1;
+  const auto column = static_cast<size_t>(location.column) - 1;
   const bool is_short = line.size() <= kLongestSource;
   const bool is_cut = !is_short && column > kLongestSource / 2;
   const size_t begin =
@@ -58,15 +59,16 @@ void printSource(Output& out, const SourceText& document, const Place& place) {
       << spaces(displayWidth(prefix) + missing) << "^\n";
 }
 
-Json placeJson(const Place& place) {
-  return {{"line", place.line}, {"column", place.column}};
+Json locationJson(const SourceLocation& location) {
+  return {{"line", location.line}, {"column", location.column}};
 }
 
 /// The column in characters of UTF-8.
-int codePointColumn(const SourceText& document, const Place& place) {
-  const std::string_view line = document.line(place.line);
+int codePointColumn(const SourceText& document,
+                    const SourceLocation& location) {
+  const std::string_view line = document.line(location.line);
   int column = 1;
-  for (int i = 0; i < place.column - 1; ++i) {
+  for (int i = 0; i < location.column - 1; ++i) {
     const auto index = static_cast<size_t>(i);
     const bool is_inside =
         index < line.size() &&
@@ -95,11 +97,11 @@ std::string uriOf(const std::string& path) {
   return uri;
 }
 
-Json sarifLocation(const SourceText& document, const Place& place) {
+Json sarifLocation(const SourceText& document, const SourceLocation& location) {
   Json physical = {{"artifactLocation", {{"uri", uriOf(document.name())}}}};
-  if (place.line > 0) {
-    physical["region"] = {{"startLine", place.line},
-                          {"startColumn", codePointColumn(document, place)}};
+  if (location.line > 0) {
+    physical["region"] = {{"startLine", location.line},
+                          {"startColumn", codePointColumn(document, location)}};
   }
   return {{"physicalLocation", physical}};
 }
@@ -109,11 +111,12 @@ Json sarifResult(const SourceText& document, const Diagnostic& diagnostic) {
       {"ruleId", diagnostic.check->name},
       {"level", wordFor(diagnostic.check->severity)},
       {"message", {{"text", diagnostic.message}}},
-      {"locations", Json::array({sarifLocation(document, diagnostic.place)})},
+      {"locations",
+       Json::array({sarifLocation(document, diagnostic.location)})},
   };
   Json related = Json::array();
   for (const Note& note : diagnostic.notes) {
-    Json location = sarifLocation(document, note.place);
+    Json location = sarifLocation(document, note.location);
     location["message"] = {{"text", note.message}};
     related.push_back(std::move(location));
   }
@@ -138,24 +141,24 @@ Json sarifRules() {
 
 void printAsText(Output& out, const CheckedFile& file, bool has_source,
                  bool has_colours) {
-  const auto print_line = [&](const Place& place, const char* word,
+  const auto print_line = [&](const SourceLocation& location, const char* word,
                               Colour colour, const std::string& text) {
-    const OutputText place_text =
-        terminalText(file.document.name() + ':' + std::to_string(place.line) +
-                     ':' + std::to_string(place.column) + ':');
-    out << (has_colours ? coloured(place_text, Colour::BOLD) : place_text)
+    const OutputText location_text = terminalText(
+        file.document.name() + ':' + std::to_string(location.line) + ':' +
+        std::to_string(location.column) + ':');
+    out << (has_colours ? coloured(location_text, Colour::BOLD) : location_text)
         << " "
         << (has_colours ? coloured(terminalText(word) + ":", colour)
                         : terminalText(word) + ":")
         << " " << terminalText(text) << "\n";
-    if (has_source) printSource(out, file.document, place);
+    if (has_source) printSource(out, file.document, location);
   };
   for (const Diagnostic& diagnostic : file.diagnostics.all()) {
     const Severity severity = diagnostic.check->severity;
-    print_line(diagnostic.place, wordFor(severity), colourOf(severity),
+    print_line(diagnostic.location, wordFor(severity), colourOf(severity),
                diagnostic.message + " [" + diagnostic.check->name + ']');
     for (const Note& note : diagnostic.notes) {
-      print_line(note.place, "note", Colour::FAINT, note.message);
+      print_line(note.location, "note", Colour::FAINT, note.message);
     }
   }
 }
@@ -165,15 +168,15 @@ void printAsJson(Output& out, const std::vector<CheckedFile>& files) {
   for (const CheckedFile& file : files) {
     Json diagnostics = Json::array();
     for (const Diagnostic& diagnostic : file.diagnostics.all()) {
-      Json each = placeJson(diagnostic.place);
+      Json each = locationJson(diagnostic.location);
       each["severity"] = wordFor(diagnostic.check->severity);
       each["name"] = diagnostic.check->name;
       each["message"] = diagnostic.message;
       each["notes"] = Json::array();
       for (const Note& note : diagnostic.notes) {
-        Json place = placeJson(note.place);
-        place["message"] = note.message;
-        each["notes"].push_back(std::move(place));
+        Json location = locationJson(note.location);
+        location["message"] = note.message;
+        each["notes"].push_back(std::move(location));
       }
       diagnostics.push_back(std::move(each));
     }
@@ -216,12 +219,13 @@ void printAsGithub(Output& out, const std::vector<CheckedFile>& files) {
           << terminalText(severity == Severity::NOTE ? "notice"
                                                      : wordFor(severity))
           << " file=" << property(file.document.name())
-          << ",line=" << diagnostic.place.line
-          << ",col=" << diagnostic.place.column
+          << ",line=" << diagnostic.location.line
+          << ",col=" << diagnostic.location.column
           << ",title=" << property(diagnostic.check->name)
           << "::" << message(diagnostic.message);
       for (const Note& note : diagnostic.notes) {
-        out << "%0Aline " << note.place.line << ": " << message(note.message);
+        out << "%0Aline " << note.location.line << ": "
+            << message(note.message);
       }
       out << "\n";
     }

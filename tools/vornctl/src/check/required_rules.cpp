@@ -20,7 +20,7 @@ void checkName(const LaunchFile::Node& node, const Text& name,
                Diagnostics& diagnostics) {
   const std::string requirer = "'" + node.name.value + "' requires ";
   if (name.value == node.name.value) {
-    diagnostics.add("required-self", name.place,
+    diagnostics.add("required-self", name.location,
                     requirer + "itself, which is ignored");
     return;
   }
@@ -31,18 +31,18 @@ void checkName(const LaunchFile::Node& node, const Text& name,
     if (!diagnostics.isFull("required-unknown"))
       near = nearestOf(names, name.value);
     if (near == node.name.value) near.clear();  // required-self would follow
-    diagnostics.add("required-unknown", name.place,
+    diagnostics.add("required-unknown", name.location,
                     requirer + "'" + name.value +
                         "', which is not a node; it is ignored" +
                         (near.empty() ? "" : "; did you mean '" + near + "'?"));
     return;
   }
   if (other->second->oneshot.value) {
-    diagnostics.add("required-oneshot", name.place,
-                    requirer + "'" + name.value +
-                        "', a oneshot: if it runs when '" + node.name.value +
-                        "' stops, it is stopped and disabled",
-                    {{other->second->oneshot.place, "it is a oneshot here"}});
+    diagnostics.add(
+        "required-oneshot", name.location,
+        requirer + "'" + name.value + "', a oneshot: if it runs when '" +
+            node.name.value + "' stops, it is stopped and disabled",
+        {{other->second->oneshot.location, "it is a oneshot here"}});
   }
 }
 
@@ -54,12 +54,12 @@ void checkNames(const LaunchFile& file, Diagnostics& diagnostics) {
     names.push_back(node.name.value);
   }
   for (const LaunchFile::Node& node : file.nodes) {
-    std::unordered_map<std::string, Place> before;
+    std::unordered_map<std::string, SourceLocation> before;
     for (const Text& name : node.required) {
       checkName(node, name, index, names, diagnostics);
-      const auto [first, is_new] = before.emplace(name.value, name.place);
+      const auto [first, is_new] = before.emplace(name.value, name.location);
       if (is_new) continue;
-      diagnostics.add("required-twice", name.place,
+      diagnostics.add("required-twice", name.location,
                       "'" + node.name.value + "' requires '" + name.value +
                           "' twice, which restarts it twice",
                       {{first->second, "the first time is here"}});
@@ -75,12 +75,12 @@ void checkCycles(const LaunchFile& file, const RequiredGraph& graph,
     std::vector<Note> notes;
     for (const auto& [from, edge] : cycle) {
       chain += " -> " + name_of(edge.to);
-      notes.push_back({edge.place, "'" + name_of(from) + "' requires '" +
-                                       name_of(edge.to) + "' here"});
+      notes.push_back({edge.location, "'" + name_of(from) + "' requires '" +
+                                          name_of(edge.to) + "' here"});
     }
-    const Place place = notes.front().place;
+    const SourceLocation location = notes.front().location;
     notes.erase(notes.begin());
-    diagnostics.add("required-cycle", place,
+    diagnostics.add("required-cycle", location,
                     "cycle of 'required': " + chain +
                         "; stopping any of them blocks the launcher forever",
                     std::move(notes));
@@ -104,7 +104,7 @@ void checkCascades(const LaunchFile& file, const RequiredGraph& graph,
     if (!is_long(i) || covered.count(i) > 0) continue;
     const auto seconds =
         std::chrono::duration_cast<std::chrono::seconds>(cascades[i].duration);
-    diagnostics.add("long-stop", file.nodes[i].required.front().place,
+    diagnostics.add("long-stop", file.nodes[i].required.front().location,
                     "stopping '" + file.nodes[i].name.value + "' can take " +
                         std::to_string(cascades[i].stops) + " stops and " +
                         std::to_string(seconds.count()) +

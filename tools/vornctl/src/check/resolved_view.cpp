@@ -18,8 +18,8 @@ constexpr int kResolvedSchema = 1;
 struct EnvironmentEntry {
   std::string name;
   std::string value;
-  std::string from;  // configure, launcher or node
-  Place place;       // of the name; line 0 for the launcher's
+  std::string from;         // configure, launcher or node
+  SourceLocation location;  // of the name; line 0 for the launcher's
   bool isOverwritten = false;
 };
 
@@ -30,13 +30,13 @@ std::vector<EnvironmentEntry> environmentOf(const LaunchFile& file,
   std::vector<EnvironmentEntry> entries;
   for (const Variable& variable : file.environment) {
     entries.push_back({variable.name.value, variable.value.value, "configure",
-                       variable.name.place});
+                       variable.name.location});
   }
   entries.push_back(
       {kNodeNameVariable, nodeNameValue(node.name.value), "launcher", {}});
   for (const Variable& variable : node.environment) {
     entries.push_back({variable.name.value, variable.value.value, "node",
-                       variable.name.place});
+                       variable.name.location});
   }
   std::set<std::string> later;
   for (auto each = entries.rbegin(); each != entries.rend(); ++each) {
@@ -45,20 +45,20 @@ std::vector<EnvironmentEntry> environmentOf(const LaunchFile& file,
   return entries;
 }
 
-OutputText lineOf(const Place& place) {
-  return place.line == 0 ? "" : "line " + OutputText(place.line);
+OutputText lineOf(const SourceLocation& location) {
+  return location.line == 0 ? "" : "line " + OutputText(location.line);
 }
 
 /// The source of argv[0].
 OutputText sourceOfPath(const LaunchFile& file, const LaunchFile::Node& node) {
   const bool is_joined = node.executable != node.path.value;
-  OutputText source = "path, " + lineOf(node.path.place);
+  OutputText source = "path, " + lineOf(node.path.location);
   if (!is_joined) return source;
   source += ", below VORN_BIN_PATH";
   for (auto variable = file.environment.rbegin();
        variable != file.environment.rend(); ++variable) {
     if (exportedName(variable->name.value) == "VORN_BIN_PATH") {
-      return source + ", " + lineOf(variable->name.place);
+      return source + ", " + lineOf(variable->name.location);
     }
   }
   return source + " of the environment";
@@ -66,46 +66,46 @@ OutputText sourceOfPath(const LaunchFile& file, const LaunchFile::Node& node) {
 
 OutputText flagsOf(const LaunchFile::Node& node) {
   OutputText flags;
-  const auto add = [&](const OutputText& text, const Place& place) {
-    if (place.line == 0) return;
+  const auto add = [&](const OutputText& text, const SourceLocation& location) {
+    if (location.line == 0) return;
     if (!flags.empty()) flags += ", ";
-    flags += text + " (" + lineOf(place) + ")";
+    flags += text + " (" + lineOf(location) + ")";
   };
   const auto add_bool = [&](const OutputText& key, const Setting<bool>& value) {
-    add(key + terminalText(value.value ? " true" : " false"), value.place);
+    add(key + terminalText(value.value ? " true" : " false"), value.location);
   };
   add_bool("disabled", node.disabled);
   add_bool("oneshot", node.oneshot);
   add_bool("autostart", node.autostart);
-  add("sleep " + OutputText(node.sleepMs.value), node.sleepMs.place);
+  add("sleep " + OutputText(node.sleepMs.value), node.sleepMs.location);
   return flags;
 }
 
 Json jsonOf(const Text& text) {
   return {{"value", text.value},
-          {"line", text.place.line},
-          {"column", text.place.column}};
+          {"line", text.location.line},
+          {"column", text.location.column}};
 }
 
 template <typename T>
 Json jsonOf(const Setting<T>& setting) {
   Json json = {{"value", setting.value}};
-  json["line"] = orNull(setting.place.line);
+  json["line"] = orNull(setting.location.line);
   return json;
 }
 
 Json jsonOf(const LaunchFile& file, const LaunchFile::Node& node) {
-  Json json = {{"name", node.name.value}, {"line", node.name.place.line}};
+  Json json = {{"name", node.name.value}, {"line", node.name.location.line}};
   json["argv"] = Json::array({{{"value", node.executable},
-                               {"line", node.path.place.line},
-                               {"column", node.path.place.column}}});
+                               {"line", node.path.location.line},
+                               {"column", node.path.location.column}}});
   for (const Text& text : node.arguments) json["argv"].push_back(jsonOf(text));
   json["environment"] = Json::array();
   for (const EnvironmentEntry& each : environmentOf(file, node)) {
     json["environment"].push_back({{"name", each.name},
                                    {"value", each.value},
                                    {"from", each.from},
-                                   {"line", orNull(each.place.line)},
+                                   {"line", orNull(each.location.line)},
                                    {"overwritten", each.isOverwritten}});
   }
   json["disabled"] = jsonOf(node.disabled);
@@ -132,7 +132,7 @@ OutputText secondsOf(uint64_t milliseconds) {
 
 void printResolved(Output& out, const LaunchFile& file) {
   for (const LaunchFile::Node& node : file.nodes) {
-    out << terminalText(node.name.value) << "  # " << lineOf(node.name.place)
+    out << terminalText(node.name.value) << "  # " << lineOf(node.name.location)
         << "\n";
     Table table;
     table.rows.push_back({{"  argv"},
@@ -141,12 +141,12 @@ void printResolved(Output& out, const LaunchFile& file) {
     for (const Text& argument : node.arguments) {
       table.rows.push_back({{""},
                             {terminalText(argument.value)},
-                            {"argv, " + lineOf(argument.place)}});
+                            {"argv, " + lineOf(argument.location)}});
     }
     OutputText title = "  environment";
     for (const EnvironmentEntry& each : environmentOf(file, node)) {
       OutputText source = terminalText(each.from);
-      if (each.place.line != 0) source += ", " + lineOf(each.place);
+      if (each.location.line != 0) source += ", " + lineOf(each.location);
       if (each.isOverwritten) source += ", overwritten below";
       if (exportedName(each.name).empty()) source += ", cannot be set";
       table.rows.push_back(
@@ -156,7 +156,7 @@ void printResolved(Output& out, const LaunchFile& file) {
     title = "  required";
     for (const Text& name : node.required) {
       table.rows.push_back(
-          {{title}, {terminalText(name.value)}, {lineOf(name.place)}});
+          {{title}, {terminalText(name.value)}, {lineOf(name.location)}});
       title = "";
     }
     if (const OutputText flags = flagsOf(node); !flags.empty()) {
@@ -176,7 +176,7 @@ void printResolvedAsJson(Output& out, const std::vector<LaunchFile>& files) {
     for (const Variable& variable : file.environment) {
       json["configure"].push_back({{"name", variable.name.value},
                                    {"value", variable.value.value},
-                                   {"line", variable.name.place.line}});
+                                   {"line", variable.name.location.line}});
     }
     json["nodes"] = Json::array();
     for (const LaunchFile::Node& node : file.nodes) {
@@ -185,7 +185,7 @@ void printResolvedAsJson(Output& out, const std::vector<LaunchFile>& files) {
     json["dropped"] = Json::array();
     for (const LaunchFile::Node& node : file.dropped) {
       json["dropped"].push_back(
-          {{"name", node.name.value}, {"line", node.name.place.line}});
+          {{"name", node.name.value}, {"line", node.name.location.line}});
     }
     list.push_back(std::move(json));
   }

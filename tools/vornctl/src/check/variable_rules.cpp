@@ -47,18 +47,18 @@ std::string shellPartOfValue(const std::string& value) {
 void checkVariable(const Variable& variable, Diagnostics& diagnostics) {
   const std::string& name = variable.name.value;
   if (exportedName(name).empty()) {
-    diagnostics.add("refused-variable", variable.name.place,
+    diagnostics.add("refused-variable", variable.name.location,
                     "variable " + quoted(name) +
                         " is not set: its name is empty or has a '='");
   }
   if (name.find('\0') != std::string::npos ||
       variable.written.find('\0') != std::string::npos) {
-    diagnostics.add("nul-in-text", variable.value.place,
+    diagnostics.add("nul-in-text", variable.value.location,
                     "variable " + quoted(name) + " ends at its first NUL");
   }
   if (const std::string part = shellPartOfValue(variable.written);
       !part.empty()) {
-    diagnostics.add("variable-not-expanded", variable.value.place,
+    diagnostics.add("variable-not-expanded", variable.value.location,
                     "variable " + quoted(name) + " keeps its " + quoted(part) +
                         " as written; no shell expands it");
   }
@@ -66,16 +66,16 @@ void checkVariable(const Variable& variable, Diagnostics& diagnostics) {
 
 void checkRepeated(const std::vector<Variable>& variables,
                    Diagnostics& diagnostics) {
-  std::map<std::string, Place> before;
+  std::map<std::string, SourceLocation> before;
   for (const Variable& variable : variables) {
     const std::string& name = variable.name.value;
-    const Place place = variable.name.place;
-    const auto [first, is_new] = before.emplace(name, place);
+    const SourceLocation location = variable.name.location;
+    const auto [first, is_new] = before.emplace(name, location);
     if (is_new) continue;
-    diagnostics.add("repeated-key", place,
+    diagnostics.add("repeated-key", location,
                     "variable " + quoted(name) + " again: this value wins",
                     {{first->second, "the value here is overwritten"}});
-    first->second = place;
+    first->second = location;
   }
 }
 
@@ -101,7 +101,7 @@ std::string misspeltInstall(const std::string& value) {
 void checkInstall(const Variable& variable, Diagnostics& diagnostics) {
   const std::string part = misspeltInstall(variable.written);
   if (part.empty()) return;
-  diagnostics.add("install-misspelt", variable.value.place,
+  diagnostics.add("install-misspelt", variable.value.location,
                   quoted(part) + " in variable " + quoted(variable.name.value) +
                       " is not expanded; write 'install://'");
 }
@@ -112,7 +112,7 @@ void checkNotExpanded(const Text& text, const std::string& what,
       misspeltInstall(text.value).empty()) {
     return;
   }
-  diagnostics.add("install-not-expanded", text.place,
+  diagnostics.add("install-not-expanded", text.location,
                   "'install://' is not expanded in " + what +
                       ", only in the value of a variable");
 }
@@ -125,7 +125,7 @@ void checkNode(const LaunchFile::Node& node, Diagnostics& diagnostics) {
     checkInstall(variable, diagnostics);
     checkNotExpanded(variable.name, "the name of a variable", diagnostics);
     if (variable.name.value == kNodeNameVariable) {
-      diagnostics.add("node-name-replaced", variable.name.place,
+      diagnostics.add("node-name-replaced", variable.name.location,
                       std::string("'") + kNodeNameVariable + "'" + of_node +
                           " replaces the name that identifies its process");
     }
@@ -133,7 +133,7 @@ void checkNode(const LaunchFile::Node& node, Diagnostics& diagnostics) {
   if (node.path.value.rfind('/', 0) == 0) {
     checkNotExpanded(node.path, "the path" + of_node, diagnostics);
   } else if (node.path.value.find("install:") != std::string::npos) {
-    diagnostics.add("install-not-expanded", node.path.place,
+    diagnostics.add("install-not-expanded", node.path.location,
                     "'install://' is not expanded in the path" + of_node +
                         "; set VORN_BIN_PATH, for example to 'install://bin', "
                         "and write the rest of the path here");
@@ -159,18 +159,18 @@ bool hasTools(const std::string& path) {
 void checkLaunchersOwn(const Variable& variable, Diagnostics& diagnostics) {
   const std::string& name = variable.name.value;
   if (name == kNodeNameVariable) {
-    diagnostics.add("node-name-replaced", variable.name.place,
+    diagnostics.add("node-name-replaced", variable.name.location,
                     std::string("a global '") + kNodeNameVariable +
                         "' is replaced in every node by the launcher's value");
   }
   if (name == "PATH" && !hasTools(variable.value.value)) {
-    diagnostics.add("launcher-path", variable.value.place,
+    diagnostics.add("launcher-path", variable.value.location,
                     "the launcher itself uses this PATH to find 'ps' and "
                     "'grep'; add /usr/bin, or set PATH in the nodes");
   }
   if (name == "LD_PRELOAD" || name == "LD_LIBRARY_PATH") {
     diagnostics.add(
-        "launcher-library", variable.name.place,
+        "launcher-library", variable.name.location,
         "a global " + name +
             " acts on the 'ps' and 'grep' that the launcher runs for "
             "each stop, too; set it in the nodes that need it");

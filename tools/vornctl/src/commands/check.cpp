@@ -43,13 +43,12 @@ Diagnostics diagnose(const SourceText& document, const LaunchFile& file,
 
 /// Adds the results for one file. False with a sentence in `error` if the file
 /// cannot be read.
-bool checkFile(const std::string& path,
-               const LauncherSurroundings& surroundings,
+bool checkFile(const std::string& path, const LauncherEnvironment& environment,
                const CheckOptions& options, Results& results,
                std::string& error) {
   auto document = readSourceText(path, error);
   if (!document) return false;
-  LaunchFile file = parseLaunchFile(*document, surroundings);
+  LaunchFile file = parseLaunchFile(*document, environment);
   Diagnostics diagnostics = diagnose(*document, file, options);
   results.checked.push_back(
       {std::move(*document), file.loadErrors.empty(), std::move(diagnostics)});
@@ -59,11 +58,11 @@ bool checkFile(const std::string& path,
 
 Results checkFiles(const Context& context, const CheckOptions& options) {
   Results results;
-  const LauncherSurroundings surroundings = ownSurroundings();
+  const LauncherEnvironment environment = ownEnvironment();
   for (const std::string& path : options.files) {
     std::string error;
     try {
-      if (checkFile(path, surroundings, options, results, error)) continue;
+      if (checkFile(path, environment, options, results, error)) continue;
     } catch (const TooLarge& failure) {
       error = "cannot check " + path + ": " + failure.what();
     } catch (const std::bad_alloc&) {

@@ -122,7 +122,7 @@ ExitStatus printGraphOf(const Context& context, const GraphOptions& options) {
     context.printError(error);
     return kUsage;
   }
-  const LaunchFile file = parseLaunchFile(*document, ownSurroundings());
+  const LaunchFile file = parseLaunchFile(*document, ownEnvironment());
   if (!file.loadErrors.empty()) {
     context.printError("the launcher would not load " + options.file + ": " +
                        file.loadErrors[0].exception +

@@ -338,7 +338,7 @@ class Top {
   NodeWatcher watcher_;
   bool is_known_ = false;  // the launcher has answered for every node
   bool is_done_ = false;
-  bool is_help_ = false;      // the keys are shown in place of the nodes
+  bool is_help_ = false;      // the help replaces the nodes
   std::optional<Cmd> asked_;  // to be confirmed by "y"
   size_t selected_ = 0;
   size_t first_ = 0;  // the topmost node on the screen

@@ -13,10 +13,10 @@ namespace vorn::launch {
 
 /// An exception that terminates the launcher.
 struct LoadError {
-  std::string check;      // its name in the table of diagnostics
-  Place place;            // where the user has to fix it
-  std::string message;    // for users
-  std::string exception;  // as the launcher writes it
+  std::string check;        // its name in the table of diagnostics
+  SourceLocation location;  // where the user has to fix it
+  std::string message;      // for users
+  std::string exception;    // as the launcher writes it
 };
 
 /// A variable of an `environment`.
@@ -30,7 +30,7 @@ struct Variable {
 template <typename T>
 struct Setting {
   T value;
-  Place place = {};
+  SourceLocation location = {};
 };
 
 struct LaunchFile {
@@ -63,7 +63,7 @@ struct LaunchFile {
   std::vector<Text> ignored;          // values of a wrong kind that have no
                                       // effect: their description and location
   std::vector<LoadError> loadErrors;  // the first one terminates the launcher
-  Place secondDocument;               // line 0: none
+  SourceLocation secondDocument;      // line 0: none
   Text otherLanguage;   // the language of a file that is not a launch file, and
                         // the location of its first line; otherwise empty
   std::string binPath;  // VORN_BIN_PATH when the nodes are read

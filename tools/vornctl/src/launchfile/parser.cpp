@@ -22,10 +22,10 @@ constexpr char kRoot[] = "VORN_ROOT";
 /// order, so that the same calls fail.
 class Reader {
  public:
-  Reader(const SourceText& document, const LauncherSurroundings& surroundings)
-      : document_(document), surroundings_(surroundings) {
-    variables_[kBinPath] = surroundings.binPath;
-    variables_[kRoot] = surroundings.root;
+  Reader(const SourceText& document, const LauncherEnvironment& environment)
+      : document_(document), launcher_environment_(environment) {
+    variables_[kBinPath] = environment.binPath;
+    variables_[kRoot] = environment.root;
     file_.name = document.name();
   }
 
@@ -47,11 +47,11 @@ class Reader {
       file_.binPath = variables_[kBinPath];
       if (const YAML::Node nodes = root["vornnode"]) readNodes(nodes);
     } catch (const YAML::BadSubscript& failure) {
-      addError("scalar-for-mapping", placeOf(root.Mark()),
+      addError("scalar-for-mapping", locationOf(root.Mark()),
                kindOf(root) + " where a mapping with 'vornnode' must be",
                failure);
     }
-    if (is_list) ignore("the file", placeOf(root.Mark()));
+    if (is_list) ignore("the file", locationOf(root.Mark()));
     if (!is_list) file_.keys = keysOf(root);
     if (file_.keys.empty()) {
       file_.otherLanguage = otherLanguageOf(document_.text());
@@ -63,7 +63,7 @@ class Reader {
   /// A value, its location and its name in messages.
   struct Value {
     const YAML::Node& yaml;
-    Place place;
+    SourceLocation location;
     std::string name;
   };
 
@@ -81,9 +81,9 @@ class Reader {
     return text;
   }
 
-  void addError(const std::string& check, const Place& place,
+  void addError(const std::string& check, const SourceLocation& location,
                 const std::string& message, const YAML::Exception& exception) {
-    file_.loadErrors.push_back({check, place, message, exception.what()});
+    file_.loadErrors.push_back({check, location, message, exception.what()});
   }
 
   /// Adds the error of a value of the wrong kind: `problem` follows its name;
@@ -92,16 +92,16 @@ class Reader {
                      const std::string& problem, const std::string& remedy,
                      const YAML::Exception& exception) {
     if (value.yaml.IsNull()) {
-      addError("null-value", value.place,
+      addError("null-value", value.location,
                "null value for " + value.name + "; write " + remedy, exception);
     } else {
-      addError(check, value.place,
+      addError(check, value.location,
                kindOf(value.yaml) + " for " + value.name + problem, exception);
     }
   }
 
-  void ignore(const std::string& what, const Place& place) {
-    file_.ignored.push_back({what, place});
+  void ignore(const std::string& what, const SourceLocation& location) {
+    file_.ignored.push_back({what, location});
   }
 
   /// The keys of a mapping; none of anything else.
@@ -110,8 +110,8 @@ class Reader {
     if (!mapping.IsMap()) return keys;
     for (const auto& entry : mapping) {
       const YAML::Node& key = entry.first;
-      keys.push_back(
-          counted({key.IsScalar() ? key.Scalar() : "", placeOf(key.Mark())}));
+      keys.push_back(counted(
+          {key.IsScalar() ? key.Scalar() : "", locationOf(key.Mark())}));
     }
     return keys;
   }
@@ -130,10 +130,10 @@ class Reader {
 
   /// The key as the launcher reads it; nothing after an error.
   std::optional<Text> readKey(const YAML::Node& key, const std::string& what) {
-    const Place place = placeOf(key.Mark());
-    if (key.IsScalar()) return Text{key.Scalar(), place};
+    const SourceLocation location = locationOf(key.Mark());
+    if (key.IsScalar()) return Text{key.Scalar(), location};
     const YAML::TypedBadConversion<std::string> exception(key.Mark());
-    addError("not-a-key", place, kindOf(key) + " as " + what, exception);
+    addError("not-a-key", location, kindOf(key) + " as " + what, exception);
     return std::nullopt;
   }
 
@@ -141,17 +141,17 @@ class Reader {
   /// treats a single value as an empty mapping, and fails at the first element
   /// of a list.
   template <typename Function>
-  void forEachEntry(const YAML::Node& mapping, const Place& place,
+  void forEachEntry(const YAML::Node& mapping, const SourceLocation& location,
                     const std::string& what, Function function) {
     if (mapping.IsScalar() || (mapping.IsSequence() && mapping.size() == 0)) {
-      ignore(what, place);
+      ignore(what, location);
       return;
     }
     for (const auto& entry : mapping) {
       try {
         (void)entry.first.IsNull();
       } catch (const YAML::InvalidNode& exception) {
-        addError("list-for-mapping", place,
+        addError("list-for-mapping", location,
                  "a list for " + what + "; write 'name: ...' without a dash",
                  exception);
         return;
@@ -161,22 +161,22 @@ class Reader {
   }
 
   void readConfigure(const YAML::Node& configure) {
-    const Place place = placeOf(configure.Mark());
+    const SourceLocation location = locationOf(configure.Mark());
     const bool is_list = configure.IsSequence();
     try {
       const YAML::Node environment = configure["environment"];
       if (environment) readGlobalEnvironment(environment);
     } catch (const YAML::BadSubscript& exception) {
-      addError("scalar-for-mapping", place,
+      addError("scalar-for-mapping", location,
                kindOf(configure) + " for 'configure', which is a mapping",
                exception);
     }
-    if (is_list) ignore("'configure'", place);
+    if (is_list) ignore("'configure'", location);
     if (!is_list) file_.configureKeys = keysOf(configure);
   }
 
   void readGlobalEnvironment(const YAML::Node& environment) {
-    forEachEntry(environment, placeOf(environment.Mark()), "'environment'",
+    forEachEntry(environment, locationOf(environment.Mark()), "'environment'",
                  [this](const YAML::Node& key, const YAML::Node& value) {
                    auto variable = readVariable(key, value);
                    if (!variable) return;
@@ -193,11 +193,11 @@ class Reader {
     auto name = readKey(key, "the name of a variable");
     const std::string what =
         name ? "variable '" + name->value + "'" : "a variable";
-    const Place place = placeOfValue(document_, key, value);
-    const auto text = readText({value, place, what});
+    const SourceLocation location = locationOfValue(document_, key, value);
+    const auto text = readText({value, location, what});
     if (!name || !text) return std::nullopt;
     count(name->value.size());
-    return Variable{std::move(*name), {expand(*text), place}, *text};
+    return Variable{std::move(*name), {expand(*text), location}, *text};
   }
 
   std::string expand(const std::string& value) {
@@ -211,17 +211,18 @@ class Reader {
   const std::string& installRoot() {
     if (!install_root_) {
       auto root = path::rootFromVariable(variables_[kRoot]);
-      if (!root) root = path::rootFromExecutable(surroundings_.executableRoot);
+      if (!root)
+        root = path::rootFromExecutable(launcher_environment_.executableRoot);
       install_root_ = root.value_or("");
     }
     return *install_root_;
   }
 
   void readNodes(const YAML::Node& nodes) {
-    forEachEntry(nodes, placeOf(nodes.Mark()), "'vornnode'",
+    forEachEntry(nodes, locationOf(nodes.Mark()), "'vornnode'",
                  [this](const YAML::Node& key, const YAML::Node& value) {
                    auto name = readKey(key, "the name of a node");
-                   if (!name) name = Text{"", placeOf(key.Mark())};
+                   if (!name) name = Text{"", locationOf(key.Mark())};
                    readNode(std::move(*name), key, value);
                  });
   }
@@ -240,14 +241,14 @@ class Reader {
       readPath(node, description, path);
     } catch (const YAML::BadSubscript& exception) {
       const std::string& owner = node.name.value;
-      addError("scalar-for-mapping", placeOfValue(document_, key, description),
-               isNodeKey(owner)
-                   ? "'" + owner +
-                         "' is read as the name of a node; indent it "
-                         "below the name of its node"
-                   : kindOf(description) + " for node '" + owner +
-                         "', which is a mapping with 'path'",
-               exception);
+      addError(
+          "scalar-for-mapping", locationOfValue(document_, key, description),
+          isNodeKey(owner) ? "'" + owner +
+                                 "' is read as the name of a node; indent it "
+                                 "below the name of its node"
+                           : kindOf(description) + " for node '" + owner +
+                                 "', which is a mapping with 'path'",
+          exception);
       return;
     }
     for (const auto& entry : description) {
@@ -256,23 +257,24 @@ class Reader {
       if (!key_text) continue;
       const auto reader = kReaders.find(key_text->value);
       if (reader == kReaders.end()) continue;
-      const Place place = placeOfValue(document_, entry.first, entry.second);
+      const SourceLocation location =
+          locationOfValue(document_, entry.first, entry.second);
       const std::string value_name = "'" + key_text->value + "'";
-      (this->*reader->second)(node, {entry.second, place, value_name});
+      (this->*reader->second)(node, {entry.second, location, value_name});
     }
     file_.nodes.push_back(std::move(node));
   }
 
   void readPath(LaunchFile::Node& node, const YAML::Node& description,
                 const YAML::Node& path) {
-    Place place = placeOf(path.Mark());
+    SourceLocation location = locationOf(path.Mark());
     for (const auto& entry : description) {
       if (!entry.first.IsScalar() || entry.first.Scalar() != "path") continue;
-      place = placeOfValue(document_, entry.first, entry.second);
+      location = locationOfValue(document_, entry.first, entry.second);
       break;
     }
-    const auto text = readText({path, place, "'path'"});
-    node.path = {text.value_or(""), place};
+    const auto text = readText({path, location, "'path'"});
+    node.path = {text.value_or(""), location};
     node.hasPath = text.has_value();
     const bool is_absolute = text && text->rfind('/', 0) == 0;
     const bool is_joined = !is_absolute && !file_.binPath.empty();
@@ -282,16 +284,16 @@ class Reader {
   void readArgv(LaunchFile::Node& node, const Value& value) {
     const auto text = readText(value);
     if (!text) return;
-    node.argvs.push_back({*text, value.place});
+    node.argvs.push_back({*text, value.location});
     for (std::string& argument : split(untilNul(*text), ' ')) {
-      node.arguments.push_back(counted({std::move(argument), value.place}));
+      node.arguments.push_back(counted({std::move(argument), value.location}));
     }
   }
 
   template <Setting<bool> LaunchFile::Node::*kFlag>
   void readFlag(LaunchFile::Node& node, const Value& value) {
     try {
-      node.*kFlag = {value.yaml.as<bool>(), value.place};
+      node.*kFlag = {value.yaml.as<bool>(), value.location};
     } catch (const YAML::BadConversion& exception) {
       addValueError(value, "not-a-bool", " is not a bool; write true or false",
                     "true or false", exception);
@@ -300,7 +302,7 @@ class Reader {
 
   void readSleep(LaunchFile::Node& node, const Value& value) {
     try {
-      node.sleepMs = {value.yaml.as<unsigned int>(), value.place};
+      node.sleepMs = {value.yaml.as<unsigned int>(), value.location};
     } catch (const YAML::BadConversion& exception) {
       addValueError(
           value, "not-a-number",
@@ -310,7 +312,7 @@ class Reader {
   }
 
   void readEnvironment(LaunchFile::Node& node, const Value& value) {
-    forEachEntry(value.yaml, value.place, value.name,
+    forEachEntry(value.yaml, value.location, value.name,
                  [&](const YAML::Node& name, const YAML::Node& text) {
                    if (auto variable = readVariable(name, text)) {
                      node.environment.push_back(std::move(*variable));
@@ -328,9 +330,10 @@ class Reader {
       return;
     }
     for (const auto& element : value.yaml) {
-      const Place place = placeOf(element.Mark());
-      const auto text = readText({element, place, "an element of 'required'"});
-      if (text) node.required.push_back({*text, place});
+      const SourceLocation location = locationOf(element.Mark());
+      const auto text =
+          readText({element, location, "an element of 'required'"});
+      if (text) node.required.push_back({*text, location});
     }
   }
 
@@ -338,7 +341,7 @@ class Reader {
   static const std::map<std::string, KeyReader> kReaders;
 
   const SourceText& document_;
-  const LauncherSurroundings& surroundings_;
+  const LauncherEnvironment& launcher_environment_;
   LaunchFile file_;
   std::map<std::string, std::string> variables_;  // of the launcher
   std::optional<std::string> install_root_;
@@ -363,7 +366,7 @@ std::string ownVariable(const char* name) {
 
 }  // namespace
 
-LauncherSurroundings ownSurroundings() {
+LauncherEnvironment ownEnvironment() {
   std::error_code error;
   const auto executable =
       std::filesystem::read_symlink("/proc/self/exe", error);
@@ -372,16 +375,16 @@ LauncherSurroundings ownSurroundings() {
 }
 
 LaunchFile parseLaunchFile(const SourceText& document,
-                           const LauncherSurroundings& surroundings) {
-  return Reader(document, surroundings).read();
+                           const LauncherEnvironment& environment) {
+  return Reader(document, environment).read();
 }
 
-std::optional<LaunchFile> loadLaunchFile(
-    const SourceText& document, const LauncherSurroundings& surroundings,
-    std::string& error) {
+std::optional<LaunchFile> loadLaunchFile(const SourceText& document,
+                                         const LauncherEnvironment& environment,
+                                         std::string& error) {
   LaunchFile file;
   try {
-    file = parseLaunchFile(document, surroundings);
+    file = parseLaunchFile(document, environment);
   } catch (const TooLarge& failure) {
     error = "cannot read the launch file " + document.name() + ": " +
             failure.what();

@@ -13,7 +13,7 @@
 namespace vorn::launch {
 
 /// The facts besides the file on which its meaning depends.
-struct LauncherSurroundings {
+struct LauncherEnvironment {
   std::string binPath;  // VORN_BIN_PATH when the launcher starts, or empty
   std::string root;     // VORN_ROOT at that time, or empty
   // The parent of the directory that holds the launcher's executable, which
@@ -21,9 +21,9 @@ struct LauncherSurroundings {
   std::string executableRoot;
 };
 
-/// The surroundings of a launcher that is started like this process, with this
+/// The environment of a launcher that is started like this process, with this
 /// environment and from the directory of our own executable.
-LauncherSurroundings ownSurroundings();
+LauncherEnvironment ownEnvironment();
 
 /// The launch file expands to more than its limits, by aliases or "install://".
 class TooLarge : public std::runtime_error {
@@ -36,16 +36,16 @@ class TooLarge : public std::runtime_error {
 constexpr size_t kMostValues = 1'000'000;
 constexpr size_t kMostValueBytes = size_t{64} << 20U;
 
-/// Reads a launch file as a launcher in these surroundings does. Throws
+/// Reads a launch file as a launcher in this environment does. Throws
 /// TooLarge, or std::bad_alloc.
 LaunchFile parseLaunchFile(const SourceText& document,
-                           const LauncherSurroundings& surroundings);
+                           const LauncherEnvironment& environment);
 
 /// As parseLaunchFile(), but without repeated nodes. Nothing if the launcher
 /// would not load the file; `error` is then one sentence with the reason.
 /// Throws std::bad_alloc.
-std::optional<LaunchFile> loadLaunchFile(
-    const SourceText& document, const LauncherSurroundings& surroundings,
-    std::string& error);
+std::optional<LaunchFile> loadLaunchFile(const SourceText& document,
+                                         const LauncherEnvironment& environment,
+                                         std::string& error);
 
 }  // namespace vorn::launch

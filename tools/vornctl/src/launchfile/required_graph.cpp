@@ -52,7 +52,7 @@ RequiredGraph::RequiredGraph(const LaunchFile& file)
     for (const Text& name : node.required) {
       const auto found = index_.find(name.value);
       if (found == index_.end() || name.value == node.name.value) continue;
-      edges_[i].push_back({found->second, name.place});
+      edges_[i].push_back({found->second, name.location});
     }
   }
   Search search{std::vector<size_t>(edges_.size(), kNone), {}, {}, {}};

@@ -24,7 +24,7 @@ class RequiredGraph {
   /// are not edges; a name that is given twice is two edges.
   struct Edge {
     size_t to = 0;
-    Place place;  // of the name
+    SourceLocation location;  // of the name
   };
 
   /// An edge with the node that it starts from.

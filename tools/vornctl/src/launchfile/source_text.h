@@ -9,14 +9,14 @@ namespace vorn::launch {
 
 /// A location in a file, counted from 1; the column in bytes. Line 0 is the
 /// whole file.
-struct Place {
+struct SourceLocation {
   int line = 0;
   int column = 0;
 
-  bool operator==(const Place& other) const {
+  bool operator==(const SourceLocation& other) const {
     return line == other.line && column == other.column;
   }
-  bool operator<(const Place& other) const {
+  bool operator<(const SourceLocation& other) const {
     return line != other.line ? line < other.line : column < other.column;
   }
 };
@@ -24,7 +24,7 @@ struct Place {
 /// A text and its location in the file.
 struct Text {
   std::string value;
-  Place place;
+  SourceLocation location;
 };
 
 /// The values of these texts.

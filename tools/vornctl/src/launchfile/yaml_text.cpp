@@ -15,10 +15,10 @@ namespace {
 /// Collects the start of each document.
 class DocumentStarts : public YAML::EventHandler {
  public:
-  std::vector<Place> places;
+  std::vector<SourceLocation> locations;
 
   void OnDocumentStart(const YAML::Mark& mark) override {
-    places.push_back(placeOf(mark));
+    locations.push_back(locationOf(mark));
   }
   void OnDocumentEnd() override {}
   void OnNull(const YAML::Mark&, YAML::anchor_t) override {}
@@ -77,12 +77,13 @@ bool isCausedByTabs(const std::string& text, int line) {
 }
 
 /// The first tab in the indentation of this line or of the line before it.
-std::optional<Place> indentationTab(const SourceText& document, int line) {
+std::optional<SourceLocation> indentationTab(const SourceText& document,
+                                             int line) {
   for (const int number : {line, line - 1}) {
     const std::string_view text = document.line(number);
     const size_t tab = text.substr(0, text.find_first_not_of(" \t")).find('\t');
     if (tab != std::string_view::npos) {
-      return Place{number, static_cast<int>(tab) + 1};
+      return SourceLocation{number, static_cast<int>(tab) + 1};
     }
   }
   return std::nullopt;
@@ -90,27 +91,28 @@ std::optional<Place> indentationTab(const SourceText& document, int line) {
 
 }  // namespace
 
-Place placeOf(const YAML::Mark& mark) {
-  return mark.is_null() ? Place{} : Place{mark.line + 1, mark.column + 1};
+SourceLocation locationOf(const YAML::Mark& mark) {
+  return mark.is_null() ? SourceLocation{}
+                        : SourceLocation{mark.line + 1, mark.column + 1};
 }
 
-Place placeOfValue(const SourceText& document, const YAML::Node& key,
-                   const YAML::Node& value) {
+SourceLocation locationOfValue(const SourceText& document,
+                               const YAML::Node& key, const YAML::Node& value) {
   const YAML::Mark key_mark = key.Mark();
   const YAML::Mark mark = value.Mark();
   const bool is_alias = mark.pos <= key_mark.pos;
   const bool is_elsewhere = value.IsNull() && mark.line != key_mark.line;
-  if (!is_alias && !is_elsewhere) return placeOf(mark);
-  const Place place = placeOf(key_mark);
-  const std::string_view line = document.line(place.line);
+  if (!is_alias && !is_elsewhere) return locationOf(mark);
+  const SourceLocation location = locationOf(key_mark);
+  const std::string_view line = document.line(location.line);
   const size_t length = key.IsScalar() ? key.Scalar().size() : 0;
   const size_t key_end = static_cast<size_t>(key_mark.column) + length;
   for (size_t colon = line.find(':', key_end); colon != std::string::npos;
        colon = line.find(':', colon + 1)) {
     if (colon + 1 < line.size() && line[colon + 1] != ' ') continue;
-    return {place.line, static_cast<int>(colon) + 3};
+    return {location.line, static_cast<int>(colon) + 3};
   }
-  return place;
+  return location;
 }
 
 std::string kindOf(const YAML::Node& value) {
@@ -120,7 +122,8 @@ std::string kindOf(const YAML::Node& value) {
   return "'" + value.Scalar() + "'";
 }
 
-Place findSecondDocument(const YAML::Node& root, const std::string& text) {
+SourceLocation findSecondDocument(const YAML::Node& root,
+                                  const std::string& text) {
   // Most files need not be parsed a second time.
   if (!canContinue(root, text)) return {};
   std::istringstream stream(text);
@@ -130,21 +133,21 @@ Place findSecondDocument(const YAML::Node& root, const std::string& text) {
     if (!parser.HandleNextDocument(starts)) return {};
     if (!parser.HandleNextDocument(starts)) return {};
   } catch (const YAML::Exception& exception) {
-    if (starts.places.size() < 2) return placeOf(exception.mark);
+    if (starts.locations.size() < 2) return locationOf(exception.mark);
   }
-  return starts.places.size() < 2 ? Place{} : starts.places[1];
+  return starts.locations.size() < 2 ? SourceLocation{} : starts.locations[1];
 }
 
 LoadError syntaxError(const SourceText& document,
                       const YAML::Exception& exception) {
-  const Place place = placeOf(exception.mark);
-  const auto tab = indentationTab(document, place.line);
+  const SourceLocation location = locationOf(exception.mark);
+  const auto tab = indentationTab(document, location.line);
   if (tab && isCausedByTabs(document.text(), exception.mark.line)) {
     return {"syntax", *tab,
             "this line is indented with a tab; indent with spaces only",
             exception.what()};
   }
-  return {"syntax", place, exception.msg, exception.what()};
+  return {"syntax", location, exception.msg, exception.what()};
 }
 
 }  // namespace vorn::launch

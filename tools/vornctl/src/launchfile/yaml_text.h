@@ -10,19 +10,20 @@
 
 namespace vorn::launch {
 
-Place placeOf(const YAML::Mark& mark);
+SourceLocation locationOf(const YAML::Mark& mark);
 
 /// The location of the value of a key. For a null and an alias this is after
 /// the colon of the key: yaml-cpp reports the next token and the anchor.
-Place placeOfValue(const SourceText& document, const YAML::Node& key,
-                   const YAML::Node& value);
+SourceLocation locationOfValue(const SourceText& document,
+                               const YAML::Node& key, const YAML::Node& value);
 
 /// The kind of a value in the words of a user: "a list", or a scalar in quotes.
 std::string kindOf(const YAML::Node& value);
 
 /// The start of the second document of the text, which the launcher does not
 /// read; `root` is the root of the first one. Line 0: there is only one.
-Place findSecondDocument(const YAML::Node& root, const std::string& text);
+SourceLocation findSecondDocument(const YAML::Node& root,
+                                  const std::string& text);
 
 /// The error for a text that yaml-cpp refused with this exception. A tab in the
 /// indentation is named if it is the cause, since the text of the exception is

@@ -63,24 +63,24 @@ std::optional<std::string> rootAsWeReachIt(pid_t pid) {
   return root;
 }
 
-LauncherSurroundings surroundingsOf(pid_t pid) {
-  LauncherSurroundings surroundings;
+LauncherEnvironment environmentOf(pid_t pid) {
+  LauncherEnvironment environment;
   if (const auto text = readProcFile(procFile(pid, "environ"))) {
     for (const std::string& entry : splitAtNuls(*text)) {
       const size_t sign = entry.find('=');
       if (sign == std::string::npos) continue;
       const std::string value = entry.substr(sign + 1);
       if (entry.compare(0, sign, "VORN_BIN_PATH") == 0) {
-        surroundings.binPath = value;
+        environment.binPath = value;
       }
-      if (entry.compare(0, sign, "VORN_ROOT") == 0) surroundings.root = value;
+      if (entry.compare(0, sign, "VORN_ROOT") == 0) environment.root = value;
     }
   }
   if (const auto executable = readProcLink(procFile(pid, "exe"))) {
-    surroundings.executableRoot =
+    environment.executableRoot =
         fs::path(*executable).parent_path().parent_path().string();
   }
-  return surroundings;
+  return environment;
 }
 
 /// When the process was started; nothing if it cannot be known.
@@ -250,7 +250,7 @@ std::optional<LauncherProcess> inspectLauncher(pid_t pid,
   const bool is_ours = !launch_file.empty();
   const auto document =
       is_ours ? readOurs(launcher, error) : readItsArgument(launcher, error);
-  auto file = document ? loadLaunchFile(*document, surroundingsOf(pid), error)
+  auto file = document ? loadLaunchFile(*document, environmentOf(pid), error)
                        : std::nullopt;
   if (!file) {
     if (!is_ours) error += kHowToName;
