@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <new>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -106,7 +107,7 @@ class LaunchFileTest : public ::testing::Test {
   }
 
   /// Reads a file whose only node, "n", has the lines of `description`.
-  static const Node& parseOnly(const std::string& description) {
+  static const Node& parseOnly(std::string_view description) {
     std::string text = "vornnode:\n  n:\n    ";
     for (const char c : description) {
       text += c;
