@@ -39,7 +39,8 @@ size_t terminalWidth() {
 /// Sets the properties that commands inherit when they are added.
 CLI::App& configured(CLI::App& app) {
   app.require_subcommand(1);
-  app.set_version_flag("--version", "vornctl " VORNCTL_VERSION);
+  app.set_version_flag("--version", "vornctl " VORNCTL_VERSION,
+                       "Print the version");
   app.set_help_flag("-h,--help", "Show this text");
   app.fallthrough();
   app.footer(exitStatusHelp("") + "\n\n'vornctl help COMMAND' has examples.");
@@ -140,7 +141,8 @@ class CommandLine {
     return true;
   }
 
-  CLI::App app_{"Controls a running vornlaunch", "vornctl"};
+  CLI::App app_{"Control a running vornlaunch and check its launch files",
+                "vornctl"};
   Commands commands_{configured(app_)};
 };
 

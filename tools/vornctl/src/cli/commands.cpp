@@ -51,13 +51,13 @@ void Commands::addCommonOptions() {
       ->type_name("TIME");
   app_.add_option("--connect-timeout", readDuration(settings.connectLimit),
                   "Time limit for the first answer of a busy launcher; "
-                  "default: as --timeout")
+                  "default: the value of --timeout")
       ->type_name("TIME");
   app_.add_option("--socket", settings.socketPath,
                   "The launcher's control socket")
       ->type_name("PATH");
   app_.add_flag("--trust-any-user", settings.trustAnyUser,
-                "Connect to a launcher of any user, not only of root and "
+                "Connect even to a launcher of a user other than root and "
                 "yourself");
   addChoice<ColourMode>(app_, "--color", arguments_.colour,
                         "Use of colours; auto (default): on a terminal",
@@ -238,7 +238,7 @@ void Commands::addCheckOutput(CLI::App& app) {
        {"note", Severity::NOTE}});
   addChoice<Options::Print>(
       app, "--print", options.print,
-      "Print this instead; diagnostics go to standard error",
+      "Print this; diagnostics are written to standard error",
       {{"resolved", Options::Print::RESOLVED},
        {"timeline", Options::Print::TIMELINE},
        {"stop-timeout", Options::Print::STOP_TIMEOUT}});
@@ -268,7 +268,7 @@ void Commands::addNames() {
         return showNames(context, arguments_.isNulSeparated ? '\0' : '\n');
       });
   names->add_flag("-0,--null", arguments_.isNulSeparated,
-                  "End each name with a NUL instead of a line end");
+                  "End each name with NUL instead of a newline");
 }
 
 void Commands::addHelpers() {

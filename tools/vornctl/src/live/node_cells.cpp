@@ -38,8 +38,8 @@ OutputText orDash(int64_t number) {
 const std::vector<Column>& statusColumns() {
   static const std::vector<Column> columns = {
       {"node", "name in the launch file"},
-      {"state", "running, stopped, restarting, disabled and so on"},
-      {"pid", "its process"},
+      {"state", "running, stopped, restarting, disabled or another state"},
+      {"pid", "process ID"},
       {"uptime", "time since the start of a running node"},
       {"started", "time of the last start"},
       {"policy", "restart, oneshot, manual or manual+oneshot"},
