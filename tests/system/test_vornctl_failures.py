@@ -149,6 +149,17 @@ def test_an_immediate_misbehaviour_of_the_launcher_is_survived(fake_launcher, co
             assert "; nothing was changed" in done.stderr, wrong
 
 
+def test_a_signal_during_a_request_ends_a_wait_without_a_message(machine, fake_launcher):
+    fake_launcher.answers([NOT_FOUND, answer(end="hold")])
+    before = len(fake_launcher.requests())
+    with running(machine, "--launch-file", "/tmp/launch.yaml", "wait", "camera",
+                 "--state", "running") as client:
+        eventually(lambda: len(fake_launcher.requests()) == before + 2,
+                   "vornctl requests the status of the node")
+        client.signal(signal.SIGINT)
+        assert client.end() == (6, "", "")
+
+
 def status_before(command):
     """The reply to the status request that precedes this action, if any."""
     is_asked = command[0] in ("start", "stop", "enable", "disable")

@@ -58,11 +58,12 @@ class Wait {
 
   /// The exit status, after a message, if the wait cannot continue.
   std::optional<ExitStatus> failureIn(const Changes& changes) const {
+    // First: a request that the signal has interrupted is not an error.
+    if (context_.isCancelled()) return kTimedOut;
     if (!watcher_.failure().isDone()) {
       context_.printError(watcher_.failure().message);
       return exitStatusOf(watcher_.failure().outcome);
     }
-    if (context_.isCancelled()) return kTimedOut;
     for (const auto& change : changes) {
       if (change.status.isDone()) continue;
       context_.printRequestError(change.name, change.status, file_);
