@@ -39,10 +39,11 @@ def pytest_addoption(parser):
 
 def isolate_from_caller():
     """Resets inherited attributes that would affect the programs under test: a shell
-    without job control starts a background job with SIGINT and SIGQUIT ignored, and a
-    caller's umask may hide files from other users."""
+    without job control starts a background job with SIGINT and SIGQUIT ignored,
+    nohup(1) ignores SIGHUP, and a caller's umask may hide files from other users."""
     signal.signal(signal.SIGINT, signal.default_int_handler)
     signal.signal(signal.SIGQUIT, signal.SIG_DFL)
+    signal.signal(signal.SIGHUP, signal.SIG_DFL)
     os.umask(0o022)
 
 
