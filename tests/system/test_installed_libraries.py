@@ -7,6 +7,9 @@ import subprocess
 
 import pytest
 
+# One process runs these tests, so that it makes each installation once.
+pytestmark = pytest.mark.xdist_group("installed libraries")
+
 # For each library, a program that uses it, and the program's output.
 PROGRAMS = {
     "vornctl_client": ("""
@@ -49,7 +52,7 @@ def run(*command, **environment):
     return finished.stdout
 
 
-@pytest.fixture(name="configure")
+@pytest.fixture(scope="module", name="configure")
 def fixture_configure(settings):
     """CMake with the options to build for the same architecture."""
     toolchain = settings.get("CMAKE_TOOLCHAIN_FILE")
@@ -76,9 +79,11 @@ def does_its_work(user, library):
     return re.fullmatch(PROGRAMS[library][1], said)
 
 
-@pytest.fixture(name="prefix", params=["lib", "lib of this machine"])
-def fixture_prefix(request, tmp_path, build, configure, settings):
+@pytest.fixture(scope="module", name="prefix", params=[
+    "lib", pytest.param("lib of this machine", marks=pytest.mark.plain)])
+def fixture_prefix(request, tmp_path_factory, build, configure, settings):
     """An installation that has been moved."""
+    tmp_path = tmp_path_factory.mktemp("prefix")
     if request.param == "lib":
         made = tmp_path / "made"
         run("cmake", "--install", str(build), "--prefix", str(made))
