@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -32,9 +33,11 @@ std::string expandInstallPrefix(std::string value, Root root) {
   // stays and separates the root, which ends without one, from the rest.
   // Test: InstallRoot.ReplacesThePrefixUpToItsLastSlash
   constexpr size_t kReplaced = kInstallPrefix.size() - 1;
-  for (size_t found = value.find(kInstallPrefix); found != std::string::npos;
-       found = value.find(kInstallPrefix)) {
+  size_t found = value.find(kInstallPrefix);
+  while (found != std::string::npos) {
     value.replace(found, kReplaced, root());
+    // A prefix that the replacement completes starts at most this far before.
+    found = value.find(kInstallPrefix, found - std::min(found, kReplaced));
   }
   return value;
 }
