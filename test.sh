@@ -137,9 +137,13 @@ build_preset() {
   fi
   if $all; then
     options+=(-DVORN_WERROR=ON)
-    # Only the release build, which is tested as it is shipped, compiles each
-    # source on its own.
-    if [[ $1 != release ]]; then options+=(-DCMAKE_UNITY_BUILD=ON); fi
+    # The release build is tested as it is shipped: only its tests may be a
+    # unity build.
+    if [[ $1 == release ]]; then
+      options+=(-DVORN_UNITY_TESTS=ON)
+    else
+      options+=(-DCMAKE_UNITY_BUILD=ON)
+    fi
   fi
   configure_build "$1" "${options[@]}"
   build "$@"

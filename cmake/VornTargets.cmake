@@ -76,6 +76,10 @@ function(vorn_add_tests name)
   endif()
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*_test.cpp)
   add_executable(${name} ${sources} ${ARG_SOURCES})
+  if(VORN_UNITY_TESTS)
+    set_target_properties(${name} PROPERTIES
+      UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 100)
+  endif()
   vorn_compile_options(${name})
   target_link_libraries(${name} PRIVATE
     ${ARG_LIBRARIES} GTest::gmock GTest::gtest_main)
