@@ -212,8 +212,8 @@ def matching_positions(calls, patterns):
 
 
 def test_main_leaves_the_global_settings_to_the_parser_and_the_children(build):
-    [main] = (build / "tools/vornlaunch/CMakeFiles/vornlaunch.dir").rglob("*.o")
-    symbols = subprocess.run(["nm", "--demangle", main], check=True,
+    objects = (build / "tools/vornlaunch/CMakeFiles/vornlaunch.dir").rglob("*.o")
+    symbols = subprocess.run(["nm", "--demangle", *objects], check=True,
                              stdout=subprocess.PIPE, encoding="utf-8").stdout
     assert "Parser::Parse" in symbols
     assert "Config::getInstance" not in symbols
