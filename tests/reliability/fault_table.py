@@ -151,7 +151,7 @@ class Outcome:
     lacks: tuple = ()  # missing log lines
     may_add: bool = False  # any other log lines may appear
     loses_line: bool = False  # the log line that the failed call carries
-    silent: bool = False  # there is no log line
+    silent: bool = False  # without a log line
     stdout: str = ""  # on standard output in addition
     is_mute: bool = False  # the usual standard output is lost
     reply: str = ""  # to the request: "none", "none, no effect" or "FAILED"

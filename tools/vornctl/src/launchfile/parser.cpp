@@ -87,7 +87,7 @@ class Reader {
   }
 
   /// Adds the error of a value of the wrong kind: `problem` follows its name;
-  /// `remedy` is the text to write if there is no value.
+  /// `remedy` is the text to write if the value is missing.
   void addValueError(const Value& value, const std::string& check,
                      const std::string& problem, const std::string& remedy,
                      const YAML::Exception& exception) {
