@@ -38,9 +38,11 @@ def field(path, name):
 
 def test_lintian_reports_nothing(built):
     [changes] = built.glob("*.changes")
-    # It does not know Static-Built-Using, which dpkg does.
+    # Static-Built-Using is newer than this lintian. The compiler cuts texts into
+    # pieces, in which lintian sees misspelled words; codespell reads the sources.
     said = run("lintian", "--allow-root", "--display-info", "--suppress-tags",
-               "unknown-field", "--fail-on", "error,warning,info", changes)
+               "unknown-field,spelling-error-in-binary",
+               "--fail-on", "error,warning,info", changes)
     assert said == ""
 
 
