@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <sstream>
 
@@ -17,7 +16,7 @@
 #include "launchfile/parser.h"
 #include "live/launcher_file.h"
 #include "live/proc_file.h"
-#include "vorn/launch_rules.h"
+#include "live/process_table.h"
 
 namespace vorn::launch {
 namespace {
@@ -83,46 +82,19 @@ LauncherEnvironment environmentOf(pid_t pid) {
   return environment;
 }
 
-/// When the process was started; nothing if it cannot be known.
-std::optional<double> startOf(pid_t pid) {
-  const auto text = readProcFile(procFile(pid, "stat"));
-  if (!text) return std::nullopt;
-  // The name, in parentheses, may contain anything.
-  const size_t name_end = text->rfind(')');
-  if (name_end == std::string::npos) return std::nullopt;
-  std::istringstream fields(text->substr(name_end + 1));
-  constexpr int kStartTime = 20;  // counted from the state, the third field
-  std::string field;
-  for (int i = 0; i < kStartTime; ++i) fields >> field;
-  timespec wall{};
-  timespec boot{};
-  if (!fields || ::clock_gettime(CLOCK_REALTIME, &wall) != 0 ||
-      ::clock_gettime(CLOCK_BOOTTIME, &boot) != 0) {
-    return std::nullopt;
-  }
-  const auto seconds = [](const timespec& time) {
-    return static_cast<double>(time.tv_sec) +
-           static_cast<double>(time.tv_nsec) / 1e9;
-  };
-  const double since_boot = static_cast<double>(std::stoull(field)) /
-                            static_cast<double>(::sysconf(_SC_CLK_TCK));
-  return seconds(wall) - seconds(boot) + since_boot;
-}
-
 /// Whether the file was changed after the launcher `pid` started.
 bool hasChangedSince(const struct stat& file, pid_t pid) {
-  const auto start = startOf(pid);
+  const auto process = readProcess(pid);
   const double changed = static_cast<double>(file.st_mtim.tv_sec) +
                          static_cast<double>(file.st_mtim.tv_nsec) / 1e9;
   // The kernel rounds the start down to its own ticks, 10 ms.
   constexpr double kTolerance = 0.05;
-  return start && changed > *start + kTolerance;
+  return process && changed > startOf(*process) + kTolerance;
 }
 
 /// The launcher's argument as it was given; empty if unknown.
 std::string argumentOf(pid_t pid) {
-  const auto text = readProcFile(procFile(pid, "cmdline"));
-  const auto arguments = splitAtNuls(text.value_or(""));
+  const auto arguments = argumentsOf(pid);
   // The launch file is the last argument, after the program and, for instance,
   // ld.so.
   return arguments.size() >= 2 ? arguments.back() : "";
@@ -231,7 +203,9 @@ LauncherProcess identifyLauncher(pid_t pid, const std::string& launch_file) {
   launcher.pid = pid;
   if (pid != 0) {
     launcher.root = rootAsWeReachIt(pid);
-    launcher.startSeconds = static_cast<int64_t>(startOf(pid).value_or(0));
+    const auto process = readProcess(pid);
+    if (process)
+      launcher.startSeconds = static_cast<int64_t>(startOf(*process));
   }
   if (!launch_file.empty()) {
     std::error_code error;
@@ -281,21 +255,8 @@ std::optional<std::vector<pid_t>> childrenOf(pid_t launcher) {
 }
 
 std::optional<std::string> nodeOf(pid_t process) {
-  const auto text = readProcFile(procFile(process, "environ"));
-  if (!text) return std::nullopt;
-  const std::string variable = std::string(kNodeNameVariable) + "=";
-  const std::string ending = kNodeNameSuffix;
-  for (const std::string& entry : splitAtNuls(*text)) {
-    if (entry.rfind(variable, 0) != 0) continue;
-    std::string name = entry.substr(variable.size());
-    if (name.size() < ending.size() ||
-        name.compare(name.size() - ending.size(), ending.size(), ending) != 0) {
-      continue;
-    }
-    name.resize(name.size() - ending.size());
-    return name;
-  }
-  return std::nullopt;
+  const auto environment = readProcFile(procFile(process, "environ"));
+  return environment ? nodeNameIn(*environment) : std::nullopt;
 }
 
 bool sharesPids(const LauncherProcess& launcher) {
@@ -304,9 +265,9 @@ bool sharesPids(const LauncherProcess& launcher) {
 
 bool isProcessAlive(const LauncherProcess& launcher, pid_t pid) {
   if (!sharesPids(launcher)) return true;
-  const auto state = processState(pid);
+  const auto process = readProcess(pid);
   // A /proc with hidepid shows no processes of other users.
-  return state ? *state != 'Z' : ::kill(pid, 0) == 0 || errno == EPERM;
+  return process ? process->isAlive() : ::kill(pid, 0) == 0 || errno == EPERM;
 }
 
 }  // namespace vorn::launch

@@ -1,8 +1,11 @@
 #include "live/proc_file.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <filesystem>
-#include <fstream>
-#include <iterator>
+
+#include "descriptor.h"
 
 namespace vorn::launch {
 
@@ -11,12 +14,16 @@ std::string procFile(pid_t pid, const std::string& file) {
 }
 
 std::optional<std::string> readProcFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return std::nullopt;
-  try {
-    return std::string((std::istreambuf_iterator<char>(file)), {});
-  } catch (const std::ios_base::failure&) {
-    return std::nullopt;  // the process has ended since the file was opened
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (file.number() < 0) return std::nullopt;
+  std::string text;
+  for (;;) {
+    char piece[4096];
+    const ssize_t got = ::read(file.number(), piece, sizeof(piece));
+    if (got == 0) return text;
+    // ESRCH: the process has exited since the file was opened.
+    if (got < 0) return std::nullopt;
+    text.append(piece, static_cast<size_t>(got));
   }
 }
 
@@ -37,17 +44,6 @@ std::optional<std::string> readProcLink(const std::string& path) {
       std::filesystem::read_symlink(path, error);
   if (error) return std::nullopt;
   return target.string();
-}
-
-std::optional<char> processState(pid_t pid) {
-  const auto text = readProcFile(procFile(pid, "stat"));
-  if (!text) return std::nullopt;
-  // The name, in parentheses, may contain anything; a space follows it.
-  const size_t name_end = text->rfind(')');
-  if (name_end == std::string::npos || name_end + 2 >= text->size()) {
-    return std::nullopt;
-  }
-  return (*text)[name_end + 2];
 }
 
 }  // namespace vorn::launch
