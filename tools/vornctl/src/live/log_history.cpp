@@ -98,6 +98,8 @@ LogHistory::LogHistory(Receiver receiver, Executables executables)
     : receiver_(std::move(receiver)), executables_(std::move(executables)) {}
 
 void LogHistory::add(int64_t time_us, pid_t writer, std::string_view text) {
+  // Most lines of a shared log are those of nodes.
+  if (text.find(kLauncherName) == std::string_view::npos) return;
   const auto line = parseLogLine(text);
   if (!line || line->program != kLauncherName) return;
   if (writer != 0 && writer != line->pid) return;
