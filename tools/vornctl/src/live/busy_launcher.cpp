@@ -11,7 +11,6 @@
 
 #include "live/control_sockets.h"
 #include "live/proc_file.h"
-#include "live/process_table.h"
 
 namespace vorn::launch {
 namespace {
@@ -119,14 +118,14 @@ pid_t findListener(const std::string& socket_path) {
 
 bool hasExited(pid_t pid) {
   if (pid == 0) return false;
-  return readProcess(pid).value_or(Process()).state == 'Z' ||
+  return processState(pid).value_or(' ') == 'Z' ||
          (::kill(pid, 0) != 0 && errno == ESRCH);
 }
 
 std::string explainSilence(pid_t pid) {
   const std::string name =
       pid == 0 ? "the launcher" : "launcher " + std::to_string(pid);
-  const char state = readProcess(pid).value_or(Process()).state;
+  const char state = processState(pid).value_or(' ');
   if (state == 'T' || state == 't') {
     return name + " is suspended (state " + state + "); 'kill -CONT " +
            std::to_string(pid) + "' resumes it";

@@ -46,4 +46,15 @@ std::optional<std::string> readProcLink(const std::string& path) {
   return target.string();
 }
 
+std::optional<char> processState(pid_t pid) {
+  const auto text = readProcFile(procFile(pid, "stat"));
+  if (!text) return std::nullopt;
+  // The name, in parentheses, may contain anything; a space follows it.
+  const size_t name_end = text->rfind(')');
+  if (name_end == std::string::npos || name_end + 2 >= text->size()) {
+    return std::nullopt;
+  }
+  return (*text)[name_end + 2];
+}
+
 }  // namespace vorn::launch

@@ -22,4 +22,8 @@ std::vector<std::string> splitAtNuls(const std::string& text);
 /// The target of a link below /proc; nothing without the permission.
 std::optional<std::string> readProcLink(const std::string& path);
 
+/// The state of a process in the letter of its stat file, such as 'T' for
+/// stopped; nothing if that cannot be read.
+std::optional<char> processState(pid_t pid);
+
 }  // namespace vorn::launch
