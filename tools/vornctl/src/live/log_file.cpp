@@ -1,6 +1,8 @@
 #include "live/log_file.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -9,11 +11,14 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <utility>
+#include <vector>
 
 #include "live/launcher_file.h"
 #include "live/line_splitter.h"
 #include "live/log_time.h"
+#include "live/proc_file.h"
 
 namespace vorn::launch {
 namespace {
@@ -56,12 +61,19 @@ struct Probe {
   int64_t timeUs = 0;
 };
 
+/// The end of the hole at the start of a file: a file that was truncated while
+/// its writer kept its offset has one. 0 if there is none.
+int64_t holeEnd(int fd) {
+  return std::max<int64_t>(::lseek(fd, 0, SEEK_DATA), 0);
+}
+
 /// The first line with a time that begins in these bytes of a file.
 std::optional<Probe> firstTimed(int fd, int64_t begin, int64_t end) {
   std::optional<Probe> found;
   // The line before `begin` ends in the byte before it.
-  const int64_t start = std::max<int64_t>(begin - 1, 0);
-  bool is_first = begin > 0;
+  const int64_t hole_end = holeEnd(fd);
+  const int64_t start = std::max(begin - 1, hole_end);
+  bool is_first = begin > hole_end;
   LineSplitter* current = nullptr;
   LineSplitter splitter([&](std::string_view line) {
     const bool is_fragment = std::exchange(is_first, false);
@@ -86,10 +98,10 @@ std::optional<Probe> firstTimed(int fd, int64_t begin, int64_t end) {
 }
 
 /// The offset of a line before the first one from `since_us`, found by
-/// bisection. 0 if the times in the file are not in order.
+/// bisection. The first one if the times in the file are not in order.
 int64_t offsetOf(int fd, int64_t size, int64_t since_us) {
   std::optional<Probe> low = firstTimed(fd, 0, size);
-  if (!low || low->timeUs >= since_us) return 0;
+  if (!low || low->timeUs >= since_us) return holeEnd(fd);
   int64_t high = size;
   int64_t high_time = INT64_MAX;
   while (high - low->offset > static_cast<int64_t>(kBlockSize)) {
@@ -99,7 +111,9 @@ int64_t offsetOf(int fd, int64_t size, int64_t since_us) {
       high = middle;
       continue;
     }
-    if (probe->timeUs < low->timeUs || probe->timeUs > high_time) return 0;
+    if (probe->timeUs < low->timeUs || probe->timeUs > high_time) {
+      return holeEnd(fd);
+    }
     if (probe->timeUs < since_us) {
       low = probe;
     } else {
@@ -115,14 +129,13 @@ int64_t sizeOf(int fd) {
   return ::fstat(fd, &status) == 0 ? int64_t{status.st_size} : 0;
 }
 
-/// Reads a file from `offset` with read(2), without moving its position.
+/// Reads a file from `offset` to its end.
 bool readPlain(const LogPart& part, int64_t offset, LineSplitter& splitter,
                std::string& error) {
   std::string block(kBlockSize, '\0');
   for (;;) {
     const ssize_t got =
         ::pread(part.file->number(), block.data(), block.size(), offset);
-    if (got < 0 && errno == EINTR) continue;
     if (got < 0) {
       error = "cannot read " + part.name + ": " + std::strerror(errno);
       return false;
@@ -150,7 +163,9 @@ bool readCompressed(const LogPart& part, LineSplitter& splitter,
     if (!splitter.add({block.data(), static_cast<size_t>(got)})) break;
   }
   int code = Z_OK;
-  const std::string reason = ::gzerror(file, &code);
+  std::string reason = ::gzerror(file, &code);
+  // Without the number of the descriptor, "<fd:6>: ".
+  reason.erase(0, reason.rfind(": ") + 2);
   (void)::gzclose(file);
   if (got >= 0) return true;
   error = "cannot read " + part.name + ": " +
@@ -164,21 +179,31 @@ bool isCompressed(int fd) {
          magic[0] == 0x1f && magic[1] == 0x8b;
 }
 
-/// Reads a part from `since_us`, and its last line also without a line end.
+/// Passes a last line without a line end, or leaves it to followLog().
+void finishPart(LineSplitter& splitter, int64_t begin, LogPosition* end) {
+  if (end == nullptr) {
+    (void)splitter.finish();
+  } else {
+    end->offset = begin + splitter.lineBegin();
+  }
+}
+
+/// Reads a part from `since_us`. `end` is that of readLog(), and null for the
+/// older parts.
 bool readPart(const LogPart& part, int64_t since_us, RecordFilter& filter,
-              bool& is_stopped, std::string& error) {
+              bool& is_stopped, std::string& error, LogPosition* end) {
   LineSplitter splitter([&](std::string_view line) {
     is_stopped = !filter(line);
     return !is_stopped;
   });
   const int fd = part.file->number();
-  const bool is_read =
-      part.isCompressed
-          ? readCompressed(part, splitter, error)
-          : readPlain(part,
-                      since_us == 0 ? 0 : offsetOf(fd, sizeOf(fd), since_us),
-                      splitter, error);
-  if (is_read && !is_stopped) (void)splitter.finish();
+  const int64_t begin = part.isCompressed || since_us == 0
+                            ? holeEnd(fd)
+                            : offsetOf(fd, sizeOf(fd), since_us);
+  const bool is_read = part.isCompressed
+                           ? readCompressed(part, splitter, error)
+                           : readPlain(part, begin, splitter, error);
+  if (is_read && !is_stopped) finishPart(splitter, begin, end);
   return is_read;
 }
 
@@ -255,15 +280,125 @@ std::vector<LogPart> partsOf(const LogLocation& location, int64_t since_us) {
   return parts;
 }
 
+/// Follows one file, which is replaced after a rotation.
+class FollowedFile {
+ public:
+  FollowedFile(const LogLocation& location, LogPosition& position,
+               const LogReader& reader)
+      : location_(location),
+        position_(position),
+        part_{location.name, location.file, false},
+        filter_(0, reader) {
+    beginAt(position.offset);
+  }
+
+  bool isStopped() const { return is_stopped_; }
+
+  /// Reads to the end of the file, or of its successor.
+  bool readOn(std::string& error) {
+    // A file shorter than the part that was read was truncated.
+    if (sizeOf(number()) < offset_) restart(part_.file);
+    if (!readToEnd(error)) return false;
+    const std::shared_ptr<const Descriptor> next = successor();
+    if (!next) return true;
+    // The writer may have added lines before the rotation.
+    if (!readToEnd(error)) return false;
+    restart(next);
+    return readToEnd(error);
+  }
+
+  /// Waits for a change; false if `cancel_fd` is readable.
+  bool wait(int cancel_fd) {
+    const Descriptor notifier(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    const std::string link = "/proc/self/fd/" + std::to_string(number());
+    (void)::inotify_add_watch(notifier.number(), link.c_str(), IN_MODIFY);
+    pollfd watched[] = {{notifier.number(), POLLIN, 0}, {cancel_fd, POLLIN, 0}};
+    // For rotations, and for file systems without notification.
+    constexpr int kLimitMs = 500;
+    const bool has_changed = sizeOf(number()) != offset_;
+    (void)::poll(watched, 2, has_changed ? 0 : kLimitMs);
+    return watched[1].revents == 0;
+  }
+
+ private:
+  int number() const { return part_.file->number(); }
+
+  void beginAt(int64_t offset) {
+    begin_ = offset;
+    offset_ = offset;
+    splitter_.emplace([this](std::string_view line) {
+      is_stopped_ = !filter_(line);
+      return !is_stopped_;
+    });
+  }
+
+  void restart(const std::shared_ptr<const Descriptor>& file) {
+    if (!is_stopped_) (void)splitter_->finish();
+    part_.file = file;
+    beginAt(0);
+  }
+
+  bool readToEnd(std::string& error) {
+    std::string block(kBlockSize, '\0');
+    while (!is_stopped_) {
+      const ssize_t got =
+          ::pread(number(), block.data(), block.size(), offset_);
+      if (got < 0) {
+        error = "cannot read " + part_.name + ": " + std::strerror(errno);
+        return false;
+      }
+      if (got == 0) break;
+      offset_ += got;
+      (void)splitter_->add({block.data(), static_cast<size_t>(got)});
+      position_.offset = begin_ + splitter_->lineBegin();
+    }
+    return true;
+  }
+
+  /// The file that has replaced the current one at its path; null if none has.
+  std::shared_ptr<const Descriptor> successor() const {
+    struct stat own {};
+    struct stat other {};
+    if (::fstat(number(), &own) != 0) return nullptr;
+    const auto is_own = [&own, &other] {
+      return own.st_dev == other.st_dev && own.st_ino == other.st_ino;
+    };
+    if (location_.launcher != 0) {
+      // A launcher keeps writing to a renamed file.
+      const std::string link = procFile(location_.launcher, "fd/2");
+      const bool is_written = ::stat(link.c_str(), &other) == 0 && is_own();
+      if (is_written || !location_.root.empty()) return nullptr;
+    }
+    auto file = std::make_shared<const Descriptor>(
+        ::open(location_.path.c_str(), kOpenFlags));
+    if (file->number() < 0 || ::fstat(file->number(), &other) != 0 ||
+        !S_ISREG(other.st_mode) || is_own()) {
+      return nullptr;
+    }
+    return file;
+  }
+
+  const LogLocation& location_;
+  LogPosition& position_;
+  LogPart part_;
+  RecordFilter filter_;
+  std::optional<LineSplitter> splitter_;
+  int64_t begin_ = 0;   // the offset at which the splitter began
+  int64_t offset_ = 0;  // of the next byte
+  bool is_stopped_ = false;
+};
+
 }  // namespace
 
 bool readLogFiles(const LogLocation& location, int64_t since_us,
-                  const LogReader& reader, std::string& error) {
+                  const LogReader& reader, std::string& error,
+                  LogPosition* end) {
   RecordFilter filter(since_us, reader);
   std::vector<LogPart> parts = partsOf(location, since_us);
   bool is_stopped = false;
   for (; !parts.empty() && !is_stopped; parts.pop_back()) {
-    if (!readPart(parts.back(), since_us, filter, is_stopped, error)) {
+    if (!readPart(parts.back(), since_us, filter, is_stopped, error,
+                  parts.size() == 1 ? end : nullptr)) {
       return false;
     }
   }
@@ -271,11 +406,12 @@ bool readLogFiles(const LogLocation& location, int64_t since_us,
 }
 
 bool readLogFileEnd(const LogLocation& location, int64_t size, int64_t since_us,
-                    const LogReader& reader, bool& is_all, std::string& error) {
+                    const LogReader& reader, bool& is_all, std::string& error,
+                    LogPosition* end) {
   const int fd = location.file->number();
   const int64_t whole = sizeOf(fd);
   is_all = size >= whole || isCompressed(fd);
-  if (is_all) return readLogFiles(location, since_us, reader, error);
+  if (is_all) return readLogFiles(location, since_us, reader, error, end);
   const int64_t begin = whole - size;
   RecordFilter filter(since_us, reader);
   bool is_first = true;
@@ -290,7 +426,16 @@ bool readLogFileEnd(const LogLocation& location, int64_t size, int64_t since_us,
                  error)) {
     return false;
   }
-  (void)splitter.finish();
+  finishPart(splitter, begin, end);
+  return true;
+}
+
+bool followLogFile(const LogLocation& location, LogPosition& position,
+                   int cancel_fd, const LogReader& reader, std::string& error) {
+  FollowedFile file(location, position, reader);
+  do {
+    if (!file.readOn(error)) return false;
+  } while (!file.isStopped() && file.wait(cancel_fd));
   return true;
 }
 

@@ -4,12 +4,14 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <deque>
 #include <utility>
 
 #include "live/log_file.h"
+#include "live/log_journal.h"
 #include "live/proc_file.h"
 
 namespace vorn::launch {
@@ -18,13 +20,45 @@ namespace {
 constexpr int kOpenLogFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 constexpr char kHowToNameLog[] = "name its log with --log FILE";
 
-/// A record with a copy of its text.
-struct KeptRecord {
-  LogRecord record;
-  std::string text;
+/// The last records that match, with copies of their texts.
+class LastRecords {
+ public:
+  LastRecords(size_t count,
+              const std::function<bool(const LogRecord&)>& matches)
+      : count_(count), matches_(matches) {}
+
+  void add(const LogRecord& record) {
+    if (count_ == 0 || !matches_(record)) return;
+    if (kept_.size() == count_) kept_.pop_front();
+    kept_.push_back(
+        {record, std::string(record.text), std::string(record.identifier)});
+  }
+  void clear() { kept_.clear(); }
+  bool isComplete() const { return kept_.size() == count_; }
+
+  void passTo(const LogReader& reader) const {
+    for (const Kept& kept : kept_) {
+      LogRecord record = kept.record;
+      record.text = kept.text;
+      record.identifier = kept.identifier;
+      if (!reader(record)) return;
+    }
+  }
+
+ private:
+  struct Kept {
+    LogRecord record;
+    std::string text;
+    std::string identifier;
+  };
+
+  size_t count_;
+  const std::function<bool(const LogRecord&)>& matches_;
+  std::deque<Kept> kept_;
 };
 
-std::optional<LogLocation> openNamedLog(const std::string& path,
+std::optional<LogLocation> openNamedLog(const LauncherProcess& launcher,
+                                        const std::string& path,
                                         std::string& error) {
   LogLocation location;
   location.name = path;
@@ -34,9 +68,12 @@ std::optional<LogLocation> openNamedLog(const std::string& path,
     location.name = "standard input";
     return location;
   }
+  struct stat status {};
+  if (::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+    return findJournalIn(path, launcher, error);
+  }
   location.file =
       std::make_shared<const Descriptor>(::open(path.c_str(), kOpenLogFlags));
-  struct stat status {};
   const int fd = location.file->number();
   if (fd < 0 || ::fstat(fd, &status) != 0) {
     error = "cannot read the log " + path + ": " + std::strerror(errno);
@@ -102,12 +139,21 @@ std::string explainNoAccess(const LauncherProcess& launcher, int number) {
          kHowToNameLog;
 }
 
+/// Whether JOURNAL_STREAM in the environment of a process names this socket.
+bool isJournalStream(pid_t pid, const struct stat& status) {
+  const std::string entry = "JOURNAL_STREAM=" + std::to_string(status.st_dev) +
+                            ':' + std::to_string(status.st_ino);
+  const auto text = readProcFile(procFile(pid, "environ"));
+  const auto entries = splitAtNuls(text.value_or(""));
+  return std::find(entries.begin(), entries.end(), entry) != entries.end();
+}
+
 }  // namespace
 
 std::optional<LogLocation> findLog(const LauncherProcess& launcher,
                                    const std::string& override,
                                    std::string& error) {
-  if (!override.empty()) return openNamedLog(override, error);
+  if (!override.empty()) return openNamedLog(launcher, override, error);
   if (launcher.pid == 0) {
     error = std::string(
                 "cannot determine the log: the process of the launcher "
@@ -122,6 +168,9 @@ std::optional<LogLocation> findLog(const LauncherProcess& launcher,
     return std::nullopt;
   }
   const std::string target = readProcLink(link).value_or("a file");
+  if (S_ISSOCK(status.st_mode) && isJournalStream(launcher.pid, status)) {
+    return findJournal(launcher, error);
+  }
   if (!S_ISREG(status.st_mode)) {
     error = explainUnreadable(launcher, status, target);
     return std::nullopt;
@@ -144,38 +193,57 @@ std::optional<LogLocation> findLog(const LauncherProcess& launcher,
 }
 
 bool readLog(const LogLocation& location, int64_t since_us,
-             const LogReader& reader, std::string& error) {
-  if (location.kind == LogLocation::Kind::STANDARD_INPUT) {
-    return readLogInput(since_us, reader, error);
+             const LogReader& reader, std::string& error, LogPosition* end) {
+  switch (location.kind) {
+    case LogLocation::Kind::STANDARD_INPUT:
+      return readLogInput(since_us, reader, error);
+    case LogLocation::Kind::JOURNAL:
+      return readJournal(location, since_us, reader, error, end);
+    case LogLocation::Kind::FILE:
+      break;
   }
-  return readLogFiles(location, since_us, reader, error);
+  return readLogFiles(location, since_us, reader, error, end);
 }
 
 bool readLogEnd(const LogLocation& location, size_t count, int64_t since_us,
                 const std::function<bool(const LogRecord&)>& matches,
-                const LogReader& reader, std::string& error) {
-  std::deque<KeptRecord> kept;
-  const LogReader keep = [&](const LogRecord& record) {
-    if (count == 0 || !matches(record)) return true;
-    kept.push_back({record, std::string(record.text)});
-    if (kept.size() > count) kept.pop_front();
+                const LogReader& reader, std::string& error, LogPosition* end) {
+  LastRecords last(count, matches);
+  const LogReader keep = [&last](const LogRecord& record) {
+    last.add(record);
     return true;
   };
-  bool is_all = location.kind != LogLocation::Kind::FILE;
-  if (is_all && !readLog(location, since_us, keep, error)) return false;
-  for (int64_t size = 256 * 1024; !is_all; size *= 4) {
-    kept.clear();
-    if (!readLogFileEnd(location, size, since_us, keep, is_all, error)) {
-      return false;
-    }
-    if (kept.size() == count) break;
+  constexpr int64_t kFirstSize = 256 * 1024;
+  constexpr uint64_t kFirstEntries = 1000;
+  bool is_all = location.kind == LogLocation::Kind::STANDARD_INPUT;
+  if (is_all && !readLogInput(since_us, keep, error)) return false;
+  for (int64_t factor = 1; !is_all; factor *= 4) {
+    last.clear();
+    const bool is_read =
+        location.kind == LogLocation::Kind::JOURNAL
+            ? readJournalEnd(location,
+                             kFirstEntries * static_cast<uint64_t>(factor),
+                             since_us, keep, is_all, error, end)
+            : readLogFileEnd(location, kFirstSize * factor, since_us, keep,
+                             is_all, error, end);
+    if (!is_read) return false;
+    if (last.isComplete()) break;
   }
-  for (const KeptRecord& last : kept) {
-    LogRecord record = last.record;
-    record.text = last.text;
-    if (!reader(record)) break;
-  }
+  last.passTo(reader);
   return true;
+}
+
+bool followLog(const LogLocation& location, LogPosition& position,
+               int cancel_fd, const LogReader& reader, std::string& error) {
+  switch (location.kind) {
+    case LogLocation::Kind::STANDARD_INPUT:
+      return readLogInput(0, reader, error);
+    case LogLocation::Kind::JOURNAL:
+      return followJournal(location, position, cancel_fd, reader, error);
+    case LogLocation::Kind::FILE:
+      break;
+  }
+  return followLogFile(location, position, cancel_fd, reader, error);
 }
 
 }  // namespace vorn::launch

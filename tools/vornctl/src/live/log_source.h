@@ -18,13 +18,15 @@
 
 namespace vorn::launch {
 
-/// A line of a log.
+/// A line of a log. The texts are valid during the call.
 struct LogRecord {
   // In microseconds since the epoch. 0: unknown, as for a line of a node in a
   // file, which is as old as the line before it.
   int64_t timeUs = 0;
-  pid_t pid = 0;  // of the writer, as the journal knows it; 0: unknown
-  // Without the line end, valid during the call. At most kMaxLogLine bytes, any
+  // Of the writer, as the journal knows them.
+  pid_t pid = 0;                // 0: unknown
+  std::string_view identifier;  // such as that of `systemd-cat -t`; or empty
+  // Without the line end. At most kMaxLogLine bytes, any
   // bytes; the line may be torn.
   std::string_view text;
 };
@@ -46,30 +48,46 @@ struct LogLocation {
   // LauncherProcess has it; 0 if the path is ours.
   pid_t launcher = 0;
   std::string root;
-  // JOURNAL: the entries that have one of these fields: "FIELD=value".
+  // JOURNAL: the entries that have all of these fields: "FIELD=value".
   std::vector<std::string> matches;
 };
 
 /// Where the standard error of the launcher goes. `override`, if not empty, is
-/// the log instead: the path of a file, or "-" for standard input. Nothing if
-/// the log cannot be read; `error` is then a sentence with the reason and the
-/// remedy.
+/// the log instead: the path of a file, that of a directory with journal files,
+/// or "-" for standard input. Nothing if the log cannot be read; `error` is
+/// then a sentence with the reason and the remedy.
 std::optional<LogLocation> findLog(const LauncherProcess& launcher,
                                    const std::string& override,
                                    std::string& error);
 
+/// The end of the part of a log that has been read.
+struct LogPosition {
+  int64_t offset = 0;  // FILE: of the first byte that has not been read
+  std::string cursor;  // JOURNAL: of the last entry; empty: none
+};
+
 /// Reads the records from `since_us` (0: all) to the end, the oldest first,
 /// those in rotated files of the same name included. A record without a time
-/// counts as being as old as the one before it. False and `error`, a sentence,
-/// if the log cannot be read.
+/// counts as being as old as the one before it. `end`, if not null, is set to
+/// the end for followLog(), and a last line without a line end is left to that.
+/// False and `error`, a sentence, if the log cannot be read.
 bool readLog(const LogLocation& location, int64_t since_us,
-             const LogReader& reader, std::string& error);
+             const LogReader& reader, std::string& error,
+             LogPosition* end = nullptr);
 
 /// As readLog(), for the last `count` records that `matches` accepts. Reads no
 /// more of the log than necessary, from its end; `matches` may therefore get
 /// the same record several times.
 bool readLogEnd(const LogLocation& location, size_t count, int64_t since_us,
                 const std::function<bool(const LogRecord&)>& matches,
-                const LogReader& reader, std::string& error);
+                const LogReader& reader, std::string& error,
+                LogPosition* end = nullptr);
+
+/// Waits for records after `position`, which is updated, and passes them until
+/// the reader returns false or `cancel_fd` is readable. After a rotation, the
+/// records of the new file follow those of the old one. Returns at the end of
+/// standard input. False and `error` if the log cannot be read any more.
+bool followLog(const LogLocation& location, LogPosition& position,
+               int cancel_fd, const LogReader& reader, std::string& error);
 
 }  // namespace vorn::launch
