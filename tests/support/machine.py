@@ -1,5 +1,5 @@
 """A small machine of its own for each test: mount, pid and network namespaces
-in which the launcher runs with a private /tmp."""
+in which the launcher runs with a private /tmp and /run."""
 
 import dataclasses
 import json
@@ -96,8 +96,8 @@ def is_sanitized(program):
 
 class Machine:
     """The files that a test puts into the machine, and the launcher that runs in it.
-    The directory `tmp` is the machine's /tmp; /tmp/install is the launcher's
-    installation root. Use start() once."""
+    The directory `tmp` is the machine's /tmp, `tmp`/.run its /run; /tmp/install is the
+    launcher's installation root. Use start() once."""
 
     def __init__(self, tmp, program):
         self.tmp = tmp

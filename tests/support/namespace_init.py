@@ -3,10 +3,10 @@ collects orphans until it is killed.
 
     namespace_init.py TMP COMMAND [ARGUMENT...]
 
-The directory TMP becomes /tmp. The command's pid goes to /tmp/.init/pid, its exit
-status, as Popen.returncode gives it, to /tmp/.init/status. SIGUSR1 makes it run another
-command, whose words are in /tmp/.init/command, separated by NULs; from then on the two
-files are about that command.
+The directory TMP becomes /tmp, and the directory .run in it /run. The command's pid
+goes to /tmp/.init/pid, its exit status, as Popen.returncode gives it, to
+/tmp/.init/status. SIGUSR1 makes it run another command, whose words are in
+/tmp/.init/command, separated by NULs; from then on the two files are about that command.
 """
 
 import ctypes
@@ -67,6 +67,8 @@ def run(command):
 def main():
     tmp, command = sys.argv[1], sys.argv[2:]
     bind_mount(tmp, "/tmp")
+    os.makedirs("/tmp/.run", exist_ok=True)
+    bind_mount("/tmp/.run", "/run")
     bring_loopback_up()
     try:
         with open("/proc/sys/kernel/ns_last_pid", "w", encoding="ascii") as file:

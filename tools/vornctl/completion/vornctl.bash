@@ -109,7 +109,7 @@ _vornctl_offer_value() {
       [[ $command != graph ]] || formats=(dot mermaid svg)
       _vornctl_offer "$current" "$kept" "${formats[@]}"
       ;;
-    --timeout | --connect-timeout | --for | --ignore) ;;
+    --timeout | --connect-timeout | --for | --ignore | --reason) ;;
     -o | --columns)
       local columns=(node state pid uptime started policy required executable)
       local before=${current%"${current##*,}"}
@@ -166,9 +166,9 @@ _vornctl() {
   case $command in
     "") options+=(--version) ;;
     status) options+=(--json --plain --no-header --columns) ;;
-    start | restart) options+=(--all) ;;
-    stop | disable) options+=(--all --yes) ;;
-    enable) options+=(--all --now) ;;
+    start | restart) options+=(--all --reason) ;;
+    stop | disable) options+=(--all --yes --reason) ;;
+    enable) options+=(--all --now --reason) ;;
     wait) options+=(--state --for) ;;
     monitor) options+=(--json) ;;
     names) options+=(--null) ;;

@@ -60,6 +60,7 @@ complete -c vornctl -n '__fish_seen_subcommand_from status' -l plain -d 'Print t
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l no-header -d 'Omit the column titles'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -s o -l columns -x -a '(__fish_append , node state pid uptime started policy required executable)' -d Columns
 complete -c vornctl -n '__fish_seen_subcommand_from start stop restart enable disable' -l all -d 'All nodes'
+complete -c vornctl -n '__fish_seen_subcommand_from start stop restart enable disable' -l reason -x -d 'The reason, for the record'
 complete -c vornctl -n '__fish_seen_subcommand_from stop disable' -s y -l yes -d 'Do not ask for confirmation'
 complete -c vornctl -n '__fish_seen_subcommand_from enable' -l now -d 'Also start the nodes'
 complete -c vornctl -n '__fish_seen_subcommand_from wait' -l state -x -a 'running stopped disabled restarted' -d 'State to wait for'

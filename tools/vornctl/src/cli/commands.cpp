@@ -129,6 +129,9 @@ void Commands::addAction(ControlRequest::Cmd cmd, const std::string& name,
       });
   addNodes(app, "Names or quoted patterns");
   app->add_flag("--all", options.isAll, "All nodes of the launch file");
+  app->add_option("--reason", readReason(options.reason),
+                  "The reason, for the record of actions")
+      ->type_name("TEXT");
   if (cmd == ControlRequest::Cmd::STOP || cmd == ControlRequest::Cmd::DISABLE) {
     app->add_flag("-y,--yes", options.isConfirmed,
                   "Do not ask for confirmation");

@@ -21,7 +21,7 @@ const std::map<std::string, Examples>& examples() {
   static const std::map<std::string, Examples> all = {
       {"status", {"status", "status --json camera 'cam_*'"}},
       {"start", {"start camera", "start --all"}},
-      {"stop", {"stop camera recorder", "stop --all --yes"}},
+      {"stop", {"stop camera recorder", "stop --all --reason 'new calibration'"}},
       {"restart", {"restart camera", "restart 'cam_*'"}},
       {"enable", {"enable camera", "enable --now camera"}},
       {"disable", {"disable camera", "disable --all --yes"}},

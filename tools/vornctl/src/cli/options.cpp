@@ -1,9 +1,12 @@
 #include "cli/options.h"
 
+#include "output/output_text.h"
+
 namespace vorn::launch {
 namespace {
 
 constexpr char kNoList = '\x01';
+constexpr size_t kMaxReason = 256;
 
 }  // namespace
 
@@ -21,6 +24,23 @@ std::vector<std::string> protectedArguments(int argc, char** argv) {
 
 void unprotect(std::string& argument) {
   if (!argument.empty() && argument[0] == kNoList) argument.erase(0, 1);
+}
+
+CLI::callback_t readReason(std::string& target) {
+  return [&target](const CLI::results_t& texts) {
+    const std::string& text = texts.back();
+    if (text.size() > kMaxReason) {
+      throw CLI::ValidationError("the reason is longer than " +
+                                 std::to_string(kMaxReason) + " bytes");
+    }
+    if (terminalText(text).str() != text) {
+      throw CLI::ValidationError(
+          "the reason contains control or invisible characters; write one line "
+          "of plain text");
+    }
+    target = text;
+    return true;
+  };
 }
 
 }  // namespace vorn::launch

@@ -33,6 +33,9 @@ CLI::callback_t readDuration(Target& target) {
   };
 }
 
+/// A line of at most 256 bytes that is safe to print as it is.
+CLI::callback_t readReason(std::string& target);
+
 /// The values of an option, in the order of its help.
 template <typename Value>
 using Words = std::vector<std::pair<std::string, Value>>;

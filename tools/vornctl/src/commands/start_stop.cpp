@@ -8,6 +8,7 @@
 
 #include "context/targets.h"
 #include "launchfile/required_graph.h"
+#include "live/action_log.h"
 #include "live/node_commands.h"
 #include "output/output.h"
 
@@ -41,7 +42,15 @@ class Action {
     if (options_.cmd == Cmd::STOP || options_.cmd == Cmd::DISABLE) {
       std::reverse(names_.begin(), names_.end());
     }
-    return actOnEach();
+    std::string command = wordsFor(options_.cmd).command;
+    if (options_.isStartedToo) command += " --now";
+    recorder_.emplace(command, options_.reason, targets_.launcher.pid);
+    const ExitStatus status = actOnEach();
+    const std::string error = recorder_->write();
+    if (!error.empty() && !options_.reason.empty()) {
+      context_.printError("the reason was not recorded: " + error);
+    }
+    return status;
   }
 
  private:
@@ -103,7 +112,7 @@ class Action {
     out.flush();
   }
 
-  Outcome actOn(const std::string& name, Cmd cmd) const {
+  Outcome actOn(const std::string& name, Cmd cmd) {
     const OperationWords words = wordsFor(cmd);
     ControlClient client = context_.client(
         replyLimit(name, cmd), std::string(words.doing) + ' ' + name);
@@ -121,6 +130,7 @@ class Action {
       return Outcome::NOT_SENT;
     }
     const ControlReply reply = client.command(cmd, name);
+    recorder_->add(name, reply.outcome);
     context_.clearActivity();
     if (reply.isDone()) {
       report(name, cmd, before);
@@ -136,6 +146,7 @@ class Action {
   Context& context_;
   const ActOptions& options_;
   Targets targets_;
+  std::optional<ActionRecorder> recorder_;
   std::optional<RequiredGraph> graph_;  // of the launch file if that is known
   std::vector<std::string> names_;  // in the order in which they are acted on
 };

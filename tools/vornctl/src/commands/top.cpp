@@ -12,6 +12,7 @@
 #include "commands/top_screen.h"
 #include "context/targets.h"
 #include "launchfile/required_graph.h"
+#include "live/action_log.h"
 #include "live/node_cells.h"
 #include "live/node_commands.h"
 #include "live/node_status.h"
@@ -201,7 +202,10 @@ class Top {
     };
     ControlClient client(options);
     const StatusReply before = watcher_.status(name);
+    ActionRecorder recorder(words.command, "", launcher_.pid);
     const ControlReply reply = client.command(cmd, name);
+    recorder.add(name, reply.outcome);
+    (void)recorder.write();  // the action does not depend on its record
     message_ = name + ": ";
     if (reply.isDone()) {
       message_ += describeDone(cmd, launcher_, name, before);
