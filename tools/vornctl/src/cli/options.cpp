@@ -1,6 +1,9 @@
 #include "cli/options.h"
 
+#include <chrono>
+
 #include "output/output_text.h"
+#include "output/point_in_time.h"
 
 namespace vorn::launch {
 namespace {
@@ -24,6 +27,23 @@ std::vector<std::string> protectedArguments(int argc, char** argv) {
 
 void unprotect(std::string& argument) {
   if (!argument.empty() && argument[0] == kNoList) argument.erase(0, 1);
+}
+
+CLI::callback_t readPointInTime(int64_t& target) {
+  return [&target](const CLI::results_t& texts) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    const auto time = parsePointInTime(
+        texts.back(),
+        std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+    if (!time) {
+      throw CLI::ValidationError(
+          "'" + texts.back() +
+          "' is not a time; write 1h for an hour ago, '2026-11-20 12:34' or "
+          "2026-11-20T12:34:56Z");
+    }
+    target = *time;
+    return true;
+  };
 }
 
 CLI::callback_t readReason(std::string& target) {

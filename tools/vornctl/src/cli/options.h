@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,6 +36,10 @@ CLI::callback_t readDuration(Target& target) {
 
 /// A line of at most 256 bytes that is safe to print as it is.
 CLI::callback_t readReason(std::string& target);
+
+/// A point in time that parsePointInTime() reads, in microseconds since the
+/// epoch.
+CLI::callback_t readPointInTime(int64_t& target);
 
 /// The values of an option, in the order of its help.
 template <typename Value>
