@@ -171,6 +171,7 @@ _vornctl() {
     enable) options+=(--all --now --reason) ;;
     wait) options+=(--state --for) ;;
     monitor) options+=(--json) ;;
+    ps) options+=(--ports --json) ;;
     names) options+=(--null) ;;
     check)
       options+=(--format --fail-on --print --ignore --host --no-host --list)
@@ -184,11 +185,11 @@ _vornctl() {
   case $command in
     "")
       _vornctl_offer "$current" "$kept" status start stop restart enable \
-        disable wait monitor top ping names check graph completion help
+        disable wait monitor top ps ping names check graph completion help
       ;;
     check | graph) compopt -o default ;;
     completion) _vornctl_offer "$current" "$kept" bash zsh fish ;;
-    status | start | stop | restart | enable | disable | wait | monitor | top)
+    status | start | stop | restart | enable | disable | wait | monitor | top | ps)
       _vornctl_offer_nodes "$current" "$kept" "${words[@]}"
       ;;
   esac

@@ -62,6 +62,17 @@ TEST(TableTest, ShortensTheFirstColumnWhenNoneIsLeftToLose) {
   EXPECT_EQ(table.rows.front().front().text.str(), "ca…");
 }
 
+TEST(TableTest, TheLastColumnIsTruncatedToAtLeastItsTitle) {
+  EXPECT_NE(std::setlocale(LC_CTYPE, "C.UTF-8"), nullptr);
+  for (const auto& [width, shown] :
+       {std::pair(13, "camera --x"), std::pair(10, "camera…"),
+        std::pair(3, "cam…")}) {
+    Table table = {{"P", "CMND"}, {{{"1"}, {"camera --x"}}}};
+    truncateLastColumn(table, static_cast<size_t>(width));
+    EXPECT_EQ(table.rows.front().back().text.str(), shown);
+  }
+}
+
 TEST(TableTest, EveryColourHasItsSequenceAndEnds) {
   EXPECT_EQ(coloured("x", Colour::NONE).str(), "x");
   EXPECT_EQ(coloured("", Colour::RED).str(), "");

@@ -5,6 +5,7 @@
 
 #include "commands/check.h"
 #include "commands/graph.h"
+#include "commands/ps.h"
 #include "commands/start_stop.h"
 #include "commands/status.h"
 #include "commands/wait.h"
@@ -22,6 +23,7 @@ struct Arguments {
   ActOptions act;
   StatusOptions status;
   WaitOptions wait;
+  PsOptions ps;
   CheckOptions check;
   bool isCheckList = false;
   GraphOptions graph;

@@ -30,6 +30,7 @@ Commands::Commands(CLI::App& app) : app_(app) {
   addWait();
   addMonitor();
   addTop();
+  addPs();
   addCheck();
   addGraph();
   addCommand("ping", "Check that a launcher answers",
@@ -191,6 +192,19 @@ void Commands::addTop() {
       "top", "Show all nodes on the whole screen; keys act on them",
       [this](Context& context) { return showTop(context, arguments_.nodes); });
   addNodes(screen, "Names or quoted patterns; all nodes if none are given");
+}
+
+void Commands::addPs() {
+  CLI::App* const app =
+      addCommand("ps", "Show the processes of nodes", [this](Context& context) {
+        arguments_.ps.nodes = arguments_.nodes;
+        arguments_.ps.isJson = arguments_.isJson;
+        return showProcesses(context, arguments_.ps);
+      });
+  addNodes(app, "Names or quoted patterns; all nodes if none are given");
+  app->add_flag("--ports", arguments_.ps.hasPorts,
+                "Also show the sockets on which the processes listen");
+  app->add_flag("--json", arguments_.isJson, "Print JSON");
 }
 
 void Commands::addCheck() {

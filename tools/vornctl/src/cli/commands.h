@@ -34,6 +34,7 @@ class Commands {
   void addWait();
   void addMonitor();
   void addTop();
+  void addPs();
   void addCheck();
   void addCheckOutput(CLI::App& app);
   void addGraph();

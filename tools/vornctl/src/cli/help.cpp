@@ -30,6 +30,7 @@ const std::map<std::string, Examples>& examples() {
         "wait 'cam_*' --state stopped"}},
       {"monitor", {"monitor", "monitor --json camera"}},
       {"top", {"top", "top 'cam_*'"}},
+      {"ps", {"ps", "ps --ports camera"}},
       {"check",
        {"check launch.yaml", "check --no-host --fail-on warning launch.yaml"}},
       {"graph", {"graph launch.yaml", "graph --format mermaid launch.yaml"}},

@@ -53,12 +53,7 @@ void printJson(const LauncherProcess& launcher,
   }
   const Json document = {
       {"schema", kStatusSchema},
-      {"launcher",
-       {{"pid", launcher.pid},
-        {"startSeconds", orNull(launcher.startSeconds)},
-        {"launchFile",
-         launcher.launchFile.empty() ? Json() : Json(launcher.launchFile)},
-        {"launchFileChanged", launcher.hasChanged}}},
+      {"launcher", launcherJson(launcher)},
       {"nodes", nodes},
   };
   standardOutput() << jsonText(document);

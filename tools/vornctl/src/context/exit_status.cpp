@@ -9,9 +9,9 @@ namespace {
 
 // The commands that send requests to a launcher, and those with node arguments.
 constexpr char kOfLauncher[] =
-    " status start stop restart enable disable wait monitor top ping names ";
+    " status start stop restart enable disable wait monitor top ps ping names ";
 constexpr char kOfNodes[] =
-    " status start stop restart enable disable wait monitor top ";
+    " status start stop restart enable disable wait monitor top ps ";
 
 /// One meaning of an exit status.
 struct Meaning {
@@ -26,11 +26,12 @@ constexpr Meaning kMeanings[] = {
     {kFailed, "a problem was found", " check "},
     {kUsage, "wrong usage, or the nodes or a file cannot be read", ""},
     {kNotRunning, "a named node is not running", " status "},
+    {kNotRunning, "a named node has no process", " ps "},
     {kNotRunning, "the state did not last", " wait "},
     {kNoSuchNode, "no such node, or no node matches a pattern", kOfNodes},
     {kNoLauncher, "no launcher is running, or no permission", kOfLauncher},
     {kTimedOut, "given up before the request was sent: it has no effect",
-     " status start stop restart enable disable monitor top ping names "},
+     " status start stop restart enable disable monitor top ps ping names "},
     {kTimedOut, "timed out or interrupted", " wait "},
     {kUnknown, "no reply: a request may still take effect", kOfLauncher},
     {kProtocolError, "the reply is invalid", kOfLauncher},

@@ -12,6 +12,14 @@ std::string launcherName(const LauncherProcess& launcher) {
                            : "launcher " + std::to_string(launcher.pid);
 }
 
+Json launcherJson(const LauncherProcess& launcher) {
+  return {{"pid", launcher.pid},
+          {"startSeconds", orNull(launcher.startSeconds)},
+          {"launchFile",
+           launcher.launchFile.empty() ? Json() : Json(launcher.launchFile)},
+          {"launchFileChanged", launcher.hasChanged}};
+}
+
 OutputText describeLauncher(const LauncherProcess& launcher,
                             const std::string& begin, size_t terminal_width) {
   std::vector<OutputText> parts = {terminalText(begin)};

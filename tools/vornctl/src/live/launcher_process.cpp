@@ -26,19 +26,6 @@ namespace fs = std::filesystem;
 constexpr char kHowToName[] =
     "; name it with --launch-file or VORNCTL_LAUNCH_FILE";
 
-/// Whether the process is in the pid namespace of our /proc.
-bool isInOurPidNamespace(pid_t pid) {
-  // Anyone may read this file, unlike the link ns/pid.
-  std::istringstream lines(readProcFile(procFile(pid, "status")).value_or(""));
-  for (std::string line; std::getline(lines, line);) {
-    if (line.rfind("NSpid:", 0) != 0) continue;
-    // Its pid in our namespace, and in each that is nested in ours.
-    std::istringstream words(line);
-    return std::distance(std::istream_iterator<std::string>(words), {}) <= 2;
-  }
-  return true;  // more likely than not
-}
-
 /// The path prefix of the launcher's root directory, empty if it is ours.
 /// Without the permission to examine it, it is assumed to be ours. A launcher
 /// in another pid namespace is an exception, since a container has its own

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
+#include <iterator>
 #include <memory>
 #include <sstream>
 
@@ -96,6 +97,18 @@ double cpuPercent(uint64_t cpu_ticks, double seconds) {
 
 std::vector<std::string> argumentsOf(pid_t pid) {
   return splitAtNuls(readProcFile(procFile(pid, "cmdline")).value_or(""));
+}
+
+bool isInOurPidNamespace(pid_t pid) {
+  // Anyone may read this file, unlike the link ns/pid.
+  std::istringstream lines(readProcFile(procFile(pid, "status")).value_or(""));
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("NSpid:", 0) != 0) continue;
+    // Its pid in our namespace, and in each that is nested in ours.
+    std::istringstream words(line);
+    return std::distance(std::istream_iterator<std::string>(words), {}) <= 2;
+  }
+  return true;  // more likely than not
 }
 
 std::optional<std::string> nodeNameIn(const std::string& environment) {

@@ -51,6 +51,10 @@ double cpuPercent(uint64_t cpu_ticks, double seconds);
 /// The arguments of a process; empty if it is a zombie or has exited.
 std::vector<std::string> argumentsOf(pid_t pid);
 
+/// Whether the process is in the pid namespace of our /proc; a container has
+/// its own. True if that cannot be read.
+bool isInOurPidNamespace(pid_t pid);
+
 /// The name of the node in an environment as /proc contains it; nothing if it
 /// is not that of a node's process.
 std::optional<std::string> nodeNameIn(const std::string& environment);

@@ -110,6 +110,21 @@ void fitInto(Table& table, size_t width, const std::vector<size_t>& removable) {
   }
 }
 
+void truncateLastColumn(Table& table, size_t width) {
+  const std::vector<size_t> widths = widthsOf(linesOf(table));
+  if (widths.empty()) return;
+  const size_t others = std::accumulate(widths.begin(), widths.end() - 1,
+                                        2 * (widths.size() - 1));
+  const size_t title =
+      table.header.empty() ? 1 : displayWidth(table.header.back());
+  const size_t room = std::max(width > others ? width - others : 0, title);
+  for (auto& row : table.rows) {
+    if (row.size() == widths.size()) {
+      row.back().text = truncated(row.back().text, room);
+    }
+  }
+}
+
 void printPlain(Output& out, const Table& table) {
   for (const auto& line : linesOf(table)) {
     for (size_t i = 0; i < line.size(); ++i) {

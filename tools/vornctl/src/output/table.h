@@ -27,6 +27,10 @@ void printAligned(Output& out, const Table& table, bool has_colours);
 /// numbers in this order, and then truncates the texts of the first one.
 void fitInto(Table& table, size_t width, const std::vector<size_t>& removable);
 
+/// Fits the table into `width` columns of a terminal as far as truncating the
+/// texts of the last one, to at least its title, can.
+void truncateLastColumn(Table& table, size_t width);
+
 /// Writes the texts with one tab between them.
 void printPlain(Output& out, const Table& table);
 

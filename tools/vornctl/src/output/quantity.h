@@ -1,0 +1,14 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace vorn::launch {
+
+/// Bytes for users, in the units of ps and top: "0", "640K", "12.1M", "1.5G".
+std::string formatBytes(int64_t bytes);
+
+/// A share for users: "0.3" for 0.3 percent.
+std::string formatPercent(double percent);
+
+}  // namespace vorn::launch
