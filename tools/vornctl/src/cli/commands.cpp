@@ -46,6 +46,11 @@ void Commands::addCommonOptions() {
                   "launcher's own")
       ->envname("VORNCTL_LAUNCH_FILE")
       ->type_name("FILE");
+  app_.add_option("--log", settings.logFile,
+                  "Read the launcher's log from this file, directory of a "
+                  "journal, or - for standard input; default: the destination "
+                  "of its standard error")
+      ->type_name("FILE");
   app_.add_option("--timeout", readDuration(settings.replyLimit),
                   "Time limit for each reply; default: twice the longest "
                   "time that the launch file makes possible, plus 30 s")
@@ -103,6 +108,9 @@ void Commands::addStatus() {
   app->add_flag_callback(
       "--no-header", [&options] { options.hasHeader = false; },
       "Omit the column titles");
+  app->add_flag("--failed", options.isFailedOnly,
+                "Show only nodes that have failed: they have exited or could "
+                "not be started, or are in a crash loop");
   app->add_option("-o,--columns", options.columns,
                   "Columns to show, separated by commas; see below")
       ->delimiter(',')

@@ -1,11 +1,15 @@
 #include "commands/status.h"
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 
 #include "context/targets.h"
+#include "live/history_json.h"
 #include "live/launcher_description.h"
+#include "live/log_source.h"
 #include "live/node_cells.h"
+#include "live/node_history.h"
 #include "output/json.h"
 #include "output/output.h"
 #include "output/text.h"
@@ -34,6 +38,10 @@ Json jsonOf(const NodeView& view, const LaunchFile::Node* node) {
       {"restartInSeconds", view.condition == Condition::RESTARTING
                                ? Json(view.restartInSeconds)
                                : Json()},
+      {"failed", isFailing(view)},
+      {"crashLoop", view.isCrashLoop},
+      {"restarts", view.restarts < 0 ? Json() : Json(view.restarts)},
+      {"lastExit", view.lastExit ? jsonOf(*view.lastExit) : Json()},
   };
   if (node != nullptr) {
     json["policy"] = {{"oneshot", node->oneshot.value},
@@ -57,6 +65,33 @@ void printJson(const LauncherProcess& launcher,
       {"nodes", nodes},
   };
   standardOutput() << jsonText(document);
+}
+
+bool contains(const std::vector<std::string>& words, const char* word) {
+  return std::find(words.begin(), words.end(), word) != words.end();
+}
+
+/// Adds what the log says about the nodes. An unreadable log is an error only
+/// if the user has asked for it.
+void addFromLog(const Context& context, const StatusOptions& options,
+                const LauncherProcess& launcher, std::vector<NodeView>& views) {
+  constexpr int64_t kSecondUs = 1'000'000;
+  const int64_t now_us = std::time(nullptr) * kSecondUs;
+  const bool is_asked = options.isFailedOnly ||
+                        contains(options.columns, "restarts") ||
+                        contains(options.columns, "last_exit");
+  std::string error;
+  NodeHistories histories;
+  const auto log = findLog(launcher, context.settings().logFile, error);
+  bool is_read = log.has_value();
+  if (is_read && (is_asked || options.isJson)) {
+    is_read = readRecent(launcher, *log, now_us, views, histories, error);
+    if (is_read) addHistory(histories, now_us, views);
+  } else if (is_read) {
+    is_read = readOneshotExits(launcher, *log, views, histories, error);
+    addHistory(histories, now_us, views);
+  }
+  if (!is_read && is_asked) context.printError(error);
 }
 
 std::vector<std::string> columnsFor(const StatusOptions& options) {
@@ -133,6 +168,15 @@ ExitStatus showStatus(Context& context, const StatusOptions& options) {
     }
   }
   context.clearActivity();
+  addFromLog(context, options, launcher, views);
+  if (options.isFailedOnly) {
+    views.erase(std::remove_if(views.begin(), views.end(),
+                               [](const auto& v) { return !isFailing(v); }),
+                views.end());
+    if (result == kDone || result == kNotRunning) {
+      result = views.empty() ? kDone : kFailed;
+    }
+  }
   if (context.settings().isQuiet) return result;
   if (options.isJson) {
     printJson(launcher, views);

@@ -15,6 +15,7 @@ namespace vorn::launch {
 struct Settings {
   std::string socketPath;  // empty: the launcher's own
   std::string launchFile;  // empty: the running launcher's
+  std::string logFile;     // empty: where the launcher writes its log
   bool trustAnyUser = false;
   std::optional<std::chrono::milliseconds> connectLimit;
   std::optional<std::chrono::milliseconds> replyLimit;

@@ -2,10 +2,13 @@
 
 #include <cstdint>
 
+#include "live/exit_text.h"
+
 namespace vorn::launch {
 namespace {
 
 Colour colourOf(const NodeView& view) {
+  if (view.isCrashLoop) return Colour::RED;
   switch (view.condition) {
     case Condition::RUNNING:
       return Colour::GREEN;
@@ -13,6 +16,7 @@ Colour colourOf(const NodeView& view) {
     case Condition::STOPPING:
     case Condition::RESTARTING:
       return Colour::YELLOW;
+    case Condition::FAILED:
     case Condition::UNKNOWN_NODE:
       return Colour::RED;
     case Condition::DISABLED:
@@ -33,6 +37,13 @@ OutputText orDash(int64_t number) {
   return number == 0 ? "-" : OutputText(number);
 }
 
+Cell lastExitCell(const NodeView& view) {
+  if (!view.lastExit) return {"-"};
+  OutputText text = terminalText(exitWord(*view.lastExit));
+  if (view.lastExit->isCoreDumped()) text += "+core";
+  return {text, view.lastExit->isFailure() ? Colour::RED : Colour::NONE};
+}
+
 }  // namespace
 
 const std::vector<Column>& statusColumns() {
@@ -44,7 +55,11 @@ const std::vector<Column>& statusColumns() {
       {"started", "time of the last start"},
       {"policy", "restart, oneshot, manual or manual+oneshot"},
       {"required", "nodes that restart when this node stops"},
-      {"executable", "program of the node"}};
+      {"executable", "program of the node"},
+      {"restarts", "restarts after exits by itself, in the last hour"},
+      {"last_exit",
+       "exit status or signal of the last exit in the last hour; if the node "
+       "does not run, of its last exit"}};
   return columns;
 }
 
@@ -55,6 +70,7 @@ Cell cellFor(const NodeView& view, const std::string& column) {
     if (view.condition == Condition::RESTARTING) {
       word += " in " + formatSpan(view.restartInSeconds);
     }
+    if (view.isCrashLoop) word += ", crash loop";
     return {terminalText(word), colourOf(view)};
   }
   if (column == "pid") return {orDash(view.pid)};
@@ -66,6 +82,11 @@ Cell cellFor(const NodeView& view, const std::string& column) {
   if (column == "started") return {terminalText(formatTime(view.startSeconds))};
   if (column == "policy") return {orDash(view.policy)};
   if (column == "required") return {orDash(view.required)};
+  if (column == "restarts") {
+    if (view.restarts < 0) return {"-"};
+    return {view.restarts, view.isCrashLoop ? Colour::RED : Colour::NONE};
+  }
+  if (column == "last_exit") return lastExitCell(view);
   return {orDash(view.executable)};
 }
 

@@ -74,6 +74,13 @@ NodeView viewOf(const LauncherProcess& launcher, const std::string& name,
   return view;
 }
 
+bool isFailing(const NodeView& view) {
+  return view.isCrashLoop || view.isExecutableMissing || view.isForkFailed ||
+         view.condition == Condition::RESTARTING ||
+         view.condition == Condition::FAILED ||
+         view.condition == Condition::UNKNOWN_NODE;
+}
+
 const char* wordFor(Condition condition) {
   switch (condition) {
     case Condition::RUNNING:
@@ -90,6 +97,8 @@ const char* wordFor(Condition condition) {
       return "restarting";
     case Condition::DISABLED:
       return "disabled";
+    case Condition::FAILED:
+      return "failed";
     case Condition::UNKNOWN_NODE:
       break;
   }

@@ -1,10 +1,12 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "control_client.h"
 #include "live/launcher_process.h"
+#include "live/log_history.h"
 
 namespace vorn::launch {
 
@@ -18,6 +20,7 @@ enum class Condition {
   NEVER_STARTED,  // STOPPED, without a previous start
   RESTARTING,     // it exited by itself and waits for its restart
   DISABLED,
+  FAILED,        // DISABLED, because it is a oneshot that exited with an error
   UNKNOWN_NODE,  // the launcher does not know it
 };
 
@@ -35,7 +38,17 @@ struct NodeView {
                          // empty if unknown
   std::string required;  // names with a space between them
   std::string executable;
+  // From the log, see node_history.
+  int64_t restarts =
+      -1;  // in the last hour, after exits by itself; -1: unknown
+  bool isCrashLoop = false;
+  bool isForkFailed = false;  // the reason why it is stopped
+  std::optional<HistoryEvent> lastExit;
 };
+
+/// Whether a node is not as it should be: it has exited by itself or could not
+/// be started. A node that an operator has stopped or disabled is not failing.
+bool isFailing(const NodeView& view);
 
 /// Combines the status of a node, which must be DONE or NOT_FOUND, with its
 /// description in the launch file, if `launcher` has one. `now` is in seconds
