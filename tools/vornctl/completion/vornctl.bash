@@ -97,10 +97,10 @@ _vornctl_offer() {
 _vornctl_offer_value() {
   local option=$1 current=$2 kept=$3 command=$4
   case $option in
-    --launch-file | --socket) compopt -o default ;;  # bash's own, for files
+    --launch-file | --log | --socket) compopt -o default ;;  # bash's own, for files
     --color) _vornctl_offer "$current" "$kept" auto always never ;;
     --state)
-      _vornctl_offer "$current" "$kept" running stopped disabled restarted
+      _vornctl_offer "$current" "$kept" running stopped disabled restarted succeeded
       ;;
     --fail-on) _vornctl_offer "$current" "$kept" error warning note ;;
     --print) _vornctl_offer "$current" "$kept" resolved timeline stop-timeout ;;
@@ -124,7 +124,7 @@ _vornctl_offer_value() {
 _vornctl_command() {
   while [[ $# -gt 0 ]]; do
     case $1 in
-      --launch-file | --timeout | --connect-timeout | --socket | --color) shift ;;
+      --launch-file | --log | --timeout | --connect-timeout | --socket | --color) shift ;;
       -*) ;;
       *)
         printf %s "$1"
@@ -136,7 +136,7 @@ _vornctl_command() {
 }
 
 _vornctl() {
-  local options=(--launch-file --timeout --connect-timeout --socket
+  local options=(--launch-file --log --timeout --connect-timeout --socket
     --trust-any-user --color --quiet --help)
   # bash breaks words at characters such as : and =, too; here they are whole.
   local words=() rest=${COMP_LINE:0:COMP_POINT} i
@@ -165,7 +165,7 @@ _vornctl() {
   ! _vornctl_offer_value "$previous" "$current" "$kept" "$command" || return
   case $command in
     "") options+=(--version) ;;
-    status) options+=(--json --plain --no-header --columns) ;;
+    status) options+=(--json --plain --no-header --failed --columns) ;;
     start | restart) options+=(--all --reason) ;;
     stop | disable) options+=(--all --yes --reason) ;;
     enable) options+=(--all --now --reason) ;;

@@ -46,6 +46,7 @@ complete -c vornctl -n __vornctl_needs_command -a completion -d 'Print a script 
 complete -c vornctl -n __vornctl_needs_command -a help -d 'Show the help'
 
 complete -c vornctl -l launch-file -r -F -d 'Read the names of the nodes from this file'
+complete -c vornctl -l log -r -F -d 'The log of the launcher'
 complete -c vornctl -l timeout -x -d 'Time limit for each reply'
 complete -c vornctl -l connect-timeout -x -d 'Time limit for the first answer'
 complete -c vornctl -l socket -r -F -d 'The control socket of the launcher'
@@ -59,13 +60,14 @@ complete -c vornctl -n '__fish_seen_subcommand_from status start stop restart en
 complete -c vornctl -n '__fish_seen_subcommand_from status monitor ps' -l json -d 'Print JSON'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l plain -d 'Print tabs between columns'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l no-header -d 'Omit the column titles'
-complete -c vornctl -n '__fish_seen_subcommand_from status' -s o -l columns -x -a '(__fish_append , node state pid uptime started policy required executable)' -d Columns
+complete -c vornctl -n '__fish_seen_subcommand_from status' -l failed -d 'Show only failed nodes'
+complete -c vornctl -n '__fish_seen_subcommand_from status' -s o -l columns -x -a '(__fish_append , node state pid uptime started policy required executable restarts last_exit)' -d Columns
 complete -c vornctl -n '__fish_seen_subcommand_from start stop restart enable disable' -l all -d 'All nodes'
 complete -c vornctl -n '__fish_seen_subcommand_from start stop restart enable disable' -l reason -x -d 'The reason, for the record'
 complete -c vornctl -n '__fish_seen_subcommand_from ps' -l ports -d 'Also show listening sockets'
 complete -c vornctl -n '__fish_seen_subcommand_from stop disable' -s y -l yes -d 'Do not ask for confirmation'
 complete -c vornctl -n '__fish_seen_subcommand_from enable' -l now -d 'Also start the nodes'
-complete -c vornctl -n '__fish_seen_subcommand_from wait' -l state -x -a 'running stopped disabled restarted' -d 'State to wait for'
+complete -c vornctl -n '__fish_seen_subcommand_from wait' -l state -x -a 'running stopped disabled restarted succeeded' -d 'State to wait for'
 complete -c vornctl -n '__fish_seen_subcommand_from wait' -l for -x -d 'Time for which the state must last'
 complete -c vornctl -n '__fish_seen_subcommand_from names' -s 0 -l null -d 'End each name with a NUL'
 complete -c vornctl -n '__fish_seen_subcommand_from completion' -a 'bash zsh fish' -d Shell

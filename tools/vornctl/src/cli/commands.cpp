@@ -109,8 +109,8 @@ void Commands::addStatus() {
       "--no-header", [&options] { options.hasHeader = false; },
       "Omit the column titles");
   app->add_flag("--failed", options.isFailedOnly,
-                "Show only nodes that have failed: they have exited or could "
-                "not be started, or are in a crash loop");
+                "Show only failed nodes: restarting, in a crash loop, failed "
+                "oneshots, or not startable");
   app->add_option("-o,--columns", options.columns,
                   "Columns to show, separated by commas; see below")
       ->delimiter(',')
@@ -173,11 +173,13 @@ void Commands::addWait() {
   addNodes(app, "Names or quoted patterns")->required();
   addChoice<WaitOptions::Goal>(
       *app, "--state", options.goal,
-      "The state to wait for; restarted: running since a later start than now",
+      "The state to wait for; restarted: running since a later start than now; "
+      "succeeded: a oneshot that exited with status 0",
       {{"running", WaitOptions::Goal::RUNNING},
        {"stopped", WaitOptions::Goal::STOPPED},
        {"disabled", WaitOptions::Goal::DISABLED},
-       {"restarted", WaitOptions::Goal::RESTARTED}})
+       {"restarted", WaitOptions::Goal::RESTARTED},
+       {"succeeded", WaitOptions::Goal::SUCCEEDED}})
       ->required();
   app->add_option("--for", readDuration(options.heldFor),
                   "Time for which the state must last")

@@ -2,9 +2,13 @@
 
 #include <algorithm>
 #include <map>
+#include <thread>
 
 #include "context/targets.h"
+#include "live/exit_text.h"
+#include "live/log_source.h"
 #include "live/node_cells.h"
+#include "live/node_history.h"
 #include "live/node_status.h"
 #include "live/node_watcher.h"
 #include "output/json.h"
@@ -21,6 +25,8 @@ using std::chrono::milliseconds;
 constexpr int kMonitorSchema = 1;
 constexpr int kOneLine = -1;
 constexpr milliseconds kNoLimit = std::chrono::hours(24);
+constexpr int kLogAttempts = 20;
+constexpr milliseconds kLogPause{100};
 
 class Wait {
  public:
@@ -32,7 +38,7 @@ class Wait {
         deadline_(deadline),
         watcher_(context.client(NodeWatcher::kReplyLimit),
                  context.settings().cancelFd, targets.launcher, targets.names),
-        file_(targets.launcher.file) {}
+        launcher_(targets.launcher) {}
 
   ExitStatus run() {
     for (;;) {
@@ -66,8 +72,51 @@ class Wait {
     }
     for (const auto& change : changes) {
       if (change.status.isDone()) continue;
-      context_.printRequestError(change.name, change.status, file_);
+      context_.printRequestError(change.name, change.status, launcher_.file);
       return exitStatusOf(change.status.outcome);
+    }
+    if (options_.goal != Goal::SUCCEEDED) return std::nullopt;
+    for (const auto& change : changes) {
+      if (const auto status = failureOfOneshot(change)) return *status;
+    }
+    return std::nullopt;
+  }
+
+  /// The exit status, after a message, if the node has not succeeded or cannot
+  /// succeed.
+  std::optional<ExitStatus> failureOfOneshot(
+      const NodeWatcher::Change& change) const {
+    const LaunchFile::Node* const node = launcher_.file.find(change.name);
+    if (node != nullptr && !node->oneshot.value) {
+      context_.printError(change.name +
+                          ": only a node with oneshot: true can succeed");
+      return kUsage;
+    }
+    if (!isReached(change.name)) return std::nullopt;
+    std::string error;
+    const auto exit = lastExitOf(change, error);
+    if (!exit) {
+      context_.printError(change.name + ": its exit status is unknown: " +
+                          (error.empty() ? "it is not in the log" : error));
+      return kUnknown;
+    }
+    if (!exit->isFailure()) return std::nullopt;
+    context_.printError(change.name + " has failed: it " + exitText(*exit));
+    return kFailed;
+  }
+
+  /// The exit of a node whose status shows it. The journal can have it later.
+  std::optional<HistoryEvent> lastExitOf(const NodeWatcher::Change& change,
+                                         std::string& error) const {
+    const std::vector<NodeView> views = {
+        viewOf(launcher_, change.name, change.status, 0)};
+    const auto log = findLog(launcher_, context_.settings().logFile, error);
+    for (int attempt = 0; log && attempt < kLogAttempts; ++attempt) {
+      NodeHistories histories;
+      if (!readOneshotExits(launcher_, *log, views, histories, error)) break;
+      const auto* const history = histories.find(nameInLog(change.name));
+      if (history != nullptr && history->exit) return history->exit;
+      std::this_thread::sleep_for(kLogPause);
     }
     return std::nullopt;
   }
@@ -100,6 +149,9 @@ class Wait {
         return status.state == NodeState::STOPPED && status.pid == 0;
       case Goal::DISABLED:
         return status.state == NodeState::DISABLED && status.pid == 0;
+      case Goal::SUCCEEDED:
+        return status.state == NodeState::DISABLED && status.pid == 0 &&
+               status.startSeconds != 0;
       case Goal::RESTARTED: {
         const StatusReply& first = first_.at(name);
         return status.state == NodeState::RUNNING &&
@@ -131,7 +183,7 @@ class Wait {
   const WaitOptions& options_;
   const Clock::time_point deadline_;
   NodeWatcher watcher_;
-  const LaunchFile& file_;
+  const LauncherProcess& launcher_;
   std::optional<Clock::time_point> reached_;  // the start of the state
   std::map<std::string, StatusReply> first_;  // when the wait began
 };

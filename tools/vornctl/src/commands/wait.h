@@ -11,7 +11,7 @@
 namespace vorn::launch {
 
 struct WaitOptions {
-  enum class Goal { RUNNING, STOPPED, DISABLED, RESTARTED };
+  enum class Goal { RUNNING, STOPPED, DISABLED, RESTARTED, SUCCEEDED };
 
   std::vector<std::string> nodes;  // names and patterns, at least one
   Goal goal = Goal::RUNNING;
@@ -21,7 +21,8 @@ struct WaitOptions {
 
 /// Waits until all nodes are in the requested state at the same time: RUNNING,
 /// STOPPED or DISABLED without a process, or RESTARTED, which is RUNNING since
-/// another start than at the beginning of the wait. With `heldFor`, until the
+/// another start than at the beginning of the wait, or SUCCEEDED: a oneshot that
+/// exited with status 0; kFailed if it exited otherwise. With `heldFor`, until the
 /// state has lasted for that time; kNotRunning if it does not last. kTimedOut
 /// after `limit`.
 ExitStatus waitForNodes(Context& context, const WaitOptions& options);
