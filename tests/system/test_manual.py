@@ -173,7 +173,7 @@ def test_a_command_shows_only_its_own_exit_statuses(help_of):
     assert shown == asking | {
         "status": "0123456789", "ps": "0123456789", "wait": "0123456789",
         "ping": "01256789",
-        "names": "01256789", "check": "012", "graph": "012", "completion": "012",
+        "names": "01256789", "orphans": "012", "check": "012", "graph": "012", "completion": "012",
         "help": "012"}
 
 

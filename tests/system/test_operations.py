@@ -2,7 +2,6 @@
 
 import os
 import pathlib
-import signal
 
 import pytest
 from support.control import State
@@ -92,21 +91,3 @@ def test_the_documented_commands_apply_a_changed_file_only_if_it_is_valid(shell)
     shell.run(commands)
     wait_until_running("new")
     assert pid() != first
-
-
-@pytest.mark.native  # it finds the launcher by its name
-def test_the_documented_command_lists_the_nodes_of_an_earlier_launcher_only(machine):
-    machine.script("stay", STAY)
-    machine.start({"vornnode": {"stay": {"path": "/tmp/bin/stay"}}})
-    old = machine.child("stay", ["sleep", "infinity"])
-    command = block_with("sh", "ancestor=$pid")
-    assert machine.run("sh", "-c", command) == ""
-
-    machine.signal(signal.SIGKILL)
-    assert machine.wait() == -signal.SIGKILL
-    machine.start_again()
-    new = machine.child("stay", ["sleep", "infinity"])
-    assert new.pid != old.pid
-    [line] = machine.run("sh", "-c", command).splitlines()
-    assert line.split()[0] == str(old.pid)
-    assert line.endswith("sleep infinity")

@@ -205,7 +205,7 @@ def test_all_needs_yes_without_a_terminal(robot, command):
     done = robot.vornctl(command, "--all", stdin="y\n")
     assert (done.returncode, done.stdout) == (2, "")
     assert done.stderr == (
-        f"vornctl: refusing to {command} all nodes without confirmation; add --yes\n")
+        f"vornctl: refusing to {command} all 3 nodes without confirmation; add --yes\n")
     assert commands(robot) == []
 
 

@@ -170,7 +170,7 @@ def test_a_partial_word_is_completed(shell):
 
 @pytest.mark.parametrize("line, offered", [
     ("vornctl ", {"status", "start", "stop", "restart", "enable", "disable", "wait",
-                  "monitor", "top", "ping", "names", "completion", "help"}),
+                  "monitor", "top", "ps", "orphans", "ping", "names", "completion", "help"}),
     ("vornctl wait --state ", {"running", "stopped", "disabled", "restarted"}),
     ("vornctl completion ", {"bash", "zsh", "fish"}),
     ("vornctl --color ", {"auto", "always", "never"}),

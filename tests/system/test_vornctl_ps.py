@@ -165,6 +165,5 @@ def test_a_user_without_permission_gets_an_error(machine):
     start(machine, "exec sleep 1001")
     done = machine.execute(*UNPRIVILEGED, VORNCTL, "ps")
     assert (done.returncode, done.stdout, done.stderr) == (
-        1, "", "vornctl: cannot examine 1 processes of launcher "
-        f"{machine.pid}: no permission; run vornctl as root or as the user of these "
-        "processes\n")
+        1, "", "vornctl: no permission to examine the processes of launcher "
+        f"{machine.pid}; run vornctl as root or as their user\n")

@@ -172,6 +172,7 @@ _vornctl() {
     wait) options+=(--state --for) ;;
     monitor) options+=(--json) ;;
     ps) options+=(--ports --json) ;;
+    orphans) options+=(--json --kill --yes) ;;
     names) options+=(--null) ;;
     check)
       options+=(--format --fail-on --print --ignore --host --no-host --list)
@@ -185,7 +186,7 @@ _vornctl() {
   case $command in
     "")
       _vornctl_offer "$current" "$kept" status start stop restart enable \
-        disable wait monitor top ps ping names check graph completion help
+        disable wait monitor top ps orphans ping names check graph completion help
       ;;
     check | graph) compopt -o default ;;
     completion) _vornctl_offer "$current" "$kept" bash zsh fish ;;

@@ -5,6 +5,7 @@
 
 #include "commands/check.h"
 #include "commands/graph.h"
+#include "commands/orphans.h"
 #include "commands/ps.h"
 #include "commands/start_stop.h"
 #include "commands/status.h"
@@ -24,6 +25,7 @@ struct Arguments {
   StatusOptions status;
   WaitOptions wait;
   PsOptions ps;
+  OrphansOptions orphans;
   CheckOptions check;
   bool isCheckList = false;
   GraphOptions graph;

@@ -31,6 +31,7 @@ Commands::Commands(CLI::App& app) : app_(app) {
   addMonitor();
   addTop();
   addPs();
+  addOrphans();
   addCheck();
   addGraph();
   addCommand("ping", "Check that a launcher answers",
@@ -215,6 +216,22 @@ void Commands::addPs() {
   app->add_flag("--ports", arguments_.ps.hasPorts,
                 "Also show the sockets on which the processes listen");
   app->add_flag("--json", arguments_.isJson, "Print JSON");
+}
+
+void Commands::addOrphans() {
+  OrphansOptions& options = arguments_.orphans;
+  CLI::App* const app = addCommand(
+      "orphans", "List processes of earlier launchers and runs of nodes",
+      [this](const Context& context) {
+        arguments_.orphans.isJson = arguments_.isJson;
+        return showOrphans(context, arguments_.orphans);
+      });
+  auto* const json = app->add_flag("--json", arguments_.isJson, "Print JSON");
+  auto* const kill = app->add_flag("--kill", options.isKill,
+                                   "Send SIGTERM, and SIGKILL after 10 s")
+                         ->excludes(json);
+  app->add_flag("-y,--yes", options.isConfirmed, "Do not ask for confirmation")
+      ->needs(kill);
 }
 
 void Commands::addCheck() {

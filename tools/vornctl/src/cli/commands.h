@@ -35,6 +35,7 @@ class Commands {
   void addMonitor();
   void addTop();
   void addPs();
+  void addOrphans();
   void addCheck();
   void addCheckOutput(CLI::App& app);
   void addGraph();

@@ -21,7 +21,8 @@ const std::map<std::string, Examples>& examples() {
   static const std::map<std::string, Examples> all = {
       {"status", {"status", "status --json camera 'cam_*'"}},
       {"start", {"start camera", "start --all"}},
-      {"stop", {"stop camera recorder", "stop --all --reason 'new calibration'"}},
+      {"stop",
+       {"stop camera recorder", "stop --all --reason 'new calibration'"}},
       {"restart", {"restart camera", "restart 'cam_*'"}},
       {"enable", {"enable camera", "enable --now camera"}},
       {"disable", {"disable camera", "disable --all --yes"}},
@@ -31,6 +32,7 @@ const std::map<std::string, Examples>& examples() {
       {"monitor", {"monitor", "monitor --json camera"}},
       {"top", {"top", "top 'cam_*'"}},
       {"ps", {"ps", "ps --ports camera"}},
+      {"orphans", {"orphans", "orphans --kill --yes"}},
       {"check",
        {"check launch.yaml", "check --no-host --fail-on warning launch.yaml"}},
       {"graph", {"graph launch.yaml", "graph --format mermaid launch.yaml"}},

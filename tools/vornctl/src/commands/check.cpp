@@ -170,6 +170,7 @@ ExitStatus check(const Context& context, const CheckOptions& options) {
     return kUsage;
   }
   dieByStopSignals(context.settings().cancelFd);
+  if (options.host == Host::YES) context.warnAboutOrphans();
   const Results results = checkFiles(context, options);
   try {
     print(context.settings(), options, results);

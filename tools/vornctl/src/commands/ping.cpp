@@ -23,6 +23,7 @@ ExitStatus ping(Context& context) {
   standardOutput() << describeLauncher(launcher, launcherName(launcher) + text,
                                        0)
                    << "\n";
+  context.warnAboutOrphans();
   return kDone;
 }
 

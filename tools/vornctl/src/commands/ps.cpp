@@ -28,16 +28,6 @@ double averagePercent(const Process& process) {
   return cpuPercent(process.cpuTicks, ageOf(process));
 }
 
-/// The command line, or the name of a process without one, as in ps.
-std::string commandOf(const Process& process) {
-  std::string command;
-  for (const std::string& argument : argumentsOf(process.pid)) {
-    if (!command.empty()) command += ' ';
-    command += argument;
-  }
-  return command.empty() ? '[' + process.name + ']' : command;
-}
-
 OutputText textFor(const Sockets& sockets) {
   if (!sockets) return "?";
   std::string text;
@@ -108,7 +98,7 @@ std::vector<Cell> processRow(const std::string& node, const NodeProcess& each,
       {terminalText(formatSpan(static_cast<int64_t>(ageOf(process))))}};
   if (options.hasPorts) row.push_back({textFor(sockets.of(process.pid))});
   row.push_back(
-      {spaces(each.depth * kIndent) + terminalText(commandOf(process))});
+      {spaces(each.depth * kIndent) + terminalText(commandLineOf(process))});
   return row;
 }
 
@@ -172,10 +162,9 @@ ExitStatus showProcesses(Context& context, const PsOptions& options) {
   size_t unreadable = 0;
   const Trees trees = processesOfNodes(table, launcher, unreadable);
   if (unreadable > 0) {
-    context.printError("cannot examine " + std::to_string(unreadable) +
-                       " processes of launcher " + std::to_string(launcher) +
-                       ": no permission; run vornctl as root or as the user of "
-                       "these processes");
+    context.printError("no permission to examine the processes of launcher " +
+                       std::to_string(launcher) +
+                       "; run vornctl as root or as their user");
     return kFailed;
   }
   if (!context.settings().isQuiet) {

@@ -3,7 +3,6 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <iostream>
 #include <optional>
 
 #include "context/targets.h"
@@ -58,17 +57,8 @@ class Action {
     const bool is_harmless =
         options_.cmd != Cmd::STOP && options_.cmd != Cmd::DISABLE;
     if (is_harmless || options_.isConfirmed) return true;
-    const std::string command = wordsFor(options_.cmd).command;
-    if (!context_.settings().isInteractive) {
-      context_.printError("refusing to " + command +
-                          " all nodes without confirmation; add --yes");
-      return false;
-    }
-    standardError() << terminalText(command) << " all " << names_.size()
-                    << " nodes? [y/N] ";
-    std::string answer;
-    std::getline(std::cin, answer);
-    return answer == "y" || answer == "Y" || answer == "yes";
+    return context_.confirm(std::string(wordsFor(options_.cmd).command) +
+                            " all " + std::to_string(names_.size()) + " nodes");
   }
 
   ExitStatus actOnEach() {

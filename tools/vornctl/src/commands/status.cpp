@@ -177,6 +177,7 @@ ExitStatus showStatus(Context& context, const StatusOptions& options) {
       result = views.empty() ? kDone : kFailed;
     }
   }
+  context.warnAboutOrphans();
   if (context.settings().isQuiet) return result;
   if (options.isJson) {
     printJson(launcher, views);

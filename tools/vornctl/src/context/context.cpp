@@ -3,10 +3,12 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <iostream>
 #include <utility>
 
 #include "context/node_patterns.h"
 #include "live/busy_launcher.h"
+#include "live/orphans.h"
 #include "output/output.h"
 
 namespace vorn::launch {
@@ -104,6 +106,24 @@ LauncherProcess Context::launcherWithoutFile() const {
 bool Context::isCancelled() const {
   pollfd watched{settings_.cancelFd, POLLIN, 0};
   return ::poll(&watched, 1, 0) > 0;
+}
+
+bool Context::confirm(const std::string& action) const {
+  if (!settings_.isInteractive) {
+    printError("refusing to " + action + " without confirmation; add --yes");
+    return false;
+  }
+  standardError() << terminalText(action) << "? [y/N] ";
+  std::string answer;
+  std::getline(std::cin, answer);
+  return answer == "y" || answer == "Y" || answer == "yes";
+}
+
+void Context::warnAboutOrphans() const {
+  if (settings_.isQuiet) return;
+  const std::string warning =
+      warningAbout(findOrphans(ProcessTable::read(), pid_));
+  if (!warning.empty()) printError(warning);
 }
 
 void Context::printError(const std::string& text) const {

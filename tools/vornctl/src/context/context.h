@@ -61,6 +61,14 @@ class Context {
   /// Whether a stop signal has arrived.
   bool isCancelled() const;
 
+  /// Asks on the terminal whether to do this, such as "stop all 3 nodes".
+  /// Without a terminal, prints an error that mentions the option --yes.
+  bool confirm(const std::string& action) const;
+
+  /// Prints a warning if processes of earlier launchers or runs of nodes exist,
+  /// unless the settings have isQuiet. Reads all processes.
+  void warnAboutOrphans() const;
+
   /// Writes "vornctl: TEXT" to standard error.
   void printError(const std::string& text) const;
 

@@ -25,6 +25,7 @@ constexpr Meaning kMeanings[] = {
     {kFailed, "an operation failed, or the output could not be written", ""},
     {kFailed, "a problem was found", " check "},
     {kFailed, "a node has failed", " status wait "},
+    {kFailed, "processes of earlier launchers or runs exist", " orphans "},
     {kUsage, "wrong usage, or the nodes or a file cannot be read", ""},
     {kNotRunning, "a named node is not running", " status "},
     {kNotRunning, "a named node has no process", " ps "},

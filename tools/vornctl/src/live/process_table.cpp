@@ -99,6 +99,15 @@ std::vector<std::string> argumentsOf(pid_t pid) {
   return splitAtNuls(readProcFile(procFile(pid, "cmdline")).value_or(""));
 }
 
+std::string commandLineOf(const Process& process) {
+  std::string command;
+  for (const std::string& argument : argumentsOf(process.pid)) {
+    if (!command.empty()) command += ' ';
+    command += argument;
+  }
+  return command.empty() ? '[' + process.name + ']' : command;
+}
+
 bool isInOurPidNamespace(pid_t pid) {
   // Anyone may read this file, unlike the link ns/pid.
   std::istringstream lines(readProcFile(procFile(pid, "status")).value_or(""));

@@ -51,6 +51,10 @@ double cpuPercent(uint64_t cpu_ticks, double seconds);
 /// The arguments of a process; empty if it is a zombie or has exited.
 std::vector<std::string> argumentsOf(pid_t pid);
 
+/// The arguments with spaces between them; the name of the process in brackets
+/// if it has none, as in ps.
+std::string commandLineOf(const Process& process);
+
 /// Whether the process is in the pid namespace of our /proc; a container has
 /// its own. True if that cannot be read.
 bool isInOurPidNamespace(pid_t pid);
