@@ -168,7 +168,8 @@ def test_a_command_shows_only_its_own_exit_statuses(help_of):
     shown = {name: "".join(exit_statuses(help_of(name)))
              for name in commands_of(help_of())}
     asking = dict.fromkeys(
-        ["start", "stop", "restart", "enable", "disable", "monitor", "top"],
+        ["start", "stop", "restart", "enable", "disable", "monitor", "top",
+         "logs"],
         "012456789")
     assert shown == asking | {
         "status": "0123456789", "ps": "0123456789", "wait": "0123456789",

@@ -190,7 +190,7 @@ def test_every_possible_word_is_offered(shell, line, offered):
 
 def test_every_command_about_nodes_completes_their_names(shell):
     for command in ("status", "start", "stop", "restart", "enable", "disable", "wait",
-                    "monitor", "top"):
+                    "monitor", "top", "logs"):
         shell.complete(f"vornctl {command} rad", f"vornctl {command} radar")
         shell.press("C-u")
 

@@ -109,7 +109,7 @@ _vornctl_offer_value() {
       [[ $command != graph ]] || formats=(dot mermaid svg)
       _vornctl_offer "$current" "$kept" "${formats[@]}"
       ;;
-    --timeout | --connect-timeout | --for | --ignore | --reason) ;;
+    --timeout | --connect-timeout | --for | --ignore | -n | --lines | --reason | --since) ;;
     -o | --columns)
       local columns=(node state pid uptime started policy required executable)
       local before=${current%"${current##*,}"}
@@ -173,6 +173,7 @@ _vornctl() {
     monitor) options+=(--json) ;;
     ps) options+=(--ports --json) ;;
     orphans) options+=(--json --kill --yes) ;;
+    logs) options+=(--follow --lines --since --previous) ;;
     names) options+=(--null) ;;
     check)
       options+=(--format --fail-on --print --ignore --host --no-host --list)
@@ -186,11 +187,12 @@ _vornctl() {
   case $command in
     "")
       _vornctl_offer "$current" "$kept" status start stop restart enable \
-        disable wait monitor top ps orphans ping names check graph completion help
+        disable wait monitor top ps orphans logs ping names check graph completion \
+        help
       ;;
     check | graph) compopt -o default ;;
     completion) _vornctl_offer "$current" "$kept" bash zsh fish ;;
-    status | start | stop | restart | enable | disable | wait | monitor | top | ps)
+    status | start | stop | restart | enable | disable | wait | monitor | top | ps | logs)
       _vornctl_offer_nodes "$current" "$kept" "${words[@]}"
       ;;
   esac

@@ -24,7 +24,7 @@ function __vornctl_nodes
 end
 
 function __vornctl_needs_command
-    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top ps orphans ping names check graph completion help
+    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top ps orphans logs ping names check graph completion help
 end
 
 complete -c vornctl -f
@@ -39,6 +39,7 @@ complete -c vornctl -n __vornctl_needs_command -a monitor -d 'Print a line for e
 complete -c vornctl -n __vornctl_needs_command -a top -d 'Show all nodes on the whole screen'
 complete -c vornctl -n __vornctl_needs_command -a ps -d 'Show the processes of nodes'
 complete -c vornctl -n __vornctl_needs_command -a orphans -d 'List processes of earlier launchers and runs of nodes'
+complete -c vornctl -n __vornctl_needs_command -a logs -d 'Print the output of nodes'
 complete -c vornctl -n __vornctl_needs_command -a ping -d 'Check that a launcher answers'
 complete -c vornctl -n __vornctl_needs_command -a names -d 'Print the names of the nodes'
 complete -c vornctl -n __vornctl_needs_command -a check -d 'Check launch files for errors'
@@ -57,7 +58,7 @@ complete -c vornctl -s q -l quiet -d 'Print errors only'
 complete -c vornctl -s h -l help -d 'Show the help'
 complete -c vornctl -n __vornctl_needs_command -l version -d 'Show the version'
 
-complete -c vornctl -n '__fish_seen_subcommand_from status start stop restart enable disable wait monitor top ps' -a '(__vornctl_nodes)' -d Node
+complete -c vornctl -n '__fish_seen_subcommand_from status start stop restart enable disable wait monitor top ps logs' -a '(__vornctl_nodes)' -d Node
 complete -c vornctl -n '__fish_seen_subcommand_from status monitor ps orphans' -l json -d 'Print JSON'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l plain -d 'Print tabs between columns'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l no-header -d 'Omit the column titles'
@@ -68,6 +69,10 @@ complete -c vornctl -n '__fish_seen_subcommand_from start stop restart enable di
 complete -c vornctl -n '__fish_seen_subcommand_from ps' -l ports -d 'Also show listening sockets'
 complete -c vornctl -n '__fish_seen_subcommand_from orphans' -l kill -d 'Terminate the processes'
 complete -c vornctl -n '__fish_seen_subcommand_from stop disable orphans' -s y -l yes -d 'Do not ask for confirmation'
+complete -c vornctl -n '__fish_seen_subcommand_from logs' -s f -l follow -d 'Also print new lines'
+complete -c vornctl -n '__fish_seen_subcommand_from logs' -s n -l lines -x -d 'Number of lines'
+complete -c vornctl -n '__fish_seen_subcommand_from logs' -l since -x -d 'Only lines since then'
+complete -c vornctl -n '__fish_seen_subcommand_from logs' -l previous -d 'Only the last run that has ended'
 complete -c vornctl -n '__fish_seen_subcommand_from enable' -l now -d 'Also start the nodes'
 complete -c vornctl -n '__fish_seen_subcommand_from wait' -l state -x -a 'running stopped disabled restarted succeeded' -d 'State to wait for'
 complete -c vornctl -n '__fish_seen_subcommand_from wait' -l for -x -d 'Time for which the state must last'

@@ -5,6 +5,7 @@
 
 #include "commands/check.h"
 #include "commands/graph.h"
+#include "commands/logs.h"
 #include "commands/orphans.h"
 #include "commands/ps.h"
 #include "commands/start_stop.h"
@@ -29,6 +30,7 @@ struct Arguments {
   CheckOptions check;
   bool isCheckList = false;
   GraphOptions graph;
+  LogsOptions logs;
   bool isJson = false;
   bool isNulSeparated = false;
   std::string shell;

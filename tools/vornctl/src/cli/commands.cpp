@@ -32,6 +32,7 @@ Commands::Commands(CLI::App& app) : app_(app) {
   addTop();
   addPs();
   addOrphans();
+  addLogs();
   addCheck();
   addGraph();
   addCommand("ping", "Check that a launcher answers",
@@ -232,6 +233,29 @@ void Commands::addOrphans() {
                          ->excludes(json);
   app->add_flag("-y,--yes", options.isConfirmed, "Do not ask for confirmation")
       ->needs(kill);
+}
+
+void Commands::addLogs() {
+  LogsOptions& options = arguments_.logs;
+  CLI::App* const app = addCommand(
+      "logs", "Print the output of nodes, and the launcher's lines about them",
+      [this](Context& context) {
+        arguments_.logs.nodes = arguments_.nodes;
+        return showLogs(context, arguments_.logs);
+      });
+  addNodes(app, "Names or quoted patterns; the whole log if none are given");
+  CLI::Option* const follow =
+      app->add_flag("-f,--follow", options.isFollowed,
+                    "Print 10 lines, and then new lines as they are written");
+  app->add_option("-n,--lines", options.count, "Print only the last N lines")
+      ->type_name("N");
+  app->add_option("--since", readPointInTime(options.sinceUs),
+                  "Print only lines since then: 1h, '2026-11-20 12:34' or "
+                  "2026-11-20T12:34:56Z")
+      ->type_name("TIME");
+  app->add_flag("--previous", options.isPrevious,
+                "Print only the last run of each node that has ended")
+      ->excludes(follow);
 }
 
 void Commands::addCheck() {

@@ -39,6 +39,7 @@ class Commands {
   void addCheck();
   void addCheckOutput(CLI::App& app);
   void addGraph();
+  void addLogs();
   void addNames();
   void addHelpers();
 

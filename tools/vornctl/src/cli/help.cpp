@@ -36,6 +36,7 @@ const std::map<std::string, Examples>& examples() {
       {"check",
        {"check launch.yaml", "check --no-host --fail-on warning launch.yaml"}},
       {"graph", {"graph launch.yaml", "graph --format mermaid launch.yaml"}},
+      {"logs", {"logs -f camera", "logs --since 1h --log /var/log/launch.log"}},
       {"ping", {"ping", "ping --quiet --timeout 5s"}},
       {"names", {"names", "names --null --launch-file launch.yaml"}},
       {"completion", {"completion bash", "completion fish"}},

@@ -1,6 +1,8 @@
 #include "context/context.h"
 
 #include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <iostream>
@@ -9,6 +11,7 @@
 #include "context/node_patterns.h"
 #include "live/busy_launcher.h"
 #include "live/orphans.h"
+#include "live/proc_file.h"
 #include "output/output.h"
 
 namespace vorn::launch {
@@ -72,6 +75,21 @@ ExitStatus Context::findLauncher() {
   }
   printError(reply.message);
   return exitStatusOf(reply.outcome);
+}
+
+bool Context::tryLauncherProcess() {
+  const pid_t pid =
+      findListener(client(kStatusReplyLimit).options().socketPath);
+  struct stat status {};
+  if (pid == 0 || ::stat(procFile(pid, "").c_str(), &status) != 0) return false;
+  const bool is_trusted = settings_.trustAnyUser || status.st_uid == 0 ||
+                          status.st_uid == ::geteuid();
+  if (is_trusted) pid_ = pid;
+  return is_trusted;
+}
+
+ExitStatus Context::findLauncherProcess() {
+  return tryLauncherProcess() ? kDone : findLauncher();
 }
 
 StatusReply Context::statusBefore(const ControlOptions& options,

@@ -44,6 +44,15 @@ class Context {
   /// status than kDone.
   ExitStatus findLauncher();
 
+  /// As findLauncher(), but looks for the process that listens on the socket
+  /// and sends a request only if it cannot be found. The launcher may not be
+  /// able to answer.
+  ExitStatus findLauncherProcess();
+
+  /// As findLauncherProcess(), without a request. False without a message if
+  /// there is no such process, or if it belongs to an untrusted user.
+  bool tryLauncherProcess();
+
   /// Sends a status request for `name` before a request that changes something.
   /// If the outcome is UNKNOWN or NOT_SENT, the message contains the reason and
   /// that nothing was changed.

@@ -9,9 +9,10 @@ namespace {
 
 // The commands that send requests to a launcher, and those with node arguments.
 constexpr char kOfLauncher[] =
-    " status start stop restart enable disable wait monitor top ps ping names ";
+    " status start stop restart enable disable wait monitor top ps logs ping "
+    "names ";
 constexpr char kOfNodes[] =
-    " status start stop restart enable disable wait monitor top ps ";
+    " status start stop restart enable disable wait monitor top ps logs ";
 
 /// One meaning of an exit status.
 struct Meaning {
@@ -33,7 +34,8 @@ constexpr Meaning kMeanings[] = {
     {kNoSuchNode, "no such node, or no node matches a pattern", kOfNodes},
     {kNoLauncher, "no launcher is running, or no permission", kOfLauncher},
     {kTimedOut, "given up before the request was sent: it has no effect",
-     " status start stop restart enable disable monitor top ps ping names "},
+     " status start stop restart enable disable monitor top ps logs ping "
+     "names "},
     {kTimedOut, "timed out or interrupted", " wait "},
     {kUnknown, "no reply: a request may still take effect", kOfLauncher},
     {kProtocolError, "the reply is invalid", kOfLauncher},

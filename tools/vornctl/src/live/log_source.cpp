@@ -93,6 +93,12 @@ std::string subjectOf(const LauncherProcess& launcher) {
                            : "launcher " + std::to_string(launcher.pid);
 }
 
+std::string explainClosed(const std::string& who) {
+  return who +
+         " has closed its standard error: there is no log; restart the "
+         "launcher with 2>>FILE or as a service";
+}
+
 /// The sentence for a standard error that is not a log file.
 std::string explainUnreadable(const LauncherProcess& launcher,
                               const struct stat& status,
@@ -119,16 +125,14 @@ std::string explainUnreadable(const LauncherProcess& launcher,
            "the reader of the socket stores it in a file, " +
            kHowToNameLog;
   }
-  return who + " writes its log to " + target + ", which is not a file" +
-         restart;
+  // The descriptor was free for another file.
+  return explainClosed(who);
 }
 
 std::string explainNoAccess(const LauncherProcess& launcher, int number) {
   const std::string who = subjectOf(launcher);
   if (number == ENOENT && processState(launcher.pid).has_value()) {
-    return who +
-           " has closed its standard error: there is no log; restart the "
-           "launcher with 2>>FILE or as a service";
+    return explainClosed(who);
   }
   if (number == ENOENT || number == ESRCH) {
     return who + " has exited; " + kHowToNameLog;

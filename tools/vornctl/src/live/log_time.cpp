@@ -1,6 +1,7 @@
 #include "live/log_time.h"
 
-#include <cstddef>
+#include <cstdio>
+#include <ctime>
 
 namespace vorn::launch {
 namespace {
@@ -55,6 +56,18 @@ std::optional<int64_t> parseLogTime(std::string_view line) {
   const int64_t days = daysSinceEpoch(number(0, 4), month, day);
   const int64_t seconds = ((days * 24 + hour) * 60 + minute) * 60 + second;
   return seconds * 1'000'000 + number(20, 6);
+}
+
+std::string formatLogTime(int64_t time_us) {
+  constexpr int64_t kSecondUs = 1'000'000;
+  const time_t seconds = time_us / kSecondUs;
+  tm utc{};
+  (void)::gmtime_r(&seconds, &utc);
+  char text[64] = {};
+  const size_t length = std::strftime(text, sizeof(text), "%FT%T.", &utc);
+  (void)std::snprintf(text + length, sizeof(text) - length, "%06dZ",
+                      static_cast<int>(time_us % kSecondUs));
+  return text;
 }
 
 }  // namespace vorn::launch
