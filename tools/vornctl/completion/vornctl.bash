@@ -179,6 +179,7 @@ _vornctl() {
       options+=(--format --fail-on --print --ignore --host --no-host --list)
       ;;
     graph) options+=(--format) ;;
+    doctor) options+=(--json) ;;
   esac
   if [[ $current == -* ]] && ! _vornctl_has_dashes "${words[@]}"; then
     _vornctl_offer "$current" "$kept" "${options[@]}"
@@ -187,8 +188,8 @@ _vornctl() {
   case $command in
     "")
       _vornctl_offer "$current" "$kept" status start stop restart enable \
-        disable wait monitor top ps orphans logs ping names check graph completion \
-        help
+        disable wait monitor top ps orphans logs ping names check graph doctor \
+        completion help
       ;;
     check | graph) compopt -o default ;;
     completion) _vornctl_offer "$current" "$kept" bash zsh fish ;;

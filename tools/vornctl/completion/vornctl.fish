@@ -24,7 +24,7 @@ function __vornctl_nodes
 end
 
 function __vornctl_needs_command
-    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top ps orphans logs ping names check graph completion help
+    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top ps orphans logs ping names check graph doctor completion help
 end
 
 complete -c vornctl -f
@@ -44,6 +44,7 @@ complete -c vornctl -n __vornctl_needs_command -a ping -d 'Check that a launcher
 complete -c vornctl -n __vornctl_needs_command -a names -d 'Print the names of the nodes'
 complete -c vornctl -n __vornctl_needs_command -a check -d 'Check launch files for errors'
 complete -c vornctl -n __vornctl_needs_command -a graph -d 'Draw the nodes of a launch file'
+complete -c vornctl -n __vornctl_needs_command -a doctor -d 'Find errors of the installation'
 complete -c vornctl -n __vornctl_needs_command -a completion -d 'Print a script for tab completion'
 complete -c vornctl -n __vornctl_needs_command -a help -d 'Show the help'
 
@@ -59,7 +60,7 @@ complete -c vornctl -s h -l help -d 'Show the help'
 complete -c vornctl -n __vornctl_needs_command -l version -d 'Show the version'
 
 complete -c vornctl -n '__fish_seen_subcommand_from status start stop restart enable disable wait monitor top ps logs' -a '(__vornctl_nodes)' -d Node
-complete -c vornctl -n '__fish_seen_subcommand_from status monitor ps orphans' -l json -d 'Print JSON'
+complete -c vornctl -n '__fish_seen_subcommand_from status monitor ps orphans doctor' -l json -d 'Print JSON'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l plain -d 'Print tabs between columns'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l no-header -d 'Omit the column titles'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l failed -d 'Show only failed nodes'

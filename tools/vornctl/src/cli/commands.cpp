@@ -6,6 +6,7 @@
 #include "cli/help.h"
 #include "cli/options.h"
 #include "commands/completion.h"
+#include "commands/doctor.h"
 #include "commands/names.h"
 #include "commands/ping.h"
 #include "commands/top.h"
@@ -35,6 +36,7 @@ Commands::Commands(CLI::App& app) : app_(app) {
   addLogs();
   addCheck();
   addGraph();
+  addDoctor();
   addCommand("ping", "Check that a launcher answers",
              [](Context& context) { return ping(context); });
   addNames();
@@ -327,6 +329,15 @@ void Commands::addGraph() {
                                   {{"dot", GraphOptions::Format::DOT},
                                    {"mermaid", GraphOptions::Format::MERMAID},
                                    {"svg", GraphOptions::Format::SVG}});
+}
+
+void Commands::addDoctor() {
+  CLI::App* const app = addCommand(
+      "doctor", "Find errors of the installation and of the running launcher",
+      [this](Context& context) {
+        return examineInstallation(context, arguments_.isJson);
+      });
+  app->add_flag("--json", arguments_.isJson, "Print JSON");
 }
 
 void Commands::addNames() {

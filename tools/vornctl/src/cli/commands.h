@@ -38,6 +38,7 @@ class Commands {
   void addOrphans();
   void addCheck();
   void addCheckOutput(CLI::App& app);
+  void addDoctor();
   void addGraph();
   void addLogs();
   void addNames();

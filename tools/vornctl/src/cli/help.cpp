@@ -37,6 +37,7 @@ const std::map<std::string, Examples>& examples() {
        {"check launch.yaml", "check --no-host --fail-on warning launch.yaml"}},
       {"graph", {"graph launch.yaml", "graph --format mermaid launch.yaml"}},
       {"logs", {"logs -f camera", "logs --since 1h --log /var/log/launch.log"}},
+      {"doctor", {"doctor", "doctor --json"}},
       {"ping", {"ping", "ping --quiet --timeout 5s"}},
       {"names", {"names", "names --null --launch-file launch.yaml"}},
       {"completion", {"completion bash", "completion fish"}},

@@ -27,6 +27,7 @@ constexpr Meaning kMeanings[] = {
     {kFailed, "a problem was found", " check "},
     {kFailed, "a node has failed", " status wait "},
     {kFailed, "processes of earlier launchers or runs exist", " orphans "},
+    {kFailed, "an error or a warning was found", " doctor "},
     {kUsage, "wrong usage, or the nodes or a file cannot be read", ""},
     {kNotRunning, "a named node is not running", " status "},
     {kNotRunning, "a named node has no process", " ps "},

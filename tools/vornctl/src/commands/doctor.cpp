@@ -1,0 +1,274 @@
+#include "commands/doctor.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <ctime>
+#include <map>
+#include <optional>
+
+#include "live/busy_launcher.h"
+#include "live/health.h"
+#include "live/launcher_health.h"
+#include "live/log_health.h"
+#include "live/proc_file.h"
+#include "live/socket_health.h"
+#include "live/tmp_cleaning.h"
+#include "output/json.h"
+#include "output/output.h"
+#include "output/table.h"
+
+namespace vorn::launch {
+namespace {
+
+using std::chrono::milliseconds;
+
+// Grows when a member changes its meaning or is removed, not when one is added.
+constexpr int kDoctorSchema = 1;
+constexpr milliseconds kAnswerLimit = std::chrono::seconds(5);
+constexpr int64_t kDaySeconds = 24 * 60 * 60;
+
+/// The installation, as one run of this command finds it.
+class Installation {
+ public:
+  explicit Installation(const Context& context) : context_(context) {
+    ask();
+    const pid_t pid = findLauncherProcess();
+    launchers_ = launchersNextTo(pid, processes_);
+    if (pid == 0) return;
+    const std::string& launch_file = context_.settings().launchFile;
+    auto launcher = inspectLauncher(pid, launch_file, file_error_);
+    launcher_ = launcher ? *launcher : identifyLauncher(pid, launch_file);
+    activity_ = measureActivity(pid);
+  }
+
+  /// The pid of the launcher; 0: there is none, or it is not visible.
+  pid_t pid() const { return launcher_.pid; }
+
+  Finding launchers() const {
+    return launchersFinding(launchers_, launcher_.pid);
+  }
+
+  Finding socket() const {
+    SocketFacts facts = examineSocket(socket_path_);
+    facts.hasListener = reply_.outcome != Outcome::NO_LAUNCHER ||
+                        ::access(socket_path_.c_str(), W_OK) != 0;
+    facts.launcher = launcher_.pid;
+    struct stat status {};
+    if (::stat(procFile(launcher_.pid, "").c_str(), &status) == 0) {
+      facts.launcherUid = status.st_uid;
+    }
+    return socketFinding(facts);
+  }
+
+  Finding answer() const {
+    return answerFinding(reply_.outcome, reply_.message, launcher_.pid);
+  }
+
+  Finding activity() const {
+    if (!activity_) return withoutLauncher();
+    ActivityFacts facts = *activity_;
+    facts.hasAnswered = hasAnswered();
+    return activityFinding(facts);
+  }
+
+  Finding tools() const {
+    if (launcher_.pid == 0) return withoutLauncher();
+    const auto facts = examineTools(launcher_);
+    return facts ? toolsFinding(*facts) : withoutPermission("environment");
+  }
+
+  Finding pids() const {
+    if (launcher_.pid == 0) return withoutLauncher();
+    const auto facts = examinePids(launcher_, processes_);
+    return facts ? pidsFinding(*facts) : withoutPermission("children");
+  }
+
+  Finding log() const {
+    if (launcher_.pid == 0) return withoutLauncher();
+    return logFinding(examineLog(launcher_.pid, processes_));
+  }
+
+  Finding journal() const {
+    if (launcher_.pid == 0) return withoutLauncher();
+    const LogFacts facts = examineLog(launcher_.pid, processes_);
+    if (facts.kind == LogFacts::Kind::NO_PERMISSION) return logFinding(facts);
+    if (facts.kind != LogFacts::Kind::JOURNAL) {
+      return okFinding("the log is not in the journal");
+    }
+    const int64_t since = std::time(nullptr) - kDaySeconds;
+    return journalFinding(readJournalLimit(),
+                          readSuppression(since * 1'000'000));
+  }
+
+  Finding tmpCleaning() const {
+    if (launcher_.pid != 0 && launcher_.root != "") {
+      return okFinding("the launcher has a root directory of its own");
+    }
+    return tmpCleaningFinding(readTmpfiles());
+  }
+
+  Finding launchFile() const {
+    if (launcher_.pid == 0) return withoutLauncher();
+    return launchFileFinding(launcher_, file_error_, ::geteuid() == 0);
+  }
+
+ private:
+  bool hasAnswered() const {
+    return reply_.outcome == Outcome::DONE ||
+           reply_.outcome == Outcome::NOT_FOUND;
+  }
+
+  void ask() {
+    const Settings& settings = context_.settings();
+    const milliseconds limit = settings.connectLimit.value_or(
+        settings.replyLimit.value_or(kAnswerLimit));
+    ControlOptions options = context_.client(limit).options();
+    options.connectLimit = limit;
+    options.replyLimit = limit;
+    options.totalLimit = limit;
+    socket_path_ = options.socketPath;
+    // The status itself is not needed, so the name may be that of no node.
+    reply_ = context_.statusBefore(options, "");
+    processes_ = ProcessTable::read();
+  }
+
+  /// The launcher that has answered or listens on the socket, or else the
+  /// only one; 0 if it is not known.
+  pid_t findLauncherProcess() const {
+    if (reply_.launcherPid != 0) return reply_.launcherPid;
+    const pid_t listener = findListener(socket_path_);
+    if (listener != 0) return listener;
+    const auto launchers = launchersNextTo(0, processes_);
+    return launchers.size() == 1 ? launchers.front() : 0;
+  }
+
+  static Finding withoutLauncher() {
+    return unknownFinding("there is no launcher to examine");
+  }
+
+  static Finding withoutPermission(const std::string& subject) {
+    return unknownFinding("cannot examine the launcher's " + subject,
+                          kRunAsRoot);
+  }
+
+  const Context& context_;
+  std::string socket_path_;
+  ControlReply reply_;
+  ProcessTable processes_{{}};
+  std::vector<pid_t> launchers_;
+  LauncherProcess launcher_;  // pid 0: none, or it is not visible
+  std::string file_error_;    // why its launch file cannot be read
+  std::optional<ActivityFacts> activity_;
+};
+
+struct Examination {
+  const char* name;
+  Finding (Installation::*examine)() const;
+};
+
+constexpr Examination kExaminations[] = {
+    {"launcher", &Installation::launchers},
+    {"socket", &Installation::socket},
+    {"answer", &Installation::answer},
+    {"activity", &Installation::activity},
+    {"launch-file", &Installation::launchFile},
+    {"log", &Installation::log},
+    {"journal", &Installation::journal},
+    {"tools", &Installation::tools},
+    {"pids", &Installation::pids},
+    {"tmp-cleaning", &Installation::tmpCleaning},
+};
+
+struct NamedFinding {
+  std::string name;
+  Finding finding;
+};
+
+Colour colourOf(Verdict verdict) {
+  switch (verdict) {
+    case Verdict::ERROR:
+      return Colour::RED;
+    case Verdict::WARNING:
+      return Colour::YELLOW;
+    case Verdict::UNKNOWN:
+      return Colour::FAINT;
+    case Verdict::OK:
+      break;
+  }
+  return Colour::NONE;
+}
+
+bool isProblem(const NamedFinding& named) {
+  return named.finding.verdict == Verdict::ERROR ||
+         named.finding.verdict == Verdict::WARNING;
+}
+
+/// "1 error, 2 warnings, 1 unknown, 6 ok".
+std::string summaryOf(const std::vector<NamedFinding>& findings) {
+  std::map<Verdict, size_t> counts;
+  for (const NamedFinding& each : findings) ++counts[each.finding.verdict];
+  std::string text;
+  for (const auto& [verdict, count] : counts) {
+    const bool is_counted =
+        verdict == Verdict::ERROR || verdict == Verdict::WARNING;
+    text += (text.empty() ? "" : ", ") + std::to_string(count) + ' ' +
+            wordFor(verdict) + (is_counted && count > 1 ? "s" : "");
+  }
+  return text;
+}
+
+void printFindings(const std::vector<NamedFinding>& findings,
+                   const Settings& settings) {
+  Table table;
+  for (const NamedFinding& each : findings) {
+    if (settings.isQuiet && !isProblem(each)) continue;
+    const Finding& finding = each.finding;
+    std::string text = finding.text;
+    if (!finding.remedy.empty()) text += "; " + finding.remedy;
+    table.rows.push_back(
+        {{terminalText(wordFor(finding.verdict)), colourOf(finding.verdict)},
+         {terminalText(each.name)},
+         {terminalText(text)}});
+  }
+  Output out = standardOutput();
+  printAligned(out, table, settings.hasColours);
+  if (!settings.isQuiet) out << terminalText(summaryOf(findings)) << "\n";
+}
+
+void printFindingsAsJson(const std::vector<NamedFinding>& findings,
+                         pid_t launcher) {
+  Json checks = Json::array();
+  for (const auto& [name, finding] : findings) {
+    checks.push_back({{"check", name},
+                      {"verdict", wordFor(finding.verdict)},
+                      {"finding", finding.text},
+                      {"remedy", finding.remedy}});
+  }
+  standardOutput() << jsonText({{"schema", kDoctorSchema},
+                                {"launcherPid", orNull(launcher)},
+                                {"checks", checks}});
+}
+
+}  // namespace
+
+ExitStatus examineInstallation(Context& context, bool is_json) {
+  const Installation installation(context);
+  std::vector<NamedFinding> findings;
+  for (const Examination& each : kExaminations) {
+    findings.push_back({each.name, (installation.*each.examine)()});
+  }
+  context.clearActivity();
+  if (is_json) {
+    printFindingsAsJson(findings, installation.pid());
+  } else {
+    printFindings(findings, context.settings());
+  }
+  return std::any_of(findings.begin(), findings.end(), isProblem) ? kFailed
+                                                                  : kDone;
+}
+
+}  // namespace vorn::launch
