@@ -16,7 +16,6 @@ namespace {
 using Kind = LogLocation::Kind;
 
 constexpr size_t kFollowedLines = 10;  // that are printed first, as by tail(1)
-constexpr int64_t kAfterExitUs = 1'000'000;  // the launcher's lines about it
 
 struct SelectedNode {
   std::string name;  // as the log writes it
@@ -41,7 +40,8 @@ class Logs {
         options_(options),
         log_(target.log),
         is_journal_(log_.kind == Kind::JOURNAL),
-        writers_(is_journal_ && log_.path.empty()) {
+        writers_(is_journal_ && log_.path.empty()),
+        since_us_(options.sinceUs) {
     for (const std::string& name : target.names) {
       if (options.nodes.empty()) break;
       const auto* const node = target.launcher.file.find(name);
@@ -90,7 +90,7 @@ class Logs {
       writers_.learn(record);
       return true;
     };
-    const bool is_read = readLog(launchers, options_.sinceUs, reader, error);
+    const bool is_read = readLog(launchers, since_us_, reader, error);
     writers_.finishLearning();
     return is_read;
   }
@@ -105,8 +105,18 @@ class Logs {
         return false;
       }
       node.beginUs = run->startUs;
-      node.endUs = run->endUs + kAfterExitUs;
+      node.endUs = run->reportEndUs;
     }
+    const auto begins = [](const SelectedNode& one, const SelectedNode& other) {
+      return one.beginUs < other.beginUs;
+    };
+    const auto ends = [](const SelectedNode& one, const SelectedNode& other) {
+      return one.endUs < other.endUs;
+    };
+    since_us_ = std::max(
+        since_us_,
+        std::min_element(nodes_.begin(), nodes_.end(), begins)->beginUs);
+    end_us_ = std::max_element(nodes_.begin(), nodes_.end(), ends)->endUs;
     return true;
   }
 
@@ -123,19 +133,18 @@ class Logs {
     const LogReader reader = [this](const LogRecord& record) {
       const Line line = lineOf(record);
       if (isShown(line)) printLine(line);
-      return true;
+      return line.timeUs <= end_us_;
     };
     std::optional<size_t> count = options_.count;
-    if (options_.isFollowed && !count && options_.sinceUs == 0 &&
+    if (options_.isFollowed && !count && since_us_ == 0 &&
         log_.kind != Kind::STANDARD_INPUT) {
       count = kFollowedLines;
     }
-    if (!count) return readLog(log_, options_.sinceUs, reader, error, end);
+    if (!count) return readLog(log_, since_us_, reader, error, end);
     const auto matches = [this](const LogRecord& record) {
       return isShown(lineOf(record));
     };
-    return readLogEnd(log_, *count, options_.sinceUs, matches, reader, error,
-                      end);
+    return readLogEnd(log_, *count, since_us_, matches, reader, error, end);
   }
 
   Line lineOf(const LogRecord& record) {
@@ -222,6 +231,9 @@ class Logs {
   bool is_journal_;
   LineWriters writers_;
   std::vector<SelectedNode> nodes_;  // empty: all
+  // The part of the log that is read.
+  int64_t since_us_;
+  int64_t end_us_ = INT64_MAX;
   std::deque<HeldLine> held_;
 };
 

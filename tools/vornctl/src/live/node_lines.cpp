@@ -1,5 +1,7 @@
 #include "live/node_lines.h"
 
+#include <algorithm>
+
 #include "live/launcher_process.h"
 #include "live/process_table.h"
 
@@ -10,6 +12,8 @@ namespace {
 // process's start is not that of the journal.
 constexpr int64_t kJournalDelayUs = 5'000'000;
 constexpr int64_t kClockToleranceUs = 1'000'000;
+// The time that the launcher takes at most to report an exit.
+constexpr int64_t kReportUs = 1'000'000;
 
 bool hasPrefix(std::string_view text, const std::string& prefix) {
   return text.substr(0, prefix.size()) == prefix;
@@ -36,15 +40,25 @@ bool isAboutNode(std::string_view text, const std::string& name,
 }
 
 LineWriters::LineWriters(bool sees_processes)
-    : sees_processes_(sees_processes), history_([this](const auto& event) {
-        if (event.kind != HistoryEvent::Kind::EXITED) return;
-        const int64_t start = event.runUs < 0 ? 0 : event.timeUs - event.runUs;
-        const Run run{event.node, start, event.timeUs};
-        runs_.emplace(event.pid, run);
-        last_runs_[event.node] = run;
-        processes_
-            .clear();  // the pid can belong to another process from now on
-      }) {}
+    : sees_processes_(sees_processes),
+      history_([this](const HistoryEvent& event) { add(event); }) {}
+
+void LineWriters::add(const HistoryEvent& event) {
+  if (event.kind == HistoryEvent::Kind::STARTED) {
+    const auto last = last_runs_.find(event.node);
+    if (last == last_runs_.end()) return;
+    Run& run = last->second;
+    run.reportEndUs =
+        std::max(run.endUs, std::min(run.reportEndUs, event.timeUs - 1));
+  } else if (event.kind == HistoryEvent::Kind::EXITED) {
+    const int64_t start = event.runUs < 0 ? 0 : event.timeUs - event.runUs;
+    const Run run{event.node, start, event.timeUs, event.timeUs + kReportUs};
+    runs_.emplace(event.pid, run);
+    last_runs_[event.node] = run;
+    // The pid can belong to another process from now on.
+    processes_.erase(event.pid);
+  }
+}
 
 void LineWriters::learn(const LogRecord& record) {
   history_.add(record.timeUs, record.pid, record.text);

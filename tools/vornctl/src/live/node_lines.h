@@ -34,6 +34,8 @@ class LineWriters {
     std::string node;     // as the log writes it
     int64_t startUs = 0;  // 0 if unknown
     int64_t endUs = 0;
+    // The end of the launcher's lines about its exit.
+    int64_t reportEndUs = 0;
   };
 
   /// `sees_processes`: the pids in the log are those of this machine.
@@ -64,6 +66,7 @@ class LineWriters {
     int64_t startUs = 0;
   };
 
+  void add(const HistoryEvent& event);
   std::string endedNodeOf(const LogRecord& record) const;
   std::string runningNodeOf(const LogRecord& record);
 
