@@ -250,8 +250,8 @@ def nodes_of(machine):
     return eventually(settled, "nothing else runs")[0]
 
 
-def found_as_documented(machine):
-    """The pids of the nodes, found by their environment as in docs/operations.md."""
+def found_by_environment(machine):
+    """The pids of the nodes, found by their environment."""
     files = machine.run(
         "sh", "-c", "grep -lz '^__VORN_NODE_NAME__=' /proc/[0-9]*/environ 2>/dev/null",
         check=False,
@@ -286,7 +286,7 @@ def holders(machine):
 def assert_the_next_one_takes_over(machine):
     """Starts another launcher and checks everything that it does."""
     left = nodes_of(machine)
-    assert found_as_documented(machine) == set(left)
+    assert found_by_environment(machine) == set(left)
 
     machine.start_again()
     pids = {name: machine.wait_for_state(name, State.RUNNING).pid for name in STARTED}
@@ -295,7 +295,7 @@ def assert_the_next_one_takes_over(machine):
     pids["third"] = machine.status("third").pid
     assert not set(pids.values()) & set(left)
     assert set(nodes_of(machine)) == set(left) | set(pids.values())
-    assert found_as_documented(machine) == set(left) | set(pids.values())
+    assert found_by_environment(machine) == set(left) | set(pids.values())
 
     machine.find_process(pids["second"]).signal(signal.SIGKILL)
     machine.wait_for_state("second", State.RESTARTING)

@@ -193,7 +193,7 @@ def test_the_help_of_status_describes_each_column(help_of):
     block = help_of("status").split("Columns:\n")[1].split("\n\n")[0]
     assert re.findall(r"^  (\w+) +\w.*$", block, re.M) == [
         "node", "state", "pid", "uptime", "started", "policy", "required", "executable",
-        "restarts", "last_exit"]
+        "restarts", "last_exit", "cpu", "memory", "stale"]
 
 
 def test_each_command_has_two_examples_that_can_be_typed(help_of, machine):

@@ -122,6 +122,7 @@ def test_json_contains_the_launcher_and_every_node(robot):
     camera = robot.status("camera")
     [node] = document["nodes"]
     assert 0 <= node.pop("uptimeSeconds") <= time.time() - camera.start_seconds + 1
+    assert node.pop("cpuPercent") >= 0 and node.pop("memoryBytes") > 0
     assert document == {
         "schema": 1,
         "launcher": {"pid": robot.pid, "startSeconds": pytest.approx(start_of(robot), abs=1),
@@ -132,6 +133,7 @@ def test_json_contains_the_launcher_and_every_node(robot):
             "pid": camera.pid, "startSeconds": camera.start_seconds,
             "restartInSeconds": None,
             "failed": False, "crashLoop": False, "restarts": 0, "lastExit": None,
+            "stale": False,
             "policy": {"oneshot": False, "autostart": True, "disabled": False},
             "required": ["lidar"], "executable": "/tmp/bin/stay"}],
     }
@@ -769,9 +771,10 @@ def test_an_invalid_command_line_is_explained(
 def test_options_may_precede_the_command(robot, before):
     def status(*arguments):
         done = robot.vornctl(*arguments)
-        # The uptime can grow between the two calls.
-        text, uptimes = re.subn(r'("uptimeSeconds": )\d+', r"\1N", done.stdout)
-        assert uptimes == (0 if "-q" in arguments else 1)
+        # These values can change between the two calls.
+        text, values = re.subn(
+            r'("(uptimeSeconds|cpuPercent|memoryBytes)": )[\d.e-]+', r"\1N", done.stdout)
+        assert values == (0 if "-q" in arguments else 3)
         return done.returncode, text
 
     assert status(*before, "status", "lidar") == status("status", *before, "lidar")

@@ -111,7 +111,8 @@ _vornctl_offer_value() {
       ;;
     --timeout | --connect-timeout | --for | --ignore | -n | --lines | --reason | --since) ;;
     -o | --columns)
-      local columns=(node state pid uptime started policy required executable)
+      local columns=(node state pid uptime started policy required executable
+        restarts last_exit cpu memory stale wide)
       local before=${current%"${current##*,}"}
       _vornctl_offer "$current" "$kept" "${columns[@]/#/"$before"}"
       compopt -o nospace

@@ -64,7 +64,7 @@ complete -c vornctl -n '__fish_seen_subcommand_from status monitor ps orphans do
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l plain -d 'Print tabs between columns'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l no-header -d 'Omit the column titles'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l failed -d 'Show only failed nodes'
-complete -c vornctl -n '__fish_seen_subcommand_from status' -s o -l columns -x -a '(__fish_append , node state pid uptime started policy required executable restarts last_exit)' -d Columns
+complete -c vornctl -n '__fish_seen_subcommand_from status' -s o -l columns -x -a '(__fish_append , node state pid uptime started policy required executable restarts last_exit cpu memory stale wide)' -d Columns
 complete -c vornctl -n '__fish_seen_subcommand_from start stop restart enable disable' -l all -d 'All nodes'
 complete -c vornctl -n '__fish_seen_subcommand_from start stop restart enable disable' -l reason -x -d 'The reason, for the record'
 complete -c vornctl -n '__fish_seen_subcommand_from ps' -l ports -d 'Also show listening sockets'

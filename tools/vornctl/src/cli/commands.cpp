@@ -19,6 +19,7 @@ namespace {
 std::vector<std::string> columnNames() {
   std::vector<std::string> names;
   for (const Column& column : statusColumns()) names.push_back(column.name);
+  names.emplace_back(kAllColumns);
   return names;
 }
 
@@ -101,6 +102,7 @@ void Commands::addStatus() {
       addCommand("status", "Show node status", [this](Context& context) {
         arguments_.status.nodes = arguments_.nodes;
         arguments_.status.isJson = arguments_.isJson;
+        arguments_.status.columns = expandColumns(arguments_.status.columns);
         return showStatus(context, arguments_.status);
       });
   StatusOptions& options = arguments_.status;
@@ -116,7 +118,8 @@ void Commands::addStatus() {
                 "Show only failed nodes: restarting, in a crash loop, failed "
                 "oneshots, or not startable");
   app->add_option("-o,--columns", options.columns,
-                  "Columns to show, separated by commas; see below")
+                  "Columns to show, separated by commas, or wide for all; see "
+                  "below")
       ->delimiter(',')
       ->allow_extra_args(false)  // the next argument is a node
       ->check(CLI::IsMember(columnNames()).description(""))

@@ -10,6 +10,7 @@
 #include "live/log_source.h"
 #include "live/node_cells.h"
 #include "live/node_history.h"
+#include "live/node_usage.h"
 #include "output/json.h"
 #include "output/output.h"
 #include "output/text.h"
@@ -42,6 +43,9 @@ Json jsonOf(const NodeView& view, const LaunchFile::Node* node) {
       {"crashLoop", view.isCrashLoop},
       {"restarts", view.restarts < 0 ? Json() : Json(view.restarts)},
       {"lastExit", view.lastExit ? jsonOf(*view.lastExit) : Json()},
+      {"cpuPercent", orNull(view.cpuPercent)},
+      {"memoryBytes", orNull(view.memoryBytes)},
+      {"stale", orNull(view.isStale)},
   };
   if (node != nullptr) {
     json["policy"] = {{"oneshot", node->oneshot.value},
@@ -92,6 +96,19 @@ void addFromLog(const Context& context, const StatusOptions& options,
     addHistory(histories, now_us, views);
   }
   if (!is_read && is_asked) context.printError(error);
+}
+
+/// Adds the facts that /proc shows about the nodes, if the output has them.
+void addFromProc(const StatusOptions& options, const LauncherProcess& launcher,
+                 std::vector<NodeView>& views) {
+  const auto& columns = options.columns;
+  const bool has_usage =
+      options.isJson || contains(columns, "cpu") || contains(columns, "memory");
+  const bool has_staleness = options.isJson || contains(columns, "stale");
+  if (!has_usage && !has_staleness) return;
+  const ProcessTable table = ProcessTable::read();
+  if (has_usage) addUsage(table, launcher, views);
+  if (has_staleness) addStaleness(table, launcher, views);
 }
 
 std::vector<std::string> columnsFor(const StatusOptions& options) {
@@ -179,6 +196,7 @@ ExitStatus showStatus(Context& context, const StatusOptions& options) {
   }
   context.warnAboutOrphans();
   if (context.settings().isQuiet) return result;
+  addFromProc(options, launcher, views);
   if (options.isJson) {
     printJson(launcher, views);
   } else {

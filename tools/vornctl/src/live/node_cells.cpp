@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "live/exit_text.h"
+#include "output/quantity.h"
 
 namespace vorn::launch {
 namespace {
@@ -44,6 +45,11 @@ Cell lastExitCell(const NodeView& view) {
   return {text, view.lastExit->isFailure() ? Colour::RED : Colour::NONE};
 }
 
+Cell staleCell(const NodeView& view) {
+  if (!view.isStale) return {"-"};
+  return *view.isStale ? Cell{"yes", Colour::YELLOW} : Cell{"no"};
+}
+
 }  // namespace
 
 const std::vector<Column>& statusColumns() {
@@ -59,8 +65,25 @@ const std::vector<Column>& statusColumns() {
       {"restarts", "restarts after exits by itself, in the last hour"},
       {"last_exit",
        "exit status or signal of the last exit in the last hour; if the node "
-       "does not run, of its last exit"}};
+       "does not run, of its last exit"},
+      {"cpu", "average share of one processor since the start, in percent"},
+      {"memory", "resident memory of the process and its descendants"},
+      {"stale", "whether the program was replaced or removed since the start"}};
   return columns;
+}
+
+std::vector<std::string> expandColumns(const std::vector<std::string>& names) {
+  std::vector<std::string> expanded;
+  for (const std::string& name : names) {
+    if (name != kAllColumns) {
+      expanded.push_back(name);
+      continue;
+    }
+    for (const Column& column : statusColumns()) {
+      expanded.push_back(column.name);
+    }
+  }
+  return expanded;
 }
 
 Cell cellFor(const NodeView& view, const std::string& column) {
@@ -87,6 +110,15 @@ Cell cellFor(const NodeView& view, const std::string& column) {
     return {view.restarts, view.isCrashLoop ? Colour::RED : Colour::NONE};
   }
   if (column == "last_exit") return lastExitCell(view);
+  if (column == "cpu") {
+    return {view.cpuPercent ? terminalText(formatPercent(*view.cpuPercent))
+                            : "-"};
+  }
+  if (column == "memory") {
+    return {view.memoryBytes ? terminalText(formatBytes(*view.memoryBytes))
+                             : "-"};
+  }
+  if (column == "stale") return staleCell(view);
   return {orDash(view.executable)};
 }
 
@@ -102,6 +134,9 @@ Cell plainCellFor(const NodeView& view, const std::string& column) {
       if (letter == ' ') letter = '-';
     }
     return {terminalText(word)};
+  }
+  if (column == "memory") {
+    return {view.memoryBytes ? OutputText(*view.memoryBytes) : "-"};
   }
   return {cellFor(view, column).text};
 }

@@ -8,6 +8,9 @@
 
 namespace vorn::launch {
 
+/// The name for all columns.
+inline constexpr char kAllColumns[] = "wide";
+
 /// A column of a table of nodes.
 struct Column {
   std::string name;
@@ -16,6 +19,9 @@ struct Column {
 
 /// All columns, those that are shown by default first.
 const std::vector<Column>& statusColumns();
+
+/// Replaces the name "wide" by the names of all columns.
+std::vector<std::string> expandColumns(const std::vector<std::string>& names);
 
 /// The cell of a column for users.
 Cell cellFor(const NodeView& view, const std::string& column);

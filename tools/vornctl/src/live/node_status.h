@@ -44,6 +44,11 @@ struct NodeView {
   bool isCrashLoop = false;
   bool isForkFailed = false;  // the reason why it is stopped
   std::optional<HistoryEvent> lastExit;
+  // From /proc, see node_usage; nothing if unknown or without a process.
+  uint64_t cpuTicks = 0;
+  std::optional<double> cpuPercent;  // of one processor
+  std::optional<int64_t> memoryBytes;
+  std::optional<bool> isStale;
 };
 
 /// Whether a node is not as it should be: it has exited by itself or could not

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 #include <nlohmann/json.hpp>
 
 namespace vorn::launch {
@@ -10,6 +12,12 @@ using Json = nlohmann::ordered_json;
 template <typename Number>
 Json orNull(Number number) {
   return number == 0 ? Json() : Json(number);
+}
+
+/// The value, or null if there is none.
+template <typename Value>
+Json orNull(const std::optional<Value>& value) {
+  return value ? Json(*value) : Json();
 }
 
 }  // namespace vorn::launch

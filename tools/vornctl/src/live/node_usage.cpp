@@ -1,0 +1,106 @@
+#include "live/node_usage.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "descriptor.h"
+#include "live/launcher_file.h"
+#include "live/node_processes.h"
+#include "live/proc_file.h"
+
+namespace vorn::launch {
+namespace {
+
+/// The process of each node that has one.
+std::map<std::string, const Process*> processOfEachNode(
+    const ProcessTable& table, const LauncherProcess& launcher,
+    const std::vector<NodeView>& views) {
+  std::map<std::string, const Process*> processes;
+  if (launcher.pid == 0) return processes;
+  if (sharesPids(launcher)) {
+    for (const NodeView& view : views) {
+      const Process* const process = table.find(view.pid);
+      if (process != nullptr) processes[view.name] = process;
+    }
+    return processes;
+  }
+  // The pids in the replies are those of the launcher's own pid namespace.
+  size_t unreadable = 0;
+  for (const auto& [name, tree] :
+       processesOfNodes(table, launcher.pid, unreadable)) {
+    processes[name] = tree.front().process;
+  }
+  return processes;
+}
+
+/// Whether the program of a process was replaced; nothing if unknown.
+std::optional<bool> isStale(const LauncherProcess& launcher,
+                            const std::string& program,
+                            const Process& process) {
+  const std::string link = procFile(process.pid, "exe");
+  struct stat executed {};
+  if (program.empty() || !launcher.root ||
+      ::stat(link.c_str(), &executed) != 0) {
+    return std::nullopt;
+  }
+  const Descriptor file(
+      openAsLauncher(launcher.pid, *launcher.root, program, O_PATH));
+  struct stat named {};
+  if (file.number() >= 0 && ::fstat(file.number(), &named) == 0) {
+    return isReplaced(executed, &named, startOf(process));
+  }
+  if (errno != ENOENT && errno != ENOTDIR) return std::nullopt;
+  return isReplaced(executed, nullptr, startOf(process));
+}
+
+}  // namespace
+
+void addUsage(const ProcessTable& table, const LauncherProcess& launcher,
+              std::vector<NodeView>& views) {
+  const auto processes = processOfEachNode(table, launcher, views);
+  for (NodeView& view : views) {
+    const auto found = processes.find(view.name);
+    if (found == processes.end()) continue;
+    uint64_t ticks = 0;
+    int64_t bytes = 0;
+    for (const auto& [process, depth] : table.treeOf(*found->second)) {
+      ticks += process->cpuTicks;
+      bytes += process->residentBytes;
+    }
+    view.cpuTicks = ticks;
+    view.cpuPercent = cpuPercent(ticks, ageOf(*found->second));
+    view.memoryBytes = bytes;
+  }
+}
+
+void addStaleness(const ProcessTable& table, const LauncherProcess& launcher,
+                  std::vector<NodeView>& views) {
+  const auto processes = processOfEachNode(table, launcher, views);
+  for (NodeView& view : views) {
+    const auto found = processes.find(view.name);
+    if (found == processes.end()) continue;
+    view.isStale = isStale(launcher, view.executable, *found->second);
+  }
+}
+
+bool isReplaced(const struct stat& executed, const struct stat* named,
+                double start) {
+  if (executed.st_nlink == 0 || named == nullptr) return true;
+  if (executed.st_dev == named->st_dev && executed.st_ino == named->st_ino) {
+    return false;
+  }
+  // Unlike the time of the last modification, which package managers set, this
+  // is the time when the file was put there.
+  const double changed = static_cast<double>(named->st_ctim.tv_sec) +
+                         static_cast<double>(named->st_ctim.tv_nsec) / 1e9;
+  // The kernel rounds the start down to its own ticks, 10 ms.
+  constexpr double kTolerance = 0.05;
+  return changed > start + kTolerance;
+}
+
+}  // namespace vorn::launch
