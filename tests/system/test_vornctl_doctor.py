@@ -17,7 +17,7 @@ needs_root = pytest.mark.skipif(
     os.geteuid() != 0, reason="no right to become another user")
 SOCKET = "/tmp/vornlaunch/vornlaunch.sock"
 CHECKS = ["launcher", "socket", "answer", "activity", "launch-file", "log", "journal",
-          "tools", "pids", "tmp-cleaning"]
+          "tools", "pids", "nodes", "orphans", "tmp-cleaning"]
 
 
 def launch_file(machine):
@@ -86,7 +86,8 @@ def test_doctor_needs_no_launcher(machine):
 def test_without_permission_a_check_is_unknown(robot):
     robot.tmp.chmod(0o1777)
     assert problems(robot, wrapper=AS_NOBODY) == {
-        "log": "unknown", "journal": "unknown", "tools": "unknown"}
+        "log": "unknown", "journal": "unknown", "tools": "unknown", "nodes": "unknown",
+        "orphans": "unknown"}
 
 
 # -- The launcher.
@@ -174,6 +175,30 @@ def test_a_zombie_with_the_digits_of_a_node_is_found(robot):
         finding["finding"])
 
 
+# -- The nodes.
+
+
+def test_a_crash_loop_is_found_in_the_log(machine):
+    machine.start({"vornnode": {"crasher": {"path": machine.script("c", "exit 3")}}})
+    machine.wait_for_log("'crasher' exited with status: 3.", count=3)
+    finding = examined(machine)["nodes"]
+    assert finding["verdict"] == "error"
+    assert finding["finding"].startswith("crasher is in a crash loop")
+
+
+def test_a_missing_executable_is_found(machine):
+    machine.start({"vornnode": {"camera": {"path": "/tmp/none"}}})
+    assert examined(machine)["nodes"]["finding"] == (
+        "camera is disabled because its executable /tmp/none is missing")
+
+
+def test_processes_of_an_earlier_launcher_are_found(robot):
+    robot.signal(signal.SIGKILL)
+    robot.wait()
+    robot.start_again()
+    assert problems(robot) == {"orphans": "warning"}
+
+
 # -- The socket.
 
 
@@ -225,7 +250,7 @@ def piped(machine):
 
 def test_a_suspended_reader_of_the_log_is_found(machine):
     reader = piped(machine)
-    assert problems(machine) == {}
+    assert problems(machine, "--log", "/tmp/log") == {}
     reader.signal(signal.SIGSTOP)
     eventually(lambda: machine.find_process(reader.pid).state == "T", "it is suspended")
     finding = examined(machine)["log"]

@@ -14,6 +14,10 @@
 #include "live/health.h"
 #include "live/launcher_health.h"
 #include "live/log_health.h"
+#include "live/log_source.h"
+#include "live/node_health.h"
+#include "live/node_history.h"
+#include "live/orphans.h"
 #include "live/proc_file.h"
 #include "live/socket_health.h"
 #include "live/tmp_cleaning.h"
@@ -104,6 +108,31 @@ class Installation {
                           readSuppression(since * 1'000'000));
   }
 
+  Finding nodes() const {
+    if (!hasAnswered()) return withoutLauncher();
+    if (!file_error_.empty()) {
+      return unknownFinding(
+          "the names of the nodes are unknown, because the "
+          "launch file cannot be read");
+    }
+    ControlClient client = context_.client(kAnswerLimit, "asking the launcher");
+    std::vector<NodeView> views;
+    for (const LaunchFile::Node& node : launcher_.file.nodes) {
+      const StatusReply reply = client.status(node.name.value);
+      if (!reply.isDone() && reply.outcome != Outcome::NOT_FOUND) {
+        return unknownFinding(node.name.value + ": " + reply.message);
+      }
+      views.push_back(
+          viewOf(launcher_, node.name.value, reply, std::time(nullptr)));
+    }
+    const std::string error = addHistories(views);
+    return nodesFinding(views, error);
+  }
+
+  Finding orphans() const {
+    return orphansFinding(findOrphans(processes_, launcher_.pid));
+  }
+
   Finding tmpCleaning() const {
     if (launcher_.pid != 0 && launcher_.root != "") {
       return okFinding("the launcher has a root directory of its own");
@@ -146,6 +175,19 @@ class Installation {
     return launchers.size() == 1 ? launchers.front() : 0;
   }
 
+  /// Adds what the log says about the nodes; returns the reason if it cannot be
+  /// read.
+  std::string addHistories(std::vector<NodeView>& views) const {
+    std::string error;
+    NodeHistories histories;
+    const int64_t now_us = std::time(nullptr) * 1'000'000;
+    const auto log = findLog(launcher_, context_.settings().logFile, error);
+    if (log && readRecent(launcher_, *log, now_us, views, histories, error)) {
+      addHistory(histories, now_us, views);
+    }
+    return error;
+  }
+
   static Finding withoutLauncher() {
     return unknownFinding("there is no launcher to examine");
   }
@@ -180,6 +222,8 @@ constexpr Examination kExaminations[] = {
     {"journal", &Installation::journal},
     {"tools", &Installation::tools},
     {"pids", &Installation::pids},
+    {"nodes", &Installation::nodes},
+    {"orphans", &Installation::orphans},
     {"tmp-cleaning", &Installation::tmpCleaning},
 };
 
