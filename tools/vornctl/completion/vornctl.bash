@@ -174,6 +174,7 @@ _vornctl() {
     monitor) options+=(--json) ;;
     ps) options+=(--ports --json) ;;
     orphans) options+=(--json --kill --yes) ;;
+    history) options+=(--json --lines --since) ;;
     logs) options+=(--follow --lines --since --previous) ;;
     names) options+=(--null) ;;
     check)
@@ -191,10 +192,12 @@ _vornctl() {
       _vornctl_offer "$current" "$kept" status start stop restart enable \
         disable wait monitor top ps orphans logs ping names check graph doctor \
         completion help
+        disable wait monitor top why history ps orphans logs ping names check graph completion \
+        help
       ;;
     check | graph) compopt -o default ;;
     completion) _vornctl_offer "$current" "$kept" bash zsh fish ;;
-    status | start | stop | restart | enable | disable | wait | monitor | top | ps | logs)
+    status | start | stop | restart | enable | disable | wait | monitor | top | why | history | ps | logs)
       _vornctl_offer_nodes "$current" "$kept" "${words[@]}"
       ;;
   esac

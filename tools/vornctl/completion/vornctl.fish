@@ -25,6 +25,7 @@ end
 
 function __vornctl_needs_command
     not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top ps orphans logs ping names check graph doctor completion help
+    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top why history ps orphans logs ping names check graph completion help
 end
 
 complete -c vornctl -f
@@ -37,6 +38,8 @@ complete -c vornctl -n __vornctl_needs_command -a disable -d 'Stop nodes and ref
 complete -c vornctl -n __vornctl_needs_command -a wait -d 'Wait for nodes to reach a state'
 complete -c vornctl -n __vornctl_needs_command -a monitor -d 'Print a line for each change of a node'
 complete -c vornctl -n __vornctl_needs_command -a top -d 'Show all nodes on the whole screen'
+complete -c vornctl -n __vornctl_needs_command -a why -d 'Explain the state of a node'
+complete -c vornctl -n __vornctl_needs_command -a history -d 'Print the starts and exits of nodes, from the log'
 complete -c vornctl -n __vornctl_needs_command -a ps -d 'Show the processes of nodes'
 complete -c vornctl -n __vornctl_needs_command -a orphans -d 'List processes of earlier launchers and runs of nodes'
 complete -c vornctl -n __vornctl_needs_command -a logs -d 'Print the output of nodes'
@@ -61,6 +64,8 @@ complete -c vornctl -n __vornctl_needs_command -l version -d 'Show the version'
 
 complete -c vornctl -n '__fish_seen_subcommand_from status start stop restart enable disable wait monitor top ps logs' -a '(__vornctl_nodes)' -d Node
 complete -c vornctl -n '__fish_seen_subcommand_from status monitor ps orphans doctor' -l json -d 'Print JSON'
+complete -c vornctl -n '__fish_seen_subcommand_from status start stop restart enable disable wait monitor top why history ps logs' -a '(__vornctl_nodes)' -d Node
+complete -c vornctl -n '__fish_seen_subcommand_from status monitor history ps orphans' -l json -d 'Print JSON'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l plain -d 'Print tabs between columns'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l no-header -d 'Omit the column titles'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l failed -d 'Show only failed nodes'
@@ -71,8 +76,8 @@ complete -c vornctl -n '__fish_seen_subcommand_from ps' -l ports -d 'Also show l
 complete -c vornctl -n '__fish_seen_subcommand_from orphans' -l kill -d 'Terminate the processes'
 complete -c vornctl -n '__fish_seen_subcommand_from stop disable orphans' -s y -l yes -d 'Do not ask for confirmation'
 complete -c vornctl -n '__fish_seen_subcommand_from logs' -s f -l follow -d 'Also print new lines'
-complete -c vornctl -n '__fish_seen_subcommand_from logs' -s n -l lines -x -d 'Number of lines'
-complete -c vornctl -n '__fish_seen_subcommand_from logs' -l since -x -d 'Only lines since then'
+complete -c vornctl -n '__fish_seen_subcommand_from history logs' -s n -l lines -x -d 'Number of lines or exits'
+complete -c vornctl -n '__fish_seen_subcommand_from history logs' -l since -x -d 'Only lines since then'
 complete -c vornctl -n '__fish_seen_subcommand_from logs' -l previous -d 'Only the last run that has ended'
 complete -c vornctl -n '__fish_seen_subcommand_from enable' -l now -d 'Also start the nodes'
 complete -c vornctl -n '__fish_seen_subcommand_from wait' -l state -x -a 'running stopped disabled restarted succeeded' -d 'State to wait for'

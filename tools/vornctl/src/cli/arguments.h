@@ -8,9 +8,11 @@
 #include "commands/logs.h"
 #include "commands/orphans.h"
 #include "commands/ps.h"
+#include "commands/history.h"
 #include "commands/start_stop.h"
 #include "commands/status.h"
 #include "commands/wait.h"
+#include "commands/why.h"
 #include "context/context.h"
 
 namespace vorn::launch {
@@ -24,6 +26,8 @@ struct Arguments {
   std::vector<std::string> nodes;
   ActOptions act;
   StatusOptions status;
+  HistoryOptions history;
+  WhyOptions why;
   WaitOptions wait;
   PsOptions ps;
   OrphansOptions orphans;

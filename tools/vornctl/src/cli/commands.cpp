@@ -31,6 +31,8 @@ Commands::Commands(CLI::App& app) : app_(app) {
   addActions();
   addWait();
   addMonitor();
+  addWhy();
+  addHistory();
   addTop();
   addPs();
   addOrphans();
@@ -202,6 +204,35 @@ void Commands::addMonitor() {
   addNodes(watch, "Names or quoted patterns; all nodes if none are given");
   watch->add_flag("--json", arguments_.isJson,
                   "Print one JSON document per line");
+}
+
+void Commands::addWhy() {
+  CLI::App* const app = addCommand(
+      "why", "Explain the state of a node", [this](Context& context) {
+        return explainNode(context, arguments_.why);
+      });
+  app->add_option("NODE", arguments_.why.node, "The name of a node")
+      ->required()
+      ->type_name("NAME");
+}
+
+void Commands::addHistory() {
+  HistoryOptions& options = arguments_.history;
+  CLI::App* const app =
+      addCommand("history", "Print the starts and exits of nodes, from the log",
+                 [this](Context& context) {
+                   arguments_.history.nodes = arguments_.nodes;
+                   arguments_.history.isJson = arguments_.isJson;
+                   return showHistory(context, arguments_.history);
+                 });
+  addNodes(app, "Names or quoted patterns; all nodes if none are given");
+  app->add_flag("--json", arguments_.isJson, "Print JSON");
+  app->add_option("-n,--lines", options.exits,
+                  "The number of exits, the last ones; default: 100")
+      ->type_name("NUMBER");
+  app->add_option("--since", readPointInTime(options.sinceUs),
+                  "Start at this time, or as long ago, such as 2h")
+      ->type_name("TIME");
 }
 
 void Commands::addTop() {

@@ -33,6 +33,8 @@ class Commands {
   void addActions();
   void addWait();
   void addMonitor();
+  void addHistory();
+  void addWhy();
   void addTop();
   void addPs();
   void addOrphans();

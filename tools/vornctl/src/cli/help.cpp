@@ -30,6 +30,8 @@ const std::map<std::string, Examples>& examples() {
        {"wait camera --state running --for 10s --timeout 1m",
         "wait 'cam_*' --state stopped"}},
       {"monitor", {"monitor", "monitor --json camera"}},
+      {"why", {"why camera", "why camera --log launcher.log"}},
+      {"history", {"history camera", "history --since 2h --json"}},
       {"top", {"top", "top 'cam_*'"}},
       {"ps", {"ps", "ps --ports camera"}},
       {"orphans", {"orphans", "orphans --kill --yes"}},

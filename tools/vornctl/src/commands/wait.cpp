@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "context/targets.h"
-#include "live/exit_text.h"
+#include "live/event_text.h"
 #include "live/log_source.h"
 #include "live/node_cells.h"
 #include "live/node_history.h"

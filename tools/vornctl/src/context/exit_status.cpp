@@ -9,10 +9,11 @@ namespace {
 
 // The commands that send requests to a launcher, and those with node arguments.
 constexpr char kOfLauncher[] =
-    " status start stop restart enable disable wait monitor top ps logs ping "
-    "names ";
+    " status start stop restart enable disable wait monitor top why history ps "
+    "logs ping names ";
 constexpr char kOfNodes[] =
-    " status start stop restart enable disable wait monitor top ps logs ";
+    " status start stop restart enable disable wait monitor top why "
+    "history ps logs ";
 
 /// One meaning of an exit status.
 struct Meaning {
@@ -25,7 +26,7 @@ constexpr Meaning kMeanings[] = {
     {kDone, "success, or the condition is true", ""},
     {kFailed, "an operation failed, or the output could not be written", ""},
     {kFailed, "a problem was found", " check "},
-    {kFailed, "a node has failed", " status wait "},
+    {kFailed, "a node has failed", " status wait why "},
     {kFailed, "processes of earlier launchers or runs exist", " orphans "},
     {kFailed, "an error or a warning was found", " doctor "},
     {kUsage, "wrong usage, or the nodes or a file cannot be read", ""},
@@ -35,8 +36,8 @@ constexpr Meaning kMeanings[] = {
     {kNoSuchNode, "no such node, or no node matches a pattern", kOfNodes},
     {kNoLauncher, "no launcher is running, or no permission", kOfLauncher},
     {kTimedOut, "given up before the request was sent: it has no effect",
-     " status start stop restart enable disable monitor top ps logs ping "
-     "names "},
+     " status start stop restart enable disable monitor top why history ps "
+     "logs ping names "},
     {kTimedOut, "timed out or interrupted", " wait "},
     {kUnknown, "no reply: a request may still take effect", kOfLauncher},
     {kProtocolError, "the reply is invalid", kOfLauncher},

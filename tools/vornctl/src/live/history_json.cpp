@@ -1,7 +1,7 @@
 #include "live/history_json.h"
 
 #include "live/action_records.h"
-#include "live/exit_text.h"
+#include "live/event_text.h"
 
 namespace vorn::launch {
 namespace {

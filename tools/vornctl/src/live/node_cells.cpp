@@ -4,6 +4,7 @@
 
 #include "live/exit_text.h"
 #include "output/quantity.h"
+#include "live/event_text.h"
 
 namespace vorn::launch {
 namespace {

@@ -1,4 +1,4 @@
-#include "live/exit_text.h"
+#include "live/event_text.h"
 
 #include <string.h>
 
@@ -94,6 +94,16 @@ std::string eventText(const HistoryEvent& event) {
       return "stopped by a command before its restart";
   }
   return "";
+}
+
+std::string actionText(const ActionRecord& action) {
+  std::string text = action.command + " by ";
+  text +=
+      action.user.empty() ? "uid " + std::to_string(action.uid) : action.user;
+  if (!action.sudoUser.empty()) text += " (" + action.sudoUser + " by sudo)";
+  if (action.outcome != "done") text += ", " + action.outcome;
+  if (!action.reason.empty()) text += ": " + action.reason;
+  return text;
 }
 
 const char* wordFor(Kind kind) {

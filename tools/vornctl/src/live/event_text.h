@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "live/action_records.h"
 #include "live/log_history.h"
 
 namespace vorn::launch {
@@ -18,6 +19,9 @@ std::string exitText(const HistoryEvent& exit);
 
 /// An event after a subject, with its cause: "restarted after its exit".
 std::string eventText(const HistoryEvent& event);
+
+/// "stop by alice: battery change"; the outcome, if it is not "done".
+std::string actionText(const ActionRecord& action);
 
 /// The name of an event or a cause for programs, such as "exited".
 const char* wordFor(HistoryEvent::Kind kind);

@@ -1,0 +1,166 @@
+#include "live/node_verdict.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+namespace vorn::launch {
+namespace {
+
+using Kind = HistoryEvent::Kind;
+using Cause = HistoryEvent::Cause;
+using ::testing::Test;
+
+constexpr int64_t kNowUs = 1'795'178'096'000'000;
+constexpr int64_t kMinuteUs = 60'000'000;
+
+class NodeVerdictTest : public Test {
+ protected:
+  NodeVerdictTest() {
+    facts_.nowUs = kNowUs;
+    facts_.view.name = "a";
+    facts_.view.condition = Condition::RUNNING;
+    facts_.view.pid = 7;
+  }
+
+  /// The last exit of the node, a minute ago.
+  void exit(int code, int status, Cause cause = Cause::ITSELF) {
+    HistoryEvent exit;
+    exit.kind = Kind::EXITED;
+    exit.cause = cause;
+    exit.timeUs = kNowUs - kMinuteUs;
+    exit.pid = 42;
+    exit.code = code;
+    exit.status = status;
+    facts_.history.emplace();
+    facts_.history->exit = exit;
+    facts_.view.pid = 0;
+  }
+
+  void action(const std::string& command, const std::string& reason) {
+    facts_.action.emplace();
+    facts_.action->timeUs = kNowUs - 2 * kMinuteUs;
+    facts_.action->user = "alice";
+    facts_.action->command = command;
+    facts_.action->outcome = "done";
+    facts_.action->reason = reason;
+  }
+
+  std::string summary() const { return judge(facts_).summary; }
+  bool isAsWanted() const { return judge(facts_).isAsWanted; }
+
+  std::string detail(const std::string& label) const {
+    for (const auto& [name, text] : judge(facts_).details) {
+      if (name == label) return text;
+    }
+    return "";
+  }
+
+  NodeFacts facts_;
+};
+
+TEST_F(NodeVerdictTest, ARunningNodeIsAsWanted) {
+  EXPECT_EQ(summary().rfind("has been running since ", 0), 0U);
+  EXPECT_TRUE(isAsWanted());
+  EXPECT_EQ(detail("State"), "running, pid 7");
+}
+
+TEST_F(NodeVerdictTest, ACrashLoopIsNotAsWantedEvenWhileTheNodeRuns) {
+  exit(CLD_DUMPED, SIGSEGV);
+  facts_.view.restarts = 5;
+  facts_.view.isCrashLoop = true;
+  facts_.coreHandler = "|/lib/systemd/systemd-coredump %P";
+  EXPECT_EQ(summary(),
+            "is in a crash loop: it was killed by SIGSEGV (Segmentation "
+            "fault), core dumped; 5 restarts in the last hour");
+  EXPECT_FALSE(isAsWanted());
+  EXPECT_EQ(detail("Core dump"), "coredumpctl info 42");
+}
+
+TEST_F(NodeVerdictTest, ACoreFileIsWhereTheKernelWritesIt) {
+  exit(CLD_DUMPED, SIGSEGV);
+  facts_.coreHandler = "core";
+  EXPECT_EQ(detail("Core dump"),
+            "the kernel has written it to 'core', see core(5)");
+}
+
+TEST_F(NodeVerdictTest, ARestartIsExplainedByTheExit) {
+  exit(CLD_EXITED, 3);
+  facts_.view.condition = Condition::RESTARTING;
+  facts_.view.restartInSeconds = 4;
+  EXPECT_EQ(summary(), "restarts in 4s: it exited with status 3");
+  EXPECT_FALSE(isAsWanted());
+}
+
+TEST_F(NodeVerdictTest, TheKernelLogExplainsASigkill) {
+  exit(CLD_KILLED, SIGKILL);
+  facts_.view.condition = Condition::RESTARTING;
+  facts_.isMemoryKill = true;
+  EXPECT_NE(summary().find("(Killed) by the kernel for lack of memory"),
+            std::string::npos);
+}
+
+TEST_F(NodeVerdictTest, TheControlGroupMakesAMemoryKillProbable) {
+  exit(CLD_KILLED, SIGKILL);
+  facts_.view.condition = Condition::RESTARTING;
+  facts_.memoryKills = 1;
+  EXPECT_NE(summary().find("probably by the kernel for lack of memory"),
+            std::string::npos);
+}
+
+TEST_F(NodeVerdictTest, AStopHasItsUserAndReason) {
+  facts_.view.condition = Condition::STOPPED;
+  action("stop", "battery change");
+  EXPECT_EQ(summary(), "is stopped: stop by alice: battery change, 2m 00s ago");
+  EXPECT_TRUE(isAsWanted());
+}
+
+TEST_F(NodeVerdictTest, AnotherActionIsNotTheReasonOfAStop) {
+  facts_.view.condition = Condition::STOPPED;
+  action("start", "");
+  EXPECT_EQ(summary(), "is stopped: a command has stopped it");
+}
+
+TEST_F(NodeVerdictTest, AMissingExecutableDisablesANode) {
+  facts_.view.condition = Condition::DISABLED;
+  facts_.view.executable = "/bin/a";
+  facts_.view.isExecutableMissing = true;
+  EXPECT_EQ(summary(), "is disabled: its executable /bin/a does not exist");
+  EXPECT_FALSE(isAsWanted());
+}
+
+TEST_F(NodeVerdictTest, AOneshotThatSucceededIsAsWanted) {
+  exit(CLD_EXITED, 0);
+  facts_.view.condition = Condition::DISABLED;
+  facts_.isOneshot = true;
+  EXPECT_EQ(summary(),
+            "has finished: it is a oneshot, and it exited with status 0");
+  EXPECT_TRUE(isAsWanted());
+}
+
+TEST_F(NodeVerdictTest, AReplacedExecutableIsNotAsWanted) {
+  facts_.isStale = true;
+  EXPECT_NE(summary().find("executable that was replaced"), std::string::npos);
+  EXPECT_FALSE(isAsWanted());
+}
+
+TEST_F(NodeVerdictTest, AFullFileSystemIsPartOfTheSummary) {
+  facts_.fullFileSystems = {"the log /var/log/vorn"};
+  EXPECT_NE(
+      summary().find("; the file system of the log /var/log/vorn is full"),
+      std::string::npos);
+  EXPECT_FALSE(isAsWanted());
+}
+
+TEST_F(NodeVerdictTest, OrphansOfANodeArePartOfTheSummary) {
+  facts_.orphans = {99};
+  EXPECT_NE(summary().find("; process 99 of an earlier run"),
+            std::string::npos);
+  facts_.hasLauncher = false;
+  EXPECT_EQ(summary(),
+            "runs without a launcher: its launcher was killed or has crashed");
+  EXPECT_FALSE(isAsWanted());
+}
+
+}  // namespace
+}  // namespace vorn::launch
