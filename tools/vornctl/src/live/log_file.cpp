@@ -150,7 +150,7 @@ bool readCompressed(const LogPart& part, LineSplitter& splitter,
                     std::string& error) {
   const int copy = ::fcntl(part.file->number(), F_DUPFD_CLOEXEC, 0);
   if (copy >= 0) (void)::lseek(copy, 0, SEEK_SET);
-  const gzFile file = copy < 0 ? nullptr : ::gzdopen(copy, "rb");
+  gzFile file = copy < 0 ? nullptr : ::gzdopen(copy, "rb");
   if (file == nullptr) {
     error = "cannot read " + part.name + ": " + std::strerror(errno);
     if (copy >= 0) (void)::close(copy);

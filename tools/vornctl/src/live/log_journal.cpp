@@ -63,6 +63,13 @@ std::string_view valueOf(sd_journal* journal, const char* field) {
       .substr(std::min(prefix, size));
 }
 
+/// When the current entry was received, in microseconds since the epoch.
+int64_t timeOf(sd_journal* journal) {
+  uint64_t time = 0;
+  (void)::sd_journal_get_realtime_usec(journal, &time);
+  return static_cast<int64_t>(time);
+}
+
 void addMatches(sd_journal* journal, const std::vector<std::string>& matches) {
   for (const std::string& match : matches) {
     (void)::sd_journal_add_match(journal, match.data(), match.size());
@@ -108,7 +115,7 @@ std::vector<std::string> matchesLike(sd_journal* journal) {
 std::string serviceOf(pid_t pid) {
   std::istringstream lines(readProcFile(procFile(pid, "cgroup")).value_or(""));
   for (std::string line; std::getline(lines, line);) {
-    const std::string name = line.substr(line.rfind('/') + 1);
+    std::string name = line.substr(line.rfind('/') + 1);
     if (endsWith(name, ".service")) return name;
   }
   return "";
@@ -140,10 +147,7 @@ std::vector<std::string> matchesOf(sd_journal* journal,
   if (findLast(journal, {pid, bootMatch()})) {
     // An earlier process may have had the same pid.
     constexpr int64_t kTolerance = 5;
-    uint64_t time = 0;
-    (void)::sd_journal_get_realtime_usec(journal, &time);
-    if (static_cast<int64_t>(time / 1'000'000) + kTolerance >=
-        launcher.startSeconds) {
+    if (timeOf(journal) / 1'000'000 + kTolerance >= launcher.startSeconds) {
       return matchesLike(journal);
     }
   }
@@ -160,9 +164,7 @@ std::vector<std::string> matchesOf(sd_journal* journal,
 /// it has no message. False if the reader has stopped.
 bool passEntry(sd_journal* journal, const LogReader& reader) {
   LogRecord record;
-  uint64_t time = 0;
-  (void)::sd_journal_get_realtime_usec(journal, &time);
-  record.timeUs = static_cast<int64_t>(time);
+  record.timeUs = timeOf(journal);
   const std::string pid(valueOf(journal, "_PID"));
   record.pid = static_cast<pid_t>(std::strtol(pid.c_str(), nullptr, 10));
   const std::string identifier(valueOf(journal, "SYSLOG_IDENTIFIER"));
@@ -190,9 +192,7 @@ bool readOn(const LogLocation& location, sd_journal* journal, int64_t since_us,
     if (result < 0) return failJournal(location.path, result, error);
     if (result == 0) return true;
     storePosition(journal, end);
-    uint64_t time = 0;
-    (void)::sd_journal_get_realtime_usec(journal, &time);
-    if (static_cast<int64_t>(time) < since_us) continue;
+    if (timeOf(journal) < since_us) continue;
     is_stopped = !passEntry(journal, reader);
     if (is_stopped) return true;
   }
@@ -201,10 +201,12 @@ bool readOn(const LogLocation& location, sd_journal* journal, int64_t since_us,
 /// Moves to the last entry before `since_us`, and stores its position.
 bool seekBefore(sd_journal* journal, int64_t since_us, LogPosition* end) {
   const auto time = static_cast<uint64_t>(since_us);
-  if (since_us != 0 && ::sd_journal_seek_realtime_usec(journal, time) >= 0 &&
-      ::sd_journal_previous(journal) > 0) {
-    storePosition(journal, end);
-    return true;
+  if (since_us != 0 && ::sd_journal_seek_realtime_usec(journal, time) >= 0) {
+    while (::sd_journal_previous(journal) > 0) {
+      if (timeOf(journal) >= since_us) continue;  // an entry of that very time
+      storePosition(journal, end);
+      return true;
+    }
   }
   return ::sd_journal_seek_head(journal) >= 0;
 }
@@ -295,12 +297,11 @@ bool readJournalEnd(const LogLocation& location, uint64_t count,
   }
   if (result < 0) return failJournal(location.path, result, error);
   is_all = static_cast<uint64_t>(result) <= count;
-  uint64_t time = 0;
   if (is_all) {
     result = ::sd_journal_seek_head(journal.get());
     if (result < 0) return failJournal(location.path, result, error);
-  } else if (::sd_journal_get_realtime_usec(journal.get(), &time) >= 0) {
-    is_all = static_cast<int64_t>(time) < since_us;
+  } else {
+    is_all = timeOf(journal.get()) < since_us;
     storePosition(journal.get(), end);
   }
   bool is_stopped = false;

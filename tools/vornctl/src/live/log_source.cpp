@@ -217,7 +217,7 @@ bool readLogEnd(const LogLocation& location, size_t count, int64_t since_us,
     last.add(record);
     return true;
   };
-  constexpr int64_t kFirstSize = 256 * 1024;
+  constexpr int64_t kFirstSize = int64_t{256} * 1024;
   constexpr uint64_t kFirstEntries = 1000;
   bool is_all = location.kind == LogLocation::Kind::STANDARD_INPUT;
   if (is_all && !readLogInput(since_us, keep, error)) return false;

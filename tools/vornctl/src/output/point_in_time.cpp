@@ -50,7 +50,7 @@ std::optional<int64_t> parsePointInTime(const std::string& text,
     }
   }
   const std::string zone = rest == nullptr ? "?" : rest;
-  if (zone != "" && zone != "Z") return std::nullopt;
+  if (!zone.empty() && zone != "Z") return std::nullopt;
   parts.tm_isdst = -1;
   tm adjusted = parts;
   const time_t seconds =
