@@ -2,9 +2,8 @@
 
 #include <cstdint>
 
-#include "live/exit_text.h"
-#include "output/quantity.h"
 #include "live/event_text.h"
+#include "output/quantity.h"
 
 namespace vorn::launch {
 namespace {

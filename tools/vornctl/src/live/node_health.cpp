@@ -1,6 +1,6 @@
 #include "live/node_health.h"
 
-#include "live/exit_text.h"
+#include "live/event_text.h"
 
 namespace vorn::launch {
 namespace {
