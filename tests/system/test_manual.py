@@ -169,7 +169,7 @@ def test_a_command_shows_only_its_own_exit_statuses(help_of):
              for name in commands_of(help_of())}
     asking = dict.fromkeys(
         ["start", "stop", "restart", "enable", "disable", "monitor", "top",
-         "logs"],
+         "logs", "why", "history"],
         "012456789")
     assert shown == asking | {
         "status": "0123456789", "ps": "0123456789", "wait": "0123456789",

@@ -1,11 +1,13 @@
 """vornctl shows what the launcher's log says about the life of nodes."""
 
 import json
+import pathlib
 
 import pytest
 
 from support import log_texts
 from support.control import Cmd, State
+from support.waiting import eventually
 
 
 @pytest.fixture(name="robot")
@@ -201,9 +203,9 @@ def test_why_names_the_lack_of_memory_in_the_kernel_log(machine):
                          "(sleep) total-vm:1kB\n")
     hungry.signal(9)
     machine.wait_for_log(log_texts.ready_to_restart("hungry"))
-    done = machine.run("unshare", "--mount", "sh", "-c",
-                       "mount --bind /tmp/kmsg /dev/kmsg && "
-                       "/tmp/install/bin/vornctl why hungry", check=False)
+    done = machine.execute("unshare", "--mount", "sh", "-c",
+                           "mount --bind /tmp/kmsg /dev/kmsg && "
+                           "/tmp/install/bin/vornctl why hungry")
     assert "was killed by SIGKILL (Killed) by the kernel for lack of memory" in (
         done.stdout.split("\n")[0])
 
@@ -221,12 +223,26 @@ def test_why_names_a_missing_executable(machine):
         1, "gone is disabled: its executable /tmp/bin/gone does not exist")
 
 
+def test_why_names_a_replaced_executable(machine):
+    machine.file("bin/planner", pathlib.Path("/bin/sleep").read_bytes(), mode=0o755)
+    machine.start({"vornnode": {
+        "planner": {"path": "/tmp/bin/planner", "argv": "1000"}}})
+    machine.child("planner", ["/tmp/bin/planner", "1000"])
+    machine.file("bin/new", pathlib.Path("/bin/sleep").read_bytes(), mode=0o755)
+    (machine.tmp / "bin/new").rename(machine.tmp / "bin/planner")
+    status, line = why(machine, "planner")
+    assert status == 1
+    assert line.endswith(" with an executable that was replaced after its start")
+
+
 def test_why_names_a_full_disk(machine):
     machine.script("stay", "exec sleep 1000")
     machine.file("launch.yaml", '{"vornnode": {"a": {"path": "/tmp/bin/stay"}}}')
     machine.start(arguments=["/tmp/launch.yaml"], wrapper=[
         "sh", "-c", "mkdir /tmp/disk; mount -t tmpfs -o size=64k none /tmp/disk; "
         'exec "$@" 2>/tmp/disk/log', "sh"], wait_until_up=False)
+    eventually((machine.tmp / "vornlaunch/vornlaunch.sock").exists,
+               "the launcher listens")
     machine.wait_for_state("a", State.RUNNING)
     machine.run("sh", "-c", "cat /dev/zero >/tmp/disk/fill", check=False)
     status, line = why(machine, "a")

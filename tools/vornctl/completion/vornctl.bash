@@ -190,10 +190,8 @@ _vornctl() {
   case $command in
     "")
       _vornctl_offer "$current" "$kept" status start stop restart enable \
-        disable wait monitor top ps orphans logs ping names check graph doctor \
-        completion help
-        disable wait monitor top why history ps orphans logs ping names check graph completion \
-        help
+        disable wait monitor top why history ps orphans logs ping names check \
+        graph doctor completion help
       ;;
     check | graph) compopt -o default ;;
     completion) _vornctl_offer "$current" "$kept" bash zsh fish ;;

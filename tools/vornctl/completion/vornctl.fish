@@ -24,8 +24,7 @@ function __vornctl_nodes
 end
 
 function __vornctl_needs_command
-    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top ps orphans logs ping names check graph doctor completion help
-    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top why history ps orphans logs ping names check graph completion help
+    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top why history ps orphans logs ping names check graph doctor completion help
 end
 
 complete -c vornctl -f
@@ -62,10 +61,8 @@ complete -c vornctl -s q -l quiet -d 'Print errors only'
 complete -c vornctl -s h -l help -d 'Show the help'
 complete -c vornctl -n __vornctl_needs_command -l version -d 'Show the version'
 
-complete -c vornctl -n '__fish_seen_subcommand_from status start stop restart enable disable wait monitor top ps logs' -a '(__vornctl_nodes)' -d Node
-complete -c vornctl -n '__fish_seen_subcommand_from status monitor ps orphans doctor' -l json -d 'Print JSON'
 complete -c vornctl -n '__fish_seen_subcommand_from status start stop restart enable disable wait monitor top why history ps logs' -a '(__vornctl_nodes)' -d Node
-complete -c vornctl -n '__fish_seen_subcommand_from status monitor history ps orphans' -l json -d 'Print JSON'
+complete -c vornctl -n '__fish_seen_subcommand_from status monitor history ps orphans doctor' -l json -d 'Print JSON'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l plain -d 'Print tabs between columns'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l no-header -d 'Omit the column titles'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l failed -d 'Show only failed nodes'

@@ -139,7 +139,7 @@ TEST_F(NodeVerdictTest, AOneshotThatSucceededIsAsWanted) {
 }
 
 TEST_F(NodeVerdictTest, AReplacedExecutableIsNotAsWanted) {
-  facts_.isStale = true;
+  facts_.view.isStale = true;
   EXPECT_NE(summary().find("executable that was replaced"), std::string::npos);
   EXPECT_FALSE(isAsWanted());
 }

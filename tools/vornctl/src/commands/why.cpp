@@ -12,6 +12,7 @@
 #include "live/log_source.h"
 #include "live/node_verdict.h"
 #include "live/orphans.h"
+#include "live/node_usage.h"
 #include "live/out_of_memory.h"
 #include "live/proc_file.h"
 #include "output/output.h"
@@ -91,8 +92,12 @@ void addAction(NodeFacts& facts) {
   if (last != records.rend()) facts.action = *last;
 }
 
-void addOrphans(pid_t launcher, NodeFacts& facts) {
-  const Orphans orphans = findOrphans(ProcessTable::read(), launcher);
+void addProcesses(const LauncherProcess& launcher, NodeFacts& facts) {
+  const ProcessTable table = ProcessTable::read();
+  std::vector<NodeView> views = {facts.view};
+  addStaleness(table, launcher, views);
+  facts.view.isStale = views.front().isStale;
+  const Orphans orphans = findOrphans(table, launcher.pid);
   for (const Orphan& orphan : orphans.processes) {
     if (orphan.node == facts.view.name) {
       facts.orphans.push_back(orphan.process.pid);
@@ -119,7 +124,7 @@ void collect(const Settings& settings, const LauncherProcess& launcher,
   addFromLog(launcher, log, facts);
   addLastExit(launcher, log, facts);
   addAction(facts);
-  addOrphans(launcher.pid, facts);
+  addProcesses(launcher, facts);
   facts.fullFileSystems = findFull(launcher, log);
 }
 

@@ -122,7 +122,7 @@ class Judge {
     const std::string since =
         "has been running since " + formatTime(view_.startSeconds);
     if (view_.isCrashLoop && exit_) return failInLoop();
-    if (facts_.isStale) {
+    if (view_.isStale == true) {
       return fail(since +
                       " with an executable that was replaced after its "
                       "start",

@@ -25,7 +25,6 @@ struct NodeFacts {
   std::optional<ActionRecord> action;  // the last one with the node
   bool isMemoryKill = false;           // the kernel log names the last exit
   int64_t memoryKills = 0;  // that the control group of the launcher counts
-  bool isStale = false;     // its executable was replaced since its start
   std::vector<std::string> fullFileSystems;  // paths on them
   std::vector<pid_t> orphans;  // its processes without a launcher, or of an
                                // earlier run
