@@ -2,6 +2,7 @@
 
 import json
 import os
+import shutil
 import signal
 import subprocess
 
@@ -17,7 +18,7 @@ needs_root = pytest.mark.skipif(
     os.geteuid() != 0, reason="no right to become another user")
 SOCKET = "/tmp/vornlaunch/vornlaunch.sock"
 CHECKS = ["launcher", "socket", "answer", "activity", "launch-file", "log", "journal",
-          "tools", "pids", "nodes", "orphans", "tmp-cleaning"]
+          "tools", "pids", "nodes", "programs", "orphans", "tmp-cleaning"]
 
 
 def launch_file(machine):
@@ -87,7 +88,7 @@ def test_without_permission_a_check_is_unknown(robot):
     robot.tmp.chmod(0o1777)
     assert problems(robot, wrapper=AS_NOBODY) == {
         "log": "unknown", "journal": "unknown", "tools": "unknown", "nodes": "unknown",
-        "orphans": "unknown"}
+        "programs": "unknown", "orphans": "unknown"}
 
 
 # -- The launcher.
@@ -190,6 +191,17 @@ def test_a_missing_executable_is_found(machine):
     machine.start({"vornnode": {"camera": {"path": "/tmp/none"}}})
     assert examined(machine)["nodes"]["finding"] == (
         "camera is disabled because its executable /tmp/none is missing")
+
+
+def test_a_replaced_program_is_found(machine):
+    for name in ("sleep", "new"):
+        shutil.copy("/bin/sleep", machine.tmp / name)
+    machine.start({"vornnode": {"camera": {"path": "/tmp/sleep", "argv": "1000"}}})
+    machine.child("camera", ["/tmp/sleep", "1000"])
+    (machine.tmp / "new").rename(machine.tmp / "sleep")
+    finding = examined(machine)["programs"]
+    assert finding["verdict"] == "warning"
+    assert finding["remedy"] == "vornctl restart camera"
 
 
 def test_processes_of_an_earlier_launcher_are_found(robot):

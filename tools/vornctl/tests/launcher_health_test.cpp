@@ -17,7 +17,7 @@ ActivityFacts idleLauncher() {
 TEST(LauncherHealthTest, OneLauncherIsInOrder) {
   EXPECT_EQ(launchersFinding({42}, 42).text, "launcher 42 runs");
   // /proc can hide the processes of other users.
-  EXPECT_EQ(launchersFinding({}, 42).verdict, Verdict::OK);
+  EXPECT_EQ(launchersFinding({}, 42).verdict, Verdict::PASSED);
 }
 
 TEST(LauncherHealthTest, NoLauncherIsAnError) {
@@ -60,7 +60,7 @@ TEST(LauncherHealthTest, AZombieIsAnError) {
 TEST(LauncherHealthTest, ALauncherThatNeverSleepsIsAWarning) {
   ActivityFacts facts = idleLauncher();
   facts.cpuPercent = 97.6;
-  EXPECT_EQ(activityFinding(facts).verdict, Verdict::OK);
+  EXPECT_EQ(activityFinding(facts).verdict, Verdict::PASSED);
   facts.isAlwaysRunning = true;
   const Finding finding = activityFinding(facts);
   EXPECT_EQ(finding.verdict, Verdict::WARNING);
@@ -89,14 +89,14 @@ TEST(LauncherHealthTest, AMissingToolIsAnError) {
 
 TEST(LauncherHealthTest, ThePsOfBusyboxIsAnError) {
   EXPECT_EQ(toolsFinding({"/bin", {}, true}).verdict, Verdict::ERROR);
-  EXPECT_EQ(toolsFinding({"/bin", {}, false}).verdict, Verdict::OK);
+  EXPECT_EQ(toolsFinding({"/bin", {}, false}).verdict, Verdict::PASSED);
 }
 
 // -- Pids.
 
 TEST(LauncherHealthTest, PidsWithoutCommonDigitsAreInOrder) {
   EXPECT_EQ(pidsFinding({false, {{70, "a"}, {89, "b"}}, {65}}).verdict,
-            Verdict::OK);
+            Verdict::PASSED);
 }
 
 TEST(LauncherHealthTest, APidInThatOfAZombieIsAnError) {
@@ -117,8 +117,10 @@ TEST(LauncherHealthTest, APidInThatOfAnotherNodeIsAWarning) {
 TEST(LauncherHealthTest, LowPidsInAContainerAreAWarning) {
   EXPECT_EQ(pidsFinding({true, {{9999, "camera"}}, {}}).verdict,
             Verdict::WARNING);
-  EXPECT_EQ(pidsFinding({true, {{10000, "camera"}}, {}}).verdict, Verdict::OK);
-  EXPECT_EQ(pidsFinding({false, {{9999, "camera"}}, {}}).verdict, Verdict::OK);
+  EXPECT_EQ(pidsFinding({true, {{10000, "camera"}}, {}}).verdict,
+            Verdict::PASSED);
+  EXPECT_EQ(pidsFinding({false, {{9999, "camera"}}, {}}).verdict,
+            Verdict::PASSED);
 }
 
 // -- Launch file.
@@ -126,7 +128,7 @@ TEST(LauncherHealthTest, LowPidsInAContainerAreAWarning) {
 TEST(LauncherHealthTest, AChangedLaunchFileIsAWarning) {
   LauncherProcess launcher;
   launcher.launchFile = "/etc/launch file.yaml";
-  EXPECT_EQ(launchFileFinding(launcher, "", true).verdict, Verdict::OK);
+  EXPECT_EQ(launchFileFinding(launcher, "", true).verdict, Verdict::PASSED);
   launcher.hasChanged = true;
   const Finding finding = launchFileFinding(launcher, "", true);
   EXPECT_EQ(finding.verdict, Verdict::WARNING);

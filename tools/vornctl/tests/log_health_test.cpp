@@ -23,8 +23,8 @@ Process reader(char state) {
 }
 
 TEST(LogHealthTest, TheVerdictDependsOnTheDestination) {
-  EXPECT_EQ(logFinding(logOf(Kind::FILE)).verdict, Verdict::OK);
-  EXPECT_EQ(logFinding(logOf(Kind::JOURNAL)).verdict, Verdict::OK);
+  EXPECT_EQ(logFinding(logOf(Kind::FILE)).verdict, Verdict::PASSED);
+  EXPECT_EQ(logFinding(logOf(Kind::JOURNAL)).verdict, Verdict::PASSED);
   EXPECT_EQ(logFinding(logOf(Kind::CLOSED)).verdict, Verdict::WARNING);
   EXPECT_EQ(logFinding(logOf(Kind::NULL_DEVICE)).verdict, Verdict::WARNING);
   EXPECT_EQ(logFinding(logOf(Kind::TERMINAL)).verdict, Verdict::WARNING);

@@ -16,7 +16,7 @@ NodeView node(const std::string& name, Condition condition) {
 TEST(NodeHealthTest, NodesThatAnOperatorHasStoppedAreInOrder) {
   const Finding finding = nodesFinding(
       {node("a", Condition::RUNNING), node("b", Condition::STOPPED)}, "");
-  EXPECT_EQ(finding.verdict, Verdict::OK);
+  EXPECT_EQ(finding.verdict, Verdict::PASSED);
   EXPECT_EQ(finding.text, "none of 2 nodes has failed");
 }
 
@@ -60,9 +60,24 @@ TEST(NodeHealthTest, WithoutALogEarlierExitsAreUnknown) {
   EXPECT_NE(finding.text.find("cannot read the log"), std::string::npos);
 }
 
+TEST(NodeHealthTest, NodesWithReplacedProgramsAreAWarning) {
+  NodeView current = node("a", Condition::RUNNING);
+  current.pid = 42;
+  current.isStale = false;
+  EXPECT_EQ(programsFinding({current}).verdict, Verdict::PASSED);
+  NodeView stale = current;
+  stale.name = "b c";
+  stale.isStale = true;
+  const Finding finding = programsFinding({current, stale, stale});
+  EXPECT_EQ(finding.verdict, Verdict::WARNING);
+  EXPECT_EQ(finding.remedy, "vornctl restart 'b c' 'b c'");
+  current.isStale.reset();
+  EXPECT_EQ(programsFinding({current}).verdict, Verdict::UNKNOWN);
+}
+
 TEST(NodeHealthTest, OrphansAreAWarning) {
   Orphans orphans;
-  EXPECT_EQ(orphansFinding(orphans).verdict, Verdict::OK);
+  EXPECT_EQ(orphansFinding(orphans).verdict, Verdict::PASSED);
   orphans.unreadable = 1;
   EXPECT_EQ(orphansFinding(orphans).verdict, Verdict::UNKNOWN);
   orphans.processes.emplace_back();

@@ -29,7 +29,8 @@ void expectFinding(const Finding& finding, Verdict verdict,
 }
 
 TEST(SocketHealthTest, TheSocketOfALauncherIsInOrder) {
-  expectFinding(socketFinding(usualSocket()), Verdict::OK, "belongs to root");
+  expectFinding(socketFinding(usualSocket()), Verdict::PASSED,
+                "belongs to root");
 }
 
 TEST(SocketHealthTest, AMissingSocketIsAnErrorIfALauncherRuns) {
@@ -37,7 +38,7 @@ TEST(SocketHealthTest, AMissingSocketIsAnErrorIfALauncherRuns) {
   facts.error = ENOENT;
   expectFinding(socketFinding(facts), Verdict::ERROR, "although launcher 42");
   facts.launcher = 0;
-  expectFinding(socketFinding(facts), Verdict::OK, "no launcher runs");
+  expectFinding(socketFinding(facts), Verdict::PASSED, "no launcher runs");
 }
 
 TEST(SocketHealthTest, AStaleSocketIsAnErrorIfALauncherRuns) {
@@ -45,7 +46,8 @@ TEST(SocketHealthTest, AStaleSocketIsAnErrorIfALauncherRuns) {
   facts.hasListener = false;
   expectFinding(socketFinding(facts), Verdict::ERROR, "stale");
   facts.launcher = 0;
-  expectFinding(socketFinding(facts), Verdict::OK, "the next one replaces it");
+  expectFinding(socketFinding(facts), Verdict::PASSED,
+                "the next one replaces it");
 }
 
 TEST(SocketHealthTest, WithoutPermissionTheSocketIsUnknown) {
@@ -81,7 +83,7 @@ TEST(SocketHealthTest, ADirectoryInWhichOthersCanReplaceTheSocketIsReported) {
   expectFinding(socketFinding(facts), Verdict::ERROR, "user 1000");
   // A launcher of that user creates it.
   facts.owner = facts.launcherUid = 1000;
-  EXPECT_EQ(socketFinding(facts).verdict, Verdict::OK);
+  EXPECT_EQ(socketFinding(facts).verdict, Verdict::PASSED);
 }
 
 TEST(SocketHealthTest, ARefusedRequestIsNotAnErrorWithoutALauncher) {
@@ -93,7 +95,7 @@ TEST(SocketHealthTest, ARefusedRequestIsNotAnErrorWithoutALauncher) {
 
 TEST(SocketHealthTest, EveryReplyToTheFirstRequestIsAnAnswer) {
   for (const Outcome outcome : {Outcome::DONE, Outcome::NOT_FOUND}) {
-    expectFinding(answerFinding(outcome, "", 42), Verdict::OK, "answers");
+    expectFinding(answerFinding(outcome, "", 42), Verdict::PASSED, "answers");
   }
   for (const Outcome outcome : {Outcome::UNTRUSTED, Outcome::NOT_SENT,
                                 Outcome::UNKNOWN, Outcome::PROTOCOL_ERROR}) {

@@ -28,7 +28,7 @@ TEST(TmpCleaningTest, TmpIsNotCleanedWithoutAnAge) {
   for (const char* const rules :
        {"", "D /tmp 1777 root root -", "D /tmp 1777 root root", "d /tmp",
         "q /var/tmp 1777 root root 30d", "r /tmp/x - - - 10d"}) {
-    EXPECT_EQ(verdictOn(rules), Verdict::OK) << rules;
+    EXPECT_EQ(verdictOn(rules), Verdict::PASSED) << rules;
   }
 }
 
@@ -36,13 +36,13 @@ TEST(TmpCleaningTest, ARuleCanExcludeTheSocketOrItsDirectory) {
   const std::string cleaning = "q /tmp 1777 root root 10d\n";
   for (const char* const rule : {"x /tmp/vornlaunch", "X /tmp/vorn*",
                                  "x /tmp/vornlaunch/vornlaunch.sock"}) {
-    EXPECT_EQ(verdictOn(cleaning + rule), Verdict::OK) << rule;
+    EXPECT_EQ(verdictOn(cleaning + rule), Verdict::PASSED) << rule;
   }
   EXPECT_EQ(verdictOn(cleaning + "x /tmp/other"), Verdict::WARNING);
 }
 
 TEST(TmpCleaningTest, NothingIsCleanedWithoutSystemd) {
-  EXPECT_EQ(tmpCleaningFinding(std::nullopt).verdict, Verdict::OK);
+  EXPECT_EQ(tmpCleaningFinding(std::nullopt).verdict, Verdict::PASSED);
 }
 
 TEST(TmpCleaningTest, AnEarlierDirectoryReplacesFilesOfLaterOnes) {

@@ -17,6 +17,7 @@
 #include "live/log_source.h"
 #include "live/node_health.h"
 #include "live/node_history.h"
+#include "live/node_usage.h"
 #include "live/orphans.h"
 #include "live/proc_file.h"
 #include "live/socket_health.h"
@@ -35,6 +36,8 @@ constexpr int kDoctorSchema = 1;
 constexpr milliseconds kAnswerLimit = std::chrono::seconds(5);
 constexpr int64_t kDaySeconds = 24 * 60 * 60;
 
+constexpr char kNoAnswer[] = "there is no launcher that answers";
+
 /// The installation, as one run of this command finds it.
 class Installation {
  public:
@@ -42,11 +45,15 @@ class Installation {
     ask();
     const pid_t pid = findLauncherProcess();
     launchers_ = launchersNextTo(pid, processes_);
+    views_error_ = kNoAnswer;
     if (pid == 0) return;
     const std::string& launch_file = context_.settings().launchFile;
     auto launcher = inspectLauncher(pid, launch_file, file_error_);
     launcher_ = launcher ? *launcher : identifyLauncher(pid, launch_file);
     activity_ = measureActivity(pid);
+    views_error_ = askAboutNodes();
+    log_error_ = addHistories();
+    addStaleness(processes_, launcher_, views_);
   }
 
   /// The pid of the launcher; 0: there is none, or it is not visible.
@@ -109,24 +116,13 @@ class Installation {
   }
 
   Finding nodes() const {
-    if (!hasAnswered()) return withoutLauncher();
-    if (!file_error_.empty()) {
-      return unknownFinding(
-          "the names of the nodes are unknown, because the "
-          "launch file cannot be read");
-    }
-    ControlClient client = context_.client(kAnswerLimit, "asking the launcher");
-    std::vector<NodeView> views;
-    for (const LaunchFile::Node& node : launcher_.file.nodes) {
-      const StatusReply reply = client.status(node.name.value);
-      if (!reply.isDone() && reply.outcome != Outcome::NOT_FOUND) {
-        return unknownFinding(node.name.value + ": " + reply.message);
-      }
-      views.push_back(
-          viewOf(launcher_, node.name.value, reply, std::time(nullptr)));
-    }
-    const std::string error = addHistories(views);
-    return nodesFinding(views, error);
+    if (!views_error_.empty()) return unknownFinding(views_error_);
+    return nodesFinding(views_, log_error_);
+  }
+
+  Finding programs() const {
+    if (!views_error_.empty()) return unknownFinding(views_error_);
+    return programsFinding(views_);
   }
 
   Finding orphans() const {
@@ -175,15 +171,31 @@ class Installation {
     return launchers.size() == 1 ? launchers.front() : 0;
   }
 
+  /// Reads the status of all nodes. Returns the reason if that is impossible.
+  std::string askAboutNodes() {
+    if (!hasAnswered()) return kNoAnswer;
+    if (!file_error_.empty()) return "the names of the nodes are unknown";
+    ControlClient client = context_.client(kAnswerLimit, "asking the launcher");
+    for (const LaunchFile::Node& node : launcher_.file.nodes) {
+      const std::string& name = node.name.value;
+      const StatusReply reply = client.status(name);
+      if (!reply.isDone() && reply.outcome != Outcome::NOT_FOUND) {
+        return name + ": " + reply.message;
+      }
+      views_.push_back(viewOf(launcher_, name, reply, std::time(nullptr)));
+    }
+    return "";
+  }
+
   /// Adds what the log says about the nodes; returns the reason if it cannot be
   /// read.
-  std::string addHistories(std::vector<NodeView>& views) const {
+  std::string addHistories() {
     std::string error;
     NodeHistories histories;
     const int64_t now_us = std::time(nullptr) * 1'000'000;
     const auto log = findLog(launcher_, context_.settings().logFile, error);
-    if (log && readRecent(launcher_, *log, now_us, views, histories, error)) {
-      addHistory(histories, now_us, views);
+    if (log && readRecent(launcher_, *log, now_us, views_, histories, error)) {
+      addHistory(histories, now_us, views_);
     }
     return error;
   }
@@ -205,6 +217,9 @@ class Installation {
   LauncherProcess launcher_;  // pid 0: none, or it is not visible
   std::string file_error_;    // why its launch file cannot be read
   std::optional<ActivityFacts> activity_;
+  std::vector<NodeView> views_;
+  std::string views_error_;  // why the nodes are unknown
+  std::string log_error_;    // why their histories are unknown
 };
 
 struct Examination {
@@ -223,6 +238,7 @@ constexpr Examination kExaminations[] = {
     {"tools", &Installation::tools},
     {"pids", &Installation::pids},
     {"nodes", &Installation::nodes},
+    {"programs", &Installation::programs},
     {"orphans", &Installation::orphans},
     {"tmp-cleaning", &Installation::tmpCleaning},
 };
@@ -240,7 +256,7 @@ Colour colourOf(Verdict verdict) {
       return Colour::YELLOW;
     case Verdict::UNKNOWN:
       return Colour::FAINT;
-    case Verdict::OK:
+    case Verdict::PASSED:
       break;
   }
   return Colour::NONE;

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "descriptor.h"
+#include "live/log_time.h"
 #include "output/json.h"
 #include "output/output_text.h"
 
@@ -21,18 +22,8 @@ constexpr int kRecordSchema = 1;
 constexpr int64_t kUsPerSecond = 1'000'000;
 
 std::optional<int64_t> parseUtc(const std::string& text) {
-  std::tm utc{};
-  int microseconds = 0;
-  int length = 0;
-  if (std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d.%6dZ%n", &utc.tm_year,
-                  &utc.tm_mon, &utc.tm_mday, &utc.tm_hour, &utc.tm_min,
-                  &utc.tm_sec, &microseconds, &length) != 7 ||
-      static_cast<size_t>(length) != text.size() || microseconds < 0) {
-    return std::nullopt;
-  }
-  utc.tm_year -= 1900;
-  utc.tm_mon -= 1;
-  return int64_t{::timegm(&utc)} * kUsPerSecond + microseconds;
+  if (text.size() != kLogTimeLength) return std::nullopt;
+  return parseLogTime(text + ' ');
 }
 
 Json jsonOf(const ActionRecord& record) {

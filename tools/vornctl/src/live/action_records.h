@@ -18,8 +18,9 @@ constexpr char kActionDirectory[] = "/run/vornctl";
 constexpr char kActionFile[] = "/run/vornctl/actions.jsonl";
 /// The end of the name of the file before the current one.
 constexpr char kOlderSuffix[] = ".1";
-constexpr size_t kMaxActionFile = 1024 * 1024;  // bytes, of each file
-constexpr size_t kMaxActionLine = 64 * 1024;    // bytes, with the line end
+constexpr size_t kMaxActionFile = size_t{1024} * 1024;  // bytes, of each file
+constexpr size_t kMaxActionLine =
+    size_t{64} * 1024;  // bytes, with the line end
 
 /// One invocation of an action on nodes.
 struct ActionRecord {

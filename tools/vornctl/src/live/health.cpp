@@ -10,7 +10,7 @@ const char* wordFor(Verdict verdict) {
       return "warning";
     case Verdict::UNKNOWN:
       return "unknown";
-    case Verdict::OK:
+    case Verdict::PASSED:
       break;
   }
   return "ok";

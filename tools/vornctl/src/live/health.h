@@ -8,17 +8,17 @@
 
 namespace vorn::launch {
 
-enum class Verdict { ERROR, WARNING, UNKNOWN, OK };
+enum class Verdict { ERROR, WARNING, UNKNOWN, PASSED };
 
 /// The result of one examination.
 struct Finding {
-  Verdict verdict = Verdict::OK;
+  Verdict verdict = Verdict::PASSED;
   std::string text;    // a sentence without a full stop
   std::string remedy;  // what to do, as an imperative; empty: nothing
 };
 
 inline Finding okFinding(std::string text) {
-  return {Verdict::OK, std::move(text), ""};
+  return {Verdict::PASSED, std::move(text), ""};
 }
 
 /// That of an examination for which a permission or a launcher is missing.

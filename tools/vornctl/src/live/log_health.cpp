@@ -20,6 +20,7 @@ namespace vorn::launch {
 namespace {
 
 namespace fs = std::filesystem;
+using LogKind = LogFacts::Kind;
 
 constexpr char kJournalService[] = "systemd-journal";  // 15 bytes, as in stat
 constexpr char kAppendToFile[] =
@@ -81,15 +82,15 @@ bool isJournal(pid_t launcher, const struct stat& status) {
   return std::find(entries.begin(), entries.end(), entry) != entries.end();
 }
 
-LogFacts::Kind kindOf(pid_t launcher, const struct stat& status) {
-  using Kind = LogFacts::Kind;
-  if (S_ISREG(status.st_mode)) return Kind::FILE;
-  if (S_ISFIFO(status.st_mode)) return Kind::PIPE;
+LogKind kindOf(pid_t launcher, const struct stat& status) {
+  if (S_ISREG(status.st_mode)) return LogKind::FILE;
+  if (S_ISFIFO(status.st_mode)) return LogKind::PIPE;
   if (S_ISSOCK(status.st_mode)) {
-    return isJournal(launcher, status) ? Kind::JOURNAL : Kind::SOCKET;
+    return isJournal(launcher, status) ? LogKind::JOURNAL : LogKind::SOCKET;
   }
-  if (!S_ISCHR(status.st_mode)) return Kind::OTHER;
-  return status.st_rdev == ::makedev(1, 3) ? Kind::NULL_DEVICE : Kind::TERMINAL;
+  if (!S_ISCHR(status.st_mode)) return LogKind::OTHER;
+  return status.st_rdev == ::makedev(1, 3) ? LogKind::NULL_DEVICE
+                                           : LogKind::TERMINAL;
 }
 
 std::string withoutBlanks(std::string text) {
@@ -156,23 +157,22 @@ Finding fileFinding(const LogFacts& facts) {
 }  // namespace
 
 LogFacts examineLog(pid_t launcher, const ProcessTable& processes) {
-  using Kind = LogFacts::Kind;
   LogFacts facts;
   const std::string link = procFile(launcher, "fd/2");
   struct stat status {};
   if (::stat(link.c_str(), &status) != 0) {
-    facts.kind = errno == ENOENT ? Kind::CLOSED : Kind::NO_PERMISSION;
+    facts.kind = errno == ENOENT ? LogKind::CLOSED : LogKind::NO_PERMISSION;
     return facts;
   }
   facts.kind = kindOf(launcher, status);
   facts.target = readProcLink(link).value_or("a file");
   // Another descriptor of the launcher has the number.
-  if (facts.target.rfind("anon_inode:", 0) == 0) facts.kind = Kind::CLOSED;
+  if (facts.target.rfind("anon_inode:", 0) == 0) facts.kind = LogKind::CLOSED;
   facts.isDeleted = status.st_nlink == 0;
   facts.isDiskFull = isFull(link);
-  if (facts.kind == Kind::PIPE) findReaders(launcher, processes, facts);
+  if (facts.kind == LogKind::PIPE) findReaders(launcher, processes, facts);
   for (const Process& process : processes.all()) {
-    if (facts.kind == Kind::JOURNAL && process.name == kJournalService) {
+    if (facts.kind == LogKind::JOURNAL && process.name == kJournalService) {
       facts.readers.push_back(process);
     }
   }
@@ -180,35 +180,34 @@ LogFacts examineLog(pid_t launcher, const ProcessTable& processes) {
 }
 
 Finding logFinding(const LogFacts& facts) {
-  using Kind = LogFacts::Kind;
   switch (facts.kind) {
-    case Kind::NO_PERMISSION:
+    case LogKind::NO_PERMISSION:
       return unknownFinding("cannot examine the launcher's standard error",
                             kRunAsRoot);
-    case Kind::CLOSED:
+    case LogKind::CLOSED:
       return {Verdict::WARNING,
               "the launcher has closed its standard error: there is no log",
               kAppendToFile};
-    case Kind::NULL_DEVICE:
+    case LogKind::NULL_DEVICE:
       return {Verdict::WARNING, "the launcher writes its log to /dev/null",
               kAppendToFile};
-    case Kind::TERMINAL:
+    case LogKind::TERMINAL:
       return {Verdict::WARNING,
               "the launcher writes its log to " + facts.target +
                   ": Ctrl-S on that terminal blocks it",
               kAppendToFile};
-    case Kind::FILE:
+    case LogKind::FILE:
       return fileFinding(facts);
-    case Kind::PIPE:
+    case LogKind::PIPE:
       return pipeFinding(facts);
-    case Kind::JOURNAL:
+    case LogKind::JOURNAL:
       for (const Process& service : facts.readers) {
         if (service.state == 'T') return suspendedReader(service);
       }
       return okFinding("the log is in the journal");
-    case Kind::SOCKET:
+    case LogKind::SOCKET:
       return okFinding("the launcher writes its log to a socket");
-    case Kind::OTHER:
+    case LogKind::OTHER:
       break;
   }
   return okFinding("the launcher writes its log to " + facts.target);

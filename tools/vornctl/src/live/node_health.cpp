@@ -1,13 +1,15 @@
 #include "live/node_health.h"
 
 #include "live/event_text.h"
+#include "output/text.h"
 
 namespace vorn::launch {
 namespace {
 
 constexpr size_t kMaxNamedNodes = 3;
-constexpr char kHowToListNodes[] =
-    "'vornctl status --failed' lists the nodes with their last exits";
+constexpr char kHowToExplain[] =
+    "'vornctl status --failed' lists these nodes, 'vornctl why NODE' explains "
+    "the state of one";
 
 /// The sentence about a failing node, after its name.
 std::string problemOf(const NodeView& view) {
@@ -41,7 +43,7 @@ Finding nodesFinding(const std::vector<NodeView>& views,
                        " more nodes have failed");
   }
   if (!problems.empty()) {
-    return {Verdict::ERROR, listOf(problems), kHowToListNodes};
+    return {Verdict::ERROR, listOf(problems), kHowToExplain};
   }
   if (!log_error.empty()) {
     return unknownFinding("no node fails now, but earlier exits are unknown: " +
@@ -49,6 +51,29 @@ Finding nodesFinding(const std::vector<NodeView>& views,
   }
   return okFinding("none of " + std::to_string(views.size()) +
                    " nodes has failed");
+}
+
+Finding programsFinding(const std::vector<NodeView>& views) {
+  std::vector<std::string> stale;
+  bool is_known = true;
+  for (const NodeView& view : views) {
+    if (view.isStale.value_or(false)) stale.push_back(view.name);
+    if (view.pid != 0 && !view.isStale) is_known = false;
+  }
+  if (!stale.empty()) {
+    std::string names;
+    for (const std::string& name : stale) names += ' ' + shellArgument(name);
+    return {Verdict::WARNING,
+            "the programs of these nodes were replaced or removed after their "
+            "start: " +
+                listOf(stale),
+            "vornctl restart" + names};
+  }
+  if (!is_known) {
+    return unknownFinding("cannot examine the programs of all nodes",
+                          kRunAsRoot);
+  }
+  return okFinding("the nodes run the programs that are installed");
 }
 
 Finding orphansFinding(const Orphans& orphans) {

@@ -14,6 +14,9 @@ namespace vorn::launch {
 Finding nodesFinding(const std::vector<NodeView>& views,
                      const std::string& log_error);
 
+/// About the programs of all nodes, with their staleness.
+Finding programsFinding(const std::vector<NodeView>& views);
+
 Finding orphansFinding(const Orphans& orphans);
 
 }  // namespace vorn::launch
