@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <deque>
 
-#include "context/log_target.h"
+#include "context/launcher_log.h"
 #include "live/log_time.h"
 #include "live/node_lines.h"
 #include "output/output.h"
@@ -35,16 +35,16 @@ struct Line {
 
 class Logs {
  public:
-  Logs(Context& context, const LogsOptions& options, const LogTarget& target)
+  Logs(Context& context, const LogsOptions& options, const LauncherLog& log,
+       const std::vector<std::string>& names)
       : context_(context),
         options_(options),
-        log_(target.log),
+        log_(log.location),
         is_journal_(log_.kind == Kind::JOURNAL),
         writers_(is_journal_ && log_.path.empty()),
         since_us_(options.sinceUs) {
-    for (const std::string& name : target.names) {
-      if (options.nodes.empty()) break;
-      const auto* const node = target.launcher.file.find(name);
+    for (const std::string& name : names) {
+      const auto* const node = log.launcher.file.find(name);
       nodes_.push_back({nameInLog(name),
                         node == nullptr ? "" : nameInLog(node->executable)});
     }
@@ -249,10 +249,13 @@ ExitStatus showLogs(Context& context, const LogsOptions& options) {
         "--previous cannot read standard input, which can be read only once");
     return kUsage;
   }
-  const LogTarget target = findLogTarget(context, options.nodes);
-  if (target.status != kDone) return target.status;
+  LauncherLog log = findLauncherLog(context);
+  if (log.status != kDone) return log.status;
+  const std::vector<std::string> names =
+      selectLogged(context, options.nodes, log);
+  if (log.status != kDone) return log.status;
   dieByStopSignals(context.settings().cancelFd);
-  return Logs(context, options, target).run();
+  return Logs(context, options, log, names).run();
 }
 
 }  // namespace vorn::launch

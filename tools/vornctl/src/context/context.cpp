@@ -77,19 +77,17 @@ ExitStatus Context::findLauncher() {
   return exitStatusOf(reply.outcome);
 }
 
-bool Context::tryLauncherProcess() {
+ExitStatus Context::findLauncherProcess() {
   const pid_t pid =
       findListener(client(kStatusReplyLimit).options().socketPath);
   struct stat status {};
-  if (pid == 0 || ::stat(procFile(pid, "").c_str(), &status) != 0) return false;
+  const bool is_known =
+      pid != 0 && ::stat(procFile(pid, "").c_str(), &status) == 0;
   const bool is_trusted = settings_.trustAnyUser || status.st_uid == 0 ||
                           status.st_uid == ::geteuid();
-  if (is_trusted) pid_ = pid;
-  return is_trusted;
-}
-
-ExitStatus Context::findLauncherProcess() {
-  return tryLauncherProcess() ? kDone : findLauncher();
+  if (!is_known || !is_trusted) return findLauncher();
+  pid_ = pid;
+  return kDone;
 }
 
 StatusReply Context::statusBefore(const ControlOptions& options,

@@ -44,14 +44,10 @@ class Context {
   /// status than kDone.
   ExitStatus findLauncher();
 
-  /// As findLauncher(), but looks for the process that listens on the socket
-  /// and sends a request only if it cannot be found. The launcher may not be
-  /// able to answer.
+  /// As findLauncher(), but searches for the process that listens on the
+  /// socket, which may be unable to answer. Sends a request only if /proc does
+  /// not show it, or if it belongs to an untrusted user.
   ExitStatus findLauncherProcess();
-
-  /// As findLauncherProcess(), without a request. False without a message if
-  /// there is no such process, or if it belongs to an untrusted user.
-  bool tryLauncherProcess();
 
   /// Sends a status request for `name` before a request that changes something.
   /// If the outcome is UNKNOWN or NOT_SENT, the message contains the reason and
