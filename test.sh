@@ -158,7 +158,7 @@ run_unit() {
 }
 
 run_system() {
-  install_packages "${SHELL_PACKAGES[@]}"
+  install_packages "${SHELL_PACKAGES[@]}" "${BROWSER_PACKAGES[@]}"
   install_servers "${SERVER_PACKAGES[@]}"
   say "whole-program tests ($1)"
   run_pytest "$1" tests/system

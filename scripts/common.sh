@@ -38,6 +38,8 @@ debian_suite() {
     python3-hypothesis python3-jsonschema python3-yaml pkgconf strace socat)
   CACHE_PACKAGES=(ccache)  # for test.sh; packages are built without it
   SHELL_PACKAGES=(tmux bash-completion zsh fish)  # for the tests of vornctl
+  # For the tests of the page that vornctl writes.
+  BROWSER_PACKAGES=(chromium chromium-driver python3-selenium python3-html5lib)
   SERVER_PACKAGES=(redis-server nginx mosquitto mosquitto-clients curl)
   CLANG_PACKAGES=(clang)
   FUZZ_PACKAGES=(clang llvm libclang-rt-dev)

@@ -85,12 +85,12 @@ def test_the_reference_has_the_options_of_the_help(options):
 
 
 def test_the_synopsis_has_each_command_with_its_options(options):
-    names_of = {word: names for own in options.values() for names in own
-                for word in names}
+    names_of = {command: {word: names for names in own for word in names}
+                for command, own in options.items()}
     found = {}
     for use in section("Synopsis").split("\nvornctl ")[1:]:
         for command in use.split()[0].split("|"):
-            found[command] = {names_of[word] for word in
+            found[command] = {names_of[command][word] for word in
                               re.findall(r"(?<![\w-])--?\w[\w-]*", use)}
     assert found == {command: own for command, own in options.items() if command}
 
@@ -174,7 +174,7 @@ def test_a_command_shows_only_its_own_exit_statuses(help_of):
     assert shown == asking | {
         "status": "0123456789", "ps": "0123456789", "wait": "0123456789",
         "ping": "01256789", "doctor": "012",
-        "names": "01256789", "orphans": "012", "check": "012", "graph": "012", "completion": "012",
+        "names": "01256789", "orphans": "012", "report": "012", "check": "012", "graph": "012", "completion": "012",
         "help": "012"}
 
 

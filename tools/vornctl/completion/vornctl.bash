@@ -97,7 +97,8 @@ _vornctl_offer() {
 _vornctl_offer_value() {
   local option=$1 current=$2 kept=$3 command=$4
   case $option in
-    --launch-file | --log | --socket) compopt -o default ;;  # bash's own, for files
+    # bash's own, for files
+    --launch-file | --log | --output | --socket) compopt -o default ;;
     --color) _vornctl_offer "$current" "$kept" auto always never ;;
     --state)
       _vornctl_offer "$current" "$kept" running stopped disabled restarted succeeded
@@ -111,6 +112,10 @@ _vornctl_offer_value() {
       ;;
     --timeout | --connect-timeout | --for | --ignore | -n | --lines | --reason | --since) ;;
     -o | --columns)
+      if [[ $command == report ]]; then
+        compopt -o default
+        return
+      fi
       local columns=(node state pid uptime started policy required executable
         restarts last_exit cpu memory stale wide)
       local before=${current%"${current##*,}"}
@@ -177,6 +182,7 @@ _vornctl() {
     history) options+=(--json --lines --since) ;;
     logs) options+=(--follow --lines --since --previous) ;;
     names) options+=(--null) ;;
+    report) options+=(--output --since --with-environment) ;;
     check)
       options+=(--format --fail-on --print --ignore --host --no-host --list)
       ;;
@@ -190,7 +196,7 @@ _vornctl() {
   case $command in
     "")
       _vornctl_offer "$current" "$kept" status start stop restart enable \
-        disable wait monitor top why history ps orphans logs ping names check \
+        disable wait monitor top why history ps orphans logs ping names report check \
         graph doctor completion help
       ;;
     check | graph) compopt -o default ;;

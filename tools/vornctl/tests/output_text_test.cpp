@@ -102,6 +102,17 @@ TEST(MermaidTextTest, EscapesMarkup) {
             "ä#34;#35;#38;#60;b#62;#92;#96;#92;n");
 }
 
+TEST(HtmlTextTest, EscapesMarkupQuotesAndInvisibleCharacters) {
+  EXPECT_EQ(htmlText("ä<b a=\"'&\x1b\u202e\xff").str(),
+            "ä&#60;b a=&#34;&#39;&#38;\\x1b\\xe2\\x80\\xae\\xff");
+}
+
+TEST(IsUtf8Test, IsFalseForOverlongAndCutCharacters) {
+  EXPECT_TRUE(isUtf8("aä漢"));
+  EXPECT_FALSE(isUtf8("a\xc3"));
+  EXPECT_FALSE(isUtf8("\xc0\x80"));
+}
+
 TEST(GithubTextTest, EscapesPercentSignsAndInPropertiesSeparators) {
   EXPECT_EQ(githubText("50%, a::b\x1b", GithubPart::MESSAGE).str(),
             "50%25, a::b\\x1b");

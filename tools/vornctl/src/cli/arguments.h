@@ -9,6 +9,7 @@
 #include "commands/orphans.h"
 #include "commands/ps.h"
 #include "commands/history.h"
+#include "commands/report.h"
 #include "commands/start_stop.h"
 #include "commands/status.h"
 #include "commands/wait.h"
@@ -35,6 +36,7 @@ struct Arguments {
   bool isCheckList = false;
   GraphOptions graph;
   LogsOptions logs;
+  ReportOptions report;
   bool isJson = false;
   bool isNulSeparated = false;
   std::string shell;

@@ -43,6 +43,7 @@ Commands::Commands(CLI::App& app) : app_(app) {
   addCommand("ping", "Check that a launcher answers",
              [](Context& context) { return ping(context); });
   addNames();
+  addReport();
   addHelpers();
 }
 
@@ -382,6 +383,26 @@ void Commands::addNames() {
       });
   names->add_flag("-0,--null", arguments_.isNulSeparated,
                   "End each name with NUL instead of a newline");
+}
+
+void Commands::addReport() {
+  ReportOptions& options = arguments_.report;
+  CLI::App* const app =
+      addCommand("report", "Write an HTML file with everything about a problem",
+                 [this](Context& context) {
+                   return writeReport(context, arguments_.report);
+                 });
+  app->add_option("-o,--output", options.output,
+                  "The file, which is replaced if it exists; - is standard "
+                  "output; default: a new file in this directory")
+      ->type_name("FILE");
+  app->add_option(
+         "--since", readPointInTime(options.sinceUs),
+         "The begin of the timeline and the log: a duration before now or "
+         "a date and time; default: 12h")
+      ->type_name("TIME");
+  app->add_flag("--with-environment", options.hasEnvironment,
+                "Also include the values of variables");
 }
 
 void Commands::addHelpers() {

@@ -44,6 +44,7 @@ class Commands {
   void addGraph();
   void addLogs();
   void addNames();
+  void addReport();
   void addHelpers();
 
   CLI::App& app_;

@@ -42,6 +42,9 @@ const std::map<std::string, Examples>& examples() {
       {"doctor", {"doctor", "doctor --json"}},
       {"ping", {"ping", "ping --quiet --timeout 5s"}},
       {"names", {"names", "names --null --launch-file launch.yaml"}},
+      {"report",
+       {"report",
+        "report -o report.html --since 2h --launch-file launch.yaml"}},
       {"completion", {"completion bash", "completion fish"}},
       {"help", {"help", "help status"}},
   };

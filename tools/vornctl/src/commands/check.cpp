@@ -25,22 +25,6 @@ struct Results {
   bool isUnreadable = false;  // one of the files
 };
 
-Diagnostics diagnose(const SourceText& document, const LaunchFile& file,
-                     const CheckOptions& options) {
-  Diagnostics diagnostics(document, options.ignored);
-  checkDocument(file, diagnostics);
-  checkNodes(file, diagnostics);
-  checkDaemons(file, diagnostics);
-  checkEnvironment(file, diagnostics);
-  checkRequired(file, diagnostics);
-  const bool is_file = !document.isStandardInput();
-  if (options.host == Host::YES || (options.host == Host::AUTO && is_file)) {
-    checkHost(document, file, diagnostics);
-  }
-  diagnostics.settle();
-  return diagnostics;
-}
-
 /// Adds the results for one file. False with a sentence in `error` if the file
 /// cannot be read.
 bool checkFile(const std::string& path, const LauncherEnvironment& environment,
@@ -161,6 +145,22 @@ void print(const Settings& settings, const CheckOptions& options,
 }
 
 }  // namespace
+
+Diagnostics diagnose(const SourceText& document, const LaunchFile& file,
+                     const CheckOptions& options) {
+  Diagnostics diagnostics(document, options.ignored);
+  checkDocument(file, diagnostics);
+  checkNodes(file, diagnostics);
+  checkDaemons(file, diagnostics);
+  checkEnvironment(file, diagnostics);
+  checkRequired(file, diagnostics);
+  const bool is_file = !document.isStandardInput();
+  if (options.host == Host::YES || (options.host == Host::AUTO && is_file)) {
+    checkHost(document, file, diagnostics);
+  }
+  diagnostics.settle();
+  return diagnostics;
+}
 
 ExitStatus check(const Context& context, const CheckOptions& options) {
   for (const std::string& name : options.ignored) {

@@ -6,6 +6,7 @@
 #include "check/diagnostic.h"
 #include "context/context.h"
 #include "context/exit_status.h"
+#include "launchfile/launch_file.h"
 
 namespace vorn::launch {
 
@@ -21,6 +22,10 @@ struct CheckOptions {
   Severity failOn = Severity::ERROR;
   std::vector<std::string> ignored;
 };
+
+/// The diagnostics of one file, sorted by location.
+Diagnostics diagnose(const SourceText& document, const LaunchFile& file,
+                     const CheckOptions& options);
 
 /// Prints the diagnostics of launch files: to standard output, or to standard
 /// error if something else is printed. kFailed if there is a diagnostic of the

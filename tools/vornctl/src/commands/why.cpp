@@ -112,22 +112,6 @@ void addFromFile(const LauncherProcess& launcher, NodeFacts& facts) {
   facts.isOneshot = node->oneshot.value;
 }
 
-void collect(const Settings& settings, const LauncherProcess& launcher,
-             NodeFacts& facts) {
-  facts.coreHandler =
-      readProcFile("/proc/sys/kernel/core_pattern").value_or("");
-  while (!facts.coreHandler.empty() && facts.coreHandler.back() == '\n') {
-    facts.coreHandler.pop_back();
-  }
-  addFromFile(launcher, facts);
-  const auto log = findLog(launcher, settings.logFile, facts.logError);
-  addFromLog(launcher, log, facts);
-  addLastExit(launcher, log, facts);
-  addAction(facts);
-  addProcesses(launcher, facts);
-  facts.fullFileSystems = findFull(launcher, log);
-}
-
 void print(const NodeFacts& facts, const NodeVerdict& verdict,
            bool has_colours) {
   Output out = standardOutput();
@@ -156,6 +140,22 @@ void print(const NodeFacts& facts, const NodeVerdict& verdict,
 
 }  // namespace
 
+void collectFacts(const Settings& settings, const LauncherProcess& launcher,
+                  NodeFacts& facts) {
+  facts.coreHandler =
+      readProcFile("/proc/sys/kernel/core_pattern").value_or("");
+  while (!facts.coreHandler.empty() && facts.coreHandler.back() == '\n') {
+    facts.coreHandler.pop_back();
+  }
+  addFromFile(launcher, facts);
+  const auto log = findLog(launcher, settings.logFile, facts.logError);
+  addFromLog(launcher, log, facts);
+  addLastExit(launcher, log, facts);
+  addAction(facts);
+  addProcesses(launcher, facts);
+  facts.fullFileSystems = findFull(launcher, log);
+}
+
 ExitStatus explainNode(Context& context, const WhyOptions& options) {
   NodeFacts facts;
   facts.nowUs = std::time(nullptr) * kSecondUs;
@@ -174,7 +174,7 @@ ExitStatus explainNode(Context& context, const WhyOptions& options) {
         viewOf(targets.launcher, options.node, reply, std::time(nullptr));
   }
   context.clearActivity();
-  collect(context.settings(), targets.launcher, facts);
+  collectFacts(context.settings(), targets.launcher, facts);
   const NodeVerdict verdict = judge(facts);
   if (!context.settings().isQuiet) {
     print(facts, verdict, context.settings().hasColours);

@@ -4,12 +4,19 @@
 
 #include "context/context.h"
 #include "context/exit_status.h"
+#include "live/node_verdict.h"
 
 namespace vorn::launch {
 
 struct WhyOptions {
   std::string node;
 };
+
+/// Adds to `facts`, which has the view of a node of `launcher` and the time,
+/// what the log, the records of actions, the launch file and /proc say about
+/// it.
+void collectFacts(const Settings& settings, const LauncherProcess& launcher,
+                  NodeFacts& facts);
 
 /// Prints why a node is in its state, and what to do. kDone if it is as it
 /// should be, otherwise kFailed.

@@ -208,17 +208,28 @@ std::optional<LauncherProcess> inspectLauncher(pid_t pid,
                                                const std::string& launch_file,
                                                std::string& error) {
   LauncherProcess launcher = identifyLauncher(pid, launch_file);
-  const bool is_ours = !launch_file.empty();
-  const auto document =
-      is_ours ? readOurs(launcher, error) : readItsArgument(launcher, error);
-  auto file = document ? loadLaunchFile(*document, environmentOf(pid), error)
-                       : std::nullopt;
+  const auto document = readLaunchFile(launcher, launch_file, error);
+  if (!document) return std::nullopt;
+  auto file = loadLaunchFile(*document, environmentOf(pid), error);
   if (!file) {
-    if (!is_ours) error += kHowToName;
+    if (launch_file.empty()) error += kHowToName;
     return std::nullopt;
   }
   launcher.file = std::move(*file);
   return launcher;
+}
+
+std::optional<SourceText> readLaunchFile(LauncherProcess& launcher,
+                                         const std::string& launch_file,
+                                         std::string& error) {
+  if (!launch_file.empty()) return readOurs(launcher, error);
+  auto document = readItsArgument(launcher, error);
+  if (!document) error += kHowToName;
+  return document;
+}
+
+LauncherEnvironment launcherEnvironment(pid_t pid) {
+  return pid == 0 ? ownEnvironment() : environmentOf(pid);
 }
 
 std::optional<bool> executableExists(const LauncherProcess& launcher,

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "launchfile/launch_file.h"
+#include "launchfile/parser.h"
 
 // The facts that /proc shows of a running launcher. Everything here only reads,
 // and can fail without permission: of a launcher of another user only the
@@ -40,6 +41,17 @@ LauncherProcess identifyLauncher(pid_t pid, const std::string& launch_file);
 std::optional<LauncherProcess> inspectLauncher(pid_t pid,
                                                const std::string& launch_file,
                                                std::string& error);
+
+/// The text of the launch file of `launcher`, which identifyLauncher() returned
+/// for the same `launch_file`; sets `hasChanged`. Nothing if it cannot be read;
+/// `error` is then a sentence with the reason and how to name another file.
+std::optional<SourceText> readLaunchFile(LauncherProcess& launcher,
+                                         const std::string& launch_file,
+                                         std::string& error);
+
+/// The environment in which the launcher `pid` reads its launch file; that of
+/// this process for 0.
+LauncherEnvironment launcherEnvironment(pid_t pid);
 
 /// Whether the executable of `node` exists for the launcher. Nothing if
 /// unknown.

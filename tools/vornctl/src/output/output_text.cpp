@@ -162,6 +162,12 @@ OutputText githubText(std::string_view raw, GithubPart part) {
   }));
 }
 
+OutputText htmlText(std::string_view raw) {
+  return OutputText(replaced(visible(raw), "&<>\"'", [](char letter) {
+    return "&#" + std::to_string(static_cast<int>(letter)) + ';';
+  }));
+}
+
 OutputText jsonText(const nlohmann::ordered_json& value, int indent) {
   std::string text =
       value.dump(indent, ' ', true, nlohmann::json::error_handler_t::replace);
@@ -177,6 +183,15 @@ OutputText nulTerminated(const std::string& raw) {
 }
 
 OutputText spaces(size_t count) { return OutputText(std::string(count, ' ')); }
+
+bool isUtf8(std::string_view text) {
+  for (size_t i = 0; i < text.size();) {
+    const Character character = characterAt(text, i);
+    if (!character.is_valid) return false;
+    i += character.length;
+  }
+  return true;
+}
 
 size_t displayWidth(const OutputText& text) {
   size_t width = 0;

@@ -55,6 +55,7 @@ class OutputText {
   friend OutputText dotText(std::string_view raw);
   friend OutputText mermaidText(std::string_view raw);
   friend OutputText githubText(std::string_view raw, GithubPart part);
+  friend OutputText htmlText(std::string_view raw);
   friend OutputText jsonText(const nlohmann::ordered_json& value, int indent);
   friend OutputText nulTerminated(const std::string& raw);
   friend OutputText spaces(size_t count);
@@ -80,6 +81,9 @@ OutputText mermaidText(std::string_view raw);
 /// For this part of a workflow command of GitHub.
 OutputText githubText(std::string_view raw, GithubPart part);
 
+/// For the text of an HTML or SVG element, and for an attribute in quotes.
+OutputText htmlText(std::string_view raw);
+
 /// A JSON document and a line end, in ASCII: other characters are escaped, and
 /// bytes that are not UTF-8 replaced by U+FFFD. On one line if `indent` is -1.
 OutputText jsonText(const nlohmann::ordered_json& value, int indent = 2);
@@ -89,6 +93,9 @@ OutputText nulTerminated(const std::string& raw);
 
 /// As many spaces.
 OutputText spaces(size_t count);
+
+/// Whether all bytes of the text are UTF-8.
+bool isUtf8(std::string_view text);
 
 /// The columns that the text takes on a terminal.
 size_t displayWidth(const OutputText& text);
