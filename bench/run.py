@@ -21,7 +21,8 @@ from harness.sandbox import ROOT  # noqa: E402
 
 from harness import plot, report  # noqa: E402
 
-MEASUREMENTS = ("start", "memory", "idle", "status", "deaths", "stops", "load")
+MEASUREMENTS = ("start", "memory", "idle", "status", "deaths", "stops", "load",
+                "queries")
 
 
 def machine():

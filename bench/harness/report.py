@@ -105,8 +105,17 @@ def _load(found):
     return text + "\n" + "".join(f"{k}: {_number(v)}\n" for k, v in profile.items())
 
 
+def _queries(found):
+    rows = [(name, *(_range(one[kind], 1e3) for kind in one))
+            for name, one in found["queries"].items()]
+    return (f"\n{found['nodes']} nodes, {found['processes']} processes, a log of "
+            f"{found['log bytes'] >> 20} MiB\n\n"
+            + _table(("", "processor, ms", "duration, ms"), rows))
+
+
 _FORMS = {"start": _start, "memory": _memory, "idle": _idle, "status": _status,
-          "deaths": _deaths, "stops": _stops, "load": _load}
+          "deaths": _deaths, "stops": _stops, "load": _load,
+          "queries": _queries}
 
 
 def text(name, found):

@@ -104,6 +104,11 @@ class Sandbox:
             for pid in pids:
                 os.sched_setaffinity(pid, {max(os.sched_getaffinity(0))})
 
+    @property
+    def process_id(self):
+        """The host pid of the process that has created the namespaces."""
+        return self._process.pid
+
     def launcher(self):
         """The host pid of the only supervising process."""
         supervisors, _ = self.processes()

@@ -8,6 +8,7 @@
 namespace vorn::launch {
 namespace {
 
+constexpr std::string_view kLauncher = "vornlaunch";
 // The journal stores a line some time after it was written, and the clock of a
 // process's start is not that of the journal.
 constexpr int64_t kJournalDelayUs = 5'000'000;
@@ -22,8 +23,12 @@ bool hasPrefix(std::string_view text, const std::string& prefix) {
 }  // namespace
 
 std::optional<LogLine> launcherLineIn(const LogRecord& record) {
+  // Most lines of a log are those of nodes.
+  if (record.text.find(kLauncher) == std::string_view::npos) {
+    return std::nullopt;
+  }
   auto line = parseLogLine(record.text);
-  if (!line || line->program != "vornlaunch") return std::nullopt;
+  if (!line || line->program != kLauncher) return std::nullopt;
   if (record.pid != 0 && record.pid != line->pid) return std::nullopt;
   return line;
 }
@@ -74,7 +79,7 @@ std::string LineWriters::nodeOf(const LogRecord& record) {
   std::string node = endedNodeOf(record);
   if (node.empty() && sees_processes_) node = runningNodeOf(record);
   // The launcher gives its own identifier to its nodes.
-  if (node.empty() && record.identifier != "vornlaunch") {
+  if (node.empty() && record.identifier != kLauncher) {
     node = nameInLog(record.identifier);
   }
   return node;
