@@ -100,11 +100,15 @@ std::string withoutBlanks(std::string text) {
   return text;
 }
 
-bool isFull(const std::string& link) {
+/// Whether the file system of an open file has no space for the launcher.
+bool isFull(pid_t launcher, const std::string& link) {
   struct statvfs space {};
-  // The space for root, who has a reserve.
-  return ::statvfs(link.c_str(), &space) == 0 && space.f_blocks > 0 &&
-         space.f_bfree == 0;
+  struct stat owner {};
+  if (::statvfs(link.c_str(), &space) != 0 || space.f_blocks == 0) return false;
+  const bool is_root =
+      ::stat(procFile(launcher, "").c_str(), &owner) == 0 && owner.st_uid == 0;
+  // Root has a reserve.
+  return (is_root ? space.f_bfree : space.f_bavail) == 0;
 }
 
 Finding suspendedReader(const Process& reader) {
@@ -169,7 +173,7 @@ LogFacts examineLog(pid_t launcher, const ProcessTable& processes) {
   // Another descriptor of the launcher has the number.
   if (facts.target.rfind("anon_inode:", 0) == 0) facts.kind = LogKind::CLOSED;
   facts.isDeleted = status.st_nlink == 0;
-  facts.isDiskFull = isFull(link);
+  facts.isDiskFull = isFull(launcher, link);
   if (facts.kind == LogKind::PIPE) findReaders(launcher, processes, facts);
   for (const Process& process : processes.all()) {
     if (facts.kind == LogKind::JOURNAL && process.name == kJournalService) {

@@ -9,12 +9,13 @@ namespace {
 constexpr std::string_view kForm = "dddd-dd-ddTdd:dd:dd.ddddddZ ";
 static_assert(kForm.size() == kLogTimeLength + 1);
 
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool isDateDigit(char c) { return c >= '0' && c <= '9'; }
 
 bool hasTimeForm(std::string_view line) {
   if (line.size() < kForm.size()) return false;
   for (size_t i = 0; i < kForm.size(); ++i) {
-    if (kForm[i] == 'd' ? !isDigit(line[i]) : line[i] != kForm[i]) return false;
+    if (kForm[i] == 'd' ? !isDateDigit(line[i]) : line[i] != kForm[i])
+      return false;
   }
   return true;
 }
