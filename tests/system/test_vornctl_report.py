@@ -123,6 +123,18 @@ def test_the_host_and_the_launcher_are_described(night):
     assert re.fullmatch(r"\S+ of \S+ free", facts["Disk of the log"])
 
 
+def test_the_findings_about_the_installation_are_those_of_doctor(night):
+    printed = night.vornctl("doctor").stdout.splitlines()
+    found = [row[:2] for row in report(night).rows("installation")[1:]]
+    assert found and [line.split()[:2] for line in printed[:-1]] == [
+        [verdict, name] for name, verdict in found]
+
+
+def test_the_processes_of_nodes_have_their_memory(night):
+    header, camera, *_ = report(night).rows("nodes")
+    assert re.fullmatch(r"[\d.]+[KM]", camera[header.index("memory")])
+
+
 def test_secrets_are_in_no_part_of_the_page(night):
     text = report(night).text
     assert [secret for secret in SECRETS if secret in text] == []

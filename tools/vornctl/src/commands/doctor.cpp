@@ -243,11 +243,6 @@ constexpr Examination kExaminations[] = {
     {"tmp-cleaning", &Installation::tmpCleaning},
 };
 
-struct NamedFinding {
-  std::string name;
-  Finding finding;
-};
-
 Colour colourOf(Verdict verdict) {
   switch (verdict) {
     case Verdict::ERROR:
@@ -315,15 +310,22 @@ void printFindingsAsJson(const std::vector<NamedFinding>& findings,
 
 }  // namespace
 
-ExitStatus examineInstallation(Context& context, bool is_json) {
+std::vector<NamedFinding> findingsOf(Context& context, pid_t& launcher) {
   const Installation installation(context);
   std::vector<NamedFinding> findings;
   for (const Examination& each : kExaminations) {
     findings.push_back({each.name, (installation.*each.examine)()});
   }
   context.clearActivity();
+  launcher = installation.pid();
+  return findings;
+}
+
+ExitStatus examineInstallation(Context& context, bool is_json) {
+  pid_t launcher = 0;
+  const std::vector<NamedFinding> findings = findingsOf(context, launcher);
   if (is_json) {
-    printFindingsAsJson(findings, installation.pid());
+    printFindingsAsJson(findings, launcher);
   } else {
     printFindings(findings, context.settings());
   }

@@ -23,7 +23,9 @@
 #include "live/host_facts.h"
 #include "live/log_source.h"
 #include "live/node_history.h"
+#include "live/node_usage.h"
 #include "live/proc_file.h"
+#include "live/process_table.h"
 #include "system/atomic_file.h"
 #include "vornctl_version.h"
 
@@ -65,6 +67,8 @@ class ReportGatherer {
     readHistory(history);
     history.finish(page_.timeUs, page_);
     addVerdicts();
+    pid_t launcher = 0;
+    page_.findings = findingsOf(context_, launcher);
     addFacts();
     return std::move(page_);
   }
@@ -179,6 +183,10 @@ class ReportGatherer {
       view.executable = masking_.masked(view.executable);
     }
     context_.clearActivity();
+    if (page_.nodes.empty()) return;
+    const ProcessTable table = ProcessTable::read();
+    addUsage(table, launcher_, page_.nodes);
+    addStaleness(table, launcher_, page_.nodes);
   }
 
   void readHistory(ReportHistory& history) {

@@ -129,6 +129,7 @@ void printHeader(Output& out, const ReportPage& page) {
          "<li><a href=\"#required\">Required nodes</a></li>\n"
          "<li><a href=\"#file\">Launch file</a></li>\n"
          "<li><a href=\"#log\">Log</a></li>\n"
+         "<li><a href=\"#installation\">Installation</a></li>\n"
          "<li><a href=\"#host\">Host</a></li>\n"
          "</ul></nav>\n<main id=\"main\">\n";
 }
@@ -145,7 +146,10 @@ OutputText nodeCell(const NodeView& view, const std::string& column) {
     text = "<span aria-hidden=\"true\">" + symbolFor(view.condition) +
            "</span> " + text;
   }
-  return "<td class=\"" + classFor(cell.colour) + "\"><bdi>" + text +
+  // A date and a state are easier to read on one line.
+  const bool is_line = column == "started" || column == "state";
+  return "<td class=\"" + classFor(cell.colour) +
+         (is_line ? OutputText(" nowrap") : OutputText()) + "\"><bdi>" + text +
          "</bdi></td>";
 }
 
@@ -363,6 +367,38 @@ void printLog(Output& out, const ReportPage& page) {
   out << "</pre></div>\n</section>\n";
 }
 
+OutputText classFor(Verdict verdict) {
+  switch (verdict) {
+    case Verdict::ERROR:
+      return "bad";
+    case Verdict::WARNING:
+      return "warn";
+    case Verdict::UNKNOWN:
+      return "muted";
+    case Verdict::PASSED:
+      break;
+  }
+  return "good";
+}
+
+void printInstallation(Output& out, const ReportPage& page) {
+  beginSection(out, "installation", "Installation");
+  beginScroll(out, "Table of the findings");
+  out << "<table>\n<caption>The findings of <code>vornctl "
+         "doctor</code></caption>\n<thead><tr><th "
+         "scope=\"col\">Examination</th><th scope=\"col\">Verdict</th><th "
+         "scope=\"col\">Finding</th></tr></thead>\n<tbody>\n";
+  for (const auto& [name, finding] : page.findings) {
+    out << "<tr><th scope=\"row\">" << htmlText(name) << "</th><td class=\""
+        << classFor(finding.verdict) << "\">"
+        << htmlText(wordFor(finding.verdict)) << "</td><td>"
+        << htmlText(finding.text);
+    if (!finding.remedy.empty()) out << "; " << htmlText(finding.remedy);
+    out << "</td></tr>\n";
+  }
+  out << "</tbody></table></div>\n</section>\n";
+}
+
 void printHost(Output& out, const ReportPage& page) {
   beginSection(out, "host", "Host and launcher");
   out << "<div class=\"scroll\">\n<table class=\"facts\">\n<caption>Facts at "
@@ -398,6 +434,7 @@ void printReportPage(Output& out, const ReportPage& page) {
   printTimelineSection(out, page);
   printLaunchFile(out, page);
   printLog(out, page);
+  printInstallation(out, page);
   printHost(out, page);
   printFooter(out, page);
 }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "check/diagnostic.h"
+#include "commands/doctor.h"
 #include "commands/report_timeline.h"
 #include "launchfile/launch_file.h"
 #include "live/host_facts.h"
@@ -39,6 +40,7 @@ struct ReportPage {
   int64_t timeUs = 0;
   std::vector<std::string> notices;  // parts that are missing, and why
   std::vector<HostFact> facts;
+  std::vector<NamedFinding> findings;
   std::vector<NodeView> nodes;
   std::vector<ReportVerdict> verdicts;
   size_t omittedVerdicts = 0;
