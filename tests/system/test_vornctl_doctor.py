@@ -176,6 +176,18 @@ def test_a_zombie_with_the_digits_of_a_node_is_found(robot):
         finding["finding"])
 
 
+@needs_root
+def test_the_launcher_of_another_user_is_not_examined(machine):
+    machine.tmp.chmod(0o1777)
+    machine.start(launch_file(machine), wrapper=AS_NOBODY)
+    findings = examined(machine)
+    assert findings["answer"]["verdict"] == "error"
+    assert "belongs to user 65534" in findings["answer"]["finding"]
+    assert findings["launch-file"]["verdict"] == "unknown"
+    trusting = examined(machine, "--trust-any-user")
+    assert trusting["answer"]["verdict"] == trusting["launch-file"]["verdict"] == "ok"
+
+
 # -- The nodes.
 
 

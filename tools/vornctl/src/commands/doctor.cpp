@@ -46,7 +46,8 @@ class Installation {
     const pid_t pid = findLauncherProcess();
     launchers_ = launchersNextTo(pid, processes_);
     views_error_ = kNoAnswer;
-    if (pid == 0) return;
+    // The process of another user could name any files as its own.
+    if (pid == 0 || !isTrusted(pid)) return;
     const std::string& launch_file = context_.settings().launchFile;
     auto launcher = inspectLauncher(pid, launch_file, file_error_);
     launcher_ = launcher ? *launcher : identifyLauncher(pid, launch_file);
@@ -145,6 +146,13 @@ class Installation {
   bool hasAnswered() const {
     return reply_.outcome == Outcome::DONE ||
            reply_.outcome == Outcome::NOT_FOUND;
+  }
+
+  bool isTrusted(pid_t pid) const {
+    struct stat status {};
+    if (::stat(procFile(pid, "").c_str(), &status) != 0) return false;
+    return context_.settings().trustAnyUser || status.st_uid == 0 ||
+           status.st_uid == ::geteuid();
   }
 
   void ask() {
