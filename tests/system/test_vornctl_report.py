@@ -9,7 +9,7 @@ import stat
 import pytest
 
 from support.report_page import HIDDEN, HOSTILE, Page
-from support.vornctl import VORNCTL, on_terminal
+from support.vornctl import VORNCTL, on_terminal, running
 from support.waiting import eventually
 
 SECRETS = ["hunter-two", "of-camera", "old-password", "in-an-argument", "/a/secret"]
@@ -86,7 +86,7 @@ def test_the_timeline_has_the_runs_exits_and_commands_of_each_node(night):
     assert "killed by SIGTERM" in lidar
     assert "command stop by root: clean the <b>lens</b>" in lidar
     assert "command start by root" in lidar
-    assert any(title.endswith("has not ended") for title in page.titles("lidar"))
+    assert any(title.endswith("still running") for title in page.titles("lidar"))
     assert "exited with status 3" in "\n".join(page.titles("flaky"))
     assert "killed by SIGSEGV" in "\n".join(page.titles("segv"))
 
@@ -280,6 +280,17 @@ def test_a_report_that_cannot_be_printed_is_an_error(night):
     done = night.execute("sh", "-c", f"{VORNCTL} report -o - >/dev/full")
     assert (done.returncode, done.stderr) == (
         1, "vornctl: cannot write the report: No space left on device\n")
+
+
+def test_an_interrupted_report_is_not_written(night):
+    night.signal(signal.SIGSTOP)
+    with running(night, "report", "-o", "/tmp/report.html") as client:
+        client.wait_until_polling()
+        client.signal(signal.SIGINT)
+        assert client.end() == (
+            1, "", "vornctl: interrupted; no report was written\n")
+    night.signal(signal.SIGCONT)
+    assert list(night.tmp.glob("report.html*")) == []
 
 
 def test_a_report_is_not_printed_on_a_terminal(machine):

@@ -61,6 +61,9 @@ TEST(ReportHistoryTest, ARunWithoutAnExitEndsAtTheEnd) {
   const TimelineRow row = rowAfter({eventAt(10, ReportedKind::STARTED)});
   ASSERT_EQ(row.runs.size(), 1U);
   EXPECT_EQ(row.runs[0].endUs, kHistoryEnd);
+  EXPECT_EQ(row.runs[0].title,
+            "1970-01-01 00:16:50Z to 1970-01-01 00:33:20Z: its end is not in "
+            "the log");
 }
 
 TEST(ReportHistoryTest, ANodeThatRunsNowIsShownWithoutEventsInTheLog) {

@@ -113,11 +113,12 @@ void ReportHistory::add(const ActionRecord& action,
 void ReportHistory::finish(int64_t end_us, ReportPage& page) {
   for (const NodeView& view : page.nodes) {
     if (view.condition != Condition::RUNNING) continue;
-    running_.emplace(rowOf(nameInLog(view.name)),
-                     view.startSeconds * kHistoryUsPerSecond);
+    const size_t row = rowOf(nameInLog(view.name));
+    running_.emplace(row, view.startSeconds * kHistoryUsPerSecond);
+    endRun(row, end_us, "still running");
   }
   while (!running_.empty()) {
-    endRun(running_.begin()->first, end_us, "has not ended");
+    endRun(running_.begin()->first, end_us, "its end is not in the log");
   }
   std::stable_sort(events_.begin(), events_.end(),
                    [](const ReportEvent& a, const ReportEvent& b) {
