@@ -25,6 +25,8 @@ exec sleep 1000
 """
 KEYS = ("Up/Down  s start  t stop  r restart  e enable  d disable  ? help"
         "  q quit")
+WIDE_KEYS = KEYS.replace(
+    "? help", "/ filter  ! failing  l log  i why  ? help")
 NARROW_KEYS = "s start t stop r restart ? help q quit"
 NARROWEST_KEYS = "? help  q quit"
 SELECTED = re.compile(r"\x1b\[(0;)?7m")
@@ -53,7 +55,7 @@ def top(machine, *arguments, **options):
 def shown(machine, *arguments, **options):
     """A terminal in which top shows the nodes."""
     terminal = top(machine, *arguments, **options)
-    terminal.wait_for_text("POLICY")
+    terminal.wait_for_text("STATE(S)")
     return terminal
 
 
@@ -116,26 +118,30 @@ def wait_for_end(terminal, status):
 
 def test_the_screen_shows_every_node_in_the_order_of_the_file(robot):
     camera, lidar = (robot.status(name).pid for name in ("camera", "lidar"))
-    screen = shown(robot).screen()
-    # Only the seconds are unknown.
-    screen = [re.sub(r" \d+s {4,5}", " 0s     ", line) for line in screen]
+    terminal = shown(robot, columns=120)
+    screen = terminal.wait_for(lambda screen: re.search(r" \dK|\dM", screen[2]),
+                               "the memory of the camera")
+    # Only the seconds and the use of the processor and of memory are unknown.
+    screen = [re.sub(r" \d+\.\d +\d\S+ +\d+s +", " 0.0  9M  0s ", line)
+              for line in screen]
     assert screen == [
         f"launcher {robot.pid}  4 nodes: 2 never started, 2 running"
         "  /tmp/launch.yaml",
-        "NODE    STATE          PID    UPTIME  POLICY   REQUIRED",
-        f"camera  running        {camera}  0s      restart  lidar",
-        f"lidar   running        {lidar}  0s      restart  -",
-        "manual  never started  -      -       manual   -",
-        "off     never started  -      -       restart  -",
+        "NODE(N)  STATE(S)       PID(P)  CPU(C)  MEM(M)  UPTIME(U)  RESTARTS(R)"
+        "  POLICY   REQUIRED",
+        f"camera   running        {camera}   0.0  9M  0s 0            restart  lidar",
+        f"lidar    running        {lidar}   0.0  9M  0s 0            restart  -",
+        "manual   never started  -       -       -       -          0            manual   -",
+        "off      never started  -       -       -       -          0            restart  -",
         *[""] * 17,
-        KEYS,
+        WIDE_KEYS,
     ]
 
 
 def test_only_the_named_nodes_are_shown(robot):
     screen = shown(robot, "lidar", "o*").screen()
     assert [line.split(" ")[0] for line in screen if line] == [
-        "launcher", "NODE", "lidar", "off", "Up/Down"]
+        "launcher", "NODE(N)", "lidar", "off", "Up/Down"]
 
 
 def test_a_name_that_the_launcher_does_not_know_is_unknown(robot):
@@ -148,7 +154,8 @@ def test_a_launch_file_without_nodes_leaves_the_table_empty(machine):
     screen = terminal.screen()
     assert [line for line in screen if line] == [
         f"launcher {machine.pid}  0 nodes  /tmp/launch.yaml",
-        "NODE  STATE  PID  UPTIME  POLICY  REQUIRED", KEYS]
+        "NODE(N)  STATE(S)  PID(P)  CPU(C)  MEM(M)  UPTIME(U)  RESTARTS(R)  POLICY"
+        "  REQU…", KEYS]
     terminal.press("q")
     assert wait_for_end(terminal, 0) == ""
 
@@ -179,7 +186,7 @@ def test_names_are_shown_as_they_are_where_no_locale_is_set(machine):
     environment = {"LC_ALL": "C.UTF-8"}  # for tmux
     terminal = Terminal(machine, "env", "-u", "LC_ALL", VORNCTL, "top",
                         environment=environment)
-    assert terminal.wait_for_text("POLICY")[2].startswith("日本語  running")
+    assert terminal.wait_for_text("STATE(S)")[2].startswith("日本語   running")
 
 
 def test_a_long_name_leaves_room_for_the_state(machine):
@@ -195,6 +202,17 @@ def test_states_are_coloured(robot):
     assert "\x1b[32mrunning" in lines[3].replace("\x1b[39m", "")
 
 
+def test_the_row_of_a_failing_node_has_one_colour(machine):
+    machine.start({"vornnode": {
+        "camera": {"path": stay(machine)},
+        "crasher": {"path": machine.script("crasher", "exit 1")}}})
+    terminal = shown(machine)
+    terminal.press("Down")
+    wait_for_row(terminal, "crasher", "restarting")
+    row = next(line for line in terminal.screen("-e") if "crasher" in line)
+    assert re.search(r"\x1b\[33m.*crasher.*\x1b\[33mrestarting.*\x1b\[33m1", row)
+
+
 @pytest.mark.parametrize("arguments, environment", [
     ([], {"NO_COLOR": "1"}), (["--color", "never"], {}),
     ([], {"TERM": "xterm-mono"}),
@@ -203,7 +221,7 @@ def test_no_colours_are_used_if_they_are_disabled(robot, arguments, environment)
     # tmux itself needs a TERM different from the program's.
     words = [f"{name}={value}" for name, value in environment.items()]
     terminal = Terminal(robot, "env", *words, VORNCTL, "top", *arguments)
-    terminal.wait_for_text("POLICY")
+    terminal.wait_for_text("STATE(S)")
     text = "\n".join(terminal.screen("-e"))
     assert SELECTED.search(text)
     assert not re.search(r"\x1b\[[0-9;]*\b[34][0-7]m", text)
@@ -292,7 +310,7 @@ def test_a_key_shows_help_in_ten_rows_of_forty_columns(robot):
     screen = terminal.wait_for_text("Press a key to return.")
     assert len(screen) == 10 and not any("…" in line for line in screen)
     assert {line.split()[0] for line in screen[:-1]} == {
-        "Up/Down", "PgUp/PgDn", "s", "t", "r", "e", "d", "u", "q"}
+        "Up/Down", "PgUp/PgDn", "s", "e", "N", "/", "l", "u", "q"}
     terminal.press("q")  # The key only returns
     terminal.wait_for_text("camera")
     assert terminal.screen()[-1] == NARROW_KEYS
@@ -347,6 +365,119 @@ def test_keys_without_a_meaning_do_nothing(robot):
     terminal.press("Down")
     wait_for_selected(terminal, "lidar")
     assert len(robot.log()) == before
+
+
+# -- The order, the filter and the log.
+
+
+def order(screen, *known):
+    """The names of the nodes on a screen."""
+    return [line.split()[0] for line in screen if line.split()[:1] and
+            line.split()[0] in known]
+
+
+def wait_for_order(terminal, *expected):
+    known = ("camera", "lidar", "manual", "off", "crasher", "memory", "busy")
+    return terminal.wait_for(lambda screen: order(screen, *known) == list(expected),
+                             f"the order {expected}")
+
+
+def test_failing_nodes_are_first_and_the_selection_follows_its_node(machine):
+    machine.start({"vornnode": {
+        "camera": {"path": stay(machine)},
+        "crasher": {"path": machine.script(
+            "crasher", "while [ ! -e /tmp/crash ]; do sleep 0.1; done; exit 1")}}})
+    terminal = shown(machine)
+    wait_for_order(terminal, "camera", "crasher")
+    assert selected(terminal) == "camera"
+    machine.file("crash", "")
+    wait_for_order(terminal, "crasher", "camera")
+    assert selected(terminal) == "camera"
+
+
+def test_a_letter_sorts_by_its_column_and_again_by_the_default_order(machine):
+    machine.start({"vornnode": {
+        "camera": {"path": stay(machine)},
+        "memory": {"path": machine.script(
+            "memory", "exec /usr/bin/python3 -c 'import time; time.sleep(1000)'")},
+        "busy": {"path": machine.script("busy", "while :; do :; done")}}})
+    terminal = shown(machine, columns=100)
+    terminal.press("N")
+    screen = wait_for_order(terminal, "busy", "camera", "memory")
+    assert screen[0].endswith("  by node")
+    terminal.press("M")
+    wait_for_order(terminal, "memory", *order(
+        terminal.screen(), "busy", "camera"))
+    terminal.press("C")
+    terminal.wait_for(lambda screen: order(screen, "busy", "camera", "memory")[0]
+                      == "busy", "the busy node is first")
+    terminal.press("C")
+    wait_for_order(terminal, "camera", "memory", "busy")
+
+
+def test_the_share_of_the_processor_is_that_of_the_present(machine):
+    machine.start({"vornnode": {"busy": {"path": machine.script(
+        "busy", "while [ ! -e /tmp/idle ]; do :; done; exec sleep 1000")}}})
+    terminal = shown(machine)
+
+    def percent(screen):
+        found = re.search(r"^busy +running +\d+ +(\d+\.\d)", "\n".join(screen), re.M)
+        return float(found[1]) if found else None
+
+    terminal.wait_for(lambda screen: (percent(screen) or 0) > 1, "it is busy")
+    machine.file("idle", "")
+    terminal.wait_for(lambda screen: percent(screen) == 0, "it is idle")
+
+
+def test_a_filter_shows_the_nodes_with_this_text(robot):
+    terminal = shown(robot)
+    terminal.press("/")
+    terminal.type("ma")
+    screen = wait_for_order(terminal, "manual")
+    assert screen[-1] == "/ma_"
+    terminal.press("Enter")
+    screen = terminal.wait_for(lambda screen: screen[-1] == KEYS, "the keys")
+    assert screen[0].endswith("  1-1 of 1, filter 'ma'")
+    # A key acts on a node of the filtered list.
+    terminal.press("s")
+    terminal.wait_for_text("manual: started")
+    terminal.press("/", "BSpace", "BSpace")
+    wait_for_order(terminal, "camera", "lidar", "manual", "off")
+    terminal.type("x")
+    wait_for_order(terminal)
+    terminal.press("Enter", "t")  # acts on no node
+    terminal.press("/", "Escape")
+    wait_for_order(terminal, "camera", "lidar", "manual", "off")
+
+
+def test_only_failing_nodes_are_shown_on_request(robot):
+    terminal = shown(robot)
+    terminal.press("!")
+    screen = wait_for_order(terminal)
+    assert screen[0].endswith("  0 of 0, failing")
+    terminal.press("!")
+    wait_for_order(terminal, "camera", "lidar", "manual", "off")
+
+
+def test_the_log_is_shown_below_the_nodes(robot):
+    terminal = shown(robot)
+    terminal.press("l")
+    screen = terminal.wait_for(lambda screen: "Log" in screen, "the log")
+    assert order(screen, "camera", "lidar", "manual", "off") == [
+        "camera", "lidar", "manual", "off"]
+    terminal.press("End", "e")
+    terminal.wait_for_text("control cmd: 5")
+    terminal.press("l")
+    terminal.wait_for(lambda screen: "Log" not in screen, "no log")
+
+
+def test_the_reason_for_the_state_of_a_node_is_shown(robot):
+    terminal = shown(robot)
+    terminal.press("Down", "i")
+    screen = terminal.wait_for_text("Press a key to return.")
+    assert screen[0].startswith("lidar ")
+    terminal.press("q")  # The key only returns
+    wait_for_selected(terminal, "lidar")
 
 
 # -- Changes by others.
@@ -417,7 +548,8 @@ def test_the_rows_follow_the_selection(fleet):
         (["Home"], 0, 9, "node00"),
     ]:
         terminal.press(*keys)
-        wait_for_rows(terminal, first, last)
+        screen = wait_for_rows(terminal, first, last)
+        assert screen[0].endswith(f"  {first + 1}-{last + 1} of 30")
         wait_for_selected(terminal, name)
 
 
@@ -522,10 +654,10 @@ def test_it_can_be_suspended_and_continued(robot):
                         environment={"PS1": "$ "})
     terminal.wait_for_text("$")
     terminal.run(f"{VORNCTL} top")
-    terminal.wait_for_text("POLICY")
+    terminal.wait_for_text("STATE(S)")
     terminal.press("C-z")
     screen = terminal.wait_for_text("Stopped")
-    assert not any("POLICY" in line for line in screen)
+    assert not any("STATE(S)" in line for line in screen)
     assert (terminal.get("alternate_on"), terminal.get("cursor_flag")) == ("0", "1")
     # The launcher is not blocked, and changes are detected afterwards.
     robot.request(Cmd.STOP, "lidar")
@@ -541,7 +673,7 @@ def test_it_can_be_suspended_and_continued(robot):
 def test_it_does_not_outlive_its_terminal(robot):
     # SIGHUP is ignored, so only the end of the terminal indicates it.
     terminal = Terminal(robot, "sh", "-c", f"trap '' HUP; {VORNCTL} top")
-    terminal.wait_for_text("POLICY")
+    terminal.wait_for_text("STATE(S)")
     terminal.tmux("kill-server")
     eventually(lambda: all(p.name != "vornctl" for p in robot.processes()),
                "top ends")

@@ -4,21 +4,21 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <ctime>
 #include <map>
 #include <optional>
 
+#include "commands/top_facts.h"
+#include "commands/top_list.h"
 #include "commands/top_screen.h"
+#include "commands/top_view.h"
+#include "commands/why.h"
 #include "context/targets.h"
 #include "launchfile/required_graph.h"
 #include "live/action_log.h"
-#include "live/node_cells.h"
 #include "live/node_commands.h"
 #include "live/node_status.h"
 #include "live/node_watcher.h"
-#include "output/output.h"
-#include "output/text.h"
 
 namespace vorn::launch {
 namespace {
@@ -29,23 +29,6 @@ using std::chrono::milliseconds;
 constexpr milliseconds kRedraw{1000};  // for times in seconds
 constexpr int kAbove = 2;              // summary and titles, above the nodes
 constexpr int kBelow = 2;              // message and keys
-// The line of keys: the first one that fits the width of the screen.
-constexpr const char* kKeyLines[] = {
-    "Up/Down  s start  t stop  r restart  e enable  d disable  ? help  q quit",
-    "s start t stop r restart ? help q quit", "? help  q quit"};
-// Fits into 40 columns and, with the line below it, into 10 rows.
-constexpr const char* kHelp[] = {"Up/Down j/k         select a node",
-                                 "PgUp/PgDn Home/End  select a node",
-                                 "s                   start the node",
-                                 "t                   stop the node",
-                                 "r                   restart the node",
-                                 "e                   enable the node",
-                                 "d                   disable the node",
-                                 "u                   update all nodes",
-                                 "q                   quit"};
-const char* const kColumns[] = {"node",   "state",  "pid",
-                                "uptime", "policy", "required"};
-
 class Top {
  public:
   Top(Context& context, const Targets& targets, const Screen& screen)
@@ -53,6 +36,7 @@ class Top {
         launcher_(targets.launcher),
         graph_(targets.launcher.file),
         screen_(screen),
+        facts_(targets.launcher, context.settings().logFile),
         watcher_(context.client(NodeWatcher::kReplyLimit),
                  context.settings().cancelFd, targets.launcher, targets.names) {
   }
@@ -62,13 +46,14 @@ class Top {
   ExitStatus run(std::string& message) {
     draw();
     while (!is_done_) {
-      (void)watcher_.wait(kRedraw, STDIN_FILENO);
+      const auto changes = watcher_.wait(kRedraw, STDIN_FILENO);
       if (isOver()) return kDone;
       if (!watcher_.failure().isDone()) {
         message = watcher_.failure().message;
         return exitStatusOf(watcher_.failure().outcome);
       }
       is_known_ = true;
+      update(changes);
       handleKeys();
       if (lost_) {
         message = lost_->message;
@@ -86,15 +71,57 @@ class Top {
     return context_.isCancelled() || ::poll(&terminal, 1, 0) > 0;
   }
 
-  size_t count() const { return watcher_.names().size(); }
+  /// Updates the nodes after these changes, and reads facts that are due.
+  void update(const std::vector<NodeWatcher::Change>& changes) {
+    for (const auto& change : changes) updateView(change.name);
+    std::vector<NodeView> nodes = presentNodes();
+    if (facts_.refresh(nodes, !changes.empty())) {
+      // The exit of a process and a new program are not always a change.
+      for (const NodeView& node : nodes) {
+        if (mayChangeUnnoticed(node)) updateView(node.name);
+      }
+      nodes = presentNodes();
+    }
+    facts_.addTo(nodes);
+    list_.update(std::move(nodes));
+  }
+
+  void updateView(const std::string& name) {
+    views_[name] =
+        viewOf(launcher_, name, watcher_.status(name), std::time(nullptr));
+  }
+
+  static bool mayChangeUnnoticed(const NodeView& node) {
+    return node.condition == Condition::EXITING ||
+           node.condition == Condition::DISABLED ||
+           (node.condition == Condition::RUNNING && !node.memoryBytes);
+  }
+
+  /// The nodes with the times of now, in the order of the launch file.
+  std::vector<NodeView> presentNodes() const {
+    std::vector<NodeView> nodes;
+    const int64_t now = std::time(nullptr);
+    for (const std::string& name : watcher_.names()) {
+      nodes.push_back(views_.at(name));
+      updateTimes(nodes.back(), now);
+    }
+    return nodes;
+  }
+
+  size_t count() const { return list_.shown().size(); }
 
   /// Whether the screen has rows for the summary, titles and keys.
   static bool hasFrame() { return LINES > kAbove + kBelow; }
 
+  /// The rows of the log, with its title.
+  int rowsOfLog() const {
+    return is_log_ && hasFrame() ? (LINES - kAbove - kBelow) / 2 : 0;
+  }
+
   size_t rowsOfNodes() const {
-    const int frame = hasFrame()
-                          ? kAbove + kBelow
-                          : static_cast<int>(!message_.empty() || asked_);
+    const bool has_line = !message_.empty() || asked_ || is_filter_;
+    const int frame =
+        hasFrame() ? kAbove + kBelow + rowsOfLog() : static_cast<int>(has_line);
     return static_cast<size_t>(std::max(1, LINES - frame));
   }
 
@@ -106,23 +133,52 @@ class Top {
 
   void handleKey(int key) {
     if (key == KEY_RESIZE) return;  // the screen is redrawn in any case
-    if (is_help_) {
+    if (is_help_ || !text_.empty()) {
       is_help_ = false;
+      text_.clear();
       return;
     }
     message_.clear();
     if (asked_) {
       answer(key);
+    } else if (is_filter_) {
+      list_.setFilter(editedText(list_.filter(), key, is_filter_));
     } else if (const long step = stepFor(key); step != 0) {
-      select(step);
+      list_.select(step);
     } else if (const auto cmd = commandFor(key)) {
       request(*cmd);
-    } else if (key == 'u') {
-      watcher_.markAllStale();
-    } else if (key == '?') {
-      is_help_ = true;
-    } else if (key == 'q') {
-      is_done_ = true;
+    } else if (!list_.toggleSort(key)) {
+      handleCommand(key);
+    }
+  }
+
+  void handleCommand(int key) {
+    switch (key) {
+      case 'u':
+        watcher_.markAllStale();
+        break;
+      case '!':
+        list_.toggleFailing();
+        break;
+      case '/':
+        is_filter_ = true;
+        break;
+      case 'l':
+        is_log_ = !is_log_;
+        break;
+      case 'i':
+        if (const NodeView* const node = list_.selected()) {
+          text_ = explanationOf(context_.settings(), launcher_, *node);
+        }
+        break;
+      case '?':
+        is_help_ = true;
+        break;
+      case 'q':
+        is_done_ = true;
+        break;
+      default:
+        break;
     }
   }
 
@@ -168,29 +224,23 @@ class Top {
   /// Acts on the selected node, after a question if that terminates its
   /// process.
   void request(Cmd cmd) {
-    if (count() == 0) return;
+    const NodeView* const node = list_.selected();
+    if (node == nullptr) return;
     if (cmd == Cmd::START || cmd == Cmd::ENABLE) {
-      act(cmd);
+      act(cmd, node->name);
     } else {
-      asked_ = cmd;
+      asked_ = {cmd, node->name};
     }
   }
 
   void answer(int key) {
-    const Cmd cmd = *asked_;
+    const auto [cmd, name] = *asked_;
     asked_.reset();
-    if (key == 'y' || key == 'Y') act(cmd);
+    if (key == 'y' || key == 'Y') act(cmd, name);
   }
 
-  void select(long step) {
-    if (count() == 0) return;
-    const long last = static_cast<long>(count()) - 1;
-    selected_ = static_cast<size_t>(
-        std::clamp(static_cast<long>(selected_) + step, 0L, last));
-  }
-
-  void act(Cmd cmd) {
-    const std::string& name = watcher_.names()[selected_];
+  // A copy of the name, since drawing changes the list.
+  void act(Cmd cmd, const std::string name) {
     const OperationWords words = wordsFor(cmd);
     ControlOptions options =
         context_.client(graph_.replyLimit(cmd, name)).options();
@@ -221,130 +271,86 @@ class Top {
     watcher_.markStale(name);
   }
 
-  std::vector<NodeView> views() const {
-    std::vector<NodeView> views;
-    const int64_t now = std::time(nullptr);
-    for (const std::string& name : watcher_.names()) {
-      views.push_back(viewOf(launcher_, name, watcher_.status(name), now));
-    }
-    return views;
-  }
-
   void draw() {
     (void)erase();
     if (is_help_) {
       drawHelp();
       return;
     }
+    if (!text_.empty()) {
+      drawText(text_);
+      return;
+    }
     if (!is_known_) {
       Screen::write(0, "asking the launcher ...", A_NORMAL);
     } else {
-      const auto all = views();
-      if (hasFrame()) Screen::write(0, summary(all), A_NORMAL);
-      drawNodes(all);
+      drawList();
     }
-    if (hasFrame()) Screen::write(LINES - 1, keyLine(), A_DIM);
+    const int last = LINES - 1;
+    if (hasFrame()) drawKeyLine();
     if (!message_.empty()) {
-      Screen::write(LINES - (hasFrame() ? 2 : 1), terminalText(message_),
+      Screen::write(hasFrame() ? last - 1 : last, terminalText(message_),
                     A_BOLD);
     }
-    if (asked_) Screen::write(LINES - 1, question(), A_BOLD);
+    if (is_filter_) {
+      Screen::write(last, "/" + terminalText(list_.filter()) + "_", A_BOLD);
+    }
+    if (asked_) Screen::write(last, question(), A_BOLD);
     (void)refresh();
   }
 
-  static OutputText keyLine() {
-    OutputText line;
-    for (const char* const each : kKeyLines) {
-      line = terminalText(each);
-      if (displayWidth(line) <= static_cast<size_t>(COLS)) break;
+  void drawList() {
+    const size_t rows = rowsOfNodes();
+    const size_t selected = list_.selectedIndex();
+    first_ =
+        std::clamp(first_, selected < rows ? 0 : selected - rows + 1, selected);
+    // Fill all rows with nodes if there are enough.
+    first_ = std::min(first_, count() < rows ? 0 : count() - rows);
+    const int above = hasFrame() ? kAbove : 0;
+    if (hasFrame()) {
+      drawSummary(launcher_, list_, list_.position(first_, rows));
     }
-    return line;
+    drawNodes(screen_, list_, first_, above, rows, hasFrame());
+    if (rowsOfLog() == 0) return;
+    std::string error;
+    const int end = LINES - kBelow;
+    const auto& lines =
+        facts_.logLines(static_cast<size_t>(rowsOfLog() - 1), error);
+    drawLines(error.empty() ? "Log" : "Log: " + error, lines, end - rowsOfLog(),
+              end);
   }
 
   /// "stop camera? y/n", with a long name truncated.
   OutputText question() const {
-    const OutputText begin = terminalText(wordsFor(*asked_).command) + " ";
+    const OutputText begin = terminalText(wordsFor(asked_->cmd).command) + " ";
     const OutputText end = "? y/n";
     const size_t taken = displayWidth(begin) + displayWidth(end);
     const auto width = static_cast<size_t>(COLS);
     const size_t room = width > taken ? width - taken : 1;
-    return begin + truncated(terminalText(watcher_.names()[selected_]), room) +
-           end;
+    return begin + truncated(terminalText(asked_->name), room) + end;
   }
 
-  static void drawHelp() {
-    int row = 0;
-    for (const char* const line : kHelp) {
-      Screen::write(row++, terminalText(line), A_NORMAL);
-    }
-    Screen::write(LINES - 1, "Press a key to return.", A_DIM);
-    (void)refresh();
-  }
-
-  OutputText summary(const std::vector<NodeView>& all) const {
-    std::map<std::string, size_t> counts;
-    for (const NodeView& view : all) ++counts[wordFor(view.condition)];
-    OutputText text = "launcher ";
-    text += launcher_.pid == 0 ? "?" : OutputText(launcher_.pid);
-    text += "  " + OutputText(all.size()) + " nodes";
-    for (const auto& [word, number] : counts) {
-      text += word == counts.begin()->first ? ": " : ", ";
-      text += number + (" " + terminalText(word));
-    }
-    // Last, since it may be long.
-    if (!launcher_.launchFile.empty()) {
-      text += "  " + terminalText(launcher_.launchFile);
-    }
-    return text;
-  }
-
-  void drawNodes(const std::vector<NodeView>& all) {
-    const size_t rows = rowsOfNodes();
-    first_ = std::clamp(first_, selected_ < rows ? 0 : selected_ - rows + 1,
-                        selected_);
-    // Fill all rows with nodes if there are enough.
-    first_ = std::min(first_, all.size() < rows ? 0 : all.size() - rows);
-    std::vector<std::vector<Cell>> lines;
-    std::vector<size_t> widths;
-    for (const char* const column : kColumns) {
-      widths.push_back(std::strlen(column));
-    }
-    for (const NodeView& view : all) {
-      std::vector<Cell> line;
-      for (size_t i = 0; i < widths.size(); ++i) {
-        line.push_back(cellFor(view, kColumns[i]));
-        widths[i] = std::max(widths[i], displayWidth(line.back().text));
-      }
-      lines.push_back(std::move(line));
-    }
-    // A long name is truncated in favour of the other columns.
-    widths[0] = std::min(widths[0], static_cast<size_t>(COLS / 2));
-    if (hasFrame()) drawTitles(widths);
-    const int above = hasFrame() ? kAbove : 0;
-    for (size_t i = first_; i < lines.size() && i < first_ + rows; ++i) {
-      screen_.writeCells(above + static_cast<int>(i - first_), lines[i], widths,
-                         i == selected_ ? A_REVERSE : A_NORMAL);
-    }
-  }
-
-  void drawTitles(const std::vector<size_t>& widths) const {
-    std::vector<Cell> titles;
-    for (const char* const title : kColumns) {
-      titles.push_back({terminalText(upperCase(title)), Colour::BOLD});
-    }
-    screen_.writeCells(kAbove - 1, titles, widths, A_NORMAL);
-  }
+  /// A command to be confirmed.
+  struct Asked {
+    Cmd cmd;
+    std::string name;
+  };
 
   Context& context_;
   const LauncherProcess& launcher_;
   const RequiredGraph graph_;
   const Screen& screen_;
+  TopFacts facts_;
   NodeWatcher watcher_;
+  std::map<std::string, NodeView> views_;
+  TopList list_;
   bool is_known_ = false;  // the launcher has answered for every node
   bool is_done_ = false;
-  bool is_help_ = false;      // the help replaces the nodes
-  std::optional<Cmd> asked_;  // to be confirmed by "y"
-  size_t selected_ = 0;
+  bool is_help_ = false;    // the help replaces the nodes
+  std::string text_;        // replaces the nodes unless it is empty
+  bool is_filter_ = false;  // keys change the filter
+  bool is_log_ = false;     // the log is shown below the nodes
+  std::optional<Asked> asked_;
   size_t first_ = 0;  // the topmost node on the screen
   std::string message_;
   std::optional<ControlReply>

@@ -29,6 +29,8 @@ Screen::Screen(bool has_colours) {
   (void)::noecho();
   (void)nodelay(stdscr, true);
   (void)::keypad(stdscr, true);
+  // Milliseconds after Escape in which the rest of another key can arrive.
+  (void)::set_escdelay(25);
   (void)::curs_set(0);
   has_colours_ = has_colours && ::has_colors();
   if (!has_colours_) return;
@@ -94,6 +96,24 @@ void Screen::writeCells(int row, const std::vector<Cell>& cells,
     for (; column < next && column < COLS; ++column) (void)addch(' ');
   }
   (void)attrset(A_NORMAL);
+}
+
+std::string editedText(std::string text, int key, bool& is_edited) {
+  constexpr int kEscape = 27;
+  constexpr int kDelete = 127;
+  if (key == '\n' || key == '\r' || key == KEY_ENTER) {
+    is_edited = false;
+  } else if (key == kEscape) {
+    is_edited = false;
+    text.clear();
+  } else if (key == KEY_BACKSPACE || key == kDelete || key == '\b') {
+    // All bytes of a character in UTF-8.
+    while (!text.empty() && (text.back() & 0xC0) == 0x80) text.pop_back();
+    if (!text.empty()) text.pop_back();
+  } else if (key >= ' ' && key <= 0xFF) {
+    text += static_cast<char>(key);
+  }
+  return text;
 }
 
 }  // namespace vorn::launch

@@ -3,6 +3,7 @@
 #include <ncurses.h>
 
 #include <cstddef>
+#include <string>
 #include <vector>
 
 #include "output/table.h"
@@ -35,5 +36,9 @@ class Screen {
   SCREEN* screen_ = nullptr;
   bool has_colours_ = false;
 };
+
+/// The text of a line of input after a key. Enter and Escape set `is_edited` to
+/// false; Escape removes the text.
+std::string editedText(std::string text, int key, bool& is_edited);
 
 }  // namespace vorn::launch

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <sstream>
 
 #include "context/targets.h"
 #include "live/event_text.h"
@@ -112,9 +113,8 @@ void addFromFile(const LauncherProcess& launcher, NodeFacts& facts) {
   facts.isOneshot = node->oneshot.value;
 }
 
-void print(const NodeFacts& facts, const NodeVerdict& verdict,
-           bool has_colours) {
-  Output out = standardOutput();
+void printExplanation(Output& out, const NodeFacts& facts,
+                      const NodeVerdict& verdict, bool has_colours) {
   const OutputText summary =
       terminalText(facts.view.name + ' ' + verdict.summary);
   out << (has_colours && !verdict.isAsWanted ? coloured(summary, Colour::RED)
@@ -177,9 +177,24 @@ ExitStatus explainNode(Context& context, const WhyOptions& options) {
   collectFacts(context.settings(), targets.launcher, facts);
   const NodeVerdict verdict = judge(facts);
   if (!context.settings().isQuiet) {
-    print(facts, verdict, context.settings().hasColours);
+    Output out = standardOutput();
+    printExplanation(out, facts, verdict, context.settings().hasColours);
   }
   return verdict.isAsWanted ? kDone : kFailed;
+}
+
+std::string explanationOf(const Settings& settings,
+                          const LauncherProcess& launcher,
+                          const NodeView& node) {
+  NodeFacts facts;
+  facts.nowUs = std::time(nullptr) * kSecondUs;
+  facts.view = node;
+  facts.hasLauncher = true;
+  collectFacts(settings, launcher, facts);
+  std::ostringstream text;
+  Output out(text);
+  printExplanation(out, facts, judge(facts), false);
+  return text.str();
 }
 
 }  // namespace vorn::launch

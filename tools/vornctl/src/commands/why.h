@@ -22,4 +22,10 @@ void collectFacts(const Settings& settings, const LauncherProcess& launcher,
 /// should be, otherwise kFailed.
 ExitStatus explainNode(Context& context, const WhyOptions& options);
 
+/// The text that explainNode() prints for a node, as lines without colours and
+/// already escaped. Sends no request.
+std::string explanationOf(const Settings& settings,
+                          const LauncherProcess& launcher,
+                          const NodeView& node);
+
 }  // namespace vorn::launch

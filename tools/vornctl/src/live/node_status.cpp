@@ -63,14 +63,7 @@ NodeView viewOf(const LauncherProcess& launcher, const std::string& name,
   view.state = status.state;
   view.pid = status.pid;
   view.startSeconds = status.startSeconds;
-  if (view.condition == Condition::RUNNING) {
-    view.uptimeSeconds = std::max<int64_t>(0, now - status.startSeconds);
-  }
-  if (view.condition == Condition::RESTARTING) {
-    view.restartInSeconds = std::clamp<int64_t>(
-        status.startSeconds - now + kRestartInterval.count(), 0,
-        kRestartInterval.count());
-  }
+  updateTimes(view, now);
   return view;
 }
 
@@ -79,6 +72,17 @@ bool isFailing(const NodeView& view) {
          view.condition == Condition::RESTARTING ||
          view.condition == Condition::FAILED ||
          view.condition == Condition::UNKNOWN_NODE;
+}
+
+void updateTimes(NodeView& view, int64_t now) {
+  if (view.condition == Condition::RUNNING) {
+    view.uptimeSeconds = std::max<int64_t>(0, now - view.startSeconds);
+  }
+  if (view.condition == Condition::RESTARTING) {
+    view.restartInSeconds =
+        std::clamp<int64_t>(view.startSeconds - now + kRestartInterval.count(),
+                            0, kRestartInterval.count());
+  }
 }
 
 const char* wordFor(Condition condition) {

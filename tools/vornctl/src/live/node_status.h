@@ -45,7 +45,6 @@ struct NodeView {
   bool isForkFailed = false;  // the reason why it is stopped
   std::optional<HistoryEvent> lastExit;
   // From /proc, see node_usage; nothing if unknown or without a process.
-  uint64_t cpuTicks = 0;
   std::optional<double> cpuPercent;  // of one processor
   std::optional<int64_t> memoryBytes;
   std::optional<bool> isStale;
@@ -60,6 +59,9 @@ bool isFailing(const NodeView& view);
 /// since the epoch.
 NodeView viewOf(const LauncherProcess& launcher, const std::string& name,
                 const StatusReply& status, int64_t now);
+
+/// Sets the times of a view to those at `now`, in seconds since the epoch.
+void updateTimes(NodeView& view, int64_t now);
 
 /// "running", "never started" and so on.
 const char* wordFor(Condition condition);

@@ -72,10 +72,39 @@ void addUsage(const ProcessTable& table, const LauncherProcess& launcher,
       ticks += process->cpuTicks;
       bytes += process->residentBytes;
     }
-    view.cpuTicks = ticks;
     view.cpuPercent = cpuPercent(ticks, ageOf(*found->second));
     view.memoryBytes = bytes;
   }
+}
+
+void UsageSampler::add(const ProcessTable& table,
+                       const LauncherProcess& launcher,
+                       std::vector<NodeView>& views) {
+  addUsage(table, launcher, views);
+  const auto roots = processOfEachNode(table, launcher, views);
+  const auto now = std::chrono::steady_clock::now();
+  std::unordered_map<pid_t, Sample> samples;
+  for (NodeView& view : views) {
+    const auto found_root = roots.find(view.name);
+    if (found_root == roots.end()) continue;
+    const Process* const root = found_root->second;
+    uint64_t ticks = 0;
+    for (const auto& [process, depth] : table.treeOf(*root)) {
+      samples[process->pid] = {process->startTicks, process->cpuTicks};
+      const auto found = previous_.find(process->pid);
+      const bool is_known = found != previous_.end() &&
+                            found->second.startTicks == process->startTicks;
+      const uint64_t before = is_known ? found->second.cpuTicks : 0;
+      ticks += process->cpuTicks - std::min(before, process->cpuTicks);
+    }
+    const bool is_new = previous_.count(root->pid) == 0;
+    if (time_ && !is_new) {
+      const std::chrono::duration<double> elapsed = now - *time_;
+      view.cpuPercent = cpuPercent(ticks, elapsed.count());
+    }
+  }
+  previous_ = std::move(samples);
+  time_ = now;
 }
 
 void addStaleness(const ProcessTable& table, const LauncherProcess& launcher,

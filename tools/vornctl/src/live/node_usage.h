@@ -2,6 +2,9 @@
 
 #include <sys/stat.h>
 
+#include <chrono>
+#include <optional>
+#include <unordered_map>
 #include <vector>
 
 #include "live/launcher_process.h"
@@ -15,6 +18,23 @@ namespace vorn::launch {
 /// without the permission to see which processes these are.
 void addUsage(const ProcessTable& table, const LauncherProcess& launcher,
               std::vector<NodeView>& views);
+
+/// As addUsage(), with the share of the processor since the previous call, and
+/// for a process that is younger than that since its start.
+class UsageSampler {
+ public:
+  void add(const ProcessTable& table, const LauncherProcess& launcher,
+           std::vector<NodeView>& views);
+
+ private:
+  struct Sample {
+    uint64_t startTicks = 0;
+    uint64_t cpuTicks = 0;
+  };
+
+  std::unordered_map<pid_t, Sample> previous_;
+  std::optional<std::chrono::steady_clock::time_point> time_;
+};
 
 /// Adds whether the program of each node that has a process was replaced or
 /// removed after the start; nothing where the permission is missing.
