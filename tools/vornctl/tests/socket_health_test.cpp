@@ -87,19 +87,19 @@ TEST(SocketHealthTest, ADirectoryInWhichOthersCanReplaceTheSocketIsReported) {
 }
 
 TEST(SocketHealthTest, ARefusedRequestIsNotAnErrorWithoutALauncher) {
-  expectFinding(answerFinding(Outcome::NO_LAUNCHER, "none", 0),
+  expectFinding(answerFinding(Outcome::NO_LAUNCHER, "none", false),
                 Verdict::UNKNOWN, "no launcher");
-  expectFinding(answerFinding(Outcome::NO_LAUNCHER, "stale", 42),
+  expectFinding(answerFinding(Outcome::NO_LAUNCHER, "stale", true),
                 Verdict::ERROR, "stale");
 }
 
 TEST(SocketHealthTest, EveryReplyToTheFirstRequestIsAnAnswer) {
   for (const Outcome outcome : {Outcome::DONE, Outcome::NOT_FOUND}) {
-    expectFinding(answerFinding(outcome, "", 42), Verdict::PASSED, "answers");
+    expectFinding(answerFinding(outcome, "", true), Verdict::PASSED, "answers");
   }
   for (const Outcome outcome : {Outcome::UNTRUSTED, Outcome::NOT_SENT,
                                 Outcome::UNKNOWN, Outcome::PROTOCOL_ERROR}) {
-    expectFinding(answerFinding(outcome, "why", 42), Verdict::ERROR, "why");
+    expectFinding(answerFinding(outcome, "why", true), Verdict::ERROR, "why");
   }
 }
 

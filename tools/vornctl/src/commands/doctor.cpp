@@ -69,15 +69,19 @@ class Installation {
     facts.hasListener = reply_.outcome != Outcome::NO_LAUNCHER ||
                         ::access(socket_path_.c_str(), W_OK) != 0;
     facts.launcher = launcher_.pid;
+    // One of several, none of which listens.
+    if (facts.launcher == 0 && !launchers_.empty()) {
+      facts.launcher = launchers_.front();
+    }
     struct stat status {};
-    if (::stat(procFile(launcher_.pid, "").c_str(), &status) == 0) {
+    if (::stat(procFile(facts.launcher, "").c_str(), &status) == 0) {
       facts.launcherUid = status.st_uid;
     }
     return socketFinding(facts);
   }
 
   Finding answer() const {
-    return answerFinding(reply_.outcome, reply_.message, launcher_.pid);
+    return answerFinding(reply_.outcome, reply_.message, !launchers_.empty());
   }
 
   Finding activity() const {

@@ -124,13 +124,14 @@ Finding socketFinding(const SocketFacts& facts) {
 }
 
 Finding answerFinding(Outcome outcome, const std::string& message,
-                      pid_t launcher) {
+                      bool is_launcher_running) {
   switch (outcome) {
     case Outcome::DONE:
     case Outcome::NOT_FOUND:
       return okFinding("the launcher answers");
     case Outcome::NO_LAUNCHER:
-      if (launcher == 0) return unknownFinding("there is no launcher to ask");
+      if (!is_launcher_running)
+        return unknownFinding("there is no launcher to ask");
       return {Verdict::ERROR, message,
               "see the findings about the launcher and the socket"};
     case Outcome::UNTRUSTED:

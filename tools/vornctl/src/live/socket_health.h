@@ -29,9 +29,8 @@ SocketFacts examineSocket(const std::string& path);
 
 Finding socketFinding(const SocketFacts& facts);
 
-/// About the reply to a first status request. `launcher` is the pid of a
-/// running launcher, 0 for none; `message` explains the outcome.
+/// About the reply to a first status request; `message` explains the outcome.
 Finding answerFinding(Outcome outcome, const std::string& message,
-                      pid_t launcher);
+                      bool is_launcher_running);
 
 }  // namespace vorn::launch
