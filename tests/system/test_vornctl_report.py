@@ -21,7 +21,7 @@ configure:
 vornnode:
   camera:
     path: /tmp/bin/stay
-    argv: --password in-an-argument
+    argv: --password 'in-an-argument'
     required: [lidar]
     environment: {KEY: of-camera}
   lidar: {path: /tmp/bin/stay}
@@ -103,8 +103,9 @@ def test_diagnostics_follow_the_lines_of_the_launch_file(night):
     assert [line[0].text for line in lines] == [
         line for line in masked_launch_file()]
     marked = [line for line in lines if line.get("class") == "marked"]
-    assert [line[0].text.strip()[:6] for line in marked] == ["gone: "]
-    assert "[missing-executable]" in "".join(marked[0].itertext())
+    assert [line[0].text.strip()[:5] for line in marked] == ["argv:", "gone:"]
+    assert f"argument ''{HIDDEN}''" in "".join(marked[0].itertext())
+    assert "[missing-executable]" in "".join(marked[1].itertext())
 
 
 def masked_launch_file():

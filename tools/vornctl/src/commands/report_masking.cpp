@@ -72,11 +72,16 @@ size_t valueAfter(std::string_view text, std::string_view lower,
   return is_separate && sign > name_end ? sign : std::string_view::npos;
 }
 
-/// Replaces the words after names such as "password=".
-std::string withoutNamedSecrets(const std::string& text) {
-  const std::string lower = lowerCase(text);
-  std::string result;
-  size_t copied = 0;
+/// A part of a text, in bytes.
+struct SecretRange {
+  size_t begin;
+  size_t end;
+};
+
+/// The words after names such as "password=", in order.
+std::vector<SecretRange> namedSecrets(std::string_view text) {
+  const std::string lower = lowerCase(std::string(text));
+  std::vector<SecretRange> secrets;
   for (size_t i = 0; i < text.size(); ++i) {
     if (!isSecretWord(lower, i)) continue;
     const size_t begin = valueAfter(text, lower, i);
@@ -86,9 +91,18 @@ std::string withoutNamedSecrets(const std::string& text) {
     const bool is_hidden =
         text.compare(begin, sizeof(kHidden) - 1, kHidden) == 0;
     if (end == begin || is_hidden) continue;
+    secrets.push_back({begin, end});
+    i = end - 1;
+  }
+  return secrets;
+}
+
+std::string withoutNamedSecrets(const std::string& text) {
+  std::string result;
+  size_t copied = 0;
+  for (const auto& [begin, end] : namedSecrets(text)) {
     result.append(text, copied, begin - copied) += kHidden;
     copied = end;
-    i = end - 1;
   }
   return result.append(text, copied);
 }
@@ -120,8 +134,19 @@ ReportMasking::ReportMasking(const LaunchFile& file) : is_active_(true) {
     }
   };
   addAll(file.environment);
-  for (const LaunchFile::Node& node : file.nodes) addAll(node.environment);
+  for (const LaunchFile::Node& node : file.nodes) {
+    addAll(node.environment);
+    addArguments(node);
+  }
   sortValues();
+}
+
+void ReportMasking::addArguments(const LaunchFile::Node& node) {
+  std::string text;
+  for (const Text& argument : node.arguments) text += argument.value + ' ';
+  for (const auto& [begin, end] : namedSecrets(text)) {
+    add(text.substr(begin, end - begin));
+  }
 }
 
 void ReportMasking::add(const std::string& value) {

@@ -15,7 +15,8 @@ class ReportMasking {
   /// Hides nothing.
   ReportMasking() = default;
 
-  /// Hides the values of the variables in `file`, except for paths and values
+  /// Hides the values of the variables in `file`, and the words that follow
+  /// names of secrets in its arguments, except for paths and values
   /// of less than kShortestSecret bytes, which many other texts contain.
   explicit ReportMasking(const LaunchFile& file);
 
@@ -34,6 +35,7 @@ class ReportMasking {
 
  private:
   void add(const std::string& value);
+  void addArguments(const LaunchFile::Node& node);
   void sortValues();
 
   bool is_active_ = false;
