@@ -6,9 +6,10 @@ root=$(dirname -- "$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")")
 source "$root/scripts/common.sh"
 cd -- "$root"
 
-all_targets=(launch_file control_request log_text install_root)
+all_targets=(launch_file control_request log_text install_root log_file)
 declare -A longest=(  # the length of an input in bytes
-  [launch_file]=4096 [control_request]=1072 [log_text]=2048 [install_root]=512)
+  [launch_file]=4096 [control_request]=1072 [log_text]=2048 [install_root]=512
+  [log_file]=4096)
 
 usage() {
   cat <<TEXT
@@ -28,6 +29,8 @@ all of them):
                    pieces or refuses it; lines must be as documented
   install_root     "install://" under any VORN_ROOT and executable path; the
                    expansion must end and leave no "install://"
+  log_file         a file of any content as the log that vornctl reads; the
+                   records from a point in time must be those of the file
 
   --minutes N   how long each is run (default: 60)
   --merge       add to fuzz/seeds what this and earlier runs have come up with
