@@ -10,10 +10,12 @@
 namespace vorn::launch {
 namespace {
 
+constexpr char kAllKeys[] =
+    "Up/Down  s start  t stop  r restart  e enable  d disable  / filter  "
+    "! failing  l log  i why  ? help  q quit";
 // The line of keys: the first one that fits the width of the screen.
 constexpr const char* kKeyLines[] = {
-    "Up/Down  s start  t stop  r restart  e enable  d disable  / filter  "
-    "! failing  l log  i why  ? help  q quit",
+    kAllKeys,
     "Up/Down  s start  t stop  r restart  e enable  d disable  ? help  q quit",
     "s start t stop r restart ? help q quit", "? help  q quit"};
 // Fits into 40 columns and, with the line below it, into 10 rows.
