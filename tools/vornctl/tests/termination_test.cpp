@@ -8,7 +8,7 @@
 namespace vorn::launch {
 namespace {
 
-using Outcome = Termination::Outcome;
+using TerminationOutcome = Termination::Outcome;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kLong{60'000};
@@ -40,8 +40,8 @@ TEST(TerminationTest, ProcessesExitAfterSigterm) {
   const auto results =
       terminate({first.process(), second.process()}, kLong, -1);
   ASSERT_EQ(results.size(), 2U);
-  EXPECT_EQ(results[0].outcome, Outcome::TERMINATED);
-  EXPECT_EQ(results[1].outcome, Outcome::TERMINATED);
+  EXPECT_EQ(results[0].outcome, TerminationOutcome::TERMINATED);
+  EXPECT_EQ(results[1].outcome, TerminationOutcome::TERMINATED);
   EXPECT_FALSE(first.process().isAlive());
   EXPECT_FALSE(second.process().isAlive());
 }
@@ -51,7 +51,7 @@ TEST(TerminationTest, AnotherProcessWithTheSamePidReceivesNoSignal) {
   Process earlier = child.process();
   --earlier.startTicks;
   EXPECT_EQ(terminate({earlier}, kLong, -1).front().outcome,
-            Outcome::TERMINATED);
+            TerminationOutcome::TERMINATED);
   EXPECT_TRUE(child.process().isAlive());
 }
 
@@ -62,7 +62,7 @@ TEST(TerminationTest, AProcessThatHasExitedIsTerminated) {
     process = child.process();
   }
   EXPECT_EQ(terminate({process}, kLong, -1).front().outcome,
-            Outcome::TERMINATED);
+            TerminationOutcome::TERMINATED);
 }
 
 TEST(TerminationTest, AStopSignalEndsTheWaitWithoutSigkill) {
@@ -75,7 +75,7 @@ TEST(TerminationTest, AStopSignalEndsTheWaitWithoutSigkill) {
   while (child.process().state != 'T') {
   }
   const auto results = terminate({child.process()}, kLong, pipe_ends[0]);
-  EXPECT_EQ(results.front().outcome, Outcome::RUNNING);
+  EXPECT_EQ(results.front().outcome, TerminationOutcome::RUNNING);
   EXPECT_NE(results.front().error, "");
   EXPECT_TRUE(child.process().isAlive());
   (void)::close(pipe_ends[0]);

@@ -12,8 +12,6 @@
 namespace vorn::launch {
 namespace {
 
-constexpr char kLauncherName[] = "vornlaunch";
-
 /// The pids of these processes and of all their descendants.
 std::set<pid_t> pidsBelow(const ProcessTable& table,
                           const std::vector<const Process*>& roots) {
@@ -61,10 +59,10 @@ const Process* rootOf(const ProcessTable& table, const NodeMembers& members,
 
 std::vector<const Process*> launchersIn(const ProcessTable& table,
                                         pid_t known) {
+  constexpr char kName[] = "vornlaunch";
   std::vector<const Process*> launchers;
   for (const Process& process : table.all()) {
-    if (process.isAlive() &&
-        (process.name == kLauncherName || process.pid == known)) {
+    if (process.isAlive() && (process.name == kName || process.pid == known)) {
       launchers.push_back(&process);
     }
   }

@@ -16,7 +16,7 @@ namespace vorn::launch {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Outcome = Termination::Outcome;
+using TerminationOutcome = Termination::Outcome;
 using std::chrono::milliseconds;
 
 constexpr size_t kMostAtOnce = 500;  // a process has 1024 descriptors, usually
@@ -45,7 +45,7 @@ Target openTarget(Termination& result) {
   const bool is_same = descriptor->number() >= 0 && present &&
                        present->isAlive() &&
                        present->startTicks == process.startTicks;
-  if (!is_same) result.outcome = Outcome::TERMINATED;
+  if (!is_same) result.outcome = TerminationOutcome::TERMINATED;
   return {result, is_same ? std::move(descriptor) : nullptr};
 }
 
@@ -66,7 +66,7 @@ void send(std::vector<Target>& targets, int signal) {
 /// Waits until all targets have exited, which then have this outcome. False
 /// if `limit` has passed or `cancel_fd` is readable.
 bool waitForExits(std::vector<Target>& targets, milliseconds limit,
-                  int cancel_fd, Outcome outcome) {
+                  int cancel_fd, TerminationOutcome outcome) {
   const Clock::time_point deadline = Clock::now() + limit;
   for (;;) {
     std::vector<pollfd> watched = {{cancel_fd, POLLIN, 0}};
@@ -105,13 +105,15 @@ bool terminateSome(std::vector<Target>& targets, milliseconds grace,
     return ::poll(&watched, 1, 0) > 0;
   };
   send(targets, SIGTERM);
-  if (waitForExits(targets, grace, cancel_fd, Outcome::TERMINATED)) return true;
+  if (waitForExits(targets, grace, cancel_fd, TerminationOutcome::TERMINATED))
+    return true;
   if (is_cancelled()) {
     setErrors(targets, "interrupted while it was terminating");
     return false;
   }
   send(targets, SIGKILL);
-  if (!waitForExits(targets, kKillLimit, cancel_fd, Outcome::KILLED)) {
+  if (!waitForExits(targets, kKillLimit, cancel_fd,
+                    TerminationOutcome::KILLED)) {
     setErrors(targets, "it has not exited after SIGKILL yet");
   }
   return !is_cancelled();
@@ -123,7 +125,7 @@ std::vector<Termination> terminate(const std::vector<Process>& processes,
                                    milliseconds grace, int cancel_fd) {
   std::vector<Termination> results;
   for (const Process& process : processes) {
-    results.push_back({process, Outcome::RUNNING, ""});
+    results.push_back({process, TerminationOutcome::RUNNING, ""});
   }
   for (size_t begin = 0; begin < results.size(); begin += kMostAtOnce) {
     std::vector<Target> targets;
