@@ -34,7 +34,7 @@ using std::chrono::milliseconds;
 // Grows when a member changes its meaning or is removed, not when one is added.
 constexpr int kDoctorSchema = 1;
 constexpr milliseconds kAnswerLimit = std::chrono::seconds(5);
-constexpr int64_t kDaySeconds = 24 * 60 * 60;
+constexpr int64_t kDaySeconds = int64_t{24} * 60 * 60;
 
 constexpr char kNoAnswer[] = "there is no launcher that answers";
 
@@ -223,7 +223,7 @@ class Installation {
 
   const Context& context_;
   std::string socket_path_;
-  ControlReply reply_;
+  StatusReply reply_;  // to the first request
   ProcessTable processes_{{}};
   std::vector<pid_t> launchers_;
   LauncherProcess launcher_;  // pid 0: none, or it is not visible

@@ -26,6 +26,7 @@ constexpr pid_t kFirstHighPid = 10000;
 
 std::vector<std::string> textsOf(const std::vector<pid_t>& pids) {
   std::vector<std::string> texts;
+  texts.reserve(pids.size());
   for (const pid_t pid : pids) texts.push_back(std::to_string(pid));
   return texts;
 }

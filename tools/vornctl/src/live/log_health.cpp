@@ -218,7 +218,10 @@ Finding logFinding(const LogFacts& facts) {
 }
 
 bool JournalLimit::isOff() const {
-  return std::atol(interval.c_str()) == 0 || std::atol(burst.c_str()) == 0;
+  const auto is_zero = [](const std::string& text) {
+    return text[0] == '0' && std::strtod(text.c_str(), nullptr) == 0;
+  };
+  return is_zero(interval) || is_zero(burst);
 }
 
 JournalLimit parseJournalLimit(const std::vector<std::string>& texts) {
@@ -257,6 +260,7 @@ JournalLimit readJournalLimit() {
   const auto more = configurationFiles(directories, ".conf");
   paths.insert(paths.end(), more.begin(), more.end());
   std::vector<std::string> texts;
+  texts.reserve(paths.size());
   for (const std::string& path : paths) {
     texts.push_back(readConfiguration(path));
   }
