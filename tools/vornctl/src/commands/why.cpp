@@ -11,9 +11,9 @@
 #include "live/event_text.h"
 #include "live/last_lines.h"
 #include "live/log_source.h"
+#include "live/node_usage.h"
 #include "live/node_verdict.h"
 #include "live/orphans.h"
-#include "live/node_usage.h"
 #include "live/out_of_memory.h"
 #include "live/proc_file.h"
 #include "output/output.h"
@@ -22,7 +22,7 @@
 namespace vorn::launch {
 namespace {
 
-constexpr std::chrono::minutes kReplyLimit{5};
+constexpr std::chrono::minutes kWhyReplyLimit{5};
 constexpr int64_t kSecondUs = 1'000'000;
 constexpr size_t kLastLines = 5;
 
@@ -165,7 +165,8 @@ ExitStatus explainNode(Context& context, const WhyOptions& options) {
   if (facts.hasLauncher) {
     if (targets.status != kDone) return targets.status;
     const StatusReply reply =
-        context.client(kReplyLimit, "asking the launcher").status(options.node);
+        context.client(kWhyReplyLimit, "asking the launcher")
+            .status(options.node);
     if (!reply.isDone()) {
       context.printRequestError(options.node, reply, targets.launcher.file);
       return exitStatusOf(reply.outcome);
