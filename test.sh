@@ -123,6 +123,7 @@ results=$(mktemp -d)
 trap 'rm -rf "$results"' EXIT
 runs=0
 failed=false
+packages_job=  # the pid of prepare_packages in the background
 
 # build_preset PRESET [BUILD-OPTION...]
 build_preset() {
@@ -179,13 +180,22 @@ run_instructions() {
     failed=true
 }
 
-run_packages() {
+# prepare_packages PRESET: builds the packages, and a Debian root to test them in.
+prepare_packages() {
   local arch
   arch=$(dpkg --print-architecture)
   if [[ $1 == arm64 ]]; then arch=arm64; fi
-  install_packages "${PACKAGE_TEST_PACKAGES[@]}"
   ./package.sh --arch "$arch" >/dev/null
   scripts/debian_root.sh --arch "$arch" "build-packages/root-$arch"
+}
+
+run_packages() {
+  install_packages "${PACKAGE_TEST_PACKAGES[@]}"
+  # In the background already, or again for its error messages.
+  if [[ -z $packages_job ]] || ! wait "$packages_job"; then
+    prepare_packages "$1"
+  fi
+  packages_job=
   say "packages ($1)"
   # One at a time: they share an installation.
   jobs=1 run_pytest "$1" tests/packages
@@ -258,11 +268,15 @@ for ((round = 1; round <= repeat; ++round)); do
     run_suites release lint
     build_preset release
     # The tests mostly wait, so the next build takes place meanwhile. Its errors
-    # appear when run_suites repeats it.
+    # appear when it is repeated.
     build_preset asan >/dev/null 2>&1 &
-    run_suites release unit system reliability instructions packages
+    run_suites release unit system reliability
     wait $! || true
+    install_packages "${PACKAGE_PACKAGES[@]}" "${ROOT_PACKAGES[@]}"
+    prepare_packages release >/dev/null 2>&1 &
+    packages_job=$!
     run_suites asan unit system reliability
+    run_suites release instructions packages
     if [[ $(uname -m) == x86_64 ]]; then run_some_arm64; fi
   else
     run_suites "$preset" "${suites[@]}"
