@@ -28,11 +28,11 @@ cp -r examples/demo/* /home/you/demo
 cp build/bin/vornlaunch build/bin/vornctl /home/you/demo/build/bin
 mount -t tmpfs tmpfs /tmp
 cd /home/you/demo
-VORN_ROOT=$PWD build/bin/vornlaunch launch.yaml >/dev/null 2>&1 &
+VORN_ROOT=$PWD build/bin/vornlaunch launch.yaml >nodes.log 2>launch.log &
 export TERM=xterm LC_ALL=C.UTF-8
 tmux() { command tmux -S /tmp/tmux "$@"; }
 tmux -f /dev/null new-session -d -x "$1" -y 10 "$PWD/build/bin/vornctl top"
-until tmux capture-pane -p | grep -q 'lamp .* restarting in 2s'; do sleep 0.1; done
+until tmux capture-pane -p | grep -q 'lamp .* restarting in .s, crash loop'; do sleep 0.1; done
 tmux capture-pane -p -e
 kill $! && wait
 """

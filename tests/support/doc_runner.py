@@ -125,6 +125,8 @@ _DIFFERING = [
     (r"\d\d:\d\d:\d\d(\.\d+Z?)?", "TIME"),
     (r"\b\d{4,}\b", "NUMBER"),                     # pids
     (r"\b(\d+(\.\d+)?(ms|s|m|h|d)( (?=\d))?)+(?=\W|$)", "DURATION"),
+    (r"\b\d+(\.\d+)?[KMG]\b", "SIZE"),
+    (r"(?<= )\d+\.\d(?= )", "PERCENT"),
     (r"(?<=\.cpp:)\d+", "LINE"),
     (r" {2,}", "  "),
 ]

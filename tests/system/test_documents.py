@@ -143,7 +143,9 @@ cp -r /tmp/install/share/doc/vornlaunch/examples/demo . && cd demo
 mkdir build && ln -s /tmp/install/bin build/bin
 VORN_ROOT=$PWD vornlaunch launch.yaml >nodes.log 2>launch.log &
 """)
-    shell.shows("vornctl top", screen_of(ROOT / "docs/top.svg"))
+    # Any number of lines in place of the node whose restarts are counted.
+    shell.shows("vornctl top", ["..." if line.startswith("lamp ") else line
+                                for line in screen_of(ROOT / "docs/top.svg")])
 
 
 WRONG = {

@@ -22,4 +22,4 @@ def test_a_tutorial_prints_what_it_shows(path, shell):
 
 
 def test_there_are_tutorials():
-    assert len(TUTORIALS) >= 3
+    assert len(TUTORIALS) >= 4
