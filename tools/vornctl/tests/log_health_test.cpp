@@ -5,9 +5,9 @@
 namespace vorn::launch {
 namespace {
 
-using Kind = LogFacts::Kind;
+using LogKind = LogFacts::Kind;
 
-LogFacts logOf(Kind kind) {
+LogFacts logOf(LogKind kind) {
   LogFacts facts;
   facts.kind = kind;
   facts.target = "/var/log/launch.log";
@@ -23,28 +23,29 @@ Process reader(char state) {
 }
 
 TEST(LogHealthTest, TheVerdictDependsOnTheDestination) {
-  EXPECT_EQ(logFinding(logOf(Kind::FILE)).verdict, Verdict::PASSED);
-  EXPECT_EQ(logFinding(logOf(Kind::JOURNAL)).verdict, Verdict::PASSED);
-  EXPECT_EQ(logFinding(logOf(Kind::CLOSED)).verdict, Verdict::WARNING);
-  EXPECT_EQ(logFinding(logOf(Kind::NULL_DEVICE)).verdict, Verdict::WARNING);
-  EXPECT_EQ(logFinding(logOf(Kind::TERMINAL)).verdict, Verdict::WARNING);
-  EXPECT_EQ(logFinding(logOf(Kind::NO_PERMISSION)).verdict, Verdict::UNKNOWN);
+  EXPECT_EQ(logFinding(logOf(LogKind::FILE)).verdict, Verdict::PASSED);
+  EXPECT_EQ(logFinding(logOf(LogKind::JOURNAL)).verdict, Verdict::PASSED);
+  EXPECT_EQ(logFinding(logOf(LogKind::CLOSED)).verdict, Verdict::WARNING);
+  EXPECT_EQ(logFinding(logOf(LogKind::NULL_DEVICE)).verdict, Verdict::WARNING);
+  EXPECT_EQ(logFinding(logOf(LogKind::TERMINAL)).verdict, Verdict::WARNING);
+  EXPECT_EQ(logFinding(logOf(LogKind::NO_PERMISSION)).verdict,
+            Verdict::UNKNOWN);
 }
 
 TEST(LogHealthTest, ADeletedLogIsAWarning) {
-  LogFacts facts = logOf(Kind::FILE);
+  LogFacts facts = logOf(LogKind::FILE);
   facts.isDeleted = true;
   EXPECT_EQ(logFinding(facts).verdict, Verdict::WARNING);
 }
 
 TEST(LogHealthTest, AFullDiskIsAnError) {
-  LogFacts facts = logOf(Kind::FILE);
+  LogFacts facts = logOf(LogKind::FILE);
   facts.isDiskFull = true;
   EXPECT_EQ(logFinding(facts).verdict, Verdict::ERROR);
 }
 
 TEST(LogHealthTest, APipeWithoutAReaderIsAnErrorIfAllProcessesAreKnown) {
-  LogFacts facts = logOf(Kind::PIPE);
+  LogFacts facts = logOf(LogKind::PIPE);
   EXPECT_EQ(logFinding(facts).verdict, Verdict::UNKNOWN);
   facts.areReadersKnown = true;
   EXPECT_EQ(logFinding(facts).verdict, Verdict::ERROR);
@@ -54,7 +55,7 @@ TEST(LogHealthTest, APipeWithoutAReaderIsAnErrorIfAllProcessesAreKnown) {
 }
 
 TEST(LogHealthTest, ASuspendedReaderIsAnError) {
-  for (const Kind kind : {Kind::PIPE, Kind::JOURNAL}) {
+  for (const LogKind kind : {LogKind::PIPE, LogKind::JOURNAL}) {
     LogFacts facts = logOf(kind);
     facts.readers = {reader('T')};
     EXPECT_EQ(logFinding(facts).verdict, Verdict::ERROR);

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "live/line_splitter.h"
+#include "output/duration.h"
 
 namespace vorn::launch {
 namespace {
@@ -20,7 +21,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int64_t kStartUs = 1'795'176'000'000'000;  // 2026-11-20T12:00:00Z
-constexpr int64_t kSecondUs = 1'000'000;
 
 /// A line of a launcher, `seconds` (less than an hour) after kStartUs.
 std::string lineAt(int seconds, const std::string& text) {

@@ -4,6 +4,8 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include "output/duration.h"
+
 namespace vorn::launch {
 namespace {
 
@@ -11,13 +13,12 @@ using Kind = HistoryEvent::Kind;
 using Cause = HistoryEvent::Cause;
 using ::testing::Test;
 
-constexpr int64_t kNowUs = 1'795'178'096'000'000;
-constexpr int64_t kMinuteUs = 60'000'000;
+constexpr int64_t kJudgedUs = 1'795'178'096'000'000;
 
 class NodeVerdictTest : public Test {
  protected:
   NodeVerdictTest() {
-    facts_.nowUs = kNowUs;
+    facts_.nowUs = kJudgedUs;
     facts_.view.name = "a";
     facts_.view.condition = Condition::RUNNING;
     facts_.view.pid = 7;
@@ -28,7 +29,7 @@ class NodeVerdictTest : public Test {
     HistoryEvent exit;
     exit.kind = Kind::EXITED;
     exit.cause = cause;
-    exit.timeUs = kNowUs - kMinuteUs;
+    exit.timeUs = kJudgedUs - 60 * kSecondUs;
     exit.pid = 42;
     exit.code = code;
     exit.status = status;
@@ -39,7 +40,7 @@ class NodeVerdictTest : public Test {
 
   void action(const std::string& command, const std::string& reason) {
     facts_.action.emplace();
-    facts_.action->timeUs = kNowUs - 2 * kMinuteUs;
+    facts_.action->timeUs = kJudgedUs - 2 * 60 * kSecondUs;
     facts_.action->user = "alice";
     facts_.action->command = command;
     facts_.action->outcome = "done";

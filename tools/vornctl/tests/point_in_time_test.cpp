@@ -8,7 +8,7 @@
 namespace vorn::launch {
 namespace {
 
-constexpr int64_t kNowUs = 1'795'180'000'000'000;
+constexpr int64_t kPresentUs = 1'795'180'000'000'000;
 
 /// Two hours ahead of UTC.
 class PointInTimeTest : public testing::Test {
@@ -28,7 +28,7 @@ class PointInTimeTest : public testing::Test {
   }
 
   static std::optional<int64_t> parse(const std::string& text) {
-    return parsePointInTime(text, kNowUs);
+    return parsePointInTime(text, kPresentUs);
   }
 
  private:
@@ -36,8 +36,8 @@ class PointInTimeTest : public testing::Test {
 };
 
 TEST_F(PointInTimeTest, ADurationIsBeforeNow) {
-  EXPECT_EQ(parse("1h"), kNowUs - 3'600'000'000);
-  EXPECT_EQ(parse("30"), kNowUs - 30'000'000);
+  EXPECT_EQ(parse("1h"), kPresentUs - 3'600'000'000);
+  EXPECT_EQ(parse("30"), kPresentUs - 30'000'000);
 }
 
 TEST_F(PointInTimeTest, ATimeIsLocalUnlessItEndsWithZ) {

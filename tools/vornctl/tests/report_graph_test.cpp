@@ -8,7 +8,7 @@ namespace vorn::launch {
 namespace {
 
 /// A launch file with these nodes and their `required`.
-LaunchFile fileOf(
+LaunchFile graphFile(
     const std::vector<std::pair<std::string, std::vector<std::string>>>&
         nodes) {
   LaunchFile file;
@@ -27,17 +27,17 @@ std::vector<std::optional<size_t>> layers(const LaunchFile& file) {
 }
 
 TEST(LayersTest, ANodeIsRightOfAllThatRequireIt) {
-  EXPECT_EQ(layers(fileOf({{"c", {}}, {"b", {"c"}}, {"a", {"b", "c"}}})),
+  EXPECT_EQ(layers(graphFile({{"c", {}}, {"b", {"c"}}, {"a", {"b", "c"}}})),
             (std::vector<std::optional<size_t>>{2, 1, 0}));
 }
 
 TEST(LayersTest, ANodeWithoutRequiredIsInNoLayer) {
-  EXPECT_EQ(layers(fileOf({{"a", {}}})),
+  EXPECT_EQ(layers(graphFile({{"a", {}}})),
             (std::vector<std::optional<size_t>>{std::nullopt}));
 }
 
 TEST(LayersTest, TheArrowsOfACycleHaveNoEffect) {
-  EXPECT_EQ(layers(fileOf({{"a", {"b"}}, {"b", {"a", "c"}}, {"c", {}}})),
+  EXPECT_EQ(layers(graphFile({{"a", {"b"}}, {"b", {"a", "c"}}, {"c", {}}})),
             (std::vector<std::optional<size_t>>{0, 0, 1}));
 }
 
@@ -49,7 +49,7 @@ TEST(PrintRequiredGraphTest, TheNodesOfALargeGraphAreOnlyListed) {
   }
   std::ostringstream stream;
   Output out(stream);
-  printRequiredGraph(out, fileOf(nodes));
+  printRequiredGraph(out, graphFile(nodes));
   EXPECT_EQ(stream.str().find("<svg"), std::string::npos);
   EXPECT_NE(stream.str().find("n0</bdi> requires <bdi class=\"node\">last"),
             std::string::npos);

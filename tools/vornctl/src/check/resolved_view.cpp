@@ -120,7 +120,7 @@ Json jsonOf(const LaunchFile& file, const LaunchFile::Node& node) {
   return json;
 }
 
-OutputText secondsOf(uint64_t milliseconds) {
+OutputText secondsCell(uint64_t milliseconds) {
   char text[32];
   (void)std::snprintf(text, sizeof(text), "%llu.%03llu s",
                       static_cast<unsigned long long>(milliseconds / 1000),
@@ -203,9 +203,9 @@ void printTimeline(Output& out, const LaunchFile& file) {
     const bool is_left_alone = node.disabled.value || !node.autostart.value;
     if (!is_left_alone) now += sleep;
     table.rows.push_back(
-        {{is_left_alone ? "-" : secondsOf(now)},
+        {{is_left_alone ? "-" : secondsCell(now)},
          {terminalText(node.name.value)},
-         {sleep == 0 ? "-" : secondsOf(sleep)},
+         {sleep == 0 ? "-" : secondsCell(sleep)},
          {terminalText(node.disabled.value     ? "disabled"
                        : !node.autostart.value ? "not started automatically"
                                                : "")}});

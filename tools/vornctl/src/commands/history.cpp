@@ -13,6 +13,7 @@
 #include "live/history_json.h"
 #include "live/log_source.h"
 #include "live/node_history.h"
+#include "output/duration.h"
 #include "output/json.h"
 #include "output/output.h"
 #include "output/table.h"
@@ -22,7 +23,6 @@ namespace {
 
 // Grows when a member changes its meaning or is removed, not when one is added.
 constexpr int kHistorySchema = 1;
-constexpr int64_t kSecondUs = 1'000'000;
 
 /// An event of the log or a recorded action.
 struct Entry {

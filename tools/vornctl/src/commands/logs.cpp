@@ -13,7 +13,7 @@
 namespace vorn::launch {
 namespace {
 
-using Kind = LogLocation::Kind;
+using LocationKind = LogLocation::Kind;
 
 constexpr size_t kFollowedLines = 10;  // that are printed first, as by tail(1)
 
@@ -40,7 +40,7 @@ class Logs {
       : context_(context),
         options_(options),
         log_(log.location),
-        is_journal_(log_.kind == Kind::JOURNAL),
+        is_journal_(log_.kind == LocationKind::JOURNAL),
         writers_(is_journal_ && log_.path.empty()),
         since_us_(options.sinceUs) {
     for (const std::string& name : names) {
@@ -137,7 +137,7 @@ class Logs {
     };
     std::optional<size_t> count = options_.count;
     if (options_.isFollowed && !count && since_us_ == 0 &&
-        log_.kind != Kind::STANDARD_INPUT) {
+        log_.kind != LocationKind::STANDARD_INPUT) {
       count = kFollowedLines;
     }
     if (!count) return readLog(log_, since_us_, reader, error, end);

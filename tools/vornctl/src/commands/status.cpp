@@ -11,6 +11,7 @@
 #include "live/node_cells.h"
 #include "live/node_history.h"
 #include "live/node_usage.h"
+#include "output/duration.h"
 #include "output/json.h"
 #include "output/output.h"
 #include "output/text.h"
@@ -79,7 +80,6 @@ bool contains(const std::vector<std::string>& words, const char* word) {
 /// if the user has asked for it.
 void addFromLog(const Context& context, const StatusOptions& options,
                 const LauncherProcess& launcher, std::vector<NodeView>& views) {
-  constexpr int64_t kSecondUs = 1'000'000;
   const int64_t now_us = std::time(nullptr) * kSecondUs;
   const bool is_asked = options.isFailedOnly ||
                         contains(options.columns, "restarts") ||

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "live/node_lines.h"
+#include "output/duration.h"
 
 namespace vorn::launch {
 namespace {
@@ -12,7 +13,6 @@ namespace {
 /// The text of a line, without the origin of a line of the launcher, for which
 /// the screen is too narrow.
 std::string describeRecord(const LogRecord& record) {
-  constexpr int64_t kSecondUs = 1'000'000;
   const auto line = launcherLineIn(record);
   if (!line) return std::string(record.text);
   const int64_t time_us = line->timeUs != 0 ? line->timeUs : record.timeUs;
@@ -36,7 +36,6 @@ bool TopFacts::refresh(const std::vector<NodeView>& nodes, bool has_changed) {
 }
 
 void TopFacts::addTo(std::vector<NodeView>& nodes) const {
-  constexpr int64_t kSecondUs = 1'000'000;
   if (has_histories_) {
     addHistory(histories_, std::time(nullptr) * kSecondUs, nodes);
   }
@@ -67,7 +66,6 @@ void TopFacts::readUsage(std::vector<NodeView> nodes) {
 }
 
 void TopFacts::readHistory(const std::vector<NodeView>& nodes) {
-  constexpr int64_t kSecondUs = 1'000'000;
   std::string error;
   NodeHistories histories;
   const auto log = findLog(launcher_, log_file_, error);

@@ -16,6 +16,7 @@
 #include "live/orphans.h"
 #include "live/out_of_memory.h"
 #include "live/proc_file.h"
+#include "output/duration.h"
 #include "output/output.h"
 #include "output/table.h"
 
@@ -23,7 +24,6 @@ namespace vorn::launch {
 namespace {
 
 constexpr std::chrono::minutes kWhyReplyLimit{5};
-constexpr int64_t kSecondUs = 1'000'000;
 constexpr size_t kLastLines = 5;
 
 bool isFull(const struct statvfs& system) {

@@ -4,6 +4,8 @@
 #include <string_view>
 #include <vector>
 
+#include "output/text.h"
+
 namespace vorn::launch {
 namespace {
 
@@ -22,10 +24,6 @@ std::string_view trimmed(std::string_view line) {
   const size_t begin = line.find_first_not_of(kBlanks);
   if (begin == std::string_view::npos) return {};
   return line.substr(begin, line.find_last_not_of(kBlanks) - begin + 1);
-}
-
-bool startsWith(std::string_view text, std::string_view beginning) {
-  return text.substr(0, beginning.size()) == beginning;
 }
 
 /// "[name]" or "[[name]]", the heading of a section.

@@ -12,6 +12,7 @@
 
 #include "descriptor.h"
 #include "live/log_time.h"
+#include "output/duration.h"
 #include "output/json.h"
 #include "output/output_text.h"
 
@@ -19,7 +20,6 @@ namespace vorn::launch {
 namespace {
 
 constexpr int kRecordSchema = 1;
-constexpr int64_t kUsPerSecond = 1'000'000;
 
 std::optional<int64_t> parseUtc(const std::string& text) {
   if (text.size() != kLogTimeLength) return std::nullopt;
@@ -117,14 +117,14 @@ void addRecords(const std::string& text, int64_t since_us,
 }  // namespace
 
 std::string formatUtc(int64_t time_us) {
-  const std::time_t seconds = time_us / kUsPerSecond;
+  const std::time_t seconds = time_us / kSecondUs;
   std::tm utc{};
   (void)::gmtime_r(&seconds, &utc);
   std::array<char, 32> date{};
   (void)std::strftime(date.data(), date.size(), "%Y-%m-%dT%H:%M:%S", &utc);
   std::array<char, 48> text{};
   (void)std::snprintf(text.data(), text.size(), "%s.%06dZ", date.data(),
-                      static_cast<int>(time_us % kUsPerSecond));
+                      static_cast<int>(time_us % kSecondUs));
   return text.data();
 }
 

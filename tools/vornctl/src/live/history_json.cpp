@@ -2,11 +2,10 @@
 
 #include "live/action_records.h"
 #include "live/event_text.h"
+#include "output/duration.h"
 
 namespace vorn::launch {
 namespace {
-
-constexpr double kSecondUs = 1e6;
 
 void addExit(Json& json, const HistoryEvent& exit) {
   json["pid"] = orNull(exit.pid);

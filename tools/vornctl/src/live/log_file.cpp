@@ -124,7 +124,7 @@ int64_t offsetOf(int fd, int64_t size, int64_t since_us) {
   return low->offset;
 }
 
-int64_t sizeOf(int fd) {
+int64_t fileSize(int fd) {
   struct stat status {};
   return ::fstat(fd, &status) == 0 ? int64_t{status.st_size} : 0;
 }
@@ -199,7 +199,7 @@ bool readPart(const LogPart& part, int64_t since_us, RecordFilter& filter,
   const int fd = part.file->number();
   const int64_t begin = part.isCompressed || since_us == 0
                             ? holeEnd(fd)
-                            : offsetOf(fd, sizeOf(fd), since_us);
+                            : offsetOf(fd, fileSize(fd), since_us);
   const bool is_read = part.isCompressed
                            ? readCompressed(part, splitter, error)
                            : readPlain(part, begin, splitter, error);
@@ -242,7 +242,7 @@ bool beginsBefore(const LogPart& part, int64_t since_us) {
   const int fd = part.file->number();
   // A part of the file that is long enough for a launcher's line.
   const int64_t end =
-      std::min<int64_t>(sizeOf(fd), static_cast<int64_t>(kBlockSize) * 16);
+      std::min<int64_t>(fileSize(fd), static_cast<int64_t>(kBlockSize) * 16);
   const auto first = firstTimed(fd, 0, end);
   return first && first->timeUs < since_us;
 }
@@ -297,7 +297,7 @@ class FollowedFile {
   /// Reads to the end of the file, or of its successor.
   bool readOn(std::string& error) {
     // A file shorter than the part that was read was truncated.
-    if (sizeOf(number()) < offset_) restart(part_.file);
+    if (fileSize(number()) < offset_) restart(part_.file);
     if (!readToEnd(error)) return false;
     const std::shared_ptr<const Descriptor> next = successor();
     if (!next) return true;
@@ -315,7 +315,7 @@ class FollowedFile {
     pollfd watched[] = {{notifier.number(), POLLIN, 0}, {cancel_fd, POLLIN, 0}};
     // For rotations, and for file systems without notification.
     constexpr int kLimitMs = 500;
-    const bool has_changed = sizeOf(number()) != offset_;
+    const bool has_changed = fileSize(number()) != offset_;
     (void)::poll(watched, 2, has_changed ? 0 : kLimitMs);
     return watched[1].revents == 0;
   }
@@ -409,7 +409,7 @@ bool readLogFileEnd(const LogLocation& location, int64_t size, int64_t since_us,
                     const LogReader& reader, bool& is_all, std::string& error,
                     LogPosition* end) {
   const int fd = location.file->number();
-  const int64_t whole = sizeOf(fd);
+  const int64_t whole = fileSize(fd);
   is_all = size >= whole || isCompressed(fd);
   if (is_all) return readLogFiles(location, since_us, reader, error, end);
   const int64_t begin = whole - size;

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <ctime>
 
+#include "output/duration.h"
+
 namespace vorn::launch {
 namespace {
 
@@ -60,7 +62,6 @@ std::optional<int64_t> parseLogTime(std::string_view line) {
 }
 
 std::string formatLogTime(int64_t time_us) {
-  constexpr int64_t kSecondUs = 1'000'000;
   const time_t seconds = time_us / kSecondUs;
   tm utc{};
   (void)::gmtime_r(&seconds, &utc);

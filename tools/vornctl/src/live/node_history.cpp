@@ -2,13 +2,14 @@
 
 #include <algorithm>
 
+#include "output/duration.h"
+
 namespace vorn::launch {
 namespace {
 
 using Kind = HistoryEvent::Kind;
 using Cause = HistoryEvent::Cause;
 
-constexpr int64_t kSecondUs = 1'000'000;
 // How far to search for the exit of one run.
 constexpr size_t kMaxRecords = 1'000'000;
 

@@ -3,14 +3,13 @@
 #include <signal.h>
 
 #include "live/event_text.h"
+#include "output/duration.h"
 
 namespace vorn::launch {
 namespace {
 
 using Kind = HistoryEvent::Kind;
 using Cause = HistoryEvent::Cause;
-
-constexpr int64_t kSecondUs = 1'000'000;
 
 std::string agoText(const NodeFacts& facts, int64_t time_us) {
   const int64_t seconds = (facts.nowUs - time_us) / kSecondUs;

@@ -8,8 +8,6 @@
 namespace vorn::launch {
 namespace {
 
-constexpr int64_t kSecondUs = 1'000'000;
-
 /// Removes "." and digits from the start of `rest`, and returns their value in
 /// microseconds.
 int64_t takeFraction(const char*& rest) {

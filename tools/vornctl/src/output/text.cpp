@@ -2,6 +2,10 @@
 
 namespace vorn::launch {
 
+bool startsWith(std::string_view text, std::string_view prefix) {
+  return text.substr(0, prefix.size()) == prefix;
+}
+
 std::string untilNul(const std::string& text) {
   return text.substr(0, text.find('\0'));
 }

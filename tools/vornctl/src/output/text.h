@@ -1,8 +1,12 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace vorn::launch {
+
+/// Whether the text begins with `prefix`.
+bool startsWith(std::string_view text, std::string_view prefix);
 
 /// The text up to its first NUL, where it ends for the C library.
 std::string untilNul(const std::string& text);
