@@ -1,6 +1,7 @@
 """A real launcher that executes the steps of a story and is compared with the model
 after each step."""
 
+import collections
 import errno
 import json
 import mmap
@@ -14,6 +15,7 @@ import state_model
 from support.control import RESPONSE, Cmd, Result, State, pack_request
 from support.control import read_exactly, unpack_response
 from support.blocking import NO_LIMIT, held, limit_of_wait
+from support.journal import entry, write_journal
 from support.log import parse_log
 from support.machine import Machine
 from support.waiting import PATIENCE, eventually
@@ -221,6 +223,44 @@ class Driver:
 
     # -- Comparison.
 
+    def compare_history(self, model):
+        """Checks that vornctl derives every exit and its cause from the log, in a file
+        and in the journal."""
+        if len({node.name for node in model.nodes}) < len(model.nodes):
+            return  # the log does not tell nodes of one name apart
+        expected = collections.Counter(
+            (model.name(process.key), process.cause) for process in model.collected)
+        known = {self.pids[process]: (model.name(process.key), process.cause)
+                 for process in model.collected if process in self.pids}
+        journal = self.machine.tmp / "journal/launcher.journal"
+        write_journal(journal, self._journal_entries())
+        for log in (self.machine.tmp / "stderr", journal.parent):
+            exits = [event for event in self._history(log)
+                     if event["event"] == "exited"]
+            found = collections.Counter((e["node"], e["cause"]) for e in exits)
+            assert found == expected, f"history of {log}: {found}, not {expected}"
+            by_pid = {e["pid"]: (e["node"], e["cause"]) for e in exits}
+            assert known.items() <= by_pid.items(), (
+                f"history of {log}: {by_pid}, not {known}")
+
+    def _history(self, log):
+        vornctl = self.machine.install / "bin/vornctl"
+        done = subprocess.run(
+            [vornctl, "history", "--json", "--log", log, "-n", "1000000"],
+            stdout=subprocess.PIPE, check=True)
+        return json.loads(done.stdout)["events"]
+
+    def _journal_entries(self):
+        """The log as the journal receives it: without times in the text."""
+        entries = []
+        for number, line in enumerate(self.machine.log()):
+            mark = "*" if line.event else ""
+            entries.append(entry(
+                1_700_000_000 + number / 1000, line.pid,
+                f"{mark}{line.level:<5} {line.name}[{line.pid}] {line.file}:{line.line}"
+                f" {line.func}: {line.text}"))
+        return entries
+
     def compare(self, model):
         """Checks that the launcher agrees with `model`, the model after the step."""
         self._set_system(model)
@@ -318,6 +358,7 @@ def play(directory, program, library, nodes, steps, patience=PATIENCE):
             expected = model.apply(step)
             assert result == expected, f"{step} answers {result}, not {expected}"
             driver.compare(model)
+        driver.compare_history(model)
         log = driver.machine.stderr()
         assert not re.search("Sanitizer|runtime error:", log), log
     except AssertionError as error:

@@ -61,6 +61,7 @@ class Process:
     def __init__(self, key, lives):
         self.key = key
         self.lives = lives  # otherwise dead and not yet collected
+        self.cause = "itself"  # of its exit, as the launcher can know it
         self.ignores_sigterm = False
 
 
@@ -92,6 +93,7 @@ class Model:
         self.programs = {node.key: "runs" for node in self.nodes}
         self.refused = "nothing"
         self.processes = []  # that the launcher has not collected, oldest first
+        self.collected = []  # processes whose exit the launcher has collected
         self.offspring = 0  # processes that nodes have forked
         self.has_ended = False
         self.events = []  # (level, text) of the starred log lines, but for:
@@ -238,7 +240,7 @@ class Model:
         self._row(node, "start", RUNNING, "INFO", log_texts.started(node.name))
         return True
 
-    def _stop(self, node):
+    def _stop(self, node, cause="operator"):
         if node.state in (STOPPED, DISABLED):
             self._row(node, "stop, nothing to stop", node.state)
             return True
@@ -256,6 +258,7 @@ class Model:
         self.long_stops += node.process.lives and node.process.ignores_sigterm
         self._row(node, "stop", STOPPED)
         node.process.lives = False  # and remains the node's until its exit
+        node.process.cause = cause
         self._restart_required(node)
         return True
 
@@ -269,7 +272,7 @@ class Model:
         if node.state != RUNNING:
             self._row(node, "required, not running", node.state)
             return
-        was_stopped = self._stop(node)
+        was_stopped = self._stop(node, "required")
         if node.oneshot:
             node.disabled = True
         if was_stopped:
@@ -338,6 +341,7 @@ class Model:
     def _collect_exits(self):
         dead = [p for p in self.processes if not p.lives]
         self.processes = [p for p in self.processes if p.lives]
+        self.collected += dead
         for process in dead:
             owner = next((n for n in self.nodes if n.process is process), None)
             if owner is not None:

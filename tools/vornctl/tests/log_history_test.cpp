@@ -7,13 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "output/duration.h"
+
 namespace vorn::launch {
 namespace {
 
 using Kind = HistoryEvent::Kind;
 using Cause = HistoryEvent::Cause;
 
-constexpr int64_t kSecondUs = 1'000'000;
 constexpr pid_t kLauncher = 42;
 
 /// Writes the lines of a launcher, one second after the other.
@@ -178,7 +179,8 @@ TEST_F(LogHistoryTest, RequiredNodesRestartWithTheNodeThatIsStopped) {
   command(1);
   start("c");
   start("b");
-  unnamedExit(7, CLD_KILLED, SIGTERM);  // the kernel's order: oldest first
+  unnamedExit(7, CLD_KILLED,
+              SIGTERM);  // the kernel's order: oldest start first
   nextExit(8, CLD_KILLED, SIGKILL);
   nextExit(9, CLD_KILLED, SIGTERM);
   lineNow("'a' receive signal: 15.");
@@ -186,10 +188,10 @@ TEST_F(LogHistoryTest, RequiredNodesRestartWithTheNodeThatIsStopped) {
   const auto all = events();
   ASSERT_EQ(all.size(), 5U);
   EXPECT_EQ(all[0].cause, Cause::REQUIRED);
-  EXPECT_EQ(all[2].node, "c");
+  EXPECT_EQ(all[2].node, "b");
   EXPECT_EQ(all[2].pid, 7);
   EXPECT_EQ(all[2].cause, Cause::REQUIRED);
-  EXPECT_EQ(all[3].node, "b");
+  EXPECT_EQ(all[3].node, "c");
   EXPECT_TRUE(all[3].isForced());
   EXPECT_EQ(all[4].node, "a");
   EXPECT_EQ(all[4].cause, Cause::OPERATOR);

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "output/text.h"
 #include "vorn/control_protocol.h"
 
 namespace vorn::launch {
@@ -24,10 +25,6 @@ constexpr size_t kMaxChildren = 10'000;
 // A program that handles SIGTERM can exit with a status. The launcher looks for
 // it at least every 0.2 s during a stop.
 constexpr int64_t kUsualStopUs = 2'000'000;
-
-bool startsWith(std::string_view text, std::string_view prefix) {
-  return text.substr(0, prefix.size()) == prefix;
-}
 
 /// The text between `prefix` and `suffix`; nothing if they do not enclose it.
 std::optional<std::string> between(std::string_view text,
@@ -147,7 +144,7 @@ void LogHistory::addLine(Launcher& launcher, const LogLine& line) {
     return;
   }
   settleExit(launcher);
-  if (launcher.isInExits) launcher.stopCommands = 0;
+  if (launcher.isInExits) launcher.isStopLast = launcher.isStopBefore = false;
   launcher.isInExits = false;
   if (addControlLine(launcher, line.text)) return;
   if (addStartLine(launcher, line.text)) {
@@ -194,7 +191,7 @@ bool LogHistory::addReapLine(Launcher& launcher, std::string_view text) {
   launcher.exit->isOneshot = is_oneshot;
   NodeState& node = stateOf(launcher, *name);
   Cause cause = node.run.stopCause;
-  const bool is_stop = launcher.stopCommands > 0 &&
+  const bool is_stop = (launcher.isStopBefore || launcher.isStopLast) &&
                        looksStopped(*launcher.exit, launcher.commandUs);
   if (restarts) {
     cause = Cause::ITSELF;
@@ -202,14 +199,16 @@ bool LogHistory::addReapLine(Launcher& launcher, std::string_view text) {
     const bool can_be_its_own = is_oneshot || node.isStopRefused;
     cause = is_stop || !can_be_its_own ? Cause::OPERATOR : Cause::ITSELF;
   }
-  if (cause == Cause::OPERATOR && launcher.stopCommands > 0) {
-    --launcher.stopCommands;
-  }
+  if (cause == Cause::OPERATOR) forgetStop(launcher);
   reportExit(launcher, node.run, cause);
   node = NodeState();
   node.isKnown = true;
   node.waitsForRestart = restarts;
   return true;
+}
+
+void LogHistory::forgetStop(Launcher& launcher) {
+  (launcher.isStopBefore ? launcher.isStopBefore : launcher.isStopLast) = false;
 }
 
 bool LogHistory::addControlLine(Launcher& launcher, std::string_view text) {
@@ -218,7 +217,8 @@ bool LogHistory::addControlLine(Launcher& launcher, std::string_view text) {
     const std::string number(
         text.substr(std::string_view("control cmd: ").size()));
     launcher.command = std::atoi(number.c_str());
-    if (isStopCommand(launcher.command)) ++launcher.stopCommands;
+    launcher.isStopBefore = launcher.isStopLast;
+    launcher.isStopLast = isStopCommand(launcher.command);
     if (launcher.command != static_cast<int>(ControlRequest::Cmd::STATUS)) {
       launcher.commandUs = time_us_;
     }
@@ -257,7 +257,7 @@ bool LogHistory::addStartLine(Launcher& launcher, std::string_view text) {
     stateOf(launcher, *waiting).waitsForRestart = false;
     HistoryEvent event = eventOf(launcher, Kind::RESTART_CANCELLED, *waiting);
     event.cause = Cause::OPERATOR;
-    launcher.stopCommands = std::max(0, launcher.stopCommands - 1);
+    launcher.isStopLast = false;
     receiver_(event);
   } else if (startsWith(text, "kill service '")) {
     addStopFailed(launcher, text);
@@ -292,6 +292,7 @@ void LogHistory::addStarted(Launcher& launcher, const std::string& name) {
   node.isKnown = true;
   node.run.node = name;
   node.run.startUs = time_us_;
+  node.run.number = ++launcher.starts;
   node.run.isOpen = true;
 }
 
@@ -334,7 +335,7 @@ void LogHistory::addStopFailed(Launcher& launcher, std::string_view text) {
                                std::string(text.substr(begin, end - begin)));
   event.detail = text.substr(end + kReason.size());
   stateOf(launcher, event.node).isStopRefused = true;
-  launcher.stopCommands = std::max(0, launcher.stopCommands - 1);
+  launcher.isStopLast = false;
   receiver_(event);
 }
 
@@ -351,7 +352,7 @@ void LogHistory::settlePending(Launcher& launcher, std::string_view text) {
   if (is_restarted) {
     const bool is_replaced =
         event.kind == Kind::STARTED || event.kind == Kind::FORK_FAILED;
-    Run& run = is_replaced ? launcher.replaced.back()
+    Run& run = is_replaced ? launcher.replaced[launcher.lastReplaced]
                            : stateOf(launcher, event.node).run;
     run.stopCause = event.cause;
   }
@@ -365,7 +366,7 @@ void LogHistory::settleExit(Launcher& launcher) {
     reportExit(launcher, run, run.stopCause);
   } else if (!launcher.replaced.empty()) {
     // The kernel reports the exits in the order of the starts.
-    const Run run = launcher.replaced.front();
+    const Run run = launcher.replaced.begin()->second;
     launcher.replaced.erase(launcher.replaced.begin());
     launcher.exit->node = run.node;
     reportExit(launcher, run,
@@ -389,7 +390,7 @@ void LogHistory::endLauncher(Launcher& launcher) {
   settlePending(launcher, "");
   settleExit(launcher);
   for (auto& [name, node] : launcher.nodes) replaceRun(launcher, node);
-  for (const Run& run : launcher.replaced) {
+  for (const auto& [number, run] : launcher.replaced) {
     receiver_(eventOf(launcher, Kind::LOST, run.node));
   }
   launcher.replaced.clear();
@@ -397,7 +398,8 @@ void LogHistory::endLauncher(Launcher& launcher) {
 
 void LogHistory::replaceRun(Launcher& launcher, NodeState& node) {
   if (!node.run.isOpen) return;
-  launcher.replaced.push_back(std::exchange(node.run, Run()));
+  launcher.lastReplaced = node.run.number;
+  launcher.replaced[launcher.lastReplaced] = std::exchange(node.run, Run());
 }
 
 LogHistory::NodeState& LogHistory::stateOf(Launcher& launcher,

@@ -86,6 +86,7 @@ class LogHistory {
   struct Run {
     std::string node;
     int64_t startUs = 0;  // 0 if unknown
+    size_t number = 0;    // of the start, counted for each launcher
     HistoryEvent::Cause stopCause = HistoryEvent::Cause::UNKNOWN;
     bool isOpen = false;
   };
@@ -106,13 +107,19 @@ class LogHistory {
     bool isLoading = false;     // it reads its launch file
     bool isStartingUp = false;  // it starts its nodes
     std::map<std::string, NodeState> nodes;
+    size_t starts = 0;
     // Runs whose node has been started again before their exits were
-    // collected, in the order of their starts: the exits have no name.
-    std::vector<Run> replaced;
-    int command = -1;  // of the last line, otherwise -1
+    // collected, by the numbers of their starts: the exits have no name.
+    std::map<size_t, Run> replaced;
+    size_t lastReplaced = 0;  // the key of the last one
+    int command = -1;         // of the last line, otherwise -1
     int64_t commandUs = 0;
-    int stopCommands = 0;    // since the last exits, and not yet seen in one
-    bool isInExits = false;  // the last line was about an exit
+    // Stop commands whose exit the log can still have: the last command, and
+    // the one before it, since the launcher handles a signal after at most one
+    // further command.
+    bool isStopLast = false;
+    bool isStopBefore = false;
+    bool isInExits = false;            // the last line was about an exit
     std::optional<HistoryEvent> exit;  // its next lines are still to come
     std::optional<Pending> pending;
   };
@@ -122,6 +129,7 @@ class LogHistory {
   void addLine(Launcher& launcher, const LogLine& line);
   bool addExitLine(Launcher& launcher, std::string_view text);
   bool addReapLine(Launcher& launcher, std::string_view text);
+  static void forgetStop(Launcher& launcher);
   bool addControlLine(Launcher& launcher, std::string_view text);
   bool addStartLine(Launcher& launcher, std::string_view text);
   void addStarted(Launcher& launcher, const std::string& name);
