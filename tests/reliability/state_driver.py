@@ -227,7 +227,7 @@ class Driver:
         """Checks that vornctl derives every exit and its cause from the log, in a file
         and in the journal."""
         if len({node.name for node in model.nodes}) < len(model.nodes):
-            return  # the log does not tell nodes of one name apart
+            return  # in the log, nodes of one name look the same
         expected = collections.Counter(
             (model.name(process.key), process.cause) for process in model.collected)
         known = {self.pids[process]: (model.name(process.key), process.cause)
