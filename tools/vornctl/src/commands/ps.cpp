@@ -57,12 +57,13 @@ Json processJson(const NodeProcess& each, const PsOptions& options,
                {"threads", process.threads},
                {"command", argumentsOf(process.pid)}};
   if (!options.hasPorts) return json;
-  Json& list = json["listening"];
+  Json list;
   if (const Sockets open = sockets.of(process.pid)) {
     list = Json::array();
     for (const ListeningSocket& socket : *open)
       list.push_back(socketJson(socket));
   }
+  json["listening"] = list;
   return json;
 }
 

@@ -227,20 +227,20 @@ class Top {
     const NodeView* const node = list_.selected();
     if (node == nullptr) return;
     if (cmd == Cmd::START || cmd == Cmd::ENABLE) {
-      act(cmd, node->name);
+      act(cmd, std::string(node->name));
     } else {
       asked_ = {cmd, node->name};
     }
   }
 
   void answer(int key) {
-    const auto [cmd, name] = *asked_;
+    const Asked asked = *asked_;
     asked_.reset();
-    if (key == 'y' || key == 'Y') act(cmd, name);
+    if (key == 'y' || key == 'Y') act(asked.cmd, asked.name);
   }
 
-  // A copy of the name, since drawing changes the list.
-  void act(Cmd cmd, const std::string name) {
+  // `name` must not be in the list, which drawing changes.
+  void act(Cmd cmd, const std::string& name) {
     const OperationWords words = wordsFor(cmd);
     ControlOptions options =
         context_.client(graph_.replyLimit(cmd, name)).options();

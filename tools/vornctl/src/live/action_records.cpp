@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdio>
 #include <ctime>
+#include <limits>
 #include <sstream>
 
 #include "descriptor.h"
@@ -59,9 +60,10 @@ std::optional<Number> numberOf(const Json& json, const char* member) {
   const auto found = json.find(member);
   if (found == json.end() || !found->is_number_unsigned()) return std::nullopt;
   const auto value = found->get<uint64_t>();
-  const auto number = static_cast<Number>(value);
-  if (number < 0 || static_cast<uint64_t>(number) != value) return std::nullopt;
-  return number;
+  constexpr auto kMost =
+      static_cast<uint64_t>(std::numeric_limits<Number>::max());
+  if (value > kMost) return std::nullopt;
+  return static_cast<Number>(value);
 }
 
 void readNodes(const Json& json, ActionRecord& record) {

@@ -44,8 +44,8 @@ std::vector<TmpfilesRule> parseTmpfiles(const std::string& text) {
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
     std::istringstream words(line);
-    const std::vector<std::string> fields{
-        std::istream_iterator<std::string>(words), {}};
+    const std::vector<std::string> fields(
+        std::istream_iterator<std::string>(words), {});
     if (fields.size() < 2 || fields[0][0] == '#') continue;
     constexpr size_t kAge = 5;  // after type, path, mode, user and group
     TmpfilesRule rule{fields[0], fields[1], ""};
