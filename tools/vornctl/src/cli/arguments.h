@@ -5,10 +5,10 @@
 
 #include "commands/check.h"
 #include "commands/graph.h"
+#include "commands/history.h"
 #include "commands/logs.h"
 #include "commands/orphans.h"
 #include "commands/ps.h"
-#include "commands/history.h"
 #include "commands/report.h"
 #include "commands/start_stop.h"
 #include "commands/status.h"

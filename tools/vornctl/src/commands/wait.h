@@ -21,10 +21,10 @@ struct WaitOptions {
 
 /// Waits until all nodes are in the requested state at the same time: RUNNING,
 /// STOPPED or DISABLED without a process, or RESTARTED, which is RUNNING since
-/// another start than at the beginning of the wait, or SUCCEEDED: a oneshot that
-/// exited with status 0; kFailed if it exited otherwise. With `heldFor`, until the
-/// state has lasted for that time; kNotRunning if it does not last. kTimedOut
-/// after `limit`.
+/// another start than at the beginning of the wait, or SUCCEEDED: a oneshot
+/// that exited with status 0; kFailed if it exited otherwise. With `heldFor`,
+/// until the state has lasted for that time; kNotRunning if it does not last.
+/// kTimedOut after `limit`.
 ExitStatus waitForNodes(Context& context, const WaitOptions& options);
 
 /// Prints a line for each node and for each of its changes, until the launcher
