@@ -50,7 +50,7 @@ class LogSourceTest : public testing::Test {
   }
 
   void writeCompressed(const std::string& name, const std::string& text) const {
-    const gzFile file = ::gzopen((directory_ / name).c_str(), "wb");
+    gzFile file = ::gzopen((directory_ / name).c_str(), "wb");
     ASSERT_EQ(::gzwrite(file, text.data(), static_cast<unsigned>(text.size())),
               static_cast<int>(text.size()));
     ASSERT_EQ(::gzclose(file), Z_OK);

@@ -40,7 +40,7 @@ class NodeVerdictTest : public Test {
 
   void action(const std::string& command, const std::string& reason) {
     facts_.action.emplace();
-    facts_.action->timeUs = kJudgedUs - 2 * 60 * kSecondUs;
+    facts_.action->timeUs = kJudgedUs - 120 * kSecondUs;
     facts_.action->user = "alice";
     facts_.action->command = command;
     facts_.action->outcome = "done";

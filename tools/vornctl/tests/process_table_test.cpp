@@ -26,6 +26,7 @@ Process processOf(pid_t pid, pid_t parent) {
 
 std::vector<pid_t> pidsOf(const std::vector<const Process*>& processes) {
   std::vector<pid_t> pids;
+  pids.reserve(processes.size());
   for (const Process* const process : processes) pids.push_back(process->pid);
   return pids;
 }

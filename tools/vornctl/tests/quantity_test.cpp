@@ -8,7 +8,7 @@ namespace {
 TEST(FormatBytesTest, UsesTheLargestUnitThatGivesAtLeastOne) {
   EXPECT_EQ(formatBytes(0), "0");
   EXPECT_EQ(formatBytes(1023), "1023");
-  EXPECT_EQ(formatBytes(640 * 1024), "640K");
+  EXPECT_EQ(formatBytes(655'360), "640K");
   EXPECT_EQ(formatBytes(12'700'000), "12.1M");
   EXPECT_EQ(formatBytes(int64_t{3} << 29), "1.5G");
 }

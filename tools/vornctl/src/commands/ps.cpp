@@ -108,8 +108,8 @@ void printTree(const Targets& targets, const Trees& trees,
   ListeningSockets sockets;
   Table table;
   table.header = {"NODE", "PID", "CPU%", "MEMORY", "THREADS", "AGE"};
-  if (options.hasPorts) table.header.push_back("LISTENS");
-  table.header.push_back("COMMAND");
+  if (options.hasPorts) table.header.emplace_back("LISTENS");
+  table.header.emplace_back("COMMAND");
   for (const std::string& name : targets.names) {
     const auto found = trees.find(name);
     if (found == trees.end()) continue;

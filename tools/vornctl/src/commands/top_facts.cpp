@@ -76,7 +76,7 @@ void TopFacts::readHistory(const std::vector<NodeView>& nodes) {
 }
 
 void TopFacts::readLogLines(size_t count) {
-  constexpr size_t kLongestLine = 1000;  // wider than any screen
+  constexpr size_t kLongestShownLine = 1000;  // wider than any screen
   line_count_ = count;
   lines_.clear();
   log_error_.clear();
@@ -85,7 +85,7 @@ void TopFacts::readLogLines(size_t count) {
   const bool is_read = readLogEnd(
       *log, count, 0, [](const LogRecord&) { return true; },
       [&](const LogRecord& record) {
-        lines_.push_back(describeRecord(record).substr(0, kLongestLine));
+        lines_.push_back(describeRecord(record).substr(0, kLongestShownLine));
         return true;
       },
       log_error_);

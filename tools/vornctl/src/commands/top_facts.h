@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "live/launcher_process.h"
@@ -50,8 +51,8 @@ class TopFacts {
  public:
   /// Reads the facts of `launcher`, which is borrowed, from its log and from
   /// /proc. `log_file` as for findLog().
-  TopFacts(const LauncherProcess& launcher, const std::string& log_file)
-      : launcher_(launcher), log_file_(log_file) {}
+  TopFacts(const LauncherProcess& launcher, std::string log_file)
+      : launcher_(launcher), log_file_(std::move(log_file)) {}
 
   /// Reads what is due; the history if `has_changed` or a minute has passed.
   /// Returns whether the usage was read.

@@ -151,7 +151,7 @@ class ValueFinder : public YAML::EventHandler {
   }
 
   void leaveNode(YAML::anchor_t anchor) {
-    if (anchor != 0) pending_anchors_.push_back({document_, anchor});
+    if (anchor != 0) pending_anchors_.emplace_back(document_, anchor);
     if (frames_.empty() || !frames_.back().is_map) return;
     Frame& frame = frames_.back();
     frame.is_at_key = !frame.is_at_key;
@@ -205,7 +205,8 @@ std::vector<bool> hiddenBytesOf(const std::string& text) {
   // yaml-cpp counts bytes only in UTF-8, and 0x04 is its end of a text.
   if (!isUtf8(text) || text.find('\x04') != std::string::npos ||
       text.find('\0') != std::string::npos) {
-    return std::vector<bool>(text.size(), true);
+    std::vector<bool> all(text.size(), true);
+    return all;
   }
   ValueFinder finder(text);
   try {

@@ -24,6 +24,7 @@ std::vector<std::string> configurationFiles(
     }
   }
   std::vector<std::string> sorted;
+  sorted.reserve(paths.size());
   for (const auto& [name, path] : paths) sorted.push_back(path);
   return sorted;
 }

@@ -33,7 +33,7 @@ std::string systemFact() {
   for (const char* const path : {"/etc/os-release", "/usr/lib/os-release"}) {
     const auto text = readProcFile(path);
     if (!text) continue;
-    const std::string name = osReleaseValue(*text, "PRETTY_NAME");
+    std::string name = osReleaseValue(*text, "PRETTY_NAME");
     if (!name.empty()) return name;
   }
   return kUnknownFact;

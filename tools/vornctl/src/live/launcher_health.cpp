@@ -79,7 +79,8 @@ std::string findTool(const LauncherProcess& launcher, const std::string& path,
   std::istringstream directories(path);
   for (std::string each; std::getline(directories, each, ':');) {
     if (each.empty()) each = ".";
-    const std::string candidate = each + '/' + name;
+    std::string candidate = each;
+    candidate.append("/").append(name);
     const Descriptor file(
         openAsLauncher(launcher.pid, *launcher.root, candidate, O_PATH));
     struct stat status {};
@@ -255,10 +256,11 @@ Finding pidsFinding(const PidFacts& facts) {
     }
     for (const auto& [other, name] : facts.nodes) {
       if (other == pid || !containsDigits(other, pid)) continue;
-      return {Verdict::WARNING,
-              begin + "pid " + std::to_string(other) + " of " + name +
-                  ": when all nodes are stopped, the first one can be killed "
-                  "at once",
+      std::string finding = begin;
+      finding.append("pid ").append(std::to_string(other));
+      finding.append(" of ").append(name).append(
+          ": when all nodes are stopped, the first one can be killed at once");
+      return {Verdict::WARNING, finding,
               "restart it, or raise the pids as the document about "
               "containers describes"};
     }

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
+#include <charconv>
 #include <utility>
 
 #include "output/text.h"
@@ -37,6 +37,16 @@ std::optional<std::string> between(std::string_view text,
   }
   return std::string(
       text.substr(prefix.size(), text.size() - prefix.size() - suffix.size()));
+}
+
+/// The number after `label`; 0 if there is none.
+int numberAfter(std::string_view text, std::string_view label) {
+  int number = 0;
+  const size_t begin = text.find(label);
+  if (begin == std::string_view::npos) return number;
+  const std::string_view digits = text.substr(begin + label.size());
+  (void)std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  return number;
 }
 
 std::optional<std::string> nodeIn(std::string_view text,
@@ -159,11 +169,10 @@ bool LogHistory::addExitLine(Launcher& launcher, std::string_view text) {
   if (startsWith(text, "si_pid: ")) {
     settleExit(launcher);
     HistoryEvent exit = eventOf(launcher, Kind::EXITED, "");
-    const std::string copy(text);
-    if (std::sscanf(copy.c_str(), "si_pid: %d, si_code: %d, si_status: %d",
-                    &exit.pid, &exit.code, &exit.status) == 3) {
-      launcher.exit = exit;
-    }
+    exit.pid = numberAfter(text, "si_pid: ");
+    exit.code = numberAfter(text, ", si_code: ");
+    exit.status = numberAfter(text, ", si_status: ");
+    if (exit.pid != 0) launcher.exit = exit;
     launcher.isInExits = true;
     return true;
   }
@@ -214,9 +223,7 @@ void LogHistory::forgetStop(Launcher& launcher) {
 bool LogHistory::addControlLine(Launcher& launcher, std::string_view text) {
   if (startsWith(text, "control cmd: ")) {
     launcher.isLoading = launcher.isStartingUp = false;
-    const std::string number(
-        text.substr(std::string_view("control cmd: ").size()));
-    launcher.command = std::atoi(number.c_str());
+    launcher.command = numberAfter(text, "control cmd: ");
     launcher.isStopBefore = launcher.isStopLast;
     launcher.isStopLast = isStopCommand(launcher.command);
     if (launcher.command != static_cast<int>(ControlRequest::Cmd::STATUS)) {

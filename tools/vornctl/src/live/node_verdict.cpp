@@ -204,7 +204,7 @@ class Judge {
       verdict_.isAsWanted = false;
     }
     if (!facts_.fullFileSystems.empty()) {
-      verdict_.remedies.push_back("free space on the full file system");
+      verdict_.remedies.emplace_back("free space on the full file system");
     }
     if (facts_.orphans.empty() || !facts_.hasLauncher) return;
     verdict_.summary += "; process " + std::to_string(facts_.orphans.front()) +

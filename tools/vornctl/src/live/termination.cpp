@@ -124,6 +124,7 @@ bool terminateSome(std::vector<Target>& targets, milliseconds grace,
 std::vector<Termination> terminate(const std::vector<Process>& processes,
                                    milliseconds grace, int cancel_fd) {
   std::vector<Termination> results;
+  results.reserve(processes.size());
   for (const Process& process : processes) {
     results.push_back({process, TerminationOutcome::RUNNING, ""});
   }
