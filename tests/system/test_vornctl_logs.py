@@ -197,8 +197,8 @@ class TestALogThatCannotBeRead:
     def test_can_be_closed(self, machine):
         machine.start("vornnode: {}", wrapper=["sh", "-c", 'exec "$@" 2>&-', "sh"])
         assert self.refusal(machine) == (
-            f"vornctl: launcher {machine.pid} has closed its standard error: there is "
-            "no log; restart the launcher with 2>>FILE or as a service\n")
+            f"vornctl: launcher {machine.pid} has closed its standard error, so it "
+            "has no log; restart the launcher with 2>>FILE or as a service\n")
 
     @needs_root
     def test_can_belong_to_another_user(self, robot):

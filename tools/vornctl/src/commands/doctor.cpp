@@ -36,7 +36,7 @@ constexpr int kDoctorSchema = 1;
 constexpr milliseconds kAnswerLimit = std::chrono::seconds(5);
 constexpr int64_t kDaySeconds = int64_t{24} * 60 * 60;
 
-constexpr char kNoAnswer[] = "there is no launcher that answers";
+constexpr char kNoAnswer[] = "no launcher answers";
 
 /// The installation, as one run of this command finds it.
 class Installation {
@@ -213,7 +213,7 @@ class Installation {
   }
 
   static Finding withoutLauncher() {
-    return unknownFinding("there is no launcher to examine");
+    return unknownFinding("no launcher is running");
   }
 
   static Finding withoutPermission(const std::string& subject) {

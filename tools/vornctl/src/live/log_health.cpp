@@ -190,7 +190,7 @@ Finding logFinding(const LogFacts& facts) {
                             kRunAsRoot);
     case LogKind::CLOSED:
       return {Verdict::WARNING,
-              "the launcher has closed its standard error: there is no log",
+              "the launcher has closed its standard error, so it has no log",
               kAppendToFile};
     case LogKind::NULL_DEVICE:
       return {Verdict::WARNING, "the launcher writes its log to /dev/null",

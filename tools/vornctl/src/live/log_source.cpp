@@ -95,7 +95,7 @@ std::string subjectOf(const LauncherProcess& launcher) {
 
 std::string explainClosed(const std::string& who) {
   return who +
-         " has closed its standard error: there is no log; restart the "
+         " has closed its standard error, so it has no log; restart the "
          "launcher with 2>>FILE or as a service";
 }
 

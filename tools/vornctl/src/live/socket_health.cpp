@@ -130,8 +130,7 @@ Finding answerFinding(Outcome outcome, const std::string& message,
     case Outcome::NOT_FOUND:
       return okFinding("the launcher answers");
     case Outcome::NO_LAUNCHER:
-      if (!is_launcher_running)
-        return unknownFinding("there is no launcher to ask");
+      if (!is_launcher_running) return unknownFinding("no launcher is running");
       return {Verdict::ERROR, message,
               "see the findings about the launcher and the socket"};
     case Outcome::UNTRUSTED:
