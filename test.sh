@@ -270,8 +270,9 @@ for ((round = 1; round <= repeat; ++round)); do
     # The tests mostly wait, so the next build takes place meanwhile. Its errors
     # appear when it is repeated.
     build_preset asan >/dev/null 2>&1 &
+    asan_job=$!  # a process substitution changes $!
     run_suites release unit system reliability
-    wait $! || true
+    wait "$asan_job" || true
     install_packages "${PACKAGE_PACKAGES[@]}" "${ROOT_PACKAGES[@]}"
     prepare_packages release >/dev/null 2>&1 &
     packages_job=$!

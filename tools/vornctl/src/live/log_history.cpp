@@ -4,7 +4,6 @@
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <utility>
 
