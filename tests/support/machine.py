@@ -192,6 +192,7 @@ class Machine:
         continues. From now on this class refers to the new launcher; the log is that of
         both."""
         init = self.tmp / ".init"
+        before = self._socket_identity()
         (init / "command").write_text(
             "/tmp/install/bin/vornlaunch\0/tmp/launch.yaml", encoding="utf-8"
         )
@@ -200,7 +201,19 @@ class Machine:
         os.kill(self._init, signal.SIGUSR1)
         eventually((init / "pid").exists, "another launcher is started")
         if wait_until_up:
+            # The first launcher may still answer.
+            eventually(lambda: self._socket_identity() not in (None, before),
+                       "another launcher creates its control socket")
             self.wait_until_up()
+
+    def _socket_identity(self):
+        """What distinguishes the control socket of a launcher from that of the next;
+        None without a socket."""
+        try:
+            status = (self.tmp / "vornlaunch/vornlaunch.sock").stat()
+        except FileNotFoundError:
+            return None
+        return status.st_ino, status.st_ctime_ns
 
     def _environment(self, changes, is_traced):
         environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8"}
