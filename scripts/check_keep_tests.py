@@ -19,7 +19,7 @@ def files_below(*patterns):
     """The files of our C++ directories that match one of the patterns."""
     return sorted(
         path
-        for directory in ("include", "libvornclient", "libvornlib", "tools")
+        for directory in ("include", "libvornclient", "libvornlib", "libvornrun", "tools")
         for pattern in patterns
         for path in (ROOT / directory).rglob(pattern)
     )

@@ -9,10 +9,15 @@ import sys
 
 ROOT = pathlib.Path(__file__).parents[1]
 VORNCTL = "tools/vornctl/src/"
+VORNRUN = "tools/vornrun/src/"
 LAYERS = [
     ["include/vorn/"],
     ["libvornlib/"],
-    ["libvornclient/", "tools/vornlaunch/"],
+    ["libvornclient/", "libvornrun/", "tools/vornlaunch/"],
+    [VORNRUN + "report"],
+    [VORNRUN + "process/"],
+    [VORNRUN + "start/", VORNRUN + "monitor/"],
+    [VORNRUN + "main.cpp"],
     [VORNCTL + "system/", VORNCTL + "output/"],
     [VORNCTL + "launchfile/"],
     [VORNCTL + "check/", VORNCTL + "live/"],
@@ -23,7 +28,7 @@ LAYERS = [
 ]
 # Where a quoted include is looked up, after the directory of the including file.
 INCLUDE_PATH = ["include/", "libvornlib/include/", "libvornclient/src/",
-                "tools/vornlaunch/src/", VORNCTL]
+                "libvornrun/src/", "tools/vornlaunch/src/", VORNCTL, VORNRUN]
 
 
 def layer_of(path):

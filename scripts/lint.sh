@@ -113,8 +113,9 @@ check "links of documents" build_site
 check cppcheck cppcheck --quiet --std=c++17 --language=c++ \
   --enable=warning,performance,portability,style --inline-suppr \
   --suppressions-list=.cppcheck-suppressions --error-exitcode=1 \
-  -I include -I libvornlib/include -I libvornclient/src -I tools/vornlaunch/src \
-  -I tools/vornctl/src include libvornlib/src libvornlib/include libvornclient/src \
-  tools/vornlaunch/src tools/vornctl/src
+  -I include -I libvornlib/include -I libvornclient/src -I libvornrun/src \
+  -I tools/vornlaunch/src -I tools/vornctl/src -I tools/vornrun/src \
+  include libvornlib/src libvornlib/include libvornclient/src libvornrun/src \
+  tools/vornlaunch/src tools/vornctl/src tools/vornrun/src
 check clang-tidy run_clang_tidy
 if $failed; then exit 1; fi

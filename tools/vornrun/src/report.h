@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+// The messages of vornrun: one line on standard error each.
+
+namespace vorn::run {
+
+/// The exit statuses of vornrun's own failures, as those of env(1).
+constexpr int kExitFailure = 125;
+constexpr int kExitNotExecutable = 126;
+constexpr int kExitNotFound = 127;
+
+/// Writes "vornrun: NODE: SUBJECT: text" in one line by one write(2). Control
+/// characters are escaped. `subject` is an option or the program; empty: none.
+/// Never fails: a line that standard error does not accept is lost.
+void reportLine(const std::string& node, const std::string& subject,
+                const std::string& text);
+
+}  // namespace vorn::run
