@@ -52,7 +52,7 @@ debian_suite() {
   BENCH_BUILD_PACKAGES=(libbenchmark-dev valgrind)
   BENCH_PACKAGES=(linux-perf python3-matplotlib supervisor runit s6 daemontools)
   LINT_PACKAGES=(git clang "$CLANG_FORMAT" clang-tidy cppcheck shellcheck pyflakes3
-    codespell mkdocs linkchecker)
+    codespell mkdocs linkchecker prometheus)
   EMULATION_PACKAGES=(qemu-user-static)  # for scripts/emulate_arm64.sh
   ARM64_PACKAGES=(g++-aarch64-linux-gnu "$YAML_CPP_PACKAGE:arm64"
     libncurses-dev:arm64 zlib1g-dev:arm64 libsystemd-dev:arm64

@@ -87,6 +87,11 @@ build_site() (
   scripts/site.sh "$directory/site"
 )
 
+# The text that a unit test expects from vornctl.
+check_metrics() {
+  promtool check metrics <tools/vornctl/tests/data/metrics.prom
+}
+
 only_outputs_write() {
   ! git grep -nE '^[^/]*\b(std::(cout|cerr|clog)|(printf|fprintf|f?puts|putchar|perror) ?\()' \
     -- tools/vornctl/src ':!tools/vornctl/src/output/output.cpp'
@@ -108,6 +113,8 @@ check "tests named by KEEP comments" /usr/bin/python3 scripts/check_keep_tests.p
 check "directions of includes" /usr/bin/python3 scripts/check_layers.py
 check "vornctl writes only by an Output" only_outputs_write
 check "plain English" /usr/bin/python3 scripts/prose_lint.py
+check "alert rules" promtool test rules packaging/prometheus/vornlaunch.rules.test.yml
+check metrics check_metrics
 check codespell codespell --ignore-words scripts/codespell_ignore.txt "${prose[@]}"
 check "links of documents" build_site
 check cppcheck cppcheck --quiet --std=c++17 --language=c++ \

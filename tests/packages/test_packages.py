@@ -250,7 +250,7 @@ def test_the_removal_stops_every_launcher_and_keeps_the_launch_files(
     told_systemctl(installed)
     service.follow(steps["Remove"])
     assert told_systemctl(installed) == [
-        "stop vornlaunch.service vornlaunch@*.service"]
+        "stop vornlaunch-metrics.timer vornlaunch.service vornlaunch@*.service"]
     assert installed.path("/etc/vornlaunch/launch.yaml").exists()
     assert not installed.path("/usr/bin/vornlaunch").exists()
 

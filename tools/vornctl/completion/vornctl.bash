@@ -108,11 +108,12 @@ _vornctl_offer_value() {
     --format)
       local formats=(text json sarif github)
       [[ $command != graph ]] || formats=(dot mermaid svg)
+      [[ $command != metrics ]] || formats=(prometheus openmetrics)
       _vornctl_offer "$current" "$kept" "${formats[@]}"
       ;;
     --timeout | --connect-timeout | --for | --ignore | -n | --lines | --reason | --since) ;;
     -o | --columns)
-      if [[ $command == report ]]; then
+      if [[ $command == report || $command == metrics ]]; then
         compopt -o default
         return
       fi
@@ -183,6 +184,7 @@ _vornctl() {
     logs) options+=(--follow --lines --since --previous) ;;
     names) options+=(--null) ;;
     report) options+=(--output --since --with-environment) ;;
+    metrics) options+=(--output --format) ;;
     check)
       options+=(--format --fail-on --print --ignore --host --no-host --list)
       ;;
@@ -196,7 +198,7 @@ _vornctl() {
   case $command in
     "")
       _vornctl_offer "$current" "$kept" status start stop restart enable \
-        disable wait monitor top why history ps orphans logs ping names report check \
+        disable wait monitor top why history ps orphans logs ping names report metrics check \
         graph doctor completion help
       ;;
     check | graph) compopt -o default ;;

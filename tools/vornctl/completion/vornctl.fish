@@ -24,7 +24,7 @@ function __vornctl_nodes
 end
 
 function __vornctl_needs_command
-    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top why history ps orphans logs ping names report check graph doctor completion help
+    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top why history ps orphans logs ping names report metrics check graph doctor completion help
 end
 
 complete -c vornctl -f
@@ -45,6 +45,7 @@ complete -c vornctl -n __vornctl_needs_command -a logs -d 'Print the output of n
 complete -c vornctl -n __vornctl_needs_command -a ping -d 'Check that a launcher answers'
 complete -c vornctl -n __vornctl_needs_command -a names -d 'Print the names of the nodes'
 complete -c vornctl -n __vornctl_needs_command -a report -d 'Write an HTML file about a problem'
+complete -c vornctl -n __vornctl_needs_command -a metrics -d 'Print metrics for Prometheus'
 complete -c vornctl -n __vornctl_needs_command -a check -d 'Check launch files for errors'
 complete -c vornctl -n __vornctl_needs_command -a graph -d 'Draw the nodes of a launch file'
 complete -c vornctl -n __vornctl_needs_command -a doctor -d 'Find errors of the installation'
@@ -81,9 +82,10 @@ complete -c vornctl -n '__fish_seen_subcommand_from enable' -l now -d 'Also star
 complete -c vornctl -n '__fish_seen_subcommand_from wait' -l state -x -a 'running stopped disabled restarted succeeded' -d 'State to wait for'
 complete -c vornctl -n '__fish_seen_subcommand_from wait' -l for -x -d 'Time for which the state must last'
 complete -c vornctl -n '__fish_seen_subcommand_from names' -s 0 -l null -d 'End each name with a NUL'
-complete -c vornctl -n '__fish_seen_subcommand_from report' -s o -l output -r -F -d 'The file'
+complete -c vornctl -n '__fish_seen_subcommand_from report metrics' -s o -l output -r -F -d 'The file'
 complete -c vornctl -n '__fish_seen_subcommand_from report' -l since -x -d 'The begin of the timeline'
 complete -c vornctl -n '__fish_seen_subcommand_from report' -l with-environment -d 'Also include the values of variables'
+complete -c vornctl -n '__fish_seen_subcommand_from metrics' -l format -x -a 'prometheus openmetrics' -d 'Output format'
 complete -c vornctl -n '__fish_seen_subcommand_from completion' -a 'bash zsh fish' -d Shell
 complete -c vornctl -n '__fish_seen_subcommand_from check graph' -F
 complete -c vornctl -n '__fish_seen_subcommand_from check' -l format -x -a 'text json sarif github' -d 'Output format'

@@ -94,7 +94,7 @@ TEST(TerminalTextTest, LeavesOtherColonsAndNumberSignsUnchanged) {
 }
 
 TEST(DotTextTest, EscapesQuotesAndBackslashes) {
-  EXPECT_EQ(dotText("a\"\\\x1b").str(), "a\\\"\\\\\\\\x1b");
+  EXPECT_EQ(quotedText("a\"\\\x1b").str(), "a\\\"\\\\\\\\x1b");
 }
 
 TEST(MermaidTextTest, EscapesMarkup) {

@@ -39,6 +39,7 @@ TEST(ParseProcessTest, ReadsTheFieldsOfAStatFile) {
   EXPECT_EQ(process->state, 'S');
   EXPECT_EQ(process->parent, 7);
   EXPECT_EQ(process->cpuTicks, 300U);
+  EXPECT_EQ(process->reapedTicks, 18U);
   EXPECT_EQ(process->threads, 3);
   EXPECT_EQ(process->startTicks, 8200U);
   EXPECT_EQ(process->residentBytes, 25 * ::sysconf(_SC_PAGESIZE));

@@ -7,6 +7,7 @@
 #include "commands/graph.h"
 #include "commands/history.h"
 #include "commands/logs.h"
+#include "commands/metrics.h"
 #include "commands/orphans.h"
 #include "commands/ps.h"
 #include "commands/report.h"
@@ -37,6 +38,7 @@ struct Arguments {
   GraphOptions graph;
   LogsOptions logs;
   ReportOptions report;
+  MetricsOptions metrics;
   bool isJson = false;
   bool isNulSeparated = false;
   std::string shell;

@@ -44,6 +44,7 @@ Commands::Commands(CLI::App& app) : app_(app) {
              [](Context& context) { return ping(context); });
   addNames();
   addReport();
+  addMetrics();
   addHelpers();
 }
 
@@ -403,6 +404,23 @@ void Commands::addReport() {
       ->type_name("TIME");
   app->add_flag("--with-environment", options.hasEnvironment,
                 "Also include the values of variables");
+}
+
+void Commands::addMetrics() {
+  MetricsOptions& options = arguments_.metrics;
+  CLI::App* const app =
+      addCommand("metrics", "Print metrics of the nodes for Prometheus",
+                 [this](Context& context) {
+                   return writeMetrics(context, arguments_.metrics);
+                 });
+  app->add_option("-o,--output", options.output,
+                  "Replace this file, such as one of node-exporter's textfile "
+                  "directory; default: standard output")
+      ->type_name("FILE");
+  addChoice<MetricsFormat>(*app, "--format", options.format,
+                           "Output format; default: prometheus",
+                           {{"prometheus", MetricsFormat::PROMETHEUS},
+                            {"openmetrics", MetricsFormat::OPENMETRICS}});
 }
 
 void Commands::addHelpers() {

@@ -45,6 +45,7 @@ class Commands {
   void addLogs();
   void addNames();
   void addReport();
+  void addMetrics();
   void addHelpers();
 
   CLI::App& app_;

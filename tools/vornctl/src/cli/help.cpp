@@ -45,6 +45,8 @@ const std::map<std::string, Examples>& examples() {
       {"report",
        {"report",
         "report -o report.html --since 2h --launch-file launch.yaml"}},
+      {"metrics",
+       {"metrics", "metrics --output /tmp/vornlaunch.prom --timeout 30s"}},
       {"completion", {"completion bash", "completion fish"}},
       {"help", {"help", "help status"}},
   };

@@ -47,7 +47,7 @@ void printDot(Output& out, const LaunchFile& file, const RequiredGraph& graph) {
   out << "digraph launch {\n  rankdir=LR;\n  node [shape=box];\n";
   for (size_t i = 0; i < file.nodes.size(); ++i) {
     const LaunchFile::Node& node = file.nodes[i];
-    out << "  n" << i << " [label=\"" << dotText(node.name.value);
+    out << "  n" << i << " [label=\"" << quotedText(node.name.value);
     for (const OutputText& policy : policiesOf(node)) out << "\\n" << policy;
     out << "\"";
     if (node.disabled.value || !node.autostart.value) out << ", style=dashed";

@@ -10,7 +10,7 @@ namespace {
 // The commands that send requests to a launcher, and those with node arguments.
 constexpr char kOfLauncher[] =
     " status start stop restart enable disable wait monitor top why history ps "
-    "logs ping names ";
+    "logs ping names metrics ";
 constexpr char kOfNodes[] =
     " status start stop restart enable disable wait monitor top why "
     "history ps logs ";
@@ -37,7 +37,7 @@ constexpr Meaning kMeanings[] = {
     {kNoLauncher, "no launcher is running, or no permission", kOfLauncher},
     {kTimedOut, "given up before the request was sent: it has no effect",
      " status start stop restart enable disable monitor top why history ps "
-     "logs ping names "},
+     "logs ping names metrics "},
     {kTimedOut, "timed out or interrupted", " wait "},
     {kUnknown, "no reply: a request may still take effect", kOfLauncher},
     {kProtocolError, "the reply is invalid", kOfLauncher},

@@ -124,9 +124,22 @@ bool readEvents(const LauncherProcess& launcher, const LogLocation& location,
 bool readRecent(const LauncherProcess& launcher, const LogLocation& location,
                 int64_t now_us, const std::vector<NodeView>& views,
                 NodeHistories& histories, std::string& error) {
+  return readRecentAnd(launcher, location, now_us, now_us, {}, views, histories,
+                       error);
+}
+
+bool readRecentAnd(const LauncherProcess& launcher, const LogLocation& location,
+                   int64_t now_us, int64_t since_us,
+                   const LogHistory::Receiver& receiver,
+                   const std::vector<NodeView>& views, NodeHistories& histories,
+                   std::string& error) {
   const bool is_read = readEvents(
-      launcher, location, now_us - kRecentUs,
-      [&](const HistoryEvent& event) { histories.add(event); }, {}, error);
+      launcher, location, std::min(since_us, now_us - kRecentUs),
+      [&](const HistoryEvent& event) {
+        histories.add(event);
+        if (receiver) receiver(event);
+      },
+      {}, error);
   return is_read && readLastExits(
                         launcher, location, views,
                         [](const NodeView&) { return true; }, histories, error);

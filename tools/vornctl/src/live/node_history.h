@@ -63,6 +63,14 @@ bool readRecent(const LauncherProcess& launcher, const LogLocation& location,
                 int64_t now_us, const std::vector<NodeView>& views,
                 NodeHistories& histories, std::string& error);
 
+/// As readRecent(), since `since_us` if that is earlier, and passes the events
+/// since then to `receiver`, unless it is empty.
+bool readRecentAnd(const LauncherProcess& launcher, const LogLocation& location,
+                   int64_t now_us, int64_t since_us,
+                   const LogHistory::Receiver& receiver,
+                   const std::vector<NodeView>& views, NodeHistories& histories,
+                   std::string& error);
+
 /// As readRecent(), only the last exits of oneshots that have run.
 bool readOneshotExits(const LauncherProcess& launcher,
                       const LogLocation& location,

@@ -46,6 +46,7 @@ struct NodeView {
   std::optional<HistoryEvent> lastExit;
   // From /proc, see node_usage; nothing if unknown or without a process.
   std::optional<double> cpuPercent;  // of one processor
+  std::optional<double> cpuSeconds;  // children that have exited included
   std::optional<int64_t> memoryBytes;
   std::optional<bool> isStale;
 };

@@ -67,12 +67,16 @@ void addUsage(const ProcessTable& table, const LauncherProcess& launcher,
     const auto found = processes.find(view.name);
     if (found == processes.end()) continue;
     uint64_t ticks = 0;
+    uint64_t reaped_ticks = 0;
     int64_t bytes = 0;
     for (const auto& [process, depth] : table.treeOf(*found->second)) {
       ticks += process->cpuTicks;
+      reaped_ticks += process->reapedTicks;
       bytes += process->residentBytes;
     }
     view.cpuPercent = cpuPercent(ticks, ageOf(*found->second));
+    // The sum does not decrease when a child exits.
+    view.cpuSeconds = secondsOf(ticks + reaped_ticks);
     view.memoryBytes = bytes;
   }
 }

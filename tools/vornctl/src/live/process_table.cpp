@@ -57,7 +57,11 @@ std::optional<Process> parseProcess(const std::string& stat) {
   uint64_t system_ticks = 0;
   fields >> user_ticks >> system_ticks;
   process.cpuTicks = user_ticks + system_ticks;
-  skip(4);  // times of children, priority, nice value
+  uint64_t reaped_user_ticks = 0;
+  uint64_t reaped_system_ticks = 0;
+  fields >> reaped_user_ticks >> reaped_system_ticks;
+  process.reapedTicks = reaped_user_ticks + reaped_system_ticks;
+  skip(2);  // priority, nice value
   fields >> process.threads;
   skip(1);
   fields >> process.startTicks;

@@ -20,9 +20,10 @@ struct Process {
   pid_t parent = 0;  // 0: none, or in a pid namespace around ours
   char state = '?';  // the letter of ps, such as 'Z' for a zombie
   bool isKernelThread = false;
-  std::string name;         // at most 15 bytes
-  uint64_t startTicks = 0;  // since the boot of the machine
-  uint64_t cpuTicks = 0;    // used by its threads, without its children
+  std::string name;          // at most 15 bytes
+  uint64_t startTicks = 0;   // since the boot of the machine
+  uint64_t cpuTicks = 0;     // used by its threads, without its children
+  uint64_t reapedTicks = 0;  // used by children that it has waited for
   int64_t residentBytes = 0;
   int64_t threads = 0;
 

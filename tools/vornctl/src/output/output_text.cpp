@@ -142,7 +142,7 @@ OutputText terminalText(std::string_view raw) {
   return OutputText(visible(raw));
 }
 
-OutputText dotText(std::string_view raw) {
+OutputText quotedText(std::string_view raw) {
   return OutputText(replaced(visible(raw), "\"\\", [](char letter) {
     return std::string("\\") + letter;
   }));

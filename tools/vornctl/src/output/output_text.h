@@ -52,7 +52,7 @@ class OutputText {
   explicit OutputText(std::string escaped) : text_(std::move(escaped)) {}
 
   friend OutputText terminalText(std::string_view raw);
-  friend OutputText dotText(std::string_view raw);
+  friend OutputText quotedText(std::string_view raw);
   friend OutputText mermaidText(std::string_view raw);
   friend OutputText githubText(std::string_view raw, GithubPart part);
   friend OutputText htmlText(std::string_view raw);
@@ -72,8 +72,9 @@ class OutputText {
 /// escaped as well.
 OutputText terminalText(std::string_view raw);
 
-/// For a string in double quotes in the language of Graphviz.
-OutputText dotText(std::string_view raw);
+/// For a string in double quotes in which a backslash escapes the quotes and
+/// itself: in the language of Graphviz, and labels of metrics.
+OutputText quotedText(std::string_view raw);
 
 /// For a string in double quotes in Mermaid.
 OutputText mermaidText(std::string_view raw);

@@ -54,7 +54,7 @@ bool renameTo(const std::string& temporary, const std::string& path,
 }  // namespace
 
 bool writeFile(const std::string& path, const std::string& text,
-               bool may_replace, std::string& error) {
+               bool may_replace, std::string& error, mode_t mode) {
   const std::string failure = "cannot write " + path + ": ";
   const std::string obstacle = obstacleAt(path, may_replace);
   if (!obstacle.empty()) {
@@ -67,8 +67,7 @@ bool writeFile(const std::string& path, const std::string& text,
     error = failure + std::strerror(errno);
     return false;
   }
-  if (::fchmod(file.number(), S_IRUSR | S_IWUSR) == 0 &&
-      writeAll(file.number(), text) &&
+  if (::fchmod(file.number(), mode) == 0 && writeAll(file.number(), text) &&
       retryOnEintr([&] { return ::fsync(file.number()); }) == 0 &&
       renameTo(temporary, path, may_replace)) {
     return true;

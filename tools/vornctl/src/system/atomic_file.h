@@ -1,14 +1,22 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 namespace vorn::launch {
 
-/// Writes a file that only its owner can read: first under another name in the
-/// same directory, so that the file is never there in part. Replaces a regular
-/// file if `may_replace`, and nothing else. False with a sentence in `error` if
-/// the file could not be written.
+/// A file that only its owner can read.
+constexpr mode_t kPrivateFile = 0600;
+/// A file that every user can read.
+constexpr mode_t kPublicFile = 0644;
+
+/// Writes a file of this mode: first under another name in the same directory,
+/// so that the file is never there in part. Replaces a regular file if
+/// `may_replace`, and nothing else. False with a sentence in `error` if the
+/// file could not be written.
 bool writeFile(const std::string& path, const std::string& text,
-               bool may_replace, std::string& error);
+               bool may_replace, std::string& error,
+               mode_t mode = kPrivateFile);
 
 }  // namespace vorn::launch
