@@ -213,6 +213,13 @@ std::optional<Limit> parseLimit(std::string_view text) {
   return Limit{*resource, *soft, *hard};
 }
 
+const char* limitName(int resource) {
+  for (const LimitName& known : kLimitNames) {
+    if (resource == known.resource) return known.name;
+  }
+  return "?";
+}
+
 std::optional<Scheduling> parseScheduling(std::string_view text) {
   if (text == "other") return Scheduling{SCHED_OTHER, 0};
   if (text == "batch") return Scheduling{SCHED_BATCH, 0};

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "run_settings.h"
@@ -34,6 +35,9 @@ std::optional<int> parseSignal(std::string_view text);
 
 /// "nofile=1024:4096", or "core=unlimited" for both limits.
 std::optional<Limit> parseLimit(std::string_view text);
+
+/// The name of a limit that parseLimit() returns.
+const char* limitName(int resource);
 
 /// "fifo:20", "rr:20", "batch", "idle" or "other".
 std::optional<Scheduling> parseScheduling(std::string_view text);

@@ -41,7 +41,8 @@ def test_the_image_contains_only_the_programs_of_its_build():
     assert final.base == "debian:12-slim"
     assert not set(build.packages) & set(final.packages)
     assert [copied for copied in final.copies if copied[0] is not None] == [
-        ("build", ["/build/bin/vornlaunch", "/build/bin/vornctl"], "/usr/bin/")]
+        ("build", [f"/build/bin/{name}" for name in ("vornlaunch", "vornctl", "vornrun")],
+         "/usr/bin/")]
 
 
 def test_the_build_stage_installs_the_same_files_as_a_local_build():

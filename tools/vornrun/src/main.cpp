@@ -1,15 +1,20 @@
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "process/apply_settings.h"
+#include "process/credentials.h"
+#include "process/environment.h"
 #include "process/execute.h"
 #include "process/node_name.h"
+#include "process/parent_death.h"
 #include "report.h"
 #include "run_arguments.h"
 #include "run_options.h"
+#include "start/crash_loop.h"
+#include "start/wait_for.h"
 #include "vornrun_version.h"
 
 namespace vorn::run {
@@ -21,32 +26,114 @@ int printText(const std::string& text) {
   return written == static_cast<ssize_t>(text.size()) ? 0 : kExitFailure;
 }
 
-int execute(const RunSettings& settings, const std::string& node) {
-  const int error = executeProgram(settings.program);
-  reportLine(node, settings.program.front(), std::strerror(error));
-  return error == ENOENT ? kExitNotFound : kExitNotExecutable;
-}
+/// The start of one node, from its settings to the execution of its program.
+class NodeStart {
+ public:
+  NodeStart(const RunSettings& settings, std::string node, pid_t parent)
+      : settings_(settings), node_(std::move(node)), parent_(parent) {}
 
-int run(const std::vector<std::string>& arguments) {
+  /// Returns the exit status of a failure.
+  int run() {
+    const auto error = prepare();
+    if (error) {
+      reportLine(node_, error->option, error->reason);
+      return kExitFailure;
+    }
+    std::string reason;
+    const int status = executeProgram(arguments_, environment_, reason);
+    reportLine(node_, arguments_.front(), reason);
+    return status;
+  }
+
+ private:
+  const Account* account() const { return account_ ? &*account_ : nullptr; }
+
+  /// Everything that can be wrong comes before anything that changes.
+  std::optional<RunError> prepare() {
+    std::optional<RunError> error;
+    account_ = resolveAccount(settings_, error);
+    const Environment inherited = Environment::inherited();
+    if (!error) {
+      error = buildEnvironment(settings_, account(), inherited, environment_);
+    }
+    if (!error) error = expandArguments();
+    if (!error && settings_.parentDeathSignal != 0) {
+      error = beginParentDeath(inherited);
+    }
+    if (!error) error = waitForStart();
+    if (!error) error = applySettings(settings_, node_, account(), parent_);
+    return error;
+  }
+
+  std::optional<RunError> expandArguments() {
+    arguments_ = settings_.program;
+    if (!settings_.expandsVariables) return std::nullopt;
+    for (size_t i = 1; i < arguments_.size(); ++i) {
+      std::string missing;
+      auto expanded = expandVariables(arguments_[i], environment_, missing);
+      if (!expanded) {
+        return RunError{"--expand", "the variable " + missing + " is not set"};
+      }
+      arguments_[i] = *std::move(expanded);
+    }
+    return std::nullopt;
+  }
+
+  /// The signal also ends a start that waits.
+  std::optional<RunError> beginParentDeath(const Environment& inherited) const {
+    if (lostLauncher(parent_, inherited)) {
+      return RunError{"--pdeathsig", "the launcher has exited"};
+    }
+    const auto program = findProgram(arguments_.front(), environment_);
+    const std::string privilege =
+        program && !settings_.noNewPrivileges ? privilegeOf(*program) : "";
+    if (!privilege.empty()) {
+      reportLine(node_, "--pdeathsig",
+                 "warning: " + *program + " is " + privilege +
+                     ", for which the kernel clears the signal");
+    }
+    return setParentDeathSignal(settings_.parentDeathSignal, parent_);
+  }
+
+  std::optional<RunError> waitForStart() {
+    CrashLoop loop(settings_, node_);
+    auto error = loop.beforeStart([](size_t, milliseconds) {});
+    if (!error) error = waitForConditions(settings_, account(), environment_);
+    if (!error) error = loop.recordStart();
+    return error;
+  }
+
+  const RunSettings& settings_;
+  std::string node_;
+  pid_t parent_;
+  std::optional<Account> account_;
+  Environment environment_;
+  std::vector<std::string> arguments_;
+};
+
+int run(const std::vector<std::string>& arguments, pid_t parent) {
   const RunArguments parsed = parseRunArguments(arguments);
   const std::string node = nodeName(parsed.settings);
   for (const RunError& error : parsed.errors) {
     reportLine(node, error.option, error.reason);
   }
   if (!parsed.errors.empty()) return kExitFailure;
-  if (parsed.request == RunArguments::Request::HELP)
+  if (parsed.request == RunArguments::Request::HELP) {
     return printText(runHelp());
+  }
   if (parsed.request == RunArguments::Request::VERSION) {
     return printText(std::string("vornrun ") + kVersion + "\n");
   }
-  return execute(parsed.settings, node);
+  return NodeStart(parsed.settings, node, parent).run();
 }
 
 }  // namespace
 }  // namespace vorn::run
 
 int main(int argc, char** argv) {
+  const pid_t parent = ::getppid();
   // A program can be executed without even its own name.
   const int first = argc > 0 ? 1 : 0;
-  return vorn::run::run(std::vector<std::string>(argv + first, argv + argc));
+  return vorn::run::run(std::vector<std::string>(argv + first, argv + argc),
+                        parent);
 }

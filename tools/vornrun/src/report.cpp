@@ -1,9 +1,12 @@
 #include "report.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace vorn::run {
 namespace {
+
+int report_stream = STDERR_FILENO;
 
 /// `text` with "\x1b" for each control character.
 std::string inOneLine(const std::string& text) {
@@ -30,7 +33,12 @@ void reportLine(const std::string& node, const std::string& subject,
   if (!subject.empty()) line += subject + ": ";
   line = inOneLine(line + text) + "\n";
   // A message that cannot be written cannot be reported either.
-  if (::write(STDERR_FILENO, line.data(), line.size()) < 0) return;
+  if (::write(report_stream, line.data(), line.size()) < 0) return;
+}
+
+void keepReportStream() {
+  const int copy = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+  if (copy >= 0) report_stream = copy;
 }
 
 }  // namespace vorn::run

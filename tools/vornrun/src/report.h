@@ -17,4 +17,8 @@ constexpr int kExitNotFound = 127;
 void reportLine(const std::string& node, const std::string& subject,
                 const std::string& text);
 
+/// Makes reportLine() write to a copy of the present standard error, which exec
+/// closes, so that standard error can be replaced.
+void keepReportStream();
+
 }  // namespace vorn::run

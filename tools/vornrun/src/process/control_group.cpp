@@ -1,0 +1,125 @@
+#include "process/control_group.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "file_text.h"
+#include "process/node_name.h"
+
+namespace vorn::run {
+namespace {
+
+RunError groupError(const std::string& reason) { return {"--cgroup", reason}; }
+
+bool isDelegated(const std::string& directory) {
+  // systemd sets the first one since version 251, the second one also before.
+  for (const char* const name : {"user.delegate", "trusted.delegate"}) {
+    char value = '0';
+    if (::getxattr(directory.c_str(), name, &value, 1) == 1 && value == '1') {
+      return true;
+    }
+  }
+  return false;
+}
+
+/// The nearest delegated group at or above `path`; nothing if there is none.
+std::optional<std::string> delegatedGroup(const std::string& mount,
+                                          std::string path) {
+  for (;;) {
+    if (isDelegated(mount + path)) return path;
+    const size_t slash = path.rfind('/');
+    if (path.empty() || slash == std::string::npos) return std::nullopt;
+    path.resize(slash);
+  }
+}
+
+bool writeToFile(const std::string& path, const std::string& text) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool isWritten = ::write(fd, text.data(), text.size()) ==
+                         static_cast<ssize_t>(text.size());
+  const int error = errno;
+  (void)::close(fd);
+  errno = error;
+  return isWritten;
+}
+
+/// Kills all processes of the group and waits until they have exited. Returns
+/// whether the group is empty.
+bool emptyGroup(const std::string& directory) {
+  constexpr int kPauseMs = 10;
+  constexpr int kPauses = 500;
+  for (int pause = 0; pause < kPauses; ++pause) {
+    const std::string events = readFileText(directory + "/cgroup.events").text;
+    if (events.find("populated 1") == std::string::npos) return true;
+    // Kernels before 5.14 do not have the file; the processes then remain.
+    if (!writeToFile(directory + "/cgroup.kill", "1")) return true;
+    (void)::poll(nullptr, 0, kPauseMs);
+  }
+  return false;
+}
+
+}  // namespace
+
+std::string controlGroupMount(const std::string& mountinfo) {
+  size_t begin = 0;
+  while (begin < mountinfo.size()) {
+    const size_t end = std::min(mountinfo.find('\n', begin), mountinfo.size());
+    const std::string line = mountinfo.substr(begin, end - begin);
+    begin = end + 1;
+    if (line.find(" - cgroup2 ") == std::string::npos) continue;
+    size_t field = 0;  // of the mount point: the fifth
+    for (int skipped = 0; skipped < 4; ++skipped) {
+      field = line.find(' ', field) + 1;
+    }
+    return line.substr(field, line.find(' ', field) - field);
+  }
+  return "";
+}
+
+std::string controlGroupPath(const std::string& cgroup) {
+  const std::string text = "\n" + cgroup;
+  const size_t found = text.find("\n0::/");
+  if (found == std::string::npos) return "";
+  const size_t begin = found + 4;
+  return text.substr(begin, text.find('\n', begin) - begin);
+}
+
+std::optional<RunError> enterControlGroup(const std::string& node) {
+  const std::string mount =
+      controlGroupMount(readFileText("/proc/self/mountinfo").text);
+  const std::string own =
+      controlGroupPath(readFileText("/proc/self/cgroup").text);
+  if (mount.empty() || own.empty()) {
+    return groupError("this machine has no cgroup v2 hierarchy");
+  }
+  const auto delegated = delegatedGroup(mount, own);
+  if (!delegated) {
+    return groupError("the control group " + own +
+                      " is not delegated; set Delegate=yes in the unit");
+  }
+  const std::string directory =
+      mount + *delegated + (*delegated == "/" ? "" : "/") + fileNameOf(node);
+  if (directory == mount + own) {
+    return groupError("the node has the name of the launcher's group " + own);
+  }
+  constexpr mode_t kMode = 0755;
+  if (::mkdir(directory.c_str(), kMode) != 0 && errno != EEXIST) {
+    return groupError("cannot create " + directory + ": " +
+                      std::strerror(errno));
+  }
+  if (!emptyGroup(directory)) {
+    return groupError("processes of an earlier run in " + directory +
+                      " do not exit");
+  }
+  if (writeToFile(directory + "/cgroup.procs", "0")) return std::nullopt;
+  return groupError("cannot enter " + directory + ": " + std::strerror(errno));
+}
+
+}  // namespace vorn::run

@@ -1,0 +1,54 @@
+#include "process/credentials.h"
+
+#include <grp.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "file_text.h"
+
+namespace vorn::run {
+namespace {
+
+RunError userError(const char* what) {
+  std::string reason =
+      std::string("cannot set ") + what + ": " + std::strerror(errno);
+  if (errno == EPERM) reason += "; only root can change the user";
+  return {"--user", reason};
+}
+
+}  // namespace
+
+std::optional<Account> resolveAccount(const RunSettings& settings,
+                                      std::optional<RunError>& error) {
+  if (settings.user.empty()) return std::nullopt;
+  // A missing file has no entries: numbers can still be used.
+  const FileText users = readFileText("/etc/passwd");
+  const FileText groups = readFileText("/etc/group");
+  std::string reason;
+  auto account = findAccount(settings.user, settings.group, users.text,
+                             groups.text, reason);
+  if (!account) error = RunError{"--user", reason};
+  return account;
+}
+
+std::optional<RunError> applyAccount(const Account& account) {
+  const bool isCurrent = ::geteuid() != 0 && ::geteuid() == account.user &&
+                         ::getuid() == account.user &&
+                         ::getegid() == account.group;
+  if (isCurrent) return std::nullopt;
+  if (::setgroups(account.groups.size(), account.groups.data()) != 0) {
+    return userError("the groups");
+  }
+  if (::setresgid(account.group, account.group, account.group) != 0) {
+    return userError("the group");
+  }
+  if (::setresuid(account.user, account.user, account.user) != 0) {
+    return userError("the user");
+  }
+  return std::nullopt;
+}
+
+}  // namespace vorn::run

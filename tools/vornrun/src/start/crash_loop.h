@@ -1,0 +1,41 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "run_arguments.h"
+#include "run_settings.h"
+#include "start/start_history.h"
+
+namespace vorn::run {
+
+/// --backoff and --give-up of one start. The history of the node is a file in
+/// the state directory.
+class CrashLoop {
+ public:
+  /// Called before a delay with the number of restarts and the delay.
+  using OnDelay = std::function<void(size_t restarts, milliseconds delay)>;
+
+  CrashLoop(const RunSettings& settings, const std::string& node);
+
+  /// Delays the start, or asks the launcher to disable the node, which then
+  /// stops this process. Returns an error if the program must not be executed.
+  std::optional<RunError> beforeStart(const OnDelay& onDelay);
+
+  /// Records the execution of the program, which follows.
+  std::optional<RunError> recordStart();
+
+ private:
+  bool isActive() const { return settings_.backoff || settings_.giveUp; }
+  std::optional<RunError> store() const;
+  RunError giveUp();
+
+  const RunSettings& settings_;
+  const std::string& node_;
+  std::string path_;
+  std::string bootId_;
+  StartHistory history_;
+};
+
+}  // namespace vorn::run

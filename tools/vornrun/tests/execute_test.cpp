@@ -1,0 +1,61 @@
+#include "process/execute.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <fstream>
+
+namespace vorn::run {
+namespace {
+
+/// A directory with one file, removed at the end of the scope.
+class ProgramDirectory {
+ public:
+  explicit ProgramDirectory(mode_t mode) {
+    std::string name = testing::TempDir() + "vornrun_XXXXXX";
+    EXPECT_NE(::mkdtemp(name.data()), nullptr);
+    directory = name;
+    file = directory + "/prog";
+    std::ofstream(file) << "";
+    EXPECT_EQ(::chmod(file.c_str(), mode), 0);
+  }
+  ProgramDirectory(const ProgramDirectory&) = delete;
+  ProgramDirectory& operator=(const ProgramDirectory&) = delete;
+  ~ProgramDirectory() {
+    (void)std::remove(file.c_str());
+    (void)std::remove(directory.c_str());
+  }
+  std::string directory;
+  std::string file;
+};
+
+Environment withPath(const std::string& path) {
+  Environment environment;
+  environment.set("PATH", path);
+  return environment;
+}
+
+TEST(FindProgram, TheFirstExecutableFileInPathIsFound) {
+  const ProgramDirectory plain(0644);
+  const ProgramDirectory program(0755);
+  const Environment environment =
+      withPath("/nonexistent:" + plain.directory + ":" + program.directory);
+  EXPECT_EQ(findProgram("prog", environment), program.file);
+  EXPECT_EQ(findProgram("prog", withPath(plain.directory)), std::nullopt);
+}
+
+TEST(FindProgram, APathIsItself) {
+  EXPECT_EQ(findProgram("./x", withPath("/bin")), "./x");
+}
+
+TEST(PrivilegeOf, SetuidAndSetgidProgramsHaveOne) {
+  EXPECT_EQ(privilegeOf(ProgramDirectory(0755).file), "");
+  EXPECT_EQ(privilegeOf(ProgramDirectory(04755).file), "a setuid program");
+  EXPECT_EQ(privilegeOf(ProgramDirectory(02755).file), "a setgid program");
+  EXPECT_EQ(privilegeOf(ProgramDirectory(02745).file), "");
+}
+
+}  // namespace
+}  // namespace vorn::run

@@ -1,0 +1,58 @@
+#include "start/network.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include <cstring>
+
+namespace vorn::run {
+namespace {
+
+constexpr char kHosts[] =
+    "# 10.0.0.9 robot\n10.0.0.1\trobot.example robot # base\n"
+    "::1 robot\nx robot\n";
+
+/// The addresses as texts with the port.
+std::string found(const std::string& host) {
+  std::string result;
+  for (const SocketAddress& address : findAddresses(host, "80", kHosts)) {
+    char text[INET6_ADDRSTRLEN] = "";
+    if (address.storage.ss_family == AF_INET) {
+      sockaddr_in v4{};
+      std::memcpy(&v4, &address.storage, sizeof(v4));
+      (void)::inet_ntop(AF_INET, &v4.sin_addr, text, sizeof(text));
+      EXPECT_EQ(ntohs(v4.sin_port), 80);
+    } else {
+      sockaddr_in6 v6{};
+      std::memcpy(&v6, &address.storage, sizeof(v6));
+      (void)::inet_ntop(AF_INET6, &v6.sin6_addr, text, sizeof(text));
+      EXPECT_EQ(ntohs(v6.sin6_port), 80);
+    }
+    result += std::string(text) + " ";
+  }
+  return result;
+}
+
+TEST(Network, AnAddressIsItself) {
+  EXPECT_EQ(found("192.0.2.1"), "192.0.2.1 ");
+  EXPECT_EQ(found("::1"), "::1 ");
+}
+
+TEST(Network, ANameHasTheAddressesOfTheFile) {
+  EXPECT_EQ(found("robot"), "10.0.0.1 ::1 ");
+  EXPECT_EQ(found("robot.example"), "10.0.0.1 ");
+  EXPECT_EQ(found("unknown"), "");
+}
+
+TEST(Network, LocalhostNeedsNoFile) {
+  EXPECT_EQ(found("localhost"), "127.0.0.1 ::1 ");
+}
+
+TEST(Network, APathThatIsTooLongIsNotASocket) {
+  EXPECT_TRUE(unixAddress("/" + std::string(107, 'x')).empty());
+  EXPECT_FALSE(unixAddress("/" + std::string(106, 'x')).empty());
+}
+
+}  // namespace
+}  // namespace vorn::run
