@@ -25,8 +25,8 @@ Suites (default: --unit --system --reliability):
                   small Debian of their own (root only; release and arm64)
   --lint          scripts/lint.sh: the form of the sources and the texts
   --all           everything that CI runs: all of these with GCC, most of
-                  them with sanitizers, a build with Clang, and the tests
-                  of the control socket for arm64
+                  them with Clang and sanitizers, and the tests of the
+                  control socket for arm64
 
 Options:
   --filter TEXT   only tests whose name contains TEXT (letters, digits, _ and .)
@@ -129,7 +129,10 @@ packages_job=  # the pid of prepare_packages in the background
 build_preset() {
   install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" \
     "${CACHE_PACKAGES[@]}"
-  if [[ $1 == clang ]]; then install_packages "${CLANG_PACKAGES[@]}"; fi
+  case $1 in
+    clang) install_packages "${CLANG_PACKAGES[@]}" ;;
+    asan) install_packages "${SANITIZER_PACKAGES[@]}" ;;
+  esac
   if [[ $1 == arm64 ]]; then install_arm64_packages; fi
   local options=(-DVORN_REQUIRE_TESTS=ON -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
   if [[ $1 == release && " ${suites[*]} " == *" instructions "* ]]; then
@@ -138,10 +141,9 @@ build_preset() {
   fi
   if $all; then
     options+=(-DVORN_WERROR=ON)
-    # The release build is tested as it is shipped: only its tests may be a
-    # unity build.
+    # The release build is tested as the packages are built.
     if [[ $1 == release ]]; then
-      options+=(-DVORN_UNITY_TESTS=ON)
+      options+=(-DVORN_UNITY=ON)
     else
       options+=(-DCMAKE_UNITY_BUILD=ON)
     fi
@@ -264,7 +266,6 @@ for ((round = 1; round <= repeat; ++round)); do
     build_preset clang
     run_suites release "${suites[@]}"
   elif $all; then
-    build_preset clang
     run_suites release lint
     build_preset release
     # The tests mostly wait, so the next build takes place meanwhile. Its errors

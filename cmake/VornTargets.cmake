@@ -27,6 +27,15 @@ function(vorn_harden target)
     $<IF:$<BOOL:$<TARGET_PROPERTY:VORN_IS_STATIC>>,-static-pie,-pie>)
 endfunction()
 
+# Clang links its sanitizers statically, where --wrap would replace their own calls.
+set(VORN_SANITIZER_RUNTIME "")
+if(VORN_SANITIZE AND NOT VORN_FUZZ AND CMAKE_CXX_COMPILER_ID STREQUAL Clang)
+  execute_process(
+    COMMAND ${CMAKE_CXX_COMPILER} -print-runtime-dir
+    OUTPUT_VARIABLE directory OUTPUT_STRIP_TRAILING_WHITESPACE)
+  set(VORN_SANITIZER_RUNTIME -shared-libasan LINKER:-rpath,${directory})
+endif()
+
 # Language level, warnings, hardening, sanitizers and counters of one of our
 # targets.
 function(vorn_compile_options target)
@@ -46,7 +55,8 @@ function(vorn_compile_options target)
       -fno-omit-frame-pointer
       # GCC 12 warns about its own <regex> when it sanitizes.
       $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
-    target_link_options(${target} PRIVATE -fsanitize=${VORN_SANITIZE})
+    target_link_options(${target} PRIVATE
+      -fsanitize=${VORN_SANITIZE} ${VORN_SANITIZER_RUNTIME})
   endif()
   if(VORN_COVERAGE)
     # Without the branches by which threads would wait for a static object.
@@ -76,7 +86,7 @@ function(vorn_add_tests name)
   endif()
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*_test.cpp)
   add_executable(${name} ${sources} ${ARG_SOURCES})
-  if(VORN_UNITY_TESTS)
+  if(VORN_UNITY)
     set_target_properties(${name} PROPERTIES
       UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 100)
   endif()

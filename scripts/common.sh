@@ -42,7 +42,8 @@ debian_suite() {
   BROWSER_PACKAGES=(chromium chromium-driver python3-selenium python3-html5lib)
   SERVER_PACKAGES=(redis-server nginx mosquitto mosquitto-clients curl)
   CLANG_PACKAGES=(clang)
-  FUZZ_PACKAGES=(clang llvm libclang-rt-dev)
+  SANITIZER_PACKAGES=(clang libclang-rt-dev)
+  FUZZ_PACKAGES=("${SANITIZER_PACKAGES[@]}" llvm)
   ROOT_PACKAGES=(debootstrap util-linux)  # for a Debian root to test in
   PACKAGE_PACKAGES=(git debhelper dpkg-dev)
   RPM_PACKAGES=(rpm cpio)
