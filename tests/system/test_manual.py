@@ -174,7 +174,7 @@ def test_a_command_shows_only_its_own_exit_statuses(help_of):
     assert shown == asking | {
         "status": "0123456789", "ps": "0123456789", "wait": "0123456789",
         "ping": "01256789", "doctor": "012",
-        "names": "01256789", "metrics": "01256789", "orphans": "012", "report": "012", "check": "012", "graph": "012", "completion": "012",
+        "names": "01256789", "metrics": "01256789", "health": "012", "orphans": "012", "report": "012", "check": "012", "graph": "012", "completion": "012",
         "help": "012"}
 
 
@@ -185,9 +185,10 @@ def test_the_help_lists_the_values_of_options(help_of):
                   ["--print", "resolved", "timeline", "stop-timeout"],
                   ["--format", "dot", "mermaid", "svg"],
                   ["--format", "prometheus", "openmetrics"],
+                  ["--format", "plain", "json", "nagios"],
                   ["--state", "running", "stopped", "disabled", "restarted"]):
         text = help_of() + help_of("check") + help_of("graph") + help_of("wait")
-        text += help_of("metrics")
+        text += help_of("metrics") + help_of("health")
         assert f"  {words[0]} {'|'.join(words[1:])}" in text
 
 

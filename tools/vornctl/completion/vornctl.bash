@@ -108,6 +108,7 @@ _vornctl_offer_value() {
     --format)
       local formats=(text json sarif github)
       [[ $command != graph ]] || formats=(dot mermaid svg)
+      [[ $command != health ]] || formats=(plain json nagios)
       [[ $command != metrics ]] || formats=(prometheus openmetrics)
       _vornctl_offer "$current" "$kept" "${formats[@]}"
       ;;
@@ -182,6 +183,7 @@ _vornctl() {
     orphans) options+=(--json --kill --yes) ;;
     history) options+=(--json --lines --since) ;;
     logs) options+=(--follow --lines --since --previous) ;;
+    health) options+=(--for --format) ;;
     names) options+=(--null) ;;
     report) options+=(--output --since --with-environment) ;;
     metrics) options+=(--output --format) ;;
@@ -198,7 +200,7 @@ _vornctl() {
   case $command in
     "")
       _vornctl_offer "$current" "$kept" status start stop restart enable \
-        disable wait monitor top why history ps orphans logs ping names report metrics check \
+        disable wait monitor top why history ps orphans logs health ping names report metrics check \
         graph doctor completion help
       ;;
     check | graph) compopt -o default ;;

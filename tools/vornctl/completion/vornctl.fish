@@ -24,7 +24,7 @@ function __vornctl_nodes
 end
 
 function __vornctl_needs_command
-    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top why history ps orphans logs ping names report metrics check graph doctor completion help
+    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top why history ps orphans logs health ping names report metrics check graph doctor completion help
 end
 
 complete -c vornctl -f
@@ -42,6 +42,7 @@ complete -c vornctl -n __vornctl_needs_command -a history -d 'Print the starts a
 complete -c vornctl -n __vornctl_needs_command -a ps -d 'Show the processes of nodes'
 complete -c vornctl -n __vornctl_needs_command -a orphans -d 'List processes of earlier launchers and runs of nodes'
 complete -c vornctl -n __vornctl_needs_command -a logs -d 'Print the output of nodes'
+complete -c vornctl -n __vornctl_needs_command -a health -d 'Check that all nodes run'
 complete -c vornctl -n __vornctl_needs_command -a ping -d 'Check that a launcher answers'
 complete -c vornctl -n __vornctl_needs_command -a names -d 'Print the names of the nodes'
 complete -c vornctl -n __vornctl_needs_command -a report -d 'Write an HTML file about a problem'
@@ -85,6 +86,8 @@ complete -c vornctl -n '__fish_seen_subcommand_from names' -s 0 -l null -d 'End 
 complete -c vornctl -n '__fish_seen_subcommand_from report metrics' -s o -l output -r -F -d 'The file'
 complete -c vornctl -n '__fish_seen_subcommand_from report' -l since -x -d 'The begin of the timeline'
 complete -c vornctl -n '__fish_seen_subcommand_from report' -l with-environment -d 'Also include the values of variables'
+complete -c vornctl -n '__fish_seen_subcommand_from health' -l for -x -d 'Time that all nodes must run'
+complete -c vornctl -n '__fish_seen_subcommand_from health' -l format -x -a 'plain json nagios' -d 'Output format'
 complete -c vornctl -n '__fish_seen_subcommand_from metrics' -l format -x -a 'prometheus openmetrics' -d 'Output format'
 complete -c vornctl -n '__fish_seen_subcommand_from completion' -a 'bash zsh fish' -d Shell
 complete -c vornctl -n '__fish_seen_subcommand_from check graph' -F

@@ -5,6 +5,7 @@
 
 #include "commands/check.h"
 #include "commands/graph.h"
+#include "commands/health.h"
 #include "commands/history.h"
 #include "commands/logs.h"
 #include "commands/metrics.h"
@@ -39,6 +40,7 @@ struct Arguments {
   LogsOptions logs;
   ReportOptions report;
   MetricsOptions metrics;
+  HealthOptions health;
   bool isJson = false;
   bool isNulSeparated = false;
   std::string shell;

@@ -40,6 +40,7 @@ Commands::Commands(CLI::App& app) : app_(app) {
   addCheck();
   addGraph();
   addDoctor();
+  addHealth();
   addCommand("ping", "Check that a launcher answers",
              [](Context& context) { return ping(context); });
   addNames();
@@ -374,6 +375,25 @@ void Commands::addDoctor() {
         return examineInstallation(context, arguments_.isJson);
       });
   app->add_flag("--json", arguments_.isJson, "Print JSON");
+}
+
+void Commands::addHealth() {
+  using Format = HealthOptions::Format;
+  HealthOptions& options = arguments_.health;
+  CLI::App* const app =
+      addCommand("health", "Check that all nodes run, for scripts",
+                 [this](const Context& context) {
+                   return showHealth(context, arguments_.health);
+                 });
+  app->add_option("--for", readDuration(options.runFor),
+                  "Wait until all nodes have run without a restart for TIME, "
+                  "at most --timeout (default: 5m)")
+      ->type_name("TIME");
+  addChoice<Format>(*app, "--format", options.format,
+                    "Output format; default: plain",
+                    {{"plain", Format::PLAIN},
+                     {"json", Format::JSON},
+                     {"nagios", Format::NAGIOS}});
 }
 
 void Commands::addNames() {

@@ -46,6 +46,7 @@ class Commands {
   void addNames();
   void addReport();
   void addMetrics();
+  void addHealth();
   void addHelpers();
 
   CLI::App& app_;

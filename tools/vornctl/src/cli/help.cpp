@@ -40,6 +40,7 @@ const std::map<std::string, Examples>& examples() {
       {"graph", {"graph launch.yaml", "graph --format mermaid launch.yaml"}},
       {"logs", {"logs -f camera", "logs --since 1h --log /var/log/launch.log"}},
       {"doctor", {"doctor", "doctor --json"}},
+      {"health", {"health --format json", "health --for 1s --timeout 1s"}},
       {"ping", {"ping", "ping --quiet --timeout 5s"}},
       {"names", {"names", "names --null --launch-file launch.yaml"}},
       {"report",

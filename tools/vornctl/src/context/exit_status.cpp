@@ -29,6 +29,7 @@ constexpr Meaning kMeanings[] = {
     {kFailed, "a node has failed", " status wait why "},
     {kFailed, "processes of earlier launchers or runs exist", " orphans "},
     {kFailed, "an error or a warning was found", " doctor "},
+    {kFailed, "a node is not as wanted, or no launcher answers", " health "},
     {kUsage, "wrong usage, or the nodes or a file cannot be read", ""},
     {kNotRunning, "a named node is not running", " status "},
     {kNotRunning, "a named node has no process", " ps "},
