@@ -107,13 +107,24 @@ class Machine:
         (self.install / "bin").mkdir(parents=True)
         for name, source in (("vornlaunch", program),
                              ("vornctl", program.with_name("vornctl"))):
-            copy = self.install / "bin" / name
-            shutil.copy2(source, copy)
-            copy.chmod(0o755)  # for other users, whatever the umask was
+            self._install(name, source)
+        self._vornrun = program.with_name("vornrun")
         self.sanitized = is_sanitized(program)
         self.counted = b"__gcov_dump" in program.read_bytes()
 
+    def _install(self, name, source):
+        copy = self.install / "bin" / name
+        shutil.copy2(source, copy)
+        copy.chmod(0o755)  # for other users, whatever the umask was
+
     # -- Before the start.
+
+    def wrapped(self, options, *command, **keys):
+        """The node that runs this command by vornrun with these options."""
+        if not (self.install / "bin/vornrun").exists():
+            self._install("vornrun", self._vornrun)
+        return {"path": "/tmp/install/bin/vornrun",
+                "argv": " ".join([options, "--", *command]), **keys}
 
     def script(self, name, body):
         """Writes a node program in POSIX shell; returns its path in the

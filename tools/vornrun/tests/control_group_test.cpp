@@ -5,11 +5,15 @@
 namespace vorn::run {
 namespace {
 
-TEST(ControlGroup, TheMountOfVersion2IsFound) {
+TEST(ControlGroup, TheLastMountOfVersion2IsFound) {
   EXPECT_EQ(controlGroupMount("24 1 0:22 / /sys/fs/cgroup ro - tmpfs tmpfs ro\n"
-                              "25 24 0:23 / /sys/fs/cgroup/unified rw,nosuid "
-                              "shared:4 - cgroup2 cgroup2 rw\n"),
+                              "25 24 0:23 / /hidden rw - cgroup2 cgroup2 rw\n"
+                              "26 24 0:23 / /sys/fs/cgroup/unified rw,nosuid "
+                              "shared:4 - cgroup2 cgroup2 rw\n"
+                              "27 24 0:24 / /tmp rw - tmpfs tmpfs rw\n"),
             "/sys/fs/cgroup/unified");
+  EXPECT_EQ(controlGroupMount("25 24 0:23 / /c rw - cgroup2 cgroup2 rw\n"),
+            "/c");
   EXPECT_EQ(controlGroupMount("24 1 0:22 / /sys rw - cgroup cgroup rw\n"), "");
 }
 

@@ -68,19 +68,15 @@ bool emptyGroup(const std::string& directory) {
 }  // namespace
 
 std::string controlGroupMount(const std::string& mountinfo) {
-  size_t begin = 0;
-  while (begin < mountinfo.size()) {
-    const size_t end = std::min(mountinfo.find('\n', begin), mountinfo.size());
-    const std::string line = mountinfo.substr(begin, end - begin);
-    begin = end + 1;
-    if (line.find(" - cgroup2 ") == std::string::npos) continue;
-    size_t field = 0;  // of the mount point: the fifth
-    for (int skipped = 0; skipped < 4; ++skipped) {
-      field = line.find(' ', field) + 1;
-    }
-    return line.substr(field, line.find(' ', field) - field);
+  // A later mount can hide an earlier one.
+  const size_t type = mountinfo.rfind(" - cgroup2 ");
+  if (type == std::string::npos) return "";
+  const size_t line = mountinfo.rfind('\n', type) + 1;  // 0 for the first line
+  size_t field = line;  // of the mount point: the fifth
+  for (int skipped = 0; skipped < 4; ++skipped) {
+    field = mountinfo.find(' ', field) + 1;
   }
-  return "";
+  return mountinfo.substr(field, mountinfo.find(' ', field) - field);
 }
 
 std::string controlGroupPath(const std::string& cgroup) {
