@@ -22,10 +22,6 @@ bool readLogFileEnd(const LogLocation& location, int64_t size, int64_t since_us,
                     const LogReader& reader, bool& is_all, std::string& error,
                     LogPosition* end);
 
-/// As followLog().
-bool followLogFile(const LogLocation& location, LogPosition& position,
-                   int cancel_fd, const LogReader& reader, std::string& error);
-
 /// Reads standard input to its end.
 bool readLogInput(int64_t since_us, const LogReader& reader,
                   std::string& error);

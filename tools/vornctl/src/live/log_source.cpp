@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "live/log_file.h"
+#include "live/log_follow.h"
 #include "live/log_journal.h"
 #include "live/proc_file.h"
 
