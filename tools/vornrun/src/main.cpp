@@ -1,9 +1,11 @@
 #include <unistd.h>
 
+#include <ctime>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "monitor/monitor.h"
 #include "process/apply_settings.h"
 #include "process/credentials.h"
 #include "process/environment.h"
@@ -39,8 +41,10 @@ class NodeStart {
       reportLine(node_, error->option, error->reason);
       return kExitFailure;
     }
+    const int originalError = connectProgram(settings_, connection_);
     std::string reason;
     const int status = executeProgram(arguments_, environment_, reason);
+    if (originalError >= 0) (void)::dup2(originalError, STDERR_FILENO);
     reportLine(node_, arguments_.front(), reason);
     return status;
   }
@@ -59,6 +63,10 @@ class NodeStart {
     if (!error) error = expandArguments();
     if (!error && settings_.parentDeathSignal != 0) {
       error = beginParentDeath(inherited);
+    }
+    if (!error) {
+      error = startMonitor(settings_, {node_, account(), environment_},
+                           connection_);
     }
     if (!error) error = waitForStart();
     if (!error) error = applySettings(settings_, node_, account(), parent_);
@@ -97,9 +105,19 @@ class NodeStart {
 
   std::optional<RunError> waitForStart() {
     CrashLoop loop(settings_, node_);
-    auto error = loop.beforeStart([](size_t, milliseconds) {});
-    if (!error) error = waitForConditions(settings_, account(), environment_);
+    uint32_t restarts = 0;
+    auto error = loop.beforeStart([&](size_t count, milliseconds delay) {
+      restarts = static_cast<uint32_t>(count);
+      reportPhase(connection_, Phase::DELAYED, restarts,
+                  std::time(nullptr) + delay.count() / 1000);
+    });
+    if (!error && !settings_.waitFor.empty()) {
+      reportPhase(connection_, Phase::WAITING, restarts, 0);
+      error = waitForConditions(settings_, account(), environment_);
+    }
     if (!error) error = loop.recordStart();
+    reportPhase(connection_, Phase::STARTING, restarts, 0);
+    addNotifyVariables(settings_, connection_, environment_);
     return error;
   }
 
@@ -109,6 +127,7 @@ class NodeStart {
   std::optional<Account> account_;
   Environment environment_;
   std::vector<std::string> arguments_;
+  MonitorConnection connection_;
 };
 
 int run(const std::vector<std::string>& arguments, pid_t parent) {

@@ -1,0 +1,66 @@
+#include "monitor/log_reader.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace vorn::run {
+namespace {
+// One read for a full pipe where nothing is copied; less memory otherwise.
+constexpr size_t kDirectBuffer = size_t{64} << 10;
+constexpr size_t kLineBuffer = size_t{32} << 10;
+}  // namespace
+
+LogReader::LogReader(Stream stream, int fd, bool holdsPartialLines,
+                     uint64_t& held)
+    : stream_(stream),
+      fd_(fd),
+      holdsPartialLines_(holdsPartialLines),
+      held_(held),
+      size_(holdsPartialLines ? kLineBuffer : kDirectBuffer),
+      data_(new char[size_]) {
+  held_ = 0;
+}
+
+int64_t LogReader::deadline() const {
+  return used_ == 0 ? kNever : partialSinceMs_ + kPartialLineMs;
+}
+
+size_t LogReader::read(const LogSinks& sinks, int64_t nowMs, size_t most) {
+  const ssize_t count =
+      ::read(fd_, data_.get() + used_, std::min(most, size_ - used_));
+  if (count < 0 && (errno == EINTR || errno == EAGAIN)) return 0;
+  if (count <= 0) {  // every writer has closed its end; EIO: the same of a pty
+    fd_ = -1;
+    return 0;
+  }
+  used_ += static_cast<size_t>(count);
+  held_ = used_;
+  partialSinceMs_ = nowMs;
+  size_t whole = used_;
+  if (holdsPartialLines_ && used_ < size_) {
+    const void* end = ::memrchr(data_.get(), '\n', used_);
+    whole =
+        end == nullptr
+            ? 0
+            : static_cast<size_t>(static_cast<const char*>(end) - data_.get()) +
+                  1;
+  }
+  if (whole > 0) handOn(sinks, whole);
+  return static_cast<size_t>(count);
+}
+
+void LogReader::handOn(const LogSinks& sinks, size_t size) {
+  for (const auto& sink : sinks) sink->write(stream_, {data_.get(), size});
+  used_ -= size;
+  std::memmove(data_.get(), data_.get() + size, used_);
+  held_ = used_;
+}
+
+void LogReader::flushPartialLine(const LogSinks& sinks, int64_t nowMs) {
+  if (used_ > 0 && nowMs >= deadline()) handOn(sinks, used_);
+}
+
+}  // namespace vorn::run

@@ -1,0 +1,257 @@
+#include "monitor/monitor_loop.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+#include "monitor/journal_sink.h"
+#include "monitor/log_directory.h"
+#include "monitor/notify_socket.h"
+#include "monitor/prefix_sink.h"
+#include "monitor/process_handle.h"
+
+namespace vorn::run {
+namespace {
+
+constexpr char kJournalSocket[] = "/run/systemd/journal/stdout";
+constexpr int kPriorityInfo = 6;
+constexpr int kPriorityNotice = 5;
+constexpr int64_t kKillAfterMs = 10000;
+constexpr int64_t kStatePauseMs = 1000;
+constexpr int kMostReads = 16;  // before other descriptors have their turn
+
+bool holdsPartialLines(const RunSettings& settings) {
+  return loggedStreams(settings).areSeparate || settings.logPrefix ||
+         settings.logJournal;
+}
+
+}  // namespace
+
+LoggedStreams loggedStreams(const RunSettings& settings) {
+  LoggedStreams streams;
+  const bool hasLines = settings.logPrefix || settings.logJournal;
+  streams.isLogged = hasLines || !settings.logDirectory.empty() || settings.pty;
+  streams.areSeparate = hasLines && !settings.pty;
+  return streams;
+}
+
+MonitorLoop::MonitorLoop(const RunSettings& settings, const MonitoredNode& node,
+                         const NodeIdentity& identity,
+                         const MonitorDescriptors& own, NodeState& state)
+    : settings_(settings),
+      identity_(identity),
+      own_(own),
+      state_(state),
+      standardError_(STDERR_FILENO),
+      readers_{
+          {Stream::OUTPUT, own.output, holdsPartialLines(settings),
+           heldOutput_},
+          {Stream::ERROR, own.error, holdsPartialLines(settings), heldError_}},
+      health_(settings, node, state),
+      stateFile_(settings.stateDirectory, node.name, state.fileInode) {
+  if (state_.monitorStarts > 1) {
+    state_.droppedBytes += state_.heldBytes;
+    report("the monitor was killed and is running again");
+  }
+  addSinks(settings);
+}
+
+void MonitorLoop::addSinks(const RunSettings& settings) {
+  const std::string& name = identity_.name;
+  uint64_t& dropped = state_.droppedBytes;
+  const bool hasError = loggedStreams(settings).areSeparate;
+  if (!settings.logDirectory.empty())
+    sinks_.push_back(std::make_unique<LogDirectory>(
+        LogDirectorySettings{settings.logDirectory, settings.logSize,
+                             settings.logTotal, settings.logKeep,
+                             settings.logCompress},
+        dropped));
+  if (settings.logJournal) {
+    sinks_.push_back(std::make_unique<JournalSink>(
+        Stream::OUTPUT, kJournalSocket, name, kPriorityInfo, dropped));
+    if (hasError)
+      sinks_.push_back(std::make_unique<JournalSink>(
+          Stream::ERROR, kJournalSocket, name, kPriorityNotice, dropped));
+  }
+  // A terminal without a log replaces the original output.
+  const bool isPlainTerminal = settings.pty && sinks_.empty();
+  if (settings.logPrefix || isPlainTerminal)
+    sinks_.push_back(std::make_unique<PrefixSink>(
+        Stream::OUTPUT, STDOUT_FILENO,
+        settings.logPrefix ? name + " stdout: " : "", dropped));
+  if (settings.logPrefix && hasError)
+    sinks_.push_back(std::make_unique<PrefixSink>(Stream::ERROR, STDERR_FILENO,
+                                                  name + " stderr: ", dropped));
+}
+
+void MonitorLoop::report(const std::string& text) const {
+  (void)standardError_.write("vornrun: " + identity_.name + ": " + text + "\n");
+}
+
+void MonitorLoop::run() {
+  updateState(monotonicMs());
+  while (step()) {
+  }
+  finish();
+}
+
+int64_t MonitorLoop::deadline() const {
+  int64_t deadline = health_.deadline();
+  for (const LogReader& reader : readers_)
+    deadline = std::min(deadline, reader.deadline());
+  for (const auto& sink : sinks_)
+    deadline = std::min(deadline, sink->deadline());
+  if (hasNews_) deadline = std::min(deadline, nextStateMs_);
+  if (state_.killAtMs > 0) deadline = std::min(deadline, state_.killAtMs);
+  return deadline;
+}
+
+/// One turn; returns whether the node still runs.
+bool MonitorLoop::step() {
+  PollSet polls;
+  polls.add(own_.node, POLLIN);
+  polls.add(own_.phases, POLLIN);
+  polls.add(own_.notify, POLLIN);
+  polls.add(own_.ready, POLLIN);
+  for (const LogReader& reader : readers_)
+    polls.add(reader.descriptor(), POLLIN);
+  for (const auto& sink : sinks_) sink->addPolls(polls);
+  health_.addPolls(polls);
+
+  const int64_t end = deadline();
+  const int64_t before = monotonicMs();
+  constexpr int64_t kLongestMs = 3'600'000;
+  polls.wait(end == kNever ? -1
+                           : static_cast<int>(std::clamp<int64_t>(
+                                 end - before, 0, kLongestMs)));
+  const int64_t now = monotonicMs();
+  const Phase phase = state_.phase;
+
+  // Before the watchdog: a monitor that was stopped for a while must see the
+  // messages that have arrived.
+  if (polls.hasEvent(own_.phases)) readPhases(now);
+  if (polls.hasEvent(own_.notify)) readNotifications(now);
+  if (polls.hasEvent(own_.ready)) readReadiness(now);
+  for (LogReader& reader : readers_) {
+    if (polls.hasEvent(reader.descriptor())) readLog(reader, now);
+    reader.flushPartialLine(sinks_, now);
+  }
+  for (const auto& sink : sinks_) sink->proceed(polls, now);
+  noteHeldBytes();
+  proceedHealth(polls, now);
+  if (state_.phase != phase) nextStateMs_ = 0;
+  updateState(now);
+  return !polls.hasEvent(own_.node);
+}
+
+void MonitorLoop::readLog(LogReader& reader, int64_t nowMs) {
+  for (int i = 0; i < kMostReads && reader.read(sinks_, nowMs, SIZE_MAX) > 0;
+       ++i)
+    noteHeldBytes();
+}
+
+void MonitorLoop::noteHeldBytes() {
+  uint64_t held = heldOutput_ + heldError_;
+  for (const auto& sink : sinks_) held += sink->heldBytes();
+  state_.heldBytes = held;
+}
+
+void MonitorLoop::readPhases(int64_t nowMs) {
+  PhaseMessage message;
+  constexpr auto kSize = static_cast<ssize_t>(sizeof(message));
+  const auto next = [&] {
+    return ::read(own_.phases, &message, sizeof(message));
+  };
+  ssize_t size = next();
+  for (; size == kSize; size = next()) {
+    state_.phase = message.phase;
+    state_.phaseSince = unixSeconds();
+    state_.restarts = message.restarts;
+    state_.delayedUntil = message.delayedUntil;
+  }
+  if (size < 0) return;
+  own_.phases = -1;  // closed by exec
+  if (!state_.isExecuted) health_.noteExecuted(nowMs);
+}
+
+void MonitorLoop::readNotifications(int64_t nowMs) {
+  constexpr int kMostMessages = 64;
+  for (int i = 0; i < kMostMessages; ++i) {
+    const auto datagram = receiveNotifyDatagram(own_.notify);
+    if (!datagram) return;
+    if (datagram->isCut || !isDescendantOf(datagram->sender, identity_.pid)) {
+      ++state_.ignoredMessages;
+      continue;
+    }
+    health_.noteMessage(parseNotifyMessage(datagram->text), nowMs);
+  }
+}
+
+void MonitorLoop::readReadiness(int64_t nowMs) {
+  char text[64];
+  const ssize_t size = ::read(own_.ready, text, sizeof(text));
+  if (size < 0) return;
+  if (size == 0 || std::memchr(text, '\n', static_cast<size_t>(size))) {
+    if (size > 0) health_.noteReady(nowMs);
+    own_.ready = -1;
+  }
+}
+
+void MonitorLoop::proceedHealth(const PollSet& polls, int64_t nowMs) {
+  health_.proceed(polls, nowMs);
+  if (const auto failure = health_.takeFailure()) {
+    const int number =
+        settings_.watchdogSignal != 0 ? settings_.watchdogSignal : SIGTERM;
+    report(*failure + ": sending SIG" + ::sigabbrev_np(number));
+    (void)signalProcess(own_.node, number);  // it may have ended
+    state_.killAtMs = nowMs + kKillAfterMs;
+  }
+  if (state_.killAtMs > 0 && nowMs >= state_.killAtMs) {
+    state_.killAtMs = 0;
+    report("still running after " + durationText(kKillAfterMs) +
+           ": sending SIGKILL");
+    (void)signalProcess(own_.node, SIGKILL);
+  }
+}
+
+/// Phases are written at once, counters at most once per second.
+void MonitorLoop::updateState(int64_t nowMs) {
+  if (nowMs < nextStateMs_) {
+    hasNews_ = true;
+    return;
+  }
+  hasNews_ = false;
+  nextStateMs_ = nowMs + kStatePauseMs;
+  std::string text = stateText(state_, identity_);
+  if (text == writtenState_) return;
+  const std::string reason = stateFile_.write(text);
+  if (reason.empty()) {
+    writtenState_ = std::move(text);
+  } else if (!hasReportedStateError_) {
+    hasReportedStateError_ = true;
+    report("--state-dir: " + reason);
+  }
+}
+
+void MonitorLoop::finish() {
+  // More than a pipe holds; descendants of the node may write forever.
+  constexpr size_t kMostBytes = size_t{1} << 20;
+  const int64_t now = monotonicMs();
+  for (LogReader& reader : readers_) {
+    size_t total = 0;
+    while (total < kMostBytes && reader.descriptor() >= 0) {
+      const size_t size = reader.read(sinks_, now, kMostBytes - total);
+      if (size == 0) break;
+      total += size;
+    }
+    reader.flushPartialLine(sinks_, kNever);
+  }
+  for (const auto& sink : sinks_) sink->finish();
+  health_.stop();
+  stateFile_.remove();
+}
+
+}  // namespace vorn::run

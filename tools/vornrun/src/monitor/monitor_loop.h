@@ -1,0 +1,81 @@
+#pragma once
+
+#include <optional>
+
+#include "monitor/health.h"
+#include "monitor/log_reader.h"
+#include "monitor/monitor.h"
+#include "monitor/shared_output.h"
+#include "monitor/state_file.h"
+
+namespace vorn::run {
+
+/// The monitor's ends of its connections; -1: not connected.
+struct MonitorDescriptors {
+  int node = -1;    // pidfd
+  int output = -1;  // what the node writes
+  int error = -1;
+  int notify = -1;
+  int ready = -1;
+  int phases = -1;
+};
+
+/// What vornrun reports by reportPhase().
+struct PhaseMessage {
+  Phase phase = Phase::STARTING;
+  uint32_t restarts = 0;
+  int64_t delayedUntil = 0;
+};
+
+/// Which streams of the node are connected to the monitor.
+struct LoggedStreams {
+  bool isLogged = false;
+  bool areSeparate = false;  // standard error is a stream of its own
+};
+LoggedStreams loggedStreams(const RunSettings& settings);
+
+/// The work of the monitor: one loop, which waits for nothing but poll(2). All
+/// buffers have a fixed size.
+class MonitorLoop {
+ public:
+  /// The references must outlive this object. Descriptors 1 and 2 are the
+  /// original output and error of the node.
+  MonitorLoop(const RunSettings& settings, const MonitoredNode& node,
+              const NodeIdentity& identity, const MonitorDescriptors& own,
+              NodeState& state);
+
+  /// Returns after the end of the node.
+  void run();
+
+ private:
+  void addSinks(const RunSettings& settings);
+  int64_t deadline() const;
+  bool step();
+  void readLog(LogReader& reader, int64_t nowMs);
+  void noteHeldBytes();
+  void readPhases(int64_t nowMs);
+  void readNotifications(int64_t nowMs);
+  void readReadiness(int64_t nowMs);
+  void proceedHealth(const PollSet& polls, int64_t nowMs);
+  void updateState(int64_t nowMs);
+  void finish();
+  void report(const std::string& text) const;
+
+  const RunSettings& settings_;
+  const NodeIdentity& identity_;
+  MonitorDescriptors own_;
+  NodeState& state_;
+  SharedOutput standardError_;
+  LogSinks sinks_;
+  uint64_t heldOutput_ = 0;
+  uint64_t heldError_ = 0;
+  LogReader readers_[2];
+  Health health_;
+  StateFile stateFile_;
+  std::string writtenState_;
+  bool hasNews_ = true;
+  int64_t nextStateMs_ = 0;
+  bool hasReportedStateError_ = false;
+};
+
+}  // namespace vorn::run
