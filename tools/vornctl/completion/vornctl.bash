@@ -191,6 +191,7 @@ _vornctl() {
       options+=(--format --fail-on --print --ignore --host --no-host --list)
       ;;
     graph) options+=(--format) ;;
+    diff) options+=(--running --json) ;;
     doctor) options+=(--json) ;;
   esac
   if [[ $current == -* ]] && ! _vornctl_has_dashes "${words[@]}"; then
@@ -201,9 +202,9 @@ _vornctl() {
     "")
       _vornctl_offer "$current" "$kept" status start stop restart enable \
         disable wait monitor top why history ps orphans logs health ping names report metrics check \
-        graph doctor completion help
+        graph diff doctor completion help
       ;;
-    check | graph) compopt -o default ;;
+    check | graph | diff) compopt -o default ;;
     completion) _vornctl_offer "$current" "$kept" bash zsh fish ;;
     status | start | stop | restart | enable | disable | wait | monitor | top | why | history | ps | logs)
       _vornctl_offer_nodes "$current" "$kept" "${words[@]}"

@@ -24,7 +24,7 @@ function __vornctl_nodes
 end
 
 function __vornctl_needs_command
-    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top why history ps orphans logs health ping names report metrics check graph doctor completion help
+    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top why history ps orphans logs health ping names report metrics check graph diff doctor completion help
 end
 
 complete -c vornctl -f
@@ -49,6 +49,7 @@ complete -c vornctl -n __vornctl_needs_command -a report -d 'Write an HTML file 
 complete -c vornctl -n __vornctl_needs_command -a metrics -d 'Print metrics for Prometheus'
 complete -c vornctl -n __vornctl_needs_command -a check -d 'Check launch files for errors'
 complete -c vornctl -n __vornctl_needs_command -a graph -d 'Draw the nodes of a launch file'
+complete -c vornctl -n __vornctl_needs_command -a diff -d 'Compare launch files'
 complete -c vornctl -n __vornctl_needs_command -a doctor -d 'Find errors of the installation'
 complete -c vornctl -n __vornctl_needs_command -a completion -d 'Print a script for tab completion'
 complete -c vornctl -n __vornctl_needs_command -a help -d 'Show the help'
@@ -65,7 +66,7 @@ complete -c vornctl -s h -l help -d 'Show the help'
 complete -c vornctl -n __vornctl_needs_command -l version -d 'Show the version'
 
 complete -c vornctl -n '__fish_seen_subcommand_from status start stop restart enable disable wait monitor top why history ps logs' -a '(__vornctl_nodes)' -d Node
-complete -c vornctl -n '__fish_seen_subcommand_from status monitor history ps orphans doctor' -l json -d 'Print JSON'
+complete -c vornctl -n '__fish_seen_subcommand_from status monitor history ps orphans diff doctor' -l json -d 'Print JSON'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l plain -d 'Print tabs between columns'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l no-header -d 'Omit the column titles'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l failed -d 'Show only failed nodes'
@@ -86,11 +87,13 @@ complete -c vornctl -n '__fish_seen_subcommand_from names' -s 0 -l null -d 'End 
 complete -c vornctl -n '__fish_seen_subcommand_from report metrics' -s o -l output -r -F -d 'The file'
 complete -c vornctl -n '__fish_seen_subcommand_from report' -l since -x -d 'The begin of the timeline'
 complete -c vornctl -n '__fish_seen_subcommand_from report' -l with-environment -d 'Also include the values of variables'
+complete -c vornctl -n '__fish_seen_subcommand_from diff' -l running -d 'Compare the running processes with a file'
 complete -c vornctl -n '__fish_seen_subcommand_from health' -l for -x -d 'Time that all nodes must run'
+complete -c vornctl -n '__fish_seen_subcommand_from diff' -l running -d 'Compare the running processes with a file'
 complete -c vornctl -n '__fish_seen_subcommand_from health' -l format -x -a 'plain json nagios' -d 'Output format'
 complete -c vornctl -n '__fish_seen_subcommand_from metrics' -l format -x -a 'prometheus openmetrics' -d 'Output format'
 complete -c vornctl -n '__fish_seen_subcommand_from completion' -a 'bash zsh fish' -d Shell
-complete -c vornctl -n '__fish_seen_subcommand_from check graph' -F
+complete -c vornctl -n '__fish_seen_subcommand_from check graph diff' -F
 complete -c vornctl -n '__fish_seen_subcommand_from check' -l format -x -a 'text json sarif github' -d 'Output format'
 complete -c vornctl -n '__fish_seen_subcommand_from graph' -l format -x -a 'dot mermaid svg' -d 'Output format'
 complete -c vornctl -n '__fish_seen_subcommand_from check' -l fail-on -x -a 'error warning note' -d 'Lowest severity that makes the exit status 1'

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "commands/check.h"
+#include "commands/diff.h"
 #include "commands/graph.h"
 #include "commands/health.h"
 #include "commands/history.h"
@@ -37,6 +38,7 @@ struct Arguments {
   CheckOptions check;
   bool isCheckList = false;
   GraphOptions graph;
+  DiffOptions diff;
   LogsOptions logs;
   ReportOptions report;
   MetricsOptions metrics;

@@ -77,6 +77,7 @@ class CommandLine {
     unprotect(arguments.topic);
     for (std::string& node : arguments.nodes) unprotect(node);
     for (std::string& file : arguments.check.files) unprotect(file);
+    for (std::string& file : arguments.diff.files) unprotect(file);
   }
 
   /// Adds the settings that depend on the terminal. False, with a message, if

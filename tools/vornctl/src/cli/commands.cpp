@@ -39,6 +39,7 @@ Commands::Commands(CLI::App& app) : app_(app) {
   addLogs();
   addCheck();
   addGraph();
+  addDiff();
   addDoctor();
   addHealth();
   addCommand("ping", "Check that a launcher answers",
@@ -366,6 +367,21 @@ void Commands::addGraph() {
                                   {{"dot", GraphOptions::Format::DOT},
                                    {"mermaid", GraphOptions::Format::MERMAID},
                                    {"svg", GraphOptions::Format::SVG}});
+}
+
+void Commands::addDiff() {
+  DiffOptions& options = arguments_.diff;
+  CLI::App* const app = addCommand(
+      "diff", "Compare launch files, or one with the running processes",
+      [this](Context& context) {
+        arguments_.diff.isJson = arguments_.isJson;
+        return showDifference(context, arguments_.diff);
+      });
+  app->add_option("FILE", options.files, "The old and the new launch file")
+      ->type_name("FILE");
+  app->add_flag("--running", options.isRunning,
+                "Compare the running processes with one launch file");
+  app->add_flag("--json", arguments_.isJson, "Print JSON");
 }
 
 void Commands::addDoctor() {

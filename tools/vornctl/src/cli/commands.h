@@ -40,6 +40,7 @@ class Commands {
   void addOrphans();
   void addCheck();
   void addCheckOutput(CLI::App& app);
+  void addDiff();
   void addDoctor();
   void addGraph();
   void addLogs();

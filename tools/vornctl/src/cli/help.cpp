@@ -38,6 +38,7 @@ const std::map<std::string, Examples>& examples() {
       {"check",
        {"check launch.yaml", "check --no-host --fail-on warning launch.yaml"}},
       {"graph", {"graph launch.yaml", "graph --format mermaid launch.yaml"}},
+      {"diff", {"diff launch.yaml new.yaml", "diff --running launch.yaml"}},
       {"logs", {"logs -f camera", "logs --since 1h --log /var/log/launch.log"}},
       {"doctor", {"doctor", "doctor --json"}},
       {"health", {"health --format json", "health --for 1s --timeout 1s"}},

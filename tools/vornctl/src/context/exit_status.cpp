@@ -10,7 +10,7 @@ namespace {
 // The commands that send requests to a launcher, and those with node arguments.
 constexpr char kOfLauncher[] =
     " status start stop restart enable disable wait monitor top why history ps "
-    "logs ping names metrics ";
+    "logs ping names metrics diff ";
 constexpr char kOfNodes[] =
     " status start stop restart enable disable wait monitor top why "
     "history ps logs ";
@@ -28,6 +28,7 @@ constexpr Meaning kMeanings[] = {
     {kFailed, "a problem was found", " check "},
     {kFailed, "a node has failed", " status wait why "},
     {kFailed, "processes of earlier launchers or runs exist", " orphans "},
+    {kFailed, "a difference was found", " diff "},
     {kFailed, "an error or a warning was found", " doctor "},
     {kFailed, "a node is not as wanted, or no launcher answers", " health "},
     {kUsage, "wrong usage, or the nodes or a file cannot be read", ""},
@@ -38,7 +39,7 @@ constexpr Meaning kMeanings[] = {
     {kNoLauncher, "no launcher is running, or no permission", kOfLauncher},
     {kTimedOut, "given up before the request was sent: it has no effect",
      " status start stop restart enable disable monitor top why history ps "
-     "logs ping names metrics "},
+     "logs ping names metrics diff "},
     {kTimedOut, "timed out or interrupted", " wait "},
     {kUnknown, "no reply: a request may still take effect", kOfLauncher},
     {kProtocolError, "the reply is invalid", kOfLauncher},

@@ -1,0 +1,30 @@
+"""vornctl diff compares launch files with each other and with running processes."""
+
+import json
+
+
+def test_diff_compares_files_and_running_processes(machine):
+    def text(time):
+        return json.dumps({"vornnode": {
+            "camera": {"path": "/usr/bin/env", "argv": f"sleep {time}",
+                       "environment": {"SPEED": str(time)}}}})
+
+    machine.start(text(1001))
+    machine.child("camera", ["sleep", "1001"])
+    same = machine.file("same.yaml", text(1001))
+    new = machine.file("new.yaml", text(1002))
+    done = machine.vornctl("diff", "/tmp/launch.yaml", new)
+    assert (done.returncode, done.stdout, done.stderr) == (
+        1, "camera: changed; restarts\n"
+        "  argv: /usr/bin/env sleep 1001 -> /usr/bin/env sleep 1002\n"
+        "  environment SPEED: 1001 -> 1002\n", "")
+    done = machine.vornctl("diff", "--running", same)
+    assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+    done = machine.vornctl("diff", "--running", "--json", new)
+    assert done.returncode == 1
+    [camera] = json.loads(done.stdout)["nodes"]
+    assert (camera["difference"], camera["effect"]) == ("changed", "restarts")
+    assert camera["parts"] == [
+        {"part": "argv", "old": "sleep 1001", "new": "/usr/bin/env sleep 1002"},
+        {"part": "environment SPEED", "old": "1001", "new": "1002"}]
+    assert machine.vornctl("diff", same, "/tmp/missing").returncode == 2
