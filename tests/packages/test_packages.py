@@ -61,9 +61,10 @@ def test_the_launchers_package_lists_the_libraries_that_it_contains(packages):
                         r" yaml-cpp \(= [^ ]+\)", built_using)
 
 
-@pytest.mark.parametrize("name", ["vornlaunch", "vornctl"])
-def test_a_packaged_program_is_protected_by_its_elf_headers(contents, name):
-    assert protections(contents[name] / "usr/bin" / name) == ALL_PROTECTIONS
+@pytest.mark.parametrize(("package", "name"), [
+    ("vornlaunch", "vornlaunch"), ("vornlaunch", "vornrun"), ("vornctl", "vornctl")])
+def test_a_packaged_program_is_protected_by_its_elf_headers(contents, package, name):
+    assert protections(contents[package] / "usr/bin" / name) == ALL_PROTECTIONS
 
 
 def test_the_version_is_the_same_everywhere(packages, contents, built):

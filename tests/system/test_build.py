@@ -10,7 +10,7 @@ import pytest
 from support.elf import ALL_PROTECTIONS, protections
 
 ROOT = pathlib.Path(__file__).parents[2]
-PROGRAMS = ["vornlaunch", "vornctl"]
+PROGRAMS = ["vornlaunch", "vornctl", "vornrun"]
 COMPILER_WITHOUT_STATIC_LIBRARY = """#!/bin/sh
 for option; do
   if [ "$option" = -static-pie ]; then

@@ -47,6 +47,16 @@ def long_ones(options):
     return {names[-1] for names in options}
 
 
+def test_the_reference_of_vornrun_has_the_options_of_its_help(program):
+    text = (ROOT / "docs/vornrun.md").read_text(encoding="utf-8")
+    terms = re.findall(r"^\| (`-.*?`) \|", text, re.M)
+    documented = [term.strip("`").replace("`, `", ", ").replace("\\|", "|")
+                  for term in terms]
+    shown = re.findall(r"^  (-\S.*?)(?:  |$)",
+                       run(str(program.with_name("vornrun")), "--help"), re.M)
+    assert documented == shown
+
+
 def section(title):
     """The text below a heading of the reference of vornctl."""
     text = (ROOT / "docs/vornctl.md").read_text(encoding="utf-8")
@@ -64,7 +74,8 @@ def words(names_of_options):
 
 
 @pytest.mark.parametrize("name", [
-    "vornctl.1", "vornlaunch.yaml.5", "vornlaunch-control.7", "vornlaunch.8"])
+    "vornctl.1", "vornlaunch.yaml.5", "vornlaunch-control.7", "vornlaunch.8",
+    "vornrun.8"])
 def test_a_manual_page_is_well_formed(name, program):
     page = program.parents[1] / "man" / name
     assert page.exists(), "the build needs lowdown"

@@ -57,6 +57,7 @@ bool isConnected(int fd, const SocketAddress& address, int limitMs) {
   const auto* const target =
       reinterpret_cast<const sockaddr*>(&address.storage);
   if (::connect(fd, target, address.size) == 0) return true;
+  if (errno == EAGAIN) return true;  // a full queue: busy, but it listens
   if (errno != EINPROGRESS) return false;
   pollfd watched{fd, POLLOUT, 0};
   if (::poll(&watched, 1, limitMs) <= 0) return false;
