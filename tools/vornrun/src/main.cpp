@@ -64,6 +64,7 @@ class NodeStart {
     if (!error && settings_.parentDeathSignal != 0) {
       error = beginParentDeath(inherited);
     }
+    if (!error) error = loop_.open();
     if (!error) {
       error = startMonitor(settings_, {node_, account(), environment_},
                            connection_);
@@ -104,9 +105,8 @@ class NodeStart {
   }
 
   std::optional<RunError> waitForStart() {
-    CrashLoop loop(settings_, node_);
     uint32_t restarts = 0;
-    auto error = loop.beforeStart([&](size_t count, milliseconds delay) {
+    auto error = loop_.beforeStart([&](size_t count, milliseconds delay) {
       restarts = static_cast<uint32_t>(count);
       reportPhase(connection_, Phase::DELAYED, restarts,
                   std::time(nullptr) + delay.count() / 1000);
@@ -115,7 +115,7 @@ class NodeStart {
       reportPhase(connection_, Phase::WAITING, restarts, 0);
       error = waitForConditions(settings_, account(), environment_);
     }
-    if (!error) error = loop.recordStart();
+    if (!error) error = loop_.recordStart();
     reportPhase(connection_, Phase::STARTING, restarts, 0);
     addNotifyVariables(settings_, connection_, environment_);
     return error;
@@ -128,6 +128,7 @@ class NodeStart {
   Environment environment_;
   std::vector<std::string> arguments_;
   MonitorConnection connection_;
+  CrashLoop loop_{settings_, node_};
 };
 
 int run(const std::vector<std::string>& arguments, pid_t parent) {

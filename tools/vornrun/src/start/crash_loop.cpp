@@ -56,20 +56,23 @@ std::string whyNotStopped(const launch::ControlReply& reply) {
 CrashLoop::CrashLoop(const RunSettings& settings, const std::string& node)
     : settings_(settings),
       node_(node),
-      path_(settings.stateDirectory + "/" + fileNameOf(node) + ".starts") {
-  if (!isActive()) return;
+      path_(settings.stateDirectory + "/" + fileNameOf(node) + ".starts") {}
+
+std::optional<RunError> CrashLoop::open() {
+  if (!isActive()) return std::nullopt;
+  const std::string reason = createStateDirectory(settings_.stateDirectory);
+  if (!reason.empty()) return RunError{"--state-dir", reason};
   bootId_ = readFileText("/proc/sys/kernel/random/boot_id").text;
   while (!bootId_.empty() && bootId_.back() == '\n') bootId_.pop_back();
   history_ = StartHistory::parse(readFileText(path_).text, bootId_);
+  now_ = bootTime();
+  history_.beginStart(now_, settings_.resetAfter);
+  return store();
 }
 
 std::optional<RunError> CrashLoop::beforeStart(const OnDelay& onDelay) {
   if (!isActive()) return std::nullopt;
-  const std::string reason = createStateDirectory(settings_.stateDirectory);
-  if (!reason.empty()) return RunError{"--state-dir", reason};
-  const int64_t now = bootTime();
-  history_.beginStart(now, settings_.resetAfter);
-  if (settings_.giveUp && history_.isCrashLoop(*settings_.giveUp, now)) {
+  if (settings_.giveUp && history_.isCrashLoop(*settings_.giveUp, now_)) {
     return giveUp();
   }
   if (!settings_.backoff) return std::nullopt;

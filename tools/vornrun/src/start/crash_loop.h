@@ -19,8 +19,13 @@ class CrashLoop {
 
   CrashLoop(const RunSettings& settings, const std::string& node);
 
-  /// Delays the start, or asks the launcher to disable the node, which then
-  /// stops this process. Returns an error if the program must not be executed.
+  /// Creates the state directory and the file. Returns an error if the history
+  /// cannot be stored.
+  std::optional<RunError> open();
+
+  /// After open(). Delays the start, or asks the launcher to disable the node,
+  /// which then stops this process. Returns an error if the program must not be
+  /// executed.
   std::optional<RunError> beforeStart(const OnDelay& onDelay);
 
   /// Records the execution of the program, which follows.
@@ -36,6 +41,7 @@ class CrashLoop {
   std::string path_;
   std::string bootId_;
   StartHistory history_;
+  int64_t now_ = 0;  // of open()
 };
 
 }  // namespace vorn::run
