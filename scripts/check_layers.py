@@ -21,7 +21,7 @@ LAYERS = [
     [VORNRUN + "main.cpp"],
     [VORNCTL + "system/", VORNCTL + "output/"],
     [VORNCTL + "launchfile/"],
-    [VORNCTL + "check/", VORNCTL + "live/"],
+    [VORNCTL + "check/", VORNCTL + "import/", VORNCTL + "live/"],
     [VORNCTL + "context/"],
     [VORNCTL + "commands/"],
     [VORNCTL + "cli/"],

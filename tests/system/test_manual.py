@@ -185,7 +185,8 @@ def test_a_command_shows_only_its_own_exit_statuses(help_of):
     assert shown == asking | {
         "status": "0123456789", "ps": "0123456789", "wait": "0123456789",
         "ping": "01256789", "doctor": "012",
-        "names": "01256789", "metrics": "01256789", "diff": "01256789", "health": "012", "orphans": "012", "report": "012", "check": "012", "graph": "012", "completion": "012",
+        "names": "01256789", "metrics": "01256789", "diff": "01256789", "health": "012", "orphans": "012", "report": "012", "check": "012", "graph": "012",
+        "import": "012", "completion": "012",
         "help": "012"}
 
 

@@ -202,9 +202,14 @@ _vornctl() {
     "")
       _vornctl_offer "$current" "$kept" status start stop restart enable \
         disable wait monitor top why history ps orphans logs health ping names report metrics check \
-        graph diff doctor completion help
+        graph diff import doctor completion help
       ;;
     check | graph | diff) compopt -o default ;;
+    import)
+      compopt -o default
+      [[ $previous != import ]] ||
+        _vornctl_offer "$current" "$kept" supervisord systemd process-compose
+      ;;
     completion) _vornctl_offer "$current" "$kept" bash zsh fish ;;
     status | start | stop | restart | enable | disable | wait | monitor | top | why | history | ps | logs)
       _vornctl_offer_nodes "$current" "$kept" "${words[@]}"

@@ -24,7 +24,7 @@ function __vornctl_nodes
 end
 
 function __vornctl_needs_command
-    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top why history ps orphans logs health ping names report metrics check graph diff doctor completion help
+    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top why history ps orphans logs health ping names report metrics check graph diff import doctor completion help
 end
 
 complete -c vornctl -f
@@ -50,6 +50,7 @@ complete -c vornctl -n __vornctl_needs_command -a metrics -d 'Print metrics for 
 complete -c vornctl -n __vornctl_needs_command -a check -d 'Check launch files for errors'
 complete -c vornctl -n __vornctl_needs_command -a graph -d 'Draw the nodes of a launch file'
 complete -c vornctl -n __vornctl_needs_command -a diff -d 'Compare launch files'
+complete -c vornctl -n __vornctl_needs_command -a import -d 'Print a launch file for the configuration of another supervisor'
 complete -c vornctl -n __vornctl_needs_command -a doctor -d 'Find errors of the installation'
 complete -c vornctl -n __vornctl_needs_command -a completion -d 'Print a script for tab completion'
 complete -c vornctl -n __vornctl_needs_command -a help -d 'Show the help'
@@ -93,7 +94,8 @@ complete -c vornctl -n '__fish_seen_subcommand_from diff' -l running -d 'Compare
 complete -c vornctl -n '__fish_seen_subcommand_from health' -l format -x -a 'plain json nagios' -d 'Output format'
 complete -c vornctl -n '__fish_seen_subcommand_from metrics' -l format -x -a 'prometheus openmetrics' -d 'Output format'
 complete -c vornctl -n '__fish_seen_subcommand_from completion' -a 'bash zsh fish' -d Shell
-complete -c vornctl -n '__fish_seen_subcommand_from check graph diff' -F
+complete -c vornctl -n '__fish_seen_subcommand_from import' -a 'supervisord systemd process-compose' -d Format
+complete -c vornctl -n '__fish_seen_subcommand_from check graph diff import' -F
 complete -c vornctl -n '__fish_seen_subcommand_from check' -l format -x -a 'text json sarif github' -d 'Output format'
 complete -c vornctl -n '__fish_seen_subcommand_from graph' -l format -x -a 'dot mermaid svg' -d 'Output format'
 complete -c vornctl -n '__fish_seen_subcommand_from check' -l fail-on -x -a 'error warning note' -d 'Lowest severity that makes the exit status 1'

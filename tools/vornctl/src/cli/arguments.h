@@ -8,6 +8,7 @@
 #include "commands/graph.h"
 #include "commands/health.h"
 #include "commands/history.h"
+#include "commands/import.h"
 #include "commands/logs.h"
 #include "commands/metrics.h"
 #include "commands/orphans.h"
@@ -39,6 +40,7 @@ struct Arguments {
   bool isCheckList = false;
   GraphOptions graph;
   DiffOptions diff;
+  ImportOptions import;
   LogsOptions logs;
   ReportOptions report;
   MetricsOptions metrics;

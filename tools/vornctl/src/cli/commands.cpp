@@ -40,6 +40,7 @@ Commands::Commands(CLI::App& app) : app_(app) {
   addCheck();
   addGraph();
   addDiff();
+  addImport();
   addDoctor();
   addHealth();
   addCommand("ping", "Check that a launcher answers",
@@ -382,6 +383,24 @@ void Commands::addDiff() {
   app->add_flag("--running", options.isRunning,
                 "Compare the running processes with one launch file");
   app->add_flag("--json", arguments_.isJson, "Print JSON");
+}
+
+void Commands::addImport() {
+  ImportOptions& options = arguments_.import;
+  CLI::App* const app = addCommand(
+      "import",
+      "Print a launch file for the configuration of another supervisor",
+      [this](const Context& context) {
+        return importFiles(context, arguments_.import);
+      });
+  const std::vector<std::string> formats = importFormats();
+  app->add_option("FORMAT", options.format, "The format of the files")
+      ->required()
+      ->check(CLI::IsMember(formats).description(""))
+      ->type_name(CLI::detail::join(formats, "|"));
+  app->add_option("FILE", options.files, "The files; - is standard input")
+      ->required()
+      ->type_name("FILE");
 }
 
 void Commands::addDoctor() {

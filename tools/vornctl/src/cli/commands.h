@@ -43,6 +43,7 @@ class Commands {
   void addDiff();
   void addDoctor();
   void addGraph();
+  void addImport();
   void addLogs();
   void addNames();
   void addReport();

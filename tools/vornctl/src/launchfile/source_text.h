@@ -45,6 +45,8 @@ class SourceText {
   /// exist. Borrowed from this document.
   std::string_view line(int number) const;
 
+  int lineCount() const { return static_cast<int>(line_starts_.size()); }
+
   /// The names in comments "# vornctl: ignore=NAME,NAME" on this line.
   std::vector<std::string> ignoredAt(int number) const;
 

@@ -1,0 +1,166 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "import/process_compose.h"
+
+namespace vorn::launch {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Pair;
+using ::testing::UnorderedElementsAre;
+
+Imported importCompose(const std::string& text) {
+  return importProcessCompose({SourceText("process-compose.yaml", text)});
+}
+
+/// The only process, with these lines at the right indentation.
+ImportedNode processWith(const std::string& lines) {
+  return importCompose("processes:\n  camera:\n" + lines).nodes.at(0);
+}
+
+ImportedNode cameraWith(const std::string& lines) {
+  return processWith("    command: /bin/camera --map city\n" + lines);
+}
+
+std::string composeError(const std::string& text) {
+  try {
+    importCompose(text);
+  } catch (const ImportError& error) {
+    return error.what();
+  }
+  return "";
+}
+
+std::vector<std::string> composeOmissions(const ImportedNode& node) {
+  std::vector<std::string> settings;
+  for (const Omitted& each : node.omitted) settings.push_back(each.setting);
+  return settings;
+}
+
+TEST(ImportProcessComposeTest, ASimpleCommandNeedsNoShell) {
+  const ImportedNode node = cameraWith("");
+  EXPECT_EQ(node.program, "/bin/camera");
+  EXPECT_THAT(node.arguments, ElementsAre("--map", "city"));
+  EXPECT_TRUE(node.isOneshot);
+  EXPECT_THAT(node.omitted, IsEmpty());
+}
+
+TEST(ImportProcessComposeTest, AShellRunsOtherCommands) {
+  const ImportedNode node =
+      processWith("    command: \"exec camera --map '$MAP'\"\n");
+  EXPECT_EQ(node.program, "/bin/bash");
+  EXPECT_THAT(node.arguments, ElementsAre("-c", "exec camera --map '$MAP'"));
+  EXPECT_THAT(node.omitted, IsEmpty());
+  // Without exec, a stop reaches only the shell.
+  EXPECT_THAT(composeOmissions(processWith("    command: a && b\n")),
+              ElementsAre(""));
+}
+
+TEST(ImportProcessComposeTest, AnEntrypointIsAListOfWords) {
+  EXPECT_THAT(processWith("    entrypoint: [/bin/x, 'a b']\n").arguments,
+              ElementsAre("a b"));
+}
+
+TEST(ImportProcessComposeTest, TheShellOfTheFileIsUsed) {
+  const Imported imported = importCompose(
+      "shell: {shell_command: /bin/dash, shell_argument: -ec}\n"
+      "environment: [A=1]\nlog_level: debug\n"
+      "processes: {x: {command: 'a;b'}}\n");
+  EXPECT_EQ(imported.nodes[0].program, "/bin/dash");
+  EXPECT_THAT(imported.nodes[0].arguments, ElementsAre("-ec", "a;b"));
+  EXPECT_THAT(imported.environment, ElementsAre(Pair("A", "1")));
+  EXPECT_EQ(imported.omitted.at(0).setting, "log_level=debug");
+}
+
+TEST(ImportProcessComposeTest, SettingsAreOptionsAndVariables) {
+  const ImportedNode node = cameraWith(
+      "    working_dir: /srv\n    is_tty: true\n    disabled: true\n"
+      "    log_location: /var/log/camera.log\n"
+      "    environment:\n      - A=x y\n      - B=$HOME\n");
+  EXPECT_THAT(node.options,
+              ElementsAre(Pair("directory", "/srv"), Pair("pty", ""),
+                          Pair("log-dir", "/var/log/camera")));
+  EXPECT_THAT(node.environment, ElementsAre(Pair("A", "x y")));
+  EXPECT_FALSE(node.isStarted);
+  EXPECT_THAT(
+      composeOmissions(node),
+      ElementsAre("log_location=/var/log/camera.log", "environment B=$HOME"));
+}
+
+TEST(ImportProcessComposeTest, RestartsAreThoseOfTheLauncher) {
+  EXPECT_FALSE(cameraWith("    availability: {restart: always}\n").isOneshot);
+  const ImportedNode node = cameraWith(
+      "    availability: {restart: on_failure, backoff_seconds: 10,\n"
+      "                   max_restarts: 3}\n");
+  EXPECT_FALSE(node.isOneshot);
+  EXPECT_THAT(node.options, ElementsAre(Pair("backoff", "10s..10s")));
+  EXPECT_THAT(composeOmissions(node),
+              UnorderedElementsAre("availability.restart=on_failure",
+                                   "max_restarts=3"));
+}
+
+TEST(ImportProcessComposeTest, ProbesAreConditions) {
+  EXPECT_THAT(cameraWith("    readiness_probe:\n"
+                         "      exec: {command: check x}\n")
+                  .options,
+              ElementsAre(Pair("ready", "exec:check x")));
+  EXPECT_THAT(
+      cameraWith("    liveness_probe:\n      period_seconds: 5\n"
+                 "      failure_threshold: 2\n"
+                 "      http_get: {port: 80, path: /up}\n")
+          .options,
+      ElementsAre(Pair("probe", "http://127.0.0.1:80/up"),
+                  Pair("probe-period", "5s"), Pair("probe-failures", "2")));
+}
+
+TEST(ImportProcessComposeTest, DependenciesAreTheOrderAndConditions) {
+  const Imported imported = importCompose(
+      "processes:\n"
+      "  a:\n    command: a\n    depends_on:\n"
+      "      b: {condition: process_healthy}\n"
+      "      c: {condition: process_completed}\n"
+      "  b:\n    command: b\n"
+      "    readiness_probe: {http_get: {host: h, port: 1}}\n"
+      "  c: {command: c}\n");
+  std::vector<std::string> names;
+  for (const ImportedNode& node : imported.nodes) names.push_back(node.name);
+  EXPECT_THAT(names, ElementsAre("b", "c", "a"));
+  EXPECT_THAT(imported.nodes[0].options, ElementsAre(Pair("ready", "tcp:h:1")));
+  EXPECT_THAT(imported.nodes[2].options,
+              ElementsAre(Pair("wait-for", "http://h:1/")));
+  EXPECT_THAT(composeOmissions(imported.nodes[2]),
+              ElementsAre("depends_on c=process_completed"));
+}
+
+TEST(ImportProcessComposeTest, ReplicasAreNodes) {
+  const Imported imported =
+      importCompose("processes: {x: {command: y, replicas: 2}}");
+  ASSERT_EQ(imported.nodes.size(), 2U);
+  EXPECT_EQ(imported.nodes[1].name, "x-1");
+}
+
+TEST(ImportProcessComposeTest, OtherKeysAreOmittedWithAReason) {
+  EXPECT_THAT(
+      composeOmissions(
+          cameraWith("    is_daemon: true\n    surprise: [1]\n"
+                     "    shutdown: {signal: 2, timeout_seconds: 10}\n")),
+      ElementsAre("shutdown.signal=2", "is_daemon=true", "surprise=..."));
+}
+
+TEST(ImportProcessComposeTest, AnErrorNamesTheLine) {
+  EXPECT_THAT(composeError("a: [1"), HasSubstr("process-compose.yaml:1: "));
+  EXPECT_THAT(composeError("- a\n"), HasSubstr("process-compose.yaml: no map"));
+  EXPECT_THAT(composeError("a: 1\n"), HasSubstr("no 'processes'"));
+  EXPECT_THAT(composeError("processes:\n  a: 1\n"),
+              HasSubstr(":2: process 'a'"));
+  EXPECT_THAT(composeError("processes:\n  a:\n    x: 1\n"),
+              HasSubstr(":3: process 'a' has no command"));
+  EXPECT_THAT(composeError("processes:\n  a:\n    command: [x]\n"),
+              HasSubstr(":3: command is not a text"));
+}
+
+}  // namespace
+}  // namespace vorn::launch

@@ -1,0 +1,208 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "import/systemd.h"
+
+namespace vorn::launch {
+namespace {
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::Field;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Pair;
+
+SourceText unitText(const std::string& name, const std::string& text) {
+  return SourceText("/lib/" + name + ".service", text);
+}
+
+/// The node of a unit with these lines in [Service].
+ImportedNode serviceWith(const std::string& lines,
+                         const std::string& name = "camera") {
+  return importSystemd({unitText(name, "[Service]\n" + lines)}).nodes.at(0);
+}
+
+/// As serviceWith(), for a service with a program that is always restarted.
+ImportedNode runningWith(const std::string& lines) {
+  return serviceWith("ExecStart=/bin/x\nRestart=always\n" + lines);
+}
+
+std::string unitError(const std::string& text) {
+  try {
+    importSystemd({unitText("camera", text)});
+  } catch (const ImportError& error) {
+    return error.what();
+  }
+  return "";
+}
+
+std::vector<std::string> unitOmissions(const ImportedNode& node) {
+  std::vector<std::string> settings;
+  for (const Omitted& each : node.omitted) settings.push_back(each.setting);
+  return settings;
+}
+
+TEST(ImportSystemdTest, ACommandIsSplitAsBySystemd) {
+  const ImportedNode node = serviceWith(
+      "ExecStart=-/usr/sbin/camera --map 'a b' \"c\\x20d\\\"\" \\\n"
+      "# a comment\n  --rate=5 %% %p $$x\nRestart=always\n");
+  EXPECT_EQ(node.program, "/usr/sbin/camera");
+  EXPECT_THAT(node.arguments, ElementsAre("--map", "a b", "c d\"", "--rate=5",
+                                          "%", "camera", "$x"));
+  EXPECT_THAT(node.options, IsEmpty());
+  EXPECT_THAT(node.omitted, IsEmpty());
+}
+
+TEST(ImportSystemdTest, AVariableInBracesIsExpandedByVornrun) {
+  const ImportedNode node = serviceWith("ExecStart=/bin/x --map=${MAP}\n");
+  EXPECT_THAT(node.arguments, ElementsAre("--map=${MAP}"));
+  EXPECT_THAT(node.options, ElementsAre(Pair("expand", "")));
+}
+
+TEST(ImportSystemdTest, AShellSplitsTheValueOfAVariable) {
+  const ImportedNode node =
+      serviceWith("ExecStart=/usr/sbin/sshd -D $SSHD_OPTS a$$b\n");
+  EXPECT_EQ(node.program, "/bin/sh");
+  EXPECT_THAT(node.arguments,
+              ElementsAre("-c",
+                          "exec \"/usr/sbin/sshd\" \"-D\" $SSHD_OPTS "
+                          "\"a\\$b\""));
+}
+
+TEST(ImportSystemdTest, ThePrefixColonKeepsDollars) {
+  const ImportedNode node = serviceWith("ExecStart=:/bin/x ${A} $$\n");
+  EXPECT_THAT(node.arguments, ElementsAre("${A}", "$$"));
+  EXPECT_THAT(node.options, IsEmpty());
+}
+
+TEST(ImportSystemdTest, IdentityAndEnvironmentAreOptionsAndVariables) {
+  const ImportedNode node = runningWith(
+      "User=robot\nGroup=video\nUMask=027\nWorkingDirectory=-/srv/%p\n"
+      "Environment=\"A=x y\" B=2\nEnvironment=C='3'\n"
+      "EnvironmentFile=-/etc/default/%p\nNoNewPrivileges=yes\n");
+  EXPECT_THAT(node.options,
+              ElementsAre(Pair("user", "robot:video"), Pair("umask", "027"),
+                          Pair("directory", "/srv/camera"),
+                          Pair("env-file", "-/etc/default/camera"),
+                          Pair("no-new-privs", "")));
+  EXPECT_THAT(node.environment,
+              ElementsAre(Pair("A", "x y"), Pair("B", "2"), Pair("C", "3")));
+}
+
+TEST(ImportSystemdTest, LimitsAndSchedulingAreOptions) {
+  EXPECT_THAT(
+      runningWith("LimitNOFILE=1024:4096\nLimitCORE=infinity\nNice=-5\n"
+                  "CPUAffinity=0-1, 3\nCPUSchedulingPolicy=fifo\n"
+                  "CPUSchedulingPriority=20\nIOSchedulingClass=idle\n"
+                  "IOSchedulingPriority=3\nOOMScoreAdjust=-100\n")
+          .options,
+      ElementsAre(Pair("limit", "core=infinity"),
+                  Pair("limit", "nofile=1024:4096"), Pair("nice", "-5"),
+                  Pair("oom-score-adj", "-100"), Pair("cpu-list", "0-1,3"),
+                  Pair("sched", "fifo:20"), Pair("ionice", "idle")));
+}
+
+TEST(ImportSystemdTest, ReadinessAndWatchdogAreOptions) {
+  EXPECT_THAT(runningWith("Type=notify\nWatchdogSec=1min 30s\n").options,
+              ElementsAre(Pair("ready", "notify"), Pair("watchdog", "90s")));
+}
+
+TEST(ImportSystemdTest, AProgramInTheBackgroundIsOmitted) {
+  EXPECT_THAT(unitOmissions(runningWith("Type=forking\nPIDFile=/run/x\n")),
+              ElementsAre("Type=forking", "PIDFile=/run/x"));
+}
+
+TEST(ImportSystemdTest, WithoutRestartTheNodeIsAOneshot) {
+  EXPECT_TRUE(serviceWith("ExecStart=/bin/x\n").isOneshot);
+  EXPECT_TRUE(serviceWith("ExecStart=/bin/x\nType=oneshot\n").isOneshot);
+  EXPECT_FALSE(runningWith("").isOneshot);
+  const ImportedNode node =
+      serviceWith("ExecStart=/bin/x\nRestart=on-failure\n");
+  EXPECT_FALSE(node.isOneshot);
+  EXPECT_THAT(unitOmissions(node), ElementsAre("Restart=on-failure"));
+}
+
+TEST(ImportSystemdTest, DelaysAndLimitsOfRestartsAreOptions) {
+  EXPECT_THAT(
+      runningWith("RestartSec=10\nRestartMaxDelaySec=1min\n"
+                  "StartLimitBurst=3\nStartLimitIntervalSec=120\n")
+          .options,
+      ElementsAre(Pair("backoff", "10s..60s"), Pair("give-up", "3/120s")));
+  EXPECT_THAT(unitOmissions(runningWith("RestartSec=100ms\n")),
+              ElementsAre("RestartSec=100ms"));
+}
+
+TEST(ImportSystemdTest, AnOutputFileIsALogDirectory) {
+  EXPECT_THAT(runningWith("StandardOutput=append:/var/log/x.log\n"
+                          "StandardError=file:/var/log/y.log\n")
+                  .options,
+              ElementsAre(Pair("log-dir", "/var/log/x")));
+}
+
+TEST(ImportSystemdTest, AnEmptyValueRemovesTheEarlierOnes) {
+  const ImportedNode node = serviceWith(
+      "ExecStart=/bin/a\nExecStart=\nExecStart=/bin/b\nRestart=always\n"
+      "Environment=A=1\nEnvironment=\n");
+  EXPECT_EQ(node.program, "/bin/b");
+  EXPECT_THAT(node.environment, IsEmpty());
+}
+
+TEST(ImportSystemdTest, OtherSettingsAreOmittedWithAReason) {
+  const ImportedNode node = runningWith(
+      "ExecStartPre=/bin/mkdir x\nKillMode=mixed\nRuntimeDirectory=x\n"
+      "CapabilityBoundingSet=\nSurprise=1\nX-Own=2\n");
+  EXPECT_THAT(unitOmissions(node),
+              ElementsAre("ExecStartPre=/bin/mkdir x", "KillMode=mixed",
+                          "RuntimeDirectory=x",
+                          "CapabilityBoundingSet=", "Surprise=1"));
+  EXPECT_THAT(node.omitted,
+              Contains(Field(&Omitted::reason, HasSubstr("systemd-tmpfiles"))));
+}
+
+TEST(ImportSystemdTest, UnitsAreInTheOrderOfAfterAndBefore) {
+  const std::string service = "\n[Service]\nExecStart=/bin/x\n";
+  const Imported imported = importSystemd(
+      {unitText("a", "[Unit]\nAfter=b.service c.service" + service),
+       unitText("b", "[Unit]\nAfter=network.target" + service),
+       unitText("c", "[Unit]\nBefore=b.service" + service)});
+  std::vector<std::string> names;
+  for (const ImportedNode& node : imported.nodes) names.push_back(node.name);
+  EXPECT_THAT(names, ElementsAre("c", "b", "a"));
+  EXPECT_THAT(unitOmissions(imported.nodes[1]),
+              ElementsAre("After=network.target"));
+}
+
+TEST(ImportSystemdTest, AUnitThatIsRestartedWithAnotherIsInItsRequired) {
+  const std::string service = "\n[Service]\nExecStart=/bin/x\n";
+  const Imported imported =
+      importSystemd({unitText("a", "[Unit]\nPartOf=b.service" + service),
+                     unitText("b", "[Unit]\nRequires=a.service" + service)});
+  EXPECT_THAT(imported.nodes[1].required, ElementsAre("a"));
+  // A cycle would deadlock the launcher.
+  EXPECT_THAT(imported.nodes[0].required, IsEmpty());
+}
+
+TEST(ImportSystemdTest, SystemctlCatNamesTheUnit) {
+  const SourceText file("<stdin>",
+                        "# /lib/systemd/system/x@1.service\n[Service]\n"
+                        "ExecStart=/bin/x %i\n",
+                        true);
+  const ImportedNode node = importSystemd({file}).nodes.at(0);
+  EXPECT_EQ(node.name, "x@1");
+  EXPECT_THAT(node.arguments, ElementsAre("1"));
+}
+
+TEST(ImportSystemdTest, AnErrorNamesTheLine) {
+  EXPECT_EQ(unitError("[Unit]\nAfter=x\n"),
+            "/lib/camera.service: no section [Service]; only services can be "
+            "imported");
+  EXPECT_THAT(unitError("[Service]\nUser=x\n"), HasSubstr(": no ExecStart"));
+  EXPECT_THAT(unitError("[Service]\nfoo\n"), HasSubstr(":2: expected"));
+  EXPECT_THAT(unitError("[Service]\nExecStart=/x 'y\n"), HasSubstr(":2: a qu"));
+  EXPECT_THAT(unitError("[Service]\nExecStart=/x\nEnvironment=A\n"),
+              HasSubstr(":3: 'A' is not"));
+}
+
+}  // namespace
+}  // namespace vorn::launch
