@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "check/rules.h"
+#include "check/vornrun_command.h"
 
 namespace vorn::launch {
 namespace {
@@ -114,7 +115,7 @@ void checkDaemon(const LaunchFile::Node& node, Diagnostics& diagnostics) {
 void checkDaemons(const LaunchFile& file, Diagnostics& diagnostics) {
   for (const LaunchFile::Node& node : file.nodes) {
     // A oneshot is not restarted after its exit, so it can start a daemon.
-    if (!node.oneshot.value) checkDaemon(node, diagnostics);
+    if (!node.oneshot.value) checkDaemon(wrappedNode(node), diagnostics);
   }
 }
 

@@ -52,6 +52,7 @@ constexpr CheckInfo kChecks[] = {
     {"nul-in-text", kWarning, "a text with a NUL, where it ends"},
     {"disabled-autostart", kWarning, "both disabled and not autostart"},
     {"daemonizes", kWarning, "a program that moves to the background"},
+    {"vornrun-option", kError, "an invalid option of vornrun"},
     // Variables: variable_rules.cpp.
     {"refused-variable", kWarning, "a name that no variable can have"},
     {"node-name-replaced", kWarning, "__VORN_NODE_NAME__ replaced"},
@@ -74,6 +75,10 @@ constexpr CheckInfo kChecks[] = {
     {"not-executable", kWarning, "a program that is not executable"},
     {"wrong-format", kWarning, "a file that this machine cannot execute"},
     {"missing-interpreter", kWarning, "a program without its interpreter"},
+    {"vornrun-file", kWarning, "a file that vornrun cannot read"},
+    {"vornrun-user", kWarning, "a user or group that does not exist"},
+    {"vornrun-privileges", kWarning,
+     "a setuid program, which loses its parent death signal"},
     {"missing-tool", kWarning, "no ps or no grep"},
     {"clone-refused", kWarning, "a refused system call that each stop needs"},
     {"writable-by-others", kWarning, "a file that any user can change"},

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "check/rules.h"
+#include "check/vornrun_command.h"
 #include "output/text.h"
 
 namespace vorn::launch {
@@ -27,6 +28,8 @@ namespace fs = std::filesystem;
 constexpr size_t kReadByKernel = 256;  // of a program, for its "#!" line
 constexpr char kEveryFiveSeconds[] =
     ", so it exits with status 127 and is restarted every 5 s";
+constexpr char kVornrunFails[] =
+    ", so vornrun fails and the node is restarted every 5 s";
 
 /// The reason why a program cannot be executed: a diagnostic without its
 /// location.
@@ -186,21 +189,14 @@ std::optional<ProgramProblem> problemOf(const std::string& program,
   struct stat status {};
   if (::stat(program.c_str(), &status) != 0) {
     const std::string reason = std::strerror(errno);
-    return ProgramProblem{
-        "missing-executable",
-        "cannot be found (" + reason +
-            "): the node is disabled at its first start" +
-            (hasArguments(program)
-                 ? "; write arguments in 'argv', not in 'path'"
-                 : "")};
+    return ProgramProblem{"missing-executable",
+                          "cannot be found (" + reason + ")"};
   }
   if (S_ISDIR(status.st_mode)) {
-    return ProgramProblem{"executable-directory",
-                          std::string("is a directory") + kEveryFiveSeconds};
+    return ProgramProblem{"executable-directory", "is a directory"};
   }
   if (!S_ISREG(status.st_mode) || !mayExecute(program)) {
-    return ProgramProblem{"not-executable",
-                          std::string("is not executable") + kEveryFiveSeconds};
+    return ProgramProblem{"not-executable", "is not executable"};
   }
   const auto beginning = beginningOf(program, kReadByKernel);
   if (!beginning) return std::nullopt;
@@ -214,7 +210,6 @@ std::optional<ProgramProblem> problemOf(const std::string& program,
         "wrong-format",
         "is neither a program nor a script that starts with '#!'"};
   }
-  if (problem) problem->description += kEveryFiveSeconds;
   return problem;
 }
 
@@ -229,6 +224,51 @@ std::string pathFrom(const std::vector<Variable>& variables,
   return value;
 }
 
+/// The result of the problem for a node.
+std::string resultOf(const ProgramProblem& problem,
+                     const std::string& program) {
+  if (problem.check != "missing-executable") return kEveryFiveSeconds;
+  return std::string(": the node is disabled at its first start") +
+         (hasArguments(program) ? "; write arguments in 'argv', not in 'path'"
+                                : "");
+}
+
+/// The program that vornrun executes, with a '/' in it; empty if it is unknown.
+/// A program that is in no directory of `path` is a problem.
+std::string programOfVornrun(const run::RunSettings& settings,
+                             const std::string& path,
+                             std::optional<ProgramProblem>& problem) {
+  if (settings.program.empty()) return "";
+  const std::string& program = settings.program[0];
+  const bool is_variable =
+      settings.expandsVariables && program.find('$') != std::string::npos;
+  if (is_variable) return "";
+  if (program.find('/') == std::string::npos) {
+    if (!isInPath(program, path)) {
+      problem = ProgramProblem{"missing-executable",
+                               "is not in any directory of PATH"};
+    }
+    return "";
+  }
+  const bool is_relative = program[0] != '/' && !settings.directory.empty();
+  return is_relative ? settings.directory + "/" + program : program;
+}
+
+/// Checks the program that vornrun executes for a node. `path` is its PATH.
+void checkWrapped(const LaunchFile::Node& node, const std::string& path,
+                  Diagnostics& diagnostics) {
+  const run::RunArguments parsed = parseVornrun(node, true).parsed;
+  if (!parsed.errors.empty()) return;
+  std::optional<ProgramProblem> problem;
+  const std::string program = programOfVornrun(parsed.settings, path, problem);
+  if (!program.empty()) problem = problemOf(program, path);
+  if (!problem) return;
+  const std::string& name = parsed.settings.program[0];
+  diagnostics.add(problem->check, argumentWith(node, name),
+                  "'" + name + "' of node '" + node.name.value + "' " +
+                      problem->description + kVornrunFails);
+}
+
 void checkPrograms(const LaunchFile& file, const std::string& path,
                    Diagnostics& diagnostics) {
   std::map<std::pair<std::string, std::string>, std::optional<ProgramProblem>>
@@ -237,12 +277,14 @@ void checkPrograms(const LaunchFile& file, const std::string& path,
     if (!node.hasPath) continue;
     const std::string program = untilNul(node.executable);
     const std::string node_path = pathFrom(node.environment, path);
+    if (runsVornrun(node)) checkWrapped(node, node_path, diagnostics);
     const auto [entry, is_new] = known.try_emplace({program, node_path});
     if (is_new) entry->second = problemOf(program, node_path);
     if (!entry->second) continue;
     diagnostics.add(entry->second->check, node.path.location,
                     "'" + program + "' of node '" + node.name.value + "' " +
-                        entry->second->description);
+                        entry->second->description +
+                        resultOf(*entry->second, program));
   }
 }
 
@@ -329,6 +371,7 @@ void checkHost(const SourceText& document, const LaunchFile& file,
   const std::string path = pathFrom(
       file.environment, own_path == nullptr ? "/bin:/usr/bin" : own_path);
   checkPrograms(file, path, diagnostics);
+  checkVornrunHost(file, diagnostics);
   checkTools(file, path, diagnostics);
   checkClone(diagnostics);
   checkRights(document, file, diagnostics);

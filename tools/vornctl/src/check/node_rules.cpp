@@ -4,6 +4,7 @@
 #include <string>
 
 #include "check/rules.h"
+#include "check/vornrun_command.h"
 #include "launchfile/required_graph.h"
 
 namespace vorn::launch {
@@ -137,8 +138,9 @@ std::string shellPartOfArgument(const std::string& argument) {
   return is_glob ? argument.substr(glob, 1) : "";
 }
 
+/// `is_expanded` says that vornrun expands variables.
 void checkArgument(const LaunchFile::Node& node, const Text& argument,
-                   Diagnostics& diagnostics) {
+                   bool is_expanded, Diagnostics& diagnostics) {
   const std::string subject =
       "argument '" + argument.value + "' of " + named(node);
   const char first = argument.value.front();
@@ -150,7 +152,7 @@ void checkArgument(const LaunchFile::Node& node, const Text& argument,
                         "space, and quotes are not removed");
   }
   if (const std::string part = shellPartOfArgument(argument.value);
-      !part.empty()) {
+      !part.empty() && !(is_expanded && part == "$")) {
     diagnostics.add(
         "shell-in-argv", argument.location,
         subject + " is passed as written; no shell expands its '" + part + "'");
@@ -228,8 +230,11 @@ void checkNodes(const LaunchFile& file, Diagnostics& diagnostics) {
   for (const LaunchFile::Node& node : file.nodes) {
     checkName(node, diagnostics);
     checkPath(file, node, diagnostics);
+    const bool is_expanded =
+        runsVornrun(node) &&
+        parseVornrun(node, false).parsed.settings.expandsVariables;
     for (const Text& argument : node.arguments) {
-      checkArgument(node, argument, diagnostics);
+      checkArgument(node, argument, is_expanded, diagnostics);
     }
     checkTexts(node, diagnostics);
     checkSleep(node, diagnostics);

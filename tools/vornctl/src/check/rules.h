@@ -18,6 +18,12 @@ void checkNodes(const LaunchFile& file, Diagnostics& diagnostics);
 /// Programs that do not stay in the foreground.
 void checkDaemons(const LaunchFile& file, Diagnostics& diagnostics);
 
+/// The options of vornrun, without the files that they name.
+void checkVornrun(const LaunchFile& file, Diagnostics& diagnostics);
+
+/// The files and users in the options of vornrun.
+void checkVornrunHost(const LaunchFile& file, Diagnostics& diagnostics);
+
 /// Variables, and install:// in all texts.
 void checkEnvironment(const LaunchFile& file, Diagnostics& diagnostics);
 

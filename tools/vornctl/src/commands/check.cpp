@@ -152,6 +152,7 @@ Diagnostics diagnose(const SourceText& document, const LaunchFile& file,
   checkDocument(file, diagnostics);
   checkNodes(file, diagnostics);
   checkDaemons(file, diagnostics);
+  checkVornrun(file, diagnostics);
   checkEnvironment(file, diagnostics);
   checkRequired(file, diagnostics);
   const bool is_file = !document.isStandardInput();
