@@ -217,6 +217,20 @@ TEST_F(LogHistoryTest, AOneshotIsTheOperatorsAfterAStopCommand) {
   EXPECT_EQ(found.cause, Cause::OPERATOR);
 }
 
+TEST_F(LogHistoryTest, AOneshotThatExitsWithTheStoppedNodeIsNotTheOperators) {
+  startUp({"a", "b"});
+  (void)events();
+  command(1);
+  exit("a", CLD_EXITED, 1, "' disabled - oneshot!");
+  nextExit(101, CLD_KILLED, SIGTERM);
+  lineNow("'b' receive signal: 15.");
+  lineNow("Node 'b' stoped");
+  const auto all = events();
+  ASSERT_EQ(all.size(), 2U);
+  EXPECT_EQ(all[0].cause, Cause::ITSELF);
+  EXPECT_EQ(all[1].cause, Cause::OPERATOR);
+}
+
 TEST_F(LogHistoryTest, ARequiredOneshotIsStoppedAndRefused) {
   startUp({"a"});
   (void)events();

@@ -84,22 +84,6 @@ bool looksStopped(const HistoryEvent& exit, int64_t command_us) {
 
 }  // namespace
 
-bool HistoryEvent::isSignal() const {
-  return code == CLD_KILLED || code == CLD_DUMPED;
-}
-
-bool HistoryEvent::isCoreDumped() const { return code == CLD_DUMPED; }
-
-bool HistoryEvent::isForced() const {
-  return isSignal() && status == SIGKILL &&
-         (cause == Cause::OPERATOR || cause == Cause::REQUIRED);
-}
-
-bool HistoryEvent::isFailure() const {
-  return kind == Kind::EXITED && cause == Cause::ITSELF &&
-         (isSignal() || status != 0);
-}
-
 LogHistory::LogHistory(Receiver receiver, Executables executables)
     : receiver_(std::move(receiver)), executables_(std::move(executables)) {}
 
@@ -123,6 +107,7 @@ void LogHistory::finish() {
   for (Launcher& launcher : launchers_) {
     settlePending(launcher, "");
     settleExit(launcher);
+    releaseHeld(launcher);
   }
 }
 
@@ -153,6 +138,7 @@ void LogHistory::addLine(Launcher& launcher, const LogLine& line) {
     return;
   }
   settleExit(launcher);
+  releaseHeld(launcher);
   if (launcher.isInExits) launcher.isStopLast = launcher.isStopBefore = false;
   launcher.isInExits = false;
   if (addControlLine(launcher, line.text)) return;
@@ -199,6 +185,7 @@ bool LogHistory::addReapLine(Launcher& launcher, std::string_view text) {
   launcher.exit->isOneshot = is_oneshot;
   NodeState& node = stateOf(launcher, *name);
   Cause cause = node.run.stopCause;
+  bool is_unsure = false;
   const bool is_stop = (launcher.isStopBefore || launcher.isStopLast) &&
                        looksStopped(*launcher.exit, launcher.commandUs);
   if (restarts) {
@@ -206,9 +193,14 @@ bool LogHistory::addReapLine(Launcher& launcher, std::string_view text) {
   } else if (cause == Cause::UNKNOWN) {
     const bool can_be_its_own = is_oneshot || node.isStopRefused;
     cause = is_stop || !can_be_its_own ? Cause::OPERATOR : Cause::ITSELF;
+    is_unsure = is_stop && can_be_its_own;
+    const bool has_stop_left = launcher.isStopBefore || launcher.isStopLast;
+    if (!can_be_its_own && !has_stop_left && !launcher.held.empty()) {
+      launcher.held.front().cause = Cause::ITSELF;
+    }
   }
   if (cause == Cause::OPERATOR) forgetStop(launcher);
-  reportExit(launcher, node.run, cause);
+  reportExit(launcher, node.run, cause, is_unsure);
   node = NodeState();
   node.isKnown = true;
   node.waitsForRestart = restarts;
@@ -382,19 +374,32 @@ void LogHistory::settleExit(Launcher& launcher) {
   }
 }
 
-void LogHistory::reportExit(Launcher& launcher, const Run& run, Cause cause) {
+void LogHistory::reportExit(Launcher& launcher, const Run& run, Cause cause,
+                            bool is_unsure) {
   HistoryEvent exit = *std::exchange(launcher.exit, std::nullopt);
   exit.cause = cause;
   if (run.startUs != 0 && exit.timeUs >= run.startUs) {
     exit.runUs = exit.timeUs - run.startUs;
   }
   exit.isExecutionFailed = execution_failed_.erase(exit.pid) != 0;
-  receiver_(exit);
+  if (launcher.held.size() >= kMaxChildren) releaseHeld(launcher);
+  if (is_unsure || !launcher.held.empty()) {
+    launcher.held.push_back(exit);
+  } else {
+    receiver_(exit);
+  }
+}
+
+void LogHistory::releaseHeld(Launcher& launcher) {
+  for (const HistoryEvent& exit : std::exchange(launcher.held, {})) {
+    receiver_(exit);
+  }
 }
 
 void LogHistory::endLauncher(Launcher& launcher) {
   settlePending(launcher, "");
   settleExit(launcher);
+  releaseHeld(launcher);
   for (auto& [name, node] : launcher.nodes) replaceRun(launcher, node);
   for (const auto& [number, run] : launcher.replaced) {
     receiver_(eventOf(launcher, Kind::LOST, run.node));
