@@ -6,10 +6,11 @@ root=$(dirname -- "$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")")
 source "$root/scripts/common.sh"
 cd -- "$root"
 
-all_targets=(launch_file control_request log_text install_root log_file)
+all_targets=(launch_file control_request log_text install_root log_file
+  run_settings)
 declare -A longest=(  # the length of an input in bytes
   [launch_file]=4096 [control_request]=1072 [log_text]=2048 [install_root]=512
-  [log_file]=4096)
+  [log_file]=4096 [run_settings]=1024)
 
 usage() {
   cat <<TEXT
@@ -31,6 +32,8 @@ all of them):
                    expansion must end and leave no "install://"
   log_file         a file of any content as the log that vornctl reads; the
                    records from a point in time must be those of the file
+  run_settings     files and command lines of any content as the settings of
+                   vornrun; a valid text in quotes must have the same meaning
 
   --minutes N   how long each is run (default: 60)
   --merge       add to fuzz/seeds what this and earlier runs have come up with

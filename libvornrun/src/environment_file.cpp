@@ -5,10 +5,8 @@
 namespace vorn::run {
 namespace {
 
-bool isNameCharacter(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' ||
-         (c >= '0' && c <= '9');
-}
+constexpr char kNameCharacters[] =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
 
 bool isFileBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 
@@ -138,10 +136,7 @@ class EnvironmentFileReader {
 
 bool isVariableName(std::string_view name) {
   if (name.empty() || (name[0] >= '0' && name[0] <= '9')) return false;
-  for (const char c : name) {
-    if (!isNameCharacter(c)) return false;
-  }
-  return true;
+  return name.find_first_not_of(kNameCharacters) == std::string_view::npos;
 }
 
 EnvironmentFile parseEnvironmentFile(std::string_view text) {

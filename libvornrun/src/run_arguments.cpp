@@ -180,7 +180,8 @@ std::vector<RunError> parseRunConfig(std::string_view text,
     const std::string reason =
         value ? setFromConfig(settings, name, *value, program, arguments)
               : "the double quotes are not one closed pair";
-    if (!reason.empty()) errors.push_back({place + ": " + name, reason});
+    if (reason.empty()) continue;
+    errors.push_back({std::string(place).append(": ").append(name), reason});
   }
   if (!program && !arguments.empty()) {
     errors.push_back({file, "'arg' without 'exec'"});

@@ -142,6 +142,12 @@ const std::vector<RunOption>& identityOptions() {
          s.clearEnvironment = true;
          return std::string();
        }},
+  };
+  return options;
+}
+
+const std::vector<RunOption>& processOptions() {
+  static const std::vector<RunOption> options = {
       {"limit", "NAME=SOFT[:HARD]",
        "Set a resource limit, as prlimit(1) (repeatable)",
        [](S& s, V& v) {
@@ -300,8 +306,9 @@ std::string helpLine(const std::string& left, const char* help) {
 const std::vector<RunOption>& runOptions() {
   static const std::vector<RunOption> options = [] {
     std::vector<RunOption> all;
-    for (const auto* group : {&identityOptions(), &logOptions(),
-                              &healthOptions(), &restartOptions()}) {
+    for (const auto* group :
+         {&identityOptions(), &processOptions(), &logOptions(),
+          &healthOptions(), &restartOptions()}) {
       all.insert(all.end(), group->begin(), group->end());
     }
     return all;

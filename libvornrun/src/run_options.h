@@ -10,12 +10,12 @@ namespace vorn::run {
 
 /// An option of vornrun that sets a member of RunSettings.
 struct RunOption {
-  const char* name;         // without the dashes
-  const char* placeholder;  // of its value in the help; nullptr for a flag
-  const char* help;
+  const char* name = nullptr;         // without the dashes
+  const char* placeholder = nullptr;  // of its value in the help; nullptr: flag
+  const char* help = nullptr;
   /// Stores the value (empty for a flag). Returns the reason if the value is
   /// invalid, otherwise an empty text.
-  std::string (*set)(RunSettings& settings, const std::string& value);
+  std::string (*set)(RunSettings& settings, const std::string& value) = nullptr;
   const char* heading = nullptr;  // of the group in the help that starts here
 };
 

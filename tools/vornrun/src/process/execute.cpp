@@ -42,7 +42,7 @@ std::optional<std::string> findProgram(const std::string& name,
     const size_t end = path.find(':', begin);
     std::string directory = path.substr(begin, end - begin);
     if (directory.empty()) directory = ".";
-    const std::string candidate = directory + "/" + name;
+    const std::string candidate = directory.append("/").append(name);
     if (!name.empty() && isExecutableFile(candidate)) return candidate;
     if (end == std::string::npos) return std::nullopt;
     begin = end + 1;

@@ -46,8 +46,7 @@ std::string writeStateFile(const std::string& path, const std::string& text) {
       ::rename(temporary.c_str(), path.c_str()) == 0) {
     return "";
   }
-  const std::string reason =
-      "cannot write " + path + ": " + std::strerror(errno);
+  std::string reason = "cannot write " + path + ": " + std::strerror(errno);
   (void)::unlink(temporary.c_str());
   return reason;
 }
