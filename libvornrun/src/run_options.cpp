@@ -103,9 +103,11 @@ std::string setProbe(RunSettings& settings, const std::string& value) {
 std::string setReady(RunSettings& settings, const std::string& value) {
   return store(
       settings.ready,
-      parseOneOf(value,
-                 {Kind::NOTIFY, Kind::FD, Kind::TCP, Kind::UNIX, Kind::EXEC}),
-      value, "notify, fd:N, tcp:HOST:PORT, unix:/PATH or exec:COMMAND");
+      parseOneOf(value, {Kind::NOTIFY, Kind::FD, Kind::PATH, Kind::TCP,
+                         Kind::UNIX, Kind::EXEC, Kind::HTTP}),
+      value,
+      "notify, fd:N, path:/PATH, tcp:HOST:PORT, unix:/PATH, exec:COMMAND or "
+      "http://...");
 }
 
 std::string addWaitFor(RunSettings& settings, const std::string& value) {
@@ -241,8 +243,8 @@ const std::vector<RunOption>& healthOptions() {
        addWaitFor, "Readiness and health"},
       {"wait-timeout", "TIME", "Fail if the conditions do not hold after TIME",
        [](S& s, V& v) { return storeDuration(s.waitTimeout, v); }},
-      {"ready", "CONDITION",
-       "Ready when: notify, fd:N, tcp:, unix:, exec:", setReady},
+      {"ready", "CONDITION", "Ready when it holds, or with notify or fd:N",
+       setReady},
       {"watchdog", "TIME", "Stop the program without WATCHDOG=1 for TIME",
        [](S& s, V& v) { return storeDuration(s.watchdog, v); }},
       {"watchdog-signal", "SIGNAL", "Send SIGNAL first (default: TERM)",

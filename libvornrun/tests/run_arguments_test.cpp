@@ -86,7 +86,7 @@ TEST(RunArguments, DescriptorsAreClosedUnlessTheyAreKept) {
 TEST(RunArguments, EachKindOfConditionIsForSomeOptions) {
   EXPECT_THAT(errorsIn({"--probe", "notify", "x"}),
               ElementsAre(HasSubstr("--probe: 'notify' is not exec:")));
-  EXPECT_THAT(errorsIn({"--ready", "path:/x", "x"}), testing::SizeIs(1));
+  EXPECT_THAT(errorsIn({"--ready", "file:/x", "x"}), testing::SizeIs(1));
   EXPECT_THAT(errorsIn({"--wait-for", "fd:3", "x"}), testing::SizeIs(1));
 }
 

@@ -260,20 +260,20 @@ void LogDirectory::prune() const {
 }
 
 void LogDirectory::compressOldest() {
-  if (!settings_.compresses || !canCompress_ || compressor_.isRunning()) return;
-  std::string oldest;
+  if (!settings_.compresses || compressor_.isRunning()) return;
   uint64_t number = UINT64_MAX;
+  compressed_.clear();
   forEachRotatedFile(directory_, [&](const char* name, RotatedFile file) {
     if (file.isCompressed || file.number >= number) return;
     number = file.number;
-    oldest = name;
+    compressed_ = name;
   });
-  if (oldest.empty()) return;
+  if (compressed_.empty()) return;
   ChildProcess::Options options;
   options.directory = settings_.path;
   options.isBackground = true;
   options.deathSignal = SIGTERM;  // gzip then removes the incomplete file
-  (void)compressor_.start({"gzip", "-f", "--", oldest}, options);
+  (void)compressor_.start({"gzip", "-f", "--", compressed_}, options);
 }
 
 void LogDirectory::addPolls(PollSet& polls) const {
@@ -287,8 +287,10 @@ int64_t LogDirectory::deadline() const {
 void LogDirectory::proceed(const PollSet& polls, int64_t nowMs) {
   if (polls.hasEvent(compressor_.descriptor()) && compressor_.isFinished()) {
     // Without gzip, or on a full disk, files stay as they are until the next
-    // rotation.
-    if (compressor_.waitStatus() == 0) compressOldest();
+    // rotation. A file may have been removed to make room.
+    if (compressor_.waitStatus() == 0 ||
+        ::faccessat(directory_, compressed_.c_str(), F_OK, 0) != 0)
+      compressOldest();
   }
   if (unreported_ > 0 && nowMs >= retryAtMs_ && isUsable()) (void)writeNotice();
   if (retryAtMs_ <= nowMs) retryAtMs_ = nowMs + kRetryMs;

@@ -57,8 +57,8 @@ class LogDirectory : public LogSink {
   uint64_t unreported_ = 0;  // dropped bytes without a notice yet
   int error_ = 0;            // the reason, an errno
   int64_t retryAtMs_ = 0;
-  bool canCompress_ = true;
   ChildProcess compressor_;
+  std::string compressed_;  // the file of the compressor
 };
 
 }  // namespace vorn::run

@@ -40,13 +40,13 @@ size_t LogReader::read(const LogSinks& sinks, int64_t nowMs, size_t most) {
   held_ = used_;
   partialSinceMs_ = nowMs;
   size_t whole = used_;
-  if (holdsPartialLines_ && used_ < size_) {
-    const void* end = ::memrchr(data_.get(), '\n', used_);
-    whole =
-        end == nullptr
-            ? 0
-            : static_cast<size_t>(static_cast<const char*>(end) - data_.get()) +
-                  1;
+  if (holdsPartialLines_) {
+    const size_t end = std::string_view(data_.get(), used_).rfind('\n');
+    if (end != std::string_view::npos) {
+      whole = end + 1;
+    } else if (used_ < size_) {
+      whole = 0;
+    }
   }
   if (whole > 0) handOn(sinks, whole);
   return static_cast<size_t>(count);

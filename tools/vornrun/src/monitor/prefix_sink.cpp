@@ -28,7 +28,9 @@ void PrefixSink::write(Stream stream, std::string_view text) {
 }
 
 void PrefixSink::writeLine(std::string_view line) {
-  const std::string_view end = line.back() == '\n' ? "" : "\n";
+  // Without a prefix, the text stays as it is.
+  const bool isCut = line.back() != '\n' && !prefix_.empty();
+  const std::string_view end = isCut ? "\n" : "";
   if (appendNotice() && queue_.append({prefix_, line, end})) return;
   flush();
   if (appendNotice() && queue_.append({prefix_, line, end})) return;
