@@ -52,8 +52,10 @@ class Driver:
     """A launcher in a machine of its own. Its methods have the names of the model's;
     each gets the model before the step."""
 
-    def __init__(self, tmp, program, library, nodes, patience=PATIENCE):
+    def __init__(self, tmp, program, library, nodes, patience=PATIENCE,
+                 is_wrapped=False):
         self.patience = patience
+        self.is_wrapped = is_wrapped
         self.machine = Machine(tmp, program)
         self.pids = {}  # of every process of the model so far
         self.log_position = 0
@@ -64,7 +66,15 @@ class Driver:
         with open(tmp / "system", "r+b") as file:
             self.system = mmap.mmap(file.fileno(), mmap.PAGESIZE)
         for key in nodes:
-            self.machine.script(key, NODE)
+            self._write_node(key)
+
+    def _write_node(self, key):
+        body = NODE
+        if self.is_wrapped:
+            program = self.machine.script(f"wrapped/{key}", NODE)
+            node = self.machine.wrapped("--nice 1", program)
+            body = f"exec {node['path']} {node['argv']}"
+        self.machine.script(key, body)
 
     def start(self, nodes, model):
         self._set_system(model)
@@ -120,7 +130,7 @@ class Driver:
         if what == "gone":
             path.unlink(missing_ok=True)
         else:
-            self.machine.script(key, NODE)
+            self._write_node(key)
             path.chmod(0o755 if what == "runs" else 0o644)
 
     def passes(self, model, milliseconds):
@@ -203,7 +213,7 @@ class Driver:
             elif argv == OFFSPRING:
                 table[pid] = "offspring"
             elif argv[:-1] == ["/bin/sh"] and argv[-1].startswith("/tmp/bin/"):
-                table[pid] = argv[-1].removeprefix("/tmp/bin/")
+                table[pid] = os.path.basename(argv[-1])
             else:
                 table[pid] = " ".join(argv)
         return table
@@ -341,12 +351,12 @@ def launch_file(nodes):
     return '{"vornnode": {' + ", ".join(entries) + "}}"
 
 
-def play(directory, program, library, nodes, steps, patience=PATIENCE):
-    """Runs the steps on a launcher and compares it with the model after each. Returns
-    the model."""
+def play(directory, program, library, nodes, steps, **options):
+    """Runs the steps on a launcher and compares it with the model after each. The
+    options are those of Driver. Returns the model."""
     model = state_model.Model(nodes)
     directory.mkdir()
-    driver = Driver(directory, program, library, nodes, patience)
+    driver = Driver(directory, program, library, nodes, **options)
     done = []
     try:
         driver.start(nodes, model)

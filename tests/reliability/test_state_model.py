@@ -17,6 +17,7 @@ from state_stories import stories
 # A seed gives the same stories in every run.
 SHORT_SEEDS = range(8)
 SHORT_STORIES = 13
+WRAPPED_STORIES = 8  # whose nodes are executed by vornrun
 LONG_SEEDS = range(1000, 1018)
 LONG_STORIES = 30
 
@@ -283,7 +284,7 @@ class Player:
             model = play(directory, self.program, self.library, nodes, steps,
                          **self.options)
         except AssertionError:
-            self.options = {"patience": self.SHORT_PATIENCE}
+            self.options["patience"] = self.SHORT_PATIENCE
             raise
         shutil.rmtree(directory)
         self.figures.add(model, steps)
@@ -300,6 +301,11 @@ def imagine(figures, nodes, steps):
 @pytest.mark.parametrize("story", KEPT)
 def test_a_kept_story_agrees_with_the_model(player, story):
     player.play(*KEPT[story])
+
+
+def test_random_stories_with_vornrun_agree_with_the_model(player, is_long):
+    player.options["is_wrapped"] = True
+    for_each_story(0, LONG_STORIES if is_long else WRAPPED_STORIES, player.play)
 
 
 @pytest.mark.parametrize("seed", SHORT_SEEDS)
