@@ -18,7 +18,7 @@ perf.
 
   --quick          fewer rounds and nodes, within 2 minutes
   --only NAME      one measurement: start, memory, idle, status, deaths, stops,
-                   load, queries, pieces, instructions; may be repeated
+                   load, queries, wrapper, pieces, instructions; may be repeated
   --output DIR     for results.json and plot.svg (default: build/bench)
   -h, --help       print this text
 TEXT
@@ -44,7 +44,7 @@ done
 measurements=()
 for name in "${only[@]}"; do
   case $name in
-    start | memory | idle | status | deaths | stops | load | queries)
+    start | memory | idle | status | deaths | stops | load | queries | wrapper)
       measurements+=(--only "$name")
       ;;
     pieces | instructions) ;;

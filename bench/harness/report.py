@@ -113,9 +113,15 @@ def _queries(found):
             + _table(("", "processor, ms", "duration, ms"), rows))
 
 
+def _wrapper(found):
+    rows = [(name, *(_range(one[kind], 1e3) for kind in one))
+            for name, one in found.items()]
+    return "\n" + _table(("", "processor, ms", "duration, ms"), rows)
+
+
 _FORMS = {"start": _start, "memory": _memory, "idle": _idle, "status": _status,
           "deaths": _deaths, "stops": _stops, "load": _load,
-          "queries": _queries}
+          "queries": _queries, "wrapper": _wrapper}
 
 
 def text(name, found):
