@@ -8,7 +8,7 @@ from harness.figures import Table, summary
 
 ROUNDS, QUICK_ROUNDS = 1000, 100
 PROGRAM = "/bin/true"
-NOBODY = "65534"
+USER_ID = "65534"
 
 
 def subjects(build):
@@ -16,15 +16,15 @@ def subjects(build):
     return {
         "the program": [PROGRAM],
         "vornrun": [
-            str(build / "bin/vornrun"), "--user", f"{NOBODY}:{NOBODY}", "--limit",
+            str(build / "bin/vornrun"), "--user", f"{USER_ID}:{USER_ID}", "--limit",
             "nofile=256", "--nice", "1", "--directory", "/", "--", PROGRAM],
-        "setpriv": ["/usr/bin/setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}",
+        "setpriv": ["/usr/bin/setpriv", f"--reuid={USER_ID}", f"--regid={USER_ID}",
                     "--clear-groups", PROGRAM],
-        "chpst": ["/usr/bin/chpst", "-u", "nobody", "-o", "256", "-n", "1", PROGRAM],
+        "chpst": ["/usr/bin/chpst", "-u", f":{USER_ID}:{USER_ID}", "-o", "256", "-n", "1", PROGRAM],
         "s6-softlimit": ["/usr/bin/s6-softlimit", "-o", "256", PROGRAM],
         "env, nice, prlimit and setpriv": [
             "/usr/bin/env", "-C", "/", "nice", "-n", "1", "prlimit", "--nofile=256",
-            "setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups",
+            "setpriv", f"--reuid={USER_ID}", f"--regid={USER_ID}", "--clear-groups",
             PROGRAM],
     }
 
