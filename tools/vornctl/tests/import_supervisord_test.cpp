@@ -82,8 +82,9 @@ TEST(ImportSupervisordTest, QuotedVariablesCanHaveCommas) {
 }
 
 TEST(ImportSupervisordTest, AVariableInTheCommandIsExpandedByVornrun) {
-  const ImportedNode node = programWith("command=/bin/x %(ENV_MAP)s 100%%\n");
-  EXPECT_THAT(node.arguments, ElementsAre("${MAP}", "100%"));
+  const ImportedNode node =
+      programWith("command=/bin/x %(ENV_MAP)s 100%% $A\n");
+  EXPECT_THAT(node.arguments, ElementsAre("${MAP}", "100%", "$$A"));
   EXPECT_THAT(node.options, ElementsAre(Pair("expand", "")));
 }
 

@@ -128,9 +128,12 @@ class Expansion {
   ExpandedValue expand(const IniEntry& entry) const {
     ExpandedValue result;
     const std::string& text = entry.value;
+    const bool has_variables = text.find("%(ENV_") != std::string::npos;
     for (size_t i = 0; i < text.size(); ++i) {
       if (text[i] != '%') {
         result.text += text[i];
+        // vornrun expands variables if there are any.
+        if (text[i] == '$' && has_variables) result.text += '$';
       } else if (text.compare(i, 2, "%%") == 0) {
         result.text += text[i++];
       } else {

@@ -325,26 +325,14 @@ void UnitImporter::addCommand() {
   }
 }
 
-/// The arguments with the variables of systemd.
-struct CommandVariables {
-  bool hasVariables = false;
-  bool needsShell = false;  // to split a value at blanks, or for a '$'
-};
-
-CommandVariables variablesIn(const std::vector<std::string>& words) {
-  CommandVariables found;
-  for (const std::string& word : words) {
-    for (size_t i = 0; i + 1 < word.size(); ++i) {
-      if (word[i] != '$') continue;
-      const bool is_name = isNameCharacter(word[i + 1]);
-      found.hasVariables = found.hasVariables || is_name || word[i + 1] == '{';
-      found.needsShell =
-          found.needsShell || word[i + 1] == '$' || (is_name && i == 0);
-      ++i;
-    }
+/// Whether a word contains a variable, which systemd expands.
+bool hasVariable(const std::string& word) {
+  for (size_t i = 0; i + 1 < word.size(); ++i) {
+    if (word[i] != '$') continue;
+    if (isNameCharacter(word[i + 1]) || word[i + 1] == '{') return true;
+    ++i;
   }
-  found.needsShell = found.needsShell && found.hasVariables;
-  return found;
+  return false;
 }
 
 /// The word for a shell: "$NAME" is split there as well, "${NAME}" is not, and
@@ -391,14 +379,10 @@ void UnitImporter::addWords(const IniEntry& entry,
     node_.omit("ExecStart", entry.value,
                "'+' and '!': the program gets the user of the other settings");
   }
-  const CommandVariables variables =
-      has(':') ? CommandVariables{} : variablesIn(words);
-  if (variables.needsShell) {
+  if (!has(':') && std::any_of(words.begin(), words.end(), hasVariable)) {
     std::string command = "exec";
     for (const std::string& word : words) command += " " + shellWord(word);
     words = {"/bin/sh", "-c", command};
-  } else if (variables.hasVariables) {
-    node_.options.emplace_back("expand", "");
   } else if (!has(':')) {
     std::transform(words.begin(), words.end(), words.begin(),
                    withSingleDollars);
