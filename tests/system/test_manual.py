@@ -198,7 +198,7 @@ def test_the_help_lists_the_values_of_options(help_of):
                   ["--format", "dot", "mermaid", "svg"],
                   ["--format", "prometheus", "openmetrics"],
                   ["--format", "plain", "json", "nagios"],
-                  ["--state", "running", "stopped", "disabled", "restarted"]):
+                  ["--state", "running", "ready", "stopped", "disabled", "restarted"]):
         text = help_of() + help_of("check") + help_of("graph") + help_of("wait")
         text += help_of("metrics") + help_of("health")
         assert f"  {words[0]} {'|'.join(words[1:])}" in text
@@ -208,7 +208,7 @@ def test_the_help_of_status_describes_each_column(help_of):
     block = help_of("status").split("Columns:\n")[1].split("\n\n")[0]
     assert re.findall(r"^  (\w+) +\w.*$", block, re.M) == [
         "node", "state", "pid", "uptime", "started", "policy", "required", "executable",
-        "restarts", "last_exit", "cpu", "memory", "stale"]
+        "restarts", "last_exit", "cpu", "memory", "stale", "ready"]
 
 
 def test_each_command_has_two_examples_that_can_be_typed(help_of, machine):

@@ -133,7 +133,7 @@ def test_json_contains_the_launcher_and_every_node(robot):
             "pid": camera.pid, "startSeconds": camera.start_seconds,
             "restartInSeconds": None,
             "failed": False, "crashLoop": False, "restarts": 0, "lastExit": None,
-            "stale": False,
+            "stale": False, "run": None,
             "policy": {"oneshot": False, "autostart": True, "disabled": False},
             "required": ["lidar"], "executable": "/tmp/bin/stay"}],
     }

@@ -261,3 +261,25 @@ def test_monitor_exits_with_its_reader(robot):
         client.popen.wait(timeout=60)
         # By SIGPIPE, which nsenter passes on.
         assert client.popen.returncode in (-signal.SIGPIPE, 128 + signal.SIGPIPE)
+
+
+# -- The state file of vornrun.
+
+
+def test_a_node_is_ready_when_vornrun_says_so(machine):
+    check = machine.script("check", "test -e /tmp/go")
+    machine.start({"vornnode": {"camera": machine.wrapped(
+        f"--state-dir /tmp/run --ready exec:{check}",
+        machine.script("stay", "exec sleep 1000"))}})
+    shown = ["status", "--plain", "--no-header", "-o", "state,ready"]
+    eventually(lambda: machine.vornctl(*shown).stdout == "running\tstarting\n",
+               "the node starts")
+    early = machine.vornctl("wait", "camera", "--state", "ready", "--timeout", "100ms")
+    assert early.returncode == 6
+    assert early.stderr.endswith(": camera is starting\n")
+    machine.file("go", "")
+    assert machine.vornctl("wait", "camera", "--state", "ready").returncode == 0
+    assert machine.vornctl(*shown).stdout == "running\tready\n"
+    assert "Phase:  ready since " in machine.vornctl("why", "camera").stdout
+    node = json.loads(machine.vornctl("status", "--json").stdout)["nodes"][0]
+    assert node["run"]["ready"] is True

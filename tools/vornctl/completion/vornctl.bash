@@ -101,7 +101,7 @@ _vornctl_offer_value() {
     --launch-file | --log | --output | --socket) compopt -o default ;;
     --color) _vornctl_offer "$current" "$kept" auto always never ;;
     --state)
-      _vornctl_offer "$current" "$kept" running stopped disabled restarted succeeded
+      _vornctl_offer "$current" "$kept" running ready stopped disabled restarted succeeded
       ;;
     --fail-on) _vornctl_offer "$current" "$kept" error warning note ;;
     --print) _vornctl_offer "$current" "$kept" resolved timeline stop-timeout ;;
@@ -119,7 +119,7 @@ _vornctl_offer_value() {
         return
       fi
       local columns=(node state pid uptime started policy required executable
-        restarts last_exit cpu memory stale wide)
+        restarts last_exit cpu memory stale ready wide)
       local before=${current%"${current##*,}"}
       _vornctl_offer "$current" "$kept" "${columns[@]/#/"$before"}"
       compopt -o nospace

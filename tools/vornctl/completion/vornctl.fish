@@ -71,7 +71,7 @@ complete -c vornctl -n '__fish_seen_subcommand_from status monitor history ps or
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l plain -d 'Print tabs between columns'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l no-header -d 'Omit the column titles'
 complete -c vornctl -n '__fish_seen_subcommand_from status' -l failed -d 'Show only failed nodes'
-complete -c vornctl -n '__fish_seen_subcommand_from status' -s o -l columns -x -a '(__fish_append , node state pid uptime started policy required executable restarts last_exit cpu memory stale wide)' -d Columns
+complete -c vornctl -n '__fish_seen_subcommand_from status' -s o -l columns -x -a '(__fish_append , node state pid uptime started policy required executable restarts last_exit cpu memory stale ready wide)' -d Columns
 complete -c vornctl -n '__fish_seen_subcommand_from start stop restart enable disable' -l all -d 'All nodes'
 complete -c vornctl -n '__fish_seen_subcommand_from start stop restart enable disable' -l reason -x -d 'The reason, for the record'
 complete -c vornctl -n '__fish_seen_subcommand_from ps' -l ports -d 'Also show listening sockets'
@@ -82,7 +82,7 @@ complete -c vornctl -n '__fish_seen_subcommand_from history logs' -s n -l lines 
 complete -c vornctl -n '__fish_seen_subcommand_from history logs' -l since -x -d 'Only lines since then'
 complete -c vornctl -n '__fish_seen_subcommand_from logs' -l previous -d 'Only the last run that has ended'
 complete -c vornctl -n '__fish_seen_subcommand_from enable' -l now -d 'Also start the nodes'
-complete -c vornctl -n '__fish_seen_subcommand_from wait' -l state -x -a 'running stopped disabled restarted succeeded' -d 'State to wait for'
+complete -c vornctl -n '__fish_seen_subcommand_from wait' -l state -x -a 'running ready stopped disabled restarted succeeded' -d 'State to wait for'
 complete -c vornctl -n '__fish_seen_subcommand_from wait' -l for -x -d 'Time for which the state must last'
 complete -c vornctl -n '__fish_seen_subcommand_from names' -s 0 -l null -d 'End each name with a NUL'
 complete -c vornctl -n '__fish_seen_subcommand_from report metrics' -s o -l output -r -F -d 'The file'

@@ -66,6 +66,35 @@ TEST_F(NodeVerdictTest, ARunningNodeIsAsWanted) {
   EXPECT_EQ(detail("State"), "running, pid 7");
 }
 
+TEST_F(NodeVerdictTest, APhaseOfVornrunExplainsANodeThatIsNotReady) {
+  RunState& run = facts_.view.run.state.emplace();
+  run.phase = "starting";
+  EXPECT_EQ(summary().rfind("has not been ready since ", 0), 0U);
+  EXPECT_TRUE(isAsWanted());
+  run.phase = "waiting";
+  EXPECT_EQ(summary().rfind("waits for the conditions of its --wait-for", 0),
+            0U);
+  EXPECT_FALSE(isAsWanted());
+  run.phase = "delayed";
+  run.delayedUntil = 1;
+  EXPECT_EQ(summary().rfind("is delayed by its --backoff until ", 0), 0U);
+  run.phase = "unhealthy";
+  run.lastProbe = {false, "connection refused", 1};
+  EXPECT_NE(summary().find(": connection refused"), std::string::npos);
+  EXPECT_FALSE(isAsWanted());
+}
+
+TEST_F(NodeVerdictTest, TheStateOfVornrunIsADetail) {
+  RunState& run = facts_.view.run.state.emplace();
+  run.phase = "ready";
+  run.status = "3 clients";
+  run.droppedBytes = 2048;
+  EXPECT_EQ(summary().rfind("has been running since ", 0), 0U);
+  EXPECT_EQ(detail("Phase").rfind("ready since ", 0), 0U);
+  EXPECT_EQ(detail("Status"), "3 clients");
+  EXPECT_NE(detail("Lost output").find("reached no log"), std::string::npos);
+}
+
 TEST_F(NodeVerdictTest, ACrashLoopIsNotAsWantedEvenWhileTheNodeRuns) {
   exit(CLD_DUMPED, SIGSEGV);
   facts_.view.restarts = 5;

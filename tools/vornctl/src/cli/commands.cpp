@@ -187,9 +187,11 @@ void Commands::addWait() {
   addNodes(app, "Names or quoted patterns")->required();
   addChoice<WaitOptions::Goal>(
       *app, "--state", options.goal,
-      "The state to wait for; restarted: running since a later start than now; "
+      "The state to wait for; ready: running and, if vornrun checks that, "
+      "ready; restarted: running since a later start than now; "
       "succeeded: a oneshot that exited with status 0",
       {{"running", WaitOptions::Goal::RUNNING},
+       {"ready", WaitOptions::Goal::READY},
        {"stopped", WaitOptions::Goal::STOPPED},
        {"disabled", WaitOptions::Goal::DISABLED},
        {"restarted", WaitOptions::Goal::RESTARTED},

@@ -27,6 +27,23 @@ constexpr size_t kUsualColumns = 7;
 // policy, uptime, pid.
 const std::vector<size_t> kLeastNeeded = {4, 6, 5, 3, 2};
 
+Json jsonOf(const RunState& state) {
+  Json json = {{"phase", state.phase},
+               {"phaseSince", orNull(state.phaseSince)},
+               {"ready", orNull(state.isReady)},
+               {"status", state.status},
+               {"restarts", state.restarts},
+               {"delayedUntil", orNull(state.delayedUntil)},
+               {"droppedBytes", state.droppedBytes},
+               {"lastProbe", Json()}};
+  if (const auto& probe = state.lastProbe) {
+    json["lastProbe"] = {{"ok", probe->isOk},
+                         {"message", probe->message},
+                         {"time", orNull(probe->time)}};
+  }
+  return json;
+}
+
 Json jsonOf(const NodeView& view, const LaunchFile::Node* node) {
   Json json = {
       {"name", view.name},
@@ -47,6 +64,7 @@ Json jsonOf(const NodeView& view, const LaunchFile::Node* node) {
       {"cpuPercent", orNull(view.cpuPercent)},
       {"memoryBytes", orNull(view.memoryBytes)},
       {"stale", orNull(view.isStale)},
+      {"run", view.run.state ? jsonOf(*view.run.state) : Json()},
   };
   if (node != nullptr) {
     json["policy"] = {{"oneshot", node->oneshot.value},

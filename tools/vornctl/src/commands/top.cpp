@@ -93,7 +93,8 @@ class Top {
 
   static bool mayChangeUnnoticed(const NodeView& node) {
     return node.condition == Condition::EXITING ||
-           node.condition == Condition::DISABLED ||
+           node.condition == Condition::DISABLED || node.run.isExpected ||
+           node.run.state ||
            (node.condition == Condition::RUNNING && !node.memoryBytes);
   }
 

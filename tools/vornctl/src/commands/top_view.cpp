@@ -33,9 +33,11 @@ constexpr const char* kHelp[] = {"Up/Down j/k         select a node",
 std::vector<Cell> cellsOf(const NodeView& view) {
   std::vector<Cell> cells;
   for (const TopColumn& column : topColumns()) {
-    cells.push_back(cellFor(view, column.name));
+    cells.push_back(std::strcmp(column.name, "state") == 0
+                        ? stateOrPhase(view)
+                        : cellFor(view, column.name));
   }
-  const Colour colour = cellFor(view, "state").colour;
+  const Colour colour = stateOrPhase(view).colour;
   if (colour == Colour::GREEN) return cells;
   for (Cell& cell : cells) cell.colour = colour;
   return cells;

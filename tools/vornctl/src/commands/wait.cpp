@@ -27,6 +27,7 @@ constexpr int kOneLine = -1;
 constexpr milliseconds kNoLimit = std::chrono::hours(24);
 constexpr int kLogAttempts = 20;
 constexpr milliseconds kLogPause{100};
+constexpr milliseconds kPhasePause{200};  // between two reads of state files
 
 class Wait {
  public:
@@ -58,7 +59,8 @@ class Wait {
     const Clock::time_point next =
         reached_ ? std::min(deadline_, *reached_ + options_.heldFor)
                  : deadline_;
-    return std::min(kNoLimit,
+    // The phase of a node changes without a change of its processes.
+    return std::min(options_.goal == Goal::READY ? kPhasePause : kNoLimit,
                     std::chrono::ceil<milliseconds>(next - Clock::now()));
   }
 
@@ -145,6 +147,8 @@ class Wait {
     switch (options_.goal) {
       case Goal::RUNNING:
         return status.state == NodeState::RUNNING;
+      case Goal::READY:
+        return isReady(viewOf(launcher_, name, status, 0));
       case Goal::STOPPED:
         return status.state == NodeState::STOPPED && status.pid == 0;
       case Goal::DISABLED:
@@ -168,7 +172,10 @@ class Wait {
     std::string text;
     const auto add = [&](const std::string& name) {
       if (!text.empty()) text += ", ";
-      text += name + " is " + wordFor(watcher_.status(name).state);
+      const NodeView view = viewOf(launcher_, name, watcher_.status(name), 0);
+      const bool has_phase = options_.goal == Goal::READY && view.run.state;
+      text += name + " is " +
+              (has_phase ? view.run.state->phase : wordFor(view.state));
     };
     for (const std::string& name : watcher_.names()) {
       if (!isReached(name)) add(name);

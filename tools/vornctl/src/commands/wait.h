@@ -11,7 +11,7 @@
 namespace vorn::launch {
 
 struct WaitOptions {
-  enum class Goal { RUNNING, STOPPED, DISABLED, RESTARTED, SUCCEEDED };
+  enum class Goal { RUNNING, READY, STOPPED, DISABLED, RESTARTED, SUCCEEDED };
 
   std::vector<std::string> nodes;  // names and patterns, at least one
   Goal goal = Goal::RUNNING;
@@ -20,6 +20,7 @@ struct WaitOptions {
 };
 
 /// Waits until all nodes are in the requested state at the same time: RUNNING,
+/// READY: running and, if vornrun checks that, ready,
 /// STOPPED or DISABLED without a process, or RESTARTED, which is RUNNING since
 /// another start than at the beginning of the wait, or SUCCEEDED: a oneshot
 /// that exited with status 0; kFailed if it exited otherwise. With `heldFor`,

@@ -50,6 +50,14 @@ Cell staleCell(const NodeView& view) {
   return *view.isStale ? Cell{"yes", Colour::YELLOW} : Cell{"no"};
 }
 
+Cell phaseCell(const NodeView& view) {
+  if (!view.run.state) return {"-"};
+  const RunState& state = *view.run.state;
+  return {terminalText(state.phase), state.isFailing() ? Colour::RED
+                                     : state.isUp()    ? Colour::GREEN
+                                                       : Colour::YELLOW};
+}
+
 }  // namespace
 
 const std::vector<Column>& statusColumns() {
@@ -68,7 +76,8 @@ const std::vector<Column>& statusColumns() {
        "does not run, of its last exit"},
       {"cpu", "average share of one processor since the start, in percent"},
       {"memory", "resident memory of the process and its descendants"},
-      {"stale", "whether the program was replaced or removed since the start"}};
+      {"stale", "whether the program was replaced or removed since the start"},
+      {"ready", "phase that vornrun reports, such as starting or ready"}};
   return columns;
 }
 
@@ -119,7 +128,16 @@ Cell cellFor(const NodeView& view, const std::string& column) {
                              : "-"};
   }
   if (column == "stale") return staleCell(view);
+  if (column == "ready") return phaseCell(view);
   return {orDash(view.executable)};
+}
+
+Cell stateOrPhase(const NodeView& view) {
+  const bool is_up = !view.run.state || view.run.state->isUp();
+  if (view.condition != Condition::RUNNING || is_up || view.isCrashLoop) {
+    return cellFor(view, "state");
+  }
+  return phaseCell(view);
 }
 
 Cell plainCellFor(const NodeView& view, const std::string& column) {
@@ -128,8 +146,10 @@ Cell plainCellFor(const NodeView& view, const std::string& column) {
     return {runs ? OutputText(view.uptimeSeconds) : "-"};
   }
   if (column == "started") return {orDash(view.startSeconds)};
-  if (column == "state") {
-    std::string word = wordFor(view.condition);
+  if (column == "state" || column == "ready") {
+    std::string word = column == "state" ? wordFor(view.condition)
+                       : !view.run.state ? "-"
+                                         : view.run.state->phase;
     for (char& letter : word) {
       if (letter == ' ') letter = '-';
     }

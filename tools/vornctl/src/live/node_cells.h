@@ -26,6 +26,10 @@ std::vector<std::string> expandColumns(const std::vector<std::string>& names);
 /// The cell of a column for users.
 Cell cellFor(const NodeView& view, const std::string& column);
 
+/// The cell of the state, or of vornrun's phase for a node that runs and is not
+/// ready.
+Cell stateOrPhase(const NodeView& view);
+
 /// The cell of a column for scripts: one word or number, "-" for none.
 Cell plainCellFor(const NodeView& view, const std::string& column);
 

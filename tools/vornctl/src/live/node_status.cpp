@@ -64,13 +64,23 @@ NodeView viewOf(const LauncherProcess& launcher, const std::string& name,
   view.pid = status.pid;
   view.startSeconds = status.startSeconds;
   updateTimes(view, now);
+  const LaunchFile::Node* const node = launcher.file.find(name);
+  if (node != nullptr && view.condition == Condition::RUNNING) {
+    view.run = readNodeRun(launcher, *node, view.pid);
+  }
   return view;
+}
+
+bool isReady(const NodeView& view) {
+  if (view.condition != Condition::RUNNING) return false;
+  return view.run.state ? view.run.state->isUp() : !view.run.isExpected;
 }
 
 bool isFailing(const NodeView& view) {
   return view.isCrashLoop || view.isExecutableMissing || view.isForkFailed ||
          view.condition == Condition::RESTARTING ||
          view.condition == Condition::FAILED ||
+         (view.run.state && view.run.state->isFailing()) ||
          view.condition == Condition::UNKNOWN_NODE;
 }
 

@@ -7,6 +7,7 @@
 #include "control_client.h"
 #include "live/launcher_process.h"
 #include "live/log_history.h"
+#include "live/run_state.h"
 
 namespace vorn::launch {
 
@@ -49,7 +50,11 @@ struct NodeView {
   std::optional<double> cpuSeconds;  // children that have exited included
   std::optional<int64_t> memoryBytes;
   std::optional<bool> isStale;
+  NodeRun run;  // of a RUNNING node
 };
+
+/// Whether the node runs and, if vornrun checks that, is ready.
+bool isReady(const NodeView& view);
 
 /// Whether a node is not as it should be: it has exited by itself or could not
 /// be started. A node that an operator has stopped or disabled is not failing.

@@ -4,6 +4,7 @@
 
 #include "live/event_text.h"
 #include "output/duration.h"
+#include "output/quantity.h"
 
 namespace vorn::launch {
 namespace {
@@ -120,6 +121,7 @@ class Judge {
   void judgeRunning() {
     const std::string since =
         "has been running since " + formatTime(view_.startSeconds);
+    if (view_.run.state && !view_.run.state->isUp()) return judgePhase();
     if (view_.isCrashLoop && exit_) return failInLoop();
     if (view_.isStale == true) {
       return fail(since +
@@ -132,6 +134,37 @@ class Judge {
                  exitClause(facts_, *exit_));
     }
     say(since);
+  }
+
+  /// For a node that runs and is not ready.
+  void judgePhase() {
+    const RunState& run = *view_.run.state;
+    const std::string since = " since " + formatTime(run.phaseSince);
+    if (run.phase == "waiting") {
+      return fail("waits for the conditions of its --wait-for" + since,
+                  "check the conditions in the launch file");
+    }
+    if (run.phase == "delayed") {
+      return fail("is delayed by its --backoff until " +
+                      formatTime(run.delayedUntil.value_or(0)) +
+                      (exit_ ? ": " + exitClause(facts_, *exit_) : ""),
+                  "see its output: " + command("logs --previous"));
+    }
+    if (run.phase == "unhealthy") {
+      return fail("is unhealthy" + since + failedProbe(": "),
+                  "see its output: " + command("logs"));
+    }
+    if (run.phase == "gave up") {
+      return fail("has given up after too many restarts",
+                  "fix the cause, then: " + command("enable --now"));
+    }
+    say("has not been ready" + since);
+  }
+
+  /// The message of the last check by vornrun, if that has failed.
+  std::string failedProbe(const std::string& before) const {
+    const auto& probe = view_.run.state->lastProbe;
+    return probe && !probe->isOk ? before + probe->message : "";
   }
 
   void judgeStopped() {
@@ -225,10 +258,25 @@ class Judge {
     if (!facts_.hasLauncher && !facts_.orphans.empty()) {
       addDetail("Process", std::to_string(facts_.orphans.front()));
     }
+    if (view_.run.state) addRun(*view_.run.state);
     if (exit_) addExit();
     if (facts_.action) addDetail("Last action", actionClause(facts_, ""));
     if (view_.restarts > 0) addDetail("Restarts", countOfRestarts());
     if (!facts_.logError.empty()) addDetail("Log", facts_.logError);
+  }
+
+  void addRun(const RunState& run) {
+    addDetail("Phase", run.phase + " since " + formatTime(run.phaseSince));
+    addDetail("Status", run.status);
+    if (run.lastProbe) {
+      addDetail("Last check", (run.lastProbe->isOk ? "passed" : "failed") +
+                                  failedProbe(": ") + ", at " +
+                                  formatTime(run.lastProbe->time));
+    }
+    if (run.droppedBytes > 0) {
+      addDetail("Lost output",
+                formatBytes(run.droppedBytes) + " that reached no log");
+    }
   }
 
   void addExit() {

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "live/launcher_process.h"
+
+namespace vorn::launch {
+
+/// What vornrun reports about a run of a node, from its state file. Times are
+/// in seconds since the epoch.
+struct RunState {
+  struct Probe {
+    bool isOk = false;
+    std::string message;
+    int64_t time = 0;
+  };
+
+  std::string phase;  // "waiting", "delayed", "starting", "ready", "running",
+                      // "unhealthy" or "gave up"
+  int64_t phaseSince = 0;
+  std::string status;           // the STATUS= of the program
+  std::optional<bool> isReady;  // nothing without --ready
+  int64_t restarts = 0;         // quick ones, one after the other
+  std::optional<int64_t> delayedUntil;
+  int64_t droppedBytes = 0;  // output that reached no log
+  std::optional<Probe> lastProbe;
+
+  /// Whether the node can be used, as far as vornrun checks it.
+  bool isUp() const { return phase == "ready" || phase == "running"; }
+
+  /// Whether an operator has to do something.
+  bool isFailing() const {
+    return phase == "delayed" || phase == "unhealthy" || phase == "gave up";
+  }
+};
+
+/// A process as a state file names it.
+struct RunIdentity {
+  pid_t pid = 0;
+  std::optional<uint64_t> startTicks;  // nothing: unknown
+};
+
+/// The content of a state file; nothing if it is invalid or about another
+/// process.
+std::optional<RunState> parseRunState(const std::string& text,
+                                      const RunIdentity& process);
+
+/// The name of the state file of a node in its directory.
+std::string runStateFile(const std::string& node);
+
+/// The state of a node that runs by vornrun as `pid`; nothing if it has none.
+struct NodeRun {
+  std::optional<RunState> state;
+  bool isExpected = false;  // vornrun will report a state, or has done so
+};
+
+/// Reads the state file of a node of `launcher`. Only files of root or of the
+/// launcher's user are trusted.
+NodeRun readNodeRun(const LauncherProcess& launcher,
+                    const LaunchFile::Node& node, pid_t pid);
+
+}  // namespace vorn::launch
