@@ -23,6 +23,8 @@ it could not be run. CI runs the short forms: ./test.sh --reliability.
   storms       thousands of deaths and signals, fork bombs, full disks
   soak         200 nodes for an hour; writes build/soak/soak.csv and soak.svg
   death        SIGKILL at each system call of the launcher, then a new launcher
+  monitors     storms of output to a full disk and a stopped reader; 100 wrapped
+               nodes for 10 minutes
   vornrun      SIGKILL of a launcher whose nodes die with it, 1000 rounds
   coverage     branches that the tests take; at least 95 %
   mutants      faults in the sources that the tests must catch; at least 95 %
@@ -57,6 +59,7 @@ case $proof in
     /usr/bin/python3 tests/reliability/soak.py "$@"
     ;;
   death) run_long test_sudden_death.py -n "$(($(nproc) * 4))" "$@" ;;
+  monitors) run_long test_vornrun_monitor.py "$@" ;;
   vornrun) run_long test_vornrun_death.py "$@" ;;
   coverage) scripts/coverage.sh "$@" ;;
   mutants)

@@ -119,9 +119,20 @@ def _wrapper(found):
     return "\n" + _table(("", "processor, ms", "duration, ms"), rows)
 
 
+def _logs(found):
+    rows = [(name, _range(one), _range(one["ratio"]))
+            for name, one in found["rate"]["subjects"].items()]
+    text = f"\n{found['bytes'] // 1_000_000} MB\n\n" + _table(
+        ("", "MB/s", f"ratio to {found['rate']['base']}"), rows)
+    kinds = ("pss", "private", "private_dirty")
+    rows = [(name, *(one[kind] for kind in kinds))
+            for name, one in found["memory"].items()]
+    return text + "\n" + _table(("KiB", *kinds), rows)
+
+
 _FORMS = {"start": _start, "memory": _memory, "idle": _idle, "status": _status,
           "deaths": _deaths, "stops": _stops, "load": _load,
-          "queries": _queries, "wrapper": _wrapper}
+          "queries": _queries, "wrapper": _wrapper, "logs": _logs}
 
 
 def text(name, found):

@@ -106,11 +106,13 @@ class NodeStart {
 
   std::optional<RunError> waitForStart() {
     uint32_t restarts = 0;
-    auto error = loop_.beforeStart([&](size_t count, milliseconds delay) {
+    const auto onDelay = [&](size_t count, milliseconds delay) {
       restarts = static_cast<uint32_t>(count);
       reportPhase(connection_, Phase::DELAYED, restarts,
                   std::time(nullptr) + delay.count() / 1000);
-    });
+    };
+    auto error = loop_.beforeStart(
+        onDelay, [&] { reportPhase(connection_, Phase::GAVE_UP, 0, 0); });
     if (!error && !settings_.waitFor.empty()) {
       reportPhase(connection_, Phase::WAITING, restarts, 0);
       error = waitForConditions(settings_, account(), environment_);

@@ -56,6 +56,15 @@ bool openPipe(int& readingEnd, int& writingEnd) {
   return true;
 }
 
+/// A larger pipe: under load, the node and the monitor wait less often for each
+/// other. Without the right to it, the usual size remains.
+bool openLogPipe(int& readingEnd, int& writingEnd) {
+  constexpr int kSize = 256 << 10;
+  if (!openPipe(readingEnd, writingEnd)) return false;
+  (void)::fcntl(readingEnd, F_SETPIPE_SZ, kSize);
+  return true;
+}
+
 /// Gives the pipes or the terminal to the user of the node, who may open them
 /// again as /dev/stderr.
 bool changeOwner(const MonitorConnection& connection,
@@ -88,10 +97,13 @@ bool openLogs(const RunSettings& settings, MonitorConnection& connection,
               MonitorDescriptors& own) {
   const LoggedStreams streams = loggedStreams(settings);
   if (!streams.isLogged) return true;
-  if (!(settings.pty ? openTerminal(own.output, connection.standardOutput)
-                     : openPipe(own.output, connection.standardOutput)))
+  if (settings.pty) {
+    if (!openTerminal(own.output, connection.standardOutput)) return false;
+  } else if (!openLogPipe(own.output, connection.standardOutput)) {
     return false;
-  if (streams.areSeparate) return openPipe(own.error, connection.standardError);
+  }
+  if (streams.areSeparate)
+    return openLogPipe(own.error, connection.standardError);
   connection.standardError =
       ::fcntl(connection.standardOutput, F_DUPFD_CLOEXEC, 0);
   return connection.standardError >= 0;

@@ -70,9 +70,11 @@ std::optional<RunError> CrashLoop::open() {
   return store();
 }
 
-std::optional<RunError> CrashLoop::beforeStart(const OnDelay& onDelay) {
+std::optional<RunError> CrashLoop::beforeStart(
+    const OnDelay& onDelay, const std::function<void()>& onGiveUp) {
   if (!isActive()) return std::nullopt;
   if (settings_.giveUp && history_.isCrashLoop(*settings_.giveUp, now_)) {
+    onGiveUp();
     return giveUp();
   }
   if (!settings_.backoff) return std::nullopt;

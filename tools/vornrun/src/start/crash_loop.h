@@ -25,8 +25,9 @@ class CrashLoop {
 
   /// After open(). Delays the start, or asks the launcher to disable the node,
   /// which then stops this process. Returns an error if the program must not be
-  /// executed.
-  std::optional<RunError> beforeStart(const OnDelay& onDelay);
+  /// executed. `onGiveUp` is called before the request to the launcher.
+  std::optional<RunError> beforeStart(const OnDelay& onDelay,
+                                      const std::function<void()>& onGiveUp);
 
   /// Records the execution of the program, which follows.
   std::optional<RunError> recordStart();
