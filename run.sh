@@ -27,7 +27,7 @@ launch_file=${1:-$demo/launch.yaml}
 [[ -e $launch_file ]] || die "no launch file $launch_file"
 
 install_packages "${BUILD_PACKAGES[@]}"
-(cd "$root" && configure_build release && build release --target vornlaunch vornctl)
+(cd "$root" && configure_build release && build release --target vornlaunch vornctl vornrun)
 
 # The demo's programs are next to its launch file.
 if [[ $launch_file -ef $demo/launch.yaml ]]; then

@@ -19,6 +19,7 @@ NODES = ["prepare", "camera", "detector", "lamp", "recorder", "diagnostics"]
 @pytest.fixture(name="demo")
 def fixture_demo(machine):
     """A machine in which the demo runs."""
+    machine.wrapped("")  # installs vornrun
     shutil.copytree(EXAMPLES / "demo", machine.tmp / "demo")
     shutil.copy2(EXAMPLES / "control.py", machine.tmp / "control.py")
     return machine.start(
@@ -139,6 +140,9 @@ def test_the_recorder_starts_on_request_with_its_own_interval(demo):
     wait_for_line(
         demo, "recorder: recording every 4 s to /tmp/vornlaunch-demo/record"
     )
+    # vornrun has executed it, with a low priority.
+    pid = str(demo.status("recorder").pid)
+    assert demo.run("ps", "-o", "ni=", "-p", pid).strip() == "10"
     said = "recorder: recorded: "
     # The frame that it affects depends on the load of the machine.
     line = eventually(

@@ -17,7 +17,7 @@ TEST(ForeignKeysTest, AKeyIsTheSameInEveryStyleOfWriting) {
 
 TEST(ForeignKeysTest, AKeyHasTheAdviceForItsPurpose) {
   EXPECT_THAT(adviceForNodeKey("exec"), HasSubstr("'path'"));
-  EXPECT_THAT(adviceForNodeKey("user"), HasSubstr("setpriv"));
+  EXPECT_THAT(adviceForNodeKey("user"), HasSubstr("--user"));
   EXPECT_THAT(adviceForNodeKey("stoptimeout"), HasSubstr("SIGKILL"));
   EXPECT_THAT(adviceForRootKey("services"), HasSubstr("'vornnode'"));
 }

@@ -26,31 +26,31 @@ constexpr ForeignKeys kNodeKeys[] = {
     {" env environ envs envvars variables setenv ",
      "write the variables as a mapping in 'environment'"},
     {" envfile environmentfile dotenv ",
-     "write the variables in 'environment', or start a script that reads the "
-     "file"},
+     "write the variables in 'environment', or use '--env-file FILE' of "
+     "vornrun"},
     {" user group uid gid username supplementarygroups ",
-     "every node runs as the launcher's user: to change it, write "
-     "'path: /usr/bin/setpriv', and its options and the program in 'argv'"},
+     "every node runs as the launcher's user: to change it, write 'path: "
+     "/usr/bin/vornrun' and 'argv: --user USER -- PROGRAM'"},
     {" directory workingdir workingdirectory workdir cwd chdir ",
-     "every node runs in the launcher's directory: to change it, write "
-     "'path: /usr/bin/env' and 'argv: -C DIRECTORY PROGRAM'"},
-    {" umask ", "start a script that sets the umask"},
+     "every node runs in the launcher's directory: to change it, write 'path: "
+     "/usr/bin/vornrun' and 'argv: --directory DIR -- PROGRAM'"},
+    {" umask ",
+     "write 'path: /usr/bin/vornrun' and 'argv: --umask MODE -- PROGRAM'"},
     {" nice niceness ",
-     "write 'path: /usr/bin/nice', and its options and the program in 'argv'"},
+     "write 'path: /usr/bin/vornrun' and 'argv: --nice N -- PROGRAM'"},
     {" cpuaffinity affinity cpuset ",
-     "write 'path: /usr/bin/taskset', and its options and the program in "
-     "'argv'"},
+     "write 'path: /usr/bin/vornrun' and 'argv: --cpu-list LIST -- PROGRAM'"},
     {" limits ulimits rlimits limitnofile limitcore limitmemlock limitnproc ",
-     "write 'path: /usr/bin/prlimit', and its options and the program in "
-     "'argv'"},
+     "write 'path: /usr/bin/vornrun' and 'argv: --limit NAME=SOFT:HARD -- "
+     "PROGRAM'"},
     {" autorestart restart restartpolicy respawn keepalive availability ",
      "a node that exits is restarted after 5 s; 'oneshot: true' turns that "
      "off"},
     {" startsecs restartsec restartdelay backoffseconds startretries retries "
      "maxrestarts maxretries startlimitburst startlimitinterval "
      "startlimitintervalsec throttleinterval ",
-     "a node is restarted 5 s after its exit, without a limit; neither can be "
-     "set"},
+     "a node is restarted 5 s after its start; the options --backoff and "
+     "--give-up of vornrun delay and limit restarts"},
     {" exitcodes successexitstatus exitonfailure exitonend ",
      "a node is restarted after any exit status; 'oneshot: true' turns that "
      "off"},
@@ -76,11 +76,12 @@ constexpr ForeignKeys kNodeKeys[] = {
     {" stdoutlogfile stderrlogfile stdout stderr logfile loglocation log "
      "standardoutput standarderror redirectstderr stdoutlogfilemaxbytes "
      "stderrlogfilemaxbytes ",
-     "nodes write to the launcher's output; for a file, start a script that "
-     "redirects its own"},
+     "nodes write to the launcher's output; the options --log-dir and --log of "
+     "vornrun write to files and the journal"},
     {" readinessprobe livenessprobe healthcheck healthchecks watchdog "
      "watchdogsec ",
-     "the launcher only sees exits; the program must exit if it cannot go on"},
+     "the launcher only sees exits; see the options --ready, --probe and "
+     "--watchdog of vornrun"},
     {" numprocs replicas instances scale count ",
      "write one node for each process"},
 };

@@ -8,16 +8,16 @@
 namespace vorn::launch {
 namespace {
 
-constexpr char kBlanks[] = " \t\r\f\v";
+constexpr char kIniBlanks[] = " \t\r\f\v";
 
-std::string trimmed(const std::string& text) {
-  const size_t begin = text.find_first_not_of(kBlanks);
+std::string trimmedLine(const std::string& text) {
+  const size_t begin = text.find_first_not_of(kIniBlanks);
   if (begin == std::string::npos) return "";
-  return text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
+  return text.substr(begin, text.find_last_not_of(kIniBlanks) - begin + 1);
 }
 
-bool isComment(const std::string& line) {
-  const size_t begin = line.find_first_not_of(kBlanks);
+bool isCommentLine(const std::string& line) {
+  const size_t begin = line.find_first_not_of(kIniBlanks);
   return begin != std::string::npos &&
          (line[begin] == '#' || line[begin] == ';');
 }
@@ -56,13 +56,13 @@ IniEntry& addEntry(const SourceText& file, int number, const std::string& line,
     throw ImportError(file, number, "a setting before the first [SECTION]");
   }
   std::vector<IniEntry>& entries = sections.back().entries;
-  entries.push_back({trimmed(line.substr(0, separator)),
-                     trimmed(line.substr(separator + 1)), number});
+  entries.push_back({trimmedLine(line.substr(0, separator)),
+                     trimmedLine(line.substr(separator + 1)), number});
   return entries.back();
 }
 
 /// The lines of the file; a byte order mark at its start is skipped.
-std::vector<std::string> linesOf(const SourceText& file) {
+std::vector<std::string> linesIn(const SourceText& file) {
   const bool has_mark = startsWith(file.text(), "\xef\xbb\xbf");
   std::istringstream text(file.text().substr(has_mark ? 3 : 0));
   std::vector<std::string> lines;
@@ -76,10 +76,10 @@ std::vector<IniSection> readSupervisordText(const SourceText& file) {
   std::vector<IniSection> sections;
   IniEntry* last = nullptr;  // an indented line continues its value
   int number = 0;
-  for (const std::string& whole : linesOf(file)) {
+  for (const std::string& whole : linesIn(file)) {
     ++number;
-    if (isComment(whole)) continue;
-    const std::string line = trimmed(withoutComment(whole));
+    if (isCommentLine(whole)) continue;
+    const std::string line = trimmedLine(withoutComment(whole));
     if (line.empty()) continue;
     const bool is_indented = whole[0] == ' ' || whole[0] == '\t';
     if (is_indented && last != nullptr) {
@@ -100,14 +100,14 @@ std::vector<IniSection> readUnitText(const SourceText& file) {
   int first = 0;  // the line at which `joined` starts
   int number = 0;
   const auto finish = [&] {
-    const std::string line = trimmed(joined);
+    const std::string line = trimmedLine(joined);
     joined.clear();
     if (line.empty() || addSection(file, first, line, sections)) return;
     addEntry(file, first, line, "=", sections);
   };
-  for (const std::string& whole : linesOf(file)) {
+  for (const std::string& whole : linesIn(file)) {
     ++number;
-    if (isComment(whole)) continue;
+    if (isCommentLine(whole)) continue;
     if (joined.empty()) first = number;
     std::string line = whole;
     if (!line.empty() && line.back() == '\r') line.pop_back();

@@ -17,7 +17,9 @@ constexpr char kOfNode[] = "  ";  // the indentation of a node
 
 /// One line. terminalText() escapes invisible characters as "\x1b", which a
 /// YAML text in double quotes decodes again.
-OutputText lineOf(const std::string& text) { return terminalText(text) + "\n"; }
+OutputText yamlLine(const std::string& text) {
+  return terminalText(text) + "\n";
+}
 
 bool isWordCharacter(char character) {
   return std::isalnum(static_cast<unsigned char>(character)) != 0 ||
@@ -164,7 +166,7 @@ std::string joinedWords(const std::vector<std::string>& words,
 }
 
 OutputText commentOf(const std::string& indentation, const std::string& text) {
-  return lineOf(indentation + "# " + text);
+  return yamlLine(indentation + "# " + text);
 }
 
 /// The comments about settings; those with the same reason are a list.
@@ -205,9 +207,10 @@ OutputText fileComment(const std::string& file, const std::string& purpose,
 OutputText environmentText(const Assignments& environment,
                            const std::string& indentation) {
   if (environment.empty()) return {};
-  OutputText text = lineOf(indentation + "environment:");
+  OutputText text = yamlLine(indentation + "environment:");
   for (const auto& [name, value] : environment) {
-    text += lineOf(indentation + "  " + yamlKey(name) + ": " + yamlText(value));
+    text +=
+        yamlLine(indentation + "  " + yamlKey(name) + ": " + yamlText(value));
   }
   return text;
 }
@@ -245,18 +248,18 @@ OutputText nodeText(ImportedNode node) {
     program = kVornrun;
     arguments = std::move(all);
   }
-  text += lineOf("  " + yamlKey(node.name) + ":");
-  text += lineOf("    path: " + yamlText(program));
+  text += yamlLine("  " + yamlKey(node.name) + ":");
+  text += yamlLine("    path: " + yamlText(program));
   if (!arguments.empty()) {
-    text += lineOf("    argv: " + yamlText(joinedWords(arguments, " ")));
+    text += yamlLine("    argv: " + yamlText(joinedWords(arguments, " ")));
   }
   text += environmentText(node.environment, "    ");
-  if (!node.isStarted) text += lineOf("    autostart: false");
-  if (node.isOneshot) text += lineOf("    oneshot: true");
+  if (!node.isStarted) text += yamlLine("    autostart: false");
+  if (node.isOneshot) text += yamlLine("    oneshot: true");
   if (node.required.empty()) return text;
   std::vector<std::string> names;
   for (const std::string& name : node.required) names.push_back(yamlKey(name));
-  return text + lineOf("    required: [" + joinedWords(names, ", ") + "]");
+  return text + yamlLine("    required: [" + joinedWords(names, ", ") + "]");
 }
 
 }  // namespace

@@ -180,7 +180,7 @@ class Expansion {
   const Names& names_;
 };
 
-std::string withoutBlanks(const std::string& text) {
+std::string withoutOuterBlanks(const std::string& text) {
   const size_t begin = text.find_first_not_of(" \t\n");
   if (begin == std::string::npos) return "";
   return text.substr(begin, text.find_last_not_of(" \t\n") - begin + 1);
@@ -198,7 +198,7 @@ Assignments readVariables(const SourceText& file, const IniEntry& entry,
                         "'=' is missing in " + entry.key + " after '" +
                             value.substr(i) + "'");
     }
-    const std::string name = withoutBlanks(value.substr(i, equals - i));
+    const std::string name = withoutOuterBlanks(value.substr(i, equals - i));
     const size_t begin = value.find_first_not_of(" \t\n", equals + 1);
     const char quote = begin == std::string::npos ? '\0' : value[begin];
     if (quote == '"' || quote == '\'') {
@@ -212,7 +212,7 @@ Assignments readVariables(const SourceText& file, const IniEntry& entry,
     } else {
       const size_t end = std::min(value.find(',', equals), value.size());
       variables.emplace_back(
-          name, withoutBlanks(value.substr(equals + 1, end - equals - 1)));
+          name, withoutOuterBlanks(value.substr(equals + 1, end - equals - 1)));
       i = end + 1;
     }
   }
@@ -396,7 +396,7 @@ void SupervisordImporter::addSections(const SourceText& file) {
     const std::string name =
         colon == std::string::npos
             ? ""
-            : withoutBlanks(section.name.substr(colon + 1));
+            : withoutOuterBlanks(section.name.substr(colon + 1));
     if (kind == "program") {
       programs_.push_back({&file, section, name});
     } else if (kind == "group") {
@@ -409,8 +409,9 @@ void SupervisordImporter::addSections(const SourceText& file) {
 
 void SupervisordImporter::addGroup(const SourceText& file,
                                    const IniSection& section) {
-  Group group{withoutBlanks(section.name.substr(section.name.find(':') + 1)),
-              kDefaultPriority};
+  Group group{
+      withoutOuterBlanks(section.name.substr(section.name.find(':') + 1)),
+      kDefaultPriority};
   for (const IniEntry& entry : section.entries) {
     if (entry.key == "priority") {
       group.priority = static_cast<int>(readNumber(file, entry));
@@ -419,7 +420,7 @@ void SupervisordImporter::addGroup(const SourceText& file,
   for (const IniEntry& entry : section.entries) {
     if (entry.key != "programs") continue;
     for (const std::string& name : split(entry.value, ',')) {
-      groups_[withoutBlanks(name)] = group;
+      groups_[withoutOuterBlanks(name)] = group;
     }
   }
 }
