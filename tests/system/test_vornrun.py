@@ -382,8 +382,8 @@ def test_a_crash_loop_disables_the_node_which_can_be_enabled(machine):
     machine.script("crash", "exit 3")
     machine.start({"vornnode": {
         "worker": machine.wrapped("--give-up 2/1h", "/tmp/bin/crash")}})
-    for _ in range(2):
-        machine.wait_for_log(log_texts.exited("worker", 3))
+    for number in (1, 2):
+        machine.wait_for_log(log_texts.exited("worker", 3), count=number)
         machine.request(Cmd.RESTART, "worker")
     machine.wait_for_state("worker", State.DISABLED)
     lines = [line for line in machine.stderr().splitlines() if "vornrun:" in line]
