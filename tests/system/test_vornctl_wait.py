@@ -283,3 +283,4 @@ def test_a_node_is_ready_when_vornrun_says_so(machine):
     assert "Phase:  ready since " in machine.vornctl("why", "camera").stdout
     node = json.loads(machine.vornctl("status", "--json").stdout)["nodes"][0]
     assert node["run"]["ready"] is True
+    assert 'vornlaunch_node_ready{node="camera"} 1\n' in machine.vornctl("metrics").stdout

@@ -63,6 +63,7 @@ class MetricsGatherer {
     for (NodeView& view : views_) {
       NodeMetrics& node = metrics_.nodes.emplace_back();
       if (counts_) node.restarts = counts_->of(nameInLog(view.name));
+      if (view.run.state) node.isReady = view.run.state->isReady;
       node.view = std::move(view);
     }
     return status;

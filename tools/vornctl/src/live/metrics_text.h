@@ -20,7 +20,7 @@ enum class MetricsFormat {
 struct NodeMetrics {
   NodeView view;
   std::optional<CountsByCause> restarts;  // nothing if the log is not readable
-  std::optional<bool> isReady;            // if its wrapper reports that
+  std::optional<bool> isReady;            // if vornrun reports that
 };
 
 /// The metrics of a launcher and its nodes.
