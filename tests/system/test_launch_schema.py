@@ -28,6 +28,7 @@ BEYOND_A_SCHEMA = {
     "required-unknown", "shell-in-argv", "shell-in-path", "short-sleep", "sleep-wraps",
     "space-in-argument", "unknown-ignore", "variable-not-expanded",
     "writable-by-others", "wrong-format",
+    "vornrun-file", "vornrun-option", "vornrun-privileges", "vornrun-user",
 }
 # Invalid YAML, or more than one document: an editor reports it by itself.
 NOT_LOADED = {"syntax", "second-document", "not-a-key"}
