@@ -116,6 +116,18 @@ def test_a_storm_for_a_stopped_reader_is_written_or_counted(tmp_path, program, c
     assert process.communicate(timeout=60) == (b"", None)
 
 
+@pytest.mark.long
+def test_an_unhealthy_node_that_ignores_the_signal_is_killed(tmp_path, program):
+    done = subprocess.run(
+        [program.with_name("vornrun"), "--state-dir", tmp_path / "state", "--watchdog",
+         "100ms", "--", "sh", "-c", "trap '' TERM; while :; do sleep 0.1; done"],
+        check=False, stderr=subprocess.PIPE, timeout=60)
+    assert done.returncode == -9
+    assert done.stderr == (
+        b"vornrun: sh: --watchdog: no WATCHDOG=1 within 100ms: sending SIGTERM\n"
+        b"vornrun: sh: still running after 10s: sending SIGKILL\n")
+
+
 def private_kb(pid):
     text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text(encoding="ascii")
     return sum(int(kb) for kb in re.findall(r"^Private_\w+: +(\d+) kB$", text, re.M))

@@ -376,7 +376,8 @@ class TestHealth:
     @staticmethod
     def test_failed_probes_in_a_row_end_the_node(node):
         status, _, error = node.run(
-            ["--probe", "exec:echo too hot; exit 1", "--probe-period", "20ms",
+            ["--probe", "exec:echo too hot$__VORN_NODE_NAME__; exit 1",
+             "--probe-period", "20ms",
              "--probe-failures", "2", "--probe-timeout", "30s"],
             "wait_for('never')")
         assert status == -signal.SIGTERM

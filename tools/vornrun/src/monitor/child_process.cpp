@@ -13,6 +13,7 @@
 #include "process/credentials.h"
 #include "process/execute.h"
 #include "report.h"
+#include "vorn/launch_rules.h"
 
 namespace vorn::run {
 namespace {
@@ -38,11 +39,12 @@ namespace {
   // After the change of the user, which clears it.
   (void)::prctl(PR_SET_PDEATHSIG, options.deathSignal);
   if (::getppid() != parent) ::_exit(kExitFailure);
+  Environment environment = options.node != nullptr ? options.node->environment
+                                                    : Environment::inherited();
+  // Otherwise tools that search the processes of a node by it find an orphan.
+  environment.unset(launch::kNodeNameVariable);
   std::string reason;
-  ::_exit(executeProgram(arguments,
-                         options.node != nullptr ? options.node->environment
-                                                 : Environment::inherited(),
-                         reason));
+  ::_exit(executeProgram(arguments, environment, reason));
 }
 
 }  // namespace

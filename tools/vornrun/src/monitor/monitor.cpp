@@ -23,6 +23,7 @@
 #include "monitor/process_handle.h"
 #include "monitor/process_stat.h"
 #include "process/descriptors.h"
+#include "vorn/launch_rules.h"
 
 namespace vorn::run {
 namespace {
@@ -148,9 +149,10 @@ void closeOthers(const MonitorDescriptors& own) {
 /// Removes the name of the node from the environment that /proc shows: tools
 /// find the processes of a node by it, and the monitor is not one of them.
 void hideNodeName() {
-  constexpr char kVariable[] = "__VORN_NODE_NAME__=";
+  const size_t size = std::strlen(launch::kNodeNameVariable);
   for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry)
-    if (std::strncmp(*entry, kVariable, sizeof(kVariable) - 1) == 0)
+    if (std::strncmp(*entry, launch::kNodeNameVariable, size) == 0 &&
+        (*entry)[size] == '=')
       std::memset(*entry, 0, std::strlen(*entry));
 }
 
