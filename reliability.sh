@@ -59,7 +59,7 @@ case $proof in
     /usr/bin/python3 tests/reliability/soak.py "$@"
     ;;
   death) run_long test_sudden_death.py -n "$(($(nproc) * 4))" "$@" ;;
-  monitors) run_long test_vornrun_monitor.py "$@" ;;
+  monitors) run_long test_vornrun_load.py "$@" ;;
   vornrun) run_long test_vornrun_death.py "$@" ;;
   coverage) scripts/coverage.sh "$@" ;;
   mutants)
