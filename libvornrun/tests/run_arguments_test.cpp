@@ -15,6 +15,7 @@ using testing::IsEmpty;
 /// The errors as texts.
 std::vector<std::string> errorsOf(const std::vector<RunError>& errors) {
   std::vector<std::string> texts;
+  texts.reserve(errors.size());
   for (const RunError& error : errors) {
     texts.push_back(error.option + ": " + error.reason);
   }
