@@ -58,7 +58,7 @@ class Shell(Terminal):
         command = {"bash": ["bash", "--rcfile", "/tmp/bashrc"],
                    "zsh": ["zsh", "-o", "no_global_rcs"], "fish": ["fish"]}[self.name]
         super().__init__(
-            machine, *command, "-i", columns=120, rows=50,
+            machine, *command, "-i", columns=120, rows=80,
             environment={"ZDOTDIR": "/tmp", "INPUTRC": "/dev/null",
                          "BASH_COMPLETION_USER_DIR": "/tmp/completions"})
         self.wait_for(lambda screen: screen[0] == PROMPT.rstrip(), "a prompt")

@@ -50,7 +50,7 @@ complete -c vornctl -n __vornctl_needs_command -a metrics -d 'Print metrics for 
 complete -c vornctl -n __vornctl_needs_command -a check -d 'Check launch files for errors'
 complete -c vornctl -n __vornctl_needs_command -a graph -d 'Draw the nodes of a launch file'
 complete -c vornctl -n __vornctl_needs_command -a diff -d 'Compare launch files'
-complete -c vornctl -n __vornctl_needs_command -a import -d 'Print a launch file for the configuration of another supervisor'
+complete -c vornctl -n __vornctl_needs_command -a import -d 'Convert files of other supervisors'
 complete -c vornctl -n __vornctl_needs_command -a doctor -d 'Find errors of the installation'
 complete -c vornctl -n __vornctl_needs_command -a completion -d 'Print a script for tab completion'
 complete -c vornctl -n __vornctl_needs_command -a help -d 'Show the help'
