@@ -112,7 +112,7 @@ _vornctl_offer_value() {
       [[ $command != metrics ]] || formats=(prometheus openmetrics)
       _vornctl_offer "$current" "$kept" "${formats[@]}"
       ;;
-    --timeout | --connect-timeout | --for | --ignore | -n | --lines | --reason | --since) ;;
+    --timeout | --connect-timeout | --for | --unit | --hook | --ignore | -n | --lines | --reason | --since) ;;
     -o | --columns)
       if [[ $command == report || $command == metrics ]]; then
         compopt -o default
@@ -192,6 +192,7 @@ _vornctl() {
       ;;
     graph) options+=(--format) ;;
     diff) options+=(--running --json) ;;
+    apply) options+=(--unit --for --hook) ;;
     doctor) options+=(--json) ;;
   esac
   if [[ $current == -* ]] && ! _vornctl_has_dashes "${words[@]}"; then
@@ -201,10 +202,10 @@ _vornctl() {
   case $command in
     "")
       _vornctl_offer "$current" "$kept" status start stop restart enable \
-        disable wait monitor top why history ps orphans logs health ping names report metrics check \
+        disable wait monitor top why history ps orphans logs health ping names report metrics apply check \
         graph diff import doctor completion help
       ;;
-    check | graph | diff) compopt -o default ;;
+    check | graph | diff | apply) compopt -o default ;;
     import)
       compopt -o default
       [[ $previous != import ]] ||

@@ -24,7 +24,7 @@ function __vornctl_nodes
 end
 
 function __vornctl_needs_command
-    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top why history ps orphans logs health ping names report metrics check graph diff import doctor completion help
+    not __fish_seen_subcommand_from status start stop restart enable disable wait monitor top why history ps orphans logs health ping names report metrics apply check graph diff import doctor completion help
 end
 
 complete -c vornctl -f
@@ -47,6 +47,7 @@ complete -c vornctl -n __vornctl_needs_command -a ping -d 'Check that a launcher
 complete -c vornctl -n __vornctl_needs_command -a names -d 'Print the names of the nodes'
 complete -c vornctl -n __vornctl_needs_command -a report -d 'Write an HTML file about a problem'
 complete -c vornctl -n __vornctl_needs_command -a metrics -d 'Print metrics for Prometheus'
+complete -c vornctl -n __vornctl_needs_command -a apply -d 'Replace the launch file of a unit'
 complete -c vornctl -n __vornctl_needs_command -a check -d 'Check launch files for errors'
 complete -c vornctl -n __vornctl_needs_command -a graph -d 'Draw the nodes of a launch file'
 complete -c vornctl -n __vornctl_needs_command -a diff -d 'Compare launch files'
@@ -88,14 +89,18 @@ complete -c vornctl -n '__fish_seen_subcommand_from names' -s 0 -l null -d 'End 
 complete -c vornctl -n '__fish_seen_subcommand_from report metrics' -s o -l output -r -F -d 'The file'
 complete -c vornctl -n '__fish_seen_subcommand_from report' -l since -x -d 'The begin of the timeline'
 complete -c vornctl -n '__fish_seen_subcommand_from report' -l with-environment -d 'Also include the values of variables'
+complete -c vornctl -n '__fish_seen_subcommand_from apply' -l unit -x -d 'The unit to restart'
+complete -c vornctl -n '__fish_seen_subcommand_from apply' -l hook -x -d 'A command that can refuse'
 complete -c vornctl -n '__fish_seen_subcommand_from diff' -l running -d 'Compare the running processes with a file'
-complete -c vornctl -n '__fish_seen_subcommand_from health' -l for -x -d 'Time that all nodes must run'
+complete -c vornctl -n '__fish_seen_subcommand_from health apply' -l for -x -d 'Time that all nodes must run'
+complete -c vornctl -n '__fish_seen_subcommand_from apply' -l unit -x -d 'The unit to restart'
+complete -c vornctl -n '__fish_seen_subcommand_from apply' -l hook -x -d 'A command that can refuse'
 complete -c vornctl -n '__fish_seen_subcommand_from diff' -l running -d 'Compare the running processes with a file'
 complete -c vornctl -n '__fish_seen_subcommand_from health' -l format -x -a 'plain json nagios' -d 'Output format'
 complete -c vornctl -n '__fish_seen_subcommand_from metrics' -l format -x -a 'prometheus openmetrics' -d 'Output format'
 complete -c vornctl -n '__fish_seen_subcommand_from completion' -a 'bash zsh fish' -d Shell
 complete -c vornctl -n '__fish_seen_subcommand_from import' -a 'supervisord systemd process-compose' -d Format
-complete -c vornctl -n '__fish_seen_subcommand_from check graph diff import' -F
+complete -c vornctl -n '__fish_seen_subcommand_from check graph diff import apply' -F
 complete -c vornctl -n '__fish_seen_subcommand_from check' -l format -x -a 'text json sarif github' -d 'Output format'
 complete -c vornctl -n '__fish_seen_subcommand_from graph' -l format -x -a 'dot mermaid svg' -d 'Output format'
 complete -c vornctl -n '__fish_seen_subcommand_from check' -l fail-on -x -a 'error warning note' -d 'Lowest severity that makes the exit status 1'

@@ -179,6 +179,13 @@ bool Diagnostics::isFull(const std::string& check) const {
   return kind != kinds_.end() && kind->second.shown.size() == kMostOfAKind;
 }
 
+bool Diagnostics::hasSeverity(Severity lowest) const {
+  return std::any_of(diagnostics_.begin(), diagnostics_.end(),
+                     [&](const Diagnostic& diagnostic) {
+                       return diagnostic.check->severity >= lowest;
+                     });
+}
+
 void Diagnostics::settle() {
   for (const auto& [info, kind] : kinds_) {
     if (!kind.more) continue;

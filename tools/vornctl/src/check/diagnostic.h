@@ -66,6 +66,9 @@ class Diagnostics {
 
   const std::vector<Diagnostic>& all() const { return diagnostics_; }
 
+  /// Whether a diagnostic has this severity or a higher one.
+  bool hasSeverity(Severity lowest) const;
+
   /// Sorts the diagnostics by location and adds a note about omitted ones.
   void settle();
 

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "commands/apply.h"
 #include "commands/check.h"
 #include "commands/diff.h"
 #include "commands/graph.h"
@@ -45,6 +46,7 @@ struct Arguments {
   ReportOptions report;
   MetricsOptions metrics;
   HealthOptions health;
+  ApplyOptions apply;
   bool isJson = false;
   bool isNulSeparated = false;
   std::string shell;

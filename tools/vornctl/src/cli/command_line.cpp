@@ -74,6 +74,7 @@ class CommandLine {
     unprotect(arguments.settings.launchFile);
     unprotect(arguments.settings.socketPath);
     unprotect(arguments.graph.file);
+    unprotect(arguments.apply.file);
     unprotect(arguments.topic);
     for (std::string& node : arguments.nodes) unprotect(node);
     for (std::string& file : arguments.check.files) unprotect(file);

@@ -43,6 +43,7 @@ Commands::Commands(CLI::App& app) : app_(app) {
   addImport();
   addDoctor();
   addHealth();
+  addApply();
   addCommand("ping", "Check that a launcher answers",
              [](Context& context) { return ping(context); });
   addNames();
@@ -431,6 +432,28 @@ void Commands::addHealth() {
                     {{"plain", Format::PLAIN},
                      {"json", Format::JSON},
                      {"nagios", Format::NAGIOS}});
+}
+
+void Commands::addApply() {
+  ApplyOptions& options = arguments_.apply;
+  CLI::App* const app = addCommand(
+      "apply", "Replace the launch file of a unit; undo it if a node fails",
+      [this](const Context& context) {
+        return applyFile(context, arguments_.apply);
+      });
+  app->add_option("FILE", options.file, "The new launch file")
+      ->required()
+      ->type_name("FILE");
+  app->add_option("--unit", options.unit,
+                  "The unit to restart; default: vornlaunch.service")
+      ->type_name("NAME");
+  app->add_option("--for", readDuration(options.runFor),
+                  "Time for which all nodes must run; default: 30s")
+      ->type_name("TIME");
+  app->add_option("--hook", options.hook,
+                  "Run this command of sh first; it refuses by a status other "
+                  "than 0")
+      ->type_name("COMMAND");
 }
 
 void Commands::addNames() {

@@ -49,6 +49,7 @@ class Commands {
   void addReport();
   void addMetrics();
   void addHealth();
+  void addApply();
   void addHelpers();
 
   CLI::App& app_;

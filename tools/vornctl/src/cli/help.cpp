@@ -35,6 +35,8 @@ const std::map<std::string, Examples>& examples() {
       {"top", {"top", "top 'cam_*'"}},
       {"ps", {"ps", "ps --ports camera"}},
       {"orphans", {"orphans", "orphans --kill --yes"}},
+      {"apply",
+       {"apply new.yaml", "apply --unit vornlaunch@robot --for 1m new.yaml"}},
       {"check",
        {"check launch.yaml", "check --no-host --fail-on warning launch.yaml"}},
       {"graph", {"graph launch.yaml", "graph --format mermaid launch.yaml"}},

@@ -120,11 +120,7 @@ void printRequested(const CheckOptions& options,
 
 bool hasFailed(const std::vector<CheckedFile>& files, Severity fail_on) {
   return std::any_of(files.begin(), files.end(), [&](const CheckedFile& file) {
-    const auto& diagnostics = file.diagnostics.all();
-    return std::any_of(diagnostics.begin(), diagnostics.end(),
-                       [&](const Diagnostic& diagnostic) {
-                         return diagnostic.check->severity >= fail_on;
-                       });
+    return file.diagnostics.hasSeverity(fail_on);
   });
 }
 

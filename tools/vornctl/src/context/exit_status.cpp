@@ -29,6 +29,8 @@ constexpr Meaning kMeanings[] = {
     {kFailed, "a node has failed", " status wait why "},
     {kFailed, "processes of earlier launchers or runs exist", " orphans "},
     {kFailed, "a difference was found", " diff "},
+    {kFailed, "the new file was not applied, the old one is in place",
+     " apply "},
     {kFailed, "an error or a warning was found", " doctor "},
     {kFailed, "a node is not as wanted, or no launcher answers", " health "},
     {kUsage, "wrong usage, or the nodes or a file cannot be read", ""},
@@ -46,6 +48,8 @@ constexpr Meaning kMeanings[] = {
     {kUntrusted,
      "the launcher, or a symbolic link to its socket, belongs to another user",
      kOfLauncher},
+    {kTryLater, "another apply runs, or the hook refuses; try again later",
+     " apply "},
 };
 
 bool isFor(const Meaning& meaning, const std::string& command) {

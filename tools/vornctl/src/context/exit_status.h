@@ -19,6 +19,7 @@ enum ExitStatus : int {
   kUnknown = 7,
   kProtocolError = 8,
   kUntrusted = 9,
+  kTryLater = 21,  // as updaters expect it
 };
 
 /// The section "Exit status" of the help of a command; of all commands if

@@ -77,4 +77,18 @@ bool writeFile(const std::string& path, const std::string& text,
   return false;
 }
 
+bool syncDirectoryOf(const std::string& path, std::string& error) {
+  const size_t slash = path.rfind('/');
+  const std::string name =
+      slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  const Descriptor directory(
+      ::open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (directory.number() >= 0 &&
+      retryOnEintr([&] { return ::fsync(directory.number()); }) == 0) {
+    return true;
+  }
+  error = "cannot write " + name + ": " + std::strerror(errno);
+  return false;
+}
+
 }  // namespace vorn::launch

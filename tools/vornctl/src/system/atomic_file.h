@@ -19,4 +19,8 @@ bool writeFile(const std::string& path, const std::string& text,
                bool may_replace, std::string& error,
                mode_t mode = kPrivateFile);
 
+/// Writes the names in the directory of `path` to the disk, so that a new name
+/// survives a power cut. False with a sentence in `error` if that fails.
+bool syncDirectoryOf(const std::string& path, std::string& error);
+
 }  // namespace vorn::launch

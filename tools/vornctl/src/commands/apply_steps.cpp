@@ -1,0 +1,145 @@
+#include "commands/apply_steps.h"
+
+#include "output/json.h"
+
+namespace vorn::launch {
+
+std::string previousFileOf(const std::string& launch_file) {
+  return launch_file + ".previous";
+}
+
+std::string journalOf(const std::string& launch_file) {
+  return launch_file + ".apply";
+}
+
+ApplyResult ApplySteps::apply(const std::string& text) {
+  if (!readState()) {
+    finish(ApplyOutcome::NOT_APPLIED);
+    return result_;
+  }
+  const bool is_interrupted = journal_ && journal_->isReplacing;
+  if (!is_interrupted && current_ == text) {
+    if (journal_) (void)operations_.remove(journalOf(launch_file_), error_);
+    return result_;
+  }
+  if (!operations_.mayRestart(error_)) {
+    say(error_);
+    result_.outcome = ApplyOutcome::REFUSED;
+    return result_;
+  }
+  if ((!is_interrupted && !keepOldFile()) || !replaceFile(text)) return result_;
+  if (operations_.restart(error_)) {
+    finish(ApplyOutcome::APPLIED);
+  } else if (old_ == text) {
+    say("the old launch file is in place, but it fails as well: " + error_);
+    finish(ApplyOutcome::PUT_BACK);
+  } else {
+    putBack(error_);
+  }
+  return result_;
+}
+
+bool ApplySteps::readState() {
+  std::optional<std::string> journal;
+  if (!operations_.read(journalOf(launch_file_), journal, error_) ||
+      !operations_.read(launch_file_, current_, error_)) {
+    say(error_);
+    return false;
+  }
+  old_ = current_;
+  if (!journal) return true;
+  readJournal(*journal);
+  const std::string begin =
+      "an apply that began at " + journal_->time + " was interrupted ";
+  if (!journal_->isReplacing) {
+    say(begin + "before it replaced the launch file");
+    return true;
+  }
+  say(begin + "before its launch file was found to be healthy");
+  old_.reset();
+  if (!journal_->hadFile ||
+      operations_.read(previousFileOf(launch_file_), old_, error_)) {
+    return true;
+  }
+  say(error_);
+  return false;
+}
+
+/// A journal is written at once, so that only another program can damage it:
+/// the launch file then counts as the old one.
+void ApplySteps::readJournal(const std::string& text) {
+  journal_.emplace();
+  const Json document = Json::parse(text, nullptr, false);
+  try {
+    journal_->isReplacing = document.at("replacing").get<bool>();
+    journal_->hadFile = document.at("hadFile").get<bool>();
+    journal_->time = document.at("time").get<std::string>();
+  } catch (const Json::exception&) {
+    *journal_ = {false, false, "an unknown time"};
+  }
+}
+
+bool ApplySteps::writeJournal(bool is_replacing) {
+  const Json document = {{"replacing", is_replacing},
+                         {"hadFile", old_.has_value()},
+                         {"time", now_}};
+  return operations_.write(journalOf(launch_file_), document.dump() + '\n',
+                           error_);
+}
+
+bool ApplySteps::keepOldFile() {
+  // The journal precedes the copy: a copy without a journal is of a run that
+  // has finished.
+  if (writeJournal(false) &&
+      (!old_ ||
+       operations_.write(previousFileOf(launch_file_), *old_, error_))) {
+    return true;
+  }
+  say(error_);
+  finish(ApplyOutcome::NOT_APPLIED);
+  return false;
+}
+
+bool ApplySteps::replaceFile(const std::string& text) {
+  if (!writeJournal(true)) {
+    say(error_);
+    // After an interruption, the old journal is still needed.
+    result_.outcome = ApplyOutcome::NOT_APPLIED;
+    return false;
+  }
+  if (operations_.write(launch_file_, text, error_)) return true;
+  say(error_);
+  if (current_ == old_) {
+    finish(ApplyOutcome::NOT_APPLIED);
+  } else {
+    result_.outcome = ApplyOutcome::NOT_APPLIED;
+  }
+  return false;
+}
+
+void ApplySteps::putBack(const std::string& reason) {
+  say("the new launch file has failed: " + reason);
+  const bool is_back = old_ ? operations_.write(launch_file_, *old_, error_)
+                            : operations_.remove(launch_file_, error_);
+  result_.outcome = ApplyOutcome::PUT_BACK;
+  if (!is_back) {
+    say("the old launch file could not be put back: " + error_ +
+        "; the next apply tries it again");
+    return;
+  }
+  if (!old_) {
+    say("there was no launch file before; it was removed");
+  } else if (operations_.restart(error_)) {
+    say("the old launch file is back, and its nodes are as wanted");
+  } else {
+    say("the old launch file is back, but it fails as well: " + error_);
+  }
+  finish(ApplyOutcome::PUT_BACK);
+}
+
+void ApplySteps::finish(ApplyOutcome outcome) {
+  result_.outcome = outcome;
+  if (!operations_.remove(journalOf(launch_file_), error_)) say(error_);
+}
+
+}  // namespace vorn::launch

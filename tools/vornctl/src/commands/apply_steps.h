@@ -1,0 +1,99 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+// The steps of `vornctl apply`, without a system to carry them out. They can be
+// interrupted at any point, by a kill or a power cut: the launch file is whole
+// after each of them, and a journal next to it shows the next run how far the
+// interrupted one had come.
+
+namespace vorn::launch {
+
+/// The operations of an apply. Each that returns false sets `error` to a
+/// sentence.
+class ApplyOperations {
+ public:
+  virtual ~ApplyOperations() = default;
+
+  /// Reads a file; `text` is empty if it does not exist.
+  virtual bool read(const std::string& path, std::optional<std::string>& text,
+                    std::string& error) = 0;
+
+  /// Replaces a file at once, and so that it survives a power cut.
+  virtual bool write(const std::string& path, const std::string& text,
+                     std::string& error) = 0;
+
+  /// Removes a file, if it exists, as durably as write().
+  virtual bool remove(const std::string& path, std::string& error) = 0;
+
+  /// Whether the machine permits a restart now; otherwise `error` is the
+  /// reason.
+  virtual bool mayRestart(std::string& error) = 0;
+
+  /// Restarts the launcher and waits until its nodes are healthy.
+  virtual bool restart(std::string& error) = 0;
+};
+
+enum class ApplyOutcome {
+  UNCHANGED,
+  APPLIED,
+  REFUSED,      // mayRestart() was false; nothing was changed
+  NOT_APPLIED,  // nothing was changed, because a file could not be written
+  PUT_BACK,     // the new file was not healthy, and the old one is back
+};
+
+struct ApplyResult {
+  ApplyOutcome outcome = ApplyOutcome::UNCHANGED;
+  std::vector<std::string> messages;  // sentences, for users
+};
+
+/// The files next to the launch file.
+std::string previousFileOf(const std::string& launch_file);
+std::string journalOf(const std::string& launch_file);
+
+/// Applies a launch file.
+class ApplySteps {
+ public:
+  /// `launch_file` is the path of the file that the launcher reads. `now` is
+  /// the time, for the message of the next run after an interruption.
+  ApplySteps(ApplyOperations& operations, std::string launch_file,
+             std::string now)
+      : operations_(operations),
+        launch_file_(std::move(launch_file)),
+        now_(std::move(now)) {}
+
+  /// Replaces the launch file by one with `text` and restarts the launcher, and
+  /// puts the old file back if that fails. First completes an interrupted run:
+  /// the file that it had put there counts as not applied.
+  ApplyResult apply(const std::string& text);
+
+ private:
+  struct Journal {
+    bool isReplacing = false;  // the launch file may be new
+    bool hadFile = false;      // there was a launch file before
+    std::string time;
+  };
+
+  bool readState();
+  void readJournal(const std::string& text);
+  bool writeJournal(bool is_replacing);
+  bool keepOldFile();
+  bool replaceFile(const std::string& text);
+  void putBack(const std::string& reason);
+  void finish(ApplyOutcome outcome);
+  void say(const std::string& message) { result_.messages.push_back(message); }
+
+  ApplyOperations& operations_;
+  std::string launch_file_;
+  std::string now_;
+  std::optional<Journal> journal_;  // of an interrupted run
+  std::optional<std::string> current_;
+  std::optional<std::string> old_;  // the last one that was applied
+  std::string error_;
+  ApplyResult result_;
+};
+
+}  // namespace vorn::launch
