@@ -158,7 +158,6 @@ class Service:
             self.start()
 
     def start(self):
-        self._debian.run(*shlex.split(self._setting["ExecStartPre"]))
         self.launcher = self._debian.start(*shlex.split(self._setting["ExecStart"]),
                                            stderr=subprocess.DEVNULL,
                                            stdout=subprocess.DEVNULL)

@@ -48,8 +48,11 @@ def test_a_unit_checks_its_file_and_stops_the_launcher_first(root, unit):
     text = installed(root, unit).read_text(encoding="utf-8")
     setting = dict(re.findall(r"^(\w+)=(.*)$", text, re.M))
     file = "/etc/vornlaunch/" + ("%i" if "@" in unit else "launch") + ".yaml"
-    assert re.fullmatch(f"/.*/bin/vornctl check {file}", setting["ExecStartPre"])
-    assert re.fullmatch(f"/.*/bin/vornlaunch {file}", setting["ExecStart"])
+    script = re.fullmatch("/bin/sh -c '(.*)'", setting["ExecStart"])[1]
+    assert re.fullmatch(f'/.*/bin/vornctl check "{file}" \\|\\| exit 78; '
+                        f'exec /.*/bin/vornlaunch "{file}"', script)
+    assert setting["RestartPreventExitStatus"] == "78"
+    assert ("Conflicts" in setting) == ("@" in unit)
     assert setting["KillMode"] == "mixed"
     assert int(setting["TimeoutStopSec"]) >= 300
     assert (setting["Restart"], setting["StartLimitBurst"]) == ("always", "5")
