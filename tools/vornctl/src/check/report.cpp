@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "check/rule_help.h"
+#include "output/journal_prefix.h"
 #include "output/json.h"
 #include "output/table.h"
 #include "vornctl_version.h"
@@ -137,16 +138,24 @@ Json sarifRules() {
   return rules;
 }
 
+JournalLevel journalLevelOf(Severity severity) {
+  if (severity == Severity::ERROR) return JournalLevel::ERROR;
+  return severity == Severity::WARNING ? JournalLevel::WARNING
+                                       : JournalLevel::NOTICE;
+}
+
 }  // namespace
 
 void printAsText(Output& out, const CheckedFile& file, bool has_source,
-                 bool has_colours) {
+                 bool has_colours, int fd) {
+  JournalLevel level = JournalLevel::NOTICE;
   const auto print_line = [&](const SourceLocation& location, const char* word,
                               Colour colour, const std::string& text) {
     const OutputText location_text = terminalText(
         file.document.name() + ':' + std::to_string(location.line) + ':' +
         std::to_string(location.column) + ':');
-    out << (has_colours ? coloured(location_text, Colour::BOLD) : location_text)
+    out << journalPrefix(fd, level)
+        << (has_colours ? coloured(location_text, Colour::BOLD) : location_text)
         << " "
         << (has_colours ? coloured(terminalText(word) + ":", colour)
                         : terminalText(word) + ":")
@@ -155,6 +164,7 @@ void printAsText(Output& out, const CheckedFile& file, bool has_source,
   };
   for (const Diagnostic& diagnostic : file.diagnostics.all()) {
     const Severity severity = diagnostic.check->severity;
+    level = journalLevelOf(severity);
     print_line(diagnostic.location, wordFor(severity), colourOf(severity),
                diagnostic.message + " [" + diagnostic.check->name + ']');
     for (const Note& note : diagnostic.notes) {

@@ -17,9 +17,10 @@ struct CheckedFile {
 
 /// One line per diagnostic in the format of compilers, "FILE:LINE:COLUMN:
 /// error: TEXT [NAME]", and one per note. With `has_source`, the source line
-/// and a caret follow each.
+/// and a caret follow each. `fd` is the descriptor of `out`: in the journal,
+/// the lines have levels.
 void printAsText(Output& out, const CheckedFile& file, bool has_source,
-                 bool has_colours);
+                 bool has_colours, int fd);
 
 /// One JSON document; docs/checks.md describes its
 /// members.

@@ -63,7 +63,7 @@ std::optional<std::string> checkedText(const Context& context,
     printAsText(
         errors,
         {std::move(*document), file.loadErrors.empty(), std::move(diagnostics)},
-        false, false);
+        false, false, STDERR_FILENO);
     context.printError("the launch file is unchanged: " + path + " has errors");
     status = kFailed;
   } catch (const TooLarge& failure) {

@@ -76,7 +76,7 @@ void printDiagnostics(Output& out, const Settings& settings, Format format,
   const bool is_terminal = ::isatty(STDOUT_FILENO) == 1;
   for (const CheckedFile& file : files) {
     printAsText(out, file, is_terminal || settings.hasColours,
-                settings.hasColours);
+                settings.hasColours, STDOUT_FILENO);
   }
 }
 
@@ -134,7 +134,9 @@ void print(const Settings& settings, const CheckOptions& options,
   } else {
     Output errors = standardError();
     for (const CheckedFile& file : results.checked) {
-      if (!settings.isQuiet) printAsText(errors, file, false, false);
+      if (!settings.isQuiet) {
+        printAsText(errors, file, false, false, STDERR_FILENO);
+      }
     }
     printRequested(options, results.resolved);
   }

@@ -12,6 +12,7 @@
 #include "live/busy_launcher.h"
 #include "live/orphans.h"
 #include "live/proc_file.h"
+#include "output/journal_prefix.h"
 #include "output/output.h"
 
 namespace vorn::launch {
@@ -144,7 +145,8 @@ void Context::warnAboutOrphans() const {
 
 void Context::printError(const std::string& text) const {
   clearActivity();
-  standardError() << "vornctl: " << terminalText(text) << "\n";
+  standardError() << journalPrefix(STDERR_FILENO, JournalLevel::ERROR)
+                  << "vornctl: " << terminalText(text) << "\n";
 }
 
 void Context::printRequestError(const std::string& name,
