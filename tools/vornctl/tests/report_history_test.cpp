@@ -14,17 +14,17 @@ constexpr int64_t kHistorySecond = 1'000'000;
 constexpr int64_t kHistoryBegin = 1000 * kHistorySecond;
 constexpr int64_t kHistoryEnd = 2000 * kHistorySecond;
 
-HistoryEvent eventAt(int64_t seconds, ReportedKind kind,
+HistoryEvent eventAt(int64_t second, ReportedKind kind,
                      const std::string& node = "a") {
   HistoryEvent event;
-  event.timeUs = kHistoryBegin + seconds * kHistorySecond;
+  event.timeUs = kHistoryBegin + second * kHistorySecond;
   event.kind = kind;
   event.node = node;
   return event;
 }
 
-HistoryEvent failure(int64_t seconds, int signal) {
-  HistoryEvent exit = eventAt(seconds, ReportedKind::EXITED);
+HistoryEvent failure(int64_t second, int signal) {
+  HistoryEvent exit = eventAt(second, ReportedKind::EXITED);
   exit.cause = HistoryEvent::Cause::ITSELF;
   exit.code = CLD_DUMPED;
   exit.status = signal;

@@ -41,10 +41,10 @@ TEST(TicksTest, HaveSecondsInAShortTimeAndDatesAtMidnight) {
 }
 
 TEST(TicksTest, AreAtMostAsManyAsAskedFor) {
-  for (int64_t seconds = 1; seconds < 100'000'000; seconds *= 3) {
+  for (int64_t second = 1; second < 100'000'000; second *= 3) {
     EXPECT_LE(
-        labels(kMidnight + 1, kMidnight + seconds * kTimelineSecond).size(), 8U)
-        << seconds;
+        labels(kMidnight + 1, kMidnight + second * kTimelineSecond).size(), 8U)
+        << second;
   }
 }
 
