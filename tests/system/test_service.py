@@ -26,6 +26,9 @@ def fixture_root(tmp_path_factory, program):
                    env={**os.environ, "DESTDIR": str(root)}, stdout=subprocess.DEVNULL)
     shutil.copytree("/lib/systemd/system", root / "usr/lib/systemd/system",
                     symlinks=True, dirs_exist_ok=True)
+    # The units execute it.
+    (root / "bin").mkdir(exist_ok=True)
+    shutil.copy("/bin/sh", root / "bin/sh")
     return root
 
 
@@ -52,6 +55,7 @@ def test_a_unit_checks_its_file_and_stops_the_launcher_first(root, unit):
     assert re.fullmatch(f'/.*/bin/vornctl check "{file}" \\|\\| exit 78; '
                         f'exec /.*/bin/vornlaunch "{file}"', script)
     assert setting["RestartPreventExitStatus"] == "78"
+    assert setting["SyslogIdentifier"] == "vornlaunch"
     assert ("Conflicts" in setting) == ("@" in unit)
     assert setting["KillMode"] == "mixed"
     assert int(setting["TimeoutStopSec"]) >= 300

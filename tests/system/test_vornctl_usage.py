@@ -75,8 +75,8 @@ def test_a_node_without_a_process_has_no_resources(machine):
 def test_wide_shows_all_columns(machine):
     start(machine)
     header = machine.vornctl("status", "-o", "wide").stdout.splitlines()[0].split()
-    assert header[0] == "NODE" and header[-3:] == ["CPU", "MEMORY", "STALE"]
-    assert len(header) == len(set(header)) == 13
+    assert header[0] == "NODE" and header[-4:] == ["CPU", "MEMORY", "STALE", "READY"]
+    assert len(header) == len(set(header)) == 14
 
 
 def test_a_replaced_program_is_stale(machine):
