@@ -14,7 +14,7 @@ using ::testing::IsEmpty;
 using ::testing::Pair;
 
 SourceText unitText(const std::string& name, const std::string& text) {
-  return SourceText("/lib/" + name + ".service", text);
+  return {"/lib/" + name + ".service", text};
 }
 
 /// The node of a unit with these lines in [Service].

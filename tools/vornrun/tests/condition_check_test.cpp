@@ -20,7 +20,7 @@ class ConditionCheckTest : public ::testing::Test {
                     int64_t timeoutMs = kPatienceMs) {
     const Condition condition = {kind, value};
     ConditionCheck check(condition, node_, directory_);
-    const CheckResult result = attempt(check, timeoutMs);
+    CheckResult result = attempt(check, timeoutMs);
     check.stop();
     return result;
   }

@@ -54,6 +54,13 @@ struct ApplyResult {
 std::string previousFileOf(const std::string& launch_file);
 std::string journalOf(const std::string& launch_file);
 
+/// What the journal of an unfinished run says.
+struct ApplyJournal {
+  bool isReplacing = false;  // the launch file may be new
+  bool hadFile = false;      // a launch file existed before
+  std::string time;
+};
+
 /// Applies a launch file.
 class ApplySteps {
  public:
@@ -71,12 +78,6 @@ class ApplySteps {
   ApplyResult apply(const std::string& text);
 
  private:
-  struct Journal {
-    bool isReplacing = false;  // the launch file may be new
-    bool hadFile = false;      // there was a launch file before
-    std::string time;
-  };
-
   bool readState();
   void readJournal(const std::string& text);
   bool writeJournal(bool is_replacing);
@@ -89,7 +90,7 @@ class ApplySteps {
   ApplyOperations& operations_;
   std::string launch_file_;
   std::string now_;
-  std::optional<Journal> journal_;  // of an interrupted run
+  std::optional<ApplyJournal> journal_;  // of an interrupted run
   std::optional<std::string> current_;
   std::optional<std::string> old_;  // the last one that was applied
   std::string error_;

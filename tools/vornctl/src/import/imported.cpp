@@ -12,7 +12,8 @@ namespace {
 /// The first executable file of this name; empty if there is none.
 std::string programInPath(const std::string& name, const std::string& path) {
   for (const std::string& directory : split(path, ':')) {
-    std::string file = directory + "/" + name;
+    std::string file = directory;
+    file.append("/").append(name);
     if (::access(file.c_str(), X_OK) == 0) return file;
   }
   return "";
@@ -37,8 +38,9 @@ void rejectInvalidOptions(Imported& imported) {
       if (reason.empty()) {
         accepted.emplace_back(name, value);
       } else {
-        node.omitted.push_back(
-            {"--" + name + " " + value, "vornrun rejects it: " + reason});
+        std::string given = "--";
+        given.append(name).append(" ").append(value);
+        node.omitted.push_back({given, "vornrun rejects it: " + reason});
       }
     }
     node.options = std::move(accepted);

@@ -84,7 +84,7 @@ class SupervisordImporter {
   };
   struct Group {
     std::string name;
-    int priority;
+    int priority = 0;
   };
 
   void addGroup(const SourceText& file, const IniSection& section);

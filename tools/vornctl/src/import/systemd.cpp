@@ -19,7 +19,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr char kServiceSuffix[] = ".service";
+constexpr char kUnitSuffix[] = ".service";
 
 // The keys without a counterpart.
 constexpr KeyAdvice kUnitAdvice[] = {
@@ -234,8 +234,7 @@ const IniEntry* UnitImporter::takeLast(const std::string& key) {
 std::string UnitImporter::specifier(char letter) const {
   const std::string& plain = node_.name;
   const size_t at = plain.find('@');
-  const std::string instance =
-      at == std::string::npos ? "" : plain.substr(at + 1);
+  std::string instance = at == std::string::npos ? "" : plain.substr(at + 1);
   switch (letter) {
     case 'n':
       return name_;
@@ -605,15 +604,15 @@ std::string unitNameOf(const SourceText& file) {
     const std::string first(file.line(1));
     name = startsWith(first, "# /")
                ? std::filesystem::path(first.substr(2)).filename().string()
-               : std::string("node") + kServiceSuffix;
+               : std::string("node") + kUnitSuffix;
   }
-  const size_t end = name.rfind(kServiceSuffix);
+  const size_t end = name.rfind(kUnitSuffix);
   const bool is_service = end != std::string::npos && end > 0 &&
-                          end + sizeof(kServiceSuffix) - 1 == name.size();
+                          end + sizeof(kUnitSuffix) - 1 == name.size();
   if (is_service) return name;
   throw ImportError(
       file, 0,
-      std::string("the name of a unit must end with '") + kServiceSuffix + "'");
+      std::string("the name of a unit must end with '") + kUnitSuffix + "'");
 }
 
 /// Whether the restart of a node restarts the other one.

@@ -13,6 +13,7 @@ namespace vorn::launch {
 
 bool runCommand(const std::vector<std::string>& command, std::string& error) {
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (const std::string& word : command) {
     arguments.push_back(const_cast<char*>(word.c_str()));
   }
