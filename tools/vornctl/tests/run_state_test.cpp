@@ -54,11 +54,6 @@ TEST(RunStateTest, AnInvalidFileIsIgnored) {
   }
 }
 
-TEST(RunStateTest, TheNameOfTheFileStaysInItsDirectory) {
-  EXPECT_EQ(runStateFile("cam_1-a.b"), "cam_1-a.b.json");
-  EXPECT_EQ(runStateFile("../é"), "%2E.%2F%C3%A9.json");
-}
-
 /// A directory of state files, and this process as a launcher and its node.
 class NodeRunTest : public ::testing::Test {
  protected:

@@ -24,11 +24,5 @@ TEST(NodeName, WithoutTheVariableTheProgramNamesTheNode) {
   EXPECT_EQ(nodeName(RunSettings()), "?");
 }
 
-TEST(NodeName, AFileNameDoesNotLeaveItsDirectory) {
-  EXPECT_EQ(fileNameOf("a.b_c-9"), "a.b_c-9");
-  EXPECT_EQ(fileNameOf("../x"), "%2E.%2Fx");
-  EXPECT_EQ(fileNameOf("a b%\xc3"), "a%20b%25%C3");
-}
-
 }  // namespace
 }  // namespace vorn::run

@@ -9,7 +9,7 @@
 #include <tuple>
 
 #include "import/command_words.h"
-#include "import/ini_text.h"
+#include "import/supervisord_values.h"
 #include "output/text.h"
 #include "vorn/launch_rules.h"
 
@@ -56,18 +56,6 @@ constexpr KeyAdvice kSectionAdvice[] = {
      "socket activation of systemd"},
 };
 
-/// The values of "%(NAME)s" in one process.
-using Names = std::map<std::string, std::string>;
-
-/// The keys of a program.
-using Keys = std::map<std::string, IniEntry>;
-
-/// A value with its "%(...)s" replaced.
-struct ExpandedValue {
-  std::string text;
-  bool hasVariables = false;  // "${X}" in `text`, from "%(ENV_X)s"
-};
-
 /// Converts the files, one after the other, and puts the nodes in order.
 class SupervisordImporter {
  public:
@@ -90,8 +78,8 @@ class SupervisordImporter {
   void addGroup(const SourceText& file, const IniSection& section);
   void addGlobal(const SourceText& file, const IniSection& section);
   void addProgram(const Program& program);
-  ImportedNode process(const Program& program, const Keys& keys, long number,
-                       long count);
+  ImportedNode process(const Program& program, const ProgramKeys& keys,
+                       long number, long count);
 
   std::vector<Program> programs_;
   std::map<std::string, Group> groups_;  // by program
@@ -99,138 +87,11 @@ class SupervisordImporter {
   Imported imported_;
 };
 
-bool flagOf(const SourceText& file, const IniEntry& entry) {
-  const std::string word = ' ' + lowerCase(entry.value) + ' ';
-  const std::string_view yes = " true yes on 1 t y ";
-  const std::string_view no = " false no off 0 f n ";
-  if (yes.find(word) != std::string_view::npos) return true;
-  if (no.find(word) != std::string_view::npos) return false;
-  throw ImportError(file, entry.line,
-                    entry.key + " is not true or false: '" + entry.value + "'");
-}
-
-long readNumber(const SourceText& file, const IniEntry& entry) {
-  char* end = nullptr;
-  const long number = std::strtol(entry.value.c_str(), &end, 10);
-  if (!entry.value.empty() && *end == '\0' && std::labs(number) <= 1'000'000) {
-    return number;
-  }
-  throw ImportError(file, entry.line,
-                    entry.key + " is not a number: '" + entry.value + "'");
-}
-
-/// Replaces "%(NAME)s", "%(NAME)02d" and "%%".
-class Expansion {
- public:
-  Expansion(const SourceText& file, const Names& names)
-      : file_(file), names_(names) {}
-
-  ExpandedValue expand(const IniEntry& entry) const {
-    ExpandedValue result;
-    const std::string& text = entry.value;
-    const bool has_variables = text.find("%(ENV_") != std::string::npos;
-    for (size_t i = 0; i < text.size(); ++i) {
-      if (text[i] != '%') {
-        result.text += text[i];
-        // vornrun expands variables if there are any.
-        if (text[i] == '$' && has_variables) result.text += '$';
-      } else if (text.compare(i, 2, "%%") == 0) {
-        result.text += text[i++];
-      } else {
-        i = appendName(entry, i, result);
-      }
-    }
-    return result;
-  }
-
- private:
-  /// Appends the value of the name at `percent`; returns its last character.
-  size_t appendName(const IniEntry& entry, size_t percent,
-                    ExpandedValue& result) const {
-    const std::string& text = entry.value;
-    const size_t end = text.find(')', percent);
-    const size_t kind = text.find_first_of("sd", end);
-    if (text.compare(percent, 2, "%(") != 0 || kind == std::string::npos) {
-      throw ImportError(file_, entry.line,
-                        "'%' in " + entry.key +
-                            " without a name, such as %(ENV_HOME)s; write '%%' "
-                            "for a '%'");
-    }
-    const std::string name = text.substr(percent + 2, end - percent - 2);
-    const std::string width = text.substr(end + 1, kind - end - 1);
-    const auto found = names_.find(name);
-    if (name.rfind("ENV_", 0) == 0) {
-      result.text += "${" + name.substr(4) + "}";
-      result.hasVariables = true;
-    } else if (found != names_.end()) {
-      const size_t digits = std::strtoul(width.c_str(), nullptr, 10);
-      const std::string& value = found->second;
-      if (text[kind] == 'd' && digits < 10 && value.size() < digits) {
-        result.text.append(digits - value.size(), '0');
-      }
-      result.text += value;
-    } else {
-      throw ImportError(file_, entry.line,
-                        "unknown name '" + name + "' in " + entry.key);
-    }
-    return kind;
-  }
-
-  const SourceText& file_;
-  const Names& names_;
-};
-
-std::string withoutOuterBlanks(const std::string& text) {
-  const size_t begin = text.find_first_not_of(" \t\n");
-  if (begin == std::string::npos) return "";
-  return text.substr(begin, text.find_last_not_of(" \t\n") - begin + 1);
-}
-
-/// The variables of a value such as A="1",B=2.
-Assignments readVariables(const SourceText& file, const IniEntry& entry,
-                          const std::string& value) {
-  Assignments variables;
-  for (size_t i = 0; i < value.size();) {
-    const size_t equals = value.find('=', i);
-    if (equals == std::string::npos) {
-      if (value.find_first_not_of(" \t\n,", i) == std::string::npos) break;
-      throw ImportError(file, entry.line,
-                        "'=' is missing in " + entry.key + " after '" +
-                            value.substr(i) + "'");
-    }
-    const std::string name = withoutOuterBlanks(value.substr(i, equals - i));
-    const size_t begin = value.find_first_not_of(" \t\n", equals + 1);
-    const char quote = begin == std::string::npos ? '\0' : value[begin];
-    if (quote == '"' || quote == '\'') {
-      const size_t end = value.find(quote, begin + 1);
-      if (end == std::string::npos) {
-        throw ImportError(file, entry.line,
-                          "a quote in " + entry.key + " is not closed");
-      }
-      variables.emplace_back(name, value.substr(begin + 1, end - begin - 1));
-      i = std::min(value.find(',', end), value.size() - 1) + 1;
-    } else {
-      const size_t end = std::min(value.find(',', equals), value.size());
-      variables.emplace_back(
-          name, withoutOuterBlanks(value.substr(equals + 1, end - equals - 1)));
-      i = end + 1;
-    }
-  }
-  return variables;
-}
-
-/// A size such as "50MB" for vornrun.
-std::string sizeFor(std::string size) {
-  size = upperCase(size);
-  if (!size.empty() && size.back() == 'B') size.pop_back();
-  return size;
-}
-
 /// The settings of one process, as members of an ImportedNode.
 class ProcessSettings {
  public:
-  ProcessSettings(const SourceText& file, const Keys& keys, const Names& names,
-                  ImportedNode& node)
+  ProcessSettings(const SourceText& file, const ProgramKeys& keys,
+                  const ValueNames& names, ImportedNode& node)
       : file_(file), keys_(keys), expansion_(file, names), node_(node) {}
 
   void convert() {
@@ -377,7 +238,7 @@ class ProcessSettings {
   }
 
   const SourceText& file_;
-  const Keys& keys_;
+  const ProgramKeys& keys_;
   Expansion expansion_;
   ImportedNode& node_;
 };
@@ -453,7 +314,7 @@ void SupervisordImporter::addGlobal(const SourceText& file,
 }
 
 void SupervisordImporter::addProgram(const Program& program) {
-  Keys keys;
+  ProgramKeys keys;
   for (const IniEntry& entry : program.section.entries) keys[entry.key] = entry;
   if (keys.count("command") == 0) {
     throw ImportError(*program.file, program.section.line,
@@ -481,7 +342,7 @@ void SupervisordImporter::addProgram(const Program& program) {
 
 /// The name of a process; throws ImportError if several have the same.
 std::string processName(const SourceText& file, const IniSection& section,
-                        const Keys& keys, const Names& names) {
+                        const ProgramKeys& keys, const ValueNames& names) {
   const auto found = keys.find("process_name");
   const IniEntry entry = found == keys.end()
                              ? IniEntry{"", "%(program_name)s", section.line}
@@ -496,13 +357,13 @@ std::string processName(const SourceText& file, const IniSection& section,
 }
 
 ImportedNode SupervisordImporter::process(const Program& program,
-                                          const Keys& keys, long number,
+                                          const ProgramKeys& keys, long number,
                                           long count) {
   const auto found = groups_.find(program.name);
   const std::string group =
       found == groups_.end() ? program.name : found->second.name;
   const std::filesystem::path path(program.file->name());
-  const Names names = {
+  const ValueNames names = {
       {"here", std::filesystem::absolute(path).parent_path().string()},
       {"program_name", program.name},
       {"group_name", group},

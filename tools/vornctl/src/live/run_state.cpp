@@ -3,8 +3,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <cctype>
-#include <cstdio>
 #include <string_view>
 
 #include "descriptor.h"
@@ -13,6 +11,7 @@
 #include "live/process_table.h"
 #include "output/json.h"
 #include "run_arguments.h"
+#include "state_file_name.h"
 
 namespace vorn::launch {
 namespace {
@@ -89,26 +88,6 @@ std::optional<RunState> parseRunState(const std::string& text,
   return state;
 }
 
-std::string runStateFile(const std::string& node) {
-  std::string name;
-  for (const char character : node) {
-    const bool is_plain =
-        std::isalnum(static_cast<unsigned char>(character)) != 0 ||
-        std::string_view("_-").find(character) != std::string_view::npos ||
-        (character == '.' && !name.empty());
-    if (is_plain) {
-      name += character;
-    } else {
-      char escaped[4];
-      (void)std::snprintf(
-          escaped, sizeof(escaped), "%%%02X",
-          static_cast<unsigned>(static_cast<unsigned char>(character)));
-      name += escaped;
-    }
-  }
-  return name + ".json";
-}
-
 NodeRun readNodeRun(const LauncherProcess& launcher,
                     const LaunchFile::Node& node, pid_t pid) {
   const std::string& program = node.executable;
@@ -123,8 +102,9 @@ NodeRun readNodeRun(const LauncherProcess& launcher,
     const auto found = readProcess(pid);
     if (found) process.startTicks = found->startTicks;
   }
-  const auto text = readTrusted(
-      launcher, settings.stateDirectory + "/" + runStateFile(node.name.value));
+  const auto text =
+      readTrusted(launcher, settings.stateDirectory + "/" +
+                                run::fileNameOf(node.name.value) + ".json");
   if (text) run.state = parseRunState(*text, process);
   return run;
 }

@@ -47,9 +47,6 @@ struct RunIdentity {
 std::optional<RunState> parseRunState(const std::string& text,
                                       const RunIdentity& process);
 
-/// The name of the state file of a node in its directory.
-std::string runStateFile(const std::string& node);
-
 /// The state of a node that runs by vornrun as `pid`; nothing if it has none.
 struct NodeRun {
   std::optional<RunState> state;

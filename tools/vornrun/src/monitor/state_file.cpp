@@ -5,8 +5,8 @@
 
 #include <utility>
 
-#include "process/node_name.h"
 #include "process/state_directory.h"
+#include "state_file_name.h"
 
 namespace vorn::run {
 

@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "file_text.h"
-#include "process/node_name.h"
+#include "state_file_name.h"
 
 namespace vorn::run {
 namespace {

@@ -23,23 +23,4 @@ std::string nodeName(const RunSettings& settings) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-std::string fileNameOf(const std::string& name) {
-  constexpr char kDigits[] = "0123456789ABCDEF";
-  std::string result;
-  for (const char c : name) {
-    const bool isLetter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-    const bool isPlain = isLetter || (c >= '0' && c <= '9') || c == '_' ||
-                         c == '-' || (c == '.' && !result.empty());
-    if (isPlain) {
-      result += c;
-      continue;
-    }
-    const auto byte = static_cast<unsigned char>(c);
-    result += '%';
-    result += kDigits[byte >> 4];
-    result += kDigits[byte & 0xf];
-  }
-  return result;
-}
-
 }  // namespace vorn::run

@@ -10,8 +10,4 @@ namespace vorn::run {
 /// component of the program's path, otherwise "?".
 std::string nodeName(const RunSettings& settings);
 
-/// `name` as a file name: every byte outside of [A-Za-z0-9._-], and a dot at
-/// the start, as %XX, so that no name leaves its directory.
-std::string fileNameOf(const std::string& name);
-
 }  // namespace vorn::run

@@ -8,9 +8,9 @@
 
 #include "control_client.h"
 #include "file_text.h"
-#include "process/node_name.h"
 #include "process/state_directory.h"
 #include "report.h"
+#include "state_file_name.h"
 #include "vorn/launch_rules.h"
 
 namespace vorn::run {
