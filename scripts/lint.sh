@@ -13,10 +13,11 @@ Usage: scripts/lint.sh [--full]
 Checks the form of the tracked files. The static analyzer of clang-tidy
 (clang-analyzer-*) checks the sources of the programs and libraries that have
 changed since the merge base with origin/main, or since HEAD~1 if there is none,
-and those that include a changed header. Exit status: 0 no error, 1 errors, 2 it
-could not be run.
+and those that include a changed header. Its other checks skip the directories of
+tests, fuzz targets and measurements without a change. Exit status: 0 no error, 1
+errors, 2 it could not be run.
 
-  --full      run the analyzer on every source of the programs and libraries
+  --full      run clang-tidy on everything
   -h, --help  print this text
 TEXT
 }
@@ -58,6 +59,23 @@ sources_to_analyze() {
   done <<<"$changed" | sort -u
 }
 
+# Prints the units of the unity build that clang-tidy checks. Those of tests take
+# long, mostly in the headers of GoogleTest.
+units_to_check() {
+  local unit directory changed=
+  $full || changed=$(changed_files) || true
+  find build-tidy/unity -name 'unity_*.cxx' | while read -r unit; do
+    directory=${unit#build-tidy/unity/}
+    directory=${directory%%/CMakeFiles/*}
+    case $directory in
+      */tests | fuzz | bench)
+        [[ -z $changed || $'\n'$changed == *$'\n'"$directory"/* ]] || continue
+        ;;
+    esac
+    printf '%s\n' "$unit"
+  done
+}
+
 # tidy DIRECTORY [CLANG-TIDY-OPTION...] checks the files named on standard input
 # with the compile commands of DIRECTORY.
 tidy() {
@@ -75,7 +93,7 @@ run_clang_tidy() {
   # build, which includes sources, they see each header once per target.
   configure_build clang -B build-tidy/unity -DCMAKE_UNITY_BUILD=ON \
     -DCMAKE_UNITY_BUILD_BATCH_SIZE=100 "${options[@]}"
-  find build-tidy/unity -name 'unity_*.cxx' |
+  units_to_check |
     tidy build-tidy/unity --checks='-clang-analyzer-*,-bugprone-suspicious-include' ||
     status=1
   return "$status"
