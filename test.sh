@@ -155,9 +155,13 @@ build_preset() {
 run_unit() {
   say "unit tests ($1)"
   runs=$((runs + 1))
+  # --quiet also hides failures.
   ctest --test-dir "$(build_directory "$1")" --parallel "$(nproc)" --quiet \
-    --no-tests=ignore --output-on-failure \
-    ${filter:+-R "$filter"} --output-junit "$results/$runs.xml" || failed=true
+    --no-tests=ignore --output-on-failure --output-log "$results/ctest.log" \
+    ${filter:+-R "$filter"} --output-junit "$results/$runs.xml" || {
+    grep -vE '[.] +Passed |^ +Start ' "$results/ctest.log" >&2
+    failed=true
+  }
 }
 
 run_system() {

@@ -272,8 +272,9 @@ void ComposeImporter::addAvailability(const YAML::Node& process,
     if (key == "restart") continue;
     if (key == "backoff_seconds" &&
         numberOf(each.second, key) > kRestartInterval.count()) {
-      std::string range = textOf(each.second, key) + "s";
-      range.append("..").append(range);
+      const std::string delay = textOf(each.second, key) + "s";
+      std::string range = delay;
+      range.append("..").append(delay);
       node.options.emplace_back("backoff", range);
     } else if (key == "backoff_seconds") {
       node.omit(key, textOf(each.second, key),
