@@ -11,7 +11,7 @@ struct ProcessStat {
   uint64_t startTime = 0;  // clock ticks since the boot
 };
 
-/// Parts of /proc/PID/stat; zeros if there is no such process.
+/// Parts of /proc/PID/stat; zeros without such a process.
 ProcessStat readProcessStat(pid_t pid);
 
 }  // namespace vorn::run
