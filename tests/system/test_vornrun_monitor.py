@@ -196,7 +196,7 @@ class TestLogs:
     @staticmethod
     @needs_root
     def test_another_user_can_open_its_output_again(node, log_options):
-        subprocess.run([node.program, *log_options, "--user", "nobody", "--state-dir",
+        subprocess.run([node.program, *log_options, "--user", "65534", "--state-dir",
                         node.tmp / "state", "--", "sh", "-c",
                         "echo hello >/dev/stderr"], check=True, timeout=60)
         eventually(lambda: node.log() == b"hello\n", "the log has the line")

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "import/process_compose.h"
+#include "omitted_settings.h"
 
 namespace vorn::launch {
 namespace {
@@ -34,12 +35,6 @@ std::string composeError(const std::string& text) {
   return "";
 }
 
-std::vector<std::string> composeOmissions(const ImportedNode& node) {
-  std::vector<std::string> settings;
-  for (const Omitted& each : node.omitted) settings.push_back(each.setting);
-  return settings;
-}
-
 TEST(ImportProcessComposeTest, ASimpleCommandNeedsNoShell) {
   const ImportedNode node = cameraWith("");
   EXPECT_EQ(node.program, "/bin/camera");
@@ -55,7 +50,7 @@ TEST(ImportProcessComposeTest, AShellRunsOtherCommands) {
   EXPECT_THAT(node.arguments, ElementsAre("-c", "exec camera --map '$MAP'"));
   EXPECT_THAT(node.omitted, IsEmpty());
   // Without exec, a stop reaches only the shell.
-  EXPECT_THAT(composeOmissions(processWith("    command: a && b\n")),
+  EXPECT_THAT(omittedSettings(processWith("    command: a && b\n")),
               ElementsAre(""));
 }
 
@@ -86,7 +81,7 @@ TEST(ImportProcessComposeTest, SettingsAreOptionsAndVariables) {
   EXPECT_THAT(node.environment, ElementsAre(Pair("A", "x y")));
   EXPECT_FALSE(node.isStarted);
   EXPECT_THAT(
-      composeOmissions(node),
+      omittedSettings(node),
       ElementsAre("log_location=/var/log/camera.log", "environment B=$HOME"));
 }
 
@@ -97,7 +92,7 @@ TEST(ImportProcessComposeTest, RestartsAreThoseOfTheLauncher) {
       "                   max_restarts: 3}\n");
   EXPECT_FALSE(node.isOneshot);
   EXPECT_THAT(node.options, ElementsAre(Pair("backoff", "10s..10s")));
-  EXPECT_THAT(composeOmissions(node),
+  EXPECT_THAT(omittedSettings(node),
               UnorderedElementsAre("availability.restart=on_failure",
                                    "max_restarts=3"));
 }
@@ -131,7 +126,7 @@ TEST(ImportProcessComposeTest, DependenciesAreTheOrderAndConditions) {
   EXPECT_THAT(imported.nodes[0].options, ElementsAre(Pair("ready", "tcp:h:1")));
   EXPECT_THAT(imported.nodes[2].options,
               ElementsAre(Pair("wait-for", "http://h:1/")));
-  EXPECT_THAT(composeOmissions(imported.nodes[2]),
+  EXPECT_THAT(omittedSettings(imported.nodes[2]),
               ElementsAre("depends_on c=process_completed"));
 }
 
@@ -144,7 +139,7 @@ TEST(ImportProcessComposeTest, ReplicasAreNodes) {
 
 TEST(ImportProcessComposeTest, OtherKeysAreOmittedWithAReason) {
   EXPECT_THAT(
-      composeOmissions(
+      omittedSettings(
           cameraWith("    is_daemon: true\n    surprise: [1]\n"
                      "    shutdown: {signal: 2, timeout_seconds: 10}\n")),
       ElementsAre("shutdown.signal=2", "is_daemon=true", "surprise=..."));

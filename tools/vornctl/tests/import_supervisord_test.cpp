@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "import/supervisord.h"
+#include "omitted_settings.h"
 
 namespace vorn::launch {
 namespace {
@@ -36,12 +37,6 @@ std::string supervisordError(const std::string& text) {
     return error.what();
   }
   return "";
-}
-
-std::vector<std::string> omittedSettings(const ImportedNode& node) {
-  std::vector<std::string> settings;
-  for (const Omitted& each : node.omitted) settings.push_back(each.setting);
-  return settings;
 }
 
 std::vector<std::string> supervisorNames(const Imported& imported) {

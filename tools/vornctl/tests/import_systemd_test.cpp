@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "import/systemd.h"
+#include "omitted_settings.h"
 
 namespace vorn::launch {
 namespace {
@@ -35,12 +36,6 @@ std::string unitError(const std::string& text) {
     return error.what();
   }
   return "";
-}
-
-std::vector<std::string> unitOmissions(const ImportedNode& node) {
-  std::vector<std::string> settings;
-  for (const Omitted& each : node.omitted) settings.push_back(each.setting);
-  return settings;
 }
 
 TEST(ImportSystemdTest, ACommandIsSplitAsBySystemd) {
@@ -103,7 +98,7 @@ TEST(ImportSystemdTest, ReadinessAndWatchdogAreOptions) {
 }
 
 TEST(ImportSystemdTest, AProgramInTheBackgroundIsOmitted) {
-  EXPECT_THAT(unitOmissions(runningWith("Type=forking\nPIDFile=/run/x\n")),
+  EXPECT_THAT(omittedSettings(runningWith("Type=forking\nPIDFile=/run/x\n")),
               ElementsAre("Type=forking", "PIDFile=/run/x"));
 }
 
@@ -114,7 +109,7 @@ TEST(ImportSystemdTest, WithoutRestartTheNodeIsAOneshot) {
   const ImportedNode node =
       serviceWith("ExecStart=/bin/x\nRestart=on-failure\n");
   EXPECT_FALSE(node.isOneshot);
-  EXPECT_THAT(unitOmissions(node), ElementsAre("Restart=on-failure"));
+  EXPECT_THAT(omittedSettings(node), ElementsAre("Restart=on-failure"));
 }
 
 TEST(ImportSystemdTest, DelaysAndLimitsOfRestartsAreOptions) {
@@ -123,7 +118,7 @@ TEST(ImportSystemdTest, DelaysAndLimitsOfRestartsAreOptions) {
                   "StartLimitBurst=3\nStartLimitIntervalSec=120\n")
           .options,
       ElementsAre(Pair("backoff", "10s..60s"), Pair("give-up", "3/120s")));
-  EXPECT_THAT(unitOmissions(runningWith("RestartSec=100ms\n")),
+  EXPECT_THAT(omittedSettings(runningWith("RestartSec=100ms\n")),
               ElementsAre("RestartSec=100ms"));
 }
 
@@ -146,7 +141,7 @@ TEST(ImportSystemdTest, OtherSettingsAreOmittedWithAReason) {
   const ImportedNode node = runningWith(
       "ExecStartPre=/bin/mkdir x\nKillMode=mixed\nRuntimeDirectory=x\n"
       "CapabilityBoundingSet=\nSurprise=1\nX-Own=2\n");
-  EXPECT_THAT(unitOmissions(node),
+  EXPECT_THAT(omittedSettings(node),
               ElementsAre("ExecStartPre=/bin/mkdir x", "KillMode=mixed",
                           "RuntimeDirectory=x",
                           "CapabilityBoundingSet=", "Surprise=1"));
@@ -163,7 +158,7 @@ TEST(ImportSystemdTest, UnitsAreInTheOrderOfAfterAndBefore) {
   std::vector<std::string> names;
   for (const ImportedNode& node : imported.nodes) names.push_back(node.name);
   EXPECT_THAT(names, ElementsAre("c", "b", "a"));
-  EXPECT_THAT(unitOmissions(imported.nodes[1]),
+  EXPECT_THAT(omittedSettings(imported.nodes[1]),
               ElementsAre("After=network.target"));
 }
 
