@@ -241,8 +241,7 @@ def test_why_names_a_full_disk(machine):
     machine.start(arguments=["/tmp/launch.yaml"], wrapper=[
         "sh", "-c", "mkdir /tmp/disk; mount -t tmpfs -o size=64k none /tmp/disk; "
         'exec "$@" 2>/tmp/disk/log', "sh"], wait_until_up=False)
-    eventually((machine.tmp / "vornlaunch/vornlaunch.sock").exists,
-               "the launcher listens")
+    machine.wait_until_up()
     machine.wait_for_state("a", State.RUNNING)
     machine.run("sh", "-c", "cat /dev/zero >/tmp/disk/fill", check=False)
     status, line = why(machine, "a")
