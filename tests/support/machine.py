@@ -2,6 +2,7 @@
 in which the launcher runs with a private /tmp and /run."""
 
 import dataclasses
+import functools
 import json
 import os
 import pathlib
@@ -89,6 +90,7 @@ def is_emulator(path):
     return path.startswith("/usr/libexec/qemu-binfmt/")
 
 
+@functools.cache
 def is_sanitized(program):
     """Whether the program was built with the address sanitizer."""
     return b"__asan_init" in program.read_bytes()
@@ -107,15 +109,22 @@ class Machine:
         (self.install / "bin").mkdir(parents=True)
         for name, source in (("vornlaunch", program),
                              ("vornctl", program.with_name("vornctl"))):
-            self._install(name, source)
+            if source.exists():
+                self._install(name, source)
         self._vornrun = program.with_name("vornrun")
         self.sanitized = is_sanitized(program)
         self.counted = b"__gcov_dump" in program.read_bytes()
 
     def _install(self, name, source):
-        copy = self.install / "bin" / name
-        shutil.copy2(source, copy)
-        copy.chmod(0o755)  # for other users, whatever the umask was
+        """Puts a program into the installation root: a link to a copy that it shares
+        with the machines in the same directory, since programs with sanitizers are
+        large."""
+        copy = self.tmp.parent / f".{name}"
+        if not copy.exists() or copy.stat().st_mtime_ns != source.stat().st_mtime_ns:
+            copy.unlink(missing_ok=True)
+            shutil.copy2(source, copy)
+            copy.chmod(0o755)  # for other users, whatever the umask was
+        os.link(copy, self.install / "bin" / name)
 
     # -- Before the start.
 
