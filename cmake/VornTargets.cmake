@@ -88,7 +88,7 @@ function(vorn_add_tests name)
   add_executable(${name} ${sources} ${ARG_SOURCES})
   if(VORN_UNITY)
     set_target_properties(${name} PROPERTIES
-      UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 100)
+      UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 30)
   endif()
   vorn_compile_options(${name})
   target_link_libraries(${name} PRIVATE
