@@ -7,7 +7,6 @@ import pytest
 
 from support import log_texts
 from support.control import Cmd, State
-from support.waiting import eventually
 
 
 @pytest.fixture(name="robot")

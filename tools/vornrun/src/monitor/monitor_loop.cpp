@@ -182,8 +182,8 @@ void MonitorLoop::readNotifications(int64_t nowMs) {
   for (int i = 0; i < kMostMessages; ++i) {
     const auto datagram = receiveNotifyDatagram(own_.notify);
     if (!datagram) return;
-    // The descriptor that came with it is closed, which was the answer; the sender
-    // may have exited since.
+    // The descriptor that came with it is closed, which was the answer; the
+    // sender may have exited since.
     if (datagram->text == "BARRIER=1") continue;
     if (datagram->isCut || !isDescendantOf(datagram->sender, identity_.pid)) {
       ++state_.ignoredMessages;
