@@ -272,6 +272,14 @@ std::optional<Condition> parseCondition(std::string_view text) {
   return std::nullopt;
 }
 
+std::string conditionText(const Condition& condition) {
+  if (condition.kind == Condition::Kind::NOTIFY) return "notify";
+  for (const ConditionPrefix& known : kConditionPrefixes) {
+    if (known.kind == condition.kind) return known.prefix + condition.value;
+  }
+  return condition.value;  // a URL
+}
+
 std::optional<std::pair<std::string, std::string>> parseVariable(
     std::string_view text) {
   const auto parts = splitAt(text, "=");

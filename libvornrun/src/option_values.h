@@ -52,6 +52,9 @@ std::optional<IoPriority> parseIoPriority(std::string_view text);
 /// "http://...", "https://...", "file:/p", "notify" or "fd:N".
 std::optional<Condition> parseCondition(std::string_view text);
 
+/// The text of which parseCondition() makes this condition.
+std::string conditionText(const Condition& condition);
+
 /// "NAME=VALUE", as parseEnvironmentFile() accepts the name.
 std::optional<std::pair<std::string, std::string>> parseVariable(
     std::string_view text);

@@ -124,6 +124,13 @@ TEST(OptionValues, AConditionHasAKindAndAValue) {
   }
 }
 
+TEST(OptionValues, AConditionHasTheTextThatItWasReadFrom) {
+  for (const char* text : {"path:/x", "tcp:localhost:80", "unix:/x", "exec:x y",
+                           "http://h/x", "file:/x", "notify", "fd:3"}) {
+    EXPECT_EQ(conditionText(*parseCondition(text)), text);
+  }
+}
+
 TEST(OptionValues, TheBracketsAroundAnIpv6AddressAreRemoved) {
   EXPECT_EQ(splitHostPort("[::1]:80"),
             std::make_pair(std::string("::1"), std::string("80")));

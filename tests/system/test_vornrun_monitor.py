@@ -336,6 +336,20 @@ class TestReadiness:
         assert node.wait()[0] == 0
 
     @staticmethod
+    def test_the_state_names_the_awaited_condition(node):
+        first, second = node.tmp / "first", node.tmp / "second"
+        node.start(["--wait-for", f"path:{first}", "--wait-for", f"path:{second}"],
+                   "wait_for('go')")
+        assert node.wait_for_phase("waiting")["status"] == f"path:{first}"
+        first.touch()
+        eventually(lambda: node.state()["status"] == f"path:{second}",
+                   "the second condition is awaited")
+        second.touch()
+        assert node.wait_for_phase("running")["status"] == ""
+        node.touch("go")
+        assert node.wait()[0] == 0
+
+    @staticmethod
     def test_a_program_for_systemd_runs_unchanged(node):
         node.start(["--ready", "notify", "--watchdog", "60s"], """
             assert os.environ["WATCHDOG_USEC"] == "60000000"

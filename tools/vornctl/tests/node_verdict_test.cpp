@@ -72,7 +72,8 @@ TEST_F(NodeVerdictTest, APhaseOfVornrunExplainsANodeThatIsNotReady) {
   EXPECT_EQ(summary().rfind("has not been ready since ", 0), 0U);
   EXPECT_TRUE(isAsWanted());
   run.phase = "waiting";
-  EXPECT_EQ(summary().rfind("waits for the conditions of its --wait-for", 0),
+  run.status = "path:/x";
+  EXPECT_EQ(summary().rfind("waits for path:/x of its --wait-for since ", 0),
             0U);
   EXPECT_FALSE(isAsWanted());
   run.phase = "delayed";

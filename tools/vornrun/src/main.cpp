@@ -108,17 +108,22 @@ class NodeStart {
     uint32_t restarts = 0;
     const auto onDelay = [&](size_t count, milliseconds delay) {
       restarts = static_cast<uint32_t>(count);
-      reportPhase(connection_, Phase::DELAYED, restarts,
-                  std::time(nullptr) + delay.count() / 1000);
+      reportPhase(connection_, {Phase::DELAYED, restarts,
+                                std::time(nullptr) + delay.count() / 1000, 0});
     };
-    auto error = loop_.beforeStart(
-        onDelay, [&] { reportPhase(connection_, Phase::GAVE_UP, 0, 0); });
-    if (!error && !settings_.waitFor.empty()) {
-      reportPhase(connection_, Phase::WAITING, restarts, 0);
-      error = waitForConditions(settings_, account(), environment_);
+    auto error = loop_.beforeStart(onDelay, [&] {
+      reportPhase(connection_, {Phase::GAVE_UP, 0, 0, 0});
+    });
+    const auto onCondition = [&](size_t number) {
+      reportPhase(connection_,
+                  {Phase::WAITING, restarts, 0, static_cast<uint32_t>(number)});
+    };
+    if (!error) {
+      error =
+          waitForConditions(settings_, account(), environment_, onCondition);
     }
     if (!error) error = loop_.recordStart();
-    reportPhase(connection_, Phase::STARTING, restarts, 0);
+    reportPhase(connection_, {Phase::STARTING, restarts, 0, 0});
     addNotifyVariables(settings_, connection_, environment_);
     return error;
   }

@@ -141,8 +141,8 @@ class Judge {
     const RunState& run = *view_.run.state;
     const std::string since = " since " + formatTime(run.phaseSince);
     if (run.phase == "waiting") {
-      return fail("waits for the conditions of its --wait-for" + since,
-                  "check the conditions in the launch file");
+      return fail("waits for " + run.status + " of its --wait-for" + since,
+                  "make the condition hold, or correct it in the launch file");
     }
     if (run.phase == "delayed") {
       return fail("is delayed by its --backoff until " +

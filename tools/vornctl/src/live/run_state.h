@@ -20,7 +20,8 @@ struct RunState {
   std::string phase;  // "waiting", "delayed", "starting", "ready", "running",
                       // "unhealthy" or "gave up"
   int64_t phaseSince = 0;
-  std::string status;           // the STATUS= of the program
+  std::string status;           // the STATUS= of the program; in the phase
+                                // "waiting" the condition it waits for
   std::optional<bool> isReady;  // nothing without --ready
   int64_t restarts = 0;         // quick ones, one after the other
   std::optional<int64_t> delayedUntil;

@@ -296,10 +296,9 @@ int connectProgram(const RunSettings& settings,
   return original;
 }
 
-void reportPhase(const MonitorConnection& connection, Phase phase,
-                 uint32_t restarts, int64_t delayedUntil) {
+void reportPhase(const MonitorConnection& connection,
+                 const PhaseMessage& message) {
   if (connection.phases < 0) return;
-  const PhaseMessage message = {phase, restarts, delayedUntil};
   // Smaller than PIPE_BUF: complete or not at all. The guardian keeps the pipe
   // readable.
   if (::write(connection.phases, &message, sizeof(message)) < 0) return;

@@ -60,10 +60,8 @@ int connectProgram(const RunSettings& settings,
                    const MonitorConnection& connection);
 
 /// Sends WAITING, DELAYED, STARTING or GAVE_UP to the monitor; the monitor
-/// itself finds out the later phases. `delayedUntil` is the Unix time in
-/// seconds of the next start, 0 without a delay. Without a monitor, nothing
-/// happens.
-void reportPhase(const MonitorConnection& connection, Phase phase,
-                 uint32_t restarts, int64_t delayedUntil);
+/// itself finds out the later phases. Without a monitor, nothing happens.
+void reportPhase(const MonitorConnection& connection,
+                 const PhaseMessage& message);
 
 }  // namespace vorn::run

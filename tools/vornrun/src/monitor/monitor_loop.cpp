@@ -12,6 +12,7 @@
 #include "monitor/notify_socket.h"
 #include "monitor/prefix_sink.h"
 #include "monitor/process_handle.h"
+#include "option_values.h"
 
 namespace vorn::run {
 namespace {
@@ -171,6 +172,10 @@ void MonitorLoop::readPhases(int64_t nowMs) {
     state_.phaseSince = unixSeconds();
     state_.restarts = message.restarts;
     state_.delayedUntil = message.delayedUntil;
+    copyPrintable(message.phase == Phase::WAITING
+                      ? conditionText(settings_.waitFor.at(message.condition))
+                      : "",
+                  state_.status, sizeof(state_.status));
   }
   if (size < 0) return;
   own_.phases = -1;  // closed by exec

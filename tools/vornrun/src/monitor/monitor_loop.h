@@ -20,13 +20,6 @@ struct MonitorDescriptors {
   int phases = -1;
 };
 
-/// What vornrun reports by reportPhase().
-struct PhaseMessage {
-  Phase phase = Phase::STARTING;
-  uint32_t restarts = 0;
-  int64_t delayedUntil = 0;
-};
-
 /// Which streams of the node are connected to the monitor.
 struct LoggedStreams {
   bool isLogged = false;

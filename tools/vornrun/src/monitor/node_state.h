@@ -22,12 +22,21 @@ enum class Phase : uint8_t {
 
 const char* nameOf(Phase phase);
 
+/// What vornrun reports by reportPhase() before it executes the program.
+struct PhaseMessage {
+  Phase phase = Phase::STARTING;
+  uint32_t restarts = 0;     // quick ones, one after the other
+  int64_t delayedUntil = 0;  // Unix time in s; 0: not delayed
+  uint32_t condition = 0;    // the number of the --wait-for that it waits for
+};
+
 /// Plain data in memory that the guardian shares with the monitor, so that a
 /// restarted monitor continues with it.
 struct NodeState {
   Phase phase = Phase::STARTING;
   int64_t phaseSince = 0;  // Unix time in s
-  char status[256] = {};   // printable text
+  char status[256] = {};   // printable text: the condition that it waits for,
+                           // later the STATUS= of the program
   bool expectsReadiness = false;
   bool isReady = false;
   bool isStopping = false;  // STOPPING=1: no longer watched

@@ -81,30 +81,17 @@ class ConditionWait {
   std::vector<SocketAddress> addresses_;
 };
 
-/// The condition as an option's value.
-std::string conditionText(const Condition& condition) {
-  switch (condition.kind) {
-    case Condition::Kind::PATH:
-      return "path:" + condition.value;
-    case Condition::Kind::TCP:
-      return "tcp:" + condition.value;
-    case Condition::Kind::UNIX:
-      return "unix:" + condition.value;
-    case Condition::Kind::EXEC:
-      return "exec:" + condition.value;
-    default:
-      return condition.value;
-  }
-}
-
 }  // namespace
 
-std::optional<RunError> waitForConditions(const RunSettings& settings,
-                                          const Account* account,
-                                          const Environment& environment) {
+std::optional<RunError> waitForConditions(
+    const RunSettings& settings, const Account* account,
+    const Environment& environment,
+    const std::function<void(size_t)>& onCondition) {
   const bool isLimited = settings.waitTimeout.count() > 0;
   const Clock::time_point deadline = Clock::now() + settings.waitTimeout;
-  for (const Condition& condition : settings.waitFor) {
+  for (size_t i = 0; i < settings.waitFor.size(); ++i) {
+    const Condition& condition = settings.waitFor[i];
+    onCondition(i);
     const ConditionWait wait(condition, account, environment);
     const std::string impossibility = wait.impossibility();
     if (!impossibility.empty()) return RunError{"--wait-for", impossibility};
