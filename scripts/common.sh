@@ -45,6 +45,8 @@ debian_suite() {
   SANITIZER_PACKAGES=(clang libclang-rt-dev)
   FUZZ_PACKAGES=("${SANITIZER_PACKAGES[@]}" llvm)
   ROOT_PACKAGES=(debootstrap util-linux)  # for a Debian root to test in
+  # For virtual machines to test in.
+  LAB_PACKAGES=(qemu-system-x86 qemu-utils mmdebstrap e2fsprogs openssh-client)
   PACKAGE_PACKAGES=(git debhelper dpkg-dev)
   RPM_PACKAGES=(rpm cpio)
   PACKAGE_TEST_PACKAGES=(lintian)

@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# Tests the packages on virtual machines.
+
+root=$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")
+# shellcheck source=scripts/common.sh
+source "$root/scripts/common.sh"
+cd -- "$root"
+
+usage() {
+  cat <<TEXT
+Usage: ./lab.sh [SCENARIO...] [-- PYTEST-OPTION...]
+
+Builds the packages and boots Debian on an emulated machine to test them: a scenario
+is a file tests/lab/test_SCENARIO.py; default: all. The first run creates the disk of
+the machines in build-lab/ (root only). Exit status: 0 all passed, 1 a test failed, 2
+the tests could not be run.
+
+  service   the unit, the packages and the journal on a booted machine
+
+  --smoke    boot once, and test only that the service runs after a reboot
+  -h, --help print this text
+
+The output of the console of a machine is in build-lab/run/ after a failure.
+TEXT
+}
+
+read_options "" smoke "$@"
+set -- "${arguments[@]}"
+selection=()
+if [[ $1 == --smoke ]]; then
+  selection=(-k test_the_nodes_run_again_after_a_reboot)
+  shift
+fi
+shift
+files=()
+while [[ $# -gt 0 && $1 != -* ]]; do
+  [[ -f tests/lab/test_$1.py ]] || die "no scenario '$1'; see ./lab.sh --help"
+  files+=("tests/lab/test_$1.py")
+  shift
+done
+if [[ ${#files[@]} -eq 0 ]]; then files=(tests/lab); fi
+[[ $(uname -m) == x86_64 ]] || die "the machines are emulated on x86-64 only"
+
+install_packages "${LAB_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
+scripts/lab_image.sh build-lab/image
+./package.sh
+say "tests on virtual machines"
+/usr/bin/python3 -m pytest -p no:cacheprovider -ra --timeout=3600 \
+  --basetemp=build-lab/run -o tmp_path_retention_policy=failed \
+  "${selection[@]}" "${files[@]}" "$@" || exit 1

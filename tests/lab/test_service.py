@@ -1,0 +1,144 @@
+"""The service on a booted Debian: its unit, the packages and the journal."""
+
+import json
+
+import pytest
+
+UNIT = "vornlaunch.service"
+FILE = "/etc/vornlaunch/launch.yaml"
+WRONG_FILE = "vornnode: {camera: {path: /opt/robot/camera, oneshot: perhaps}}"
+
+
+@pytest.fixture(autouse=True)
+def fixture_restore(robot):
+    """Each test begins with the usual launch file, the service and its nodes."""
+    yield
+    robot.run(f"rm -f /full; cp /root/launch.yaml {FILE}; systemctl reset-failed; "
+              f"systemctl start {UNIT}")
+    robot.wait_until_running("camera", "planner")
+
+
+def states(robot):
+    """The state of each node by its name."""
+    nodes = json.loads(robot.output("vornctl status --json"))["nodes"]
+    return {node["name"]: node["state"] for node in nodes}
+
+
+def node_processes(robot):
+    """The pids of the processes that run a node's program."""
+    return set(robot.output("pgrep -f '^sleep 100000'").split())
+
+
+def test_the_nodes_run_again_after_a_reboot(robot):
+    robot.reboot()
+    robot.wait_until_running("camera", "planner")
+    assert states(robot) == {"camera": "running", "planner": "running"}
+
+
+@pytest.mark.parametrize("signal", ["KILL", "INT", "SEGV"])
+def test_a_launcher_that_ends_is_restarted_without_leftover_processes(robot, signal):
+    before = robot.launcher_pid()
+    old = node_processes(robot)
+    robot.run(f"kill -{signal} {before}")
+    robot.wait_for(f"test $(systemctl show -P MainPID {UNIT}) -ne 0 -a "
+                   f"$(systemctl show -P MainPID {UNIT}) -ne {before}",
+                   "another launcher runs")
+    robot.wait_until_running("camera", "planner")
+    assert not old & node_processes(robot)
+    assert robot.run("vornctl orphans").returncode == 0
+
+
+def test_an_update_of_the_packages_keeps_the_launcher_running(robot):
+    before = robot.launcher_pid()
+    robot.run("cd /root/packages && apt-get install -y --reinstall "
+              "./vornlaunch_*.deb ./vornctl_*.deb")
+    assert robot.launcher_pid() == before
+
+
+def test_the_socket_survives_the_cleaning_of_temporary_files(robot):
+    robot.run("touch --date '30 days ago' /tmp/vornlaunch /tmp/vornlaunch/*")
+    robot.run("SYSTEMD_LOG_LEVEL=info systemd-tmpfiles --clean")
+    robot.run("vornctl ping")
+
+
+@pytest.mark.parametrize("jump", ["+1 hour", "-1 hour"])
+def test_nodes_survive_a_jump_of_the_clock(robot, jump):
+    before = node_processes(robot)
+    robot.run(f"date --set '{jump}'")
+    assert states(robot) == {"camera": "running", "planner": "running"}
+    assert node_processes(robot) == before
+    robot.run("vornctl restart camera")
+    robot.wait_until_running("camera", "planner")
+
+
+def test_a_node_restarts_although_the_clock_was_set_back(robot):
+    robot.run("date --set '-1 hour'")
+    robot.run("pkill -KILL -f -o '^sleep 100000'")
+    robot.wait_until_running("camera", "planner")
+    robot.run("date --set '+1 hour'")
+
+
+def test_the_journal_has_the_levels_of_the_log(robot):
+    robot.run("pkill -KILL -f -o '^sleep 100000'")
+    robot.wait_for("vornctl history | grep -q SIGKILL", "the death is in the journal")
+    lines = robot.output(f"journalctl -u {UNIT} -o json --output-fields=PRIORITY,MESSAGE "
+                         "-t vornlaunch").splitlines()
+    entries = [json.loads(line) for line in lines]
+    assert {entry["PRIORITY"] for entry in entries
+            if "receive signal: 9" in entry["MESSAGE"]} == {"6"}
+    assert not [entry for entry in entries if entry["MESSAGE"].startswith("<")]
+
+
+@pytest.mark.parametrize("replace, reason", [
+    (f"rm {FILE}", "No such file or directory"),
+    (f"echo '{WRONG_FILE}' >{FILE}", "oneshot"),
+], ids=["missing", "wrong"])
+def test_without_a_valid_file_the_unit_fails_once(robot, replace, reason):
+    begin = robot.output("date +%s").strip()
+    robot.run(f"{replace}; systemctl restart {UNIT}", check=False)
+    robot.wait_for(f"systemctl is-failed {UNIT}", "the service has failed")
+    errors = robot.output(f"journalctl -u {UNIT} -p err --since @{begin} -o cat")
+    assert reason in errors and "Start request repeated" not in errors
+    shown = robot.output(f"systemctl show -p ExecMainStatus,NRestarts {UNIT}")
+    assert set(shown.split()) == {"ExecMainStatus=78", "NRestarts=0"}
+
+
+def test_only_one_of_the_units_runs(robot):
+    robot.run(f"cp {FILE} /etc/vornlaunch/other.yaml")
+    robot.run("systemctl start vornlaunch@other.service")
+    active = robot.output("systemctl list-units --state=active --plain --no-legend "
+                          "'vornlaunch*.service'")
+    assert [line.split()[0] for line in active.splitlines()] == [
+        "vornlaunch@other.service"]
+    robot.run("systemctl stop vornlaunch@other.service")
+
+
+def test_a_node_killed_for_lack_of_memory_is_explained(robot):
+    robot.write("/opt/robot/hungry", "#!/usr/bin/python3\n"
+                "x = b'x' * (900 << 20)\n", "755")
+    file = json.loads(robot.output(f"cat {FILE}"))
+    file["vornnode"]["hungry"] = {"path": "/opt/robot/hungry"}
+    robot.write(FILE, json.dumps(file))
+    robot.run(f"systemctl set-property --runtime {UNIT} MemoryMax=200M MemorySwapMax=0")
+    robot.run(f"systemctl restart {UNIT}")
+    robot.wait_for("vornctl why hungry | head -1 | grep 'for lack of memory'",
+                   "why names the lack of memory")
+    assert states(robot)["camera"] == "running"
+    robot.run(f"systemctl set-property --runtime {UNIT} MemoryMax=infinity")
+    robot.run(f"systemctl stop {UNIT}")
+
+
+def test_the_service_runs_on_a_full_disk(robot):
+    robot.run("cat /dev/zero >/full || true")
+    robot.run(f"systemctl restart {UNIT}")
+    robot.wait_until_running("camera", "planner")
+
+
+def test_a_purge_leaves_neither_processes_nor_the_socket(robot):
+    before = robot.launcher_pid()
+    robot.run("apt-get purge -y vornlaunch vornctl")
+    assert robot.run(f"kill -0 {before}", check=False).returncode != 0
+    assert robot.output("ls /tmp/vornlaunch") == ""
+    assert robot.output("pgrep -f '^sleep 100000' || true") == ""
+    robot.run("cd /root/packages && apt-get install -y ./vornlaunch_*.deb "
+              "./vornctl_*.deb")
