@@ -2,9 +2,11 @@
 
 import base64
 import hashlib
+import os
 import re
 import signal
 import stat
+import time
 
 import pytest
 
@@ -231,6 +233,9 @@ def test_a_launcher_that_does_not_answer_is_reported_with_the_reason(night):
 
 def test_a_launch_file_that_became_invalid_is_shown_with_its_errors(night):
     night.launch_file(LAUNCH_FILE.replace("lidar: {", "lidar: [{"))
+    # A file counts as changed from 50 ms after the start on.
+    later = time.time() + 5
+    os.utime(night.tmp / "launch.yaml", (later, later))
     page = report(night)
     assert "error: " in page.text_of("file")
     assert [secret for secret in SECRETS if secret in page.text] == []
