@@ -448,7 +448,7 @@ def test_a_node_has_a_control_group_of_its_own(machine):
         "node/1": machine.wrapped("--cgroup", "/tmp/bin/fork"),
     }}, wrapper=["sh", "-c", """
         mkdir /tmp/cgroup && mount -t cgroup2 none /tmp/cgroup && cd /tmp/cgroup &&
-        mkdir vornrun-test-$PPID-$$ && cd vornrun-test-$PPID-$$ &&
+        cd "$(mktemp -d vornrun-test-XXXXXX)" &&
         python3 -c 'import os; os.setxattr(".", "user.delegate", b"1")' &&
         echo $$ >cgroup.procs && exec "$@" """, "sh"])
     process = machine.child("node/1", ["sleep", "1000"])
