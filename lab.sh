@@ -15,7 +15,8 @@ is a file tests/lab/test_SCENARIO.py; default: all. The first run creates the di
 the machines in build-lab/ (root only). Exit status: 0 all passed, 1 a test failed, 2
 the tests could not be run.
 
-  service   the unit, the packages and the journal on a booted machine
+  service    the unit, the packages and the journal on a booted machine
+  power_cut  vornctl apply is interrupted by power cuts
 
   --smoke    boot once, and test only that the service runs after a reboot
   -h, --help print this text
