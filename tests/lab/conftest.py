@@ -7,7 +7,7 @@ import shutil
 
 import pytest
 
-from guest import Guest
+from guest import Guest, guest_with_service
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 LAUNCH_FILE = {"vornnode": {
@@ -61,12 +61,8 @@ def fixture_installed(image, tmp_path_factory):
 
 @pytest.fixture(scope="module", name="robot")
 def fixture_robot(image, installed, tmp_path_factory):
-    """A machine that the tests of a module share; its service is enabled and runs."""
+    """A machine that the tests of a module share; its service runs."""
     directory = tmp_path_factory.mktemp("robot")
-    guest = Guest(image, installed, directory)
-    guest.boot()
-    guest.run("systemctl enable --now vornlaunch.service")
-    guest.wait_until_running("camera", "planner")
-    yield guest
-    guest.close()
+    with guest_with_service(image, installed, directory) as guest:
+        yield guest
     shutil.rmtree(directory, ignore_errors=True)

@@ -1,5 +1,6 @@
 """A virtual machine that runs Debian with systemd."""
 
+import contextlib
 import pathlib
 import shlex
 import signal
@@ -139,3 +140,16 @@ class Guest:
 
     def launcher_pid(self):
         return int(self.output("systemctl show -P MainPID vornlaunch.service"))
+
+
+@contextlib.contextmanager
+def guest_with_service(image, installed, directory):
+    """A machine with the disk `installed` whose service is enabled and runs."""
+    guest = Guest(image, installed, directory)
+    try:
+        guest.boot()
+        guest.run("systemctl enable --now vornlaunch.service && sync")
+        guest.wait_until_running("camera", "planner")
+        yield guest
+    finally:
+        guest.close()

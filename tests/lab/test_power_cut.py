@@ -5,7 +5,7 @@ import random
 
 import pytest
 
-from guest import Guest
+from guest import guest_with_service
 
 ROUNDS = 10
 FILE = "/etc/vornlaunch/launch.yaml"
@@ -21,13 +21,8 @@ def cut_power_during(guest, command, chance):
 
 @pytest.fixture(name="guest")
 def fixture_guest(image, installed, tmp_path):
-    """A machine whose service is enabled and runs."""
-    guest = Guest(image, installed, tmp_path)
-    guest.boot()
-    guest.run("systemctl enable --now vornlaunch.service && sync")
-    guest.wait_until_running("camera", "planner")
-    yield guest
-    guest.close()
+    with guest_with_service(image, installed, tmp_path) as guest:
+        yield guest
 
 
 def test_the_launch_file_is_whole_after_a_power_cut_during_apply(guest):
