@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Tests the packages on virtual machines.
+# Tests the packages with the systems that they are used with.
 
 root=$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")
 # shellcheck source=scripts/common.sh
@@ -10,13 +10,14 @@ usage() {
   cat <<TEXT
 Usage: ./lab.sh [SCENARIO...] [-- PYTEST-OPTION...]
 
-Builds the packages and boots Debian on an emulated machine to test them: a scenario
-is a file tests/lab/test_SCENARIO.py; default: all. The first run creates the disk of
-the machines in build-lab/ (root only). Exit status: 0 all passed, 1 a test failed, 2
-the tests could not be run.
+Builds the packages and tests them on emulated machines that boot Debian, and on this
+machine: a scenario is a file tests/lab/test_SCENARIO.py; default: all. The first run
+creates the disk of the machines in build-lab/ (root only). Exit status: 0 all passed,
+1 a test failed, 2 the tests could not be run.
 
   service    the unit, the packages and the journal on a booted machine
-  power_cut  vornctl apply is interrupted by power cuts
+  power_cut  power cuts during vornctl apply
+  metrics    the alerts of Prometheus for real metrics
 
   --smoke    boot once, and test only that the service runs after a reboot
   -h, --help print this text
@@ -43,9 +44,14 @@ if [[ ${#files[@]} -eq 0 ]]; then files=(tests/lab); fi
 [[ $(uname -m) == x86_64 ]] || die "the machines are emulated on x86-64 only"
 
 install_packages "${LAB_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
+install_servers "${MONITORING_PACKAGES[@]}"
 scripts/lab_image.sh build-lab/image
 ./package.sh
-say "tests on virtual machines"
+rm -rf build-lab/programs
+for package in build-packages/amd64/vorn{ctl,launch}_*.deb; do
+  dpkg-deb -x "$package" build-lab/programs
+done
+say "tests of the packages"
 /usr/bin/python3 -m pytest -p no:cacheprovider -ra --timeout=3600 \
-  --basetemp=build-lab/run -o tmp_path_retention_policy=failed \
+  --build=build-lab/programs/usr --basetemp=build-lab/run -o tmp_path_retention_policy=failed \
   "${selection[@]}" "${files[@]}" "$@" || exit 1
