@@ -274,6 +274,11 @@ class Driver:
     def compare(self, model):
         """Checks that the launcher agrees with `model`, the model after the step."""
         self._set_system(model)
+        # Otherwise a reply could separate a stop from its exit in the log: SIGKILL
+        # takes effect some time after kill(2).
+        ended = set(self.pids) - set(model.processes)
+        self._wait_until(lambda: all(self._state(p) in (None, "Z", "X") for p in ended),
+                         "the stopped processes are dead")
         if not model.has_ended:
             # The second reply follows a whole iteration of the loop after the step, so
             # all due nodes have been started.
