@@ -32,7 +32,7 @@ debian_suite() {
 # shellcheck disable=SC2034  # used by the scripts that source this file
 {
   BUILD_PACKAGES=(build-essential cmake libyaml-cpp-dev procps libcli11-dev
-    nlohmann-json3-dev libncurses-dev zlib1g-dev libsystemd-dev lowdown)
+    nlohmann-json3-dev libncurses-dev zlib1g-dev lowdown)
   TEST_PACKAGES=(mandoc systemd systemd-journal-remote libgtest-dev libgmock-dev
     python3 python3-pytest python3-pytest-xdist python3-pytest-timeout
     python3-hypothesis python3-jsonschema python3-yaml pkgconf strace socat)
@@ -59,7 +59,7 @@ debian_suite() {
     codespell mkdocs linkchecker prometheus)
   EMULATION_PACKAGES=(qemu-user-static)  # for scripts/emulate_arm64.sh
   ARM64_PACKAGES=(g++-aarch64-linux-gnu "$YAML_CPP_PACKAGE:arm64"
-    libncurses-dev:arm64 zlib1g-dev:arm64 libsystemd-dev:arm64
+    libncurses-dev:arm64 zlib1g-dev:arm64
     libgtest-dev:arm64 libgmock-dev:arm64)
   # The first cannot be installed for two architectures at a time; it needs the
   # second.

@@ -346,6 +346,20 @@ class TestTheJournal:
                "this user can read; copy the *.journal files into it and make them "
                "readable\n")
 
+    @staticmethod
+    @pytest.mark.native
+    def test_needs_libsystemd(machine):
+        machine.start_without_launcher()
+        (machine.tmp / "journal").mkdir()
+        machine.run("sh", "-c", "PATH=$PATH:/sbin ldconfig -p | sed -n"
+                    " 's/.*libsystemd.so.0 .*=> //p' | while read -r library; do"
+                    " mount --bind /dev/null $library; done")
+        done = machine.vornctl("logs", "--log", "/tmp/journal")
+        assert (done.returncode, done.stderr) == (
+            2, "vornctl: cannot load libsystemd.so.0, which reads the journal; install "
+               "it (Debian: libsystemd0), or use: journalctl -o cat -u UNIT | vornctl "
+               "COMMAND --log -\n")
+
 
 class TestTheJournalOfTheMachine:
     """A launcher whose standard error is a stream of the journal."""

@@ -1,7 +1,6 @@
 #include "live/log_journal.h"
 
 #include <poll.h>
-#include <systemd/sd-journal.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,6 +11,7 @@
 #include <sstream>
 #include <string_view>
 
+#include "live/libsystemd.h"
 #include "live/line_splitter.h"
 #include "live/proc_file.h"
 
@@ -19,7 +19,7 @@ namespace vorn::launch {
 namespace {
 
 struct JournalCloser {
-  void operator()(sd_journal* journal) const { ::sd_journal_close(journal); }
+  void operator()(sd_journal* journal) const { libsystemd().close(journal); }
 };
 using Journal = std::unique_ptr<sd_journal, JournalCloser>;
 
@@ -39,16 +39,17 @@ bool failJournal(const std::string& directory, int result, std::string& error) {
 /// The journal of this machine, or that in a directory. Null and `error` if it
 /// cannot be opened.
 Journal openJournal(const std::string& directory, std::string& error) {
+  if (!loadLibsystemd(error)) return nullptr;
   sd_journal* journal = nullptr;
   const int result =
       directory.empty()
-          ? ::sd_journal_open(&journal, SD_JOURNAL_LOCAL_ONLY)
-          : ::sd_journal_open_directory(&journal, directory.c_str(), 0);
+          ? libsystemd().open(&journal, Libsystemd::kLocalOnly)
+          : libsystemd().open_directory(&journal, directory.c_str(), 0);
   if (result < 0) {
     (void)failJournal(directory, result, error);
     return nullptr;
   }
-  (void)::sd_journal_set_data_threshold(journal, kMaxLogLine);
+  (void)libsystemd().set_data_threshold(journal, kMaxLogLine);
   return Journal(journal);
 }
 
@@ -57,7 +58,7 @@ Journal openJournal(const std::string& directory, std::string& error) {
 std::string_view valueOf(sd_journal* journal, const char* field) {
   const void* data = nullptr;
   size_t size = 0;
-  if (::sd_journal_get_data(journal, field, &data, &size) < 0) return {};
+  if (libsystemd().get_data(journal, field, &data, &size) < 0) return {};
   const size_t prefix = std::strlen(field) + 1;  // "FIELD="
   return std::string_view(static_cast<const char*>(data), size)
       .substr(std::min(prefix, size));
@@ -66,22 +67,22 @@ std::string_view valueOf(sd_journal* journal, const char* field) {
 /// When the current entry was received, in microseconds since the epoch.
 int64_t timeOf(sd_journal* journal) {
   uint64_t time = 0;
-  (void)::sd_journal_get_realtime_usec(journal, &time);
+  (void)libsystemd().get_realtime_usec(journal, &time);
   return static_cast<int64_t>(time);
 }
 
 void addMatches(sd_journal* journal, const std::vector<std::string>& matches) {
   for (const std::string& match : matches) {
-    (void)::sd_journal_add_match(journal, match.data(), match.size());
+    (void)libsystemd().add_match(journal, match.data(), match.size());
   }
 }
 
 /// Moves to the last entry with these fields; false if there is none.
 bool findLast(sd_journal* journal, const std::vector<std::string>& matches) {
-  ::sd_journal_flush_matches(journal);
+  libsystemd().flush_matches(journal);
   addMatches(journal, matches);
-  return ::sd_journal_seek_tail(journal) >= 0 &&
-         ::sd_journal_previous(journal) > 0;
+  return libsystemd().seek_tail(journal) >= 0 &&
+         libsystemd().previous(journal) > 0;
 }
 
 bool endsWith(std::string_view text, std::string_view ending) {
@@ -178,7 +179,7 @@ bool passEntry(sd_journal* journal, const LogReader& reader) {
 
 void storePosition(sd_journal* journal, LogPosition* end) {
   char* cursor = nullptr;
-  if (end == nullptr || ::sd_journal_get_cursor(journal, &cursor) < 0) return;
+  if (end == nullptr || libsystemd().get_cursor(journal, &cursor) < 0) return;
   end->cursor = cursor;
   std::free(cursor);  // NOLINT: allocated by libsystemd with malloc()
 }
@@ -188,7 +189,7 @@ bool readOn(const LogLocation& location, sd_journal* journal, int64_t since_us,
             const LogReader& reader, std::string& error, LogPosition* end,
             bool& is_stopped) {
   for (;;) {
-    const int result = ::sd_journal_next(journal);
+    const int result = libsystemd().next(journal);
     if (result < 0) return failJournal(location.path, result, error);
     if (result == 0) return true;
     storePosition(journal, end);
@@ -201,37 +202,37 @@ bool readOn(const LogLocation& location, sd_journal* journal, int64_t since_us,
 /// Moves to the last entry before `since_us`, and stores its position.
 bool seekBefore(sd_journal* journal, int64_t since_us, LogPosition* end) {
   const auto time = static_cast<uint64_t>(since_us);
-  if (since_us != 0 && ::sd_journal_seek_realtime_usec(journal, time) >= 0) {
-    while (::sd_journal_previous(journal) > 0) {
+  if (since_us != 0 && libsystemd().seek_realtime_usec(journal, time) >= 0) {
+    while (libsystemd().previous(journal) > 0) {
       if (timeOf(journal) >= since_us) continue;  // an entry of that very time
       storePosition(journal, end);
       return true;
     }
   }
-  return ::sd_journal_seek_head(journal) >= 0;
+  return libsystemd().seek_head(journal) >= 0;
 }
 
 /// Moves to the last entry that has been read.
 bool seekTo(sd_journal* journal, const LogPosition& position) {
   const char* const cursor = position.cursor.c_str();
-  if (position.cursor.empty()) return ::sd_journal_seek_head(journal) >= 0;
-  if (::sd_journal_seek_cursor(journal, cursor) < 0) return false;
-  const int result = ::sd_journal_next(journal);
+  if (position.cursor.empty()) return libsystemd().seek_head(journal) >= 0;
+  if (libsystemd().seek_cursor(journal, cursor) < 0) return false;
+  const int result = libsystemd().next(journal);
   // The next entry, if the journal has deleted that of the cursor.
-  if (result > 0 && ::sd_journal_test_cursor(journal, cursor) == 0) {
-    return ::sd_journal_previous(journal) >= 0;
+  if (result > 0 && libsystemd().test_cursor(journal, cursor) == 0) {
+    return libsystemd().previous(journal) >= 0;
   }
   return result >= 0;
 }
 
 /// Waits for new entries; false if `cancel_fd` is readable.
 bool waitForEntries(sd_journal* journal, int cancel_fd) {
-  pollfd watched[] = {{::sd_journal_get_fd(journal), POLLIN, 0},
+  pollfd watched[] = {{libsystemd().get_fd(journal), POLLIN, 0},
                       {cancel_fd, POLLIN, 0}};
   // Also new files in a directory that the kernel does not watch.
   constexpr int kLimitMs = 1000;
   (void)::poll(watched, 2, kLimitMs);
-  (void)::sd_journal_process(journal);
+  (void)libsystemd().process(journal);
   return watched[1].revents == 0;
 }
 
@@ -290,15 +291,15 @@ bool readJournalEnd(const LogLocation& location, uint64_t count,
   const Journal journal = openJournal(location.path, error);
   if (!journal) return false;
   addMatches(journal.get(), location.matches);
-  int result = ::sd_journal_seek_tail(journal.get());
+  int result = libsystemd().seek_tail(journal.get());
   if (result >= 0) {
     // One more than `count`: the entry before the first one that is read.
-    result = ::sd_journal_previous_skip(journal.get(), count + 1);
+    result = libsystemd().previous_skip(journal.get(), count + 1);
   }
   if (result < 0) return failJournal(location.path, result, error);
   is_all = static_cast<uint64_t>(result) <= count;
   if (is_all) {
-    result = ::sd_journal_seek_head(journal.get());
+    result = libsystemd().seek_head(journal.get());
     if (result < 0) return failJournal(location.path, result, error);
   } else {
     is_all = timeOf(journal.get()) < since_us;
@@ -314,7 +315,7 @@ bool followJournal(const LogLocation& location, LogPosition& position,
   const Journal journal = openJournal(location.path, error);
   if (!journal) return false;
   // The first call only starts the watch of the files.
-  (void)::sd_journal_get_fd(journal.get());
+  (void)libsystemd().get_fd(journal.get());
   addMatches(journal.get(), location.matches);
   if (!seekTo(journal.get(), position)) {
     return failJournal(location.path, -EBADMSG, error);

@@ -6,8 +6,8 @@
 
 #include "live/log_source.h"
 
-// Logs in the journal of systemd. Without libsystemd at build time, finding one
-// fails with an explanation.
+// Logs in the journal of systemd. Without libsystemd on this machine, finding
+// one fails with an explanation.
 
 namespace vorn::launch {
 
