@@ -16,6 +16,7 @@ it could not be run. CI runs the short forms: ./test.sh --reliability.
 
   faults       each system call of the launcher fails in turn, with each error
   fault-table  only prints the calls, the errors and the expected outcomes
+  vornctl      each system call of vornctl fails in turn, with each error
   states       random launch files and commands, compared with a model
   fuzz         launch files, requests, log texts and roots, by libFuzzer
   clients      hostile and numerous clients of the control socket
@@ -49,6 +50,7 @@ shift || true
 case $proof in
   faults) run_long test_fault_sweep.py -n "$(($(nproc) * 4))" "$@" ;;
   fault-table) /usr/bin/python3 tests/reliability/fault_table.py ;;
+  vornctl) run_long test_vornctl_faults.py -n "$(($(nproc) * 4))" "$@" ;;
   states) run_long test_state_model.py "$@" ;;
   fuzz) fuzz/run.sh "$@" ;;
   clients) run_long test_hostile_clients.py "$@" ;;

@@ -36,8 +36,8 @@ def fixture_robot(machine):
     return machine
 
 
-def apply(machine, text, *options):
-    return machine.execute(*COMMAND, *options, machine.file("new.yaml", text))
+def apply(machine, text, *options, wrapper=()):
+    return machine.execute(*wrapper, *COMMAND, *options, machine.file("new.yaml", text))
 
 
 def restarts(machine):
@@ -58,6 +58,12 @@ def test_apply_replaces_the_file_once(robot):
     done = apply(robot, new)
     assert (done.returncode, done.stdout, done.stderr) == (0, "unchanged\n", "")
     assert len(restarts(robot)) == 1
+
+
+def test_apply_collects_its_commands_even_if_its_caller_ignores_sigchld(robot):
+    new = text_of(robot, 1002)
+    done = apply(robot, new, wrapper=["env", "--ignore-signal=CHLD"])
+    assert (done.returncode, done.stdout, done.stderr) == (0, "applied\n", "")
 
 
 def test_apply_puts_the_old_file_back_if_a_node_fails(robot):

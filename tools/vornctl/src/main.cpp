@@ -57,6 +57,8 @@ int main(int argc, char** argv) {
   if (MB_CUR_MAX == 1) (void)std::setlocale(LC_CTYPE, "C.UTF-8");
   (void)::signal(SIGPIPE,
                  SIG_DFL);  // a closed output pipe terminates vornctl silently
+  // If the caller ignores SIGCHLD, the results of commands cannot be collected.
+  (void)::signal(SIGCHLD, SIG_DFL);
   fillStandardDescriptors();
   (void)armStopSignals();
   try {

@@ -108,19 +108,19 @@ std::string workingDirectoryOf(pid_t pid) {
 }
 
 /// The reason why the file that is the launcher's argument cannot be searched;
-/// empty if it can.
-std::string obstacleTo(const LauncherProcess& launcher) {
+/// empty if it can. The argument is empty if the launcher has exited.
+std::string obstacleTo(const LauncherProcess& launcher,
+                       const std::string& argument) {
   if (launcher.pid == 0) {
     return "cannot determine the launch file: the launcher is in another pid "
            "namespace";
   }
   const std::string process = "process " + std::to_string(launcher.pid);
-  if (launcher.launchFile.empty()) {
+  if (argument.empty()) {
     return "cannot determine the launch file of " + process;
   }
-  const std::string argument = argumentOf(launcher.pid);
   const std::string where = ", where its launch file " + argument + " is";
-  const bool is_absolute = !argument.empty() && argument.front() == '/';
+  const bool is_absolute = argument.front() == '/';
   if (!launcher.root && is_absolute) {
     return "cannot access the launcher's root directory (" + process +
            " in another pid namespace)" + where;
@@ -150,10 +150,10 @@ std::string reasonOf(int error) {
 /// Nothing if it cannot be read; `error` is then a sentence with the reason.
 std::optional<SourceText> readItsArgument(LauncherProcess& launcher,
                                           std::string& error) {
-  error = obstacleTo(launcher);
+  const std::string argument = argumentOf(launcher.pid);
+  error = obstacleTo(launcher, argument);
   if (!error.empty()) return std::nullopt;
-  const Descriptor file(openAsLauncher(launcher.pid, *launcher.root,
-                                       argumentOf(launcher.pid),
+  const Descriptor file(openAsLauncher(launcher.pid, *launcher.root, argument,
                                        O_RDONLY | O_NONBLOCK));
   struct stat status {};
   std::string reason;
