@@ -47,6 +47,7 @@ debian_suite() {
   ROOT_PACKAGES=(debootstrap util-linux)  # for a Debian root to test in
   # For virtual machines to test in.
   LAB_PACKAGES=(qemu-system-x86 qemu-utils mmdebstrap e2fsprogs openssh-client)
+  ENGINE_PACKAGES=(podman runc)
   MONITORING_PACKAGES=(prometheus prometheus-node-exporter)
   PACKAGE_PACKAGES=(git debhelper dpkg-dev)
   RPM_PACKAGES=(rpm cpio)

@@ -23,7 +23,7 @@ if [[ -d $directory ]]; then exit; fi
 
 # What the packages of the launcher need, and what the scenarios use.
 packages=(linux-image-cloud-amd64 systemd-sysv dbus openssh-server iproute2 procps
-  grep python3 curl libsystemd0
+  grep python3 python3-apt curl libsystemd0
   prometheus-node-exporter)
 
 install_packages "${LAB_PACKAGES[@]}"

@@ -1,19 +1,25 @@
 """Fixtures of the tests on virtual machines, which ./lab.sh runs."""
 
 import json
-import pathlib
 import re
 import shutil
 
 import pytest
 
-from guest import Guest, guest_with_service
+from guest import (
+    LAUNCH_FILE,
+    ROOT,
+    Guest,
+    guest_with_service,
+    packages,
+    write_programs,
+)
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-LAUNCH_FILE = {"vornnode": {
-    "camera": {"path": "/opt/robot/camera"},
-    "planner": {"path": "/opt/robot/planner", "required": ["camera"]},
-}}
+def pytest_addoption(parser):
+    parser.addoption("--rounds", type=int, default=10,
+                     help="the number of power cuts of each kind")
+    parser.addoption("--robots", type=int, default=1000,
+                     help="the number of simulated robots")
 
 
 @pytest.fixture(scope="session", name="image")
@@ -33,30 +39,30 @@ def fixture_steps():
             for section in re.split("^## ", text, flags=re.M)[1:]}
 
 
-def packages():
-    return [path for path in sorted((ROOT / "build-packages/amd64").glob("vorn*.deb"))
-            if "-dbgsym_" not in path.name]
-
-
 @pytest.fixture(scope="session", name="installed")
 def fixture_installed(image, tmp_path_factory):
     """A disk with the packages and a launch file; nothing is enabled."""
     guest = Guest(image, image / "disk.qcow2", tmp_path_factory.mktemp("installed"))
     guest.boot()
     try:
-        guest.run("mkdir /root/packages /opt/robot")
+        guest.run("mkdir /root/packages")
         guest.copy(packages(), "/root/packages")
         guest.run("cd /root/packages && apt-get install -y ./vornlaunch_*.deb "
                   "./vornctl_*.deb")
-        for name in ("camera", "planner"):
-            guest.write(f"/opt/robot/{name}",
-                        f"#!/bin/sh\necho {name} starts\nexec sleep 100000\n", "755")
+        write_programs(guest)
         guest.write("/root/launch.yaml", json.dumps(LAUNCH_FILE))
         guest.run("cp /root/launch.yaml /etc/vornlaunch")
         guest.shut_down()
     finally:
         guest.close()
     return guest.disk
+
+
+@pytest.fixture(name="guest")
+def fixture_guest(image, installed, tmp_path):
+    """A machine for one test; its service runs."""
+    with guest_with_service(image, installed, tmp_path) as guest:
+        yield guest
 
 
 @pytest.fixture(scope="module", name="robot")

@@ -9,6 +9,12 @@ import subprocess
 
 from support.waiting import eventually
 
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+LAUNCH_FILE = {"vornnode": {
+    "camera": {"path": "/opt/robot/camera"},
+    "planner": {"path": "/opt/robot/planner", "required": ["camera"]},
+}}
+
 # An emulated processor on a loaded machine is slow; the limits only end a hang.
 BOOT_LIMIT = 600
 COMMAND_LIMIT = 300
@@ -18,6 +24,12 @@ def free_port():
     with socket.socket() as probe:
         probe.bind(("127.0.0.1", 0))
         return probe.getsockname()[1]
+
+
+def packages():
+    """The files of the packages without debug symbols, except for the library."""
+    return [path for path in sorted((ROOT / "build-packages/amd64").glob("vorn*.deb"))
+            if "-dbgsym_" not in path.name]
 
 
 class Guest:
@@ -38,6 +50,11 @@ class Guest:
 
     def boot(self):
         """Starts the machine and waits for its ssh server."""
+        self.start()
+        self.wait_for_ssh()
+        return self
+
+    def start(self):
         with self.console.open("ab") as console:
             self._process = subprocess.Popen(  # pylint: disable=consider-using-with
                 ["qemu-system-x86_64", "-accel", "tcg", "-cpu", "max", "-smp", "2",
@@ -50,9 +67,17 @@ class Guest:
                  "-device", "virtio-net-pci,netdev=n",
                  "-device", "virtio-rng-pci"],
                 stdin=subprocess.DEVNULL, stdout=console, stderr=subprocess.STDOUT)
+
+    def wait_for_ssh(self):
         eventually(self._answers, f"the machine answers by ssh; see {self.console}",
                    BOOT_LIMIT)
-        return self
+
+    def ansible_variables(self):
+        """How Ansible connects to the machine."""
+        return {"ansible_host": "127.0.0.1", "ansible_port": self._port,
+                "ansible_user": "root",
+                "ansible_ssh_private_key_file": str(self.image / "key"),
+                "ansible_ssh_common_args": "-o UserKnownHostsFile=/dev/null"}
 
     def _ssh(self, program="ssh"):
         return [program, "-q", "-i", str(self.image / "key"),
@@ -140,6 +165,14 @@ class Guest:
 
     def launcher_pid(self):
         return int(self.output("systemctl show -P MainPID vornlaunch.service"))
+
+
+def write_programs(guest):
+    """Writes the programs of the nodes camera and planner."""
+    guest.run("mkdir -p /opt/robot")
+    for name in ("camera", "planner"):
+        guest.write(f"/opt/robot/{name}",
+                    f"#!/bin/sh\necho {name} starts\nexec sleep 100000\n", "755")
 
 
 @contextlib.contextmanager

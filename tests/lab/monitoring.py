@@ -21,6 +21,8 @@ LIMIT = 300
 class Server:
     """A program with an HTTP server at a free port of this machine."""
 
+    READY = "/metrics"  # answers with success when the server is ready
+
     def __init__(self, directory, *command):
         self.address = f"127.0.0.1:{free_port()}"
         self._log = directory / f"{command[0]}.log"
@@ -34,7 +36,7 @@ class Server:
     def _answers(self):
         assert self._process.poll() is None, self._log.read_text("utf-8")
         try:
-            self.get("/metrics")
+            self.get(self.READY)
             return True
         except urllib.error.URLError:
             return False
@@ -63,6 +65,8 @@ def node_exporter(directory, textfiles):
 class Prometheus(Server):
     """Scrapes targets at an interval, and evaluates the alert rules as often. `targets`
     is a list of file_sd. `shorten` replaces the duration `for` of each rule."""
+
+    READY = "/-/ready"
 
     def __init__(self, directory, targets, interval, shorten=False):
         self.data = directory / "data"
