@@ -35,6 +35,16 @@ TEST(NodeHealthTest, ACrashLoopIsAnErrorAlsoWhileTheNodeRuns) {
             "exited with status 3)");
 }
 
+TEST(NodeHealthTest, ANodeThatVornrunReportsHasThatProblem) {
+  NodeView view = node("camera", Condition::RUNNING);
+  view.run.state.emplace().phase = "unhealthy";
+  EXPECT_EQ(nodesFinding({view}, "").text, "camera is unhealthy");
+  view.condition = Condition::DISABLED;
+  view.run.state->phase = "gave up";
+  EXPECT_EQ(nodesFinding({view}, "").text,
+            "camera has given up after too many restarts");
+}
+
 TEST(NodeHealthTest, AFewNodesAreNamed) {
   NodeView missing = node("a", Condition::DISABLED);
   missing.isExecutableMissing = true;

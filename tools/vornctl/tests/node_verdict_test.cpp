@@ -85,6 +85,14 @@ TEST_F(NodeVerdictTest, APhaseOfVornrunExplainsANodeThatIsNotReady) {
   EXPECT_FALSE(isAsWanted());
 }
 
+TEST_F(NodeVerdictTest, ADisabledNodeMayHaveGivenUp) {
+  exit(CLD_KILLED, SIGTERM, Cause::OPERATOR);
+  facts_.view.condition = Condition::DISABLED;
+  facts_.view.run.state.emplace().phase = "gave up";
+  EXPECT_EQ(summary(), "has given up after too many restarts");
+  EXPECT_FALSE(isAsWanted());
+}
+
 TEST_F(NodeVerdictTest, TheStateOfVornrunIsADetail) {
   RunState& run = facts_.view.run.state.emplace();
   run.phase = "ready";

@@ -46,6 +46,13 @@ TEST(RunStateTest, TheStateOfAnotherProcessIsIgnored) {
   EXPECT_FALSE(parseRunState(text, {42, 8}));
 }
 
+TEST(RunStateTest, OnlyAFileOfTheLastRunSaysThatItGaveUp) {
+  const std::string text = stateOf(42, 7, "gave up");  // at 100
+  EXPECT_TRUE(parseRunState(text, {0, std::nullopt, 100}));
+  EXPECT_FALSE(parseRunState(text, {0, std::nullopt, 101}));
+  EXPECT_FALSE(parseRunState(stateOf(42, 7, "ready"), {0, std::nullopt, 100}));
+}
+
 TEST(RunStateTest, AnInvalidFileIsIgnored) {
   for (const std::string text :
        {"", "{", "[]", "{}", R"({"pid":42,"phase":1})",
@@ -74,7 +81,8 @@ class NodeRunTest : public ::testing::Test {
   }
 
   /// The view of a node of vornrun with these options.
-  NodeView view(const std::vector<std::string>& options = {}) {
+  NodeView view(const std::vector<std::string>& options = {},
+                NodeState state = NodeState::RUNNING) {
     LaunchFile::Node node;
     node.name.value = "a";
     node.executable = "/usr/bin/vornrun";
@@ -87,8 +95,8 @@ class NodeRunTest : public ::testing::Test {
     launcher_.file.nodes = {node};
     StatusReply status;
     status.outcome = Outcome::DONE;
-    status.state = NodeState::RUNNING;
-    status.pid = ::getpid();
+    status.state = state;
+    status.pid = state == NodeState::RUNNING ? ::getpid() : 0;
     status.startSeconds = 100;
     return viewOf(launcher_, "a", status, 142);
   }
@@ -109,6 +117,12 @@ TEST_F(NodeRunTest, AnUnhealthyNodeFails) {
   write("unhealthy");
   EXPECT_FALSE(isReady(view()));
   EXPECT_TRUE(isFailing(view()));
+}
+
+TEST_F(NodeRunTest, ADisabledNodeThatGaveUpFails) {
+  write("gave up");
+  EXPECT_TRUE(isFailing(view({}, NodeState::DISABLED)));
+  EXPECT_FALSE(isFailing(view({}, NodeState::STOPPED)));
 }
 
 TEST_F(NodeRunTest, ANodeWithoutAStateFileIsReadyUnlessVornrunWillWriteOne) {

@@ -21,6 +21,10 @@ std::string problemOf(const NodeView& view) {
   if (view.condition == Condition::UNKNOWN_NODE) {
     return "is in the launch file, but unknown to the launcher";
   }
+  if (view.run.state && view.run.state->isFailing() && !view.isCrashLoop) {
+    return view.run.state->hasGivenUp() ? "has given up after too many restarts"
+                                        : "is " + view.run.state->phase;
+  }
   std::string text = "has exited by itself";
   if (view.isCrashLoop) {
     text = "is in a crash loop, with " + std::to_string(view.restarts) +

@@ -65,8 +65,12 @@ NodeView viewOf(const LauncherProcess& launcher, const std::string& name,
   view.startSeconds = status.startSeconds;
   updateTimes(view, now);
   const LaunchFile::Node* const node = launcher.file.find(name);
-  if (node != nullptr && view.condition == Condition::RUNNING) {
-    view.run = readNodeRun(launcher, *node, view.pid);
+  // A disabled node may be one that has given up.
+  const bool may_have_run =
+      view.condition == Condition::RUNNING ||
+      (view.condition == Condition::DISABLED && view.startSeconds != 0);
+  if (node != nullptr && may_have_run) {
+    view.run = readNodeRun(launcher, *node, view.pid, view.startSeconds);
   }
   return view;
 }

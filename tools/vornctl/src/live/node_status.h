@@ -50,7 +50,7 @@ struct NodeView {
   std::optional<double> cpuSeconds;  // children that have exited included
   std::optional<int64_t> memoryBytes;
   std::optional<bool> isStale;
-  NodeRun run;  // of a RUNNING node
+  NodeRun run;  // of a RUNNING or DISABLED node
 };
 
 /// Whether the node runs and, if vornrun checks that, is ready.

@@ -154,11 +154,13 @@ class Judge {
       return fail("is unhealthy" + since + failedProbe(": "),
                   "see its output: " + command("logs"));
     }
-    if (run.phase == "gave up") {
-      return fail("has given up after too many restarts",
-                  "fix the cause, then: " + command("enable --now"));
-    }
+    if (run.hasGivenUp()) return failAfterGivingUp();
     say("has not been ready" + since);
+  }
+
+  void failAfterGivingUp() {
+    fail("has given up after too many restarts",
+         "fix the cause, then: " + command("enable --now"));
   }
 
   /// The message of the last check by vornrun, if that has failed.
@@ -208,6 +210,9 @@ class Judge {
               (view_.isExecutableMissing ? " does not exist"
                                          : " did not exist at its last start"),
           "install the executable, then: " + command("enable --now"));
+    }
+    if (view_.run.state && view_.run.state->hasGivenUp()) {
+      return failAfterGivingUp();
     }
     const bool is_own_exit = exit_ && exit_->cause == Cause::ITSELF;
     if (facts_.isOneshot && is_own_exit) {

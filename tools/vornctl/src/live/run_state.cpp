@@ -33,6 +33,17 @@ std::optional<Value> memberOf(const Json& object, const char* name) {
   return found->template get<Value>();
 }
 
+/// Whether the state in `json` is that of the run.
+bool isAbout(const RunIdentity& run, const Json& json, const RunState& state) {
+  // The file of an earlier run is older than the start of this one.
+  if (run.pid == 0) {
+    return state.hasGivenUp() && state.phaseSince >= run.startSeconds;
+  }
+  return memberOf<int64_t>(json, "pid") == run.pid &&
+         (!run.startTicks ||
+          memberOf<uint64_t>(json, "startTime") == run.startTicks);
+}
+
 /// Whether only root and the launcher's user can have written the file.
 bool isTrusted(const struct stat& file, pid_t launcher) {
   struct stat process {};
@@ -62,18 +73,13 @@ std::optional<std::string> readTrusted(const LauncherProcess& launcher,
 }  // namespace
 
 std::optional<RunState> parseRunState(const std::string& text,
-                                      const RunIdentity& process) {
+                                      const RunIdentity& run) {
   const Json json = Json::parse(text, nullptr, false);
   if (!json.is_object()) return std::nullopt;
-  const auto ticks = memberOf<uint64_t>(json, "startTime");
-  const auto phase = memberOf<std::string>(json, "phase");
-  if (memberOf<int64_t>(json, "pid") != process.pid || !phase) {
-    return std::nullopt;
-  }
-  if (process.startTicks && ticks != process.startTicks) return std::nullopt;
   RunState state;
-  state.phase = *phase;
+  state.phase = memberOf<std::string>(json, "phase").value_or("");
   state.phaseSince = memberOf<int64_t>(json, "phaseSince").value_or(0);
+  if (state.phase.empty() || !isAbout(run, json, state)) return std::nullopt;
   state.status = memberOf<std::string>(json, "status").value_or("");
   state.isReady = memberOf<bool>(json, "ready");
   state.restarts = memberOf<int64_t>(json, "restarts").value_or(0);
@@ -89,7 +95,8 @@ std::optional<RunState> parseRunState(const std::string& text,
 }
 
 NodeRun readNodeRun(const LauncherProcess& launcher,
-                    const LaunchFile::Node& node, pid_t pid) {
+                    const LaunchFile::Node& node, pid_t pid,
+                    int64_t startSeconds) {
   const std::string& program = node.executable;
   if (program.substr(program.rfind('/') + 1) != "vornrun") return {};
   const run::RunSettings settings =
@@ -97,8 +104,8 @@ NodeRun readNodeRun(const LauncherProcess& launcher,
   NodeRun run;
   run.isExpected =
       settings.ready || settings.backoff || !settings.waitFor.empty();
-  RunIdentity process{pid, std::nullopt};
-  if (sharesPids(launcher)) {
+  RunIdentity process{pid, std::nullopt, startSeconds};
+  if (pid != 0 && sharesPids(launcher)) {
     const auto found = readProcess(pid);
     if (found) process.startTicks = found->startTicks;
   }

@@ -31,32 +31,38 @@ struct RunState {
   /// Whether the node can be used, as far as vornrun checks it.
   bool isUp() const { return phase == "ready" || phase == "running"; }
 
+  /// Whether vornrun has disabled the node after too many restarts.
+  bool hasGivenUp() const { return phase == "gave up"; }
+
   /// Whether an operator has to do something.
   bool isFailing() const {
-    return phase == "delayed" || phase == "unhealthy" || phase == "gave up";
+    return phase == "delayed" || phase == "unhealthy" || hasGivenUp();
   }
 };
 
-/// A process as a state file names it.
+/// The run of a node that a state file has to be about.
 struct RunIdentity {
-  pid_t pid = 0;
+  pid_t pid = 0;                       // 0: it has ended
   std::optional<uint64_t> startTicks;  // nothing: unknown
+  int64_t startSeconds = 0;            // of the run, since the epoch
 };
 
-/// The content of a state file; nothing if it is invalid or about another
-/// process.
+/// The content of a state file; nothing if it is invalid or about another run.
+/// Of the runs that have ended, only one that gave up has a file.
 std::optional<RunState> parseRunState(const std::string& text,
-                                      const RunIdentity& process);
+                                      const RunIdentity& run);
 
-/// The state of a node that runs by vornrun as `pid`; nothing if it has none.
+/// The state of a node whose program is vornrun; nothing if it has none.
 struct NodeRun {
   std::optional<RunState> state;
   bool isExpected = false;  // vornrun will report a state, or has done so
 };
 
-/// Reads the state file of a node of `launcher`. Only files of root or of the
+/// Reads the state file of a node of `launcher`, whose last run has the `pid`
+/// and the `startSeconds` of the launcher's reply. Only files of root or of the
 /// launcher's user are trusted.
 NodeRun readNodeRun(const LauncherProcess& launcher,
-                    const LaunchFile::Node& node, pid_t pid);
+                    const LaunchFile::Node& node, pid_t pid,
+                    int64_t startSeconds);
 
 }  // namespace vorn::launch

@@ -17,7 +17,12 @@ inline int64_t monotonicMs() {
 }
 
 /// Unix time in seconds.
-inline int64_t unixSeconds() { return int64_t{::time(nullptr)}; }
+inline int64_t unixSeconds() {
+  timespec now{};
+  // time(2) can be behind a time that another process has read before.
+  (void)::clock_gettime(CLOCK_REALTIME, &now);
+  return int64_t{now.tv_sec};
+}
 
 /// "5s" or "1500ms".
 inline std::string durationText(int64_t ms) {

@@ -259,7 +259,8 @@ void MonitorLoop::finish() {
   }
   for (const auto& sink : sinks_) sink->finish();
   health_.stop();
-  stateFile_.remove();
+  // vornctl reads the file until the next start.
+  if (state_.phase != Phase::GAVE_UP) stateFile_.remove();
 }
 
 }  // namespace vorn::run
