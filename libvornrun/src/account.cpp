@@ -55,10 +55,10 @@ std::vector<gid_t> groupsOf(const std::string& name, gid_t group,
   std::vector<gid_t> result = {group};
   for (const auto& record : groups) {
     const auto members = splitFields(record[3], ',');
-    const bool isMember =
+    const bool is_member =
         std::find(members.begin(), members.end(), name) != members.end();
     const auto id = parseId(record[2]);
-    if (!name.empty() && isMember && id && *id != group) result.push_back(*id);
+    if (!name.empty() && is_member && id && *id != group) result.push_back(*id);
   }
   return result;
 }
@@ -73,15 +73,15 @@ std::optional<Account> findAccount(const std::string& user,
   constexpr size_t kPasswdFields = 7;
   constexpr size_t kGroupFields = 4;
   const Records users = recordsOf(passwd, kPasswdFields);
-  const Records allGroups = recordsOf(groups, kGroupFields);
+  const Records all_groups = recordsOf(groups, kGroupFields);
   Account account;
   const auto* const entry = findRecord(users, user);
-  const auto userId = parseId(entry == nullptr ? user : (*entry)[2]);
-  if (!userId) {
+  const auto user_id = parseId(entry == nullptr ? user : (*entry)[2]);
+  if (!user_id) {
     error = "/etc/passwd has no user '" + user + "'";
     return std::nullopt;
   }
-  account.user = *userId;
+  account.user = *user_id;
   if (entry == nullptr && group.empty()) {
     error =
         "/etc/passwd has no user " + user + "; add a group: " + user + ":GROUP";
@@ -93,15 +93,15 @@ std::optional<Account> findAccount(const std::string& user,
     account.shell = (*entry)[6];
   }
   const std::string& wanted = group.empty() ? (*entry)[3] : group;
-  const auto* const groupEntry = findRecord(allGroups, wanted);
-  const auto groupId =
-      parseId(groupEntry == nullptr ? wanted : (*groupEntry)[2]);
-  if (!groupId) {
+  const auto* const group_entry = findRecord(all_groups, wanted);
+  const auto group_id =
+      parseId(group_entry == nullptr ? wanted : (*group_entry)[2]);
+  if (!group_id) {
     error = "/etc/group has no group '" + wanted + "'";
     return std::nullopt;
   }
-  account.group = *groupId;
-  account.groups = groupsOf(account.name, account.group, allGroups);
+  account.group = *group_id;
+  account.groups = groupsOf(account.name, account.group, all_groups);
   return account;
 }
 

@@ -111,11 +111,11 @@ class EnvironmentFileReader {
     while (!atEnd()) {
       char c = take();
       if (c == '\n') break;
-      const bool isQuoted = c == '\\' && !atEnd();
-      if (isQuoted) c = take();
-      if (isQuoted && c == '\n') continue;
+      const bool is_quoted = c == '\\' && !atEnd();
+      if (is_quoted) c = take();
+      if (is_quoted && c == '\n') continue;
       value += c;
-      if (isQuoted || !isFileBlank(c)) kept = value.size();
+      if (is_quoted || !isFileBlank(c)) kept = value.size();
     }
     value.resize(kept);
     return value;

@@ -129,15 +129,15 @@ bool addCpus(std::string_view text, std::vector<int>& cpus) {
 }  // namespace
 
 std::optional<long> parseNumber(std::string_view text, long least, long most) {
-  const bool isNegative = startsWith(text, "-");
-  if (isNegative) text.remove_prefix(1);
+  const bool is_negative = startsWith(text, "-");
+  if (is_negative) text.remove_prefix(1);
   const auto digits = takeNumber(text);
   if (!digits || !text.empty() ||
       *digits > static_cast<uint64_t>(std::numeric_limits<long>::max())) {
     return std::nullopt;
   }
   const long number =
-      isNegative ? -static_cast<long>(*digits) : static_cast<long>(*digits);
+      is_negative ? -static_cast<long>(*digits) : static_cast<long>(*digits);
   if (number < least || number > most) return std::nullopt;
   return number;
 }

@@ -82,7 +82,7 @@ class CommandLine {
   /// Reads all options and the program. The first pass only looks for --config
   /// and errors in the form, since the file precedes the command line. Returns
   /// false at the end of a run without settings: an error, --help.
-  bool readOptions(bool isFirstPass) {
+  bool readOptions(bool is_first_pass) {
     position_ = 0;
     while (position_ < arguments_.size()) {
       const std::string& argument = arguments_[position_];
@@ -92,9 +92,9 @@ class CommandLine {
       }
       if (argument.size() < 2 || argument[0] != '-') break;
       ++position_;
-      if (!readOption(argument, isFirstPass)) return false;
+      if (!readOption(argument, is_first_pass)) return false;
     }
-    if (!isFirstPass && position_ < arguments_.size()) {
+    if (!is_first_pass && position_ < arguments_.size()) {
       result_.settings.program.assign(
           arguments_.begin() + static_cast<ptrdiff_t>(position_),
           arguments_.end());
@@ -102,7 +102,7 @@ class CommandLine {
     return true;
   }
 
-  bool readOption(const std::string& argument, bool isFirstPass) {
+  bool readOption(const std::string& argument, bool is_first_pass) {
     const size_t equals = argument.find('=');
     const std::string given = argument.substr(0, equals);
     if (given == "-h" || given == "--help" || given == "--version") {
@@ -110,29 +110,29 @@ class CommandLine {
                                              : RunArguments::Request::HELP;
       return false;
     }
-    const bool isConfig = given == "--config";
+    const bool is_config = given == "--config";
     const RunOption* const option =
         given.substr(0, 2) == "--" ? findRunOption(given.substr(2)) : nullptr;
-    if (!isConfig && option == nullptr) {
+    if (!is_config && option == nullptr) {
       fail(given, "unknown option; vornrun --help lists the options");
       return false;
     }
-    const bool needsValue = isConfig || option->placeholder != nullptr;
+    const bool needs_value = is_config || option->placeholder != nullptr;
     std::string value;
     if (equals != std::string::npos) {
       value = argument.substr(equals + 1);
-    } else if (needsValue && position_ < arguments_.size()) {
+    } else if (needs_value && position_ < arguments_.size()) {
       value = arguments_[position_++];
-    } else if (needsValue) {
+    } else if (needs_value) {
       fail(given, "the value is missing");
       return false;
     }
-    if (!needsValue && equals != std::string::npos) {
+    if (!needs_value && equals != std::string::npos) {
       fail(given, "the option has no value");
       return false;
     }
-    if (isConfig && isFirstPass) result_.configFile = value;
-    if (isConfig || isFirstPass) return true;
+    if (is_config && is_first_pass) result_.configFile = value;
+    if (is_config || is_first_pass) return true;
     const std::string reason = option->set(result_.settings, value);
     if (!reason.empty()) fail(given, reason);
     return true;

@@ -78,17 +78,18 @@ std::string setUser(RunSettings& settings, const std::string& value) {
   const size_t colon = value.find(':');
   settings.user = value.substr(0, colon);
   settings.group = colon == std::string::npos ? "" : value.substr(colon + 1);
-  const bool hasGroup = colon == std::string::npos || !settings.group.empty();
-  return settings.user.empty() || !hasGroup ? notA(value, "USER or USER:GROUP")
-                                            : "";
+  const bool has_group = colon == std::string::npos || !settings.group.empty();
+  return settings.user.empty() || !has_group ? notA(value, "USER or USER:GROUP")
+                                             : "";
 }
 
 std::string setUmask(RunSettings& settings, const std::string& value) {
   mode_t mode = 0;
-  const bool isOctal = !value.empty() && value.size() <= 4 &&
-                       value.find_first_not_of("01234567") == std::string::npos;
+  const bool is_octal =
+      !value.empty() && value.size() <= 4 &&
+      value.find_first_not_of("01234567") == std::string::npos;
   for (const char c : value) mode = mode * 8 + static_cast<mode_t>(c - '0');
-  if (!isOctal || mode > 0777) return notA(value, "an octal mask such as 022");
+  if (!is_octal || mode > 0777) return notA(value, "an octal mask such as 022");
   settings.umask = mode;
   return "";
 }

@@ -41,10 +41,10 @@ class NodeStart {
       reportLine(node_, error->option, error->reason);
       return kExitFailure;
     }
-    const int originalError = connectProgram(settings_, connection_);
+    const int original_error = connectProgram(settings_, connection_);
     std::string reason;
     const int status = executeProgram(arguments_, environment_, reason);
-    if (originalError >= 0) (void)::dup2(originalError, STDERR_FILENO);
+    if (original_error >= 0) (void)::dup2(original_error, STDERR_FILENO);
     reportLine(node_, arguments_.front(), reason);
     return status;
   }
@@ -106,21 +106,21 @@ class NodeStart {
 
   std::optional<RunError> waitForStart() {
     uint32_t restarts = 0;
-    const auto onDelay = [&](size_t count, milliseconds delay) {
+    const auto on_delay = [&](size_t count, milliseconds delay) {
       restarts = static_cast<uint32_t>(count);
       reportPhase(connection_, {Phase::DELAYED, restarts,
                                 std::time(nullptr) + delay.count() / 1000, 0});
     };
-    auto error = loop_.beforeStart(onDelay, [&] {
+    auto error = loop_.beforeStart(on_delay, [&] {
       reportPhase(connection_, {Phase::GAVE_UP, 0, 0, 0});
     });
-    const auto onCondition = [&](size_t number) {
+    const auto on_condition = [&](size_t number) {
       reportPhase(connection_,
                   {Phase::WAITING, restarts, 0, static_cast<uint32_t>(number)});
     };
     if (!error) {
       error =
-          waitForConditions(settings_, account(), environment_, onCondition);
+          waitForConditions(settings_, account(), environment_, on_condition);
     }
     if (!error) error = loop_.recordStart();
     reportPhase(connection_, {Phase::STARTING, restarts, 0, 0});

@@ -17,16 +17,16 @@ constexpr int64_t kPatienceMs = 30000;
 class ConditionCheckTest : public ::testing::Test {
  protected:
   CheckResult check(Condition::Kind kind, const std::string& value,
-                    int64_t timeoutMs = kPatienceMs) {
+                    int64_t timeout_ms = kPatienceMs) {
     const Condition condition = {kind, value};
     ConditionCheck check(condition, node_, directory_);
-    CheckResult result = attempt(check, timeoutMs);
+    CheckResult result = attempt(check, timeout_ms);
     check.stop();
     return result;
   }
 
-  static CheckResult attempt(ConditionCheck& check, int64_t timeoutMs) {
-    check.begin(monotonicMs(), timeoutMs);
+  static CheckResult attempt(ConditionCheck& check, int64_t timeout_ms) {
+    check.begin(monotonicMs(), timeout_ms);
     for (;;) {
       const int64_t now = monotonicMs();
       PollSet polls;

@@ -60,11 +60,11 @@ class JournalSinkTest : public ::testing::Test {
       all.append(text, static_cast<size_t>(size));
     return all;
   }
-  static void proceed(JournalSink& sink, int64_t nowMs) {
+  static void proceed(JournalSink& sink, int64_t now_ms) {
     PollSet polls;
     sink.addPolls(polls);
     polls.wait(0);
-    sink.proceed(polls, nowMs);
+    sink.proceed(polls, now_ms);
   }
 
   std::string directory_;

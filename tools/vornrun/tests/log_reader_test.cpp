@@ -43,8 +43,8 @@ class LogReaderTest : public ::testing::Test {
     if (ends_[1] >= 0) (void)::close(ends_[1]);
     ends_[1] = -1;
   }
-  LogReader reader(bool holdsPartialLines) {
-    return {Stream::OUTPUT, ends_[0], holdsPartialLines, held_};
+  LogReader reader(bool holds_partial_lines) {
+    return {Stream::OUTPUT, ends_[0], holds_partial_lines, held_};
   }
 
   int ends_[2] = {-1, -1};

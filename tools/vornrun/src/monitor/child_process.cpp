@@ -30,9 +30,9 @@ namespace {
       options.output >= 0 ? options.output : ::open("/dev/null", O_WRONLY);
   (void)::dup2(output, STDOUT_FILENO);
   (void)::dup2(output, STDERR_FILENO);
-  const bool changesUser =
+  const bool changes_user =
       options.node != nullptr && options.node->account != nullptr;
-  if (changesUser && applyAccount(*options.node->account))
+  if (changes_user && applyAccount(*options.node->account))
     ::_exit(kExitFailure);
   if (!options.directory.empty() && ::chdir(options.directory.c_str()) != 0)
     ::_exit(kExitFailure);
@@ -65,7 +65,7 @@ bool ChildProcess::start(const std::vector<std::string>& arguments,
 }
 
 bool ChildProcess::isFinished() {
-  if (pid_ <= 0 || ::waitpid(pid_, &waitStatus_, WNOHANG) == 0) return false;
+  if (pid_ <= 0 || ::waitpid(pid_, &wait_status_, WNOHANG) == 0) return false;
   pid_ = 0;
   if (pidfd_ >= 0) (void)::close(pidfd_);
   pidfd_ = -1;

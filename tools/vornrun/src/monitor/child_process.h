@@ -38,7 +38,7 @@ class ChildProcess {
 
   /// Collects the child if it has ended. Afterwards, waitStatus() is valid.
   bool isFinished();
-  int waitStatus() const { return waitStatus_; }
+  int waitStatus() const { return wait_status_; }
 
   /// Sends SIGKILL to the session; isFinished() collects the child.
   void kill() const;
@@ -46,7 +46,7 @@ class ChildProcess {
  private:
   pid_t pid_ = 0;
   int pidfd_ = -1;
-  int waitStatus_ = 0;
+  int wait_status_ = 0;
 };
 
 }  // namespace vorn::run

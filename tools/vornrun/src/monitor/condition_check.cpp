@@ -39,10 +39,10 @@ void ConditionCheck::closeDescriptor() {
   fd_ = -1;
 }
 
-void ConditionCheck::begin(int64_t nowMs, int64_t timeoutMs) {
-  isRunning_ = true;
-  timeoutMs_ = timeoutMs;
-  endsAtMs_ = nowMs + timeoutMs;
+void ConditionCheck::begin(int64_t now_ms, int64_t timeout_ms) {
+  is_running_ = true;
+  timeout_ms_ = timeout_ms;
+  ends_at_ms_ = now_ms + timeout_ms;
   switch (condition_.kind) {
     case Condition::Kind::PATH:
       return finish(::access(condition_.value.c_str(), F_OK) == 0
@@ -52,7 +52,7 @@ void ConditionCheck::begin(int64_t nowMs, int64_t timeoutMs) {
       return finish(checkFile());
     case Condition::Kind::TCP:
     case Condition::Kind::UNIX:
-      nextAddress_ = 0;
+      next_address_ = 0;
       return connectToNextAddress(EADDRNOTAVAIL);
     case Condition::Kind::EXEC:
     case Condition::Kind::HTTP:
@@ -67,17 +67,17 @@ void ConditionCheck::begin(int64_t nowMs, int64_t timeoutMs) {
 CheckResult ConditionCheck::checkFile() {
   struct stat status {};
   if (::stat(condition_.value.c_str(), &status) != 0) return failure(errno);
-  const bool hasChanged = !lastChange_ ||
-                          lastChange_->tv_sec != status.st_mtim.tv_sec ||
-                          lastChange_->tv_nsec != status.st_mtim.tv_nsec;
-  lastChange_ = status.st_mtim;
-  return {hasChanged, hasChanged ? "" : "not changed since the last probe"};
+  const bool has_changed = !last_change_ ||
+                           last_change_->tv_sec != status.st_mtim.tv_sec ||
+                           last_change_->tv_nsec != status.st_mtim.tv_nsec;
+  last_change_ = status.st_mtim;
+  return {has_changed, has_changed ? "" : "not changed since the last probe"};
 }
 
 /// `error` is that of the previous address.
 void ConditionCheck::connectToNextAddress(int error) {
-  while (nextAddress_ < addresses_.size()) {
-    const SocketAddress& address = addresses_[nextAddress_++];
+  while (next_address_ < addresses_.size()) {
+    const SocketAddress& address = addresses_[next_address_++];
     closeDescriptor();
     fd_ = ::socket(address.storage.ss_family,
                    SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -96,7 +96,7 @@ void ConditionCheck::connectToNextAddress(int error) {
 void ConditionCheck::beginCommand() {
   std::vector<std::string> command = {"/bin/sh", "-c", condition_.value};
   if (condition_.kind == Condition::Kind::HTTP) {
-    const int64_t ms = std::max<int64_t>(timeoutMs_, 1);
+    const int64_t ms = std::max<int64_t>(timeout_ms_, 1);
     std::string fraction = std::to_string(1000 + ms % 1000).substr(1);
     command = {"curl",          "--fail",
                "--silent",      "--show-error",
@@ -113,15 +113,15 @@ void ConditionCheck::beginCommand() {
   options.node = &node_;
   options.directory = directory_;
   options.output = ends[1];
-  const bool isStarted = command_.start(command, options);
+  const bool is_started = command_.start(command, options);
   const int error = errno;
   (void)::close(ends[1]);
-  if (!isStarted) finish(failure(error));
+  if (!is_started) finish(failure(error));
 }
 
 void ConditionCheck::finish(CheckResult result) {
   closeDescriptor();
-  isRunning_ = false;
+  is_running_ = false;
   result_ = std::move(result);
 }
 
@@ -153,20 +153,20 @@ CheckResult ConditionCheck::commandResult() {
 
 void ConditionCheck::addPolls(PollSet& polls) const {
   polls.add(command_.descriptor(), POLLIN);
-  if (isRunning_) polls.add(fd_, command_.isRunning() ? POLLIN : POLLOUT);
+  if (is_running_) polls.add(fd_, command_.isRunning() ? POLLIN : POLLOUT);
 }
 
 int64_t ConditionCheck::deadline() const {
   if (result_) return 0;
-  return isRunning_ ? endsAtMs_ : kNever;
+  return is_running_ ? ends_at_ms_ : kNever;
 }
 
 std::optional<CheckResult> ConditionCheck::proceed(const PollSet& polls,
-                                                   int64_t nowMs) {
+                                                   int64_t now_ms) {
   if (command_.isRunning()) {
-    if (isRunning_ && polls.hasEvent(fd_)) readOutput();
-    if (command_.isFinished() && isRunning_) finish(commandResult());
-  } else if (isRunning_ && polls.hasEvent(fd_)) {
+    if (is_running_ && polls.hasEvent(fd_)) readOutput();
+    if (command_.isFinished() && is_running_) finish(commandResult());
+  } else if (is_running_ && polls.hasEvent(fd_)) {
     int error = 0;
     socklen_t size = sizeof(error);
     (void)::getsockopt(fd_, SOL_SOCKET, SO_ERROR, &error, &size);
@@ -176,9 +176,9 @@ std::optional<CheckResult> ConditionCheck::proceed(const PollSet& polls,
       connectToNextAddress(error);
     }
   }
-  if (isRunning_ && nowMs >= endsAtMs_) {
+  if (is_running_ && now_ms >= ends_at_ms_) {
     command_.kill();
-    finish({false, "no result within " + durationText(timeoutMs_)});
+    finish({false, "no result within " + durationText(timeout_ms_)});
   }
   std::optional<CheckResult> result;
   result.swap(result_);

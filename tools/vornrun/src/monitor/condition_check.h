@@ -32,16 +32,16 @@ class ConditionCheck {
   ConditionCheck& operator=(const ConditionCheck&) = delete;
 
   /// Starts an attempt. Not while isBusy().
-  void begin(int64_t nowMs, int64_t timeoutMs);
+  void begin(int64_t now_ms, int64_t timeout_ms);
 
   /// An attempt runs, or the command of the last one has not ended yet.
-  bool isBusy() const { return isRunning_ || command_.isRunning(); }
+  bool isBusy() const { return is_running_ || command_.isRunning(); }
 
   void addPolls(PollSet& polls) const;
   int64_t deadline() const;
 
   /// The result of the attempt, once.
-  std::optional<CheckResult> proceed(const PollSet& polls, int64_t nowMs);
+  std::optional<CheckResult> proceed(const PollSet& polls, int64_t now_ms);
 
   /// Ends a command.
   void stop();
@@ -58,16 +58,16 @@ class ConditionCheck {
   const Condition& condition_;
   const MonitoredNode& node_;
   const std::string& directory_;
-  bool isRunning_ = false;
+  bool is_running_ = false;
   std::optional<CheckResult> result_;
-  int64_t timeoutMs_ = 0;
-  int64_t endsAtMs_ = 0;
+  int64_t timeout_ms_ = 0;
+  int64_t ends_at_ms_ = 0;
   int fd_ = -1;  // a connection, or the output of a command
   ChildProcess command_;
   std::vector<SocketAddress> addresses_;
-  size_t nextAddress_ = 0;
-  std::string output_;                  // the beginning of that of the command
-  std::optional<timespec> lastChange_;  // of a FILE
+  size_t next_address_ = 0;
+  std::string output_;                   // the beginning of that of the command
+  std::optional<timespec> last_change_;  // of a FILE
 };
 
 }  // namespace vorn::run

@@ -31,29 +31,29 @@ void Health::setPhase(Phase phase) {
   state_.phaseSince = unixSeconds();
 }
 
-void Health::noteExecuted(int64_t nowMs) {
+void Health::noteExecuted(int64_t now_ms) {
   state_.isExecuted = true;
-  state_.executedMs = nowMs;
+  state_.executedMs = now_ms;
   state_.delayedUntil = 0;
   // A fast program is ready before the monitor runs.
   if (state_.isReady) return;
   setPhase(state_.expectsReadiness ? Phase::STARTING : Phase::RUNNING);
 }
 
-void Health::noteReady(int64_t nowMs) {
+void Health::noteReady(int64_t now_ms) {
   if (!state_.expectsReadiness || state_.isReady || state_.isStopping) return;
   state_.isReady = true;
-  state_.readyMs = nowMs;
+  state_.readyMs = now_ms;
   if (state_.phase != Phase::UNHEALTHY) setPhase(Phase::READY);
 }
 
-void Health::noteMessage(const NotifyMessage& message, int64_t nowMs) {
+void Health::noteMessage(const NotifyMessage& message, int64_t now_ms) {
   if (message.hasStatus)
     copyPrintable(message.status, state_.status, sizeof(state_.status));
-  if (message.isAlive) state_.watchdogLastMs = nowMs;
+  if (message.isAlive) state_.watchdogLastMs = now_ms;
   if (message.isReady && settings_.ready &&
       settings_.ready->kind == Condition::Kind::NOTIFY)
-    noteReady(nowMs);
+    noteReady(now_ms);
   if (message.isStopping) {
     state_.isStopping = true;
     state_.isReady = false;
@@ -100,43 +100,43 @@ int64_t Health::deadline() const {
     deadline = std::min(deadline, readiness_->deadline());
     if (state_.isExecuted && !state_.isReady && !state_.isStopping &&
         !readiness_->isBusy())
-      deadline = std::min(deadline, nextReadinessMs_);
+      deadline = std::min(deadline, next_readiness_ms_);
   }
   if (probe_) {
     deadline = std::min(deadline, probe_->deadline());
     if (isWatched() && !probe_->isBusy())
-      deadline = std::min(deadline, nextProbeMs_);
+      deadline = std::min(deadline, next_probe_ms_);
   }
   return deadline;
 }
 
-void Health::proceed(const PollSet& polls, int64_t nowMs) {
-  if (readiness_) proceedReadiness(polls, nowMs);
-  if (probe_) proceedProbe(polls, nowMs);
-  if (nowMs >= watchdogDeadline())
+void Health::proceed(const PollSet& polls, int64_t now_ms) {
+  if (readiness_) proceedReadiness(polls, now_ms);
+  if (probe_) proceedProbe(polls, now_ms);
+  if (now_ms >= watchdogDeadline())
     fail("--watchdog: no WATCHDOG=1 within " +
          durationText(state_.watchdogPeriodMs));
 }
 
-void Health::proceedReadiness(const PollSet& polls, int64_t nowMs) {
-  const auto result = readiness_->proceed(polls, nowMs);
-  if (result && result->isOk) noteReady(nowMs);
+void Health::proceedReadiness(const PollSet& polls, int64_t now_ms) {
+  const auto result = readiness_->proceed(polls, now_ms);
+  if (result && result->isOk) noteReady(now_ms);
   if (!state_.isExecuted || state_.isReady || state_.isStopping ||
-      readiness_->isBusy() || nowMs < nextReadinessMs_)
+      readiness_->isBusy() || now_ms < next_readiness_ms_)
     return;
-  nextReadinessMs_ = nowMs + kReadinessPauseMs;
-  readiness_->begin(nowMs, settings_.probeTimeout.count());
+  next_readiness_ms_ = now_ms + kReadinessPauseMs;
+  readiness_->begin(now_ms, settings_.probeTimeout.count());
 }
 
-void Health::proceedProbe(const PollSet& polls, int64_t nowMs) {
-  const auto result = probe_->proceed(polls, nowMs);
+void Health::proceedProbe(const PollSet& polls, int64_t now_ms) {
+  const auto result = probe_->proceed(polls, now_ms);
   if (!isWatched()) return;
   if (result) noteProbe(*result);
   const int64_t first = watchedSinceMs() + settings_.probeDelay.count();
-  nextProbeMs_ = std::max(nextProbeMs_, first);
-  if (!isWatched() || probe_->isBusy() || nowMs < nextProbeMs_) return;
-  nextProbeMs_ = nowMs + settings_.probePeriod.count();
-  probe_->begin(nowMs, settings_.probeTimeout.count());
+  next_probe_ms_ = std::max(next_probe_ms_, first);
+  if (!isWatched() || probe_->isBusy() || now_ms < next_probe_ms_) return;
+  next_probe_ms_ = now_ms + settings_.probePeriod.count();
+  probe_->begin(now_ms, settings_.probeTimeout.count());
 }
 
 void Health::noteProbe(const CheckResult& result) {
@@ -145,10 +145,10 @@ void Health::noteProbe(const CheckResult& result) {
   state_.probeTime = unixSeconds();
   copyPrintable(result.message, state_.probeMessage,
                 sizeof(state_.probeMessage));
-  failedProbes_ = result.isOk ? 0 : failedProbes_ + 1;
-  if (failedProbes_ >= settings_.probeFailures)
-    fail("--probe: " + std::to_string(failedProbes_) +
-         (failedProbes_ == 1 ? " failure" : " failures in a row") + ": " +
+  failed_probes_ = result.isOk ? 0 : failed_probes_ + 1;
+  if (failed_probes_ >= settings_.probeFailures)
+    fail("--probe: " + std::to_string(failed_probes_) +
+         (failed_probes_ == 1 ? " failure" : " failures in a row") + ": " +
          state_.probeMessage);
 }
 

@@ -21,14 +21,14 @@ class Health {
          NodeState& state);
 
   /// The program has been executed.
-  void noteExecuted(int64_t nowMs);
+  void noteExecuted(int64_t now_ms);
   /// The node is ready, according to itself.
-  void noteReady(int64_t nowMs);
-  void noteMessage(const NotifyMessage& message, int64_t nowMs);
+  void noteReady(int64_t now_ms);
+  void noteMessage(const NotifyMessage& message, int64_t now_ms);
 
   void addPolls(PollSet& polls) const;
   int64_t deadline() const;
-  void proceed(const PollSet& polls, int64_t nowMs);
+  void proceed(const PollSet& polls, int64_t now_ms);
 
   /// The option and the reason, once after the node has become unhealthy:
   /// "--watchdog: no WATCHDOG=1 within 5s".
@@ -43,17 +43,17 @@ class Health {
   int64_t watchdogDeadline() const;
   void setPhase(Phase phase);
   void fail(const std::string& reason);
-  void proceedReadiness(const PollSet& polls, int64_t nowMs);
-  void proceedProbe(const PollSet& polls, int64_t nowMs);
+  void proceedReadiness(const PollSet& polls, int64_t now_ms);
+  void proceedProbe(const PollSet& polls, int64_t now_ms);
   void noteProbe(const CheckResult& result);
 
   const RunSettings& settings_;
   NodeState& state_;
   std::optional<ConditionCheck> readiness_;
-  int64_t nextReadinessMs_ = 0;
+  int64_t next_readiness_ms_ = 0;
   std::optional<ConditionCheck> probe_;
-  int64_t nextProbeMs_ = 0;
-  unsigned failedProbes_ = 0;
+  int64_t next_probe_ms_ = 0;
+  unsigned failed_probes_ = 0;
   std::optional<std::string> failure_;
 };
 

@@ -25,11 +25,11 @@ std::string journalHeader(const std::string& identifier, int priority) {
   return name + "\n\n" + std::to_string(priority) + "\n1\n0\n0\n0\n";
 }
 
-JournalSink::JournalSink(Stream stream, std::string socketPath,
+JournalSink::JournalSink(Stream stream, std::string socket_path,
                          const std::string& identifier, int priority,
                          uint64_t& dropped)
     : stream_(stream),
-      socketPath_(std::move(socketPath)),
+      socket_path_(std::move(socket_path)),
       header_(journalHeader(identifier, priority)),
       dropped_(dropped) {
   connect(monotonicMs());
@@ -39,42 +39,42 @@ JournalSink::~JournalSink() {
   if (fd_ >= 0) (void)::close(fd_);
 }
 
-void JournalSink::connect(int64_t nowMs) {
-  connectAtMs_ = nowMs + kReconnectMs;
+void JournalSink::connect(int64_t now_ms) {
+  connect_at_ms_ = now_ms + kReconnectMs;
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (socketPath_.size() >= sizeof(address.sun_path)) return;
-  std::memcpy(address.sun_path, socketPath_.data(), socketPath_.size());
+  if (socket_path_.size() >= sizeof(address.sun_path)) return;
+  std::memcpy(address.sun_path, socket_path_.data(), socket_path_.size());
   fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd_ < 0) return;
-  const bool isConnected =
+  const bool is_connected =
       ::connect(fd_, reinterpret_cast<const sockaddr*>(&address),
                 sizeof(address)) == 0 &&
       ::send(fd_, header_.data(), header_.size(), MSG_NOSIGNAL) ==
           static_cast<ssize_t>(header_.size());
-  if (!isConnected) disconnect(nowMs);
+  if (!is_connected) disconnect(now_ms);
 }
 
-void JournalSink::disconnect(int64_t nowMs) {
+void JournalSink::disconnect(int64_t now_ms) {
   (void)::close(fd_);
   fd_ = -1;
-  connectAtMs_ = nowMs + kReconnectMs;
+  connect_at_ms_ = now_ms + kReconnectMs;
 }
 
-ssize_t JournalSink::sendSome(std::string_view text, int64_t nowMs) {
+ssize_t JournalSink::sendSome(std::string_view text, int64_t now_ms) {
   if (fd_ < 0) return 0;
   ssize_t sent = -1;
   do {
     sent = ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL);
   } while (sent < 0 && errno == EINTR);
   if (sent >= 0) return sent;
-  if (errno != EAGAIN) disconnect(nowMs);
+  if (errno != EAGAIN) disconnect(now_ms);
   return 0;
 }
 
-void JournalSink::flush(int64_t nowMs) {
+void JournalSink::flush(int64_t now_ms) {
   while (!queue_.content().empty()) {
-    const ssize_t sent = sendSome(queue_.content(), nowMs);
+    const ssize_t sent = sendSome(queue_.content(), now_ms);
     if (sent == 0) return;
     queue_.removeFront(static_cast<size_t>(sent));
   }
@@ -117,20 +117,20 @@ void JournalSink::addPolls(PollSet& polls) const {
 }
 
 int64_t JournalSink::deadline() const {
-  return fd_ < 0 ? connectAtMs_ : kNever;
+  return fd_ < 0 ? connect_at_ms_ : kNever;
 }
 
-void JournalSink::proceed(const PollSet& polls, int64_t nowMs) {
-  if (fd_ < 0 && nowMs >= connectAtMs_) {
-    connect(nowMs);
-    flush(nowMs);
+void JournalSink::proceed(const PollSet& polls, int64_t now_ms) {
+  if (fd_ < 0 && now_ms >= connect_at_ms_) {
+    connect(now_ms);
+    flush(now_ms);
   } else if (polls.hasEvent(fd_)) {
     // With an empty queue, the only possible event is a closed connection.
-    if (queue_.content().empty()) disconnect(nowMs);
-    flush(nowMs);
+    if (queue_.content().empty()) disconnect(now_ms);
+    flush(now_ms);
   }
   if (fd_ >= 0 && unreported_ > 0 && queue_.content().empty() && appendNotice())
-    flush(nowMs);
+    flush(now_ms);
 }
 
 void JournalSink::finish() {

@@ -12,34 +12,34 @@ namespace vorn::run {
 /// does not fit into the queue until then is dropped.
 class JournalSink : public LogSink {
  public:
-  /// `socketPath` is the journal's stream socket. Lines have the identifier and
-  /// the syslog priority, unless they start with one of their own ("<4>").
-  JournalSink(Stream stream, std::string socketPath,
+  /// `socket_path` is the journal's stream socket. Lines have the identifier
+  /// and the syslog priority, unless they start with one of their own ("<4>").
+  JournalSink(Stream stream, std::string socket_path,
               const std::string& identifier, int priority, uint64_t& dropped);
   ~JournalSink() override;
 
   void write(Stream stream, std::string_view text) override;
   void addPolls(PollSet& polls) const override;
   int64_t deadline() const override;
-  void proceed(const PollSet& polls, int64_t nowMs) override;
+  void proceed(const PollSet& polls, int64_t now_ms) override;
   void finish() override;
   uint64_t heldBytes() const override { return queue_.content().size(); }
 
  private:
-  void connect(int64_t nowMs);
-  void disconnect(int64_t nowMs);
-  ssize_t sendSome(std::string_view text, int64_t nowMs);
+  void connect(int64_t now_ms);
+  void disconnect(int64_t now_ms);
+  ssize_t sendSome(std::string_view text, int64_t now_ms);
   bool appendNotice();
-  void flush(int64_t nowMs);
+  void flush(int64_t now_ms);
 
   Stream stream_;
-  std::string socketPath_;
+  std::string socket_path_;
   std::string header_;
   uint64_t& dropped_;
   OutputQueue queue_;
   uint64_t unreported_ = 0;
   int fd_ = -1;
-  int64_t connectAtMs_ = 0;
+  int64_t connect_at_ms_ = 0;
 };
 
 /// The header of a connection to the journal's stream socket.

@@ -93,7 +93,7 @@ LogDirectory::~LogDirectory() {
 void LogDirectory::closeCurrent() {
   if (current_ >= 0) (void)::close(current_);
   current_ = -1;
-  isMidLine_ = false;
+  is_mid_line_ = false;
 }
 
 bool LogDirectory::openDirectory() {
@@ -102,7 +102,7 @@ bool LogDirectory::openDirectory() {
   directory_ =
       ::open(settings_.path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (directory_ < 0) return false;
-  nextNumber_ = inventoryOf(directory_).lastNumber + 1;
+  next_number_ = inventoryOf(directory_).lastNumber + 1;
   prune();
   return true;
 }
@@ -125,8 +125,8 @@ bool LogDirectory::openCurrent() {
   current_ = fd;
   used_ = static_cast<uint64_t>(status.st_size);
   char last = '\n';
-  isMidLine_ = used_ > 0 && ::pread(fd, &last, 1, status.st_size - 1) == 1 &&
-               last != '\n';
+  is_mid_line_ = used_ > 0 && ::pread(fd, &last, 1, status.st_size - 1) == 1 &&
+                 last != '\n';
   return true;
 }
 
@@ -139,12 +139,12 @@ bool LogDirectory::isUsable() {
 
 void LogDirectory::write(Stream stream, std::string_view text) {
   if (unreported_ > 0 &&
-      (monotonicMs() < retryAtMs_ || !isUsable() || !writeNotice())) {
+      (monotonicMs() < retry_at_ms_ || !isUsable() || !writeNotice())) {
     drop(text.size(), error_);
     return;
   }
-  if (isMidLine_ && stream != lastStream_) append("\n");
-  lastStream_ = stream;
+  if (is_mid_line_ && stream != last_stream_) append("\n");
+  last_stream_ = stream;
   while (!text.empty()) {
     if (unreported_ > 0 || !isUsable()) {
       drop(text.size(), error_);
@@ -153,7 +153,7 @@ void LogDirectory::write(Stream stream, std::string_view text) {
     const uint64_t room =
         settings_.fileSize > used_ ? settings_.fileSize - used_ : 0;
     const size_t size =
-        bytesBeforeRotation(text, room, !isMidLine_ && used_ > 0);
+        bytesBeforeRotation(text, room, !is_mid_line_ && used_ > 0);
     if (size == 0 && !rotate()) {
       drop(text.size(), errno);
       return;
@@ -174,13 +174,13 @@ void LogDirectory::append(std::string_view text) {
     if (written < 0 && errno == EINTR) continue;
     if (written <= 0) return drop(text.size(), written < 0 ? errno : EIO);
     used_ += static_cast<uint64_t>(written);
-    isMidLine_ = text[static_cast<size_t>(written) - 1] != '\n';
+    is_mid_line_ = text[static_cast<size_t>(written) - 1] != '\n';
     text.remove_prefix(static_cast<size_t>(written));
   }
 }
 
 void LogDirectory::drop(size_t size, int error) {
-  if (unreported_ == 0) retryAtMs_ = monotonicMs() + kRetryMs;
+  if (unreported_ == 0) retry_at_ms_ = monotonicMs() + kRetryMs;
   unreported_ += size;
   dropped_ += size;
   error_ = error;
@@ -194,9 +194,9 @@ bool LogDirectory::hasSpace() const {
 }
 
 bool LogDirectory::writeNotice() {
-  const std::string notice = (isMidLine_ ? "\n" : "") +
+  const std::string notice = (is_mid_line_ ? "\n" : "") +
                              droppedNotice(unreported_, std::strerror(error_));
-  retryAtMs_ = monotonicMs() + kRetryMs;
+  retry_at_ms_ = monotonicMs() + kRetryMs;
   if (!hasSpace()) return false;
   const ssize_t written = ::write(current_, notice.data(), notice.size());
   if (written != static_cast<ssize_t>(notice.size())) {
@@ -205,7 +205,7 @@ bool LogDirectory::writeNotice() {
     return false;
   }
   used_ += notice.size();
-  isMidLine_ = false;
+  is_mid_line_ = false;
   unreported_ = 0;
   return true;
 }
@@ -236,7 +236,7 @@ void LogDirectory::renameCurrent() {
     return;
   const int64_t now = unixSeconds();
   for (;;) {
-    const std::string name = rotatedName(nextNumber_++, now);
+    const std::string name = rotatedName(next_number_++, now);
     if (::renameat2(directory_, kCurrent, directory_, name.c_str(),
                     RENAME_NOREPLACE) == 0 ||
         errno == ENOENT)
@@ -252,9 +252,10 @@ void LogDirectory::renameCurrent() {
 void LogDirectory::prune() const {
   for (Inventory all = inventoryOf(directory_); all.count > 0;
        all = inventoryOf(directory_)) {
-    const bool isTooMuch = all.count > settings_.keptFiles ||
-                           all.size + settings_.fileSize > settings_.totalSize;
-    if (!isTooMuch || ::unlinkat(directory_, all.oldest.c_str(), 0) != 0)
+    const bool is_too_much =
+        all.count > settings_.keptFiles ||
+        all.size + settings_.fileSize > settings_.totalSize;
+    if (!is_too_much || ::unlinkat(directory_, all.oldest.c_str(), 0) != 0)
       return;
   }
 }
@@ -281,10 +282,10 @@ void LogDirectory::addPolls(PollSet& polls) const {
 }
 
 int64_t LogDirectory::deadline() const {
-  return unreported_ > 0 ? retryAtMs_ : kNever;
+  return unreported_ > 0 ? retry_at_ms_ : kNever;
 }
 
-void LogDirectory::proceed(const PollSet& polls, int64_t nowMs) {
+void LogDirectory::proceed(const PollSet& polls, int64_t now_ms) {
   if (polls.hasEvent(compressor_.descriptor()) && compressor_.isFinished()) {
     // Without gzip, or on a full disk, files stay as they are until the next
     // rotation. A file may have been removed to make room.
@@ -292,8 +293,9 @@ void LogDirectory::proceed(const PollSet& polls, int64_t nowMs) {
         ::faccessat(directory_, compressed_.c_str(), F_OK, 0) != 0)
       compressOldest();
   }
-  if (unreported_ > 0 && nowMs >= retryAtMs_ && isUsable()) (void)writeNotice();
-  if (retryAtMs_ <= nowMs) retryAtMs_ = nowMs + kRetryMs;
+  if (unreported_ > 0 && now_ms >= retry_at_ms_ && isUsable())
+    (void)writeNotice();
+  if (retry_at_ms_ <= now_ms) retry_at_ms_ = now_ms + kRetryMs;
 }
 
 void LogDirectory::finish() {

@@ -28,7 +28,7 @@ class LogDirectory : public LogSink {
   void write(Stream stream, std::string_view text) override;
   void addPolls(PollSet& polls) const override;
   int64_t deadline() const override;
-  void proceed(const PollSet& polls, int64_t nowMs) override;
+  void proceed(const PollSet& polls, int64_t now_ms) override;
   void finish() override;
 
  private:
@@ -49,14 +49,14 @@ class LogDirectory : public LogSink {
   uint64_t& dropped_;
   int directory_ = -1;
   int current_ = -1;
-  uint64_t used_ = 0;       // bytes of the current file
-  uint64_t unchecked_ = 0;  // bytes since the last look at the free space
-  bool isMidLine_ = false;  // the current file ends within a line
-  Stream lastStream_ = Stream::OUTPUT;
-  uint64_t nextNumber_ = 1;
+  uint64_t used_ = 0;         // bytes of the current file
+  uint64_t unchecked_ = 0;    // bytes since the last look at the free space
+  bool is_mid_line_ = false;  // the current file ends within a line
+  Stream last_stream_ = Stream::OUTPUT;
+  uint64_t next_number_ = 1;
   uint64_t unreported_ = 0;  // dropped bytes without a notice yet
   int error_ = 0;            // the reason, an errno
-  int64_t retryAtMs_ = 0;
+  int64_t retry_at_ms_ = 0;
   ChildProcess compressor_;
   std::string compressed_;  // the file of the compressor
 };

@@ -13,22 +13,22 @@ constexpr size_t kDirectBuffer = size_t{64} << 10;
 constexpr size_t kLineBuffer = size_t{32} << 10;
 }  // namespace
 
-LogReader::LogReader(Stream stream, int fd, bool holdsPartialLines,
+LogReader::LogReader(Stream stream, int fd, bool holds_partial_lines,
                      uint64_t& held)
     : stream_(stream),
       fd_(fd),
-      holdsPartialLines_(holdsPartialLines),
+      holds_partial_lines_(holds_partial_lines),
       held_(held),
-      size_(holdsPartialLines ? kLineBuffer : kDirectBuffer),
+      size_(holds_partial_lines ? kLineBuffer : kDirectBuffer),
       data_(new char[size_]) {
   held_ = 0;
 }
 
 int64_t LogReader::deadline() const {
-  return used_ == 0 ? kNever : partialSinceMs_ + kPartialLineMs;
+  return used_ == 0 ? kNever : partial_since_ms_ + kPartialLineMs;
 }
 
-size_t LogReader::read(const LogSinks& sinks, int64_t nowMs, size_t most) {
+size_t LogReader::read(const LogSinks& sinks, int64_t now_ms, size_t most) {
   const ssize_t count =
       ::read(fd_, data_.get() + used_, std::min(most, size_ - used_));
   if (count < 0 && (errno == EINTR || errno == EAGAIN)) return 0;
@@ -38,9 +38,9 @@ size_t LogReader::read(const LogSinks& sinks, int64_t nowMs, size_t most) {
   }
   used_ += static_cast<size_t>(count);
   held_ = used_;
-  partialSinceMs_ = nowMs;
+  partial_since_ms_ = now_ms;
   size_t whole = used_;
-  if (holdsPartialLines_) {
+  if (holds_partial_lines_) {
     const size_t end = std::string_view(data_.get(), used_).rfind('\n');
     if (end != std::string_view::npos) {
       whole = end + 1;
@@ -59,8 +59,8 @@ void LogReader::handOn(const LogSinks& sinks, size_t size) {
   held_ = used_;
 }
 
-void LogReader::flushPartialLine(const LogSinks& sinks, int64_t nowMs) {
-  if (used_ > 0 && nowMs >= deadline()) handOn(sinks, used_);
+void LogReader::flushPartialLine(const LogSinks& sinks, int64_t now_ms) {
+  if (used_ > 0 && now_ms >= deadline()) handOn(sinks, used_);
 }
 
 }  // namespace vorn::run

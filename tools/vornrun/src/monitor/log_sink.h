@@ -27,7 +27,7 @@ class LogSink {
   virtual void addPolls(PollSet&) const {}
   /// The monotonic time in ms of the next proceed() without an event.
   virtual int64_t deadline() const { return kNever; }
-  virtual void proceed(const PollSet&, int64_t /*nowMs*/) {}
+  virtual void proceed(const PollSet&, int64_t /*now_ms*/) {}
 
   /// Writes the rest, and counts as dropped what cannot be written.
   virtual void finish() {}

@@ -48,21 +48,21 @@ void closeAll(MonitorDescriptors& own) {
     closeIfOpen(*fd);
 }
 
-bool openPipe(int& readingEnd, int& writingEnd) {
+bool openPipe(int& reading_end, int& writing_end) {
   int ends[2] = {-1, -1};
   if (::pipe2(ends, O_CLOEXEC) != 0) return false;
-  readingEnd = ends[0];
-  writingEnd = ends[1];
-  (void)::fcntl(readingEnd, F_SETFL, O_NONBLOCK);
+  reading_end = ends[0];
+  writing_end = ends[1];
+  (void)::fcntl(reading_end, F_SETFL, O_NONBLOCK);
   return true;
 }
 
 /// A larger pipe: under load, the node and the monitor wait less often for each
 /// other. Without the right to it, the usual size remains.
-bool openLogPipe(int& readingEnd, int& writingEnd) {
+bool openLogPipe(int& reading_end, int& writing_end) {
   constexpr int kSize = 256 << 10;
-  if (!openPipe(readingEnd, writingEnd)) return false;
-  (void)::fcntl(readingEnd, F_SETPIPE_SZ, kSize);
+  if (!openPipe(reading_end, writing_end)) return false;
+  (void)::fcntl(reading_end, F_SETPIPE_SZ, kSize);
   return true;
 }
 
@@ -71,11 +71,11 @@ bool openLogPipe(int& readingEnd, int& writingEnd) {
 bool changeOwner(const MonitorConnection& connection,
                  const MonitoredNode& node) {
   if (node.account == nullptr) return true;
-  const auto isOwned = [&](int fd) {
+  const auto is_owned = [&](int fd) {
     return fd < 0 || ::fchown(fd, node.account->user, node.account->group) == 0;
   };
-  return isOwned(connection.standardOutput) &&
-         isOwned(connection.standardError) && isOwned(connection.ready);
+  return is_owned(connection.standardOutput) &&
+         is_owned(connection.standardError) && is_owned(connection.ready);
 }
 
 /// A terminal that passes on all bytes as they are.
@@ -140,8 +140,8 @@ void closeOthers(const MonitorDescriptors& own) {
   std::sort(std::begin(kept), std::end(kept));  // absent ones are the last
   for (size_t i = 0; i < std::size(kept); ++i) {
     if (kept[i] == UINT_MAX) break;
-    const bool isLast = i + 1 == std::size(kept) || kept[i + 1] == UINT_MAX;
-    const unsigned end = isLast ? UINT_MAX : kept[i + 1] - 1;
+    const bool is_last = i + 1 == std::size(kept) || kept[i + 1] == UINT_MAX;
+    const unsigned end = is_last ? UINT_MAX : kept[i + 1] - 1;
     if (kept[i] + 1 <= end) (void)::close_range(kept[i] + 1, end, 0);
   }
 }
@@ -280,19 +280,19 @@ void addNotifyVariables(const RunSettings& settings,
 
 int connectProgram(const RunSettings& settings,
                    const MonitorConnection& connection) {
-  const int readyNumber =
+  const int ready_number =
       connection.ready < 0 ? -1
                            : static_cast<int>(std::strtol(
                                  settings.ready->value.c_str(), nullptr, 10));
   int original = -1;
   if (connection.standardOutput >= 0) {
-    original = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, readyNumber + 1);
+    original = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, ready_number + 1);
     (void)::dup2(connection.standardOutput, STDOUT_FILENO);
     (void)::dup2(connection.standardError, STDERR_FILENO);
   }
   // The last one: its number may be that of another connection.
   if (connection.ready >= 0)
-    (void)keepDescriptor(connection.ready, readyNumber);
+    (void)keepDescriptor(connection.ready, ready_number);
   return original;
 }
 

@@ -33,9 +33,10 @@ bool holdsPartialLines(const RunSettings& settings) {
 
 LoggedStreams loggedStreams(const RunSettings& settings) {
   LoggedStreams streams;
-  const bool hasLines = settings.logPrefix || settings.logJournal;
-  streams.isLogged = hasLines || !settings.logDirectory.empty() || settings.pty;
-  streams.areSeparate = hasLines && !settings.pty;
+  const bool has_lines = settings.logPrefix || settings.logJournal;
+  streams.isLogged =
+      has_lines || !settings.logDirectory.empty() || settings.pty;
+  streams.areSeparate = has_lines && !settings.pty;
   return streams;
 }
 
@@ -46,13 +47,13 @@ MonitorLoop::MonitorLoop(const RunSettings& settings, const MonitoredNode& node,
       identity_(identity),
       own_(own),
       state_(state),
-      standardError_(STDERR_FILENO),
+      standard_error_(STDERR_FILENO),
       readers_{
           {Stream::OUTPUT, own.output, holdsPartialLines(settings),
-           heldOutput_},
-          {Stream::ERROR, own.error, holdsPartialLines(settings), heldError_}},
+           held_output_},
+          {Stream::ERROR, own.error, holdsPartialLines(settings), held_error_}},
       health_(settings, node, state),
-      stateFile_(settings.stateDirectory, node.name, state.fileInode) {
+      state_file_(settings.stateDirectory, node.name, state.fileInode) {
   if (state_.monitorStarts > 1) {
     state_.droppedBytes += state_.heldBytes;
     report("the monitor was killed and is running again");
@@ -63,7 +64,7 @@ MonitorLoop::MonitorLoop(const RunSettings& settings, const MonitoredNode& node,
 void MonitorLoop::addSinks(const RunSettings& settings) {
   const std::string& name = identity_.name;
   uint64_t& dropped = state_.droppedBytes;
-  const bool hasError = loggedStreams(settings).areSeparate;
+  const bool has_error = loggedStreams(settings).areSeparate;
   if (!settings.logDirectory.empty())
     sinks_.push_back(std::make_unique<LogDirectory>(
         LogDirectorySettings{settings.logDirectory, settings.logSize,
@@ -73,23 +74,24 @@ void MonitorLoop::addSinks(const RunSettings& settings) {
   if (settings.logJournal) {
     sinks_.push_back(std::make_unique<JournalSink>(
         Stream::OUTPUT, kJournalSocket, name, kPriorityInfo, dropped));
-    if (hasError)
+    if (has_error)
       sinks_.push_back(std::make_unique<JournalSink>(
           Stream::ERROR, kJournalSocket, name, kPriorityNotice, dropped));
   }
   // A terminal without a log replaces the original output.
-  const bool isPlainTerminal = settings.pty && sinks_.empty();
-  if (settings.logPrefix || isPlainTerminal)
+  const bool is_plain_terminal = settings.pty && sinks_.empty();
+  if (settings.logPrefix || is_plain_terminal)
     sinks_.push_back(std::make_unique<PrefixSink>(
         Stream::OUTPUT, STDOUT_FILENO,
         settings.logPrefix ? name + " stdout: " : "", dropped));
-  if (settings.logPrefix && hasError)
+  if (settings.logPrefix && has_error)
     sinks_.push_back(std::make_unique<PrefixSink>(Stream::ERROR, STDERR_FILENO,
                                                   name + " stderr: ", dropped));
 }
 
 void MonitorLoop::report(const std::string& text) const {
-  (void)standardError_.write("vornrun: " + identity_.name + ": " + text + "\n");
+  (void)standard_error_.write("vornrun: " + identity_.name + ": " + text +
+                              "\n");
 }
 
 void MonitorLoop::run() {
@@ -105,7 +107,7 @@ int64_t MonitorLoop::deadline() const {
     deadline = std::min(deadline, reader.deadline());
   for (const auto& sink : sinks_)
     deadline = std::min(deadline, sink->deadline());
-  if (hasNews_) deadline = std::min(deadline, nextStateMs_);
+  if (has_news_) deadline = std::min(deadline, next_state_ms_);
   if (state_.killAtMs > 0) deadline = std::min(deadline, state_.killAtMs);
   return deadline;
 }
@@ -143,24 +145,24 @@ bool MonitorLoop::step() {
   for (const auto& sink : sinks_) sink->proceed(polls, now);
   noteHeldBytes();
   proceedHealth(polls, now);
-  if (state_.phase != phase) nextStateMs_ = 0;
+  if (state_.phase != phase) next_state_ms_ = 0;
   updateState(now);
   return !polls.hasEvent(own_.node);
 }
 
-void MonitorLoop::readLog(LogReader& reader, int64_t nowMs) {
-  for (int i = 0; i < kMostReads && reader.read(sinks_, nowMs, SIZE_MAX) > 0;
+void MonitorLoop::readLog(LogReader& reader, int64_t now_ms) {
+  for (int i = 0; i < kMostReads && reader.read(sinks_, now_ms, SIZE_MAX) > 0;
        ++i)
     noteHeldBytes();
 }
 
 void MonitorLoop::noteHeldBytes() {
-  uint64_t held = heldOutput_ + heldError_;
+  uint64_t held = held_output_ + held_error_;
   for (const auto& sink : sinks_) held += sink->heldBytes();
   state_.heldBytes = held;
 }
 
-void MonitorLoop::readPhases(int64_t nowMs) {
+void MonitorLoop::readPhases(int64_t now_ms) {
   PhaseMessage message;
   constexpr auto kSize = static_cast<ssize_t>(sizeof(message));
   const auto next = [&] {
@@ -179,10 +181,10 @@ void MonitorLoop::readPhases(int64_t nowMs) {
   }
   if (size < 0) return;
   own_.phases = -1;  // closed by exec
-  if (!state_.isExecuted) health_.noteExecuted(nowMs);
+  if (!state_.isExecuted) health_.noteExecuted(now_ms);
 }
 
-void MonitorLoop::readNotifications(int64_t nowMs) {
+void MonitorLoop::readNotifications(int64_t now_ms) {
   constexpr int kMostMessages = 64;
   for (int i = 0; i < kMostMessages; ++i) {
     const auto datagram = receiveNotifyDatagram(own_.notify);
@@ -194,30 +196,30 @@ void MonitorLoop::readNotifications(int64_t nowMs) {
       ++state_.ignoredMessages;
       continue;
     }
-    health_.noteMessage(parseNotifyMessage(datagram->text), nowMs);
+    health_.noteMessage(parseNotifyMessage(datagram->text), now_ms);
   }
 }
 
-void MonitorLoop::readReadiness(int64_t nowMs) {
+void MonitorLoop::readReadiness(int64_t now_ms) {
   char text[64];
   const ssize_t size = ::read(own_.ready, text, sizeof(text));
   if (size < 0) return;
   if (size == 0 || std::memchr(text, '\n', static_cast<size_t>(size))) {
-    if (size > 0) health_.noteReady(nowMs);
+    if (size > 0) health_.noteReady(now_ms);
     own_.ready = -1;
   }
 }
 
-void MonitorLoop::proceedHealth(const PollSet& polls, int64_t nowMs) {
-  health_.proceed(polls, nowMs);
+void MonitorLoop::proceedHealth(const PollSet& polls, int64_t now_ms) {
+  health_.proceed(polls, now_ms);
   if (const auto failure = health_.takeFailure()) {
     const int number =
         settings_.watchdogSignal != 0 ? settings_.watchdogSignal : SIGTERM;
     report(*failure + ": sending SIG" + ::sigabbrev_np(number));
     (void)signalProcess(own_.node, number);  // it may have ended
-    state_.killAtMs = nowMs + kKillAfterMs;
+    state_.killAtMs = now_ms + kKillAfterMs;
   }
-  if (state_.killAtMs > 0 && nowMs >= state_.killAtMs) {
+  if (state_.killAtMs > 0 && now_ms >= state_.killAtMs) {
     state_.killAtMs = 0;
     report("still running after " + durationText(kKillAfterMs) +
            ": sending SIGKILL");
@@ -226,20 +228,20 @@ void MonitorLoop::proceedHealth(const PollSet& polls, int64_t nowMs) {
 }
 
 /// Phases are written at once, counters at most once per second.
-void MonitorLoop::updateState(int64_t nowMs) {
-  if (nowMs < nextStateMs_) {
-    hasNews_ = true;
+void MonitorLoop::updateState(int64_t now_ms) {
+  if (now_ms < next_state_ms_) {
+    has_news_ = true;
     return;
   }
-  hasNews_ = false;
-  nextStateMs_ = nowMs + kStatePauseMs;
+  has_news_ = false;
+  next_state_ms_ = now_ms + kStatePauseMs;
   std::string text = stateText(state_, identity_);
-  if (text == writtenState_) return;
-  const std::string reason = stateFile_.write(text);
+  if (text == written_state_) return;
+  const std::string reason = state_file_.write(text);
   if (reason.empty()) {
-    writtenState_ = std::move(text);
-  } else if (!hasReportedStateError_) {
-    hasReportedStateError_ = true;
+    written_state_ = std::move(text);
+  } else if (!has_reported_state_error_) {
+    has_reported_state_error_ = true;
     report("--state-dir: " + reason);
   }
 }
@@ -260,7 +262,7 @@ void MonitorLoop::finish() {
   for (const auto& sink : sinks_) sink->finish();
   health_.stop();
   // vornctl reads the file until the next start.
-  if (state_.phase != Phase::GAVE_UP) stateFile_.remove();
+  if (state_.phase != Phase::GAVE_UP) state_file_.remove();
 }
 
 }  // namespace vorn::run

@@ -44,13 +44,13 @@ class MonitorLoop {
   void addSinks(const RunSettings& settings);
   int64_t deadline() const;
   bool step();
-  void readLog(LogReader& reader, int64_t nowMs);
+  void readLog(LogReader& reader, int64_t now_ms);
   void noteHeldBytes();
-  void readPhases(int64_t nowMs);
-  void readNotifications(int64_t nowMs);
-  void readReadiness(int64_t nowMs);
-  void proceedHealth(const PollSet& polls, int64_t nowMs);
-  void updateState(int64_t nowMs);
+  void readPhases(int64_t now_ms);
+  void readNotifications(int64_t now_ms);
+  void readReadiness(int64_t now_ms);
+  void proceedHealth(const PollSet& polls, int64_t now_ms);
+  void updateState(int64_t now_ms);
   void finish();
   void report(const std::string& text) const;
 
@@ -58,17 +58,17 @@ class MonitorLoop {
   const NodeIdentity& identity_;
   MonitorDescriptors own_;
   NodeState& state_;
-  SharedOutput standardError_;
+  SharedOutput standard_error_;
   LogSinks sinks_;
-  uint64_t heldOutput_ = 0;
-  uint64_t heldError_ = 0;
+  uint64_t held_output_ = 0;
+  uint64_t held_error_ = 0;
   LogReader readers_[2];
   Health health_;
-  StateFile stateFile_;
-  std::string writtenState_;
-  bool hasNews_ = true;
-  int64_t nextStateMs_ = 0;
-  bool hasReportedStateError_ = false;
+  StateFile state_file_;
+  std::string written_state_;
+  bool has_news_ = true;
+  int64_t next_state_ms_ = 0;
+  bool has_reported_state_error_ = false;
 };
 
 }  // namespace vorn::run

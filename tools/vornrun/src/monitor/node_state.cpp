@@ -95,7 +95,7 @@ const char* nameOf(Phase phase) {
 std::string stateText(const NodeState& state, const NodeIdentity& node) {
   const std::string ready =
       state.expectsReadiness ? jsonBool(state.isReady) : "null";
-  const std::string delayedUntil =
+  const std::string delayed_until =
       state.delayedUntil == 0 ? "null" : std::to_string(state.delayedUntil);
   return "{\"schema\":1,\"node\":" + jsonText(node.name) +
          ",\"pid\":" + std::to_string(node.pid) +
@@ -104,7 +104,7 @@ std::string stateText(const NodeState& state, const NodeIdentity& node) {
          ",\"phaseSince\":" + std::to_string(state.phaseSince) +
          ",\"ready\":" + ready +
          ",\"restarts\":" + std::to_string(state.restarts) +
-         ",\"delayedUntil\":" + delayedUntil +
+         ",\"delayedUntil\":" + delayed_until +
          ",\"droppedBytes\":" + std::to_string(state.droppedBytes) +
          ",\"ignoredMessages\":" + std::to_string(state.ignoredMessages) +
          ",\"watchdog\":" + watchdogJson(state) +
@@ -115,11 +115,11 @@ void copyPrintable(std::string_view text, char* to, size_t size) {
   size_t used = 0;
   while (!text.empty()) {
     const size_t length = utf8CharacterSize(text);
-    const bool isPrintable =
+    const bool is_printable =
         length > 0 && !isControlCharacter(text.substr(0, length));
-    const size_t needed = isPrintable ? length : 1;
+    const size_t needed = is_printable ? length : 1;
     if (used + needed >= size) break;
-    if (isPrintable) {
+    if (is_printable) {
       std::memcpy(to + used, text.data(), length);
     } else {
       to[used] = '?';

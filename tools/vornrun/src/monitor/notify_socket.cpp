@@ -29,8 +29,8 @@ int createNotifySocket(std::string& name) {
     errno = error;
     return -1;
   }
-  const size_t nameSize = size - offsetof(sockaddr_un, sun_path);
-  name = "@" + std::string(address.sun_path + 1, nameSize - 1);
+  const size_t name_size = size - offsetof(sockaddr_un, sun_path);
+  name = "@" + std::string(address.sun_path + 1, name_size - 1);
   return fd;
 }
 

@@ -15,10 +15,10 @@ class PollSet {
     polls_[count_++] = {fd, events, 0};
   }
 
-  /// Waits at most `timeoutMs`, -1 forever. After an interruption by a signal,
+  /// Waits at most `timeout_ms`, -1 forever. After an interruption by a signal,
   /// no descriptor has an event.
-  void wait(int timeoutMs) {
-    if (::poll(polls_, count_, timeoutMs) >= 0) return;
+  void wait(int timeout_ms) {
+    if (::poll(polls_, count_, timeout_ms) >= 0) return;
     for (pollfd& poll : polls_) poll.revents = 0;
   }
 

@@ -29,8 +29,8 @@ void PrefixSink::write(Stream stream, std::string_view text) {
 
 void PrefixSink::writeLine(std::string_view line) {
   // Without a prefix, the text stays as it is.
-  const bool isCut = line.back() != '\n' && !prefix_.empty();
-  const std::string_view end = isCut ? "\n" : "";
+  const bool is_cut = line.back() != '\n' && !prefix_.empty();
+  const std::string_view end = is_cut ? "\n" : "";
   if (appendNotice() && queue_.append({prefix_, line, end})) return;
   flush();
   if (appendNotice() && queue_.append({prefix_, line, end})) return;
@@ -69,7 +69,7 @@ void PrefixSink::addPolls(PollSet& polls) const {
   if (!queue_.content().empty()) polls.add(output_.descriptor(), POLLOUT);
 }
 
-void PrefixSink::proceed(const PollSet& polls, int64_t /*nowMs*/) {
+void PrefixSink::proceed(const PollSet& polls, int64_t /*now_ms*/) {
   if (queue_.content().empty() || !polls.hasEvent(output_.descriptor())) return;
   flush();
   if (queue_.content().empty() && appendNotice()) flush();

@@ -19,7 +19,7 @@ class PrefixSink : public LogSink {
 
   void write(Stream stream, std::string_view text) override;
   void addPolls(PollSet& polls) const override;
-  void proceed(const PollSet& polls, int64_t nowMs) override;
+  void proceed(const PollSet& polls, int64_t now_ms) override;
   void finish() override;
   uint64_t heldBytes() const override { return queue_.content().size(); }
 

@@ -21,8 +21,8 @@ bool removeSuffix(std::string_view& text, std::string_view suffix) {
 
 }  // namespace
 
-std::string rotatedName(uint64_t number, int64_t unixTime) {
-  const time_t time = unixTime;
+std::string rotatedName(uint64_t number, int64_t unix_time) {
+  const time_t time = unix_time;
   tm utc{};
   (void)::gmtime_r(&time, &utc);
   char name[64];
@@ -53,13 +53,13 @@ std::optional<RotatedFile> parseRotatedName(std::string_view name) {
 }
 
 size_t bytesBeforeRotation(std::string_view text, uint64_t room,
-                           bool mayEndHere) {
+                           bool may_end_here) {
   if (text.size() <= room) return text.size();
   const auto most = static_cast<size_t>(room);
   const size_t end =
       most == 0 ? std::string_view::npos : text.rfind('\n', most - 1);
   if (end != std::string_view::npos) return end + 1;
-  return mayEndHere ? 0 : most;
+  return may_end_here ? 0 : most;
 }
 
 }  // namespace vorn::run

@@ -13,7 +13,7 @@
 namespace vorn::run {
 
 /// The name of a finished file.
-std::string rotatedName(uint64_t number, int64_t unixTime);
+std::string rotatedName(uint64_t number, int64_t unix_time);
 
 struct RotatedFile {
   uint64_t number = 0;
@@ -25,9 +25,9 @@ std::optional<RotatedFile> parseRotatedName(std::string_view name);
 
 /// The number of bytes of `text` to write before the file with this `room` is
 /// finished. 0: finish the file first. Files end with a whole line, unless a
-/// single line is larger than a file. `mayEndHere`: the file is not empty and
+/// single line is larger than a file. `may_end_here`: the file is not empty and
 /// ends with a whole line.
 size_t bytesBeforeRotation(std::string_view text, uint64_t room,
-                           bool mayEndHere);
+                           bool may_end_here);
 
 }  // namespace vorn::run

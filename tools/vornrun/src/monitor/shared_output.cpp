@@ -32,11 +32,11 @@ SharedOutput::SharedOutput(int fd) : fd_(fd) {
       ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (own < 0) return;
   fd_ = own;
-  isOwned_ = true;
+  is_owned_ = true;
 }
 
 SharedOutput::~SharedOutput() {
-  if (isOwned_) (void)::close(fd_);
+  if (is_owned_) (void)::close(fd_);
 }
 
 ssize_t SharedOutput::write(std::string_view text) const {
@@ -48,7 +48,7 @@ ssize_t SharedOutput::write(std::string_view text) const {
     } else if (kind_ == Kind::PIPE) {
       pollfd poll = {fd_, POLLOUT, 0};
       // Only matters if the pipe could not be opened again.
-      if (!isOwned_ && ::poll(&poll, 1, 0) == 0) return 0;
+      if (!is_owned_ && ::poll(&poll, 1, 0) == 0) return 0;
       written = ::write(fd_, text.data(), pieceForPipe(text));
     } else {
       written = ::write(fd_, text.data(), text.size());

@@ -30,7 +30,7 @@ class SharedOutput {
   enum class Kind { FILE, PIPE, SOCKET };
   Kind kind_ = Kind::FILE;
   int fd_;
-  bool isOwned_ = false;
+  bool is_owned_ = false;
 };
 
 /// The number of bytes of `text` that a pipe takes in one piece: whole lines up

@@ -42,12 +42,12 @@ std::optional<std::string> delegatedGroup(const std::string& mount,
 bool writeToFile(const std::string& path, const std::string& text) {
   const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
   if (fd < 0) return false;
-  const bool isWritten = ::write(fd, text.data(), text.size()) ==
-                         static_cast<ssize_t>(text.size());
+  const bool is_written = ::write(fd, text.data(), text.size()) ==
+                          static_cast<ssize_t>(text.size());
   const int error = errno;
   (void)::close(fd);
   errno = error;
-  return isWritten;
+  return is_written;
 }
 
 /// Kills all processes of the group and waits until they have exited. Returns

@@ -35,10 +35,10 @@ std::optional<Account> resolveAccount(const RunSettings& settings,
 }
 
 std::optional<RunError> applyAccount(const Account& account) {
-  const bool isCurrent = ::geteuid() != 0 && ::geteuid() == account.user &&
-                         ::getuid() == account.user &&
-                         ::getegid() == account.group;
-  if (isCurrent) return std::nullopt;
+  const bool is_current = ::geteuid() != 0 && ::geteuid() == account.user &&
+                          ::getuid() == account.user &&
+                          ::getegid() == account.group;
+  if (is_current) return std::nullopt;
   if (::setgroups(account.groups.size(), account.groups.data()) != 0) {
     return userError("the groups");
   }

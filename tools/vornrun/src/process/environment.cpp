@@ -23,10 +23,10 @@ bool isEntryOf(const std::string& entry, const std::string& name) {
 
 std::optional<RunError> addFile(const std::string& option,
                                 Environment& environment) {
-  const bool mayBeMissing = option.substr(0, 1) == "-";
-  const std::string path = option.substr(mayBeMissing ? 1 : 0);
+  const bool may_be_missing = option.substr(0, 1) == "-";
+  const std::string path = option.substr(may_be_missing ? 1 : 0);
   const FileText file = readFileText(path);
-  if (file.isMissing && mayBeMissing) return std::nullopt;
+  if (file.isMissing && may_be_missing) return std::nullopt;
   if (!file.error.empty()) {
     return RunError{"--env-file", "cannot read " + path + ": " + file.error};
   }
@@ -116,10 +116,10 @@ std::optional<std::string> expandVariables(const std::string& text,
       result += text[i++];
       continue;
     }
-    const bool isBraced = text[i + 1] == '{';
-    const std::string name = nameAt(text, i + (isBraced ? 2 : 1));
+    const bool is_braced = text[i + 1] == '{';
+    const std::string name = nameAt(text, i + (is_braced ? 2 : 1));
     size_t length = name.size() + 1;
-    if (isBraced) {
+    if (is_braced) {
       const size_t end = i + 2 + name.size();
       length = end < text.size() && text[end] == '}' ? name.size() + 3 : 1;
     }

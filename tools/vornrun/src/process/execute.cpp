@@ -57,9 +57,9 @@ std::string privilegeOf(const std::string& path) {
   if ((status.st_mode & S_ISGID) != 0 && (status.st_mode & S_IXGRP) != 0) {
     return "a setgid program";
   }
-  const bool hasCapabilities =
+  const bool has_capabilities =
       ::getxattr(path.c_str(), "security.capability", nullptr, 0) > 0;
-  return hasCapabilities ? "a program with file capabilities" : "";
+  return has_capabilities ? "a program with file capabilities" : "";
 }
 
 int executeProgram(const std::vector<std::string>& arguments,

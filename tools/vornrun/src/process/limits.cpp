@@ -27,12 +27,12 @@ std::optional<RunError> setNice(int value) {
 std::optional<RunError> setOomScore(int value) {
   const std::string text = std::to_string(value);
   const int fd = ::open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC);
-  const bool isDone = fd >= 0 && ::write(fd, text.data(), text.size()) ==
-                                     static_cast<ssize_t>(text.size());
+  const bool is_done = fd >= 0 && ::write(fd, text.data(), text.size()) ==
+                                      static_cast<ssize_t>(text.size());
   const int error = errno;
   if (fd >= 0) (void)::close(fd);
   errno = error;
-  if (isDone) return std::nullopt;
+  if (is_done) return std::nullopt;
   return limitError("--oom-score-adj", "cannot set " + text);
 }
 

@@ -19,13 +19,13 @@ bool writeNewFile(const std::string& path, const std::string& text) {
       ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode);
   if (fd < 0) return false;
   errno = ENOSPC;  // the reason of a short write
-  const bool isWritten = ::write(fd, text.data(), text.size()) ==
-                         static_cast<ssize_t>(text.size());
+  const bool is_written = ::write(fd, text.data(), text.size()) ==
+                          static_cast<ssize_t>(text.size());
   const int error = errno;
   (void)::fchmod(fd, kMode);  // whatever the mask is
   (void)::close(fd);
   errno = error;
-  return isWritten;
+  return is_written;
 }
 
 }  // namespace

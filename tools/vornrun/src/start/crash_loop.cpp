@@ -62,25 +62,25 @@ std::optional<RunError> CrashLoop::open() {
   if (!isActive()) return std::nullopt;
   const std::string reason = createStateDirectory(settings_.stateDirectory);
   if (!reason.empty()) return RunError{"--state-dir", reason};
-  bootId_ = readFileText("/proc/sys/kernel/random/boot_id").text;
-  while (!bootId_.empty() && bootId_.back() == '\n') bootId_.pop_back();
-  history_ = StartHistory::parse(readFileText(path_).text, bootId_);
+  boot_id_ = readFileText("/proc/sys/kernel/random/boot_id").text;
+  while (!boot_id_.empty() && boot_id_.back() == '\n') boot_id_.pop_back();
+  history_ = StartHistory::parse(readFileText(path_).text, boot_id_);
   now_ = bootTime();
   history_.beginStart(now_, settings_.resetAfter);
   return store();
 }
 
 std::optional<RunError> CrashLoop::beforeStart(
-    const OnDelay& onDelay, const std::function<void()>& onGiveUp) {
+    const OnDelay& on_delay, const std::function<void()>& on_give_up) {
   if (!isActive()) return std::nullopt;
   if (settings_.giveUp && history_.isCrashLoop(*settings_.giveUp, now_)) {
-    onGiveUp();
+    on_give_up();
     return giveUp();
   }
   if (!settings_.backoff) return std::nullopt;
   const milliseconds delay = history_.delay(*settings_.backoff);
   if (delay.count() == 0) return std::nullopt;
-  onDelay(history_.size(), delay);
+  on_delay(history_.size(), delay);
   reportLine(node_, "--backoff",
              "restart " + std::to_string(history_.size()) + ": starting in " +
                  inSeconds(delay));
@@ -95,7 +95,7 @@ std::optional<RunError> CrashLoop::recordStart() {
 }
 
 std::optional<RunError> CrashLoop::store() const {
-  const std::string reason = writeStateFile(path_, history_.text(bootId_));
+  const std::string reason = writeStateFile(path_, history_.text(boot_id_));
   if (reason.empty()) return std::nullopt;
   return RunError{"--state-dir", reason};
 }

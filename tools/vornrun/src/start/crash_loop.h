@@ -25,9 +25,9 @@ class CrashLoop {
 
   /// After open(). Delays the start, or asks the launcher to disable the node,
   /// which then stops this process. Returns an error if the program must not be
-  /// executed. `onGiveUp` is called before the request to the launcher.
-  std::optional<RunError> beforeStart(const OnDelay& onDelay,
-                                      const std::function<void()>& onGiveUp);
+  /// executed. `on_give_up` is called before the request to the launcher.
+  std::optional<RunError> beforeStart(const OnDelay& on_delay,
+                                      const std::function<void()>& on_give_up);
 
   /// Records the execution of the program, which follows.
   std::optional<RunError> recordStart();
@@ -40,7 +40,7 @@ class CrashLoop {
   const RunSettings& settings_;
   const std::string& node_;
   std::string path_;
-  std::string bootId_;
+  std::string boot_id_;
   StartHistory history_;
   int64_t now_ = 0;  // of open()
 };

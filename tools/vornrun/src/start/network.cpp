@@ -53,14 +53,14 @@ std::vector<std::string> hostWords(std::string_view line) {
   }
 }
 
-bool isConnected(int fd, const SocketAddress& address, int limitMs) {
+bool isConnected(int fd, const SocketAddress& address, int limit_ms) {
   const auto* const target =
       reinterpret_cast<const sockaddr*>(&address.storage);
   if (::connect(fd, target, address.size) == 0) return true;
   if (errno == EAGAIN) return true;  // a full queue: busy, but it listens
   if (errno != EINPROGRESS) return false;
   pollfd watched{fd, POLLOUT, 0};
-  if (::poll(&watched, 1, limitMs) <= 0) return false;
+  if (::poll(&watched, 1, limit_ms) <= 0) return false;
   int error = 0;
   socklen_t size = sizeof(error);
   return ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 &&
@@ -103,14 +103,14 @@ std::vector<SocketAddress> unixAddress(const std::string& path) {
 }
 
 bool acceptsConnection(const std::vector<SocketAddress>& addresses,
-                       int limitMs) {
+                       int limit_ms) {
   return std::any_of(
       addresses.begin(), addresses.end(), [&](const SocketAddress& address) {
         const launch::Descriptor socket(
             ::socket(address.storage.ss_family,
                      SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         return socket.number() >= 0 &&
-               isConnected(socket.number(), address, limitMs);
+               isConnected(socket.number(), address, limit_ms);
       });
 }
 

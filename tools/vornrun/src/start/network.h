@@ -25,8 +25,8 @@ std::vector<SocketAddress> findAddresses(const std::string& host,
 std::vector<SocketAddress> unixAddress(const std::string& path);
 
 /// Whether a connection to one of the addresses is accepted within
-/// `limitMs` milliseconds each.
+/// `limit_ms` milliseconds each.
 bool acceptsConnection(const std::vector<SocketAddress>& addresses,
-                       int limitMs);
+                       int limit_ms);
 
 }  // namespace vorn::run

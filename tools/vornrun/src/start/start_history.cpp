@@ -21,9 +21,9 @@ std::string_view takeLine(std::string_view& text) {
 }  // namespace
 
 StartHistory StartHistory::parse(std::string_view text,
-                                 const std::string& bootId) {
+                                 const std::string& boot_id) {
   StartHistory history;
-  if (takeLine(text) != bootId) return history;
+  if (takeLine(text) != boot_id) return history;
   while (!text.empty()) {
     const auto start =
         parseNumber(takeLine(text), 0, std::numeric_limits<long>::max());
@@ -33,14 +33,14 @@ StartHistory StartHistory::parse(std::string_view text,
   return history;
 }
 
-std::string StartHistory::text(const std::string& bootId) const {
-  std::string result = bootId + "\n";
+std::string StartHistory::text(const std::string& boot_id) const {
+  std::string result = boot_id + "\n";
   for (const int64_t start : starts_) result += std::to_string(start) + "\n";
   return result;
 }
 
-void StartHistory::beginStart(int64_t now, milliseconds resetAfter) {
-  if (!starts_.empty() && now - starts_.back() >= resetAfter.count()) {
+void StartHistory::beginStart(int64_t now, milliseconds reset_after) {
+  if (!starts_.empty() && now - starts_.back() >= reset_after.count()) {
     starts_.clear();
   }
 }
@@ -59,11 +59,11 @@ milliseconds StartHistory::delay(const Backoff& backoff) const {
   return std::min(delay, backoff.longest);
 }
 
-bool StartHistory::isCrashLoop(const GiveUp& giveUp, int64_t now) const {
+bool StartHistory::isCrashLoop(const GiveUp& give_up, int64_t now) const {
   const auto recent = std::count_if(
       starts_.begin(), starts_.end(),
-      [&](int64_t start) { return now - start < giveUp.period.count(); });
-  return recent >= static_cast<ptrdiff_t>(giveUp.count);
+      [&](int64_t start) { return now - start < give_up.period.count(); });
+  return recent >= static_cast<ptrdiff_t>(give_up.count);
 }
 
 }  // namespace vorn::run

@@ -15,13 +15,13 @@ class StartHistory {
  public:
   /// The history in the text of a file, empty if the file is of another boot or
   /// not such a file.
-  static StartHistory parse(std::string_view text, const std::string& bootId);
+  static StartHistory parse(std::string_view text, const std::string& boot_id);
 
-  std::string text(const std::string& bootId) const;
+  std::string text(const std::string& boot_id) const;
 
   /// Forgets everything if the last run lasted until `now` at least as long as
-  /// `resetAfter`. Times are in milliseconds since the boot.
-  void beginStart(int64_t now, milliseconds resetAfter);
+  /// `reset_after`. Times are in milliseconds since the boot.
+  void beginStart(int64_t now, milliseconds reset_after);
 
   /// Records an execution.
   void add(int64_t now);
@@ -30,7 +30,7 @@ class StartHistory {
   milliseconds delay(const Backoff& backoff) const;
 
   /// Whether the program was executed too often before `now`.
-  bool isCrashLoop(const GiveUp& giveUp, int64_t now) const;
+  bool isCrashLoop(const GiveUp& give_up, int64_t now) const;
 
   size_t size() const { return starts_.size(); }
 

@@ -33,14 +33,14 @@ namespace {
   ::_exit(executeProgram(arguments, environment, reason));
 }
 
-/// Waits until the child has exited; false after `limitMs`.
-bool exitsWithin(pid_t child, int limitMs) {
+/// Waits until the child has exited; false after `limit_ms`.
+bool exitsWithin(pid_t child, int limit_ms) {
   const int fd = static_cast<int>(::syscall(SYS_pidfd_open, child, 0));
   if (fd < 0) return true;  // kernels before 5.3: without a limit
   pollfd watched{fd, POLLIN, 0};
-  const bool hasExited = ::poll(&watched, 1, limitMs) > 0;
+  const bool has_exited = ::poll(&watched, 1, limit_ms) > 0;
   (void)::close(fd);
-  return hasExited;
+  return has_exited;
 }
 
 }  // namespace
@@ -53,15 +53,15 @@ bool commandSucceeds(const std::vector<std::string>& arguments,
   if (child < 0) return false;
   if (child == 0) runCommand(arguments, account, environment, parent);
   (void)::setpgid(child, child);  // also done by the child: whichever is first
-  const bool isInTime = exitsWithin(child, static_cast<int>(limit.count()));
-  if (!isInTime) {
+  const bool is_in_time = exitsWithin(child, static_cast<int>(limit.count()));
+  if (!is_in_time) {
     (void)::kill(-child, SIGKILL);
     (void)::kill(child, SIGKILL);
   }
   int status = 0;
   while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
-  return isInTime && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  return is_in_time && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 }  // namespace vorn::run

@@ -86,21 +86,21 @@ class ConditionWait {
 std::optional<RunError> waitForConditions(
     const RunSettings& settings, const Account* account,
     const Environment& environment,
-    const std::function<void(size_t)>& onCondition) {
-  const bool isLimited = settings.waitTimeout.count() > 0;
+    const std::function<void(size_t)>& on_condition) {
+  const bool is_limited = settings.waitTimeout.count() > 0;
   const Clock::time_point deadline = Clock::now() + settings.waitTimeout;
   for (size_t i = 0; i < settings.waitFor.size(); ++i) {
     const Condition& condition = settings.waitFor[i];
-    onCondition(i);
+    on_condition(i);
     const ConditionWait wait(condition, account, environment);
     const std::string impossibility = wait.impossibility();
     if (!impossibility.empty()) return RunError{"--wait-for", impossibility};
     for (;;) {
       const milliseconds left =
-          isLimited ? std::chrono::ceil<milliseconds>(deadline - Clock::now())
-                    : kCommandLimit;
+          is_limited ? std::chrono::ceil<milliseconds>(deadline - Clock::now())
+                     : kCommandLimit;
       if (wait.holds(std::max(left, milliseconds(1)))) break;
-      if (isLimited && Clock::now() >= deadline) {
+      if (is_limited && Clock::now() >= deadline) {
         return RunError{"--wait-timeout",
                         conditionText(condition) + " does not hold in time"};
       }

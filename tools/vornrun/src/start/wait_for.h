@@ -16,11 +16,11 @@ namespace vorn::run {
 /// at most --wait-timeout in all. Commands run as `account` (nullptr: as this
 /// process), in the environment of the program. Returns an error after the
 /// time limit, or if a condition can never hold. SIGTERM ends this process, and
-/// the kernel then kills a command that runs. `onCondition` receives the number
-/// of each condition, from 0, before its first check.
+/// the kernel then kills a command that runs. `on_condition` receives the
+/// number of each condition, from 0, before its first check.
 std::optional<RunError> waitForConditions(
     const RunSettings& settings, const Account* account,
     const Environment& environment,
-    const std::function<void(size_t)>& onCondition);
+    const std::function<void(size_t)>& on_condition);
 
 }  // namespace vorn::run
