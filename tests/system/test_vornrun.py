@@ -391,7 +391,8 @@ def test_a_crash_loop_disables_the_node_which_can_be_enabled(machine):
         "vornrun: worker: --give-up: started 2 times within 3600 s; disabling the "
         "node, which can be enabled and started by vornctl"]
     first_line = "worker has given up after too many restarts\n"
-    assert machine.vornctl("why", "worker").stdout.startswith(first_line)
+    eventually(lambda: machine.vornctl("why", "worker").stdout.startswith(first_line),
+               "the reason")
     assert machine.vornctl("enable", "--now", "worker").returncode == 0
     machine.wait_for_log(log_texts.exited("worker", 3), count=3)
     assert not machine.vornctl("why", "worker").stdout.startswith(first_line)

@@ -180,7 +180,8 @@ void MonitorLoop::readPhases(int64_t now_ms) {
                   state_.status, sizeof(state_.status));
   }
   if (size < 0) return;
-  own_.phases = -1;  // closed by exec
+  own_.phases = -1;  // closed by exec, or by the end without it
+  if (state_.phase == Phase::GAVE_UP) return;
   if (!state_.isExecuted) health_.noteExecuted(now_ms);
 }
 
