@@ -211,7 +211,7 @@ def test_the_settings_are_made_in_an_order_that_works(program, tmp_path):
     (["--backoff", "1s", "--state-dir", "/proc/x", "x"],
      "--state-dir: cannot create /proc/x: No such file or directory"),
     (["--backoff", "1s", "--state-dir", "/dev/full", "x"],
-     "--state-dir: cannot write /dev/full/x.starts: Not a directory"),
+     "--state-dir: cannot read /dev/full/x.starts: Not a directory"),
 ])
 def test_a_failure_is_one_line_and_status_125(vornrun, arguments, message):
     done = vornrun(*arguments)

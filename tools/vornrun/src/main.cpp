@@ -36,16 +36,16 @@ class NodeStart {
 
   /// Returns the exit status of a failure.
   int run() {
-    const auto error = prepare();
-    if (error) {
-      reportLine(node_, error->option, error->reason);
-      return kExitFailure;
+    int original_error = -1;
+    int status = kExitFailure;
+    auto error = prepare();
+    if (!error) error = connectProgram(settings_, connection_, original_error);
+    if (!error) {
+      error = RunError{arguments_.front(), ""};
+      status = executeProgram(arguments_, environment_, error->reason);
     }
-    const int original_error = connectProgram(settings_, connection_);
-    std::string reason;
-    const int status = executeProgram(arguments_, environment_, reason);
     if (original_error >= 0) (void)::dup2(original_error, STDERR_FILENO);
-    reportLine(node_, arguments_.front(), reason);
+    reportLine(node_, error->option, error->reason);
     return status;
   }
 

@@ -53,8 +53,7 @@ bool openPipe(int& reading_end, int& writing_end) {
   if (::pipe2(ends, O_CLOEXEC) != 0) return false;
   reading_end = ends[0];
   writing_end = ends[1];
-  (void)::fcntl(reading_end, F_SETFL, O_NONBLOCK);
-  return true;
+  return ::fcntl(reading_end, F_SETFL, O_NONBLOCK) == 0;
 }
 
 /// A larger pipe: under load, the node and the monitor wait less often for each
@@ -129,7 +128,7 @@ bool openConnections(const RunSettings& settings, MonitorConnection& connection,
 // -- In the guardian and the monitor.
 
 /// Closes all descriptors but the first three and the monitor's own.
-void closeOthers(const MonitorDescriptors& own) {
+bool closeOthers(const MonitorDescriptors& own) {
   unsigned kept[] = {2,
                      static_cast<unsigned>(own.node),
                      static_cast<unsigned>(own.output),
@@ -142,8 +141,9 @@ void closeOthers(const MonitorDescriptors& own) {
     if (kept[i] == UINT_MAX) break;
     const bool is_last = i + 1 == std::size(kept) || kept[i + 1] == UINT_MAX;
     const unsigned end = is_last ? UINT_MAX : kept[i + 1] - 1;
-    if (kept[i] + 1 <= end) (void)::close_range(kept[i] + 1, end, 0);
+    if (kept[i] + 1 <= end && !closeDescriptors(kept[i] + 1, end)) return false;
   }
+  return true;
 }
 
 /// Removes the name of the node from the environment that /proc shows: tools
@@ -156,64 +156,22 @@ void hideNodeName() {
       std::memset(*entry, 0, std::strlen(*entry));
 }
 
-void prepareGuardian(const RunSettings& settings,
-                     const MonitorDescriptors& own) {
+/// What the guardian and the monitor inherit. On failure, errno is set.
+bool leaveNode(const RunSettings& settings, const MonitorDescriptors& own) {
   for (const int number : kIgnoredSignals) (void)::signal(number, SIG_IGN);
   (void)::signal(SIGCHLD, SIG_DFL);
   sigset_t none;
   (void)::sigemptyset(&none);
   (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
   (void)::prctl(PR_SET_NAME, "vornrun-monitor");
-  // Collects everything that the monitor starts, so that it does not surprise
-  // a launcher that is process 1.
-  (void)::prctl(PR_SET_CHILD_SUBREAPER, 1);
-  (void)::setsid();
-  if (::chdir("/") != 0) ::_exit(1);  // always accessible
   (void)::umask(0);
   hideNodeName();
   const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-  (void)::dup2(null, STDIN_FILENO);
-  if (!settings.logPrefix && !settings.pty) (void)::dup2(null, STDOUT_FILENO);
-  closeOthers(own);
-}
-
-/// Restarts the monitor until it has seen the end of the node.
-[[noreturn]] void guard(const RunSettings& settings, const MonitoredNode& node,
-                        const NodeIdentity& identity,
-                        const MonitorDescriptors& own, NodeState& state) {
-  for (;;) {
-    ++state.monitorStarts;
-    const int64_t begin = monotonicMs();
-    const pid_t monitor = ::fork();
-    if (monitor == 0) {
-      MonitorLoop(settings, node, identity, own, state).run();
-      ::_exit(0);
-    }
-    int status = -1;
-    for (pid_t ended = 0; monitor > 0 && ended != monitor;)
-      ended = ::waitpid(-1, &status, 0);
-    if (monitor > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0) break;
-    if (monotonicMs() - begin >= kPauseAfterFailureMs) continue;
-    pollfd ended = {own.node, POLLIN, 0};
-    (void)::poll(&ended, 1, kPauseAfterFailureMs);
-  }
-  ::_exit(0);
-}
-
-/// Creates the guardian, which is not a child of the caller; the status of the
-/// child is 0 or the error of fork(2).
-int forkTwice(void (*run)(const void*), const void* argument) {
-  const pid_t first = ::fork();
-  if (first < 0) return errno;
-  if (first == 0) {
-    const pid_t second = ::fork();
-    if (second == 0) run(argument);
-    ::_exit(second < 0 ? errno : 0);
-  }
-  int status = 0;
-  while (::waitpid(first, &status, 0) < 0)
-    if (errno != EINTR) return 0;  // SIGCHLD is ignored: already collected
-  return WIFEXITED(status) ? WEXITSTATUS(status) : EAGAIN;
+  const bool keeps_output = settings.logPrefix || settings.pty;
+  return null >= 0 && ::setsid() >= 0 &&
+         ::chdir("/") == 0 &&  // always accessible
+         ::dup2(null, STDIN_FILENO) >= 0 &&
+         (keeps_output || ::dup2(null, STDOUT_FILENO) >= 0) && closeOthers(own);
 }
 
 struct GuardianArguments {
@@ -224,10 +182,50 @@ struct GuardianArguments {
   NodeState& state;
 };
 
-void runGuardian(const void* argument) {
-  const auto& with = *static_cast<const GuardianArguments*>(argument);
-  prepareGuardian(with.settings, with.own);
-  guard(with.settings, with.node, with.identity, with.own, with.state);
+/// Restarts the monitor until it has seen the end of the node.
+[[noreturn]] void guard(const GuardianArguments& with) {
+  // Collects everything that the monitor starts, so that it does not surprise
+  // a launcher that is process 1.
+  (void)::prctl(PR_SET_CHILD_SUBREAPER, 1);
+  for (;;) {
+    ++with.state.monitorStarts;
+    const int64_t begin = monotonicMs();
+    const pid_t monitor = ::fork();
+    if (monitor == 0) {
+      MonitorLoop(with.settings, with.node, with.identity, with.own, with.state)
+          .run();
+      ::_exit(0);
+    }
+    int status = -1;
+    for (pid_t ended = 0; monitor > 0 && ended != monitor;)
+      ended = ::waitpid(-1, &status, 0);
+    if (monitor > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0) break;
+    if (monotonicMs() - begin >= kPauseAfterFailureMs) continue;
+    pollfd ended = {with.own.node, POLLIN, 0};
+    (void)::poll(&ended, 1, kPauseAfterFailureMs);
+  }
+  ::_exit(0);
+}
+
+/// Creates the guardian, which is not a child of the caller. Returns 0 or the
+/// error.
+int startGuardian(const GuardianArguments& with) {
+  const pid_t first = ::fork();
+  if (first < 0) return errno;
+  if (first == 0) {
+    if (!leaveNode(with.settings, with.own)) ::_exit(errno);
+    const pid_t second = ::fork();
+    if (second == 0) guard(with);
+    ::_exit(second < 0 ? errno : 0);
+  }
+  int status = 0;
+  while (::waitpid(first, &status, 0) < 0)
+    if (errno != EINTR) return 0;  // SIGCHLD is ignored: already collected
+  return WIFEXITED(status) ? WEXITSTATUS(status) : EAGAIN;
+}
+
+RunError monitorError(const std::string& problem, int error) {
+  return {"", problem + ": " + std::strerror(error)};
 }
 
 /// Whether an option needs the monitor.
@@ -257,14 +255,13 @@ std::optional<RunError> startMonitor(const RunSettings& settings,
     const NodeIdentity identity = {node.name, ::getpid(),
                                    readProcessStat(::getpid()).startTime};
     const GuardianArguments arguments = {settings, node, identity, own, *state};
-    error = forkTwice(runGuardian, &arguments);
+    error = startGuardian(arguments);
   }
   if (shared != MAP_FAILED) (void)::munmap(shared, sizeof(NodeState));
   closeAll(own);
   if (error == 0) return std::nullopt;
   closeAll(connection);
-  return RunError{
-      "", std::string("cannot start the monitor: ") + std::strerror(error)};
+  return monitorError("cannot start the monitor", error);
 }
 
 void addNotifyVariables(const RunSettings& settings,
@@ -278,22 +275,25 @@ void addNotifyVariables(const RunSettings& settings,
   environment.set("WATCHDOG_PID", std::to_string(::getpid()));
 }
 
-int connectProgram(const RunSettings& settings,
-                   const MonitorConnection& connection) {
+std::optional<RunError> connectProgram(const RunSettings& settings,
+                                       const MonitorConnection& connection,
+                                       int& original_error) {
   const int ready_number =
       connection.ready < 0 ? -1
                            : static_cast<int>(std::strtol(
                                  settings.ready->value.c_str(), nullptr, 10));
-  int original = -1;
+  bool is_done = true;
   if (connection.standardOutput >= 0) {
-    original = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, ready_number + 1);
-    (void)::dup2(connection.standardOutput, STDOUT_FILENO);
-    (void)::dup2(connection.standardError, STDERR_FILENO);
+    original_error = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, ready_number + 1);
+    is_done = original_error >= 0 &&
+              ::dup2(connection.standardOutput, STDOUT_FILENO) >= 0 &&
+              ::dup2(connection.standardError, STDERR_FILENO) >= 0;
   }
   // The last one: its number may be that of another connection.
-  if (connection.ready >= 0)
-    (void)keepDescriptor(connection.ready, ready_number);
-  return original;
+  if (is_done && connection.ready >= 0)
+    is_done = keepDescriptor(connection.ready, ready_number);
+  if (is_done) return std::nullopt;
+  return monitorError("cannot connect the program to the monitor", errno);
 }
 
 void reportPhase(const MonitorConnection& connection,

@@ -54,10 +54,12 @@ void addNotifyVariables(const RunSettings& settings,
                         Environment& environment);
 
 /// Makes the connections the descriptors of the program, which must be executed
-/// next. Returns a descriptor of the original standard error, which exec
-/// closes; -1 if it has not changed.
-int connectProgram(const RunSettings& settings,
-                   const MonitorConnection& connection);
+/// next. `original_error`, which must be -1, becomes a descriptor of the
+/// original standard error, which exec closes, if that is replaced. Returns the
+/// error, if any.
+std::optional<RunError> connectProgram(const RunSettings& settings,
+                                       const MonitorConnection& connection,
+                                       int& original_error);
 
 /// Sends WAITING, DELAYED, STARTING or GAVE_UP to the monitor; the monitor
 /// itself finds out the later phases. Without a monitor, nothing happens.

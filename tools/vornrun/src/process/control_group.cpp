@@ -56,10 +56,11 @@ bool emptyGroup(const std::string& directory) {
   constexpr int kPauseMs = 10;
   constexpr int kPauses = 500;
   for (int pause = 0; pause < kPauses; ++pause) {
-    const std::string events = readFileText(directory + "/cgroup.events").text;
-    if (events.find("populated 1") == std::string::npos) return true;
+    const FileText events = readFileText(directory + "/cgroup.events");
+    if (!events.error.empty()) return false;
+    if (events.text.find("populated 1") == std::string::npos) return true;
     // Kernels before 5.14 do not have the file; the processes then remain.
-    if (!writeToFile(directory + "/cgroup.kill", "1")) return true;
+    if (!writeToFile(directory + "/cgroup.kill", "1")) return errno == ENOENT;
     (void)::poll(nullptr, 0, kPauseMs);
   }
   return false;
@@ -111,8 +112,8 @@ std::optional<RunError> enterControlGroup(const std::string& node) {
                       std::strerror(errno));
   }
   if (!emptyGroup(directory)) {
-    return groupError("processes of an earlier run in " + directory +
-                      " do not exit");
+    return groupError("processes of an earlier run may still be in " +
+                      directory);
   }
   if (writeToFile(directory + "/cgroup.procs", "0")) return std::nullopt;
   return groupError("cannot enter " + directory + ": " + std::strerror(errno));

@@ -12,6 +12,19 @@
 namespace vorn::run {
 namespace {
 
+constexpr char kUsers[] = "/etc/passwd";
+constexpr char kGroups[] = "/etc/group";
+
+/// Whether the entries are known. A missing file has none: numbers can still be
+/// used.
+bool isKnown(const char* path, const FileText& file,
+             std::optional<RunError>& error) {
+  if (file.error.empty() || file.isMissing) return true;
+  error = RunError{"--user",
+                   std::string("cannot read ") + path + ": " + file.error};
+  return false;
+}
+
 RunError userError(const char* what) {
   std::string reason =
       std::string("cannot set ") + what + ": " + std::strerror(errno);
@@ -24,9 +37,11 @@ RunError userError(const char* what) {
 std::optional<Account> resolveAccount(const RunSettings& settings,
                                       std::optional<RunError>& error) {
   if (settings.user.empty()) return std::nullopt;
-  // A missing file has no entries: numbers can still be used.
-  const FileText users = readFileText("/etc/passwd");
-  const FileText groups = readFileText("/etc/group");
+  const FileText users = readFileText(kUsers);
+  const FileText groups = readFileText(kGroups);
+  if (!isKnown(kUsers, users, error) || !isKnown(kGroups, groups, error)) {
+    return std::nullopt;
+  }
   std::string reason;
   auto account = findAccount(settings.user, settings.group, users.text,
                              groups.text, reason);

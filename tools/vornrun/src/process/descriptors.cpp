@@ -5,9 +5,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
-#include <limits>
 
 #include "option_values.h"
 
@@ -17,14 +18,18 @@ namespace {
 constexpr unsigned kFirstClosed = 3;
 constexpr unsigned kCloseOnExec = 1U << 2;  // CLOSE_RANGE_CLOEXEC
 
-/// For kernels before 5.11.
-bool closeListedDescriptorsOnExec() {
+/// close_range(2); with /proc for kernels before 5.9, which do not have it, and
+/// before 5.11, which do not know the flag.
+bool closeRange(unsigned first, unsigned last, unsigned flags) {
+  if (::syscall(SYS_close_range, first, last, flags) == 0) return true;
   DIR* const directory = ::opendir("/proc/self/fd");
   if (directory == nullptr) return false;
   while (const dirent* const entry = ::readdir(directory)) {
-    const auto number = parseNumber(entry->d_name, kFirstClosed,
-                                    std::numeric_limits<int>::max());
-    if (number) (void)::fcntl(static_cast<int>(*number), F_SETFD, FD_CLOEXEC);
+    const auto number =
+        parseNumber(entry->d_name, first, std::min<long>(last, INT_MAX));
+    const int fd = static_cast<int>(number.value_or(-1));
+    if (!number || fd == ::dirfd(directory)) continue;
+    (void)(flags == 0 ? ::close(fd) : ::fcntl(fd, F_SETFD, FD_CLOEXEC));
   }
   (void)::closedir(directory);
   return true;
@@ -32,11 +37,12 @@ bool closeListedDescriptorsOnExec() {
 
 }  // namespace
 
+bool closeDescriptors(unsigned first, unsigned last) {
+  return closeRange(first, last, 0);
+}
+
 std::optional<RunError> closeDescriptorsOnExec() {
-  if (::syscall(SYS_close_range, kFirstClosed, ~0U, kCloseOnExec) == 0 ||
-      closeListedDescriptorsOnExec()) {
-    return std::nullopt;
-  }
+  if (closeRange(kFirstClosed, ~0U, kCloseOnExec)) return std::nullopt;
   return RunError{"--close-fds", std::string("cannot read /proc/self/fd: ") +
                                      std::strerror(errno)};
 }

@@ -16,6 +16,12 @@
 namespace vorn::run {
 namespace {
 
+constexpr char kBootId[] = "/proc/sys/kernel/random/boot_id";
+
+RunError cannotRead(const std::string& path, const FileText& file) {
+  return {"--state-dir", "cannot read " + path + ": " + file.error};
+}
+
 /// Milliseconds since the boot, with those of a suspended machine.
 int64_t bootTime() {
   timespec now{};
@@ -62,9 +68,15 @@ std::optional<RunError> CrashLoop::open() {
   if (!isActive()) return std::nullopt;
   const std::string reason = createStateDirectory(settings_.stateDirectory);
   if (!reason.empty()) return RunError{"--state-dir", reason};
-  boot_id_ = readFileText("/proc/sys/kernel/random/boot_id").text;
+  const FileText boot_id = readFileText(kBootId);
+  const FileText starts = readFileText(path_);
+  if (!boot_id.error.empty()) return cannotRead(kBootId, boot_id);
+  if (!starts.error.empty() && !starts.isMissing) {
+    return cannotRead(path_, starts);
+  }
+  boot_id_ = boot_id.text;
   while (!boot_id_.empty() && boot_id_.back() == '\n') boot_id_.pop_back();
-  history_ = StartHistory::parse(readFileText(path_).text, boot_id_);
+  history_ = StartHistory::parse(starts.text, boot_id_);
   now_ = bootTime();
   history_.beginStart(now_, settings_.resetAfter);
   return store();

@@ -24,8 +24,9 @@ namespace {
                              const Environment& environment, pid_t parent) {
   (void)::setpgid(0, 0);
   const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-  for (int fd = 0; fd <= 2; ++fd) (void)::dup2(null, fd);
-  (void)closeDescriptorsOnExec();
+  for (int fd = 0; fd <= 2; ++fd)
+    if (::dup2(null, fd) < 0) ::_exit(kExitFailure);
+  if (closeDescriptorsOnExec()) ::_exit(kExitFailure);
   if (account != nullptr && applyAccount(*account)) ::_exit(kExitFailure);
   (void)::prctl(PR_SET_PDEATHSIG, static_cast<unsigned long>(SIGKILL));
   if (::getppid() != parent) ::_exit(kExitFailure);
@@ -36,7 +37,7 @@ namespace {
 /// Waits until the child has exited; false after `limit_ms`.
 bool exitsWithin(pid_t child, int limit_ms) {
   const int fd = static_cast<int>(::syscall(SYS_pidfd_open, child, 0));
-  if (fd < 0) return true;  // kernels before 5.3: without a limit
+  if (fd < 0) return false;  // the next check may have a descriptor
   pollfd watched{fd, POLLIN, 0};
   const bool has_exited = ::poll(&watched, 1, limit_ms) > 0;
   (void)::close(fd);
