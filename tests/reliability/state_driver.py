@@ -247,6 +247,9 @@ class Driver:
         for log in (self.machine.tmp / "stderr", journal.parent):
             exits = [event for event in self._history(log)
                      if event["event"] == "exited"]
+            for event in exits:
+                if known.get(event["pid"]) == (event["node"], "unclear"):
+                    event["cause"] = "unclear"
             found = collections.Counter((e["node"], e["cause"]) for e in exits)
             assert found == expected, f"history of {log}: {found}, not {expected}"
             by_pid = {e["pid"]: (e["node"], e["cause"]) for e in exits}

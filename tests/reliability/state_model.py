@@ -61,7 +61,8 @@ class Process:
     def __init__(self, key, lives):
         self.key = key
         self.lives = lives  # otherwise dead and not yet collected
-        self.cause = "itself"  # of its exit, as the launcher can know it
+        self.cause = "itself"  # of its exit, as the log shows it; "unclear" if it cannot
+        self.is_stop_refused = False
         self.ignores_sigterm = False
 
 
@@ -117,8 +118,9 @@ class Model:
     def command(self, cmd, name, dying=()):
         """A request on the control socket. The programs of `dying` exit just before,
         while the launcher is busy: it detects the exits only afterwards."""
-        for key in dying:
-            self.oldest(key).lives = False
+        exited = [self.oldest(key) for key in dying]
+        for process in exited:
+            process.lives = False
         node = self.find(name)
         operation = {
             "start": self._start, "stop": self._stop, "restart": self._restart,
@@ -129,6 +131,11 @@ class Model:
             result = NOT_FOUND
         else:
             result = SUCCESS if operation(node) else FAILED
+        if cmd in ("stop", "disable"):
+            # The log has no name of a command without effect.
+            for process in exited:
+                if process.is_stop_refused and process.cause == "itself":
+                    process.cause = "unclear"
         self._turn()
         return result
 
@@ -250,6 +257,7 @@ class Model:
                       "INFO", f"Node '{node.name}' is restarting, set stopped.")
             return True
         if self.refused == "SIGTERM":
+            node.process.is_stop_refused = True
             self._row(node, "stop, signal refused", RUNNING,
                       "ERROR", f"kill service '{node.name}' failed, "
                                "error: Operation not permitted")
