@@ -26,7 +26,8 @@ it could not be run. CI runs the short forms: ./test.sh --reliability.
   death        SIGKILL at each system call of the launcher, then a new launcher
   monitors     storms of output to a full disk and a stopped reader; 100 wrapped
                nodes for 10 minutes
-  vornrun      SIGKILL of a launcher whose nodes die with it, 1000 rounds
+  vornrun      SIGKILL of a launcher whose nodes die with it, 1000 rounds; each
+               system call of a start fails in turn
   coverage     branches that the tests take; at least 95 %
   mutants      faults in the sources that the tests must catch; at least 95 %
 TEXT
@@ -62,7 +63,9 @@ case $proof in
     ;;
   death) run_long test_sudden_death.py -n "$(($(nproc) * 4))" "$@" ;;
   monitors) run_long test_vornrun_load.py "$@" ;;
-  vornrun) run_long test_vornrun_death.py "$@" ;;
+  vornrun)
+    run_long test_vornrun_death.py tests/reliability/test_vornrun_faults.py "$@"
+    ;;
   coverage) scripts/coverage.sh "$@" ;;
   mutants)
     install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
