@@ -18,10 +18,11 @@ creates the disk of the machines in build-lab/ (root only). Exit status: 0 all p
   service    the unit, the packages and the journal on a booted machine
   power_cut  power cuts during vornctl apply
   container  the image of docs/containers.md, built and run by podman
+  fleet      the rollout of examples/ansible; one of three machines is switched off
   metrics    the alerts of Prometheus for real metrics
   scale      Prometheus with 1000 simulated robots; build-lab/scale.json
 
-  -- --robots N   the number of simulated robots (default: 1000)
+  -- --robots=N  the number of simulated robots (default: 1000)
   --smoke    boot once, and test only that the service runs after a reboot
   -h, --help print this text
 
@@ -46,7 +47,8 @@ done
 if [[ ${#files[@]} -eq 0 ]]; then files=(tests/lab); fi
 [[ $(uname -m) == x86_64 ]] || die "the machines are emulated on x86-64 only"
 
-install_packages "${LAB_PACKAGES[@]}" "${TEST_PACKAGES[@]}" "${ENGINE_PACKAGES[@]}"
+install_packages "${LAB_PACKAGES[@]}" "${TEST_PACKAGES[@]}" "${ENGINE_PACKAGES[@]}" \
+  "${ROLLOUT_PACKAGES[@]}"
 install_servers "${MONITORING_PACKAGES[@]}"
 scripts/lab_image.sh build-lab/image
 scripts/debian_root.sh build-packages/root-amd64

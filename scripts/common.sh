@@ -48,6 +48,7 @@ debian_suite() {
   # For virtual machines to test in.
   LAB_PACKAGES=(qemu-system-x86 qemu-utils mmdebstrap e2fsprogs openssh-client)
   ENGINE_PACKAGES=(podman runc)
+  ROLLOUT_PACKAGES=(ansible-core ansible-lint)
   MONITORING_PACKAGES=(prometheus prometheus-node-exporter)
   PACKAGE_PACKAGES=(git debhelper dpkg-dev)
   RPM_PACKAGES=(rpm cpio)
