@@ -142,3 +142,18 @@ def test_a_purge_leaves_neither_processes_nor_the_socket(robot):
     assert robot.output("pgrep -f '^sleep 100000' || true") == ""
     robot.run("cd /root/packages && apt-get install -y ./vornlaunch_*.deb "
               "./vornctl_*.deb")
+
+
+def test_the_service_runs_on_a_read_only_file_system(guest):
+    guest.run("sed -i 's|ext4 defaults|ext4 ro|' /etc/fstab; for directory in tmp var/log; "
+              "do echo \"tmpfs /$directory tmpfs defaults 0 0\" >>/etc/fstab; done; sync")
+    guest.reboot()
+    guest.wait_until_running("camera", "planner")
+    assert guest.output("findmnt -n -o OPTIONS /").startswith("ro,")
+    guest.run("vornctl restart camera")
+    guest.wait_until_running("camera")
+    guest.wait_for("vornctl history | grep -q camera", "the restart is in the history")
+    guest.run("cp /root/launch.yaml /tmp && echo >>/tmp/launch.yaml")
+    done = guest.run("vornctl apply --for 1s /tmp/launch.yaml", check=False)
+    assert done.returncode == 2
+    assert "Read-only file system" in done.stderr
