@@ -7,10 +7,10 @@ source "$root/scripts/common.sh"
 cd -- "$root"
 
 all_targets=(launch_file control_request log_text install_root log_file
-  run_settings)
+  run_settings notify)
 declare -A longest=(  # the length of an input in bytes
   [launch_file]=4096 [control_request]=1072 [log_text]=2048 [install_root]=512
-  [log_file]=4096 [run_settings]=1024)
+  [log_file]=4096 [run_settings]=1024 [notify]=6000)
 
 usage() {
   cat <<TEXT
@@ -34,6 +34,8 @@ all of them):
                    records from a point in time must be those of the file
   run_settings     files and command lines of any content as the settings of
                    vornrun; a valid text in quotes must have the same meaning
+  notify           datagrams of any content to the socket of sd_notify(3);
+                   the state must be JSON
 
   --minutes N   how long each is run (default: 60)
   --merge       add to fuzz/seeds what this and earlier runs have come up with
