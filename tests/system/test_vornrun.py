@@ -235,6 +235,7 @@ def test_an_unreadable_configuration_file_is_one_line(vornrun):
     ("--oom-score-adj=-5", "--oom-score-adj: cannot set -5: Permission denied"),
     ("--limit=nofile=2000000:2000000",
      "--limit: cannot set nofile: Operation not permitted"),
+    ("--backoff=1s", "--state-dir: cannot create /run/vornrun: Permission denied"),
 ])
 def test_a_missing_right_is_one_line_and_status_125(machine, option, message):
     machine.tmp.chmod(0o755)
