@@ -110,6 +110,11 @@ def test_only_one_of_the_units_runs(robot):
                           "'vornlaunch*.service'")
     assert [line.split()[0] for line in active.splitlines()] == [
         "vornlaunch@other.service"]
+    robot.run(f"cp {FILE} /etc/vornlaunch/third.yaml")
+    robot.run("systemctl start vornlaunch@third.service")
+    robot.wait_for("systemctl is-failed vornlaunch@third.service", "it is refused")
+    assert "another launcher answers" in robot.output(
+        "journalctl -u vornlaunch@third.service -p err -o cat")
     robot.run("systemctl stop vornlaunch@other.service")
 
 

@@ -52,7 +52,9 @@ def test_a_unit_checks_its_file_and_stops_the_launcher_first(root, unit):
     setting = dict(re.findall(r"^(\w+)=(.*)$", text, re.M))
     file = "/etc/vornlaunch/" + ("%i" if "@" in unit else "launch") + ".yaml"
     script = re.fullmatch("/bin/sh -c '(.*)'", setting["ExecStart"])[1]
-    assert re.fullmatch(f'/.*/bin/vornctl check "{file}" \\|\\| exit 78; '
+    assert re.fullmatch("if /.*/bin/vornctl -q ping --timeout 20s 2>/dev/null; then echo"
+                        ' "<3>.*" >&2; exit 78; fi; '
+                        f'/.*/bin/vornctl check "{file}" \\|\\| exit 78; '
                         f'exec /.*/bin/vornlaunch "{file}"', script)
     assert setting["RestartPreventExitStatus"] == "78"
     assert setting["SyslogIdentifier"] == "vornlaunch"
