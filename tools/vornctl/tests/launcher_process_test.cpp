@@ -15,6 +15,7 @@ TEST(LauncherProcessTest, IsNamedIfItHasExitedSinceItWasIdentified) {
   ASSERT_EQ(::waitpid(child, nullptr, 0), child);
   LauncherProcess launcher;
   launcher.pid = child;
+  launcher.sharesPids = true;
   launcher.launchFile = "/tmp/launch.yaml";  // as it was before the exit
   launcher.root = "";
   std::string error;

@@ -25,6 +25,7 @@ StatusReply statusOf(NodeState state, pid_t pid, int64_t start) {
 LauncherProcess launcherOf(std::vector<LaunchFile::Node> nodes = {}) {
   LauncherProcess launcher;
   launcher.pid = ::getpid();
+  launcher.sharesPids = true;
   launcher.file.nodes = std::move(nodes);
   return launcher;
 }

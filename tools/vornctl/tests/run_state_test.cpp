@@ -68,6 +68,7 @@ class NodeRunTest : public ::testing::Test {
     std::string name = ::testing::TempDir() + "run_state.XXXXXX";
     directory_ = ::mkdtemp(name.data());
     launcher_.pid = ::getpid();
+    launcher_.sharesPids = true;
     launcher_.root = "";
   }
   ~NodeRunTest() override { std::filesystem::remove_all(directory_); }

@@ -150,7 +150,7 @@ class HealthCheck {
   static milliseconds ageOfNode(const LauncherProcess& launcher,
                                 const NodeView& view) {
     const auto process =
-        sharesPids(launcher) ? readProcess(view.pid) : std::nullopt;
+        launcher.sharesPids ? readProcess(view.pid) : std::nullopt;
     if (!process) return std::chrono::seconds(view.uptimeSeconds);
     return milliseconds(static_cast<int64_t>(ageOf(*process) * 1000));
   }

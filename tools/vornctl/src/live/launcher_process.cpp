@@ -189,6 +189,7 @@ LauncherProcess identifyLauncher(pid_t pid, const std::string& launch_file) {
   LauncherProcess launcher;
   launcher.pid = pid;
   if (pid != 0) {
+    launcher.sharesPids = isInOurPidNamespace(pid);
     launcher.root = rootAsWeReachIt(pid);
     const auto process = readProcess(pid);
     if (process)
@@ -257,12 +258,8 @@ std::optional<std::string> nodeOf(pid_t process) {
   return environment ? nodeNameIn(*environment) : std::nullopt;
 }
 
-bool sharesPids(const LauncherProcess& launcher) {
-  return launcher.pid != 0 && isInOurPidNamespace(launcher.pid);
-}
-
 bool isProcessAlive(const LauncherProcess& launcher, pid_t pid) {
-  if (!sharesPids(launcher)) return true;
+  if (!launcher.sharesPids) return true;
   const auto process = readProcess(pid);
   // A /proc with hidepid shows no processes of other users.
   return process ? process->isAlive() : ::kill(pid, 0) == 0 || errno == EPERM;

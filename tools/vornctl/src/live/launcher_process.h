@@ -19,6 +19,7 @@ namespace vorn::launch {
 /// A launcher and the nodes in its launch file.
 struct LauncherProcess {
   pid_t pid = 0;             // 0: not visible to this process
+  bool sharesPids = false;   // with us: the pids in its replies are valid here
   int64_t startSeconds = 0;  // since the epoch; 0 if unknown
   // Absolute, as the launcher sees it; its unchanged argument if the working
   // directory of the launcher is unknown. Empty if unknown.
@@ -66,10 +67,6 @@ std::optional<std::vector<pid_t>> childrenOf(pid_t launcher);
 /// environment. Nothing if the process has not executed its program yet,
 /// belongs to no node, or cannot be examined.
 std::optional<std::string> nodeOf(pid_t process);
-
-/// Whether the pids in the launcher's replies are valid for us: it is in our
-/// pid namespace.
-bool sharesPids(const LauncherProcess& launcher);
 
 /// Whether a process with this pid exists and is not a zombie. True if the
 /// launcher is in another pid namespace, where its pids mean other processes.

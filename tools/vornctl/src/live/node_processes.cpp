@@ -73,12 +73,16 @@ NodeMembers readNodeMembers(const ProcessTable& table,
                             const std::vector<const Process*>& launchers,
                             std::vector<const Process*>& unreadable) {
   const std::set<pid_t> descendants = pidsBelow(table, launchers);
-  std::set<pid_t> launcher_pids;
-  for (const Process* const each : launchers) launcher_pids.insert(each->pid);
+  // A launcher's children are in its own namespace.
+  std::map<pid_t, bool> shares_pid_namespace;
+  for (const Process* const each : launchers) {
+    shares_pid_namespace[each->pid] = isInOurPidNamespace(each->pid);
+  }
   NodeMembers members;
   for (const Process& process : table.all()) {
-    const bool is_candidate = descendants.count(process.pid) == 0 ||
-                              launcher_pids.count(process.parent) > 0;
+    const auto parent = shares_pid_namespace.find(process.parent);
+    const bool is_child = parent != shares_pid_namespace.end();
+    const bool is_candidate = is_child || descendants.count(process.pid) == 0;
     if (!is_candidate || process.isKernelThread || !process.isAlive()) continue;
     errno = 0;
     const auto environment = readProcFile(procFile(process.pid, "environ"));
@@ -87,8 +91,9 @@ NodeMembers readNodeMembers(const ProcessTable& table,
       continue;
     }
     if (auto node = nodeNameIn(*environment)) {
-      members[process.pid] = {std::move(*node),
-                              isInOurPidNamespace(process.pid)};
+      members[process.pid] = {
+          std::move(*node),
+          is_child ? parent->second : isInOurPidNamespace(process.pid)};
     }
   }
   return members;

@@ -22,7 +22,7 @@ std::map<std::string, const Process*> processOfEachNode(
     const std::vector<NodeView>& views) {
   std::map<std::string, const Process*> processes;
   if (launcher.pid == 0) return processes;
-  if (sharesPids(launcher)) {
+  if (launcher.sharesPids) {
     for (const NodeView& view : views) {
       const Process* const process = table.find(view.pid);
       if (process != nullptr) processes[view.name] = process;

@@ -35,7 +35,7 @@ NodeWatcher::NodeWatcher(ControlClient client, int cancel_fd,
     : launcher_(launcher),
       client_(std::move(client)),
       cancel_fd_(cancel_fd),
-      sees_processes_(sharesPids(launcher) && childrenOf(launcher.pid)),
+      sees_processes_(launcher.sharesPids && childrenOf(launcher.pid)),
       names_(std::move(names)) {
   for (const std::string& name : names_) nodes_[name];
   failure_.outcome = Outcome::DONE;

@@ -105,7 +105,7 @@ NodeRun readNodeRun(const LauncherProcess& launcher,
   run.isExpected =
       settings.ready || settings.backoff || !settings.waitFor.empty();
   RunIdentity process{pid, std::nullopt, startSeconds};
-  if (pid != 0 && sharesPids(launcher)) {
+  if (pid != 0 && launcher.sharesPids) {
     const auto found = readProcess(pid);
     if (found) process.startTicks = found->startTicks;
   }
