@@ -20,10 +20,11 @@ struct Account {
   std::string shell;
 };
 
-/// The account of `user` and `group`, names or numbers, in files of the form of
-/// passwd(5) and group(5). An empty `group` is the user's own. A static program
-/// cannot use the other sources of nsswitch.conf(5). On failure, the result is
-/// empty and `error` contains the reason.
+/// Looks up `user` and `group`, names or numbers, in the texts `passwd` and
+/// `groups` in the formats of passwd(5) and group(5): a static program cannot
+/// use other sources of nsswitch.conf(5). An empty `group` means the user's
+/// primary group. On failure, the result is empty and `error` contains the
+/// reason.
 std::optional<Account> findAccount(const std::string& user,
                                    const std::string& group,
                                    std::string_view passwd,

@@ -10,8 +10,8 @@
 
 #include "run_settings.h"
 
-// The values of vornrun's options. A function returns nothing if the text is
-// not such a value.
+// The values of vornrun's options. The parsing functions return an empty
+// result if the text is not a valid value.
 
 namespace vorn::run {
 
@@ -21,10 +21,11 @@ std::optional<long> parseNumber(std::string_view text, long least, long most);
 /// "500ms", "5s" or "5", "2min", "1h"; at most a year.
 std::optional<milliseconds> parseDuration(std::string_view text);
 
-/// "1s..60s", or "5s" for a delay that does not grow. `first` is above zero.
+/// "1s..60s", or "5s" for a delay that does not grow. `first` is greater than
+/// zero.
 std::optional<Backoff> parseBackoff(std::string_view text);
 
-/// "5/60s"; both numbers are above zero.
+/// "5/60s"; both numbers are greater than zero.
 std::optional<GiveUp> parseGiveUp(std::string_view text);
 
 /// Bytes: "4096", "64K", "10M", "2G", powers of 1024.
@@ -52,7 +53,7 @@ std::optional<IoPriority> parseIoPriority(std::string_view text);
 /// "http://...", "https://...", "file:/p", "notify" or "fd:N".
 std::optional<Condition> parseCondition(std::string_view text);
 
-/// The text of which parseCondition() makes this condition.
+/// The text from which parseCondition() returns this condition.
 std::string conditionText(const Condition& condition);
 
 /// "NAME=VALUE", as parseEnvironmentFile() accepts the name.

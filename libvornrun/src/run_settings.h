@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-// The settings with which vornrun executes the program of a node: plain values,
-// without a look at the machine on which they are applied.
+// The settings with which vornrun executes the program of a node: plain values
+// that do not depend on the machine.
 
 namespace vorn::run {
 

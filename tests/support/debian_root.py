@@ -54,7 +54,7 @@ class Started:
         return self._process.poll() is not None
 
     def wait(self, timeout=120.0):
-        """Waits for the end. Returns the exit status; 1 after a signal."""
+        """Waits until the program exits. Returns its exit status; 1 after a signal."""
         return self._process.wait(timeout)
 
     def kill(self):

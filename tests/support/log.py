@@ -28,12 +28,12 @@ class LogLine:
 
     @property
     def head(self):
-        """What a test usually compares: level, event, function, text."""
+        """The fields that tests usually compare."""
         return (self.level, self.event, self.func, self.text)
 
     @property
     def seconds(self):
-        """When it was written, in seconds since 1970."""
+        """The time of the line, in seconds since 1970."""
         return datetime.datetime.fromisoformat(self.time[:-1] + "+00:00").timestamp()
 
 

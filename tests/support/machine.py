@@ -54,7 +54,7 @@ class Process:
     @property
     def argv(self):
         words = [part.decode() for part in self.read("cmdline").split(b"\0")[:-1]]
-        # The emulator's own, and the program's path, come first.
+        # The emulator's own path and that of the program precede the arguments.
         return words[2:] if words and is_emulator(words[0]) else words
 
     @property
@@ -227,8 +227,8 @@ class Machine:
             self.wait_until_up()
 
     def _socket_identity(self):
-        """What distinguishes the control socket of a launcher from that of the next;
-        None without a socket."""
+        """The identity of the control socket, another one for each launcher; None
+        without a socket."""
         try:
             status = (self.tmp / "vornlaunch/vornlaunch.sock").stat()
         except FileNotFoundError:

@@ -110,8 +110,8 @@ def stop_everywhere(number, launcher, command):
 
 
 def came_as_meant(name):
-    """Whether the signal arrived, and not before the first socket(): the calls differ
-    between runs."""
+    """Whether the signal arrived after the first socket(). The calls of two runs can
+    differ, so that it can arrive earlier or not at all."""
     has_socket = False
     for line in read_trace():
         has_socket = has_socket or name_of(line) == "socket"

@@ -50,7 +50,8 @@ def wait_until_handled(process):
 
 
 def load_time(launcher, file):
-    """Seconds from then until it has read the file and routes SIGCHLD."""
+    """The seconds from the installation of the handler of SIGINT until the launcher
+    blocks SIGCHLD, after it has read the file."""
     process = start(launcher, file)
     wait_until_handled(process)
     begin = time.monotonic()

@@ -11,14 +11,14 @@ RESTART_TICKS = 5 * os.sysconf("SC_CLK_TCK")
 
 
 def start_ticks(process):
-    """When the process was forked, in clock ticks since boot."""
+    """The time of the fork, in clock ticks since boot."""
     fields = process.read("stat").decode().rpartition(")")[2].split()
     return int(fields[_START_TIME])
 
 
 def wait_for_start(machine, node, other_than=0):
     """Waits until `node` runs with another pid than `other_than`. Returns the
-    pid and when its process was forked, in clock ticks since boot."""
+    pid and the time of the fork, in clock ticks since boot."""
 
     def running():
         pid = machine.status(node).pid

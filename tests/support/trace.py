@@ -57,8 +57,8 @@ def on_every_machine(options):
 
 
 def sa_flags():
-    """A pattern for the flags of a sigaction() that is given none. On x86-64 the C
-    library adds one of its own, with its value."""
+    """A pattern for the flags of a sigaction() call without flags. On x86-64 the C
+    library adds SA_RESTORER and a function."""
     if platform.machine() == "x86_64":
         return r"sa_flags=SA_RESTORER, sa_restorer=0x[0-9a-f]+"
     return "sa_flags=0"

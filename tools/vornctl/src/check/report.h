@@ -22,8 +22,7 @@ struct CheckedFile {
 void printAsText(Output& out, const CheckedFile& file, bool has_source,
                  bool has_colours, int fd);
 
-/// One JSON document; docs/checks.md describes its
-/// members.
+/// One JSON document; docs/checks.md describes its members.
 void printAsJson(Output& out, const std::vector<CheckedFile>& files);
 
 /// One document in the Static Analysis Results Interchange Format, 2.1.0.

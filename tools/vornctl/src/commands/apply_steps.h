@@ -5,10 +5,10 @@
 #include <utility>
 #include <vector>
 
-// The steps of `vornctl apply`, without a system to carry them out. They can be
-// interrupted at any point, by a kill or a power cut: the launch file is whole
-// after each of them, and a journal next to it shows the next run how far the
-// interrupted one had come.
+// The steps of `vornctl apply`, independent of the system that executes them.
+// A kill or a power cut can interrupt them at any point: the launch file is
+// complete after each step, and a journal next to it records the progress for
+// the next run.
 
 namespace vorn::launch {
 
@@ -73,8 +73,8 @@ class ApplySteps {
         now_(std::move(now)) {}
 
   /// Replaces the launch file by one with `text` and restarts the launcher, and
-  /// puts the old file back if that fails. First completes an interrupted run:
-  /// the file that it had put there counts as not applied.
+  /// puts the old file back if that fails. First completes an interrupted run,
+  /// whose file counts as not applied.
   ApplyResult apply(const std::string& text);
 
  private:

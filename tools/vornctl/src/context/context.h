@@ -39,9 +39,9 @@ class Context {
   ControlClient client(std::chrono::milliseconds reply_limit,
                        const std::string& activity = "") const;
 
-  /// Checks that a launcher answers, with the status request for a node that it
-  /// probably does not have. After an error message, returns another exit
-  /// status than kDone.
+  /// Checks that a launcher answers a status request, for a node that probably
+  /// does not exist. Prints an error if it does not, and returns an exit status
+  /// other than kDone.
   ExitStatus findLauncher();
 
   /// As findLauncher(), but searches for the process that listens on the

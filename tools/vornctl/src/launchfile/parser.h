@@ -12,7 +12,7 @@
 
 namespace vorn::launch {
 
-/// The facts besides the file on which its meaning depends.
+/// The variables and the directory on which the meaning of a file depends.
 struct LauncherEnvironment {
   std::string binPath;  // VORN_BIN_PATH when the launcher starts, or empty
   std::string root;     // VORN_ROOT at that time, or empty
@@ -31,8 +31,8 @@ class TooLarge : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Of keys, names, arguments and other values, those of an alias once for each
-// of its uses; and of the bytes in them.
+// The limits of the number of keys, names, arguments and other values, and of
+// their bytes. Each use of an alias counts.
 constexpr size_t kMostValues = 1'000'000;
 constexpr size_t kMostValueBytes = size_t{64} << 20U;
 

@@ -25,9 +25,9 @@ std::string kindOf(const YAML::Node& value);
 SourceLocation findSecondDocument(const YAML::Node& root,
                                   const std::string& text);
 
-/// The error for a text that yaml-cpp refused with this exception. A tab in the
-/// indentation is named if it is the cause, since the text of the exception is
-/// mostly about its consequences.
+/// The error for a text that yaml-cpp refused with this exception. If a tab in
+/// the indentation is the cause, the error says so; the exception usually
+/// describes a consequence of the tab.
 LoadError syntaxError(const SourceText& document,
                       const YAML::Exception& exception);
 

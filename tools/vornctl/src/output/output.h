@@ -22,7 +22,7 @@ class Output {
   std::ostream& stream_;
 };
 
-/// The only access to the two streams.
+/// Standard output and standard error; nothing else writes to them.
 Output standardOutput();
 Output standardError();
 

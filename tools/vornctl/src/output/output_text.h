@@ -64,12 +64,11 @@ class OutputText {
   std::string text_;
 };
 
-/// For a terminal. As in the launcher's log, control characters become "\n",
-/// "\r",
-/// "\t" or "\x1b"; so does each byte of other characters that are not visible,
-/// blanks except " " included, and of invalid UTF-8. The first character of a
-/// workflow command of a CI system, "::" at the start or "##[" anywhere, is
-/// escaped as well.
+/// For a terminal. Escapes control characters as the launcher's log does
+/// ("\n", "\r", "\t", "\x1b"), and in the same way each byte of other invisible
+/// characters, of blanks except " ", and of invalid UTF-8. Also escapes the
+/// first character of a workflow command of a CI system: "::" at the start,
+/// "##[" anywhere.
 OutputText terminalText(std::string_view raw);
 
 /// For a string in double quotes in which a backslash escapes the quotes and
@@ -92,17 +91,17 @@ OutputText jsonText(const nlohmann::ordered_json& value, int indent = 2);
 /// For programs that read records: `raw` itself and a NUL.
 OutputText nulTerminated(const std::string& raw);
 
-/// As many spaces.
+/// `count` spaces.
 OutputText spaces(size_t count);
 
 /// Whether all bytes of the text are UTF-8.
 bool isUtf8(std::string_view text);
 
-/// The columns that the text takes on a terminal.
+/// The number of columns that the text needs on a terminal.
 size_t displayWidth(const OutputText& text);
 
-/// As much of the start of the text as fits into `width` columns, the last of
-/// them an ellipsis if something is left out.
+/// The text, or the start of it that fits into `width` columns, with an
+/// ellipsis in the last one.
 OutputText truncated(const OutputText& text, size_t width);
 
 }  // namespace vorn::launch

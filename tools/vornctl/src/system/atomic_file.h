@@ -11,10 +11,10 @@ constexpr mode_t kPrivateFile = 0600;
 /// A file that every user can read.
 constexpr mode_t kPublicFile = 0644;
 
-/// Writes a file of this mode: first under another name in the same directory,
-/// so that the file is never there in part. Replaces a regular file if
-/// `may_replace`, and nothing else. False with a sentence in `error` if the
-/// file could not be written.
+/// Writes a file with this mode: first under another name in the same
+/// directory, so that an incomplete file is never visible. With `may_replace`,
+/// replaces a regular file, but no file of another type. False with a sentence
+/// in `error` if the file could not be written.
 bool writeFile(const std::string& path, const std::string& text,
                bool may_replace, std::string& error,
                mode_t mode = kPrivateFile);
