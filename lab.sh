@@ -16,12 +16,13 @@ creates the disk of the machines in build-lab/ (root only). Exit status: 0 all p
 1 a test failed, 2 the tests could not be run.
 
   service    the unit, the packages and the journal on a booted machine
-  power_cut  power cuts during vornctl apply
+  power_cut  power cuts during vornctl apply, start and stop of the service
   container  the image of docs/containers.md, built and run by podman
   fleet      the rollout of examples/ansible; one of three machines is switched off
   metrics    the alerts of Prometheus for real metrics
   scale      Prometheus with 1000 simulated robots; build-lab/scale.json
 
+  -- --rounds=N  the number of power cuts of each kind (default: 10)
   -- --robots=N  the number of simulated robots (default: 1000)
   --smoke    boot once, and test only that the service runs after a reboot
   -h, --help print this text
