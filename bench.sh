@@ -18,8 +18,8 @@ perf.
 
   --quick          fewer rounds and nodes, within 2 minutes
   --only NAME      one measurement: start, memory, idle, status, deaths, stops,
-                   load, queries, wrapper, logs, pieces, instructions;
-                   may be repeated
+                   load, queries, clients, wrapper, logs, pieces,
+                   instructions; may be repeated
   --output DIR     for results.json and plot.svg (default: build/bench)
   -h, --help       print this text
 TEXT
@@ -45,7 +45,7 @@ done
 measurements=()
 for name in "${only[@]}"; do
   case $name in
-    start | memory | idle | status | deaths | stops | load | queries | wrapper | logs)
+    start | memory | idle | status | deaths | stops | load | queries | clients | wrapper | logs)
       measurements+=(--only "$name")
       ;;
     pieces | instructions) ;;

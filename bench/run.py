@@ -22,7 +22,7 @@ from harness.sandbox import ROOT  # noqa: E402
 from harness import plot, report  # noqa: E402
 
 MEASUREMENTS = ("start", "memory", "idle", "status", "deaths", "stops", "load",
-                "queries", "wrapper", "logs")
+                "queries", "clients", "wrapper", "logs")
 
 
 def machine():

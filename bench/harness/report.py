@@ -113,6 +113,17 @@ def _queries(found):
             + _table(("", "processor, ms", "duration, ms"), rows))
 
 
+def _clients(found):
+    def table(one):
+        return _table(("", "ms", f"ratio to {one['base']}"),
+                      [(name, _range(subject, 1e3), _number(subject["ratio of medians"]))
+                       for name, subject in one["subjects"].items()])
+
+    return ("\nstart\n\n" + table(found["starts"])
+            + "".join(f"\nstatus of {count} nodes\n\n" + table(one)
+                      for count, one in found["status"].items()))
+
+
 def _wrapper(found):
     rows = [(name, *(_range(one[kind], 1e3) for kind in one))
             for name, one in found.items()]
@@ -132,7 +143,7 @@ def _logs(found):
 
 _FORMS = {"start": _start, "memory": _memory, "idle": _idle, "status": _status,
           "deaths": _deaths, "stops": _stops, "load": _load,
-          "queries": _queries, "wrapper": _wrapper, "logs": _logs}
+          "queries": _queries, "clients": _clients, "wrapper": _wrapper, "logs": _logs}
 
 
 def text(name, found):
