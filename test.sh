@@ -169,16 +169,23 @@ run_unit() {
   }
 }
 
+# run_system PRESET [DIRECTORY] also runs the tests in the directory. They come first
+# because the longest ones are there.
 run_system() {
   install_packages "${SHELL_PACKAGES[@]}" "${BROWSER_PACKAGES[@]}"
   install_servers "${SERVER_PACKAGES[@]}"
   say "whole-program tests ($1)"
-  run_pytest "$1" tests/system
+  run_pytest "$1" "${@:2}" tests/system
 }
 
 run_reliability() {
   say "reliability tests, short forms ($1)"
   run_pytest "$1" tests/reliability
+}
+
+# In one run, which keeps all processors busy and starts pytest once.
+run_system_and_reliability() {
+  run_system "$1" tests/reliability
 }
 
 run_instructions() {
@@ -209,14 +216,14 @@ run_packages() {
   jobs=1 run_pytest "$1" tests/packages
 }
 
-# run_pytest PRESET DIRECTORY
+# run_pytest PRESET DIRECTORY...
 run_pytest() {
   local status=0
   runs=$((runs + 1))
   /usr/bin/python3 -m pytest -q -p no:cacheprovider -n "$jobs" --dist loadgroup \
     --timeout="$test_time_limit" \
     --build="$(build_directory "$1")" ${filter:+-k "$filter"} \
-    --junitxml "$results/$runs.xml" "$2" || status=$?
+    --junitxml "$results/$runs.xml" "${@:2}" || status=$?
   # 5: no test was selected; the count at the end decides.
   [[ $status -eq 0 || $status -eq 5 ]] || failed=true
 }
@@ -238,8 +245,8 @@ run_lint() {
 
 # run_suites PRESET SUITE...
 run_suites() {
-  local suite built=false
-  for suite in "${@:2}"; do
+  local suite wanted="${*:2}" built=false
+  for suite in ${wanted/system reliability/system_and_reliability}; do
     if [[ $suite == lint ]]; then
       run_lint
       continue
