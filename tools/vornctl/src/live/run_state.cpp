@@ -96,7 +96,7 @@ std::optional<RunState> parseRunState(const std::string& text,
 
 NodeRun readNodeRun(const LauncherProcess& launcher,
                     const LaunchFile::Node& node, pid_t pid,
-                    int64_t startSeconds) {
+                    int64_t start_seconds) {
   const std::string& program = node.executable;
   if (program.substr(program.rfind('/') + 1) != "vornrun") return {};
   const run::RunSettings settings =
@@ -104,7 +104,7 @@ NodeRun readNodeRun(const LauncherProcess& launcher,
   NodeRun run;
   run.isExpected =
       settings.ready || settings.backoff || !settings.waitFor.empty();
-  RunIdentity process{pid, std::nullopt, startSeconds};
+  RunIdentity process{pid, std::nullopt, start_seconds};
   if (pid != 0 && launcher.sharesPids) {
     const auto found = readProcess(pid);
     if (found) process.startTicks = found->startTicks;

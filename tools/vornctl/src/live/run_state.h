@@ -59,10 +59,10 @@ struct NodeRun {
 };
 
 /// Reads the state file of a node of `launcher`, whose last run has the `pid`
-/// and the `startSeconds` of the launcher's reply. Only files of root or of the
+/// and the `start_seconds` of the launcher's reply. Only files of root or of the
 /// launcher's user are trusted.
 NodeRun readNodeRun(const LauncherProcess& launcher,
                     const LaunchFile::Node& node, pid_t pid,
-                    int64_t startSeconds);
+                    int64_t start_seconds);
 
 }  // namespace vorn::launch
