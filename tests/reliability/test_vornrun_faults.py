@@ -12,9 +12,9 @@ from support.machine import PYTHON
 from support.waiting import eventually
 
 POINTS = 10  # of each scenario in the short form
-# The program, or the loading of vornrun itself.
+# Calls that cannot fail, load vornrun itself, or execute programs.
 OTHER_CALLS = re.compile(
-    "arch_prctl|brk|clock_|exit|futex|get|m(map|protect|unmap)|rseq|rt_sig|set_|"
+    "arch_prctl|brk|clock_|execve|exit|futex|get|m(map|protect|unmap)|rseq|rt_sig|set_|"
     "umask|wait|(r|fst)atfs")
 ERRORS = ["EIO", "ENOMEM", "EMFILE"]
 FAILED = (125, 126, 127)
@@ -24,7 +24,7 @@ SETTINGS = """--directory /tmp/home --umask 027 --env-file /tmp/variables --env 
 --ionice idle --oom-score-adj 100 --no-new-privs --pdeathsig TERM""".split()
 MONITOR = """--state-dir /tmp/state --log-dir /tmp/log --log-prefix --ready fd:5
 --watchdog 1h --backoff 1ms..1ms --give-up 1000/1ms --wait-for exec:true
---wait-for path:/ --wait-timeout 3s""".split()
+--wait-for path:/""".split()
 
 # Prints a line, and writes its settings to a file.
 SHOW = """
@@ -64,7 +64,7 @@ class Start:
         machine.wrapped("", "true")
         machine.tmp.chmod(0o777)
         machine.start_without_launcher()
-        self.command = ["/tmp/install/bin/vornrun", *options, "--", PYTHON, "-c", SHOW]
+        self.options = options
 
     def run(self, *strace):
         """Returns the finished process and the settings that the program saw; None if
@@ -72,9 +72,12 @@ class Start:
         shown = self.machine.tmp / "shown"
         shown.unlink(missing_ok=True)
         shutil.rmtree(self.machine.tmp / "state", ignore_errors=True)
+        # A command of --wait-for may fail each time.
+        limit = "3s" if strace else "1h"
         done = self.machine.execute(
-            "strace", "-f", "--detach-on=execve", "-qq", "-o", "/tmp/trace", *strace, *self.command,
-            environment={"__VORN_NODE_NAME__": "node"})
+            "strace", "-f", "--detach-on=execve", "-qq", "-o", "/tmp/trace", *strace,
+            "/tmp/install/bin/vornrun", "--wait-timeout", limit, *self.options, "--",
+            PYTHON, "-c", SHOW, environment={"__VORN_NODE_NAME__": "node"})
         found = json.loads(shown.read_bytes()) if shown.exists() else None
         return done, found
 
