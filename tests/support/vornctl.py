@@ -13,6 +13,7 @@ import time
 from support.waiting import PATIENCE, eventually
 
 VORNCTL = "/tmp/install/bin/vornctl"
+ENTER, LEAVE = "\x1b[?1049h", "\x1b[?1049l"  # the alternate screen of xterm
 
 
 def read_terminal(terminal, until=None):
@@ -52,6 +53,30 @@ def on_terminal(machine, *arguments, question=None, answer=None, environment=Non
     shown += read_terminal(terminal)
     os.close(terminal)
     return process.wait(timeout=PATIENCE), shown
+
+
+def typed_ahead(command, environment, rows=24, columns=80):
+    """Runs the command on a terminal on which "q" has already been typed. Returns its
+    exit status, the output on the terminal, its errors, and whether it has restored
+    the terminal."""
+    terminal, other_end = pty.openpty()
+    termios.tcsetwinsize(other_end, (rows, columns))
+    before = termios.tcgetattr(other_end)
+    os.write(terminal, b"q\n")
+    with subprocess.Popen(command, stdin=other_end, stdout=other_end,
+                          stderr=subprocess.PIPE, encoding="utf-8",
+                          env=environment) as process:
+        # A screen fits into the buffer of the terminal.
+        try:
+            _, errors = process.communicate(timeout=PATIENCE)
+        finally:
+            process.kill()
+    after = termios.tcgetattr(other_end)
+    os.close(other_end)
+    shown = read_terminal(terminal)
+    os.close(terminal)
+    is_restored = before == after and shown.rfind(LEAVE) >= shown.rfind(ENTER)
+    return process.returncode, shown, errors, is_restored
 
 
 class Running:

@@ -6,6 +6,7 @@ import itertools
 import json
 import os
 import pathlib
+import re
 import signal
 import socket
 import struct
@@ -282,6 +283,28 @@ def test_the_users_own_launcher_is_trusted(machine):
     machine.tmp.chmod(0o1777)
     FakeLauncher(machine, user=AS_NOBODY)
     assert machine.execute(*AS_NOBODY, VORNCTL, "ping").returncode == 0
+
+
+# -- Not enough descriptors.
+
+
+@pytest.mark.plain  # a sanitizer needs some itself
+def test_a_lack_of_descriptors_is_reported_and_hides_nothing(machine):
+    path = machine.script("stay", "exec sleep 1000")
+    machine.start({"vornnode": {"camera": {"path": path}}})
+    for command in (["status"], ["names"], ["ps"], ["orphans"], ["why", "camera"],
+                    ["logs", "-n", "1"], ["check", "/tmp/launch.yaml"]):
+        usual = machine.vornctl(*command)
+        for most in range(3, 10):
+            done = machine.execute("prlimit", f"--nofile={most}", VORNCTL, *command)
+            if "loading shared libraries" in done.stderr:
+                continue
+            lines = [len(run.stdout.splitlines()) for run in (usual, done)]
+            if done.returncode == 0 and lines[0] == lines[1]:
+                continue
+            assert done.returncode in (1, 2, 5, 6), (most, done)
+            assert re.fullmatch(r"(vornctl: .*: Too many open files\b.*\n)+",
+                                done.stderr), (most, done)
 
 
 # -- Not enough memory.

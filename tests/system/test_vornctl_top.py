@@ -9,7 +9,7 @@ from support import log_texts
 from support.control import Cmd, State
 from support.blocking import held
 from support.terminal import Terminal
-from support.vornctl import VORNCTL
+from support.vornctl import ENTER, VORNCTL, typed_ahead
 from support.waiting import eventually
 
 # Runs top, then prints its exit status. The shell survives a Ctrl-C. Two files
@@ -593,6 +593,15 @@ def test_lines_are_cut_where_the_screen_ends(robot, width):
     terminal.wait_for(lambda screen: screen[-1] == line, "a cut line of keys")
     terminal.resize(80, 24)
     terminal.wait_for(lambda screen: screen[-1] == KEYS, "all is back")
+
+
+def test_a_terminal_of_any_size_is_used_and_restored(robot):
+    environment = robot.environment({"TERM": "xterm"})
+    for rows, columns in (1, 1), (1, 500), (200, 1), (2, 2), (200, 500):
+        status, shown, errors, is_restored = typed_ahead(
+            robot.enter(VORNCTL, "top"), environment, rows, columns)
+        assert (status, errors, is_restored) == (0, "", True), (rows, columns)
+        assert ENTER in shown
 
 
 # -- The exit.

@@ -1,5 +1,7 @@
 #include "commands/diff.h"
 
+#include <cerrno>
+#include <cstring>
 #include <new>
 #include <optional>
 
@@ -115,7 +117,13 @@ ExitStatus compareWithProcesses(Context& context, const DiffOptions& options) {
       readForDiff(context, options.files.front(), launcherEnvironment(pid));
   if (!file) return kUsage;
   size_t unreadable = 0;
-  const auto running = readRunningNodes(ProcessTable::read(), pid, unreadable);
+  const ProcessTable table = ProcessTable::read();
+  if (table.all().empty()) {
+    context.printError(std::string("cannot read the processes in /proc: ") +
+                       std::strerror(errno));
+    return kUsage;
+  }
+  const auto running = readRunningNodes(table, pid, unreadable);
   const auto environment = readProcFile(procFile(pid, "environ"));
   if (unreadable > 0 || !environment) {
     context.printError(

@@ -131,6 +131,9 @@ class Installation {
   }
 
   Finding orphans() const {
+    if (processes_.all().empty()) {
+      return unknownFinding("the processes in /proc cannot be read");
+    }
     return orphansFinding(findOrphans(processes_, launcher_.pid));
   }
 

@@ -2,6 +2,8 @@
 
 #include <signal.h>
 
+#include <cerrno>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -29,6 +31,7 @@ struct Scene {
   pid_t listener = 0;  // the launcher that has the control socket; 0: unknown
   std::vector<LauncherProcess> launchers;
   Orphans orphans;
+  std::string obstacle;  // to reading all processes; empty: none
 };
 
 /// Whether the process is a child that its launcher has not made a node yet.
@@ -43,6 +46,7 @@ Scene lookAround(const Context& context) {
   scene.listener =
       findListener(context.client(kLongestStop).options().socketPath);
   const ProcessTable table = ProcessTable::read();
+  if (table.all().empty()) scene.obstacle = std::strerror(errno);
   for (const Process* const launcher : launchersIn(table, scene.listener)) {
     if (isUnfinishedChild(table, *launcher)) continue;
     scene.launchers.push_back(identifyLauncher(launcher->pid, ""));
@@ -136,6 +140,10 @@ ExitStatus showOrphans(const Context& context, const OrphansOptions& options) {
   // Terminate all orphans even if the reader of the output has exited.
   if (options.isKill) (void)::signal(SIGPIPE, SIG_IGN);
   Scene scene = lookAround(context);
+  if (!scene.obstacle.empty()) {
+    context.printError("cannot read the processes in /proc: " + scene.obstacle);
+    return kUsage;
+  }
   const Settings& settings = context.settings();
   if (!settings.isQuiet && scene.orphans.unreadable > 0) {
     context.printError("processes not examined for lack of permission: " +
@@ -157,7 +165,9 @@ ExitStatus showOrphans(const Context& context, const OrphansOptions& options) {
     if (context.isCancelled()) return kFailed;
     scene = lookAround(context);
   }
-  return scene.orphans.processes.empty() ? kDone : kFailed;
+  const bool is_done =
+      scene.obstacle.empty() && scene.orphans.processes.empty();
+  return is_done ? kDone : kFailed;
 }
 
 }  // namespace vorn::launch

@@ -1,6 +1,8 @@
 #include "commands/ps.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <map>
 #include <optional>
 
@@ -160,6 +162,11 @@ ExitStatus showProcesses(Context& context, const PsOptions& options) {
     return kUsage;
   }
   const ProcessTable table = ProcessTable::read();
+  if (table.all().empty()) {
+    context.printError(std::string("cannot read the processes in /proc: ") +
+                       std::strerror(errno));
+    return kUsage;
+  }
   size_t unreadable = 0;
   const Trees trees = processesOfNodes(table, launcher, unreadable);
   if (unreadable > 0) {

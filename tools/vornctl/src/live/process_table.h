@@ -69,7 +69,7 @@ class ProcessTable {
  public:
   explicit ProcessTable(std::vector<Process> processes);
 
-  /// Reads the stat file of each process.
+  /// Reads all stat files. Empty, with errno, if none can be read.
   static ProcessTable read();
 
   /// Sorted by pid.
