@@ -7,10 +7,10 @@ source "$root/scripts/common.sh"
 cd -- "$root"
 
 all_targets=(launch_file control_request log_text install_root log_file
-  run_settings notify)
+  run_settings notify check client)
 declare -A longest=(  # the length of an input in bytes
   [launch_file]=4096 [control_request]=1072 [log_text]=2048 [install_root]=512
-  [log_file]=4096 [run_settings]=1024 [notify]=6000)
+  [log_file]=4096 [run_settings]=1024 [notify]=6000 [check]=4096 [client]=2048)
 
 usage() {
   cat <<TEXT
@@ -36,6 +36,10 @@ all of them):
                    vornrun; a valid text in quotes must have the same meaning
   notify           datagrams of any content to the socket of sd_notify(3);
                    the state must be JSON
+  check            a file of any content through the checks of vornctl and all
+                   forms of its output, which must be bounded and escaped
+  client           any replies of a launcher, contents of /proc and log texts as
+                   commands of vornctl see them; the same rule
 
   --minutes N   how long each is run (default: 60)
   --merge       add to fuzz/seeds what this and earlier runs have come up with

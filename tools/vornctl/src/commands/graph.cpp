@@ -42,63 +42,15 @@ std::set<std::pair<size_t, size_t>> arrowsInCycles(const RequiredGraph& graph) {
   return arrows;
 }
 
-void printDot(Output& out, const LaunchFile& file, const RequiredGraph& graph) {
-  const auto red = arrowsInCycles(graph);
-  out << "digraph launch {\n  rankdir=LR;\n  node [shape=box];\n";
-  for (size_t i = 0; i < file.nodes.size(); ++i) {
-    const LaunchFile::Node& node = file.nodes[i];
-    out << "  n" << i << " [label=\"" << quotedText(node.name.value);
-    for (const OutputText& policy : policiesOf(node)) out << "\\n" << policy;
-    out << "\"";
-    if (node.disabled.value || !node.autostart.value) out << ", style=dashed";
-    out << "];\n";
-  }
-  for (size_t i = 0; i < file.nodes.size(); ++i) {
-    for (const auto& edge : graph.edgesFrom(i)) {
-      out << "  n" << i << " -> n" << edge.to;
-      if (red.count({i, edge.to}) > 0) out << " [color=red]";
-      out << ";\n";
-    }
-  }
-  out << "}\n";
-}
-
-void printMermaid(Output& out, const LaunchFile& file,
-                  const RequiredGraph& graph) {
-  const auto red = arrowsInCycles(graph);
-  std::vector<size_t> red_links;
-  out << "flowchart LR\n";
-  for (size_t i = 0; i < file.nodes.size(); ++i) {
-    const LaunchFile::Node& node = file.nodes[i];
-    out << "  n" << i << "[\"" << mermaidText(node.name.value);
-    for (const OutputText& policy : policiesOf(node)) {
-      out << "<br>" << policy;
-    }
-    out << "\"]\n";
-  }
-  size_t link = 0;
-  for (size_t i = 0; i < file.nodes.size(); ++i) {
-    for (const auto& edge : graph.edgesFrom(i)) {
-      out << "  n" << i << " --> n" << edge.to << "\n";
-      if (red.count({i, edge.to}) > 0) red_links.push_back(link);
-      ++link;
-    }
-  }
-  for (const size_t each : red_links) {
-    out << "  linkStyle " << each << " stroke:red\n";
-  }
-}
-
 /// Lets Graphviz write the drawing to standard output.
-ExitStatus drawSvg(const Context& context, const LaunchFile& file,
-                   const RequiredGraph& graph) {
+ExitStatus drawSvg(const Context& context, const LaunchFile& file) {
   if (std::system("command -v dot >/dev/null 2>&1") != 0) {
     context.printError(kNoDot);
     return kFailed;
   }
   std::ostringstream stream;
   Output out(stream);
-  printDot(out, file, graph);
+  printDot(out, file);
   if (!stream) throw std::bad_alloc();  // the stream does not report it
   const std::string text = stream.str();
   standardOutput().flush();
@@ -129,22 +81,69 @@ ExitStatus printGraphOf(const Context& context, const GraphOptions& options) {
                        "; 'vornctl check' reports all errors");
     return kUsage;
   }
-  const RequiredGraph graph(file);
   Output out = standardOutput();
   switch (options.format) {
     case GraphOptions::Format::MERMAID:
-      printMermaid(out, file, graph);
+      printMermaid(out, file);
       return kDone;
     case GraphOptions::Format::SVG:
-      return drawSvg(context, file, graph);
+      return drawSvg(context, file);
     case GraphOptions::Format::DOT:
       break;
   }
-  printDot(out, file, graph);
+  printDot(out, file);
   return kDone;
 }
 
 }  // namespace
+
+void printDot(Output& out, const LaunchFile& file) {
+  const RequiredGraph graph(file);
+  const auto red = arrowsInCycles(graph);
+  out << "digraph launch {\n  rankdir=LR;\n  node [shape=box];\n";
+  for (size_t i = 0; i < file.nodes.size(); ++i) {
+    const LaunchFile::Node& node = file.nodes[i];
+    out << "  n" << i << " [label=\"" << quotedText(node.name.value);
+    for (const OutputText& policy : policiesOf(node)) out << "\\n" << policy;
+    out << "\"";
+    if (node.disabled.value || !node.autostart.value) out << ", style=dashed";
+    out << "];\n";
+  }
+  for (size_t i = 0; i < file.nodes.size(); ++i) {
+    for (const auto& edge : graph.edgesFrom(i)) {
+      out << "  n" << i << " -> n" << edge.to;
+      if (red.count({i, edge.to}) > 0) out << " [color=red]";
+      out << ";\n";
+    }
+  }
+  out << "}\n";
+}
+
+void printMermaid(Output& out, const LaunchFile& file) {
+  const RequiredGraph graph(file);
+  const auto red = arrowsInCycles(graph);
+  std::vector<size_t> red_links;
+  out << "flowchart LR\n";
+  for (size_t i = 0; i < file.nodes.size(); ++i) {
+    const LaunchFile::Node& node = file.nodes[i];
+    out << "  n" << i << "[\"" << mermaidText(node.name.value);
+    for (const OutputText& policy : policiesOf(node)) {
+      out << "<br>" << policy;
+    }
+    out << "\"]\n";
+  }
+  size_t link = 0;
+  for (size_t i = 0; i < file.nodes.size(); ++i) {
+    for (const auto& edge : graph.edgesFrom(i)) {
+      out << "  n" << i << " --> n" << edge.to << "\n";
+      if (red.count({i, edge.to}) > 0) red_links.push_back(link);
+      ++link;
+    }
+  }
+  for (const size_t each : red_links) {
+    out << "  linkStyle " << each << " stroke:red\n";
+  }
+}
 
 ExitStatus printGraph(const Context& context, const GraphOptions& options) {
   dieByStopSignals(context.settings().cancelFd);

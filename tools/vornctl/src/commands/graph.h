@@ -4,6 +4,8 @@
 
 #include "context/context.h"
 #include "context/exit_status.h"
+#include "launchfile/launch_file.h"
+#include "output/output.h"
 
 namespace vorn::launch {
 
@@ -13,6 +15,11 @@ struct GraphOptions {
   std::string file;  // "-" for standard input
   Format format = Format::DOT;
 };
+
+/// The graph in the language of Graphviz, and in that of Mermaid. The launcher
+/// must be able to load the file.
+void printDot(Output& out, const LaunchFile& file);
+void printMermaid(Output& out, const LaunchFile& file);
 
 /// Prints a graph of the nodes of a launch file with their policies, and an
 /// arrow from each node to the nodes that it requires; cycles are red. The
