@@ -226,14 +226,14 @@ launch::ProcessTable readTable() __asm__(
     "__wrap__ZN4vorn6launch12ProcessTable4readEv");
 
 std::optional<std::string> readFile(const std::string& path) {
-  const auto piece = nextPiece();
+  auto piece = nextPiece();
   if (!piece) return usualFile(path);
   if (piece->size() <= 1) return std::nullopt;
   return piece;
 }
 
 std::optional<std::string> readLink(const std::string& /*path*/) {
-  const auto piece = nextPiece();
+  auto piece = nextPiece();
   if (!piece) return "/";
   if (piece->size() <= 1) return std::nullopt;
   return piece;

@@ -31,7 +31,8 @@ class ModelMachine : public ApplyOperations {
 
   bool write(const std::string& path, const std::string& text,
              std::string& error) override {
-    return change(path, error, [&] { files[path] = text; });
+    const bool is_synced = path != kFile || text != unsynced;
+    return change(path, error, [&] { files[path] = text; }) && is_synced;
   }
 
   bool remove(const std::string& path, std::string& error) override {
@@ -65,6 +66,7 @@ class ModelMachine : public ApplyOperations {
   std::string running = "old";
   int restarts = 0;
   bool isPermitted = true;
+  std::string unsynced;        // a launch file whose write fails at its end
   std::string fullPath;        // writes there fail
   int changesUntilCut = 1000;  // 0: before the next change; odd: after it
 
@@ -203,6 +205,13 @@ TEST_P(InterruptedApplyTest, CanBeInterruptedAgain) {
 
 INSTANTIATE_TEST_SUITE_P(Files, InterruptedApplyTest,
                          testing::Values("new", "bad"));
+
+TEST(ApplyStepsTest, PutsTheOldFileBackIfTheNewOneIsWrittenButNotSynced) {
+  ModelMachine machine;
+  machine.unsynced = "new";
+  EXPECT_EQ(machine.apply("new").outcome, ApplyOutcome::NOT_APPLIED);
+  EXPECT_EQ(machine.file(), "old");
+}
 
 }  // namespace
 }  // namespace vorn::launch

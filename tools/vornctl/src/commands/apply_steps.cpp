@@ -110,6 +110,9 @@ bool ApplySteps::replaceFile(const std::string& text) {
   if (operations_.write(launch_file_, text, error_)) return true;
   say(error_);
   if (current_ == old_) {
+    // The write can have failed after it replaced the file.
+    (void)(old_ ? operations_.write(launch_file_, *old_, error_)
+                : operations_.remove(launch_file_, error_));
     finish(ApplyOutcome::NOT_APPLIED);
   } else {
     result_.outcome = ApplyOutcome::NOT_APPLIED;
