@@ -109,23 +109,26 @@ bool ApplySteps::replaceFile(const std::string& text) {
   }
   if (operations_.write(launch_file_, text, error_)) return true;
   say(error_);
-  if (current_ == old_) {
-    // The write can have failed after it replaced the file.
-    (void)(old_ ? operations_.write(launch_file_, *old_, error_)
-                : operations_.remove(launch_file_, error_));
-    finish(ApplyOutcome::NOT_APPLIED);
-  } else {
-    result_.outcome = ApplyOutcome::NOT_APPLIED;
-  }
+  result_.outcome = ApplyOutcome::NOT_APPLIED;
+  if (current_ == old_ && restoreOldFile()) finish(ApplyOutcome::NOT_APPLIED);
   return false;
+}
+
+/// Makes the launch file the old one, which it can still be: a write can fail
+/// before or after it replaces the file.
+bool ApplySteps::restoreOldFile() {
+  std::optional<std::string> found;
+  if (operations_.read(launch_file_, found, error_) && found == old_) {
+    return true;
+  }
+  return old_ ? operations_.write(launch_file_, *old_, error_)
+              : operations_.remove(launch_file_, error_);
 }
 
 void ApplySteps::putBack(const std::string& reason) {
   say("the new launch file has failed: " + reason);
-  const bool is_back = old_ ? operations_.write(launch_file_, *old_, error_)
-                            : operations_.remove(launch_file_, error_);
   result_.outcome = ApplyOutcome::PUT_BACK;
-  if (!is_back) {
+  if (!restoreOldFile()) {
     say("the old launch file could not be put back: " + error_ +
         "; the next apply tries it again");
     return;

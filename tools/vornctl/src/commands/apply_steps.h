@@ -83,6 +83,7 @@ class ApplySteps {
   bool writeJournal(bool is_replacing);
   bool keepOldFile();
   bool replaceFile(const std::string& text);
+  bool restoreOldFile();
   void putBack(const std::string& reason);
   void finish(ApplyOutcome outcome);
   void say(const std::string& message) { result_.messages.push_back(message); }

@@ -59,8 +59,8 @@ struct NodeRun {
 };
 
 /// Reads the state file of a node of `launcher`, whose last run has the `pid`
-/// and the `start_seconds` of the launcher's reply. Only files of root or of the
-/// launcher's user are trusted.
+/// and the `start_seconds` of the launcher's reply. Only files of root or of
+/// the launcher's user are trusted.
 NodeRun readNodeRun(const LauncherProcess& launcher,
                     const LaunchFile::Node& node, pid_t pid,
                     int64_t start_seconds);
