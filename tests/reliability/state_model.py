@@ -118,9 +118,8 @@ class Model:
     def command(self, cmd, name, dying=()):
         """A request on the control socket. The programs of `dying` exit just before,
         while the launcher is busy: it detects the exits only afterwards."""
-        exited = [self.oldest(key) for key in dying]
-        for process in exited:
-            process.lives = False
+        for key in dying:
+            self.oldest(key).lives = False
         node = self.find(name)
         operation = {
             "start": self._start, "stop": self._stop, "restart": self._restart,
@@ -131,11 +130,6 @@ class Model:
             result = NOT_FOUND
         else:
             result = SUCCESS if operation(node) else FAILED
-        if cmd in ("stop", "disable"):
-            # The log has no name of a command without effect.
-            for process in exited:
-                if process.is_stop_refused and process.cause == "itself":
-                    process.cause = "unclear"
         self._turn()
         return result
 
@@ -351,6 +345,10 @@ class Model:
         self.processes = [p for p in self.processes if p.lives]
         self.collected += dead
         for process in dead:
+            # Later commands without effect have no name in the log: one of them can
+            # have been for this node.
+            if process.is_stop_refused and process.cause == "itself":
+                process.cause = "unclear"
             owner = next((n for n in self.nodes if n.process is process), None)
             if owner is not None:
                 self._exit(owner)
