@@ -10,7 +10,10 @@ std::string formatBytes(int64_t bytes) {
   double amount = static_cast<double>(bytes) / kUnit;
   const char* unit = "KMGTPE";
   // "1024.0M" would be wider than "1.0G".
-  for (; amount >= kUnit - 0.05; amount /= kUnit) ++unit;
+  while (amount >= kUnit - 0.05) {
+    amount /= kUnit;
+    ++unit;
+  }
   char text[32];
   (void)std::snprintf(text, sizeof(text), *unit == 'K' ? "%.0f%c" : "%.1f%c",
                       amount, *unit);
