@@ -12,8 +12,8 @@ Usage: scripts/lint.sh [--full]
 
 Checks the form of the tracked files. The static analyzer of clang-tidy
 (clang-analyzer-*) checks the sources of the programs and libraries that have
-changed since the merge base with origin/main, or since HEAD~1 if there is none,
-and those that include a changed header. Its other checks skip the directories of
+changed, with or without their header, since the merge base with origin/main, or
+since HEAD~1 if there is none. Its other checks skip the directories of
 tests, fuzz targets and measurements without a change. Exit status: 0 no error, 1
 errors, 2 it could not be run.
 
@@ -46,15 +46,14 @@ changed_files() {
 # Prints the sources of our programs and libraries that the analyzer checks; it
 # takes up to a minute per source, and minutes per test.
 sources_to_analyze() {
-  local changed file product=(':(glob)**/src/**/*.cpp')
+  local changed file
   if $full || ! changed=$(changed_files); then
-    git ls-files "${product[@]}"
+    git ls-files ':(glob)**/src/**/*.cpp'
     return
   fi
   while read -r file; do
     case $file in
-      */src/*.cpp) git ls-files -- "$file" ;;
-      *.h) git grep -lE "#include \"(.*/)?${file##*/}\"" -- "${product[@]}" || true ;;
+      */src/*.cpp | */src/*.h) git ls-files -- "${file%.*}.cpp" ;;
     esac
   done <<<"$changed" | sort -u
 }
