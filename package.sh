@@ -64,7 +64,7 @@ copy_files() {
   git ls-files -z --cached |
     while IFS= read -r -d '' file; do
       if [[ -e $file ]]; then printf '%s\0' "$file"; fi
-    done | xargs -0 cp --parents -t "$1"
+    done | xargs -0 cp --parents --no-dereference -t "$1"
 }
 
 # The builders build in DIRECTORY/source and put the packages into DIRECTORY.

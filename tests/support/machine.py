@@ -53,7 +53,12 @@ class Process:
 
     @property
     def argv(self):
-        words = [part.decode() for part in self.read("cmdline").split(b"\0")[:-1]]
+        """Empty if the process has exited since it was found."""
+        try:
+            cmdline = self.read("cmdline")
+        except (FileNotFoundError, ProcessLookupError):
+            return []
+        words = [part.decode() for part in cmdline.split(b"\0")[:-1]]
         # The emulator's own path and that of the program precede the arguments.
         return words[2:] if words and is_emulator(words[0]) else words
 
