@@ -55,10 +55,14 @@ def test_the_launcher_depends_on_no_shared_library(packages):
     assert "lib" not in field(packages["vornlaunch"], "Depends")
 
 
-def test_the_launchers_package_lists_the_libraries_that_it_contains(packages):
-    built_using = field(packages["vornlaunch"], "Static-Built-Using")
-    assert re.fullmatch(r"gcc-[0-9]+(-cross)? \(= [^ ]+\), glibc \(= [^ ]+\),"
-                        r" yaml-cpp \(= [^ ]+\)", built_using)
+@pytest.mark.parametrize(("package", "libraries"), [
+    ("vornlaunch", ["glibc", "yaml-cpp"]), ("vornctl", ["ncurses", "yaml-cpp", "zlib"])])
+def test_a_package_lists_the_libraries_that_it_contains(packages, package, libraries):
+    built_using = field(packages[package], "Static-Built-Using")
+    version = r" \(= [^ ]+\)"
+    assert re.fullmatch(rf"gcc-[0-9]+(-cross)?{version}"
+                        + "".join(f", {library}{version}" for library in libraries),
+                        built_using)
 
 
 @pytest.mark.parametrize(("package", "name"), [
