@@ -276,8 +276,8 @@ class Run:
     def look_around(self):
         """Records the current state before a restart can change it."""
         eventually(
-            lambda: all(child.node or child.is_zombie for child in
-                        self.launcher.children()),
+            lambda: all(child.node or (child.is_zombie and not child.is_traced)
+                        for child in self.launcher.children()),
             "its children are nodes that have been executed",
         )
         self.settle()

@@ -46,6 +46,11 @@ class Child:
         return self.state in ("Z", "X")
 
     @property
+    def is_traced(self):
+        """The launcher is not told of its exit while it is."""
+        return status_field(self.host_pid, "TracerPid") not in ("", "0")
+
+    @property
     def pid(self):
         """The pid in the machine."""
         return int(status_field(self.host_pid, "NSpid").split()[-1])
