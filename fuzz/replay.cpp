@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -44,7 +45,7 @@ std::string read(const fs::path& path) {
 
 }  // namespace
 
-int main(int argc, char* argv[]) {
+int main(int argc, char* argv[]) try {
   const std::vector<fs::path> files = inputs({argv + 1, argv + argc});
   for (const fs::path& path : files) {
     const std::string input = read(path);
@@ -55,4 +56,7 @@ int main(int argc, char* argv[]) {
   }
   (void)std::fprintf(stderr, "%zu inputs\n", files.size());
   return files.empty() ? 1 : 0;  // a missing directory proves nothing
+} catch (const std::exception& error) {
+  (void)std::fprintf(stderr, "%s\n", error.what());
+  return 1;
 }
