@@ -1,11 +1,14 @@
-"""Checks that coverage_not_taken.txt, next to this file, lists exactly the source
-lines with a branch that no test takes.
+"""Checks that the tests take enough branches of each component, and that
+coverage_not_taken.txt, next to this file, lists exactly the lines of the launcher's
+sources with the others.
 
-    check_uncovered.py COVERAGE.JSON
+    check_uncovered.py COVERAGE.JSON PERCENT
 
-Exit status: 1 if an entry is missing or superfluous.
+Exit status: 1 if a component has fewer branches taken than PERCENT, or if an entry is
+missing or superfluous.
 """
 
+import collections
 import json
 import pathlib
 import re
@@ -13,30 +16,66 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 EXPLAINED = ROOT / "scripts/coverage_not_taken.txt"
-ENTRY = re.compile(r"^([\w.]+): `(.+?)`: ", re.MULTILINE)
+ENTRY = re.compile(r"^([\w./]+): `(.+?)`: ", re.MULTILINE)
+# The component of each directory.
+COMPONENTS = {
+    "include": "vornlaunch",
+    "libvornlib": "vornlaunch",
+    "libvornclient": "client library",
+    "libvornrun": "vornrun",
+    "tools/vornctl": "vornctl",
+    "tools/vornlaunch": "vornlaunch",
+    "tools/vornrun": "vornrun",
+}
 
 
-def uncovered_lines(report):
-    """(file, source line) of every line that has a branch never taken."""
+def component_of(path):
+    return next(name for directory, name in COMPONENTS.items()
+                if path.startswith(directory + "/"))
+
+
+def branches_by_component(files):
+    """The numbers of taken and of all branches."""
+    taken, existing = collections.Counter(), collections.Counter()
+    for file in files:
+        counts = [
+            branch["count"] for line in file["lines"] for branch in line["branches"]
+        ]
+        taken[component_of(file["file"])] += sum(count > 0 for count in counts)
+        existing[component_of(file["file"])] += len(counts)
+    return {name: (taken[name], existing[name]) for name in existing}
+
+
+def uncovered_lines(files):
+    """(file, source line) of the launcher's lines that have a branch never taken."""
     lines = set()
-    for file in json.loads(report.read_text(encoding="utf-8"))["files"]:
-        path = ROOT / file["file"]
-        source = path.read_text(encoding="utf-8").splitlines()
+    for file in files:
+        if component_of(file["file"]) != "vornlaunch":
+            continue
+        source = (ROOT / file["file"]).read_text(encoding="utf-8").splitlines()
         for line in file["lines"]:
             if any(branch["count"] == 0 for branch in line["branches"]):
                 text = source[line["line_number"] - 1]
-                lines.add((path.name, " ".join(text.split())))
+                lines.add((file["file"], " ".join(text.split())))
     return lines
 
 
 def main():
+    report, wanted = pathlib.Path(sys.argv[1]), float(sys.argv[2])
+    files = json.loads(report.read_text(encoding="utf-8"))["files"]
+    status = 0
+    for name, (taken, existing) in sorted(branches_by_component(files).items()):
+        percent = 100 * taken / existing
+        print(f"{name}: {taken} of {existing} branches, {percent:.1f} %")
+        if percent < wanted:
+            status = 1
     explained = set(ENTRY.findall(EXPLAINED.read_text(encoding="utf-8")))
-    uncovered = uncovered_lines(pathlib.Path(sys.argv[1]))
+    uncovered = uncovered_lines(files)
     for file, text in sorted(uncovered - explained):
         print(f"{file}: a branch that no test takes, unexplained: {text}")
     for file, text in sorted(explained - uncovered):
         print(f"{file}: every branch is taken, but explained: {text}")
-    return 1 if uncovered != explained else 0
+    return status or int(uncovered != explained)
 
 
 if __name__ == "__main__":

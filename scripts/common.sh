@@ -53,7 +53,7 @@ debian_suite() {
   PACKAGE_PACKAGES=(git debhelper dpkg-dev)
   RPM_PACKAGES=(rpm cpio)
   PACKAGE_TEST_PACKAGES=(lintian)
-  COVERAGE_PACKAGES=(gcovr)
+  COVERAGE_PACKAGES=(gcovr python3-coverage)
   PLOT_PACKAGES=(python3-matplotlib)
   BENCH_BUILD_PACKAGES=(libbenchmark-dev valgrind)
   BENCH_PACKAGES=(linux-perf python3-matplotlib supervisor runit s6 daemontools)
