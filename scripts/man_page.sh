@@ -11,7 +11,7 @@ date=$(date -u -d "$released" +%F)
 # remain, in bold, and of others the texts.
 sed -E -z -e 's/\n##/\n#/g' \
   -e 's/\[([a-z.-]+\([0-9]\))\]\([^)]*\)/**\1**/g' \
-  -e 's/\[([^]]*)\]\([^)]*\)/\1/g' "$1" |
+  -e 's/\[([^][]*)\]\([^)]*\)/\1/g' "$1" |
   lowdown -tman --parse-no-intraemph --out-no-smarty |
   awk -v page="${2##*/}" -v date="$date" '
     # Code is bold, and its hyphens can be searched for and copied. It can

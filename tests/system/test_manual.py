@@ -85,6 +85,14 @@ def test_a_manual_page_is_well_formed(name, program):
             if not any(text in line for text in ignored)] == []
 
 
+def test_a_bracket_outside_of_a_link_remains_in_a_manual_page(tmp_path):
+    document, page = tmp_path / "x.md", tmp_path / "x.1"
+    document.write_text("# X\n\nx - y\n\n## Description\n\n`##[` and [text](x.md)\n",
+                        encoding="utf-8")
+    assert run(ROOT / "scripts/man_page.sh", document, page) == ""
+    assert "##[</b> and text" in run("mandoc", "-T", "html", page)
+
+
 def test_the_reference_has_the_commands_of_the_help(help_of):
     assert set(words(terms_of("Commands"))) == commands_of(help_of())
 
