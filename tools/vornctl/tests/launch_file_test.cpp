@@ -84,7 +84,7 @@ TEST_F(ReadLaunchFileTest, ReadsThePoliciesOfANode) {
   const LaunchFile file = read(
       "vornnode: {a: {path: /a, oneshot: yes, autostart: no, disabled: on, "
       "sleep: 0x10, required: [b, c]}}");
-  const LaunchFile::Node& node = file.nodes.at(0);
+  const LaunchFile::Node& node = file.nodes[0];
   EXPECT_TRUE(node.oneshot.value);
   EXPECT_FALSE(node.autostart.value);
   EXPECT_TRUE(node.disabled.value);
@@ -94,7 +94,7 @@ TEST_F(ReadLaunchFileTest, ReadsThePoliciesOfANode) {
 
 TEST_F(ReadLaunchFileTest, GivesAPlainNodeTheUsualPolicies) {
   const LaunchFile file = read("vornnode: {a: {path: /a}}");
-  const LaunchFile::Node& node = file.nodes.at(0);
+  const LaunchFile::Node& node = file.nodes[0];
   EXPECT_FALSE(node.oneshot.value);
   EXPECT_TRUE(node.autostart.value);
   EXPECT_FALSE(node.disabled.value);
@@ -104,7 +104,7 @@ TEST_F(ReadLaunchFileTest, GivesAPlainNodeTheUsualPolicies) {
 
 TEST_F(ReadLaunchFileTest, TakesTheLastValueOfARepeatedKey) {
   const LaunchFile file = read("vornnode: {a: {path: /a, sleep: 1, sleep: 2}}");
-  EXPECT_EQ(file.nodes.at(0).sleepMs.value, 2U);
+  EXPECT_EQ(file.nodes[0].sleepMs.value, 2U);
 }
 
 TEST_F(ReadLaunchFileTest, FindsANodeByName) {
@@ -117,12 +117,12 @@ TEST_F(ReadLaunchFileTest, FindsANodeByName) {
 TEST_F(ReadLaunchFileTest, JoinsARelativePathToTheLaunchersBinPath) {
   environment_.binPath = "/opt/b";
   const LaunchFile file = read("vornnode: {a: {path: x}, b: {path: /x}}");
-  EXPECT_EQ(file.nodes.at(0).executable, "/opt/b/x");
-  EXPECT_EQ(file.nodes.at(1).executable, "/x");
+  EXPECT_EQ(file.nodes[0].executable, "/opt/b/x");
+  EXPECT_EQ(file.nodes[1].executable, "/x");
 }
 
 TEST_F(ReadLaunchFileTest, LeavesARelativePathWithoutABinPath) {
-  EXPECT_EQ(read("vornnode: {a: {path: x}}").nodes.at(0).executable, "x");
+  EXPECT_EQ(read("vornnode: {a: {path: x}}").nodes[0].executable, "x");
 }
 
 TEST_F(ReadLaunchFileTest, PrefersTheBinPathThatTheFileSetsLast) {
@@ -130,7 +130,7 @@ TEST_F(ReadLaunchFileTest, PrefersTheBinPathThatTheFileSetsLast) {
   const LaunchFile file = read(
       "vornnode: {a: {path: x}}\n"
       "configure: {environment: {VORN_BIN_PATH: /first, VORN_BIN_PATH: /c}}");
-  EXPECT_EQ(file.nodes.at(0).executable, "/c/x");
+  EXPECT_EQ(file.nodes[0].executable, "/c/x");
 }
 
 TEST_F(ReadLaunchFileTest, ExpandsTheInstallRootInTheBinPath) {
@@ -138,7 +138,7 @@ TEST_F(ReadLaunchFileTest, ExpandsTheInstallRootInTheBinPath) {
   const LaunchFile file = read(
       "vornnode: {a: {path: x}}\n"
       "configure: {environment: {VORN_BIN_PATH: 'install://bin'}}");
-  EXPECT_EQ(file.nodes.at(0).executable, "/opt/v/bin/x");
+  EXPECT_EQ(file.nodes[0].executable, "/opt/v/bin/x");
 }
 
 TEST_F(ReadLaunchFileTest, WithInvalidSyntaxIsAnErrorWithTheLocation) {

@@ -14,7 +14,7 @@ LaunchFile fileOf(const std::vector<std::string>& names) {
   for (const std::string& name : names) {
     LaunchFile::Node node;
     node.name.value = name;
-    file.nodes.push_back(node);
+    file.nodes.add(node);
   }
   return file;
 }

@@ -22,11 +22,11 @@ StatusReply statusOf(NodeState state, pid_t pid, int64_t start) {
 }
 
 /// A launcher that shares our pids.
-LauncherProcess launcherOf(std::vector<LaunchFile::Node> nodes = {}) {
+LauncherProcess launcherOf(const std::vector<LaunchFile::Node>& nodes = {}) {
   LauncherProcess launcher;
   launcher.pid = ::getpid();
   launcher.sharesPids = true;
-  launcher.file.nodes = std::move(nodes);
+  for (const auto& node : nodes) launcher.file.nodes.add(node);
   return launcher;
 }
 

@@ -13,11 +13,12 @@ LaunchFile graphFile(
         nodes) {
   LaunchFile file;
   for (const auto& [name, required] : nodes) {
-    LaunchFile::Node& node = file.nodes.emplace_back();
+    LaunchFile::Node node;
     node.name.value = name;
     for (const std::string& other : required) {
       node.required.push_back({other, {}});
     }
+    file.nodes.add(std::move(node));
   }
   return file;
 }

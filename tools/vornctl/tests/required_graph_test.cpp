@@ -28,9 +28,9 @@ LaunchFile::Node nodeOf(const std::string& name,
   return node;
 }
 
-LaunchFile readingOf(std::vector<LaunchFile::Node> nodes) {
+LaunchFile readingOf(const std::vector<LaunchFile::Node>& nodes) {
   LaunchFile file;
-  file.nodes = std::move(nodes);
+  for (const auto& node : nodes) file.nodes.add(node);
   return file;
 }
 
@@ -113,7 +113,7 @@ TEST(RequiredGraphTest, KeepsAMillionEdgesOfCyclesAndKnowsAllNodesInThem) {
   for (int i = 0; i < kNodes; ++i) {
     nodes.push_back(nodeOf(std::to_string(i), {"0", std::to_string(i + 1)}));
   }
-  const LaunchFile file = readingOf(std::move(nodes));
+  const LaunchFile file = readingOf(nodes);
   const RequiredGraph graph(file);
   size_t edges = 0;
   for (const auto& cycle : graph.cycles()) edges += cycle.size();
@@ -130,7 +130,7 @@ TEST(RequiredGraphTest, FollowsAChainHoweverLong) {
   for (int i = 0; i < kNodes; ++i) {
     nodes.push_back(nodeOf(std::to_string(i), {std::to_string(i + 1)}));
   }
-  const LaunchFile file = readingOf(std::move(nodes));
+  const LaunchFile file = readingOf(nodes);
   EXPECT_THAT(cyclesIn(file), IsEmpty());
   EXPECT_EQ(cascadeOfFirst(file).stops, kNodes);
 }
@@ -173,8 +173,7 @@ TEST(CascadeTest, IsAYearAtMostHoweverThePathsMultiply) {
     const std::string next = std::to_string(i + 1);
     nodes.push_back(nodeOf(std::to_string(i), {next, next}));
   }
-  EXPECT_EQ(cascadeOfFirst(readingOf(std::move(nodes))).duration,
-            hours(24 * 365));
+  EXPECT_EQ(cascadeOfFirst(readingOf(nodes)).duration, hours(24 * 365));
 }
 
 TEST(StopOfAllTest, AddsTheStopsOfAllNodes) {
@@ -196,7 +195,7 @@ TEST(StopOfAllTest, IsAYearAtMostForAChainHoweverLong) {
   for (int i = 0; i < kNodes; ++i) {
     nodes.push_back(nodeOf(std::to_string(i), {std::to_string(i + 1)}));
   }
-  const LaunchFile file = readingOf(std::move(nodes));
+  const LaunchFile file = readingOf(nodes);
   EXPECT_EQ(RequiredGraph(file).stopOfAll(), hours(24 * 365));
 }
 
@@ -243,7 +242,7 @@ TEST(LongestDurationTest, IsADayAtMostHoweverThePathsMultiply) {
   LaunchFile file;
   for (int i = 0; i < 60; ++i) {
     const std::string next = std::to_string(i + 1);
-    file.nodes.push_back(nodeOf(std::to_string(i), {next, next}));
+    file.nodes.add(nodeOf(std::to_string(i), {next, next}));
   }
   EXPECT_EQ(longestDuration(file, Cmd::STOP, "0"), hours(24));
 }

@@ -93,7 +93,8 @@ class NodeRunTest : public ::testing::Test {
     for (const std::string& argument : arguments) {
       node.arguments.push_back({argument, {}});
     }
-    launcher_.file.nodes = {node};
+    launcher_.file.nodes = {};
+    launcher_.file.nodes.add(node);
     StatusReply status;
     status.outcome = Outcome::DONE;
     status.state = state;

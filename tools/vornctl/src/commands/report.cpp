@@ -118,7 +118,7 @@ class ReportGatherer {
     page_.launchFile = &launcher_.file;
     if (!options_.hasEnvironment) masking_ = ReportMasking(launcher_.file);
     addFileText(*document);
-    launcher_.file.removeRepeatedNodes();
+    launcher_.file.nodes.removeRepeated();
     if (launcher_.hasChanged) {
       page_.notices.emplace_back(
           "the launch file was changed after the launcher started; its nodes "

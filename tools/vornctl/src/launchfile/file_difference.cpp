@@ -99,25 +99,20 @@ std::vector<bool> inOrder(const std::vector<size_t>& order) {
   return kept;
 }
 
-std::string positionText(const std::vector<LaunchFile::Node>& nodes,
-                         size_t index) {
+std::string positionText(const LaunchFile::Nodes& nodes, size_t index) {
   return index == 0 ? "first" : "after " + nodes[index - 1].name.value;
 }
 
 /// The nodes of both files that have moved, with their old and new positions.
 std::map<std::string, PartDifference> movedNodes(const LaunchFile& before,
                                                  const LaunchFile& after) {
-  std::map<std::string, size_t> old_index;
-  for (const auto& node : before.nodes) {
-    old_index.emplace(node.name.value, old_index.size());
-  }
   std::vector<size_t> new_indices;
   std::vector<size_t> order;
   for (size_t i = 0; i < after.nodes.size(); ++i) {
-    const auto found = old_index.find(after.nodes[i].name.value);
-    if (found == old_index.end()) continue;
+    const auto old_index = before.nodes.indexOf(after.nodes[i].name.value);
+    if (!old_index) continue;
     new_indices.push_back(i);
-    order.push_back(found->second);
+    order.push_back(*old_index);
   }
   const std::vector<bool> kept = inOrder(order);
   std::map<std::string, PartDifference> moved;

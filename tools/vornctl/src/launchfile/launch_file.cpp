@@ -1,7 +1,6 @@
 #include "launchfile/launch_file.h"
 
 #include <algorithm>
-#include <unordered_set>
 #include <utility>
 
 #include "output/text.h"
@@ -9,21 +8,28 @@
 
 namespace vorn::launch {
 
-const LaunchFile::Node* LaunchFile::find(const std::string& node_name) const {
-  const auto node = std::find_if(
-      nodes.begin(), nodes.end(),
-      [&](const Node& each) { return each.name.value == node_name; });
-  return node == nodes.end() ? nullptr : &*node;
+void LaunchFile::Nodes::add(Node node) {
+  index_.emplace(node.name.value, nodes_.size());
+  nodes_.push_back(std::move(node));
 }
 
-void LaunchFile::removeRepeatedNodes() {
-  std::unordered_set<std::string> names;
-  std::vector<Node> first;
-  for (Node& node : nodes) {
-    const bool is_new = names.insert(node.name.value).second;
-    if (is_new) first.push_back(std::move(node));
+std::optional<size_t> LaunchFile::Nodes::indexOf(
+    const std::string& node_name) const {
+  const auto found = index_.find(node_name);
+  return found == index_.end() ? std::nullopt : std::optional(found->second);
+}
+
+void LaunchFile::Nodes::removeRepeated() {
+  Nodes first;
+  for (Node& node : nodes_) {
+    if (!first.indexOf(node.name.value)) first.add(std::move(node));
   }
-  nodes = std::move(first);
+  *this = std::move(first);
+}
+
+const LaunchFile::Node* LaunchFile::find(const std::string& node_name) const {
+  const auto index = nodes.indexOf(node_name);
+  return index ? &nodes[*index] : nullptr;
 }
 
 std::string nodeNameValue(const std::string& name) {

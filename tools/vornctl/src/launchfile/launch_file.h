@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "launchfile/source_text.h"
@@ -54,11 +56,33 @@ struct LaunchFile {
     std::vector<Text> required;
   };
 
+  /// Nodes in file order. A lookup by name takes constant time.
+  class Nodes {
+   public:
+    void add(Node node);
+    size_t size() const { return nodes_.size(); }
+    bool empty() const { return nodes_.empty(); }
+    const Node& operator[](size_t index) const { return nodes_[index]; }
+    std::vector<Node>::const_iterator begin() const { return nodes_.begin(); }
+    std::vector<Node>::const_iterator end() const { return nodes_.end(); }
+
+    /// The index of the first node of this name; nothing if no node has it.
+    std::optional<size_t> indexOf(const std::string& node_name) const;
+
+    /// Removes the nodes that no request can control, since another node of
+    /// their name is before them.
+    void removeRepeated();
+
+   private:
+    std::vector<Node> nodes_;
+    std::unordered_map<std::string, size_t> index_;  // of each name
+  };
+
   std::string name;        // of the source text
   std::vector<Text> keys;  // of the top level, as Node::keys
   std::vector<Text> configureKeys;
   std::vector<Variable> environment;  // of `configure`
-  std::vector<Node> nodes;            // in file order
+  Nodes nodes;
   std::vector<Node> dropped;          // without a path: only name and keys
   std::vector<Text> ignored;          // values of a wrong kind that have no
                                       // effect: their description and location
@@ -71,10 +95,6 @@ struct LaunchFile {
   /// The node that a request with this name controls, the first of that name;
   /// null if no node has it. Borrowed.
   const Node* find(const std::string& node_name) const;
-
-  /// Removes the nodes that no request can control, since another node of their
-  /// name is before them.
-  void removeRepeatedNodes();
 };
 
 /// The value of __VORN_NODE_NAME__ for the node `name`.

@@ -262,7 +262,7 @@ class Reader {
       const std::string value_name = "'" + key_text->value + "'";
       (this->*reader->second)(node, {entry.second, location, value_name});
     }
-    file_.nodes.push_back(std::move(node));
+    file_.nodes.add(std::move(node));
   }
 
   void readPath(LaunchFile::Node& node, const YAML::Node& description,
@@ -395,7 +395,7 @@ std::optional<LaunchFile> loadLaunchFile(const SourceText& document,
             " is invalid: " + file.loadErrors.front().exception;
     return std::nullopt;
   }
-  file.removeRepeatedNodes();
+  file.nodes.removeRepeated();
   return file;
 }
 

@@ -45,14 +45,11 @@ RequiredGraph::RequiredGraph(const LaunchFile& file)
       rank_(file.nodes.size()),
       cascades_(file.nodes.size()) {
   for (size_t i = 0; i < file.nodes.size(); ++i) {
-    index_.emplace(file.nodes[i].name.value, i);
-  }
-  for (size_t i = 0; i < file.nodes.size(); ++i) {
     const LaunchFile::Node& node = file.nodes[i];
     for (const Text& name : node.required) {
-      const auto found = index_.find(name.value);
-      if (found == index_.end() || name.value == node.name.value) continue;
-      edges_[i].push_back({found->second, name.location});
+      const auto index = file.nodes.indexOf(name.value);
+      if (!index || name.value == node.name.value) continue;
+      edges_[i].push_back({*index, name.location});
     }
   }
   Search search{std::vector<size_t>(edges_.size(), kNone), {}, {}, {}};
@@ -187,12 +184,10 @@ std::optional<milliseconds> RequiredGraph::stopOfAll() const {
 
 milliseconds RequiredGraph::longestDuration(Cmd cmd,
                                             const std::string& name) const {
-  const auto found = index_.find(name);
-  const bool is_known = found != index_.end();
-  const milliseconds stop =
-      is_known ? cascades_[found->second].duration : kLongestStop;
+  const auto index = file_.nodes.indexOf(name);
+  const milliseconds stop = index ? cascades_[*index].duration : kLongestStop;
   const milliseconds sleep =
-      is_known ? sleepOf(file_.nodes[found->second]) : milliseconds(0);
+      index ? sleepOf(file_.nodes[*index]) : milliseconds(0);
   switch (cmd) {
     case Cmd::STOP:
     case Cmd::DISABLE:

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "launchfile/launch_file.h"
@@ -97,7 +96,6 @@ class RequiredGraph {
                                   std::vector<size_t>& reached_from) const;
 
   const LaunchFile& file_;
-  std::unordered_map<std::string, size_t> index_;  // of each name
   std::vector<std::vector<Edge>> edges_;
   std::vector<std::vector<Step>> cycles_;
   size_t cycle_steps_ = 0;  // in all cycles_

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <ctime>
 #include <iterator>
@@ -41,35 +42,26 @@ std::optional<Process> parseProcess(const std::string& stat) {
   Process process;
   process.pid = static_cast<pid_t>(std::strtol(stat.c_str(), nullptr, 10));
   process.name = stat.substr(name_begin + 2, name_end - name_begin - 2);
-  std::istringstream fields(stat.substr(name_end + 1));
-  std::string ignored;
-  const auto skip = [&](int count) {
-    while (count-- > 0) fields >> ignored;
-  };
-  fields >> process.state >> process.parent;
-  skip(4);  // process group, session, terminal and its process group
-  constexpr unsigned kKernelThread = 0x00200000;  // PF_KTHREAD
-  unsigned flags = 0;
-  fields >> flags;
-  process.isKernelThread = (flags & kKernelThread) != 0;
-  skip(4);  // page faults
-  uint64_t user_ticks = 0;
-  uint64_t system_ticks = 0;
-  fields >> user_ticks >> system_ticks;
-  process.cpuTicks = user_ticks + system_ticks;
-  uint64_t reaped_user_ticks = 0;
-  uint64_t reaped_system_ticks = 0;
-  fields >> reaped_user_ticks >> reaped_system_ticks;
-  process.reapedTicks = reaped_user_ticks + reaped_system_ticks;
-  skip(2);  // priority, nice value
-  fields >> process.threads;
-  skip(1);
-  fields >> process.startTicks;
-  skip(1);  // virtual memory
-  int64_t resident_pages = 0;
-  fields >> resident_pages;
-  if (!fields) return std::nullopt;
-  process.residentBytes = resident_pages * ::sysconf(_SC_PAGESIZE);
+  if (name_end + 2 >= stat.size()) return std::nullopt;
+  process.state = stat[name_end + 2];
+  // Numbered from 1, as in proc_pid_stat(5); the state is field 3.
+  std::array<uint64_t, 25> field{};
+  const char* rest = stat.c_str() + name_end + 3;
+  for (size_t number = 4; number < field.size(); ++number) {
+    char* end = nullptr;
+    field[number] = std::strtoull(rest, &end, 10);
+    if (end == rest) return std::nullopt;
+    rest = end;
+  }
+  constexpr uint64_t kKernelThread = 0x00200000;  // PF_KTHREAD
+  process.parent = static_cast<pid_t>(field[4]);
+  process.isKernelThread = (field[9] & kKernelThread) != 0;
+  process.cpuTicks = field[14] + field[15];
+  process.reapedTicks = field[16] + field[17];
+  process.threads = static_cast<int64_t>(field[20]);
+  process.startTicks = field[22];
+  process.residentBytes =
+      static_cast<int64_t>(field[24]) * ::sysconf(_SC_PAGESIZE);
   return process;
 }
 

@@ -112,7 +112,8 @@ std::vector<RunningNode> readRunningNodes(const ProcessTable& table,
 }
 
 LaunchFile withAllVariables(LaunchFile file) {
-  for (LaunchFile::Node& node : file.nodes) {
+  LaunchFile::Nodes nodes;
+  for (LaunchFile::Node node : file.nodes) {
     node.environment.insert(node.environment.begin(), file.environment.begin(),
                             file.environment.end());
     // The last one of a name counts.
@@ -125,7 +126,9 @@ LaunchFile withAllVariables(LaunchFile file) {
                     if (is_new) variables.push_back(variable);
                   });
     node.environment = std::move(variables);
+    nodes.add(std::move(node));
   }
+  file.nodes = std::move(nodes);
   file.environment.clear();
   return file;
 }
@@ -141,16 +144,17 @@ LaunchFile asRunning(const LaunchFile& file,
           return each.name == untilNul(node.name.value);
         });
     if (found != running.end()) {
-      result.nodes.push_back(nodeOfProcess(node, *found, own));
+      result.nodes.add(nodeOfProcess(node, *found, own));
     } else if (!hasToRun(node)) {
-      result.nodes.push_back(node);
+      result.nodes.add(node);
     }
   }
   for (const RunningNode& each : running) {
     if (file.find(each.name) != nullptr) continue;
-    LaunchFile::Node& node = result.nodes.emplace_back();
+    LaunchFile::Node node;
     node.name.value = each.name;
     setArguments(node, each.argv);
+    result.nodes.add(std::move(node));
   }
   return result;
 }

@@ -41,6 +41,7 @@ Character characterAt(std::string_view text, size_t position) {
 }
 
 bool isVisible(char32_t code) {
+  // Sorted.
   constexpr std::pair<char32_t, char32_t> kInvisible[] = {
       {0x00, 0x1f},        // C0 controls
       {0x7f, 0xa0},        // DEL, C1 controls, no-break space
@@ -62,10 +63,10 @@ bool isVisible(char32_t code) {
       {0xfff9, 0xfffb},    // annotations
       {0xe0000, 0xe0fff},  // tags, variations
   };
-  return std::none_of(std::begin(kInvisible), std::end(kInvisible),
-                      [&](const auto& range) {
-                        return code >= range.first && code <= range.second;
-                      });
+  const auto* const range =
+      std::find_if(std::begin(kInvisible), std::end(kInvisible),
+                   [code](const auto& each) { return code <= each.second; });
+  return range == std::end(kInvisible) || code < range->first;
 }
 
 /// Whether a CI system parses the text from `position` as a command: "::" after
