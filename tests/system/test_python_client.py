@@ -64,7 +64,9 @@ def answering(server, *replies):
                     connection.sendall(reply)
 
     threading.Thread(target=serve, daemon=True).start()
-    return vornctl.Launcher(server.getsockname(), reply_limit=60)
+    client = vornctl.Launcher(server.getsockname(), reply_limit=60)
+    client.kept = kept
+    return client
 
 
 def reply(result=0, pid=0, state=0, start=0):
@@ -119,6 +121,21 @@ def test_many_calls_leave_no_descriptor_open(launcher):
     for _ in range(1000):
         launcher.status("worker")
     assert len(os.listdir("/proc/self/fd")) == len(before)
+
+
+def test_the_defaults_are_the_launchers_socket_and_the_documented_limits():
+    client = vornctl.Launcher()
+    assert client.path == "/tmp/vornlaunch/vornlaunch.sock"
+    assert (client.connect_limit, client.reply_limit) == (30.0, 300.0)
+    assert client.trust_any_user is False
+
+
+def test_every_public_name_exists():
+    assert [name for name in vornctl.__all__ if not hasattr(vornctl, name)] == []
+
+
+def test_the_states_have_the_numbers_of_the_protocol():
+    assert dict(vornctl.State.__members__) == dict(State.__members__)
 
 
 # -- Requests.
@@ -292,6 +309,11 @@ def test_a_bad_reply_is_an_exception(server, bytes_, error, text):
         answering(server, bytes_).status("worker")
 
 
+def test_a_node_that_never_started_has_neither_process_nor_time(server):
+    status = answering(server, reply()).status("worker")
+    assert status == vornctl.Status(vornctl.State.STOPPED, 0, 0)
+
+
 def test_a_reply_is_24_bytes_whatever_follows(server):
     client = answering(server, reply(pid=7, state=1) + b"more")
     assert client.status("worker").pid == 7
@@ -300,8 +322,36 @@ def test_a_reply_is_24_bytes_whatever_follows(server):
 def test_no_reply_in_time_leaves_the_outcome_unknown(server):
     client = answering(server, None)
     client.reply_limit = 0.2
-    with pytest.raises(vornctl.UnknownOutcome, match="may still take effect"):
+    with pytest.raises(vornctl.UnknownOutcome, match="no reply within 0.2 s; the req"):
         client.stop("worker")
+
+
+def test_a_connection_that_is_reset_leaves_the_outcome_unknown(server):
+    def reset():
+        connection, _ = server.accept()
+        with connection:
+            # The end of the connection discards the request.
+            connection.recv(1, socket.MSG_PEEK)
+
+    thread = threading.Thread(target=reset)
+    thread.start()
+    with pytest.raises(vornctl.UnknownOutcome, match="reset by peer; the request was"):
+        vornctl.Launcher(server.getsockname(), reply_limit=60).stop("worker")
+    thread.join()
+
+
+def test_a_request_that_is_sent_in_part_has_no_effect(server, monkeypatch):
+    monkeypatch.setattr(vornctl._Connection, "send", lambda *_: 1)
+    with pytest.raises(vornctl.NoLauncher, match="could not be sent in one piece"):
+        vornctl.Launcher(server.getsockname()).start("worker")
+
+
+def test_ctrl_c_before_the_request_claims_no_effect(server, monkeypatch):
+    monkeypatch.setattr(vornctl.Launcher, "_check_path",
+                        lambda _: signal.raise_signal(signal.SIGINT))
+    with pytest.raises(KeyboardInterrupt) as caught:
+        vornctl.Launcher(server.getsockname()).stop("worker")
+    assert str(caught.value) == ""
 
 
 def test_ctrl_c_after_the_request_says_that_it_was_delivered(server):
