@@ -8,20 +8,25 @@ check_cxx_compiler_flag(-fstack-clash-protection VORN_HAS_STACK_CLASH_PROTECTION
 unset(CMAKE_REQUIRED_FLAGS)
 
 # Hardens one of our targets against exploits: the launcher often runs as root.
-# The program is position independent, its relocations are read-only. A
-# sanitizer does more than _FORTIFY_SOURCE and does not work with it; without
-# optimization _FORTIFY_SOURCE has no effect.
+# The program is position independent, its relocations are read-only. Without
+# optimization _FORTIFY_SOURCE has no effect. A sanitizer does more, and half of the
+# time of a short command would be its relocations.
 function(vorn_harden target)
+  if(VORN_SANITIZE)
+    target_compile_options(${target} PRIVATE
+      $<$<NOT:$<BOOL:$<TARGET_PROPERTY:POSITION_INDEPENDENT_CODE>>>:-fno-pie>)
+    target_link_options(${target} PRIVATE
+      $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-no-pie>)
+    return()
+  endif()
   target_compile_options(${target} PRIVATE
     $<$<NOT:$<BOOL:$<TARGET_PROPERTY:POSITION_INDEPENDENT_CODE>>>:-fPIE>
     -fstack-protector-strong
     $<$<BOOL:${VORN_HAS_STACK_CLASH_PROTECTION}>:-fstack-clash-protection>
     $<$<BOOL:${VORN_HAS_CF_PROTECTION}>:-fcf-protection=full>
     $<$<BOOL:${VORN_HAS_BRANCH_PROTECTION}>:-mbranch-protection=standard>)
-  if(NOT VORN_SANITIZE)
-    target_compile_options(${target} PRIVATE -U_FORTIFY_SOURCE
-      $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
-  endif()
+  target_compile_options(${target} PRIVATE -U_FORTIFY_SOURCE
+    $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
   target_link_options(${target} PRIVATE
     LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack
     $<IF:$<BOOL:$<TARGET_PROPERTY:VORN_IS_STATIC>>,-static-pie,-pie>)

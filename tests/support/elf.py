@@ -4,6 +4,11 @@ import re
 import subprocess
 
 
+def is_position_independent(program):
+    """Whether the kernel chooses the addresses of the program."""
+    return "position independent" in protections(program)
+
+
 def protections(program):
     """The protections of the program, out of those that this project requires."""
     text = subprocess.run(

@@ -22,12 +22,13 @@ exec c++ "$@"
 """
 
 
+@pytest.mark.plain  # a sanitized program is not hardened
 @pytest.mark.parametrize("name", PROGRAMS)
 def test_a_program_is_protected_by_its_elf_headers(program, name):
     assert protections(program.with_name(name)) == ALL_PROTECTIONS
 
 
-@pytest.mark.plain  # a sanitized program is not fortified
+@pytest.mark.plain  # as above
 @pytest.mark.parametrize("name", PROGRAMS)
 def test_a_program_guards_its_stack_and_checks_the_sizes_of_buffers(
         program, name, settings):

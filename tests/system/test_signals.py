@@ -12,6 +12,7 @@ from support import log_texts
 from support.control import Cmd, Result
 from support.blocking import held, start_signalled_while_reading
 from support.blocking import wait_until_blocked, wait_until_idle
+from support.elf import is_position_independent
 from support.waiting import eventually
 
 FATAL = [signal.SIGQUIT, signal.SIGHUP, signal.SIGSEGV, signal.SIGBUS, signal.SIGABRT,
@@ -200,11 +201,13 @@ def address_of_wait(process, program):
     """The address of Epoll::wait() in the launcher's process."""
     symbols = subprocess.run(["nm", program], check=True, stdout=subprocess.PIPE,
                              encoding="utf-8").stdout
-    offset = int(re.search(r"^(\w+) T \w+Epoll4waitEi$", symbols, re.M)[1], 16)
+    address = int(re.search(r"^(\w+) T \w+Epoll4waitEi$", symbols, re.M)[1], 16)
+    if not is_position_independent(program):
+        return address
     [base] = (int(line.split("-")[0], 16) for line in
               process.read("maps").decode().splitlines()
               if re.search(r" 00000000 .*/vornlaunch$", line))
-    return base + offset
+    return base + address
 
 
 @pytest.mark.native
