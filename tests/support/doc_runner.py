@@ -49,7 +49,7 @@ _MARKED_STATUS = re.compile("\x1e(\\d+)\x1e")
 SHOWN_HOME = "/home/you"
 
 # A reader types so slowly that a launcher is running before the next command.
-_STARTS_LAUNCHER = re.compile(r"^vornlaunch .*&$", re.M)
+_STARTS_LAUNCHER = re.compile(r"^(\w+=\S+ )?vornlaunch .*&$", re.M)
 _WAIT_FOR_LAUNCHER = r"""
 while kill -0 $! && ! grep -q ' 00010000 .*/vornlaunch.sock$' /proc/net/unix; do
   sleep 0.05
