@@ -118,6 +118,10 @@ allow-skips,asan,filter:,repeat:,preset:,debian:" "$@"
   mapfile -t suites < <(printf '%s\n' "${suites[@]}" | awk '!seen[$0]++')
 }
 
+# Every run of pytest and each of its processes would compile the tests again.
+unset PYTHONDONTWRITEBYTECODE
+export PYTHONPYCACHEPREFIX=$PWD/build-python
+
 # Results, one JUnit file per run, counted at the end.
 results=$(mktemp -d)
 trap 'rm -rf "$results"' EXIT

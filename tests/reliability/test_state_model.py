@@ -308,7 +308,9 @@ def test_random_stories_with_vornrun_agree_with_the_model(player, is_long):
     for_each_story(0, LONG_STORIES if is_long else WRAPPED_STORIES, player.play)
 
 
-@pytest.mark.parametrize("seed", SHORT_SEEDS)
+# With sanitizers fewer, since most of the time is the driver's and that of ps(1).
+@pytest.mark.parametrize("seed", [
+    pytest.param(seed, marks=pytest.mark.plain if seed >= 3 else ()) for seed in SHORT_SEEDS])
 def test_random_stories_agree_with_the_model(player, seed):
     for_each_story(seed, SHORT_STORIES, player.play)
 

@@ -14,7 +14,11 @@ import sys
 from support import control
 from support.control import Cmd
 from support.log import parse_log
-from support.process_tree import children_of, status_fields
+from support.process_tree import (
+    children_of,
+    is_in_a_pid_namespace,
+    status_fields,
+)
 from support.trace import on_every_machine
 from support.waiting import eventually
 
@@ -365,13 +369,15 @@ class Machine:
         namespace = os.readlink(f"/proc/{self._init}/ns/pid")
         found = []
         for entry in os.listdir("/proc"):
-            fields = status_fields(entry) if entry.isdigit() else {}
+            if not entry.isdigit() or not is_in_a_pid_namespace(entry):
+                continue
+            fields = status_fields(entry)
             if not fields:
                 continue
             try:
                 pids = fields["NSpid"].split()
-                # The namespace of a zombie cannot be read; it is in its list of pids.
-                own = len(pids) > 1 and (
+                # The namespace of a zombie cannot be read.
+                own = (
                     fields["State"][0] == "Z"
                     or os.readlink(f"/proc/{entry}/ns/pid") == namespace
                 )

@@ -12,6 +12,8 @@ from support.control import REQUEST, RESPONSE, State
 from support.start_time import RESTART_TICKS, wait_for_start
 from support.waiting import eventually
 
+pytestmark = pytest.mark.plain  # it tests the scripts of the demo
+
 EXAMPLES = pathlib.Path(__file__).resolve().parents[2] / "examples"
 NODES = ["prepare", "camera", "detector", "lamp", "recorder", "diagnostics"]
 

@@ -10,6 +10,8 @@ import pytest
 
 from support.doc_runner import blocks
 
+pytestmark = pytest.mark.plain  # it tests the documents
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 TUTORIALS = ROOT / "docs/tutorials"
 DOCUMENTS = sorted([

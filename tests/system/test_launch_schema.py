@@ -11,6 +11,8 @@ import yaml
 
 from support.launch_files import generated, hand_made
 
+pytestmark = pytest.mark.plain  # it tests the schema
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 SCHEMA = json.loads(
     (ROOT / "tools/vornctl/schema/launch.schema.json").read_text(encoding="utf-8")

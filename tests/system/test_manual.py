@@ -7,6 +7,8 @@ import subprocess
 
 import pytest
 
+pytestmark = pytest.mark.plain  # it tests the documents
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 COMPLETION = ROOT / "tools/vornctl/completion"
 
