@@ -6,6 +6,9 @@ root=$(dirname -- "$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")")
 source "$root/scripts/common.sh"
 cd -- "$root"
 
+# The analyzer takes up to a minute per source.
+MOST_ANALYZED=15
+
 usage() {
   cat <<TEXT
 Usage: scripts/lint.sh [--full]
@@ -13,11 +16,11 @@ Usage: scripts/lint.sh [--full]
 Checks the form of the tracked files. The static analyzer of clang-tidy
 (clang-analyzer-*) checks the sources of the programs and libraries that have
 changed, with or without their header, since the merge base with origin/main, or
-since HEAD~1 if there is none. Its other checks skip the directories of
-tests, fuzz targets and measurements without a change. Exit status: 0 no error, 1
-errors, 2 it could not be run.
+since HEAD~1 if there is none; but none if more than $MOST_ANALYZED have changed. Its other
+checks skip the directories of tests, fuzz targets and measurements without a change.
+Exit status: 0 no error, 1 errors, 2 it could not be run.
 
-  --full      run clang-tidy on everything
+  --full      run clang-tidy on everything, as before a release
   -h, --help  print this text
 TEXT
 }
@@ -43,19 +46,24 @@ changed_files() {
   git diff --name-only "$base" -- 2>/dev/null
 }
 
-# Prints the sources of our programs and libraries that the analyzer checks; it
-# takes up to a minute per source, and minutes per test.
+# Prints the sources of our programs and libraries that the analyzer checks, not those
+# of tests, which take minutes.
 sources_to_analyze() {
-  local changed file
+  local changed file sources
   if $full || ! changed=$(changed_files); then
     git ls-files ':(glob)**/src/**/*.cpp'
     return
   fi
-  while read -r file; do
+  mapfile -t sources < <(while read -r file; do
     case $file in
       */src/*.cpp | */src/*.h) git ls-files -- "${file%.*}.cpp" ;;
     esac
-  done <<<"$changed" | sort -u
+  done <<<"$changed" | sort -u)
+  if [[ ${#sources[@]} -gt $MOST_ANALYZED ]]; then
+    say "no analyzer: ${#sources[@]} sources have changed; run scripts/lint.sh --full" >&2
+  elif [[ ${#sources[@]} -gt 0 ]]; then
+    printf '%s\n' "${sources[@]}"
+  fi
 }
 
 # Prints the units of the unity build that clang-tidy checks. Those of tests take
