@@ -34,7 +34,7 @@ std::string explainNoAnswer(const ControlReply& reply, bool is_timed_out,
   // Without "the request ... may still take effect".
   std::string text = reply.message.substr(0, reply.message.find(';'));
   text += "; nothing was changed";
-  if (hasExited(reply.launcherPid)) {
+  if (exitsSoon(reply.launcherPid)) {
     return text + ": launcher " + std::to_string(reply.launcherPid) +
            " has exited";
   }

@@ -19,6 +19,11 @@ namespace {
 constexpr int kSamples = 20;
 constexpr useconds_t kPauseUs = 10'000;
 
+bool hasExited(pid_t pid) {
+  return processState(pid).value_or(' ') == 'Z' ||
+         (::kill(pid, 0) != 0 && errno == ESRCH);
+}
+
 /// ", process 42 (nc)", the client of the connection that the launcher reads;
 /// empty if that cannot be known.
 std::string describeClient(pid_t launcher) {
@@ -116,10 +121,13 @@ pid_t findListener(const std::string& socket_path) {
   return ownerOf(listeners);
 }
 
-bool hasExited(pid_t pid) {
+bool exitsSoon(pid_t pid) {
   if (pid == 0) return false;
-  return processState(pid).value_or(' ') == 'Z' ||
-         (::kill(pid, 0) != 0 && errno == ESRCH);
+  for (int i = 0; !hasExited(pid); ++i) {
+    if (i == kSamples) return false;
+    ::usleep(kPauseUs);
+  }
+  return true;
 }
 
 std::string explainSilence(pid_t pid) {

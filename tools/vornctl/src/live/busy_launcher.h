@@ -31,7 +31,8 @@ std::string explainSilence(pid_t pid);
 /// connections because its queue is full; 0 if that cannot be known.
 pid_t findListener(const std::string& socket_path);
 
-/// Whether the process `pid` is known to have exited.
-bool hasExited(pid_t pid);
+/// Whether the process `pid` is known to exit within 200 ms: the kernel closes
+/// the connections of a process before it reports the exit.
+bool exitsSoon(pid_t pid);
 
 }  // namespace vorn::launch
