@@ -5,7 +5,7 @@ import subprocess
 import time
 
 from harness.figures import Table
-from harness.sandbox import Sandbox
+from harness.sandbox import NEXT_TO_SANDBOX, Sandbox
 from harness.subjects import LAUNCHER, RUNIT, S6, SUPERVISORD, Subject, node_name
 from status import Served, asked_nodes
 from support.process_tree import children_of
@@ -29,9 +29,9 @@ def starts(build):
 
 
 def _enter(sandbox, *command):
-    """The command, in the sandbox."""
+    """The command, in the sandbox, on the processor of its other clients."""
     [init] = children_of(sandbox.process_id)
-    return ["nsenter", f"--target={init}", "--mount", "--root", "--pid", "--net", *command]
+    return [*NEXT_TO_SANDBOX, "nsenter", f"--target={init}", "--mount", "--root", "--pid", "--net", *command]
 
 
 def _seconds(command):
