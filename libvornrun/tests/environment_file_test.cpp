@@ -61,5 +61,13 @@ TEST(EnvironmentFile, AnErrorNamesTheLine) {
             "error: line 1: NUL byte in the value of A");
 }
 
+TEST(EnvironmentFile, ADigitIsNotTheFirstCharacterOfAName) {
+  EXPECT_TRUE(isVariableName("A09"));
+  EXPECT_TRUE(isVariableName("_"));
+  EXPECT_FALSE(isVariableName("0A"));
+  EXPECT_FALSE(isVariableName("9A"));
+  EXPECT_FALSE(isVariableName(""));
+}
+
 }  // namespace
 }  // namespace vorn::run

@@ -64,5 +64,14 @@ TEST_F(AtomicFileTest, AFailureIsASentenceWithTheReason) {
             "cannot write " + path_ + "/below: No such file or directory");
 }
 
+TEST_F(AtomicFileTest, ANameWithoutASlashIsInTheWorkingDirectory) {
+  EXPECT_TRUE(syncDirectoryOf("file", error_)) << error_;
+}
+
+TEST_F(AtomicFileTest, AMissingDirectoryCannotBeWrittenToTheDisk) {
+  EXPECT_FALSE(syncDirectoryOf(path_ + "/below", error_));
+  EXPECT_EQ(error_, "cannot write " + path_ + "/: No such file or directory");
+}
+
 }  // namespace
 }  // namespace vorn::launch

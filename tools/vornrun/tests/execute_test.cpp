@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <fstream>
 
+#include "report.h"
+
 namespace vorn::run {
 namespace {
 
@@ -55,6 +57,24 @@ TEST(PrivilegeOf, SetuidAndSetgidProgramsHaveOne) {
   EXPECT_EQ(privilegeOf(ProgramDirectory(04755).file), "a setuid program");
   EXPECT_EQ(privilegeOf(ProgramDirectory(02755).file), "a setgid program");
   EXPECT_EQ(privilegeOf(ProgramDirectory(02745).file), "");
+}
+
+TEST(ExecuteProgram, AFailureHasAStatusAndAReason) {
+  const Environment environment = withPath("/nonexistent");
+  std::string reason;
+  EXPECT_EQ(executeProgram({"prog"}, environment, reason), kExitNotFound);
+  EXPECT_EQ(reason, "no such program in PATH");
+  EXPECT_EQ(executeProgram({"./nonexistent"}, environment, reason),
+            kExitNotFound);
+  EXPECT_EQ(reason, "cannot execute it: No such file or directory");
+  const ProgramDirectory plain(0644);
+  EXPECT_EQ(executeProgram({plain.file}, environment, reason),
+            kExitNotExecutable);
+  EXPECT_EQ(reason, "cannot execute it: Permission denied");
+  const ProgramDirectory script(0755);
+  std::ofstream(script.file) << "#!/nonexistent/sh\n";
+  EXPECT_EQ(executeProgram({script.file}, environment, reason), kExitNotFound);
+  EXPECT_EQ(reason, "its interpreter is missing");
 }
 
 }  // namespace
