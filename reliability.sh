@@ -28,8 +28,8 @@ it could not be run. CI runs the short forms: ./test.sh --reliability.
                nodes for 10 minutes
   vornrun      SIGKILL of a launcher whose nodes die with it, 1000 rounds; each
                system call of a start fails in turn
-  coverage     branches that the tests take; at least 95 %
-  mutants      faults in the sources that the tests must catch; at least 95 %
+  coverage     branches of all programs that the tests take; at least 95 %
+  mutants      faults in all sources that the tests must catch; at least 95 %
 TEXT
 }
 
@@ -68,7 +68,7 @@ case $proof in
     ;;
   coverage) scripts/coverage.sh "$@" ;;
   mutants)
-    install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
+    install_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" iproute2
     /usr/bin/python3 scripts/mutate.py "$@"
     ;;
   "" | -h | --help) usage ;;

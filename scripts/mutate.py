@@ -1,21 +1,24 @@
-"""Puts small faults into the launcher's sources, one at a time, and checks that
-the tests catch them.
+"""Puts small faults into the shipped sources, one at a time, and checks that the
+tests catch them.
 
 A mutant is one source file with one fault, such as a swapped comparison or a
 dropped call. It is built in a copy of the tree and tested in namespaces of its
 own, because it runs as the user of this script, and a fault can be a kill(-1).
 A mutant is caught if a test fails or exceeds a time limit. The unit tests of
-the mutant's area come first, then all unit tests, then the whole-program tests,
-until one fails.
+the mutant's area come first, then all unit tests, then the whole-program tests
+of its component, until one fails.
 
 mutants_equivalent.txt, next to this file, lists the mutants that no test can catch,
 with the reasons. Exit status: 1 if fewer than 95 % of the others are caught.
 """
 
 import argparse
+import ast
 import collections
 import concurrent.futures
 import dataclasses
+import io
+import itertools
 import os
 import pathlib
 import queue
@@ -28,6 +31,7 @@ import sys
 import tempfile
 import threading
 import time
+import tokenize
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 EQUIVALENT = ROOT / "scripts/mutants_equivalent.txt"
@@ -35,8 +39,11 @@ SOURCES = (
     "include/vorn/*.h",
     "libvornlib/src/*.cpp",
     "libvornlib/include/vornlib/*.h",
-    "tools/vornlaunch/src/*.cpp",
-    "tools/vornlaunch/src/*.h",
+    "libvornclient/src/*",
+    "libvornclient/vornctl.py",
+    "libvornrun/src/*",
+    "tools/*/src/**/*.cpp",
+    "tools/*/src/**/*.h",
 )
 PYTEST = ["/usr/bin/python3", "-B", "-m", "pytest", "-p", "no:cacheprovider"]
 # In percent. Mutants that no test can catch do not count.
@@ -197,17 +204,97 @@ NO_STATEMENT = {
 
 
 class File:
-    """The mutants of one source file."""
+    """The mutants of one source file, which a subclass collects."""
+
+    comment = None  # the sign before a comment at the end of a line
 
     def __init__(self, path):
         self.path = path
         self.text = (ROOT / path).read_text(encoding="utf-8")
-        self.tokens = tokens_of(self.text)
         self.mutants = []
-        self.partner = self._pair_brackets()
-        self.exempt = self._exempt_tokens()
         self._collect()
         self._number()
+
+    def _collect(self):
+        raise NotImplementedError
+
+    def _lines(self, start, end):
+        """The source lines from `start` to `end`, as one, without comments."""
+        begin = self.text.rfind("\n", 0, start) + 1
+        stop = self.text.find("\n", max(start, end - 1))
+        lines = re.sub(f" +{self.comment}.*", "", self.text[begin:stop])
+        return " ".join(lines.split())
+
+    def _add(self, what, fault, start, end, replacement):
+        line = self.text.count("\n", 0, start) + 1
+        place = self._lines(start, end)
+        text = self.text[:start] + replacement + self.text[end:]
+        self.mutants.append(Mutant(self.path, start, text, what, fault, place, line))
+
+    def _replace(self, what, token, text):
+        self._add(what, f"{token.text} -> {text}", token.start, token.end, text)
+
+    def _number(self):
+        self.mutants.sort(key=lambda mutant: mutant.start)
+        seen = collections.Counter()
+        for index, mutant in enumerate(self.mutants):
+            seen[mutant.key] += 1
+            self.mutants[index] = dataclasses.replace(
+                mutant, number=seen[mutant.key]
+            )
+
+
+class PythonFile(File):
+    """The mutants of a Python module, whose text is ASCII."""
+
+    comment = "#"
+    WORDS = {"and": "or", "or": "and", "not": "", "True": "False", "False": "True",
+             "is": "is not", "in": "not in", "+": "-", "-": "+", "*": "+", "+=": "-=",
+             "continue": "break"}  # fmt: skip
+    DROPPED = (ast.Expr, ast.Assign, ast.AugAssign, ast.Return, ast.Raise)
+
+    def _collect(self):
+        lengths = map(len, self.text.splitlines(keepends=True))
+        self.starts = [0, *itertools.accumulate(lengths)]
+        self.documentation = set()
+        for node in ast.walk(ast.parse(self.text)):
+            if isinstance(node, ast.Expr) and isinstance(node.value, ast.Constant):
+                self.documentation.add(self._offset(node.lineno, node.col_offset))
+            elif isinstance(node, self.DROPPED) and node.col_offset > 0:
+                start = self._offset(node.lineno, node.col_offset)
+                end = self._offset(node.end_lineno, node.end_col_offset)
+                self._add("statement", "dropped", start, end, "pass")
+        for token in tokenize.generate_tokens(io.StringIO(self.text).readline):
+            self._change(token)
+
+    def _offset(self, line, column):
+        return self.starts[line - 1] + column
+
+    def _change(self, found):
+        token = Token("", found.string, self._offset(*found.start))
+        if found.string in COMPARISONS:
+            for other in COMPARISONS[found.string]:
+                self._replace("comparison", token, other)
+        elif found.string in self.WORDS and "import" not in found.line:
+            self._replace("logic", token, self.WORDS[found.string])
+        elif found.type == tokenize.NUMBER:
+            self._replace("constant", token, f"1 + {found.string}")
+        elif found.type == tokenize.STRING and token.start not in self.documentation:
+            quote = found.string.index('"')
+            changed = f"{found.string[:quote]}\"~{found.string[quote + 1:]}"
+            self._replace("text", token, changed)
+
+
+class CppFile(File):
+    """The mutants of a C++ source."""
+
+    comment = "//"
+
+    def __init__(self, path):
+        self.tokens = tokens_of((ROOT / path).read_text(encoding="utf-8"))
+        self.partner = self._pair_brackets()
+        self.exempt = self._exempt_tokens()
+        super().__init__(path)
 
     # -- The text.
 
@@ -237,30 +324,6 @@ class File:
                     end += 1
                 exempt.update(range(index, end))
         return exempt
-
-    def _lines(self, start, end):
-        """The source lines from `start` to `end`, as one, without comments."""
-        begin = self.text.rfind("\n", 0, start) + 1
-        stop = self.text.find("\n", max(start, end - 1))
-        return " ".join(re.sub(r" +//.*", "", self.text[begin:stop]).split())
-
-    def _add(self, what, fault, start, end, replacement):
-        line = self.text.count("\n", 0, start) + 1
-        place = self._lines(start, end)
-        text = self.text[:start] + replacement + self.text[end:]
-        self.mutants.append(Mutant(self.path, start, text, what, fault, place, line))
-
-    def _replace(self, what, token, text):
-        self._add(what, f"{token.text} -> {text}", token.start, token.end, text)
-
-    def _number(self):
-        self.mutants.sort(key=lambda mutant: mutant.start)
-        seen = collections.Counter()
-        for index, mutant in enumerate(self.mutants):
-            seen[mutant.key] += 1
-            self.mutants[index] = dataclasses.replace(
-                mutant, number=seen[mutant.key]
-            )
 
     # -- The faults.
 
@@ -368,7 +431,8 @@ class File:
                 begin = index + 1
             elif text in ("if", "while", "for", "switch") and index == begin:
                 # The brackets contain no separate statement.
-                index = self.partner[index + 1]
+                is_constexpr = self.tokens[index + 1].text == "constexpr"
+                index = self.partner[index + 1 + is_constexpr]
                 begin = index + 1
             elif text == "(" or text == "[":
                 # Lambdas inside an argument list belong to it.
@@ -451,12 +515,16 @@ class File:
         self._add("order", "swapped with the next", start, stop, swapped)
 
 
+def file_of(path):
+    return (PythonFile if path.suffix == ".py" else CppFile)(str(path))
+
+
 def all_mutants():
     paths = sorted(path for pattern in SOURCES for path in ROOT.glob(pattern))
     return [
         mutant
         for path in paths
-        for mutant in File(str(path.relative_to(ROOT))).mutants
+        for mutant in file_of(path.relative_to(ROOT)).mutants
     ]
 
 
@@ -479,19 +547,26 @@ def read_equivalent():
     return reasons
 
 
+def in_turns(groups):
+    """The first element of each group, then the second of each, and so on."""
+    for turn in itertools.zip_longest(*groups):
+        yield from filter(None, turn)
+
+
 def sample(mutants, size, seed):
-    """`size` of the mutants, of every kind and file as far as possible."""
-    groups = collections.defaultdict(list)
-    for mutant in mutants:
-        groups[(mutant.path, mutant.what)].append(mutant)
+    """`size` of the mutants, of every file as far as possible, and of every kind in
+    a file."""
     chooser = random.Random(seed)
-    for group in groups.values():
-        chooser.shuffle(group)
-    chosen = []
-    while len(chosen) < size and any(groups.values()):
-        for group in groups.values():
-            if group and len(chosen) < size:
-                chosen.append(group.pop())
+    files = collections.defaultdict(lambda: collections.defaultdict(list))
+    for mutant in mutants:
+        files[mutant.path][mutant.what].append(mutant)
+    queues = []
+    for kinds in files.values():
+        groups = list(kinds.values())
+        for group in [groups, *groups]:
+            chooser.shuffle(group)
+        queues.append(in_turns(groups))
+    chosen = itertools.islice(in_turns(queues), size)
     return sorted(chosen, key=lambda mutant: (mutant.path, mutant.start))
 
 
@@ -501,6 +576,7 @@ def sample(mutants, size, seed):
 # empty, in memory, and disappears with the namespaces.
 SANDBOX = """
 set -e
+ip link set lo up
 mount --make-rprivate /
 mount --bind "$1" "$2"
 mount -o remount,bind,ro /
@@ -560,20 +636,64 @@ class Workplace:
             self.changed = (mutant.path, file.read_text(encoding="utf-8"))
         file.write_text(mutant.text, encoding="utf-8")
 
-    def build(self, target):
+    def build(self, *targets):
         status, said = self.run(
-            "make", "-s", "-C", "build", "-j2", target, limit=BUILD_LIMIT
+            "make", "-s", "-C", "build", "-j2", *targets, limit=BUILD_LIMIT
         )
         return status == 0, said
+
+
+@dataclasses.dataclass(frozen=True)
+class Component:
+    """The tests of the sources in a directory."""
+
+    directory: str  # with `tests`, the unit tests; or one source
+    unit: str  # the program of the unit tests; empty: none
+    program: str  # that the whole-program tests run
+    system: tuple  # the names of those tests
+
+
+LAUNCHER = ("startup", "startup_signals", "signals", "control", "nodes", "required",
+            "launch_file", "log", "memory")  # fmt: skip
+# Of the sources of vornctl that have no whole-program tests of their own.
+VORNCTL = ("vornctl_status", "vornctl_act", "vornctl_history", "vornctl_usage")
+# The words in the names of their tests, for other words in the names of sources.
+OTHER_WORDS = {"cli": "usage", "exit": "failures", "graph": "check", "log": "logs",
+               "names": "completion", "ping": "failures", "records": "act",
+               "start": "act", "why": "history"}  # fmt: skip
+VORNRUN = ("vornrun", "vornrun_monitor")
+CHECK = ("vornctl_check", "check_examples", "check_agrees")
+# The tests of a source are those of the first one whose directory contains it.
+COMPONENTS = (
+    Component("libvornclient/vornctl.py", "", "vornlaunch", ("python_client",)),
+    Component("libvornclient", "vornctl_client_tests", "vornctl", VORNCTL),
+    Component("libvornrun", "vornrun_options_tests", "vornrun", VORNRUN),
+    Component("libvornlib", "vornlib_tests", "vornlaunch", LAUNCHER),
+    Component("include", "vornlib_tests", "vornlaunch", LAUNCHER),
+    Component("tools/vornlaunch", "vornlaunch_tests", "vornlaunch", LAUNCHER),
+    Component("tools/vornrun", "vornrun_tests", "vornrun", VORNRUN),
+    Component("tools/vornctl/src/check", "vornctl_tests", "vornctl", CHECK),
+    Component("tools/vornctl/src/launchfile", "vornctl_tests", "vornctl", CHECK),
+    Component("tools/vornctl", "vornctl_tests", "vornctl", VORNCTL),
+)
+
+
+def component_of(path):
+    return next(c for c in COMPONENTS if (path + "/").startswith(c.directory + "/"))
+
+
+def unit_directory(component):
+    """The directory of the component's unit tests below the tree or a build."""
+    return "/".join(component.directory.split("/")[:2]) + "/tests"
 
 
 def suites_of(path):
     """A pattern for the names of the unit tests of a source file's area."""
     stem = pathlib.PurePath(path).stem
+    directory = ROOT / unit_directory(component_of(path))
     suites = {
         suite
-        for directory in ("libvornlib", "tools/vornlaunch")
-        for file in (ROOT / directory / "tests").glob(f"{stem}*_test.cpp")
+        for file in directory.glob(f"*{stem}*_test.cpp")
         for suite in re.findall(
             r"^TEST(?:_F|_P)?\((\w+),", file.read_text(encoding="utf-8"), re.M
         )
@@ -581,25 +701,33 @@ def suites_of(path):
     return r"(^|/)(" + "|".join(sorted(suites)) + r")\." if suites else None
 
 
-# The whole-program tests of the launcher.
-SYSTEM = [
-    f"tests/system/test_{area}.py"
-    for area in ("startup", "startup_signals", "signals", "control", "nodes",
-                 "required", "launch_file", "log", "memory")
-]  # fmt: skip
+def system_tests(path):
+    """The names of the whole-program tests of a source file: those of its component
+    or, in vornctl, those with a word of its name or its directory's."""
+    component = component_of(path)
+    if component.system is not VORNCTL:
+        return component.system
+    words = set(re.split(r"\W+|_", path))
+    words.update(OTHER_WORDS[word] for word in words & OTHER_WORDS.keys())
+    tests = sorted((ROOT / "tests/system").glob("test_vornctl_*.py"))
+    names = [file.stem.removeprefix("test_") for file in tests]
+    return [
+        name for name in names
+        if words & set(name.split("_")[1:]) and "browser" not in name
+    ] or VORNCTL  # fmt: skip
 
 
 class Tester:
     """Builds and tests mutants, several at a time."""
 
-    def __init__(self, work, jobs):
+    def __init__(self, work, jobs, components):
         self.work = work
         self.seen_as = work / "tree"
         self.seen_as.mkdir()
         self.free = queue.Queue()
         first = self._new_workplace(0)
-        self._first_build(first)
-        self.limits = self._measure(first)
+        self._first_build(first, components)
+        self.limits = self._measure(first, components)
         for number in range(1, jobs):
             directory = work / str(number)
             shutil.copytree(first.directory, directory, symlinks=True)
@@ -615,60 +743,73 @@ class Tester:
         )
         return Workplace(directory, self.seen_as)
 
-    def _first_build(self, place):
+    def _first_build(self, place, components):
         status, said = place.run(
             "cmake", "-S", ".", "-B", "build", "-DCMAKE_BUILD_TYPE=None",
             "-DCMAKE_CXX_FLAGS=-O0 -w", "-DVORN_REQUIRE_TESTS=ON", limit=BUILD_LIMIT,
         )
+        targets = {"vornlaunch"} | {self._unit_target(c) for c in components}
+        if any(c.program != "vornlaunch" for c in components):
+            # Their tests also run the others.
+            targets |= {"vornctl", "vornrun", "parse_launch_files"}
         built = status == 0
         if built:
-            built, said = place.build("all")
+            built, said = place.build(*targets - {""})
         if not built:
             sys.exit("the sources without a fault cannot be built:\n" + said)
 
-    def _measure(self, place):
-        """The time limits, from the duration of the tests without a fault."""
+    def _measure(self, place, components):
+        """The time limits of the commands, from their duration without a fault."""
         limits = {}
-        for suite, command in (
-            ("unit", self._unit()),
-            ("system", self._system()),
-        ):
-            begin = time.monotonic()
-            status, said = place.run(*command, limit=1800)
-            if status != 0:
-                sys.exit(f"the {suite} tests fail without a fault:\n{said}")
-            taken = time.monotonic() - begin
-            print(f"{suite} tests without a fault: {taken:.0f} s", flush=True)
-            limits[suite] = max(30.0, 4 * taken)
+        for component in components:
+            commands = [self._system(component.system)]
+            if component.unit:
+                commands.append(self._unit(component))
+            for command in commands:
+                if tuple(command) in limits:
+                    continue
+                begin = time.monotonic()
+                status, said = place.run(*command, limit=1800)
+                if status != 0:
+                    sys.exit(f"tests fail without a fault: {command}\n{said}")
+                taken = time.monotonic() - begin
+                print(f"{taken:.0f} s without a fault: {' '.join(command)}", flush=True)
+                limits[tuple(command)] = max(30.0, 4 * taken)
         return limits
 
     @staticmethod
-    def _unit(*options, directory="build"):
+    def _unit_target(component):
+        """All unit tests for the sources that every program uses."""
+        return "all" if component.unit == "vornlib_tests" else component.unit
+
+    @staticmethod
+    def _unit(component, *options):
+        directory = "build"
+        if Tester._unit_target(component) != "all":
+            directory += "/" + unit_directory(component)
         return [
             "ctest", "--test-dir", directory, "--quiet", "--stop-on-failure", "-j4",
             *options,
         ]  # fmt: skip
 
     @staticmethod
-    def _system():
-        return [*PYTEST, "-q", "-x", "-n8", "--tb=no", "--build=build", *SYSTEM]
+    def _system(names):
+        tests = [f"tests/system/test_{name}.py" for name in names]
+        return [*PYTEST, "-q", "-x", "-n8", "--tb=no", "--build=build", *tests]
 
     def _suites(self, mutant):
         """The steps of a test, in this order: name, target, command."""
         path = pathlib.PurePath(mutant.path)
-        area = self._unit("-R", suites_of(path) or "-")
-        system = ("system", "vornlaunch", self._system())
-        if path.suffix == ".h":
-            # It rebuilds the sources of all unit tests.
-            return [system, ("unit", "all", self._unit())]
-        if path.name == "vornlaunch.cpp":
-            return [system]  # the entry is in no unit test
-        if path.parts[0] == "libvornlib":
-            return [("area", "vornlib_tests", area), ("unit", "all", self._unit()),
-                    system]  # fmt: skip
-        others = self._unit(directory="build/tools/vornlaunch")
-        return [("area", "vornlaunch_tests", area),
-                ("unit", "vornlaunch_tests", others), system]  # fmt: skip
+        component = component_of(mutant.path)
+        unit = ("unit", self._unit_target(component), self._unit(component))
+        system = ("system", component.program, self._system(system_tests(mutant.path)))
+        if not component.unit or path.name in ("vornlaunch.cpp", "main.cpp"):
+            return [system]  # the entry of a program is in no unit test
+        suites = suites_of(path)
+        if path.suffix == ".h" or suites is None:
+            return [system, unit] if path.suffix == ".h" else [unit, system]
+        area = ("area", component.unit, self._unit(component, "-R", suites))
+        return [area, unit, system]
 
     def test(self, mutant):
         """The suite that caught the mutant, "build" if it does not compile, None if it
@@ -680,7 +821,10 @@ class Tester:
                 try:
                     if not place.build(target)[0]:
                         return "build"
-                    limit = self.limits["system" if suite == "system" else "unit"]
+                    component = component_of(mutant.path)
+                    limit = self.limits[tuple(
+                        self._system(component.system) if suite == "system"
+                        else self._unit(component))]  # fmt: skip
                     if place.run(*command, limit=limit)[0] != 0:
                         return suite
                 except TimedOut:
@@ -777,7 +921,8 @@ def main():
         return 0
 
     with tempfile.TemporaryDirectory(prefix="mutants-", dir=arguments.work) as work:
-        tester = Tester(pathlib.Path(work), arguments.jobs)
+        components = dict.fromkeys(component_of(m.path) for m in mutants)
+        tester = Tester(pathlib.Path(work), arguments.jobs, components)
         printing = threading.Lock()
         done = []
 
