@@ -154,7 +154,7 @@ build_preset() {
       options+=(-DVORN_UNITY=ON "-DCMAKE_CXX_FLAGS=$(package_flags)")
     else
       options+=(-DVORN_WERROR=ON -DCMAKE_UNITY_BUILD=ON
-        -DCMAKE_UNITY_BUILD_BATCH_SIZE=20)
+        -DCMAKE_UNITY_BUILD_BATCH_SIZE=60)
     fi
   fi
   configure_build "$1" "${options[@]}"

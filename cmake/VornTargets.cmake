@@ -99,7 +99,7 @@ function(vorn_add_tests name)
   target_link_libraries(${name} PRIVATE
     ${ARG_LIBRARIES} GTest::gmock GTest::gtest_main)
   # The tested code is built as shipped; the tests do not have to be fast.
-  target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
+  target_compile_options(${name} PRIVATE -O0 -g1 -U_FORTIFY_SOURCE)
   foreach(symbol IN LISTS ARG_WRAP)
     target_link_options(${name} PRIVATE LINKER:--wrap=${symbol})
   endforeach()
