@@ -11,7 +11,7 @@ import time
 
 import pytest
 from support.machine import PYTHON
-from support.process_tree import children_of
+from support.process_tree import children_of, read_proc
 from support.waiting import eventually
 
 NOTICE = re.compile(rb"\n?vornrun: (\d+) bytes dropped[^\n]*\n")
@@ -129,8 +129,9 @@ def test_an_unhealthy_node_that_ignores_the_signal_is_killed(tmp_path, program):
 
 
 def private_kb(pid):
-    text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text(encoding="ascii")
-    return sum(int(kb) for kb in re.findall(r"^Private_\w+: +(\d+) kB$", text, re.M))
+    """The private memory of a process in KiB; 0 if it does not exist."""
+    text = read_proc(pid, "smaps_rollup")
+    return sum(int(kb) for kb in re.findall(rb"^Private_\w+: +(\d+) kB$", text, re.M))
 
 
 class Monitors:
@@ -146,10 +147,11 @@ class Monitors:
             if process.name != "vornrun-monitor" or not process.is_alive:
                 continue
             children = children_of(process.host_pid)
-            if children and pathlib.Path(f"/proc/{children[0]}/comm").read_text(
-                    encoding="ascii") == "vornrun-monitor\n":
-                found[process.host_pid] = private_kb(process.host_pid) + private_kb(
-                    children[0])
+            if not children or read_proc(children[0], "comm") != b"vornrun-monitor\n":
+                continue
+            both = private_kb(process.host_pid), private_kb(children[0])
+            if all(both):  # otherwise one has exited meanwhile
+                found[process.host_pid] = sum(both)
         return found
 
     def zombies(self):
