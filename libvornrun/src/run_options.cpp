@@ -187,7 +187,7 @@ const std::vector<RunOption>& processOptions() {
          s.noNewPrivileges = true;
          return std::string();
        }},
-      {"close-fds", "yes|no", "Close all descriptors from 3 (default: yes)",
+      {"close-fds", "yes|no", "Close descriptors from 3 up (default: yes)",
        [](S& s, V& v) { return storeYesNo(s.closesDescriptors, v); }},
       {"pdeathsig", "SIGNAL", "Receive SIGNAL when the launcher exits",
        [](S& s, V& v) { return storeSignal(s.parentDeathSignal, v); }},
@@ -246,7 +246,7 @@ const std::vector<RunOption>& healthOptions() {
        [](S& s, V& v) { return storeDuration(s.waitTimeout, v); }},
       {"ready", "CONDITION", "Ready when it holds, or with notify or fd:N",
        setReady},
-      {"watchdog", "TIME", "Stop the program without WATCHDOG=1 for TIME",
+      {"watchdog", "TIME", "Stop the program after TIME without WATCHDOG=1",
        [](S& s, V& v) { return storeDuration(s.watchdog, v); }},
       {"watchdog-signal", "SIGNAL", "Send SIGNAL first (default: TERM)",
        [](S& s, V& v) { return storeSignal(s.watchdogSignal, v); }},
@@ -276,7 +276,7 @@ const std::vector<RunOption>& restartOptions() {
        "Crash loops and state"},
       {"reset-after", "TIME", "A run this long ends the delays (default: 60s)",
        [](S& s, V& v) { return storeDuration(s.resetAfter, v); }},
-      {"give-up", "N/TIME", "Disable the node at N starts within TIME",
+      {"give-up", "N/TIME", "Disable the node after N starts within TIME",
        [](S& s, V& v) {
          return store(s.giveUp, parseGiveUp(v), v, "a rate such as 5/60s");
        }},

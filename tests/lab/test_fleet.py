@@ -119,7 +119,7 @@ def test_a_canary_that_fails_is_rolled_back_and_ends_the_rollout(fleet):
     done, recap = fleet.roll_out()
     assert done.returncode == 2, done.stdout
     assert recap["robot1"]["failed"] == 1
-    assert "the old launch file is back, and its nodes are as wanted" in done.stdout
+    assert "the old launch file is back, and its nodes are healthy" in done.stdout
     assert [fleet.file_of(name) for name in ON] == [text_of(), text_of()]
     assert fleet.robots["robot2"].launcher_pid() == second
     fleet.robots["robot1"].wait_until_running("camera", "planner")

@@ -73,7 +73,7 @@ def test_apply_puts_the_old_file_back_if_a_node_fails(robot):
     done = apply(robot, new)
     assert (done.returncode, done.stdout) == (1, "")
     assert "init has failed: it exited with status 3" in done.stderr
-    assert "the old launch file is back, and its nodes are as wanted\n" in done.stderr
+    assert "the old launch file is back, and its nodes are healthy\n" in done.stderr
     assert (current(robot), len(restarts(robot))) == (old, 2)
     robot.child("camera", ["sleep", "1001"])
 

@@ -350,7 +350,7 @@ def test_a_terminal_is_shown_the_source_and_a_caret(vornctl, program):
     text = "vornnode:\n  größe: {\tsleep: x, path: /bin/sh}\n"
     path = vornctl.directory / write(vornctl, text)
     assert on_terminal(program, path, "--color=never") == (
-        "launch.yaml:2:21: error: 'x' for 'sleep' is not a whole number of "
+        "launch.yaml:2:21: error: 'sleep' is 'x', not a whole number of "
         "milliseconds from 0 to 4294967295 [not-a-number]\n"
         "    größe: { sleep: x, path: /bin/sh}\n"
         "                    ^\n"

@@ -1,4 +1,4 @@
-"""vornctl health checks whether all nodes are as wanted."""
+"""vornctl health checks whether all nodes are healthy."""
 
 import json
 import signal
@@ -16,7 +16,7 @@ def test_health_waits_until_the_nodes_have_run_and_the_oneshots_have_succeeded(m
         "init": {"path": "/bin/true", "oneshot": True}}})
     done = machine.vornctl("health", "--for", "1s")
     assert (done.returncode, done.stdout, done.stderr) == (
-        0, "3 nodes are as wanted\n", "")
+        0, "3 nodes are healthy\n", "")
     machine.child("flaky", ["sleep", "1002"])
 
 

@@ -52,7 +52,7 @@ complete -c vornctl -n __vornctl_needs_command -a check -d 'Check launch files f
 complete -c vornctl -n __vornctl_needs_command -a graph -d 'Draw the nodes of a launch file'
 complete -c vornctl -n __vornctl_needs_command -a diff -d 'Compare launch files'
 complete -c vornctl -n __vornctl_needs_command -a import -d 'Convert files of other supervisors'
-complete -c vornctl -n __vornctl_needs_command -a doctor -d 'Find errors of the installation'
+complete -c vornctl -n __vornctl_needs_command -a doctor -d 'Find errors in the installation'
 complete -c vornctl -n __vornctl_needs_command -a completion -d 'Print a script for tab completion'
 complete -c vornctl -n __vornctl_needs_command -a help -d 'Show the help'
 
@@ -87,7 +87,7 @@ complete -c vornctl -n '__fish_seen_subcommand_from wait' -l state -x -a 'runnin
 complete -c vornctl -n '__fish_seen_subcommand_from wait' -l for -x -d 'Time for which the state must last'
 complete -c vornctl -n '__fish_seen_subcommand_from names' -s 0 -l null -d 'End each name with a NUL'
 complete -c vornctl -n '__fish_seen_subcommand_from report metrics' -s o -l output -r -F -d 'The file'
-complete -c vornctl -n '__fish_seen_subcommand_from report' -l since -x -d 'The begin of the timeline'
+complete -c vornctl -n '__fish_seen_subcommand_from report' -l since -x -d 'The start of the timeline'
 complete -c vornctl -n '__fish_seen_subcommand_from report' -l with-environment -d 'Also include the values of variables'
 complete -c vornctl -n '__fish_seen_subcommand_from apply' -l unit -x -d 'The unit to restart'
 complete -c vornctl -n '__fish_seen_subcommand_from apply' -l hook -x -d 'A command that can refuse'

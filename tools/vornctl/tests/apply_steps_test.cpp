@@ -122,7 +122,7 @@ TEST(ApplyStepsTest, AFileThatFailsIsReplacedByTheOldOne) {
   EXPECT_THAT(
       result.messages,
       ElementsAre("the new launch file has failed: camera restarts",
-                  "the old launch file is back, and its nodes are as wanted"));
+                  "the old launch file is back, and its nodes are healthy"));
   EXPECT_EQ(machine.file(), "old");
   EXPECT_EQ(machine.running, "old");
   EXPECT_EQ(machine.files.count(journalOf(kFile)), 0U);

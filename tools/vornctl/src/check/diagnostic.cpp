@@ -34,7 +34,7 @@ constexpr CheckInfo kChecks[] = {
     {"unknown-key", kWarning, "an unknown key"},
     {"repeated-key", kWarning, "a repeated key or variable"},
     {"merge-key", kWarning, "'<<', which does not merge"},
-    {"unknown-ignore", kWarning, "a comment with the name of no diagnostic"},
+    {"unknown-ignore", kWarning, "a comment with an unknown name"},
     // Nodes: node_rules.cpp.
     {"name-too-long", kError, "a node that cannot be controlled"},
     {"name-like-option", kWarning, "a node's name that contains an option"},
@@ -49,7 +49,7 @@ constexpr CheckInfo kChecks[] = {
     {"quote-in-argv", kWarning, "quotes in an argument, which are not removed"},
     {"shell-in-argv", kWarning, "shell syntax in an argument"},
     {"space-in-argument", kWarning, "a tab or new line in an argument"},
-    {"nul-in-text", kWarning, "a text with a NUL, where it ends"},
+    {"nul-in-text", kWarning, "a text that ends at a NUL"},
     {"disabled-autostart", kWarning, "both disabled and not autostart"},
     {"daemonizes", kWarning, "a program that moves to the background"},
     {"vornrun-option", kError, "an invalid option of vornrun"},

@@ -54,9 +54,10 @@ void checkUnknown(const std::vector<Text>& keys, const std::string& owner,
 /// The effect of a key that appears in a node again.
 std::string ofRepeatedKey(const std::string& key) {
   if (key == "path") return "the first one is used, this one is ignored";
-  if (key == "argv") return "its arguments are added to those before";
-  if (key == "environment") return "its variables are added to those before";
-  return "this one replaces the one before";
+  if (key == "argv") return "its arguments are added to the previous ones";
+  if (key == "environment")
+    return "its variables are added to the previous ones";
+  return "this one replaces the previous one";
 }
 
 void checkRepeated(const std::vector<Text>& keys, const std::string& owner,
@@ -70,7 +71,8 @@ void checkRepeated(const std::vector<Text>& keys, const std::string& owner,
     if (is_new || !is_known) continue;
     diagnostics.add(
         "repeated-key", key.location,
-        "'" + key.value + "' again " + owner + ": " + ofRepeatedKey(key.value),
+        "repeated '" + key.value + "' " + owner + ": " +
+            ofRepeatedKey(key.value),
         {{before->second, "the first '" + key.value + "' is here"}});
   }
 }
@@ -103,7 +105,7 @@ void checkSections(const LaunchFile& file, Diagnostics& diagnostics) {
     }
     diagnostics.add(
         "repeated-key", key.location,
-        "'environment' again in 'configure': the first one is used, "
+        "repeated 'environment' in 'configure': the first one is used, "
         "this one is ignored",
         {{environment, "the first 'environment' is here"}});
   }

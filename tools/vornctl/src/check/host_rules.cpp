@@ -316,7 +316,7 @@ void checkClone(Diagnostics& diagnostics) {
       "clone-refused", {1, 1},
       std::string("the system call clone3 is refused here (") +
           std::strerror(errno) +
-          "), so the launcher cannot run 'ps' and every stop lasts "
+          "), so the launcher cannot run 'ps' and every stop takes "
           "10 s; update the container engine or its seccomp profile");
 #endif
 }

@@ -49,7 +49,7 @@ void checkVariable(const Variable& variable, Diagnostics& diagnostics) {
   if (exportedName(name).empty()) {
     diagnostics.add("refused-variable", variable.name.location,
                     "variable " + quoted(name) +
-                        " is not set: its name is empty or has a '='");
+                        " is not set: its name is empty or contains '='");
   }
   if (name.find('\0') != std::string::npos ||
       variable.written.find('\0') != std::string::npos) {
@@ -73,7 +73,8 @@ void checkRepeated(const std::vector<Variable>& variables,
     const auto [first, is_new] = before.emplace(name, location);
     if (is_new) continue;
     diagnostics.add("repeated-key", location,
-                    "variable " + quoted(name) + " again: this value wins",
+                    "repeated variable " + quoted(name) +
+                        ": this value replaces the previous one",
                     {{first->second, "the value here is overwritten"}});
     first->second = location;
   }

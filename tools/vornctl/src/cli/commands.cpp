@@ -189,7 +189,7 @@ void Commands::addWait() {
   addChoice<WaitOptions::Goal>(
       *app, "--state", options.goal,
       "The state to wait for; ready: running and, if vornrun checks that, "
-      "ready; restarted: running since a later start than now; "
+      "ready; restarted: running, and started after this command; "
       "succeeded: a oneshot that exited with status 0",
       {{"running", WaitOptions::Goal::RUNNING},
        {"ready", WaitOptions::Goal::READY},

@@ -128,8 +128,8 @@ void Commands::addApply() {
                   "Time for which all nodes must run; default: 30s")
       ->type_name("TIME");
   app->add_option("--hook", options.hook,
-                  "Run this command of sh first; it refuses by a status other "
-                  "than 0")
+                  "Run this shell command first; a nonzero exit status refuses "
+                  "the change")
       ->type_name("COMMAND");
 }
 

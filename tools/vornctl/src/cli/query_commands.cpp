@@ -28,7 +28,7 @@ void Commands::addHistory() {
   addNodes(app, "Names or quoted patterns; all nodes if none are given");
   app->add_flag("--json", arguments_.isJson, "Print JSON");
   app->add_option("-n,--lines", options.exits,
-                  "The number of exits, the last ones; default: 100")
+                  "Print only the last NUMBER exits; default: 100")
       ->type_name("NUMBER");
   app->add_option("--since", readPointInTime(options.sinceUs),
                   "Start at this time, or as long ago, such as 2h")
@@ -89,7 +89,7 @@ void Commands::addLogs() {
 
 void Commands::addDoctor() {
   CLI::App* const app = addCommand(
-      "doctor", "Find errors of the installation and of the running launcher",
+      "doctor", "Find errors in the installation and the running launcher",
       [this](Context& context) {
         return examineInstallation(context, arguments_.isJson);
       });
@@ -128,7 +128,7 @@ void Commands::addReport() {
       ->type_name("FILE");
   app->add_option(
          "--since", readPointInTime(options.sinceUs),
-         "The begin of the timeline and the log: a duration before now or "
+         "The start of the timeline and the log: a duration before now or "
          "a date and time; default: 12h")
       ->type_name("TIME");
   app->add_flag("--with-environment", options.hasEnvironment,
@@ -143,7 +143,7 @@ void Commands::addMetrics() {
                    return writeMetrics(context, arguments_.metrics);
                  });
   app->add_option("-o,--output", options.output,
-                  "Replace this file, such as one of node-exporter's textfile "
+                  "Replace this file, such as one in node-exporter's textfile "
                   "directory; default: standard output")
       ->type_name("FILE");
   addChoice<MetricsFormat>(*app, "--format", options.format,

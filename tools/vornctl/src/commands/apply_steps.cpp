@@ -136,7 +136,7 @@ void ApplySteps::putBack(const std::string& reason) {
   if (!old_) {
     say("there was no launch file before; it was removed");
   } else if (operations_.restart(error_)) {
-    say("the old launch file is back, and its nodes are as wanted");
+    say("the old launch file is back, and its nodes are healthy");
   } else {
     say("the old launch file is back, but it fails as well: " + error_);
   }

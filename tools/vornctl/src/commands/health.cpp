@@ -181,7 +181,7 @@ class HealthCheck {
 
 std::string nodeCount(size_t count) {
   return std::to_string(count) + (count == 1 ? " node is" : " nodes are") +
-         " as wanted";
+         " healthy";
 }
 
 void printHealthJson(const Health& health) {

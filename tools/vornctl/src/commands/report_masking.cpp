@@ -22,7 +22,7 @@ bool isPathValue(const std::string& value) {
   return value.front() == '/' || value.rfind("install://", 0) == 0;
 }
 
-/// The begin of the value in a line of the launcher's log about a variable;
+/// The start of the value in a line of the launcher's log about a variable;
 /// npos in other lines.
 size_t loggedValue(std::string_view line) {
   constexpr std::string_view kBefore = ": setenv ";
@@ -54,7 +54,7 @@ bool isOption(std::string_view text, size_t position) {
   return position < text.size() && text[position] == '-';
 }
 
-/// The begin of the value after the name of a secret at `position`: after ":"
+/// The start of the value after the name of a secret at `position`: after ":"
 /// or "=", and after an option or "Bearer" also after spaces. Npos if it has no
 /// value.
 size_t valueAfter(std::string_view text, std::string_view lower,

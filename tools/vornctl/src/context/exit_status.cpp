@@ -32,7 +32,7 @@ constexpr Meaning kMeanings[] = {
     {kFailed, "the new file was not applied, the old one is in place",
      " apply "},
     {kFailed, "an error or a warning was found", " doctor "},
-    {kFailed, "a node is not as wanted, or no launcher answers", " health "},
+    {kFailed, "a node is not healthy, or no launcher answers", " health "},
     {kUsage, "wrong usage, or the nodes or a file cannot be read", ""},
     {kNotRunning, "a named node is not running", " status "},
     {kNotRunning, "a named node has no process", " ps "},

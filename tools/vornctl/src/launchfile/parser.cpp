@@ -47,9 +47,10 @@ class Reader {
       file_.binPath = variables_[kBinPath];
       if (const YAML::Node nodes = root["vornnode"]) readNodes(nodes);
     } catch (const YAML::BadSubscript& failure) {
-      addError("scalar-for-mapping", locationOf(root.Mark()),
-               kindOf(root) + " where a mapping with 'vornnode' must be",
-               failure);
+      addError(
+          "scalar-for-mapping", locationOf(root.Mark()),
+          "the file is " + kindOf(root) + ", not a mapping with 'vornnode'",
+          failure);
     }
     if (is_list) ignore("the file", locationOf(root.Mark()));
     if (!is_list) file_.keys = keysOf(root);
@@ -86,7 +87,7 @@ class Reader {
     file_.loadErrors.push_back({check, location, message, exception.what()});
   }
 
-  /// Adds the error of a value of the wrong kind: `problem` follows its name;
+  /// Adds the error of a value of the wrong kind: `problem` follows the value;
   /// `remedy` is the text to write if the value is missing.
   void addValueError(const Value& value, const std::string& check,
                      const std::string& problem, const std::string& remedy,
@@ -96,7 +97,7 @@ class Reader {
                "null value for " + value.name + "; write " + remedy, exception);
     } else {
       addError(check, value.location,
-               kindOf(value.yaml) + " for " + value.name + problem, exception);
+               value.name + " is " + kindOf(value.yaml) + problem, exception);
     }
   }
 
@@ -122,7 +123,7 @@ class Reader {
       count(value.yaml.Scalar().size());
       return value.yaml.Scalar();
     }
-    addValueError(value, "not-a-text", ", which takes one value",
+    addValueError(value, "not-a-text", ", but takes one value",
                   "\"\" for an empty value",
                   YAML::TypedBadConversion<std::string>(value.yaml.Mark()));
     return std::nullopt;
@@ -133,7 +134,9 @@ class Reader {
     const SourceLocation location = locationOf(key.Mark());
     if (key.IsScalar()) return Text{key.Scalar(), location};
     const YAML::TypedBadConversion<std::string> exception(key.Mark());
-    addError("not-a-key", location, kindOf(key) + " as " + what, exception);
+    addError("not-a-key", location,
+             what + " is " + (key.IsNull() ? "missing" : kindOf(key)),
+             exception);
     return std::nullopt;
   }
 
@@ -152,7 +155,7 @@ class Reader {
         (void)entry.first.IsNull();
       } catch (const YAML::InvalidNode& exception) {
         addError("list-for-mapping", location,
-                 "a list for " + what + "; write 'name: ...' without a dash",
+                 what + " is a list; write 'name: ...' without a dash",
                  exception);
         return;
       }
@@ -168,7 +171,7 @@ class Reader {
       if (environment) readGlobalEnvironment(environment);
     } catch (const YAML::BadSubscript& exception) {
       addError("scalar-for-mapping", location,
-               kindOf(configure) + " for 'configure', which is a mapping",
+               "'configure' is " + kindOf(configure) + ", not a mapping",
                exception);
     }
     if (is_list) ignore("'configure'", location);
@@ -246,8 +249,8 @@ class Reader {
           isNodeKey(owner) ? "'" + owner +
                                  "' is read as the name of a node; indent it "
                                  "below the name of its node"
-                           : kindOf(description) + " for node '" + owner +
-                                 "', which is a mapping with 'path'",
+                           : "node '" + owner + "' is " + kindOf(description) +
+                                 ", not a mapping with 'path'",
           exception);
       return;
     }
@@ -295,7 +298,7 @@ class Reader {
     try {
       node.*kFlag = {value.yaml.as<bool>(), value.location};
     } catch (const YAML::BadConversion& exception) {
-      addValueError(value, "not-a-bool", " is not a bool; write true or false",
+      addValueError(value, "not-a-bool", ", not a bool; write true or false",
                     "true or false", exception);
     }
   }
@@ -304,10 +307,9 @@ class Reader {
     try {
       node.sleepMs = {value.yaml.as<unsigned int>(), value.location};
     } catch (const YAML::BadConversion& exception) {
-      addValueError(
-          value, "not-a-number",
-          " is not a whole number of milliseconds from 0 to 4294967295",
-          "a number of milliseconds", exception);
+      addValueError(value, "not-a-number",
+                    ", not a whole number of milliseconds from 0 to 4294967295",
+                    "a number of milliseconds", exception);
     }
   }
 
@@ -323,7 +325,7 @@ class Reader {
   void readRequired(LaunchFile::Node& node, const Value& value) {
     node.required.clear();
     if (!value.yaml.IsSequence()) {
-      addValueError(value, "not-a-list", ", which is a list; write [NAME]",
+      addValueError(value, "not-a-list", ", not a list; write [NAME]",
                     "[] for an empty list",
                     YAML::TypedBadConversion<std::vector<std::string>>(
                         value.yaml.Mark()));

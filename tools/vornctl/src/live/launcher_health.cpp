@@ -211,7 +211,7 @@ Finding toolsFinding(const ToolFacts& facts) {
   if (facts.isBusyboxPs) {
     return {Verdict::ERROR,
             "the launcher's ps is that of busybox, which does not have the "
-            "option -A: a stop does not wait for the end of the node",
+            "option -A: a stop does not wait for the exit of the node",
             "install the package procps"};
   }
   return okFinding("the launcher finds ps, grep and /bin/sh");

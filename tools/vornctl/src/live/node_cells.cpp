@@ -70,7 +70,7 @@ const std::vector<Column>& statusColumns() {
       {"policy", "restart, oneshot, manual or manual+oneshot"},
       {"required", "nodes that restart when this node stops"},
       {"executable", "program of the node"},
-      {"restarts", "restarts after exits by itself, in the last hour"},
+      {"restarts", "restarts in the last hour, after it exited by itself"},
       {"last_exit",
        "exit status or signal of the last exit in the last hour; if the node "
        "does not run, of its last exit"},

@@ -84,9 +84,10 @@ Finding orphansFinding(const Orphans& orphans) {
   const size_t count = orphans.processes.size();
   if (count > 0) {
     const std::string subject =
-        count == 1 ? "1 process of an earlier launcher or run runs"
-                   : std::to_string(count) +
-                         " processes of earlier launchers or runs run";
+        count == 1
+            ? "1 process of an earlier launcher or run is still running"
+            : std::to_string(count) +
+                  " processes of earlier launchers or runs are still running";
     return {Verdict::WARNING, subject,
             "'vornctl orphans' lists them, and 'vornctl orphans --kill' "
             "terminates them"};
@@ -97,7 +98,7 @@ Finding orphansFinding(const Orphans& orphans) {
         "be examined",
         "run vornctl as root");
   }
-  return okFinding("no process of an earlier launcher or run runs");
+  return okFinding("no process of an earlier launcher or run is running");
 }
 
 }  // namespace vorn::launch

@@ -51,7 +51,7 @@ bool hasObstacle(const NodeFacts& facts, Kind kind) {
          facts.history->obstacle->kind == kind;
 }
 
-/// Sets the summary and, for a node that is not as wanted, remedies.
+/// Sets the summary and, for a node that is not healthy, remedies.
 class Judge {
  public:
   explicit Judge(const NodeFacts& facts)

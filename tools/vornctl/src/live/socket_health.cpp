@@ -31,7 +31,7 @@ std::string nameOfLauncher(pid_t pid) {
 
 Finding missingSocket(const SocketFacts& facts) {
   if (facts.launcher == 0) {
-    return okFinding(facts.path + " does not exist, as no launcher runs");
+    return okFinding(facts.path + " does not exist because no launcher runs");
   }
   return {Verdict::ERROR,
           facts.path + " does not exist, although " +
