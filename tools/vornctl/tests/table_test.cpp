@@ -73,6 +73,13 @@ TEST(TableTest, TheLastColumnIsTruncatedToAtLeastItsTitle) {
   }
 }
 
+TEST(TableTest, TheGapsOfAllColumnsTakeRoomOfTheLastOne) {
+  EXPECT_NE(std::setlocale(LC_CTYPE, "C.UTF-8"), nullptr);
+  Table table = {{"P", "Q", "CMND"}, {{{"1"}, {"2"}, {"camera --x"}}}};
+  truncateLastColumn(table, 13);
+  EXPECT_EQ(aligned(table, false), "P  Q  CMND\n1  2  camera…\n");
+}
+
 TEST(TableTest, EveryColourHasItsSequenceAndEnds) {
   EXPECT_EQ(coloured("x", Colour::NONE).str(), "x");
   EXPECT_EQ(coloured("", Colour::RED).str(), "");
