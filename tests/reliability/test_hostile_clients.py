@@ -501,8 +501,8 @@ def test_descriptors_passed_with_a_start_do_not_reach_the_child(launcher):
     child = launcher.child("worker", ["sleep", "1000"])
     has_ended(reading)
     os.close(reading)
-    # Standard input, output and error, and the connection.
-    assert len(child.descriptors) == 4
+    eventually(lambda: len(child.descriptors) == 4,
+               "it has its standard streams and the connection")
 
 
 @pytest.mark.parametrize("parts", [

@@ -1,6 +1,7 @@
 """A small machine of its own for each test: mount, pid and network namespaces
 in which the launcher runs with a private /tmp and /run."""
 
+import contextlib
 import dataclasses
 import functools
 import json
@@ -73,10 +74,14 @@ class Process:
 
     @property
     def descriptors(self):
-        """The targets of its open descriptors, by number."""
+        """The targets of its open descriptors, by number. A program that has just been
+        executed has others for a moment: the dynamic linker opens libraries."""
         directory = f"/proc/{self.host_pid}/fd"
-        return {int(fd): os.readlink(f"{directory}/{fd}")
-                for fd in os.listdir(directory)}
+        targets = {}
+        for fd in os.listdir(directory):
+            with contextlib.suppress(FileNotFoundError):
+                targets[int(fd)] = os.readlink(f"{directory}/{fd}")
+        return targets
 
     def signal(self, number):
         os.kill(self.host_pid, number)

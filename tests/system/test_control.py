@@ -67,8 +67,9 @@ def test_a_child_started_by_start_keeps_the_connection_open(machine):
         assert read_exactly(client, 24) == bytes(24)
         # The next request is served after the launcher has closed its end.
         child = machine.child("worker", ["sleep", "1000"])
-        opened = {fd: what for fd, what in child.descriptors.items() if fd > 2}
-        assert [what.startswith("socket:") for what in opened.values()] == [True]
+        eventually(lambda: [what.partition(":")[0] for fd, what in
+                            child.descriptors.items() if fd > 2] == ["socket"],
+                   "it has the connection and nothing else")
         client.setblocking(False)
         with pytest.raises(BlockingIOError):
             client.recv(1)
