@@ -22,7 +22,8 @@ EXAMPLES = sorted((ROOT / "tests/check").glob("*.yaml"))
 # YAML is read, and the state of the machine.
 BEYOND_A_SCHEMA = {
     "clone-refused", "daemonizes", "disabled-autostart", "duplicate-node",
-    "executable-directory", "install-misspelt", "install-not-expanded", "launcher-library",
+    "executable-directory", "install-misspelt", "install-not-expanded", "interrupted-apply",
+    "launcher-library",
     "launcher-path", "long-sleep", "long-stop", "missing-executable",
     "missing-interpreter", "missing-tool", "name-like-option", "no-nodes", "node-name-replaced",
     "not-executable", "nul-in-text", "quote-in-argv", "relative-path", "repeated-key",

@@ -1,5 +1,6 @@
 """vornctl apply replaces the launch file of a unit, restarts it, and undoes that."""
 
+import fcntl
 import json
 import signal
 
@@ -87,27 +88,38 @@ def test_apply_changes_nothing_for_a_wrong_file_a_refusal_or_a_second_apply(robo
     assert done.returncode == 21
     assert done.stderr == ("moving\nvornctl: the hook refuses: it exited with status 7; "
                            "try again later\n")
-    done = robot.execute("flock", "/tmp/launch.yaml.lock", *COMMAND, "/tmp/new.yaml")
+    with open(robot.tmp / "launch.yaml.lock", "w", encoding="ascii") as lock:
+        fcntl.lockf(lock, fcntl.LOCK_EX)
+        done = robot.execute(*COMMAND, "/tmp/new.yaml")
     assert done.returncode == 21
     assert "another apply has locked" in done.stderr
     assert (current(robot), restarts(robot)) == (old, [])
 
 
+def is_reported(machine):
+    """Whether `vornctl check` reports that an apply was interrupted."""
+    done = machine.execute(VORNCTL, "check", "/tmp/launch.yaml")
+    return "[interrupted-apply]" in done.stdout
+
+
 @pytest.mark.parametrize("place", ["before", "after"])
-def test_an_apply_that_was_killed_is_completed_by_the_next_one(robot, place):
+def test_an_apply_that_was_killed_is_reported_and_completed_by_the_next_one(robot, place):
     (robot.tmp / f"stop-{place}").touch()
     new = robot.file("new.yaml", text_of(robot, 1002))
     with running(robot, *ARGUMENTS, new, wrapper=ENVIRONMENT) as apply_1:
         eventually((robot.tmp / "stopped").exists, "apply restarts the unit")
+        assert not is_reported(robot)
         apply_1.signal(signal.SIGKILL)
         eventually(lambda: [each.signal(signal.SIGKILL) for each in robot.processes()
                             if each.argv == ["sleep", "1000"]],
                    "the machine has the orphan of apply")
         assert apply_1.end()[0] == -signal.SIGKILL
+    assert is_reported(robot)
     assert current(robot) == text_of(robot, 1002)
     (robot.tmp / f"stop-{place}").unlink()
     done = apply(robot, text_of(robot, 1003))
     assert (done.returncode, done.stdout) == (0, "applied\n")
     assert "was interrupted before its launch file was found to be healthy" in done.stderr
     assert current(robot) == text_of(robot, 1003)
+    assert not is_reported(robot)
     robot.child("camera", ["sleep", "1003"])

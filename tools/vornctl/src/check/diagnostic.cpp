@@ -82,6 +82,8 @@ constexpr CheckInfo kChecks[] = {
     {"missing-tool", kWarning, "no ps or no grep"},
     {"clone-refused", kWarning, "a refused system call that each stop needs"},
     {"writable-by-others", kWarning, "a file that any user can change"},
+    // Its replacement: apply_rules.cpp.
+    {"interrupted-apply", kWarning, "an apply that was interrupted"},
 };
 
 bool isBefore(const Diagnostic& a, const Diagnostic& b) {

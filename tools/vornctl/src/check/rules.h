@@ -30,6 +30,9 @@ void checkEnvironment(const LaunchFile& file, Diagnostics& diagnostics);
 /// The nodes that are named in `required`.
 void checkRequired(const LaunchFile& file, Diagnostics& diagnostics);
 
+/// An apply of this file that was interrupted.
+void checkApply(const SourceText& document, Diagnostics& diagnostics);
+
 /// The programs on this machine, as a launcher that is started here finds them.
 void checkHost(const SourceText& document, const LaunchFile& file,
                Diagnostics& diagnostics);

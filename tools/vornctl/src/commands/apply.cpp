@@ -1,14 +1,12 @@
 #include "commands/apply.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -172,11 +170,8 @@ ExitStatus applyFile(const Context& context, const ApplyOptions& options) {
                        " is not known; name it with --launch-file");
     return kUsage;
   }
-  // The target of a symbolic link is replaced, not the link.
-  std::error_code ignored;
-  const auto resolved = std::filesystem::weakly_canonical(target, ignored);
-  if (!resolved.empty()) target = resolved.string();
-  const std::string lock_path = target + ".lock";
+  target = replacedFile(target);
+  const std::string lock_path = lockFileOf(target);
   const Descriptor lock(
       ::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kPrivateFile));
   if (lock.number() < 0) {
@@ -184,7 +179,10 @@ ExitStatus applyFile(const Context& context, const ApplyOptions& options) {
                        std::strerror(errno));
     return kUsage;
   }
-  if (::flock(lock.number(), LOCK_EX | LOCK_NB) != 0) {
+  struct flock exclusive {};
+  exclusive.l_type = F_WRLCK;
+  // Unlike flock(2), this lets `check` find out whether an apply runs.
+  if (::fcntl(lock.number(), F_OFD_SETLK, &exclusive) != 0) {
     context.printError("another apply has locked " + lock_path +
                        "; try again later");
     return kTryLater;

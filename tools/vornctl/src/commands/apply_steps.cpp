@@ -1,16 +1,6 @@
 #include "commands/apply_steps.h"
 
-#include "output/json.h"
-
 namespace vorn::launch {
-
-std::string previousFileOf(const std::string& launch_file) {
-  return launch_file + ".previous";
-}
-
-std::string journalOf(const std::string& launch_file) {
-  return launch_file + ".apply";
-}
 
 ApplyResult ApplySteps::apply(const std::string& text) {
   if (!readState()) {
@@ -48,14 +38,10 @@ bool ApplySteps::readState() {
   }
   old_ = current_;
   if (!journal) return true;
-  readJournal(*journal);
-  const std::string begin =
-      "an apply that began at " + journal_->time + " was interrupted ";
-  if (!journal_->isReplacing) {
-    say(begin + "before it replaced the launch file");
-    return true;
-  }
-  say(begin + "before its launch file was found to be healthy");
+  journal_ = parseApplyJournal(*journal);
+  say(describeInterruption(*journal_));
+  // The launch file then counts as the old one.
+  if (!journal_->isReplacing) return true;
   old_.reset();
   if (!journal_->hadFile ||
       operations_.read(previousFileOf(launch_file_), old_, error_)) {
@@ -65,26 +51,9 @@ bool ApplySteps::readState() {
   return false;
 }
 
-/// A journal is written at once, so that only another program can damage it:
-/// the launch file then counts as the old one.
-void ApplySteps::readJournal(const std::string& text) {
-  journal_.emplace();
-  const Json document = Json::parse(text, nullptr, false);
-  try {
-    journal_->isReplacing = document.at("replacing").get<bool>();
-    journal_->hadFile = document.at("hadFile").get<bool>();
-    journal_->time = document.at("time").get<std::string>();
-  } catch (const Json::exception&) {
-    *journal_ = {false, false, "an unknown time"};
-  }
-}
-
 bool ApplySteps::writeJournal(bool is_replacing) {
-  const Json document = {{"replacing", is_replacing},
-                         {"hadFile", old_.has_value()},
-                         {"time", now_}};
-  return operations_.write(journalOf(launch_file_), document.dump() + '\n',
-                           error_);
+  const ApplyJournal journal{is_replacing, old_.has_value(), now_};
+  return operations_.write(journalOf(launch_file_), textOf(journal), error_);
 }
 
 bool ApplySteps::keepOldFile() {

@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include "launchfile/apply_journal.h"
+
 // The steps of `vornctl apply`, independent of the system that executes them.
 // A kill or a power cut can interrupt them at any point: the launch file is
 // complete after each step, and a journal next to it records the progress for
@@ -50,17 +52,6 @@ struct ApplyResult {
   std::vector<std::string> messages;  // sentences, for users
 };
 
-/// The files next to the launch file.
-std::string previousFileOf(const std::string& launch_file);
-std::string journalOf(const std::string& launch_file);
-
-/// What the journal of an unfinished run says.
-struct ApplyJournal {
-  bool isReplacing = false;  // the launch file may be new
-  bool hadFile = false;      // a launch file existed before
-  std::string time;
-};
-
 /// Applies a launch file.
 class ApplySteps {
  public:
@@ -79,7 +70,6 @@ class ApplySteps {
 
  private:
   bool readState();
-  void readJournal(const std::string& text);
   bool writeJournal(bool is_replacing);
   bool keepOldFile();
   bool replaceFile(const std::string& text);

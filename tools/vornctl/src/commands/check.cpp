@@ -156,6 +156,7 @@ Diagnostics diagnose(const SourceText& document, const LaunchFile& file,
   const bool is_file = !document.isStandardInput();
   if (options.host == Host::YES || (options.host == Host::AUTO && is_file)) {
     checkHost(document, file, diagnostics);
+    checkApply(document, diagnostics);
   }
   diagnostics.settle();
   return diagnostics;

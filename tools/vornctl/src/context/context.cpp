@@ -109,9 +109,10 @@ const LauncherProcess* Context::launcher(std::string& error) {
   launcher_ = inspectLauncher(pid_, settings_.launchFile, error);
   if (!launcher_) return nullptr;
   if (launcher_->hasChanged) {
-    printError("the launch file " + launcher_->launchFile +
-               " was changed after the launcher started; its nodes may differ "
-               "from those that run");
+    printWarning(
+        "the launch file " + launcher_->launchFile +
+        " was changed after the launcher started; its nodes may differ "
+        "from those that run");
   }
   return &*launcher_;
 }
@@ -140,12 +141,20 @@ void Context::warnAboutOrphans() const {
   if (settings_.isQuiet) return;
   const std::string warning =
       warningAbout(findOrphans(ProcessTable::read(), pid_));
-  if (!warning.empty()) printError(warning);
+  if (!warning.empty()) printWarning(warning);
 }
 
 void Context::printError(const std::string& text) const {
+  printMessage(JournalLevel::ERROR, text);
+}
+
+void Context::printWarning(const std::string& text) const {
+  printMessage(JournalLevel::WARNING, text);
+}
+
+void Context::printMessage(JournalLevel level, const std::string& text) const {
   clearActivity();
-  standardError() << journalPrefix(STDERR_FILENO, JournalLevel::ERROR)
+  standardError() << journalPrefix(STDERR_FILENO, level)
                   << "vornctl: " << terminalText(text) << "\n";
 }
 

@@ -8,6 +8,7 @@
 #include "context/exit_status.h"
 #include "control_client.h"
 #include "live/launcher_process.h"
+#include "output/journal_prefix.h"
 
 namespace vorn::launch {
 
@@ -74,8 +75,9 @@ class Context {
   /// unless the settings have isQuiet. Reads all processes.
   void warnAboutOrphans() const;
 
-  /// Writes "vornctl: TEXT" to standard error.
+  /// Write "vornctl: TEXT" to standard error.
   void printError(const std::string& text) const;
+  void printWarning(const std::string& text) const;
 
   /// Removes the line that a waiting client has shown.
   void clearActivity() const;
@@ -86,6 +88,7 @@ class Context {
                          const LaunchFile& file) const;
 
  private:
+  void printMessage(JournalLevel level, const std::string& text) const;
   void showActivity(const std::string& activity,
                     std::chrono::milliseconds elapsed) const;
 
