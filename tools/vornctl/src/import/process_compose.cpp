@@ -10,6 +10,7 @@
 
 #include "import/command_words.h"
 #include "import/node_order.h"
+#include "import/process_compose_values.h"
 #include "output/text.h"
 #include "vorn/launch_rules.h"
 
@@ -35,36 +36,17 @@ constexpr KeyAdvice kProcessAdvice[] = {
 };
 constexpr char kNoCounterpart[] = "no counterpart";
 
-/// A command as a condition of vornrun, and the TCP port of an HTTP one.
-struct Probe {
-  std::string condition;
-  std::string port;  // "tcp:HOST:PORT"; otherwise as `condition`
-};
-
 /// One file.
-class ComposeImporter {
+class ComposeImporter : private ComposeValues {
  public:
   ComposeImporter(const SourceText& file, Imported& imported)
-      : file_(file), imported_(imported) {}
+      : ComposeValues(file), file_(file), imported_(imported) {}
 
   void import();
 
   std::map<std::string, std::set<std::string>> before;  // by process
 
  private:
-  [[noreturn]] void fail(const YAML::Node& node,
-                         const std::string& reason) const {
-    throw ImportError(file_, node.Mark().line + 1, reason);
-  }
-  std::string textOf(const YAML::Node& value, const std::string& key) const;
-  double numberOf(const YAML::Node& value, const std::string& key) const;
-  bool boolOf(const YAML::Node& value, const std::string& key) const;
-  /// The value of a key; undefined if it is missing. The process has it.
-  YAML::Node mapping(const YAML::Node& map, const char* key) const;
-
-  Assignments readEnvironment(const YAML::Node& list,
-                              std::vector<Omitted>& omitted) const;
-  std::optional<Probe> readProbe(const YAML::Node& probe) const;
   void addGlobals(const YAML::Node& root);
   void addProcess(const std::string& name, const YAML::Node& process);
   void addCommand(const YAML::Node& process, ImportedNode& node) const;
@@ -80,66 +62,6 @@ class ComposeImporter {
   YAML::Node processes_;
   std::vector<std::string> shell_ = {"/bin/bash", "-c"};
 };
-
-std::string ComposeImporter::textOf(const YAML::Node& value,
-                                    const std::string& key) const {
-  if (value.IsScalar()) return value.Scalar();
-  fail(value, key + " is not a text");
-}
-
-double ComposeImporter::numberOf(const YAML::Node& value,
-                                 const std::string& key) const {
-  double number = 0;
-  if (value.IsScalar() && YAML::convert<double>::decode(value, number) &&
-      number >= 0 && number <= 1e6) {
-    return number;
-  }
-  fail(value, key + " is not a number");
-}
-
-bool ComposeImporter::boolOf(const YAML::Node& value,
-                             const std::string& key) const {
-  bool result = false;
-  if (value.IsScalar() && YAML::convert<bool>::decode(value, result)) {
-    return result;
-  }
-  fail(value, key + " is not true or false");
-}
-
-YAML::Node ComposeImporter::mapping(const YAML::Node& map,
-                                    const char* key) const {
-  const YAML::Node value = map[key];
-  if (value && !value.IsMap() && !value.IsNull()) {
-    fail(value, std::string(key) + " is not a mapping");
-  }
-  return value && value.IsMap() ? value : YAML::Node(YAML::NodeType::Map);
-}
-
-Assignments ComposeImporter::readEnvironment(
-    const YAML::Node& list, std::vector<Omitted>& omitted) const {
-  Assignments variables;
-  const auto add = [&](const std::string& name, const std::string& value) {
-    if (value.find('$') == std::string::npos) {
-      variables.emplace_back(name, value);
-    } else {
-      omitted.push_back({"environment " + name + "=" + value,
-                         "write the value; nothing expands variables in it"});
-    }
-  };
-  for (const auto& each : list) {
-    if (list.IsMap()) {
-      add(textOf(each.first, "a name"), textOf(each.second, "a variable"));
-      continue;
-    }
-    const std::string text = textOf(each, "a variable");
-    const size_t equals = text.find('=');
-    if (equals == std::string::npos || equals == 0) {
-      fail(each, "'" + text + "' is not NAME=VALUE");
-    }
-    add(text.substr(0, equals), text.substr(equals + 1));
-  }
-  return variables;
-}
 
 /// Whether a shell must run the command: it has more than words, or its first
 /// word is one of the shell.
@@ -186,24 +108,6 @@ void ComposeImporter::addCommand(const YAML::Node& process,
     fail(process, "process '" + node.name + "' has no command");
   node.program = words.front();
   node.arguments.assign(words.begin() + 1, words.end());
-}
-
-std::optional<Probe> ComposeImporter::readProbe(const YAML::Node& probe) const {
-  if (const YAML::Node exec = mapping(probe, "exec"); exec["command"]) {
-    const std::string condition = "exec:" + textOf(exec["command"], "command");
-    return Probe{condition, condition};
-  }
-  const YAML::Node http = mapping(probe, "http_get");
-  if (!http["port"]) return std::nullopt;
-  const auto value = [&](const char* key, const char* other) {
-    return http[key] ? textOf(http[key], key) : std::string(other);
-  };
-  const std::string address =
-      value("host", "127.0.0.1") + ":" + value("port", "");
-  std::string path = value("path", "/");
-  if (!startsWith(path, "/")) path.insert(0, "/");
-  return Probe{value("scheme", "http") + "://" + address + path,
-               "tcp:" + address};
 }
 
 void ComposeImporter::addDependencies(const YAML::Node& process,

@@ -2,8 +2,6 @@
 
 #include <yaml-cpp/yaml.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <map>
 #include <optional>
 
@@ -15,17 +13,14 @@
 namespace vorn::launch {
 namespace {
 
-constexpr char kBinPath[] = "VORN_BIN_PATH";
-constexpr char kRoot[] = "VORN_ROOT";
-
 /// Reads one document. It makes the launcher's calls of yaml-cpp in the same
 /// order, so that the same calls fail.
 class Reader {
  public:
   Reader(const SourceText& document, const LauncherEnvironment& environment)
       : document_(document), launcher_environment_(environment) {
-    variables_[kBinPath] = environment.binPath;
-    variables_[kRoot] = environment.root;
+    variables_[kBinPathVariable] = environment.binPath;
+    variables_[kRootVariable] = environment.root;
     file_.name = document.name();
   }
 
@@ -44,7 +39,7 @@ class Reader {
       if (const YAML::Node configure = root["configure"]) {
         readConfigure(configure);
       }
-      file_.binPath = variables_[kBinPath];
+      file_.binPath = variables_[kBinPathVariable];
       if (const YAML::Node nodes = root["vornnode"]) readNodes(nodes);
     } catch (const YAML::BadSubscript& failure) {
       addError(
@@ -213,7 +208,7 @@ class Reader {
   /// Determined at the first use of the prefix, and then constant.
   const std::string& installRoot() {
     if (!install_root_) {
-      auto root = path::rootFromVariable(variables_[kRoot]);
+      auto root = path::rootFromVariable(variables_[kRootVariable]);
       if (!root)
         root = path::rootFromExecutable(launcher_environment_.executableRoot);
       install_root_ = root.value_or("");
@@ -361,20 +356,7 @@ const std::map<std::string, Reader::KeyReader> Reader::kReaders = {
     {"required", &Reader::readRequired},
 };
 
-std::string ownVariable(const char* name) {
-  const char* const value = std::getenv(name);
-  return value == nullptr ? "" : value;
-}
-
 }  // namespace
-
-LauncherEnvironment ownEnvironment() {
-  std::error_code error;
-  const auto executable =
-      std::filesystem::read_symlink("/proc/self/exe", error);
-  return {ownVariable(kBinPath), ownVariable(kRoot),
-          executable.parent_path().parent_path().string()};
-}
 
 LaunchFile parseLaunchFile(const SourceText& document,
                            const LauncherEnvironment& environment) {

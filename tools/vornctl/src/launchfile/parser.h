@@ -5,25 +5,13 @@
 #include <string>
 
 #include "launchfile/launch_file.h"
+#include "launchfile/launcher_environment.h"
 
 // Reads a launch file as the launcher does. An error that terminates the
 // launcher is a LoadError here, and the parser continues after it, so that one
 // run finds all of them.
 
 namespace vorn::launch {
-
-/// The variables and the directory on which the meaning of a file depends.
-struct LauncherEnvironment {
-  std::string binPath;  // VORN_BIN_PATH when the launcher starts, or empty
-  std::string root;     // VORN_ROOT at that time, or empty
-  // The parent of the directory that holds the launcher's executable, which
-  // replaces "install:/" without VORN_ROOT; no slash at its end.
-  std::string executableRoot;
-};
-
-/// The environment of a launcher that is started like this process, with this
-/// environment and from the directory of our own executable.
-LauncherEnvironment ownEnvironment();
 
 /// The launch file expands to more than its limits, by aliases or "install://".
 class TooLarge : public std::runtime_error {

@@ -56,10 +56,10 @@ LauncherEnvironment environmentOf(pid_t pid) {
       const size_t sign = entry.find('=');
       if (sign == std::string::npos) continue;
       const std::string value = entry.substr(sign + 1);
-      if (entry.compare(0, sign, "VORN_BIN_PATH") == 0) {
+      if (entry.compare(0, sign, kBinPathVariable) == 0) {
         environment.binPath = value;
       }
-      if (entry.compare(0, sign, "VORN_ROOT") == 0) environment.root = value;
+      if (entry.compare(0, sign, kRootVariable) == 0) environment.root = value;
     }
   }
   if (const auto executable = readProcLink(procFile(pid, "exe"))) {

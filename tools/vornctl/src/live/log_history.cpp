@@ -4,9 +4,9 @@
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <charconv>
 #include <utility>
 
+#include "live/launcher_line.h"
 #include "output/text.h"
 #include "vorn/control_protocol.h"
 
@@ -24,46 +24,6 @@ constexpr size_t kMaxChildren = 10'000;
 // A program that handles SIGTERM can exit with a status. The launcher looks for
 // it at least every 0.2 s during a stop.
 constexpr int64_t kUsualStopUs = 2'000'000;
-
-/// The text between `prefix` and `suffix`; nothing if they do not enclose it.
-std::optional<std::string> between(std::string_view text,
-                                   std::string_view prefix,
-                                   std::string_view suffix) {
-  if (text.size() < prefix.size() + suffix.size() ||
-      !startsWith(text, prefix) ||
-      text.substr(text.size() - suffix.size()) != suffix) {
-    return std::nullopt;
-  }
-  return std::string(
-      text.substr(prefix.size(), text.size() - prefix.size() - suffix.size()));
-}
-
-/// The number after `label`; 0 if there is none.
-int numberAfter(std::string_view text, std::string_view label) {
-  int number = 0;
-  const size_t begin = text.find(label);
-  if (begin == std::string_view::npos) return number;
-  const std::string_view digits = text.substr(begin + label.size());
-  (void)std::from_chars(digits.data(), digits.data() + digits.size(), number);
-  return number;
-}
-
-std::optional<std::string> nodeIn(std::string_view text,
-                                  std::string_view suffix) {
-  return between(text, "Node '", suffix);
-}
-
-/// Lines that a launcher writes only while it reads its launch file.
-bool isLoadLine(std::string_view text) {
-  return startsWith(text, "setenv ") ||
-         (startsWith(text, "name: ") &&
-          !between(text, "name: ", " fork failed."));
-}
-
-/// Lines of a child between fork and exec.
-bool isLineOfChild(const LogLine& line) {
-  return line.function == "runChild" || line.function == "unblockSignals";
-}
 
 bool isStopCommand(int command) {
   return command == static_cast<int>(ControlRequest::Cmd::STOP) ||
