@@ -73,7 +73,13 @@ function(vorn_compile_options target)
       target_sources(${target} PRIVATE
         ${PROJECT_SOURCE_DIR}/tests/support/coverage_end.cpp)
       target_link_options(${target} PRIVATE
-        LINKER:--wrap=_exit LINKER:--wrap=execv)
+        LINKER:--wrap=_exit LINKER:--wrap=execv LINKER:--wrap=execve)
+    endif()
+    if(target MATCHES "^vorn(ctl|run)$")
+      target_sources(${target} PRIVATE
+        ${PROJECT_SOURCE_DIR}/tests/support/coverage_signals.cpp)
+      target_link_options(${target} PRIVATE
+        LINKER:--wrap=sigaction LINKER:--wrap=signal)
     endif()
   endif()
 endfunction()

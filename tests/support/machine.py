@@ -465,9 +465,23 @@ class Machine:
         shutil.rmtree(self.install)
 
     def _end_with_counters(self):
-        """Lets a launcher of the coverage build write its counters."""
+        """Lets the programs of the coverage build write their counters: the launcher,
+        vornctl, and the monitors, which exit after their nodes."""
         try:
             self.signal(signal.SIGINT)
             self.wait(timeout=5.0)
         except (AssertionError, AttributeError, OSError):
             pass  # it has exited or is blocked
+        ends = {"vornctl": signal.SIGTERM, "vornrun": signal.SIGTERM,
+                "vornrun-monitor": signal.SIGCONT}
+        with contextlib.suppress(AssertionError, IndexError, OSError):
+            eventually(lambda: not self._signal_counted(ends), "counters", 10.0)
+
+    def _signal_counted(self, ends):
+        """Sends the signal for its name to each living process, SIGKILL to those with
+        other names. Returns whether one of those names is alive."""
+        living = [p for p in self.processes() if p.is_alive and p.pid != self.pid]
+        for process in living:
+            with contextlib.suppress(ProcessLookupError):
+                process.signal(ends.get(process.name, signal.SIGKILL))
+        return any(process.name in ends for process in living)

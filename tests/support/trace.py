@@ -4,6 +4,7 @@ arm64 has newer calls in place of some that x86-64 has. Tests use the names of x
 both machines."""
 
 import dataclasses
+import itertools
 import platform
 import re
 
@@ -162,6 +163,14 @@ def calls(machine, *names):
 
 # Fewer stops of the traced processes than without it.
 QUICK = "--seccomp-bpf"
+
+
+def without_counters(calls):
+    """The calls of a process before the first that writes the counters of the coverage
+    build, which must not fail."""
+    begins = "prlimit64(0, RLIMIT_FSIZE, NULL"
+    return list(itertools.takewhile(lambda call: not call.text.startswith(begins),
+                                    calls))
 
 
 def injected(fault):

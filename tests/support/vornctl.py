@@ -151,7 +151,10 @@ def running(machine, *arguments, environment=None, wrapper=()):
         yield client
     finally:
         if client.popen.poll() is None:
-            with contextlib.suppress(ProcessLookupError):
+            with contextlib.suppress(ProcessLookupError, subprocess.TimeoutExpired):
+                if machine.counted:  # it writes its counters
+                    client.signal(signal.SIGTERM)
+                    client.popen.wait(timeout=5.0)
                 client.signal(signal.SIGKILL)
             client.popen.kill()
         client.popen.stdout.close()
