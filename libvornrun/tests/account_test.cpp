@@ -18,7 +18,8 @@ constexpr char kGroups[] =
     "robot:x:1000:robot\n"
     "dialout:x:20:other,robot\n"
     "video:x:44:robots,robot\n"
-    "audio:x:29:robots\n";
+    "audio:x:29:robots\n"
+    "wrong:x:many:robot\n";
 
 std::optional<Account> accountOf(const std::string& user,
                                  const std::string& group) {

@@ -23,6 +23,8 @@ TEST(EnvironmentFile, BlanksAroundNameAndValueAreRemoved) {
 
 TEST(EnvironmentFile, CommentsAndLinesWithoutAnAssignmentAreIgnored) {
   EXPECT_EQ(valueIn("# A=1\n; A=2\n\n  # A=3 \\\nA=b\nexport\n"), "b");
+  EXPECT_EQ(valueIn("A=b\n# the end"), "b");
+  EXPECT_EQ(valueIn("A=b\nexport"), "b");
 }
 
 TEST(EnvironmentFile, ACommentDoesNotFollowAValue) {
@@ -47,6 +49,7 @@ TEST(EnvironmentFile, QuotesInsideAnUnquotedValueAreLiteral) {
 
 TEST(EnvironmentFile, ABackslashQuotesTheNextCharacter) {
   EXPECT_EQ(valueIn("A=b\\ \\\\\\n\\\nc\\ "), "b \\nc ");
+  EXPECT_EQ(valueIn("A=b\\"), "b\\");
 }
 
 TEST(EnvironmentFile, NothingIsExpanded) { EXPECT_EQ(valueIn("A=$B"), "$B"); }
@@ -57,8 +60,16 @@ TEST(EnvironmentFile, AnErrorNamesTheLine) {
   EXPECT_EQ(valueIn("\nA='b\n\n"),
             "error: line 2: the single quote is not closed");
   EXPECT_EQ(valueIn("A=\"b"), "error: line 1: the double quote is not closed");
+  EXPECT_EQ(valueIn("A=\"b\\"),
+            "error: line 1: the double quote is not closed");
+  EXPECT_EQ(valueIn(" = b"), "error: line 1: invalid variable name ''");
   EXPECT_EQ(valueIn(std::string("A=b\0", 4)),
             "error: line 1: NUL byte in the value of A");
+  EXPECT_EQ(valueIn(std::string("A=\"\\\0\"", 6)),
+            "error: line 1: NUL byte in the value of A");
+  // Only the first error.
+  EXPECT_EQ(valueIn(std::string("A='b\0", 5)),
+            "error: line 1: the single quote is not closed");
 }
 
 TEST(EnvironmentFile, ADigitIsNotTheFirstCharacterOfAName) {

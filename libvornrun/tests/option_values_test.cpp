@@ -12,6 +12,7 @@ TEST(OptionValues, ADurationIsANumberAndAUnit) {
   EXPECT_EQ(parseDuration("5s"), milliseconds(5000));
   EXPECT_EQ(parseDuration("5"), milliseconds(5000));
   EXPECT_EQ(parseDuration("2min"), milliseconds(120000));
+  EXPECT_EQ(parseDuration("2m"), milliseconds(120000));
   EXPECT_EQ(parseDuration("1h"), milliseconds(3600000));
   EXPECT_EQ(parseDuration("0s"), milliseconds(0));
 }
@@ -51,13 +52,15 @@ TEST(OptionValues, ASizeHasAUnitOfPowersOf1024) {
                            "18446744073709551616", "1m"}) {
     EXPECT_FALSE(parseSize(text)) << text;
   }
+  EXPECT_FALSE(parseSize(std::string_view("1\0", 2)));
 }
 
 TEST(OptionValues, ASignalHasANameOrANumber) {
   EXPECT_EQ(parseSignal("TERM"), SIGTERM);
   EXPECT_EQ(parseSignal("SIGKILL"), SIGKILL);
   EXPECT_EQ(parseSignal("6"), SIGABRT);
-  for (const char* text : {"", "SIG", "term", "0", "65", "TERMX"}) {
+  for (const char* text :
+       {"", "SIG", "term", "0", "65", "TERMX", "9223372036854775808"}) {
     EXPECT_FALSE(parseSignal(text)) << text;
   }
 }
@@ -69,11 +72,17 @@ TEST(OptionValues, ALimitHasANameAndOneOrTwoValues) {
   EXPECT_EQ(both->soft, rlim_t{1024});
   EXPECT_EQ(both->hard, rlim_t{4096});
   EXPECT_EQ(parseLimit("core=unlimited")->hard, RLIM_INFINITY);
+  EXPECT_EQ(parseLimit("core=infinity")->soft, RLIM_INFINITY);
   EXPECT_EQ(parseLimit("memlock=64K")->soft, rlim_t{65536});
   for (const char* text : {"", "nofile", "nofiles=1", "nofile=", "nofile=2:1",
                            "nofile=1:", "nofile=-1", "nofile=1:2:3"}) {
     EXPECT_FALSE(parseLimit(text)) << text;
   }
+}
+
+TEST(OptionValues, ALimitHasTheNameThatItWasReadFrom) {
+  EXPECT_STREQ(limitName(parseLimit("rttime=1")->resource), "rttime");
+  EXPECT_STREQ(limitName(-1), "?");
 }
 
 TEST(OptionValues, ASchedulingPolicyHasAPriorityIfItIsRealTime) {
@@ -134,6 +143,7 @@ TEST(OptionValues, AConditionHasTheTextThatItWasReadFrom) {
 TEST(OptionValues, TheBracketsAroundAnIpv6AddressAreRemoved) {
   EXPECT_EQ(splitHostPort("[::1]:80"),
             std::make_pair(std::string("::1"), std::string("80")));
+  EXPECT_EQ(splitHostPort("[::1:80").first, "[::1");
 }
 
 TEST(OptionValues, AVariableHasAValidNameAndAnyValue) {

@@ -2,6 +2,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
 
 #include "run_options.h"
 
@@ -81,7 +87,85 @@ TEST(RunArguments, AMaskIsOctal) {
 
 TEST(RunArguments, DescriptorsAreClosedUnlessTheyAreKept) {
   EXPECT_TRUE(parsed({"x"}).closesDescriptors);
+  EXPECT_TRUE(parsed({"--close-fds", "yes", "x"}).closesDescriptors);
   EXPECT_FALSE(parsed({"--close-fds", "no", "x"}).closesDescriptors);
+}
+
+TEST(RunArguments, AValueIsStoredInTheSettingOfItsOption) {
+  const RunSettings process = parsed(
+      {"--directory", "/srv", "--env-file", "-/x", "--clear-env", "--sched",
+       "rr:5", "--cpu-list", "0,2", "--ionice", "idle", "--oom-score-adj", "6",
+       "--no-new-privs", "--pdeathsig", "HUP", "--cgroup", "--expand", "x"});
+  EXPECT_EQ(process.directory, "/srv");
+  EXPECT_THAT(process.environmentFiles, ElementsAre("-/x"));
+  EXPECT_TRUE(process.clearEnvironment);
+  EXPECT_EQ(process.scheduling->policy, SCHED_RR);
+  EXPECT_THAT(process.cpus, ElementsAre(0, 2));
+  EXPECT_EQ(process.ioPriority->ioClass, 3);
+  EXPECT_EQ(process.oomScoreAdjust, 6);
+  EXPECT_TRUE(process.noNewPrivileges);
+  EXPECT_EQ(process.parentDeathSignal, SIGHUP);
+  EXPECT_TRUE(process.usesControlGroup);
+  EXPECT_TRUE(process.expandsVariables);
+}
+
+TEST(RunArguments, AValueIsStoredInTheSettingOfItsOptionForLogs) {
+  const RunSettings logs = parsed(
+      {"--log-prefix", "--log", "journal", "--log-dir", "/l", "--log-size",
+       "64K", "--log-keep", "0", "--log-total", "1M", "--log-compress", "x"});
+  EXPECT_TRUE(logs.logPrefix);
+  EXPECT_TRUE(logs.logJournal);
+  EXPECT_EQ(logs.logDirectory, "/l");
+  EXPECT_EQ(logs.logSize, 65536U);
+  EXPECT_EQ(logs.logKeep, 0U);
+  EXPECT_EQ(logs.logTotal, 1048576U);
+  EXPECT_TRUE(logs.logCompress);
+}
+
+TEST(RunArguments, AValueIsStoredInTheSettingOfItsOptionForHealth) {
+  const RunSettings health = parsed({"--wait-for",
+                                     "path:/x",
+                                     "--wait-timeout",
+                                     "1s",
+                                     "--ready",
+                                     "notify",
+                                     "--watchdog",
+                                     "2s",
+                                     "--watchdog-signal",
+                                     "ABRT",
+                                     "--probe",
+                                     "file:/x",
+                                     "--probe-period",
+                                     "3s",
+                                     "--probe-timeout",
+                                     "4s",
+                                     "--probe-failures",
+                                     "5",
+                                     "--probe-delay",
+                                     "0s",
+                                     "--backoff",
+                                     "6s..7s",
+                                     "--reset-after",
+                                     "8s",
+                                     "--give-up",
+                                     "9/10s",
+                                     "--state-dir",
+                                     "/s",
+                                     "x"});
+  EXPECT_EQ(health.waitFor.at(0).kind, Condition::Kind::PATH);
+  EXPECT_EQ(health.waitTimeout, milliseconds(1000));
+  EXPECT_EQ(health.ready->kind, Condition::Kind::NOTIFY);
+  EXPECT_EQ(health.watchdog, milliseconds(2000));
+  EXPECT_EQ(health.watchdogSignal, SIGABRT);
+  EXPECT_EQ(health.probe->kind, Condition::Kind::FILE);
+  EXPECT_EQ(health.probePeriod, milliseconds(3000));
+  EXPECT_EQ(health.probeTimeout, milliseconds(4000));
+  EXPECT_EQ(health.probeFailures, 5U);
+  EXPECT_EQ(health.probeDelay, milliseconds(0));
+  EXPECT_EQ(health.backoff->longest, milliseconds(7000));
+  EXPECT_EQ(health.resetAfter, milliseconds(8000));
+  EXPECT_EQ(health.giveUp->count, 9U);
+  EXPECT_EQ(health.stateDirectory, "/s");
 }
 
 TEST(RunArguments, EachKindOfConditionIsForSomeOptions) {
@@ -121,7 +205,21 @@ TEST(RunArguments, AMissingConfigurationFileIsAnError) {
                           "or directory"));
 }
 
+TEST(RunArguments, TheCommandLinePrecedesTheConfigurationFile) {
+  std::string file = testing::TempDir() + "run_arguments.XXXXXX";
+  (void)::close(::mkstemp(file.data()));
+  std::ofstream(file) << "nice = 5\numask = 027\nexec = /opt/x\n";
+  const RunSettings settings = parsed({"--nice", "7", "--config", file});
+  EXPECT_EQ(settings.nice, 7);
+  EXPECT_EQ(settings.umask, mode_t{027});
+  EXPECT_THAT(settings.program, ElementsAre("/opt/x"));
+  EXPECT_THAT(parsed({"--config=" + file, "/bin/y"}).program,
+              ElementsAre("/bin/y"));
+  (void)::unlink(file.c_str());
+}
+
 TEST(RunArguments, TheHelpNeedsNoProgram) {
+  EXPECT_EQ(parseRunArguments({"-h"}).request, RunArguments::Request::HELP);
   EXPECT_EQ(parseRunArguments({"--help"}).request, RunArguments::Request::HELP);
   EXPECT_EQ(parseRunArguments({"--version"}).request,
             RunArguments::Request::VERSION);
@@ -146,6 +244,8 @@ TEST(RunConfig, DoubleQuotesKeepBlanks) {
               ElementsAre("f:1: arg: the double quotes are not one closed pair",
                           "f:2: exec: the double quotes are not one closed "
                           "pair"));
+  EXPECT_THAT(configErrors("arg = \"a\\"),
+              ElementsAre(HasSubstr("f:1: arg: the double quotes")));
 }
 
 TEST(RunConfig, AllErrorsNameTheLine) {
@@ -158,12 +258,28 @@ TEST(RunConfig, AllErrorsNameTheLine) {
                   "f:4: pty: 'on' is not yes or no", "f:6: exec: given twice",
                   "f:7: config: unknown option"));
   EXPECT_THAT(configErrors("arg = a"), ElementsAre("f: 'arg' without 'exec'"));
+  EXPECT_THAT(configErrors("exec ="),
+              ElementsAre("f:1: exec: the path of the program is missing"));
+  EXPECT_THAT(configErrors(std::string("nice = 5\0", 9)),
+              ElementsAre("f:1: the line is not 'option = value'"));
 }
 
 TEST(RunOptions, EachOptionIsInTheHelp) {
   const std::string help = runHelp();
   for (const RunOption& option : runOptions()) {
     EXPECT_THAT(help, HasSubstr(std::string("  --") + option.name));
+  }
+}
+
+TEST(RunOptions, EachValueButThatOfAFileIsChecked) {
+  for (const RunOption& option : runOptions()) {
+    if (option.placeholder == nullptr) continue;
+    if (std::string_view(option.name) == "env-file") continue;
+    RunSettings settings;
+    EXPECT_THAT(option.set(settings, ":"), HasSubstr("':' is not "))
+        << option.name;
+    EXPECT_THAT(option.set(settings, ""), HasSubstr("'' is not "))
+        << option.name;
   }
 }
 

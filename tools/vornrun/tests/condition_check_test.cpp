@@ -65,6 +65,23 @@ TEST_F(ConditionCheckTest, ACommandHasTheEnvironmentAndDirectoryOfTheNode) {
             "red /proc");
 }
 
+TEST_F(ConditionCheckTest, ACommandThatCannotBeStartedFails) {
+  directory_ = "/proc/none";
+  EXPECT_EQ(check(Condition::Kind::EXEC, "true").message, "exit status 125");
+}
+
+TEST_F(ConditionCheckTest, ARequestFailsWithoutAServer) {
+  EXPECT_FALSE(check(Condition::Kind::HTTP, "http://127.0.0.1:1/").isOk);
+}
+
+TEST_F(ConditionCheckTest, AConditionThatCannotHoldHasAReason) {
+  EXPECT_EQ(check(Condition::Kind::UNIX, "/proc/none").message,
+            "No such file or directory");
+  EXPECT_EQ(check(Condition::Kind::UNIX, std::string(200, 'a')).message,
+            "Cannot assign requested address");
+  EXPECT_EQ(check(Condition::Kind::NOTIFY, "").message, "cannot be checked");
+}
+
 TEST_F(ConditionCheckTest, MuchOutputDoesNotStopACommand) {
   EXPECT_TRUE(check(Condition::Kind::EXEC, "head -c 1000000 /dev/zero").isOk);
 }
@@ -75,6 +92,8 @@ TEST_F(ConditionCheckTest, ASlowCommandIsKilled) {
 }
 
 TEST_F(ConditionCheckTest, AFileMustChangeBetweenTwoChecks) {
+  EXPECT_EQ(check(Condition::Kind::FILE, "/proc/none").message,
+            "No such file or directory");
   std::string name = ::testing::TempDir() + "condition_check.XXXXXX";
   const int fd = ::mkstemp(name.data());
   const Condition condition = {Condition::Kind::FILE, name};

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 
 #include "report.h"
@@ -48,6 +49,19 @@ TEST(FindProgram, TheFirstExecutableFileInPathIsFound) {
   EXPECT_EQ(findProgram("prog", withPath(plain.directory)), std::nullopt);
 }
 
+TEST(FindProgram, AnEmptyNameIsNotFound) {
+  const ProgramDirectory program(0755);
+  EXPECT_EQ(findProgram("", withPath(program.directory)), std::nullopt);
+}
+
+TEST(FindProgram, AnEmptyPartOfPathIsTheCurrentDirectory) {
+  const ProgramDirectory program(0755);
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(program.directory);
+  EXPECT_EQ(findProgram("prog", withPath("/nonexistent:")), "./prog");
+  std::filesystem::current_path(before);
+}
+
 TEST(FindProgram, APathIsItself) {
   EXPECT_EQ(findProgram("./x", withPath("/bin")), "./x");
 }
@@ -57,6 +71,7 @@ TEST(PrivilegeOf, SetuidAndSetgidProgramsHaveOne) {
   EXPECT_EQ(privilegeOf(ProgramDirectory(04755).file), "a setuid program");
   EXPECT_EQ(privilegeOf(ProgramDirectory(02755).file), "a setgid program");
   EXPECT_EQ(privilegeOf(ProgramDirectory(02745).file), "");
+  EXPECT_EQ(privilegeOf("/nonexistent"), "");
 }
 
 TEST(ExecuteProgram, AFailureHasAStatusAndAReason) {

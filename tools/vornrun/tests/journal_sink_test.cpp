@@ -100,6 +100,36 @@ TEST_F(JournalSinkTest, LinesWaitForTheRestartOfTheJournal) {
   EXPECT_EQ(sink.heldBytes(), 0U);
 }
 
+TEST_F(JournalSinkTest, TheEndSendsTheLinesToARestartedJournal) {
+  stopJournal();
+  JournalSink sink = this->sink();
+  sink.write(Stream::OUTPUT, "one\n");
+  sink.finish();
+  EXPECT_EQ(sink.heldBytes(), 4U);
+  startJournal();
+  sink.finish();
+  accept();
+  EXPECT_EQ(readAll(), std::string(kHeader) + "one\n");
+}
+
+TEST_F(JournalSinkTest, AJournalThatEndsDuringAWriteGetsTheLineLater) {
+  JournalSink sink = this->sink();
+  accept();
+  stopJournal();
+  sink.write(Stream::OUTPUT, "one\n");
+  EXPECT_EQ(sink.heldBytes(), 4U);
+  EXPECT_EQ(dropped_, 0U);
+  startJournal();
+}
+
+TEST_F(JournalSinkTest, APathThatIsTooLongIsNotAJournal) {
+  JournalSink sink(Stream::OUTPUT, std::string(200, 'a'), "lamp", 6, dropped_);
+  sink.write(Stream::OUTPUT, "one\n");
+  proceed(sink, sink.deadline());
+  sink.finish();
+  EXPECT_EQ(sink.heldBytes(), 4U);
+}
+
 TEST_F(JournalSinkTest, LinesForAStoppedJournalAreDroppedAndCounted) {
   JournalSink sink = this->sink();
   accept();

@@ -147,6 +147,65 @@ TEST_F(LogDirectoryTest, ALinkIsNotFollowed) {
   EXPECT_EQ(dropped_, 4U);
 }
 
+TEST_F(LogDirectoryTest, AFileWithAnotherNameIsNotContinued) {
+  std::filesystem::create_directories(settings_.path);
+  std::ofstream(settings_.path + "/current") << "x";
+  std::filesystem::create_hard_link(settings_.path + "/current",
+                                    parent_ + "/victim");
+  write({"one\n"});
+  EXPECT_EQ(content("current"), "x");
+  EXPECT_EQ(dropped_, 4U);
+}
+
+TEST_F(LogDirectoryTest, DroppedOutputIsReportedWhenTheDirectoryIsUsable) {
+  std::ofstream(parent_ + "/new") << "a file";
+  LogDirectory directory(settings_, dropped_);
+  directory.write(Stream::OUTPUT, "one\n");
+  directory.write(Stream::OUTPUT, "two\n");
+  PollSet polls;
+  directory.proceed(polls, directory.deadline());
+  ASSERT_TRUE(std::filesystem::remove(parent_ + "/new"));
+  directory.proceed(polls, directory.deadline());
+  EXPECT_EQ(directory.deadline(), kNever);
+  const std::string notice = "vornrun: 8 bytes dropped: Not a directory\n";
+  EXPECT_EQ(content("current"), notice);
+}
+
+TEST_F(LogDirectoryTest, TheEndReportsDroppedOutput) {
+  std::ofstream(parent_ + "/new") << "a file";
+  LogDirectory directory(settings_, dropped_);
+  directory.write(Stream::OUTPUT, "one\n");
+  ASSERT_TRUE(std::filesystem::remove(parent_ + "/new"));
+  directory.finish();
+  EXPECT_EQ(content("current"), "vornrun: 4 bytes dropped: Not a directory\n");
+}
+
+TEST_F(LogDirectoryTest, FinishedFilesAreCompressedOneAfterTheOther) {
+  settings_.compresses = true;
+  LogDirectory directory(settings_, dropped_);
+  directory.write(Stream::OUTPUT, "1234567\n2234567\n3\n");
+  const auto compressed = [this] {
+    const auto found = names();
+    return std::count_if(found.begin(), found.end(), [](const auto& name) {
+      return std::filesystem::path(name).extension() == ".gz";
+    });
+  };
+  for (int turn = 0; turn < 1000 && compressed() < 2; ++turn) {
+    PollSet polls;
+    directory.addPolls(polls);
+    polls.wait(100);
+    directory.proceed(polls, monotonicMs());
+  }
+  EXPECT_EQ(compressed(), 2);
+  EXPECT_EQ(content("current"), "3\n");
+}
+
+TEST_F(LogDirectoryTest, TheEndStopsACompression) {
+  settings_.compresses = true;
+  write({"1234567\n2\n"});
+  EXPECT_THAT(names(), ElementsAre(StartsWith("00000001-"), "current"));
+}
+
 TEST_F(LogDirectoryTest, AUselessDirectoryCostsTheOutputOnly) {
   std::ofstream(parent_ + "/new") << "a file";
   write({"one\n", "two\n"});

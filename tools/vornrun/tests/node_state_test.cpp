@@ -47,6 +47,17 @@ TEST(StateTextTest, SettingsAndResultsAreValues) {
     EXPECT_NE(text.find(member), std::string::npos) << member << " in " << text;
 }
 
+TEST(StateTextTest, EachPhaseHasAName) {
+  std::string names;
+  for (const Phase phase :
+       {Phase::WAITING, Phase::DELAYED, Phase::STARTING, Phase::READY,
+        Phase::RUNNING, Phase::UNHEALTHY, Phase::GAVE_UP}) {
+    names += nameOf(phase) + std::string(", ");
+  }
+  EXPECT_EQ(names,
+            "waiting, delayed, starting, ready, running, unhealthy, gave up, ");
+}
+
 TEST(StateTextTest, ANameOfAnyBytesIsValidJson) {
   const std::string text =
       stateText({}, {std::string("a\n\\\xFF\xC3\xA9", 6), 1, 1});
@@ -59,6 +70,20 @@ TEST(PrintableTest, ControlCharactersAndInvalidBytesAreReplaced) {
             "a?[31m?? \xC3\xA9");
   EXPECT_EQ(printable(std::string_view("a\0b\xFF\xED\xA0\x80", 7), 50),
             "a?b????");
+}
+
+TEST(PrintableTest, OnlyValidUtf8IsKept) {
+  for (const char* const valid :
+       {"\xC2\xA0", "\xE0\xA0\x80", "\xED\x9F\xBF", "\xEE\x80\x80",
+        "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"}) {
+    EXPECT_EQ(printable(valid, 50), valid);
+  }
+  for (const char* const invalid :
+       {"\xC1\xBF", "\xE0\x9F\xBF", "\xED\xA0\x80", "\xF0\x8F\xBF\xBF",
+        "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xE1\x80"}) {
+    EXPECT_EQ(printable(invalid, 50), std::string(std::strlen(invalid), '?'));
+  }
+  EXPECT_EQ(printable("\xC3(", 50), "?(");
 }
 
 TEST(PrintableTest, TextIsCutAtACharacter) {
