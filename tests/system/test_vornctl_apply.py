@@ -93,6 +93,14 @@ def test_apply_changes_nothing_for_a_wrong_file_a_refusal_or_a_second_apply(robo
         done = robot.execute(*COMMAND, "/tmp/new.yaml")
     assert done.returncode == 21
     assert "another apply has locked" in done.stderr
+    done = robot.vornctl("apply", "/tmp/missing.yaml")
+    assert (done.returncode, done.stderr) == (
+        2, "vornctl: cannot read /tmp/missing.yaml: No such file or directory\n")
+    for unit in ("nginx.service", "vornlaunch@.service"):
+        done = robot.vornctl("apply", "--unit", unit, "/tmp/new.yaml")
+        assert (done.returncode, done.stderr) == (
+            2, f"vornctl: the launch file of {unit} is not known; name it with "
+            "--launch-file\n")
     assert (current(robot), restarts(robot)) == (old, [])
 
 

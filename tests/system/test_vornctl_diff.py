@@ -28,3 +28,25 @@ def test_diff_compares_files_and_running_processes(machine):
         {"part": "argv", "old": "sleep 1001", "new": "/usr/bin/env sleep 1002"},
         {"part": "environment SPEED", "old": "1001", "new": "1002"}]
     assert machine.vornctl("diff", same, "/tmp/missing").returncode == 2
+
+
+def test_diff_shows_added_and_removed_nodes(machine):
+    camera = {"camera": {"path": "/usr/bin/env"}}
+    old = machine.file("old.yaml", json.dumps({
+        "vornnode": {**camera, "old": {"path": "/bin/true"}}}))
+    new = machine.file("new.yaml", json.dumps({
+        "configure": {"environment": {"A": "1"}},
+        "vornnode": {**camera, "lidar": {"path": "/bin/true"}}}))
+    machine.start_without_launcher()
+    assert machine.vornctl("diff", old, new).stdout == (
+        "configure: changed\n  environment A: (none) -> 1\n"
+        "lidar: added; starts\nold: removed; stops\n"
+        "A restart of the launcher also restarts the unchanged nodes: 1\n")
+    difference = json.loads(machine.vornctl("diff", "--json", old, new).stdout)
+    assert difference["configure"] == [{"part": "environment A", "old": None, "new": "1"}]
+    assert [node["difference"] for node in difference["nodes"]] == ["added", "removed"]
+    for options, said in ((["--running"], "name one launch file with --running"),
+                          ([], "name two launch files, or one with --running")):
+        files = [old, new, new][:3 - len(options)]
+        done = machine.vornctl("diff", *options, *files)
+        assert (done.returncode, done.stderr) == (2, f"vornctl: {said}\n")

@@ -52,6 +52,12 @@ TEST(ImportProcessComposeTest, AShellRunsOtherCommands) {
   // Without exec, a stop reaches only the shell.
   EXPECT_THAT(omittedSettings(processWith("    command: a && b\n")),
               ElementsAre(""));
+  for (const char* const command : {"cd x", "A=1 camera"}) {
+    EXPECT_EQ(
+        processWith("    command: " + std::string(command) + "\n").program,
+        "/bin/bash")
+        << command;
+  }
 }
 
 TEST(ImportProcessComposeTest, AnEntrypointIsAListOfWords) {
@@ -70,6 +76,18 @@ TEST(ImportProcessComposeTest, TheShellOfTheFileIsUsed) {
   EXPECT_EQ(imported.omitted.at(0).setting, "log_level=debug");
 }
 
+TEST(ImportProcessComposeTest, OtherSettingsOfTheFileMayBeOmitted) {
+  const Imported imported = importCompose(
+      "version: '0.5'\nshell: {shell_command: /bin/ksh}\nvars: {A: 1}\n"
+      "environment:\nprocesses: {x: {command: 'a;b'}}\n");
+  EXPECT_EQ(imported.nodes[0].program, "/bin/ksh");
+  EXPECT_THAT(imported.nodes[0].arguments, ElementsAre("-c", "a;b"));
+  ASSERT_EQ(imported.omitted.size(), 1U);
+  EXPECT_EQ(imported.omitted[0].setting, "vars=...");
+  EXPECT_EQ(importCompose("shell: bash\nprocesses: {}\n").omitted[0].setting,
+            "shell=bash");
+}
+
 TEST(ImportProcessComposeTest, SettingsAreOptionsAndVariables) {
   const ImportedNode node = cameraWith(
       "    working_dir: /srv\n    is_tty: true\n    disabled: true\n"
@@ -85,6 +103,18 @@ TEST(ImportProcessComposeTest, SettingsAreOptionsAndVariables) {
       ElementsAre("log_location=/var/log/camera.log", "environment B=$HOME"));
 }
 
+TEST(ImportProcessComposeTest, SettingsHaveOtherForms) {
+  const ImportedNode node = cameraWith(
+      "    env_file: /etc/x\n    is_tty: no\n    disabled: no\n"
+      "    description: The camera\n    environment: {A: 1, B: $C}\n");
+  EXPECT_THAT(node.options, ElementsAre(Pair("env-file", "/etc/x")));
+  EXPECT_THAT(node.environment, ElementsAre(Pair("A", "1")));
+  EXPECT_TRUE(node.isStarted);
+  EXPECT_THAT(omittedSettings(node), ElementsAre("", "environment B=$C"));
+  EXPECT_EQ(node.omitted[0].reason, "The camera");
+  EXPECT_THAT(cameraWith("    environment:\n").environment, IsEmpty());
+}
+
 TEST(ImportProcessComposeTest, RestartsAreThoseOfTheLauncher) {
   EXPECT_FALSE(cameraWith("    availability: {restart: always}\n").isOneshot);
   const ImportedNode node = cameraWith(
@@ -95,6 +125,14 @@ TEST(ImportProcessComposeTest, RestartsAreThoseOfTheLauncher) {
   EXPECT_THAT(omittedSettings(node),
               UnorderedElementsAre("availability.restart=on_failure",
                                    "max_restarts=3"));
+  const ImportedNode last = cameraWith(
+      "    availability: {restart: exit_on_failure, backoff_seconds: 5,\n"
+      "                   exit_on_end: true, exit_on_skipped: false}\n");
+  EXPECT_TRUE(last.isOneshot);
+  EXPECT_THAT(omittedSettings(last),
+              UnorderedElementsAre("availability.restart=exit_on_failure",
+                                   "backoff_seconds=5",
+                                   "availability.exit_on_end=true"));
 }
 
 TEST(ImportProcessComposeTest, ProbesAreConditions) {
@@ -109,6 +147,11 @@ TEST(ImportProcessComposeTest, ProbesAreConditions) {
           .options,
       ElementsAre(Pair("probe", "http://127.0.0.1:80/up"),
                   Pair("probe-period", "5s"), Pair("probe-failures", "2")));
+  EXPECT_THAT(
+      cameraWith("    liveness_probe:\n"
+                 "      http_get: {port: 80, path: up, scheme: https}\n")
+          .options,
+      ElementsAre(Pair("probe", "https://127.0.0.1:80/up")));
 }
 
 TEST(ImportProcessComposeTest, DependenciesAreTheOrderAndConditions) {
@@ -130,6 +173,20 @@ TEST(ImportProcessComposeTest, DependenciesAreTheOrderAndConditions) {
               ElementsAre("depends_on c=process_completed"));
 }
 
+TEST(ImportProcessComposeTest, ADependencyMayNeedNoCondition) {
+  const Imported imported = importCompose(
+      "processes:\n"
+      "  a:\n    command: a\n    depends_on:\n"
+      "      b: {condition: process_started}\n      c:\n"
+      "      d: {condition: process_healthy}\n"
+      "  b: {command: b}\n  c: {command: c}\n  d: {command: d}\n");
+  EXPECT_EQ(imported.nodes[3].name, "a");
+  EXPECT_THAT(imported.nodes[3].options, IsEmpty());
+  // A process without a probe is not healthy at any time.
+  EXPECT_THAT(omittedSettings(imported.nodes[3]),
+              ElementsAre("depends_on d=process_healthy"));
+}
+
 TEST(ImportProcessComposeTest, ReplicasAreNodes) {
   const Imported imported =
       importCompose("processes: {x: {command: y, replicas: 2}}");
@@ -143,6 +200,9 @@ TEST(ImportProcessComposeTest, OtherKeysAreOmittedWithAReason) {
           cameraWith("    is_daemon: true\n    surprise: [1]\n"
                      "    shutdown: {signal: 2, timeout_seconds: 10}\n")),
       ElementsAre("shutdown.signal=2", "is_daemon=true", "surprise=..."));
+  EXPECT_THAT(omittedSettings(cameraWith(
+                  "    shutdown: {signal: 15, timeout_seconds: 3}\n")),
+              ElementsAre("shutdown.timeout_seconds=3"));
 }
 
 TEST(ImportProcessComposeTest, AnErrorNamesTheLine) {
@@ -155,6 +215,26 @@ TEST(ImportProcessComposeTest, AnErrorNamesTheLine) {
               HasSubstr(":3: process 'a' has no command"));
   EXPECT_THAT(composeError("processes:\n  a:\n    command: [x]\n"),
               HasSubstr(":3: command is not a text"));
+}
+
+TEST(ImportProcessComposeTest, AValueOfAnotherKindIsAnError) {
+  const auto error = [](const std::string& line) {
+    return composeError("processes:\n  a:\n    command: x\n    " + line + "\n");
+  };
+  for (const char* const number : {"many", "-1", "1e7", "[1]"}) {
+    EXPECT_THAT(error("replicas: " + std::string(number)),
+                HasSubstr(":4: replicas is not a number"));
+  }
+  EXPECT_THAT(error("replicas: 1001"), HasSubstr(":4: more than 1000"));
+  EXPECT_THAT(error("is_tty: 1"), HasSubstr(":4: is_tty is not true or"));
+  EXPECT_THAT(error("disabled: [x]"), HasSubstr(":4: disabled is not true"));
+  EXPECT_THAT(error("availability: x"),
+              HasSubstr(":4: availability is not a mapping"));
+  EXPECT_THAT(error("entrypoint: x"), HasSubstr(":4: entrypoint is not a l"));
+  for (const char* const variable : {"A", "=b"}) {
+    EXPECT_THAT(error("environment: [" + std::string(variable) + "]"),
+                HasSubstr("' is not NAME=VALUE"));
+  }
 }
 
 }  // namespace

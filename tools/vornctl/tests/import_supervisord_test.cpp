@@ -69,6 +69,18 @@ TEST(ImportSupervisordTest, TheSyntaxOfTheFileIsThatOfSupervisor) {
   EXPECT_THAT(node.environment, ElementsAre(Pair("A", "1"), Pair("B", "2")));
 }
 
+TEST(ImportSupervisordTest, TheFileMayBeginWithAByteOrderMark) {
+  EXPECT_THAT(supervisorNames(importSupervisor(
+                  "\xef\xbb\xbf[program: camera ]\ncommand=a;b\t;c\n")),
+              ElementsAre("camera"));
+}
+
+TEST(ImportSupervisordTest, BackslashesAreThoseOfAShell) {
+  EXPECT_THAT(
+      programWith("command=/x 'a\\b' \"a\\b\\\"\\\\\" \\\\ c\\\n").arguments,
+      ElementsAre("a\\b", "a\\b\"\\", "\\", "c\\"));
+}
+
 TEST(ImportSupervisordTest, QuotedVariablesCanHaveCommas) {
   EXPECT_THAT(
       programWith("environment=A=\"x,y=z\", B='q',C=%(program_name)s\n")
@@ -81,6 +93,19 @@ TEST(ImportSupervisordTest, AVariableInTheCommandIsExpandedByVornrun) {
       programWith("command=/bin/x %(ENV_MAP)s 100%% $A\n");
   EXPECT_THAT(node.arguments, ElementsAre("${MAP}", "100%", "$$A"));
   EXPECT_THAT(node.options, ElementsAre(Pair("expand", "")));
+}
+
+TEST(ImportSupervisordTest, VariablesMayEndWithCommas) {
+  EXPECT_THAT(programWith("environment=A=1, ,\n").environment,
+              ElementsAre(Pair("A", "1")));
+}
+
+TEST(ImportSupervisordTest, AnOptionThatVornrunDoesNotExpandIsOmitted) {
+  const ImportedNode node =
+      programWith("directory=~/x\numask=\nuser=%(ENV_USER)s\n");
+  EXPECT_THAT(node.options, IsEmpty());
+  EXPECT_THAT(omittedSettings(node),
+              ElementsAre("user=%(ENV_USER)s", "directory=~/x"));
 }
 
 TEST(ImportSupervisordTest, AVariableThatNothingExpandsIsOmitted) {
@@ -122,12 +147,37 @@ TEST(ImportSupervisordTest, ALogFileIsALogDirectory) {
   EXPECT_THAT(programWith("stdout_logfile=/dev/stdout\n").options, IsEmpty());
 }
 
+TEST(ImportSupervisordTest, TheErrorsMayHaveTheOnlyLogFile) {
+  const ImportedNode node = programWith(
+      "stdout_logfile=NONE\nstderr_logfile=/var/log/x.log\n"
+      "stderr_logfile_maxbytes=0\n");
+  EXPECT_THAT(node.options, ElementsAre(Pair("log-dir", "/var/log/x")));
+  EXPECT_THAT(
+      omittedSettings(node),
+      ElementsAre("stdout_logfile=NONE", "stderr_logfile=/var/log/x.log",
+                  "stderr_logfile_maxbytes=0"));
+}
+
+TEST(ImportSupervisordTest, TheLogCanBeTheJournal) {
+  EXPECT_THAT(programWith("stdout_logfile=syslog\nstderr_logfile=\n").options,
+              ElementsAre(Pair("log", "journal")));
+  EXPECT_THAT(omittedSettings(programWith("stdout_logfile=/dev/null\n")),
+              ElementsAre("stdout_logfile=/dev/null"));
+}
+
 TEST(ImportSupervisordTest, RestartsAreThoseOfTheLauncher) {
   EXPECT_TRUE(programWith("autorestart=false\n").isOneshot);
   EXPECT_FALSE(programWith("autorestart=unexpected\n").isOneshot);
   EXPECT_FALSE(programWith("autostart=False\n").isStarted);
   EXPECT_THAT(programWith("startretries=2\nstartsecs=10\n").options,
               ElementsAre(Pair("give-up", "3/30s")));
+  EXPECT_FALSE(programWith("autorestart=yes\n").isOneshot);
+  EXPECT_THAT(programWith("startretries=1\n").options,
+              ElementsAre(Pair("give-up", "2/10s")));
+  EXPECT_THAT(omittedSettings(programWith("startsecs=2\n")),
+              ElementsAre("startsecs=2"));
+  EXPECT_THAT(programWith("startsecs=1\nstopsignal=SIGTERM\n").omitted,
+              IsEmpty());
 }
 
 TEST(ImportSupervisordTest, SettingsOfTheLauncherAreNotOmitted) {
@@ -152,7 +202,8 @@ TEST(ImportSupervisordTest, OtherSectionsAreOmittedWithAReason) {
   const Imported imported = importSupervisor(
       "[unix_http_server]\nfile=/run/x\n[supervisord]\nenvironment=A=1\n"
       "logfile=/var/log/x\n[rpcinterface:supervisor]\nx.y = z:w\n"
-      "[eventlistener:e]\ncommand=/bin/e\n[include]\nfiles=*.ini\n");
+      "[eventlistener:e]\ncommand=/bin/e\n[include]\nfiles=*.ini\n"
+      "[ctlplugin]\nx=1\n");
   EXPECT_THAT(imported.environment, ElementsAre(Pair("A", "1")));
   std::vector<std::string> settings;
   for (const Omitted& each : imported.omitted) settings.push_back(each.setting);
@@ -160,7 +211,7 @@ TEST(ImportSupervisordTest, OtherSectionsAreOmittedWithAReason) {
       settings,
       ElementsAre("", "[unix_http_server]", "[supervisord] logfile=/var/log/x",
                   "[rpcinterface:supervisor]", "[eventlistener:e]",
-                  "[include] files=*.ini"));
+                  "[include] files=*.ini", "[ctlplugin]"));
 }
 
 TEST(ImportSupervisordTest, AnErrorNamesTheLine) {
@@ -179,6 +230,20 @@ TEST(ImportSupervisordTest, AnErrorNamesTheLine) {
               HasSubstr("3: unknown"));
   EXPECT_THAT(supervisordError(start + "command=%x"), HasSubstr("3: '%'"));
   EXPECT_THAT(supervisordError(start + "environment=A"), HasSubstr("3: '='"));
+  EXPECT_THAT(supervisordError(start + "environment=A='1"),
+              HasSubstr("3: a quote in environment"));
+  EXPECT_THAT(supervisordError(start + "command="),
+              HasSubstr("3: the command is empty"));
+  EXPECT_THAT(supervisordError(start + "command=%(x"), HasSubstr("3: '%'"));
+  EXPECT_THAT(supervisordError(start + "=1"), HasSubstr("3: expected"));
+  for (const char* const number : {"", "1x", "1000001"}) {
+    EXPECT_THAT(supervisordError(start + "priority=" + number),
+                HasSubstr("3: priority is not a number"));
+  }
+  for (const char* const count : {"-1", "1001"}) {
+    EXPECT_THAT(supervisordError(start + "numprocs=" + count),
+                HasSubstr("3: numprocs is not between"));
+  }
 }
 
 }  // namespace

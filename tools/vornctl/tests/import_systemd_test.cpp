@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "import/systemd.h"
+#include "import/systemd_unit.h"
 #include "omitted_settings.h"
 
 namespace vorn::launch {
@@ -59,10 +60,73 @@ TEST(ImportSystemdTest, AShellExpandsVariables) {
                           "\"--map=${MAP}\" \"a\\$b\""));
 }
 
+TEST(ImportSystemdTest, AnUnknownEscapeStaysAsItIs) {
+  EXPECT_THAT(
+      serviceWith("ExecStart=/x \\ta\\s \\q \\\\ \\' \\x4 \\xzz \\x4g a\\x20\n")
+          .arguments,
+      ElementsAre("\ta ", "\\q", "\\", "'", "\\x4", "\\xzz", "\\x4g", "a "));
+}
+
+TEST(ImportSystemdTest, AWordForTheShellIsQuoted) {
+  EXPECT_THAT(
+      serviceWith("ExecStart=/bin/x $A \"b\\\"c\" d\\\\e f`g $ $-\n").arguments,
+      ElementsAre("-c",
+                  "exec \"/bin/x\" $A \"b\\\"c\" \"d\\\\e\" \"f\\`g\" "
+                  "\"$\" \"$-\""));
+}
+
 TEST(ImportSystemdTest, ThePrefixColonKeepsDollars) {
   const ImportedNode node = serviceWith("ExecStart=:/bin/x ${A} $$\n");
   EXPECT_THAT(node.arguments, ElementsAre("${A}", "$$"));
   EXPECT_THAT(node.options, IsEmpty());
+}
+
+TEST(ImportSystemdTest, OtherPrefixesAreRemovedAndMayNeedAttention) {
+  const ImportedNode renamed = serviceWith("ExecStart=@/bin/x name a\n");
+  EXPECT_EQ(renamed.program, "/bin/x");
+  EXPECT_THAT(renamed.arguments, ElementsAre("a"));
+  EXPECT_THAT(omittedSettings(renamed),
+              ElementsAre("ExecStart=@/bin/x name a"));
+  EXPECT_THAT(omittedSettings(serviceWith("ExecStart=+/bin/x\n")),
+              ElementsAre("ExecStart=+/bin/x"));
+  EXPECT_THAT(omittedSettings(serviceWith("ExecStart=!!/bin/x\n")),
+              ElementsAre("ExecStart=!!/bin/x"));
+  EXPECT_THAT(omittedSettings(serviceWith("ExecStart=-@/bin/x\n")), IsEmpty());
+}
+
+TEST(ImportSystemdTest, OnlyTheFirstOfSeveralCommandsIsTheProgram) {
+  const ImportedNode node =
+      serviceWith("Type=oneshot\nExecStart=/bin/a\nExecStart=/bin/b\n");
+  EXPECT_EQ(node.program, "/bin/a");
+  EXPECT_THAT(omittedSettings(node), ElementsAre("ExecStart=/bin/b"));
+}
+
+TEST(ImportSystemdTest, ASpecifierIsReplacedByItsValue) {
+  const ImportedNode node = serviceWith(
+      "ExecStart=/bin/x %n %N %p %i%I %t %S %C %L %E %T %V %h %u%g %U%G %\n",
+      "camera@left");
+  EXPECT_THAT(
+      node.arguments,
+      ElementsAre("camera@left.service", "camera@left", "camera", "leftleft",
+                  "/run", "/var/lib", "/var/cache", "/var/log", "/etc", "/tmp",
+                  "/var/tmp", "/root", "rootroot", "00", "%"));
+  EXPECT_THAT(omittedSettings(node), IsEmpty());
+  EXPECT_THAT(omittedSettings(serviceWith("ExecStart=/bin/x %H%i\n")),
+              ElementsAre("%H in /bin/x %H%i", "%i in /bin/x %H%i"));
+}
+
+TEST(ImportSystemdTest, ADurationIsASumOfNumbersWithUnits) {
+  using std::chrono::hours;
+  using std::chrono::milliseconds;
+  EXPECT_EQ(unitDuration("5"), milliseconds(5000));
+  EXPECT_EQ(unitDuration("2 min 1.5s"), milliseconds(121'500));
+  EXPECT_EQ(unitDuration("250us 3ms"), milliseconds(3));
+  EXPECT_EQ(unitDuration("1d 1h"), hours(25));
+  for (const char* const text :
+       {"", "infinity", "s", "-1", "2e9", "999999999d", "1 fortnight"}) {
+    EXPECT_FALSE(unitDuration(text)) << text;
+  }
+  EXPECT_EQ(durationText(milliseconds(1500)), "1500ms");
 }
 
 TEST(ImportSystemdTest, IdentityAndEnvironmentAreOptionsAndVariables) {
@@ -79,6 +143,16 @@ TEST(ImportSystemdTest, IdentityAndEnvironmentAreOptionsAndVariables) {
               ElementsAre(Pair("A", "x y"), Pair("B", "2"), Pair("C", "3")));
 }
 
+TEST(ImportSystemdTest, IdentityMayBePartial) {
+  EXPECT_THAT(runningWith("User=robot\nNoNewPrivileges=no\n").options,
+              ElementsAre(Pair("user", "robot")));
+  EXPECT_THAT(
+      runningWith("Group=video\nNoNewPrivileges=On\n").options,
+      ElementsAre(Pair("user", "root:video"), Pair("no-new-privs", "")));
+  EXPECT_THAT(omittedSettings(runningWith("WorkingDirectory=~\n")),
+              ElementsAre("WorkingDirectory=~"));
+}
+
 TEST(ImportSystemdTest, LimitsAndSchedulingAreOptions) {
   EXPECT_THAT(
       runningWith("LimitNOFILE=1024:4096\nLimitCORE=infinity\nNice=-5\n"
@@ -92,9 +166,25 @@ TEST(ImportSystemdTest, LimitsAndSchedulingAreOptions) {
                   Pair("sched", "fifo:20"), Pair("ionice", "idle")));
 }
 
+TEST(ImportSystemdTest, SchedulingHasDefaultLevels) {
+  EXPECT_THAT(
+      runningWith("CPUSchedulingPolicy=rr\nIOSchedulingPriority=3\n").options,
+      ElementsAre(Pair("sched", "rr:1"), Pair("ionice", "best-effort:3")));
+  EXPECT_THAT(runningWith("CPUSchedulingPolicy=batch\nCPUSchedulingPriority=3\n"
+                          "IOSchedulingClass=realtime\n")
+                  .options,
+              ElementsAre(Pair("sched", "batch"), Pair("ionice", "realtime")));
+}
+
 TEST(ImportSystemdTest, ReadinessAndWatchdogAreOptions) {
-  EXPECT_THAT(runningWith("Type=notify\nWatchdogSec=1min 30s\n").options,
-              ElementsAre(Pair("ready", "notify"), Pair("watchdog", "90s")));
+  EXPECT_THAT(runningWith("Type=notify\nWatchdogSec=1min 30s\n"
+                          "WatchdogSignal=SIGQUIT\n")
+                  .options,
+              ElementsAre(Pair("ready", "notify"), Pair("watchdog", "90s"),
+                          Pair("watchdog-signal", "SIGQUIT")));
+  EXPECT_THAT(runningWith("Type=simple\nWatchdogSec=0\n").options, IsEmpty());
+  EXPECT_THAT(omittedSettings(runningWith("Type=dbus\nWatchdogSec=soon\n")),
+              ElementsAre("Type=dbus", "WatchdogSec=soon"));
 }
 
 TEST(ImportSystemdTest, AProgramInTheBackgroundIsOmitted) {
@@ -120,6 +210,22 @@ TEST(ImportSystemdTest, DelaysAndLimitsOfRestartsAreOptions) {
       ElementsAre(Pair("backoff", "10s..60s"), Pair("give-up", "3/120s")));
   EXPECT_THAT(omittedSettings(runningWith("RestartSec=100ms\n")),
               ElementsAre("RestartSec=100ms"));
+  EXPECT_THAT(
+      omittedSettings(runningWith("RestartSec=1\nRestartMaxDelaySec=never\n")),
+      ElementsAre("RestartSec=1"));
+}
+
+TEST(ImportSystemdTest, ALimitOfStartsHasDefaults) {
+  EXPECT_THAT(runningWith("StartLimitInterval=5min\n").options,
+              ElementsAre(Pair("give-up", "5/300s")));
+  // As many starts take longer than ten seconds.
+  EXPECT_THAT(runningWith("StartLimitBurst=3\n").options,
+              ElementsAre(Pair("give-up", "3/20s")));
+  for (const char* const unlimited :
+       {"StartLimitBurst=0\n", "StartLimitBurst=1001\n",
+        "StartLimitIntervalSec=0\n", "StartLimitIntervalSec=always\n"}) {
+    EXPECT_THAT(runningWith(unlimited).options, IsEmpty()) << unlimited;
+  }
 }
 
 TEST(ImportSystemdTest, AnOutputFileIsALogDirectory) {
@@ -127,6 +233,15 @@ TEST(ImportSystemdTest, AnOutputFileIsALogDirectory) {
                           "StandardError=file:/var/log/y.log\n")
                   .options,
               ElementsAre(Pair("log-dir", "/var/log/x")));
+  EXPECT_THAT(runningWith("StandardError=truncate:/var/log/y.log\n").options,
+              ElementsAre(Pair("log-dir", "/var/log/y")));
+}
+
+TEST(ImportSystemdTest, TheLaunchersOutputReplacesOtherOutputs) {
+  const ImportedNode node =
+      runningWith("StandardOutput=inherit\nStandardError=null\n");
+  EXPECT_THAT(node.options, IsEmpty());
+  EXPECT_THAT(omittedSettings(node), ElementsAre("StandardError=null"));
 }
 
 TEST(ImportSystemdTest, AnEmptyValueRemovesTheEarlierOnes) {
@@ -172,6 +287,38 @@ TEST(ImportSystemdTest, AUnitThatIsRestartedWithAnotherIsInItsRequired) {
   EXPECT_THAT(imported.nodes[0].required, IsEmpty());
 }
 
+TEST(ImportSystemdTest, RelationsToImportedUnitsMayNeedAttention) {
+  const std::string service = "\n[Service]\nExecStart=/bin/x\n";
+  const Imported imported = importSystemd(
+      {unitText("a",
+                "[Unit]\nWants=b.service\nRequires=b.service\n"
+                "BindsTo=b.service\nRequisite=b.service\n"
+                "Conflicts=b.service" +
+                    service),
+       unitText(
+           "b",
+           "[Unit]\nDescription=Map\nConditionPathExists=/x\nAssertHost=y" +
+               service)});
+  EXPECT_THAT(omittedSettings(imported.nodes[0]),
+              ElementsAre("Requires=b.service", "Requisite=b.service",
+                          "BindsTo=b.service", "Conflicts=b.service"));
+  EXPECT_THAT(omittedSettings(imported.nodes[1]),
+              ElementsAre("", "ConditionPathExists=/x", "AssertHost=y"));
+  EXPECT_EQ(imported.nodes[1].omitted[0].reason, "Map");
+}
+
+TEST(ImportSystemdTest, AUnitHasTheNameOfItsFile) {
+  const std::string text = "[Service]\nExecStart=/bin/x\n";
+  EXPECT_EQ(importSystemd({SourceText("<stdin>", text, true)}).nodes[0].name,
+            "node");
+  for (const char* const name :
+       {"/lib/x.socket", "/lib/.service", "x", "x.service.bak"}) {
+    EXPECT_THROW(importSystemd({SourceText(name, text)}), ImportError) << name;
+  }
+  EXPECT_THROW(importSystemd({unitText("x", text), unitText("x", text)}),
+               ImportError);
+}
+
 TEST(ImportSystemdTest, SystemctlCatNamesTheUnit) {
   const SourceText file("<stdin>",
                         "# /lib/systemd/system/x@1.service\n[Service]\n"
@@ -189,8 +336,11 @@ TEST(ImportSystemdTest, AnErrorNamesTheLine) {
   EXPECT_THAT(unitError("[Service]\nUser=x\n"), HasSubstr(": no ExecStart"));
   EXPECT_THAT(unitError("[Service]\nfoo\n"), HasSubstr(":2: expected"));
   EXPECT_THAT(unitError("[Service]\nExecStart=/x 'y\n"), HasSubstr(":2: a qu"));
+  EXPECT_THAT(unitError("[Service]\nExecStart=%H\n"), HasSubstr("no program"));
   EXPECT_THAT(unitError("[Service]\nExecStart=/x\nEnvironment=A\n"),
               HasSubstr(":3: 'A' is not"));
+  EXPECT_THAT(unitError("[Service]\nExecStart=/x\nEnvironment='A=1\n"),
+              HasSubstr(":3: a quote"));
 }
 
 }  // namespace
