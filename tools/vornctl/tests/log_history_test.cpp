@@ -253,6 +253,14 @@ TEST_F(LogHistoryTest, ANodeWhoseStopFailedCanExitByItself) {
   EXPECT_EQ(event().cause, Cause::ITSELF);
 }
 
+TEST_F(LogHistoryTest, AFailedStopWithoutAReasonIsIgnored) {
+  startUp({"a"});
+  (void)events();
+  command(1);
+  line("kill service 'a'");
+  EXPECT_TRUE(events().empty());
+}
+
 TEST_F(LogHistoryTest, AMissingExecutableIsThatOfTheNodeThatWaits) {
   startUp({"a", "b", "c"});
   exit("c", CLD_EXITED, 0, "' ready to restarting");

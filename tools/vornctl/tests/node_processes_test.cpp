@@ -117,13 +117,15 @@ TEST_F(DetachedTreesTest, ARunInAnotherPidNamespaceDoesNotCount) {
 TEST_F(DetachedTreesTest, AProcessInAnotherPidNamespaceIsIgnored) {
   add(12, kInit, 120, "camera");
   members_[12].sharesPidNamespace = false;
-  EXPECT_EQ(detached(), Trees());
+  add(15, kInit, 150, "camera");
+  EXPECT_EQ(detached(), (Trees{{15, Origin::NO_LAUNCHER}}));
 }
 
 TEST_F(DetachedTreesTest, AProcessThatEnteredThePidNamespaceIsIgnored) {
   add(12, 0, 120, "camera");  // its parent is outside
   add(13, 12, 130, "camera");
-  EXPECT_EQ(detached(), Trees());
+  add(15, kInit, 150, "camera");
+  EXPECT_EQ(detached(), (Trees{{15, Origin::NO_LAUNCHER}}));
 }
 
 TEST_F(DetachedTreesTest, AProcessWithAnInvisibleAncestorIsIgnored) {
@@ -141,7 +143,8 @@ TEST_F(DetachedTreesTest, ATreeWithVornctlItselfIsIgnored) {
   add(12, kInit, 120, "terminal");
   add(13, 12, 130, "terminal");
   processes_[1].parent = 13;
-  EXPECT_EQ(detached(), Trees());
+  add(15, kInit, 150, "camera");
+  EXPECT_EQ(detached(), (Trees{{15, Origin::NO_LAUNCHER}}));
 }
 
 TEST_F(DetachedTreesTest, ATreeWithALauncherIsIgnored) {

@@ -16,5 +16,16 @@ TEST(OutOfMemoryTest, TheKernelNamesTheProcess) {
   EXPECT_FALSE(namesMemoryKill("Killed process 42 ", 42));
 }
 
+TEST(OutOfMemoryTest, TheControlGroupIsThatOfVersion2) {
+  EXPECT_EQ(controlGroupIn("4:memory:/a\n10::/b\n0::/system.slice/c\n"),
+            "/system.slice/c");
+  EXPECT_EQ(controlGroupIn("4:memory:/a\n"), std::nullopt);
+}
+
+TEST(OutOfMemoryTest, TheKillsOfAControlGroupAreCounted) {
+  EXPECT_EQ(memoryKillsIn("low 0\noom 5\noom_kill 3\noom_group_kill 4\n"), 3);
+  EXPECT_EQ(memoryKillsIn("low 0\n"), std::nullopt);
+}
+
 }  // namespace
 }  // namespace vorn::launch

@@ -86,6 +86,12 @@ TEST_F(ConditionCheckTest, MuchOutputDoesNotStopACommand) {
   EXPECT_TRUE(check(Condition::Kind::EXEC, "head -c 1000000 /dev/zero").isOk);
 }
 
+TEST_F(ConditionCheckTest, TheMessageHasAtMost200BytesOfTheOutput) {
+  const CheckResult result = check(
+      Condition::Kind::EXEC, "head -c 9000 /dev/zero | tr '\\0' x; exit 1");
+  EXPECT_EQ(result.message, std::string(200, 'x'));
+}
+
 TEST_F(ConditionCheckTest, ASlowCommandIsKilled) {
   EXPECT_EQ(check(Condition::Kind::EXEC, "sleep 1000", 10).message,
             "no result within 10ms");

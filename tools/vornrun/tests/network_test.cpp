@@ -3,8 +3,12 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstring>
+
+#include "descriptor.h"
 
 namespace vorn::run {
 namespace {
@@ -52,6 +56,47 @@ TEST(Network, LocalhostNeedsNoFile) {
 TEST(Network, APathThatIsTooLongIsNotASocket) {
   EXPECT_TRUE(unixAddress("/" + std::string(107, 'x')).empty());
   EXPECT_FALSE(unixAddress("/" + std::string(106, 'x')).empty());
+}
+
+/// A socket in the file system that does not listen yet.
+class NetworkSocket : public ::testing::Test {
+ protected:
+  NetworkSocket() {
+    (void)::bind(socket_.number(), generic(), addresses_[0].size);
+  }
+  ~NetworkSocket() override { (void)::unlink(path_.c_str()); }
+
+  const sockaddr* generic() const {
+    return reinterpret_cast<const sockaddr*>(&addresses_[0].storage);
+  }
+
+  const std::string path_ = ::testing::TempDir() + "network_test_" +
+                            std::to_string(::getpid()) + ".sock";
+  const std::vector<SocketAddress> addresses_ = unixAddress(path_);
+  const launch::Descriptor socket_{
+      ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+};
+
+TEST_F(NetworkSocket, AcceptsConnectionsOnceItListens) {
+  EXPECT_FALSE(acceptsConnection(addresses_, 0));
+  ASSERT_EQ(::listen(socket_.number(), 8), 0);
+  EXPECT_TRUE(acceptsConnection(addresses_, 0));
+}
+
+TEST_F(NetworkSocket, AnAddressOfAnUnknownFamilyIsSkipped) {
+  ASSERT_EQ(::listen(socket_.number(), 8), 0);
+  SocketAddress unknown;
+  unknown.storage.ss_family = AF_MAX;
+  EXPECT_FALSE(acceptsConnection({unknown}, 0));
+  EXPECT_TRUE(acceptsConnection({unknown, addresses_[0]}, 0));
+}
+
+TEST_F(NetworkSocket, AFullQueueShowsThatItListens) {
+  ASSERT_EQ(::listen(socket_.number(), 0), 0);
+  const launch::Descriptor client(
+      ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(::connect(client.number(), generic(), addresses_[0].size), 0);
+  EXPECT_TRUE(acceptsConnection(addresses_, 0));
 }
 
 }  // namespace

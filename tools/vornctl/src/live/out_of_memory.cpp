@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <sstream>
+#include <string_view>
 
 #include "descriptor.h"
 #include "live/proc_file.h"
@@ -43,21 +44,31 @@ std::optional<std::string> readKernelLog() {
   return text;
 }
 
-std::optional<int64_t> memoryKillsInGroupOf(pid_t pid) {
-  // "0::/system.slice/vornlaunch.service", with control groups of version 2.
-  std::istringstream groups(readProcFile(procFile(pid, "cgroup")).value_or(""));
-  for (std::string line; std::getline(groups, line);) {
-    if (line.rfind("0::", 0) != 0) continue;
-    std::istringstream events(
-        readProcFile("/sys/fs/cgroup" + line.substr(3) + "/memory.events")
-            .value_or(""));
-    std::string name;
-    int64_t count = 0;
-    while (events >> name >> count) {
-      if (name == "oom_kill") return count;
-    }
+std::optional<std::string> controlGroupIn(const std::string& groups) {
+  std::istringstream lines(groups);
+  for (std::string line; std::getline(lines, line);) {
+    constexpr std::string_view kVersion2 = "0::";
+    if (line.rfind(kVersion2, 0) == 0) return line.substr(kVersion2.size());
   }
   return std::nullopt;
+}
+
+std::optional<int64_t> memoryKillsIn(const std::string& memory_events) {
+  std::istringstream events(memory_events);
+  std::string name;
+  int64_t count = 0;
+  while (events >> name >> count) {
+    if (name == "oom_kill") return count;
+  }
+  return std::nullopt;
+}
+
+std::optional<int64_t> memoryKillsInGroupOf(pid_t pid) {
+  const auto group =
+      controlGroupIn(readProcFile(procFile(pid, "cgroup")).value_or(""));
+  if (!group) return std::nullopt;
+  const std::string file = "/sys/fs/cgroup" + *group + "/memory.events";
+  return memoryKillsIn(readProcFile(file).value_or(""));
 }
 
 }  // namespace vorn::launch

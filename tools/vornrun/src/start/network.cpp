@@ -95,7 +95,7 @@ std::vector<SocketAddress> unixAddress(const std::string& path) {
   sockaddr_un address{};
   if (path.size() >= sizeof(address.sun_path)) return {};
   address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  path.copy(address.sun_path, path.size());
   SocketAddress result;
   std::memcpy(&result.storage, &address, sizeof(address));
   result.size = sizeof(address);
