@@ -1,7 +1,5 @@
 #include "commands/diff.h"
 
-#include <cerrno>
-#include <cstring>
 #include <new>
 #include <optional>
 
@@ -117,13 +115,9 @@ ExitStatus compareWithProcesses(Context& context, const DiffOptions& options) {
       readForDiff(context, options.files.front(), launcherEnvironment(pid));
   if (!file) return kUsage;
   size_t unreadable = 0;
-  const ProcessTable table = ProcessTable::read();
-  if (table.all().empty()) {
-    context.printError(std::string("cannot read the processes in /proc: ") +
-                       std::strerror(errno));
-    return kUsage;
-  }
-  const auto running = readRunningNodes(table, pid, unreadable);
+  const auto table = context.readProcesses();
+  if (!table) return kUsage;
+  const auto running = readRunningNodes(*table, pid, unreadable);
   const auto environment = readProcFile(procFile(pid, "environ"));
   if (unreadable > 0 || !environment) {
     context.printError(

@@ -2,8 +2,7 @@
 
 #include <signal.h>
 
-#include <cerrno>
-#include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,7 +30,6 @@ struct Scene {
   pid_t listener = 0;  // the launcher that has the control socket; 0: unknown
   std::vector<LauncherProcess> launchers;
   Orphans orphans;
-  std::string obstacle;  // to reading all processes; empty: none
 };
 
 /// Whether the process is a child that its launcher has not made a node yet.
@@ -41,17 +39,18 @@ bool isUnfinishedChild(const ProcessTable& table, const Process& process) {
          argumentsOf(parent->pid) == argumentsOf(process.pid);
 }
 
-Scene lookAround(const Context& context) {
+/// Nothing, after an error message, if the processes cannot be read.
+std::optional<Scene> lookAround(const Context& context) {
+  const auto table = context.readProcesses();
+  if (!table) return std::nullopt;
   Scene scene;
   scene.listener =
       findListener(context.client(kLongestStop).options().socketPath);
-  const ProcessTable table = ProcessTable::read();
-  if (table.all().empty()) scene.obstacle = std::strerror(errno);
-  for (const Process* const launcher : launchersIn(table, scene.listener)) {
-    if (isUnfinishedChild(table, *launcher)) continue;
+  for (const Process* const launcher : launchersIn(*table, scene.listener)) {
+    if (isUnfinishedChild(*table, *launcher)) continue;
     scene.launchers.push_back(identifyLauncher(launcher->pid, ""));
   }
-  scene.orphans = findOrphans(table, scene.listener);
+  scene.orphans = findOrphans(*table, scene.listener);
   return scene;
 }
 
@@ -139,20 +138,17 @@ void endOrphans(const Context& context, const Orphans& orphans) {
 ExitStatus showOrphans(const Context& context, const OrphansOptions& options) {
   // Terminate all orphans even if the reader of the output has exited.
   if (options.isKill) (void)::signal(SIGPIPE, SIG_IGN);
-  Scene scene = lookAround(context);
-  if (!scene.obstacle.empty()) {
-    context.printError("cannot read the processes in /proc: " + scene.obstacle);
-    return kUsage;
-  }
+  auto scene = lookAround(context);
+  if (!scene) return kUsage;
   const Settings& settings = context.settings();
-  if (!settings.isQuiet && scene.orphans.unreadable > 0) {
+  if (!settings.isQuiet && scene->orphans.unreadable > 0) {
     context.printError("processes not examined for lack of permission: " +
-                       std::to_string(scene.orphans.unreadable) +
+                       std::to_string(scene->orphans.unreadable) +
                        "; root can examine them");
   }
-  if (!settings.isQuiet && options.isJson) printOrphansAsJson(scene);
-  if (!settings.isQuiet && !options.isJson) printOrphans(scene, settings);
-  const size_t count = scene.orphans.processes.size();
+  if (!settings.isQuiet && options.isJson) printOrphansAsJson(*scene);
+  if (!settings.isQuiet && !options.isJson) printOrphans(*scene, settings);
+  const size_t count = scene->orphans.processes.size();
   if (count == 0) return kDone;
   if (!options.isKill) return kFailed;
   const std::string action = "terminate " + std::to_string(count) +
@@ -160,14 +156,13 @@ ExitStatus showOrphans(const Context& context, const OrphansOptions& options) {
   if (!options.isConfirmed && !context.confirm(action)) {
     return settings.isInteractive ? kFailed : kUsage;
   }
-  for (int i = 0; i < kMostRounds && !scene.orphans.processes.empty(); ++i) {
-    endOrphans(context, scene.orphans);
+  for (int i = 0; i < kMostRounds && !scene->orphans.processes.empty(); ++i) {
+    endOrphans(context, scene->orphans);
     if (context.isCancelled()) return kFailed;
     scene = lookAround(context);
+    if (!scene) return kFailed;
   }
-  const bool is_done =
-      scene.obstacle.empty() && scene.orphans.processes.empty();
-  return is_done ? kDone : kFailed;
+  return scene->orphans.processes.empty() ? kDone : kFailed;
 }
 
 }  // namespace vorn::launch

@@ -1,8 +1,6 @@
 #include "commands/ps.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <map>
 #include <optional>
 
@@ -161,14 +159,10 @@ ExitStatus showProcesses(Context& context, const PsOptions& options) {
         "vornctl there");
     return kUsage;
   }
-  const ProcessTable table = ProcessTable::read();
-  if (table.all().empty()) {
-    context.printError(std::string("cannot read the processes in /proc: ") +
-                       std::strerror(errno));
-    return kUsage;
-  }
+  const auto table = context.readProcesses();
+  if (!table) return kUsage;
   size_t unreadable = 0;
-  const Trees trees = processesOfNodes(table, launcher, unreadable);
+  const Trees trees = processesOfNodes(*table, launcher, unreadable);
   if (unreadable > 0) {
     context.printError("no permission to examine the processes of launcher " +
                        std::to_string(launcher) +

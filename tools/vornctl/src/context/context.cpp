@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <iostream>
 #include <utility>
 
@@ -12,7 +14,6 @@
 #include "live/busy_launcher.h"
 #include "live/orphans.h"
 #include "live/proc_file.h"
-#include "output/journal_prefix.h"
 #include "output/output.h"
 
 namespace vorn::launch {
@@ -119,6 +120,14 @@ const LauncherProcess* Context::launcher(std::string& error) {
 
 LauncherProcess Context::launcherWithoutFile() const {
   return identifyLauncher(pid_, settings_.launchFile);
+}
+
+std::optional<ProcessTable> Context::readProcesses() const {
+  ProcessTable table = ProcessTable::read();
+  if (!table.all().empty()) return table;
+  printError(std::string("cannot read the processes in /proc: ") +
+             std::strerror(errno));
+  return std::nullopt;
 }
 
 bool Context::isCancelled() const {

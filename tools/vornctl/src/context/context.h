@@ -8,6 +8,7 @@
 #include "context/exit_status.h"
 #include "control_client.h"
 #include "live/launcher_process.h"
+#include "live/process_table.h"
 #include "output/journal_prefix.h"
 
 namespace vorn::launch {
@@ -63,6 +64,10 @@ class Context {
 
   /// The launcher without its nodes, if they cannot be read.
   LauncherProcess launcherWithoutFile() const;
+
+  /// All processes of the machine. Nothing if none can be read, after an error
+  /// message.
+  std::optional<ProcessTable> readProcesses() const;
 
   /// Whether a stop signal has arrived.
   bool isCancelled() const;
