@@ -21,6 +21,7 @@ creates the disk of the machines in build-lab/ (root only). Exit status: 0 all p
   fleet      the rollout of examples/ansible; one of three machines is switched off
   metrics    the alerts of Prometheus for real metrics
   scale      Prometheus with 1000 simulated robots; build-lab/scale.json
+  arm64      the packages and random commands on an emulated arm64 machine
 
   -- --rounds=N  the number of power cuts of each kind (default: 10)
   -- --robots=N  the number of simulated robots (default: 1000)
@@ -34,12 +35,13 @@ TEXT
 read_options "" smoke "$@"
 set -- "${arguments[@]}"
 selection=()
+files=()
 if [[ $1 == --smoke ]]; then
+  files=(tests/lab/test_service.py)
   selection=(-k test_the_nodes_run_again_after_a_reboot)
   shift
 fi
 shift
-files=()
 while [[ $# -gt 0 && $1 != -* ]]; do
   [[ -f tests/lab/test_$1.py ]] || die "no scenario '$1'; see ./lab.sh --help"
   files+=("tests/lab/test_$1.py")
@@ -51,9 +53,16 @@ if [[ ${#files[@]} -eq 0 ]]; then files=(tests/lab); fi
 install_packages "${LAB_PACKAGES[@]}" "${TEST_PACKAGES[@]}" "${ENGINE_PACKAGES[@]}" \
   "${ROLLOUT_PACKAGES[@]}"
 install_servers "${MONITORING_PACKAGES[@]}"
-scripts/lab_image.sh build-lab/image
+scripts/lab_image.sh build-lab/amd64
 scripts/debian_root.sh build-packages/root-amd64
 ./package.sh
+if [[ " ${files[*]} " =~ " tests/lab "|arm64 ]]; then
+  install_arm64_packages
+  scripts/lab_image.sh --arch arm64 build-lab/arm64
+  ./package.sh --arch arm64
+  configure_build arm64 -DVORN_UNITY=ON
+  build arm64 --target vornlaunch vornlaunch-dynamic vornctl vornrun
+fi
 rm -rf build-lab/programs
 for package in build-packages/amd64/vorn{ctl,launch}_*.deb; do
   dpkg-deb -x "$package" build-lab/programs

@@ -46,7 +46,8 @@ debian_suite() {
   FUZZ_PACKAGES=("${SANITIZER_PACKAGES[@]}" llvm)
   ROOT_PACKAGES=(debootstrap util-linux)  # for a Debian root to test in
   # For virtual machines to test in.
-  LAB_PACKAGES=(qemu-system-x86 qemu-utils mmdebstrap e2fsprogs openssh-client)
+  LAB_PACKAGES=(qemu-system-x86 qemu-system-arm qemu-utils mmdebstrap arch-test
+    e2fsprogs cpio openssh-client)
   ENGINE_PACKAGES=(podman runc)
   ROLLOUT_PACKAGES=(ansible-core ansible-lint)
   MONITORING_PACKAGES=(prometheus prometheus-node-exporter)

@@ -1,19 +1,11 @@
 """Fixtures of the tests on virtual machines, which ./lab.sh runs."""
 
-import json
 import re
 import shutil
 
 import pytest
 
-from guest import (
-    LAUNCH_FILE,
-    ROOT,
-    Guest,
-    guest_with_service,
-    packages,
-    write_programs,
-)
+from guest import ROOT, Guest, guest_with_service, install
 
 def pytest_addoption(parser):
     parser.addoption("--rounds", type=int, default=10,
@@ -24,7 +16,7 @@ def pytest_addoption(parser):
 
 @pytest.fixture(scope="session", name="image")
 def fixture_image():
-    directory = ROOT / "build-lab/image"
+    directory = ROOT / "build-lab/amd64"
     if not (directory / "disk.qcow2").exists():
         pytest.fail(f"{directory} is missing; run ./lab.sh")
     return directory
@@ -45,13 +37,7 @@ def fixture_installed(image, tmp_path_factory):
     guest = Guest(image, image / "disk.qcow2", tmp_path_factory.mktemp("installed"))
     guest.boot()
     try:
-        guest.run("mkdir /root/packages")
-        guest.copy(packages(), "/root/packages")
-        guest.run("cd /root/packages && apt-get install -y ./vornlaunch_*.deb "
-                  "./vornctl_*.deb")
-        write_programs(guest)
-        guest.write("/root/launch.yaml", json.dumps(LAUNCH_FILE))
-        guest.run("cp /root/launch.yaml /etc/vornlaunch")
+        install(guest)
         guest.shut_down()
     finally:
         guest.close()

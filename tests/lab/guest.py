@@ -1,6 +1,7 @@
 """A virtual machine that runs Debian with systemd."""
 
 import contextlib
+import json
 import pathlib
 import shlex
 import signal
@@ -26,18 +27,27 @@ def free_port():
         return probe.getsockname()[1]
 
 
-def packages():
+# The emulator and the console of each architecture.
+MACHINES = {
+    "amd64": (["qemu-system-x86_64", "-accel", "tcg", "-cpu", "max"], "ttyS0"),
+    "arm64": (["qemu-system-aarch64", "-machine", "virt", "-cpu", "cortex-a57"],
+              "ttyAMA0"),
+}
+
+
+def packages(arch="amd64"):
     """The files of the packages without debug symbols, except for the library."""
-    return [path for path in sorted((ROOT / "build-packages/amd64").glob("vorn*.deb"))
+    return [path for path in sorted((ROOT / "build-packages" / arch).glob("vorn*.deb"))
             if "-dbgsym_" not in path.name]
 
 
 class Guest:
     """A machine whose disk has `base` as its read-only lower layer. `image` is the
-    directory that scripts/lab_image.sh creates; `directory` receives the disk and the
-    output of the console."""
+    directory that scripts/lab_image.sh creates for `arch`; `directory` receives the
+    disk and the output of the console."""
 
-    def __init__(self, image, base, directory):
+    def __init__(self, image, base, directory, arch="amd64"):
+        self._emulator, self._tty = MACHINES[arch]
         self.image = pathlib.Path(image)
         self.directory = pathlib.Path(directory)
         self.directory.mkdir(parents=True, exist_ok=True)
@@ -57,11 +67,11 @@ class Guest:
     def start(self):
         with self.console.open("ab") as console:
             self._process = subprocess.Popen(  # pylint: disable=consider-using-with
-                ["qemu-system-x86_64", "-accel", "tcg", "-cpu", "max", "-smp", "2",
+                [*self._emulator, "-smp", "2",
                  "-m", "1024", "-nodefaults", "-display", "none", "-serial", "stdio",
                  "-kernel", str(self.image / "vmlinuz"),
                  "-initrd", str(self.image / "initrd.img"),
-                 "-append", "root=/dev/vda rw console=ttyS0 quiet",
+                 "-append", f"console={self._tty} quiet",
                  "-drive", f"file={self.disk},if=virtio,format=qcow2",
                  "-netdev", f"user,id=n,hostfwd=tcp:127.0.0.1:{self._port}-:22",
                  "-device", "virtio-net-pci,netdev=n",
@@ -173,6 +183,17 @@ def write_programs(guest):
     for name in ("camera", "planner"):
         guest.write(f"/opt/robot/{name}",
                     f"#!/bin/sh\necho {name} starts\nexec sleep 100000\n", "755")
+
+
+def install(guest, arch="amd64"):
+    """Installs the packages and a launch file; nothing is enabled."""
+    guest.run("mkdir /root/packages")
+    guest.copy(packages(arch), "/root/packages")
+    guest.run("cd /root/packages && apt-get install -y ./vornlaunch_*.deb "
+              "./vornctl_*.deb")
+    write_programs(guest)
+    guest.write("/root/launch.yaml", json.dumps(LAUNCH_FILE))
+    guest.run("cp /root/launch.yaml /etc/vornlaunch")
 
 
 @contextlib.contextmanager

@@ -29,6 +29,11 @@ def node_processes(robot):
     return set(robot.output("pgrep -f '^sleep 100000'").split())
 
 
+def wait_for_another_launcher(robot, before):
+    pid = f"$(systemctl show -P MainPID {UNIT})"
+    robot.wait_for(f"test {pid} -ne 0 -a {pid} -ne {before}", "another launcher runs")
+
+
 def test_the_nodes_run_again_after_a_reboot(robot):
     robot.reboot()
     robot.wait_until_running("camera", "planner")
@@ -40,9 +45,7 @@ def test_a_launcher_that_ends_is_restarted_without_leftover_processes(robot, sig
     before = robot.launcher_pid()
     old = node_processes(robot)
     robot.run(f"kill -{signal} {before}")
-    robot.wait_for(f"test $(systemctl show -P MainPID {UNIT}) -ne 0 -a "
-                   f"$(systemctl show -P MainPID {UNIT}) -ne {before}",
-                   "another launcher runs")
+    wait_for_another_launcher(robot, before)
     robot.wait_until_running("camera", "planner")
     assert not old & node_processes(robot)
     assert robot.run("vornctl orphans").returncode == 0
@@ -101,6 +104,29 @@ def test_without_a_valid_file_the_unit_fails_once(robot, replace, reason):
     assert reason in errors and "Start request repeated" not in errors
     shown = robot.output(f"systemctl show -p ExecMainStatus,NRestarts {UNIT}")
     assert set(shown.split()) == {"ExecMainStatus=78", "NRestarts=0"}
+
+
+def test_an_interrupted_apply_is_reported_once_at_the_next_start(robot):
+    file = json.loads(robot.output(f"cat {FILE}"))
+    file["vornnode"]["camera"]["argv"] = "--new"
+    robot.write("/root/new.yaml", json.dumps(file))
+    begin = robot.output("date +%s").strip()
+
+    def number_of_reports():
+        return robot.output(f"journalctl -u {UNIT} -p warning --since @{begin} "
+                            "-o cat").count("[interrupted-apply]")
+
+    before = robot.launcher_pid()
+    robot.run("systemd-run --unit=applied vornctl apply --for 1h /root/new.yaml")
+    wait_for_another_launcher(robot, before)
+    robot.wait_until_running("camera", "planner")
+    assert number_of_reports() == 0
+    robot.run(f"systemctl kill --signal=KILL applied; systemctl restart {UNIT}")
+    robot.wait_until_running("camera", "planner")
+    assert number_of_reports() == 1
+    robot.run("vornctl apply --for 1s /root/launch.yaml")
+    assert robot.run("test -e /etc/vornlaunch/launch.yaml.apply",
+                     check=False).returncode == 1
 
 
 def test_only_one_of_the_units_runs(robot):
