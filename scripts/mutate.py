@@ -572,8 +572,8 @@ def sample(mutants, size, seed):
 
 # ---- Building and testing.
 
-# Process 1 of the namespaces. Only the mutant's own directory is writable; /tmp is
-# empty, in memory, and disappears with the namespaces.
+# Process 1 of the namespaces. Only the mutant's own directory is writable; /tmp and
+# /run are empty, in memory, and disappear with the namespaces.
 SANDBOX = """
 set -e
 ip link set lo up
@@ -581,6 +581,7 @@ mount --make-rprivate /
 mount --bind "$1" "$2"
 mount -o remount,bind,ro /
 mount -t tmpfs -o size=2g tmpfs /tmp
+mount -t tmpfs tmpfs /run
 ulimit -v 8000000
 cd "$2"
 shift 2
@@ -614,6 +615,7 @@ class Workplace:
                 [*unshare, "sh", "-c", SANDBOX, "sandbox", self.directory, self.seen_as,
                  *command],
                 stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
+                env={**os.environ, "CCACHE_DIR": f"{self.seen_as}/build/ccache"},
             )
             try:
                 process.wait(limit)
@@ -720,14 +722,15 @@ def system_tests(path):
 class Tester:
     """Builds and tests mutants, several at a time."""
 
-    def __init__(self, work, jobs, components):
+    def __init__(self, work, jobs, mutants):
+        components = list(dict.fromkeys(component_of(m.path) for m in mutants))
         self.work = work
         self.seen_as = work / "tree"
         self.seen_as.mkdir()
         self.free = queue.Queue()
         first = self._new_workplace(0)
         self._first_build(first, components)
-        self.limits = self._measure(first, components)
+        self.durations = self._measure(first, components, mutants)
         for number in range(1, jobs):
             directory = work / str(number)
             shutil.copytree(first.directory, directory, symlinks=True)
@@ -744,9 +747,12 @@ class Tester:
         return Workplace(directory, self.seen_as)
 
     def _first_build(self, place, components):
+        # Sources without their fault again are not compiled again.
+        cache = ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"] if shutil.which("ccache") else []
         status, said = place.run(
             "cmake", "-S", ".", "-B", "build", "-DCMAKE_BUILD_TYPE=None",
-            "-DCMAKE_CXX_FLAGS=-O0 -w", "-DVORN_REQUIRE_TESTS=ON", limit=BUILD_LIMIT,
+            "-DCMAKE_CXX_FLAGS=-O0 -w", "-DVORN_REQUIRE_TESTS=ON", *cache,
+            limit=BUILD_LIMIT,
         )
         targets = {"vornlaunch"} | {self._unit_target(c) for c in components}
         if any(c.program != "vornlaunch" for c in components):
@@ -758,24 +764,25 @@ class Tester:
         if not built:
             sys.exit("the sources without a fault cannot be built:\n" + said)
 
-    def _measure(self, place, components):
-        """The time limits of the commands, from their duration without a fault."""
-        limits = {}
-        for component in components:
-            commands = [self._system(component.system)]
-            if component.unit:
-                commands.append(self._unit(component))
-            for command in commands:
-                if tuple(command) in limits:
-                    continue
-                begin = time.monotonic()
-                status, said = place.run(*command, limit=1800)
-                if status != 0:
-                    sys.exit(f"tests fail without a fault: {command}\n{said}")
-                taken = time.monotonic() - begin
-                print(f"{taken:.0f} s without a fault: {' '.join(command)}", flush=True)
-                limits[tuple(command)] = max(30.0, 4 * taken)
-        return limits
+    def _measure(self, place, components, mutants):
+        """The durations without a fault: of the unit tests of each component, and
+        of each file of whole-program tests that a mutant can need."""
+        files = sorted({name for m in mutants for name in system_tests(m.path)})
+        commands = {c.unit: self._unit(c) for c in components if c.unit}
+        commands.update((name, self._system([name])) for name in files)
+        durations = {}
+        for name, command in commands.items():
+            begin = time.monotonic()
+            status, said = place.run(*command, limit=1800)
+            if status != 0:
+                sys.exit(f"tests fail without a fault: {command}\n{said}")
+            durations[name] = time.monotonic() - begin
+            print(f"{durations[name]:.0f} s without a fault: {name}", flush=True)
+        return durations
+
+    def _limit(self, names):
+        """The time limit of these tests."""
+        return max(30.0, 4 * sum(self.durations[name] for name in names))
 
     @staticmethod
     def _unit_target(component):
@@ -798,17 +805,19 @@ class Tester:
         return [*PYTEST, "-q", "-x", "-n8", "--tb=no", "--build=build", *tests]
 
     def _suites(self, mutant):
-        """The steps of a test, in this order: name, target, command."""
+        """The steps of a test, in this order: name, target, command, time limit."""
         path = pathlib.PurePath(mutant.path)
         component = component_of(mutant.path)
-        unit = ("unit", self._unit_target(component), self._unit(component))
-        system = ("system", component.program, self._system(system_tests(mutant.path)))
+        names = system_tests(mutant.path)
+        system = ("system", component.program, self._system(names), self._limit(names))
         if not component.unit or path.name in ("vornlaunch.cpp", "main.cpp"):
             return [system]  # the entry of a program is in no unit test
-        suites = suites_of(path)
-        if path.suffix == ".h" or suites is None:
-            return [system, unit] if path.suffix == ".h" else [unit, system]
-        area = ("area", component.unit, self._unit(component, "-R", suites))
+        limit = self._limit([component.unit])
+        unit = ("unit", self._unit_target(component), self._unit(component), limit)
+        suites = suites_of(mutant.path)
+        if suites is None:
+            return [unit, system]
+        area = ("area", component.unit, self._unit(component, "-R", suites), limit)
         return [area, unit, system]
 
     def test(self, mutant):
@@ -817,14 +826,10 @@ class Tester:
         place = self.free.get()
         try:
             place.put(mutant)
-            for suite, target, command in self._suites(mutant):
+            for suite, target, command, limit in self._suites(mutant):
                 try:
                     if not place.build(target)[0]:
                         return "build"
-                    component = component_of(mutant.path)
-                    limit = self.limits[tuple(
-                        self._system(component.system) if suite == "system"
-                        else self._unit(component))]  # fmt: skip
                     if place.run(*command, limit=limit)[0] != 0:
                         return suite
                 except TimedOut:
@@ -921,8 +926,7 @@ def main():
         return 0
 
     with tempfile.TemporaryDirectory(prefix="mutants-", dir=arguments.work) as work:
-        components = dict.fromkeys(component_of(m.path) for m in mutants)
-        tester = Tester(pathlib.Path(work), arguments.jobs, components)
+        tester = Tester(pathlib.Path(work), arguments.jobs, mutants)
         printing = threading.Lock()
         done = []
 
