@@ -62,9 +62,11 @@ TEST(ImportSystemdTest, AShellExpandsVariables) {
 
 TEST(ImportSystemdTest, AnUnknownEscapeStaysAsItIs) {
   EXPECT_THAT(
-      serviceWith("ExecStart=/x \\ta\\s \\q \\\\ \\' \\x4 \\xzz \\x4g a\\x20\n")
+      serviceWith(
+          "ExecStart=/x \\ta\\s \\q \\\\ \\' \\x4 \\xzz \\x4g \\xg4 a\\x20\n")
           .arguments,
-      ElementsAre("\ta ", "\\q", "\\", "'", "\\x4", "\\xzz", "\\x4g", "a "));
+      ElementsAre("\ta ", "\\q", "\\", "'", "\\x4", "\\xzz", "\\x4g", "\\xg4",
+                  "a "));
 }
 
 TEST(ImportSystemdTest, AWordForTheShellIsQuoted) {

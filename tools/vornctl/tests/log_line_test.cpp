@@ -47,6 +47,7 @@ TEST(LogLineTest, PartOfALineOfANodeIsSkipped) {
   ASSERT_TRUE(line);
   EXPECT_EQ(line->pid, 42);
   EXPECT_EQ(line->timeUs, 1'795'178'096'789'012);
+  EXPECT_TRUE(parseLogLine("50 %" + std::string(kLine) + " after size Z x"));
 }
 
 TEST(LogLineTest, OtherAndTornTextsAreNoLines) {

@@ -80,6 +80,13 @@ TEST(TableTest, TheGapsOfAllColumnsTakeRoomOfTheLastOne) {
   EXPECT_EQ(aligned(table, false), "P  Q  CMND\n1  2  camera…\n");
 }
 
+TEST(TableTest, TheLastColumnWithoutATitleHasAtLeastOneCharacter) {
+  EXPECT_NE(std::setlocale(LC_CTYPE, "C.UTF-8"), nullptr);
+  Table table = {{}, {{{"1"}, {"camera"}}}};
+  truncateLastColumn(table, 1);
+  EXPECT_EQ(aligned(table, false), "1  …\n");
+}
+
 TEST(TableTest, EveryColourHasItsSequenceAndEnds) {
   EXPECT_EQ(coloured("x", Colour::NONE).str(), "x");
   EXPECT_EQ(coloured("", Colour::RED).str(), "");
