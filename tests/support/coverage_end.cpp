@@ -1,6 +1,7 @@
 // Linked into the programs of the coverage build, whose counters are otherwise
 // written only by exit handlers: also writes them before _exit(), execv() and
-// execve(), and independently of the limits on file sizes and descriptors.
+// execve(), and raises the limits on file sizes and descriptors as far as it
+// may.
 
 #include <sys/resource.h>
 #include <unistd.h>
