@@ -52,7 +52,7 @@ def current(machine):
 
 def test_apply_replaces_the_file_once(robot):
     new = text_of(robot, 1002)
-    done = apply(robot, new, "--unit", "vornlaunch@robot")
+    done = apply(robot, new, "--unit", "vornlaunch@robot", "--hook", "true")
     assert (done.returncode, done.stdout, done.stderr) == (0, "applied\n", "")
     assert (current(robot), restarts(robot)) == (new, ["vornlaunch@robot"])
     robot.child("camera", ["sleep", "1002"])
