@@ -119,12 +119,7 @@ def wait_for_end(terminal, status):
 def test_the_screen_shows_every_node_in_the_order_of_the_file(robot):
     camera, lidar = (robot.status(name).pid for name in ("camera", "lidar"))
     terminal = shown(robot, columns=120)
-    screen = terminal.wait_for(lambda screen: re.search(r" \dK|\dM", screen[2]),
-                               "the memory of the camera")
-    # Only the seconds and the use of the processor and of memory are unknown.
-    screen = [re.sub(r" \d+\.\d +\d\S+ +\d+s +", " 0.0  9M  0s ", line)
-              for line in screen]
-    assert screen == [
+    expected = [
         f"launcher {robot.pid}  4 nodes: 2 never started, 2 running"
         "  /tmp/launch.yaml",
         "NODE(N)  STATE(S)       PID(P)  CPU(C)  MEM(M)  UPTIME(U)  RESTARTS(R)"
@@ -136,26 +131,32 @@ def test_the_screen_shows_every_node_in_the_order_of_the_file(robot):
         *[""] * 17,
         WIDE_KEYS,
     ]
+    # Only the seconds and the use of the processor and of memory are unknown.
+    terminal.wait_for(
+        lambda screen: expected == [
+            re.sub(r" \d+\.\d +\d\S+ +\d+s +", " 0.0  9M  0s ", line)
+            for line in screen], "every node")
 
 
 def test_only_the_named_nodes_are_shown(robot):
-    screen = shown(robot, "lidar", "o*").screen()
-    assert [line.split(" ")[0] for line in screen if line] == [
-        "launcher", "NODE(N)", "lidar", "off", "Up/Down"]
+    shown(robot, "lidar", "o*").wait_for(
+        lambda screen: [line.split(" ")[0] for line in screen if line] == [
+            "launcher", "NODE(N)", "lidar", "off", "Up/Down"], "only these nodes")
 
 
 def test_a_name_that_the_launcher_does_not_know_is_unknown(robot):
-    assert has_row("radar", "unknown")(shown(robot, "radar").screen())
+    wait_for_row(shown(robot, "radar"), "radar", "unknown")
 
 
 def test_a_launch_file_without_nodes_leaves_the_table_empty(machine):
     terminal = shown(machine.start({"vornnode": {}}))
     terminal.press("Down", "s")
-    screen = terminal.screen()
-    assert [line for line in screen if line] == [
+    expected = [
         f"launcher {machine.pid}  0 nodes  /tmp/launch.yaml",
         "NODE(N)  STATE(S)  PID(P)  CPU(C)  MEM(M)  UPTIME(U)  RESTARTS(R)  POLICY"
         "  REQU…", KEYS]
+    terminal.wait_for(lambda screen: [line for line in screen if line] == expected,
+                      "an empty table")
     terminal.press("q")
     assert wait_for_end(terminal, 0) == ""
 
@@ -175,10 +176,10 @@ def test_wide_and_control_characters_do_not_shift_the_columns(machine):
     machine.start({"vornnode": {
         "日本語": {"path": path}, "tab\tescape\x1b": {"path": path},
         "accent\u0301": {"path": path}, "n": {"path": path}}})
-    screen = shown(machine).screen()
-    assert [line.split("  running  ")[0] for line in screen[2:6]] == [
-        "日本語         ", r"tab\tescape\x1b", "accent\u0301         ",
-        "n              "]
+    shown(machine).wait_for(
+        lambda screen: [line.split("  running  ")[0] for line in screen[2:6]] == [
+            "日本語         ", r"tab\tescape\x1b", "accent\u0301         ",
+            "n              "], "columns that are not shifted")
 
 
 def test_names_are_shown_as_they_are_where_no_locale_is_set(machine):
@@ -186,12 +187,14 @@ def test_names_are_shown_as_they_are_where_no_locale_is_set(machine):
     environment = {"LC_ALL": "C.UTF-8"}  # for tmux
     terminal = Terminal(machine, "env", "-u", "LC_ALL", VORNCTL, "top",
                         environment=environment)
-    assert terminal.wait_for_text("STATE(S)")[2].startswith("日本語   running")
+    terminal.wait_for(lambda screen: screen[2].startswith("日本語   running"),
+                      "the name as it is")
 
 
 def test_a_long_name_leaves_room_for_the_state(machine):
     machine.start({"vornnode": {"n" * 120: {"path": stay(machine)}}})
-    assert shown(machine).screen()[2].startswith("n" * 39 + "…  running  ")
+    shown(machine).wait_for(
+        lambda screen: screen[2].startswith("n" * 39 + "…  running  "), "the state")
 
 
 # -- Colours.
@@ -309,8 +312,7 @@ def test_a_key_shows_help_in_ten_rows_of_forty_columns(robot):
     assert {line.split()[0] for line in screen[:-1]} == {
         "Up/Down", "PgUp/PgDn", "s", "e", "N", "/", "l", "u", "q"}
     terminal.press("q")  # The key only returns
-    terminal.wait_for_text("camera")
-    assert terminal.screen()[-1] == NARROW_KEYS
+    terminal.wait_for(lambda screen: screen[-1] == NARROW_KEYS, "the keys")
 
 
 def test_the_message_disappears_with_the_next_key(robot):
@@ -339,7 +341,7 @@ def test_an_action_requests_only_the_status_of_its_node(robot):
 
 def test_a_required_node_that_restarts_too_is_detected(robot):
     terminal = shown(robot)
-    before = pid_of_row(terminal.screen(), "lidar")
+    before = pid_of_row(wait_for_row(terminal, "lidar", "running"), "lidar")
     terminal.press("r", "y")
     terminal.wait_for(
         lambda screen: has_row("lidar", "running")(screen)
