@@ -34,7 +34,7 @@ packages=(kmod busybox-static udev systemd-sysv dbus openssh-server iproute2 pro
 # What the state model needs on the machine itself.
 if [[ $arch == arm64 ]]; then
   packages+=(gcc libc6-dev python3-pytest python3-pytest-timeout python3-hypothesis
-    python3-yaml "$YAML_CPP_PACKAGE")
+    python3-yaml systemd-journal-remote "$YAML_CPP_PACKAGE")
 fi
 
 install_packages "${LAB_PACKAGES[@]}"
