@@ -26,7 +26,7 @@ class HostRulesTest : public testing::Test {
   ~HostRulesTest() override { fs::remove_all(directory_); }
 
   std::string program(const std::string& bytes, mode_t mode = 0755) const {
-    const std::string path = directory_ / "program";
+    std::string path = directory_ / "program";
     std::ofstream(path, std::ios::binary) << bytes;
     EXPECT_EQ(::chmod(path.c_str(), mode), 0);
     return path;
